@@ -1,0 +1,96 @@
+#include "ZephalLogging.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <mutex>
+
+class ZPKLogAnchor {
+ public:
+  void setSink(std::function<void(int, std::string_view)> sink) {
+    const std::lock_guard guard(_mutex);
+    _sink.swap(sink);
+  }
+
+  void write(int level, std::string line) {
+    const std::lock_guard guard(_mutex);
+    if (_sink) {
+      _sink(level, line);
+      return;
+    }
+    writeToStandardError(std::move(line));
+  }
+
+ private:
+  // One write per line, so that lines of several threads or processes do not cut into each other.
+  static void writeToStandardError(std::string line) {
+    if (!line.ends_with('\n')) line.push_back('\n');
+    std::string_view rest = line;
+    while (!rest.empty()) {
+      const ssize_t written = ::write(STDERR_FILENO, rest.data(), rest.size());
+      if (written < 0 && errno == EINTR) continue;
+      if (written <= 0) return;
+      rest.remove_prefix(static_cast<size_t>(written));
+    }
+  }
+
+  // Recursive: a sink may itself log or change the sink.
+  std::recursive_mutex _mutex;
+  std::function<void(int, std::string_view)> _sink;
+};
+
+void ZPKLogArgument::appendTo(std::string& line) const {
+  struct Appender {
+    std::string& line;
+    void operator()(std::monostate) const { line += "(null)"; }
+    void operator()(int64_t value) const { line += std::to_string(value); }
+    void operator()(uint64_t value) const { line += std::to_string(value); }
+    void operator()(std::string_view text) const { line += text; }
+    void operator()(const std::string& text) const { line += text; }
+  };
+  std::visit(Appender{line}, _value);
+}
+
+ZPKLogAnchorPtr ZPKLogGetAnchor() {
+  // Never destroyed: threads may still log while the process runs its exit handlers.
+  static auto* anchor = new ZPKLogAnchorPtr(std::make_shared<ZPKLogAnchor>());
+  return *anchor;
+}
+
+std::string ZPKLoggingFormatArguments(const char* format,
+                                      std::span<const ZPKLogArgument> arguments) {
+  std::string text;
+  size_t next = 0;
+  for (const char* at = format; *at != '\0'; ++at) {
+    if (*at != '%') {
+      text.push_back(*at);
+      continue;
+    }
+    const char directive = at[1];
+    if (directive == '%') {
+      text.push_back('%');
+      ++at;
+      continue;
+    }
+    const bool known = directive == '@' || directive == 's' || directive == 'd';
+    if (!known || next == arguments.size()) {
+      text.push_back('%');
+      continue;
+    }
+    arguments[next++].appendTo(text);
+    ++at;
+  }
+  return text;
+}
+
+void ZPKLoggingLogArguments(const ZPKLogAnchorPtr& anchor, int level, const char* format,
+                            std::span<const ZPKLogArgument> arguments) {
+  if (anchor == nullptr) return;
+  const int savedErrno = errno;  // a log line must not disturb what its caller looks at next
+  anchor->write(level, ZPKLoggingFormatArguments(format, arguments));
+  errno = savedErrno;
+}
+
+void ZPKLoggingSetSink(std::function<void(int, std::string_view)> sink) {
+  ZPKLogGetAnchor()->setSink(std::move(sink));
+}

@@ -1,0 +1,118 @@
+// ZephalLogging: where the lines of ZephalIO go.
+//
+// A log site fetches the anchor and writes one line:
+//
+//     ZPKLoggingLog(ZPKLogGetAnchor(), 0, "Error opening %@ - %s(%d)", path, text, number);
+//
+// By default a line goes to standard error. A host program that has a logger of its own takes the
+// lines over with ZPKLoggingSetSink. Everything here may be called from any thread.
+#pragma once
+
+#include <array>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <variant>
+
+#if defined(__GNUC__)
+#define ZPK_LOGGING_EXPORT __attribute__((visibility("default")))
+#else
+#define ZPK_LOGGING_EXPORT
+#endif
+
+/// The process's logging anchor: opaque, shared, never null.
+class ZPKLogAnchor;
+using ZPKLogAnchorPtr = std::shared_ptr<ZPKLogAnchor>;
+
+/// An object that a "%@" can show: it gives its usual text.
+template <class T>
+concept ZPKLogDescribable = requires(const T& object) {
+  { object.debugDescription() } -> std::convertible_to<std::string>;
+};
+
+/// One argument of a format, made implicitly from what the call site has at hand. Text given as a
+/// `const char*` or a view is not copied; the argument lives no longer than the call.
+class ZPKLogArgument {
+ public:
+  ZPKLogArgument(std::nullptr_t) : _value(std::monostate{}) {}
+  template <std::integral T>
+  ZPKLogArgument(T value) {
+    if constexpr (std::is_signed_v<T>) {
+      _value = static_cast<int64_t>(value);
+    } else {
+      _value = static_cast<uint64_t>(value);
+    }
+  }
+  ZPKLogArgument(const char* text) {
+    if (text != nullptr) _value = std::string_view(text);
+  }
+  ZPKLogArgument(std::string_view text) : _value(text) {}
+  ZPKLogArgument(const std::string& text) : _value(std::string_view(text)) {}
+  template <class Text>
+  requires std::convertible_to<const Text&, std::string_view> ZPKLogArgument(
+      const std::optional<Text>& text) {
+    if (text.has_value()) _value = std::string_view(*text);
+  }
+  template <ZPKLogDescribable T>
+  ZPKLogArgument(const T& object) : _value(object.debugDescription()) {}
+  template <ZPKLogDescribable T>
+  ZPKLogArgument(const std::optional<T>& object) {
+    if (object.has_value()) _value = object->debugDescription();
+  }
+  template <ZPKLogDescribable T>
+  ZPKLogArgument(const std::shared_ptr<T>& object) {
+    if (object != nullptr) _value = object->debugDescription();
+  }
+
+  /// Adds this argument's text to `line`; a null object or string shows as "(null)".
+  ZPK_LOGGING_EXPORT void appendTo(std::string& line) const;
+
+ private:
+  std::variant<std::monostate, int64_t, uint64_t, std::string_view, std::string> _value;
+};
+
+/// The process's anchor. Call it afresh at every log site.
+ZPK_LOGGING_EXPORT ZPKLogAnchorPtr ZPKLogGetAnchor();
+
+/// Formats `format` with the arguments. The directives are "%@" (an object), "%s" (text), "%d" (an
+/// integer) and "%%"; each takes the next argument and shows that argument's own text, so that a
+/// wrong pairing can neither crash nor print garbage. A directive without an argument, and any
+/// other percent sign, stands as it is written.
+ZPK_LOGGING_EXPORT std::string ZPKLoggingFormatArguments(const char* format,
+                                                         std::span<const ZPKLogArgument> arguments);
+
+/// Writes one line. The worker behind ZPKLoggingLog.
+ZPK_LOGGING_EXPORT void ZPKLoggingLogArguments(const ZPKLogAnchorPtr& anchor, int level,
+                                               const char* format,
+                                               std::span<const ZPKLogArgument> arguments);
+
+/// The text that ZPKLoggingLog would write for the same format and arguments.
+template <class... Arguments>
+std::string ZPKLoggingFormat(const char* format, const Arguments&... arguments) {
+  const std::array<ZPKLogArgument, sizeof...(Arguments)> list{ZPKLogArgument(arguments)...};
+  return ZPKLoggingFormatArguments(format, list);
+}
+
+/// Writes one line at `level`: 0 for failures, 1 for notices. Never fails; may be called from any
+/// thread, also from several at once.
+template <class... Arguments>
+void ZPKLoggingLog(const ZPKLogAnchorPtr& anchor, int level, const char* format,
+                   const Arguments&... arguments) {
+  const std::array<ZPKLogArgument, sizeof...(Arguments)> list{ZPKLogArgument(arguments)...};
+  ZPKLoggingLogArguments(anchor, level, format, list);
+}
+
+/// Sends every later line to `sink` instead of standard error; an empty function restores the
+/// default. The line comes without a line feed of its own. The sink is called on the thread that
+/// logs, one call at a time, and is not called any more once a later ZPKLoggingSetSink has
+/// returned. A sink must not call ZephalIO, which may log while it holds a lock.
+ZPK_LOGGING_EXPORT void ZPKLoggingSetSink(
+    std::function<void(int level, std::string_view line)> sink);
