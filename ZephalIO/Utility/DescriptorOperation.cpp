@@ -1,0 +1,145 @@
+#include "Utility/DescriptorOperation.h"
+
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+
+#include "Utility/ZPKMutableData.h"
+
+namespace {
+
+// What is read when nothing waits yet: as much as a device can have sent by the time that the wait
+// is over, and little enough to come from the heap's fast path.
+constexpr size_t kReadSize = 65536;
+
+// The longest finite wait; beyond it a timeval could overflow, and no process lives that long.
+constexpr double kLongestWait = 1.0e12;
+
+constexpr timeval kUnselectablePause{0, 100000};
+
+timeval timevalFromSeconds(double seconds) {
+  const double wait = std::min(seconds, kLongestWait);
+  timeval result{};
+  result.tv_sec = static_cast<time_t>(std::floor(wait));
+  result.tv_usec = static_cast<suseconds_t>(
+      static_cast<int32_t>((wait - static_cast<double>(result.tv_sec)) * 1000000.0));
+  return result;
+}
+
+int bytesWaiting(int descriptor) {
+  int count = 0;
+  ::ioctl(descriptor, FIONREAD, &count);
+  return count;
+}
+
+// True once the descriptor can be read; false on a timeout. A failed select is reported and leaves
+// `hasFailed` set.
+bool waitUntilReadable(int descriptor, double timeout, bool* hasFailed, ZPKErrorPtr* error) {
+  fd_set set;
+  FD_ZERO(&set);
+  const bool fitsSet = descriptor < FD_SETSIZE;
+  if (fitsSet) FD_SET(descriptor, &set);
+  const bool isForever = timeout == ZEPHAL_COMMUNICATION_TIME_FOREVER;
+  timeval time = isForever ? kUnselectablePause : timevalFromSeconds(timeout);
+  timeval* const limit = isForever && fitsSet ? nullptr : &time;
+  const auto [count, number] = select_with_retry(descriptor + 1, &set, limit);
+  if (count < 0) {
+    ZPKReportFailure(error, kZPICommunicationDomain, 5, {"zephal_communication_read"},
+                     "Select failed with error %s (%d), fd=%d", ZPIErrorText(number), number,
+                     descriptor);
+    *hasFailed = true;
+    return false;
+  }
+  return count > 0 && fitsSet && FD_ISSET(descriptor, &set);
+}
+
+template <class WriteCall>
+bool writeAll(const ZPKDataPtr& data, ZPKErrorPtr* error, WriteCall writeCall) {
+  const ZPKDataPtr held = data;
+  const uint8_t* bytes = held == nullptr ? nullptr : held->bytes();
+  size_t remaining = held == nullptr ? 0 : held->length();
+  while (remaining > 0) {
+    errno = 0;
+    const ssize_t written = writeCall(bytes, remaining);
+    if (written < 1) {
+      const int number = errno;
+      ZPKReportFailure(error, kZPICommunicationDomain, 5, {"zephal_communication_write"},
+                       "Write failed with %s (%d)", ZPIErrorText(number), number);
+      return false;
+    }
+    bytes += written;
+    remaining -= static_cast<size_t>(written);
+  }
+  return true;
+}
+
+}  // namespace
+
+ZPICallResult select_with_retry(int nfds, fd_set* readSet, timeval* timeout) {
+  const int count = std::min(nfds, static_cast<int>(FD_SETSIZE));
+  for (;;) {
+    errno = 0;
+    const int result = ::select(count, readSet, nullptr, nullptr, timeout);
+    const int number = errno;
+    if (result < 0 && (number == EAGAIN || number == EINTR)) continue;
+    return {result, number};
+  }
+}
+
+ZPICallResult read_with_retry(int descriptor, void* buffer, size_t count) {
+  for (;;) {
+    errno = 0;
+    const ssize_t result = ::read(descriptor, buffer, count);
+    const int number = errno;
+    if (result < 0 && number == EAGAIN) continue;
+    return {number == EINTR ? 0 : result, number};
+  }
+}
+
+ZPKDataPtr zephal_communication_read(int descriptor, double timeout, ZPKErrorPtr* error) {
+  const int waiting = bytesWaiting(descriptor);
+  const bool isNow = timeout == ZEPHAL_COMMUNICATION_TIME_NOW;
+  if (isNow && waiting <= 0) return ZPKData::data();
+  const size_t size = waiting <= 0 ? kReadSize : static_cast<size_t>(waiting);
+  if (!isNow) {
+    bool hasFailed = false;
+    if (!waitUntilReadable(descriptor, timeout, &hasFailed, error)) {
+      return hasFailed ? nullptr : ZPKData::data();
+    }
+  }
+  // Not zeroed: read overwrites what is handed on. A failed allocation shows as a failed read.
+  void* const buffer = std::malloc(size);
+  const auto [count, number] = read_with_retry(descriptor, buffer, size);
+  if (count > 0) {
+    return ZPKMutableData::dataWithBytesNoCopy(buffer, static_cast<size_t>(count), size);
+  }
+  std::free(buffer);
+  ZPKReportFailure(error, kZPICommunicationDomain, 5, {"zephal_communication_read"},
+                   "Read failed with error %s (%d)", ZPIErrorText(number), number);
+  return nullptr;
+}
+
+bool zephal_communication_write(int descriptor, const ZPKDataPtr& data, ZPKErrorPtr* error) {
+  bool isSocket = true;
+  return writeAll(data, error, [&](const uint8_t* bytes, size_t count) {
+    if (isSocket) {
+      const ssize_t sent = ::send(descriptor, bytes, count, MSG_NOSIGNAL);
+      if (sent >= 0 || errno != ENOTSOCK) return sent;
+      isSocket = false;
+      errno = 0;
+    }
+    return ::write(descriptor, bytes, count);
+  });
+}
+
+bool zephal_communication_write_no_socket(int descriptor, const ZPKDataPtr& data,
+                                          ZPKErrorPtr* error) {
+  return writeAll(data, error, [descriptor](const uint8_t* bytes, size_t count) {
+    return ::write(descriptor, bytes, count);
+  });
+}

@@ -1,0 +1,34 @@
+#include "Utility/ZPIByteSearch.h"
+
+#include <cstring>
+
+#include "Utility/ZPKTypes.h"
+
+namespace {
+
+// memchr runs at a tenth of an instruction a byte, memmem at eight, but every false start costs
+// memchr a new call. One in 32 bytes is about where the two meet; the slack keeps short buffers on
+// memchr.
+constexpr size_t kBytesPerFalseStart = 32;
+constexpr size_t kSlackBytes = 256;
+
+}  // namespace
+
+size_t ZPIFindBytes(const uint8_t* bytes, size_t length, const uint8_t* needle,
+                    size_t needleLength) {
+  if (needleLength == 0 || needleLength > length) return ZPKNotFound;
+  const uint8_t* const lastStart = bytes + (length - needleLength);
+  const uint8_t* at = bytes;
+  for (size_t falseStarts = 0; at <= lastStart; ++falseStarts, ++at) {
+    const size_t scanned = static_cast<size_t>(at - bytes);
+    if (falseStarts * kBytesPerFalseStart > scanned + kSlackBytes) break;
+    at = static_cast<const uint8_t*>(
+        std::memchr(at, needle[0], static_cast<size_t>(lastStart - at) + 1));
+    if (at == nullptr) return ZPKNotFound;
+    if (std::memcmp(at, needle, needleLength) == 0) return static_cast<size_t>(at - bytes);
+  }
+  if (at > lastStart) return ZPKNotFound;
+  const void* found = ::memmem(at, length - static_cast<size_t>(at - bytes), needle, needleLength);
+  if (found == nullptr) return ZPKNotFound;
+  return static_cast<size_t>(static_cast<const uint8_t*>(found) - bytes);
+}

@@ -1,0 +1,20 @@
+// UTF-8 text (RFC 3629): validity, and code points counted in bytes and back.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+#include "Utility/ZPKTypes.h"
+
+/// Whether `text` is valid UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
+bool ZPIIsValidUTF8(std::string_view text);
+
+/// The number of code points in valid UTF-8.
+size_t ZPICodePointCount(std::string_view text);
+
+/// The byte offset at which code point `index` of valid UTF-8 begins; the length of the text if it
+/// has no more than `index` code points.
+size_t ZPIByteOffsetOfCodePoint(std::string_view text, size_t index);
+
+/// The part of valid UTF-8 that `range`, in code points, names; it is cut at the end of the text.
+std::string_view ZPITextInRange(std::string_view text, ZPKRange range);

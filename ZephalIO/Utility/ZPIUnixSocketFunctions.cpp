@@ -1,0 +1,96 @@
+#include "Utility/ZPIUnixSocketFunctions.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "Utility/ZPKSocketFunctions.h"
+
+namespace {
+
+constexpr int kBacklog = 5;
+
+sockaddr_un addressOfPath(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  // Cut silently, with room for the zero that ends it.
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  return address;
+}
+
+int connectTo(int fd, const std::string& path) {
+  const sockaddr_un address = addressOfPath(path);
+  return ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+}
+
+void closeKeepingErrno(int fd) {
+  const int number = errno;
+  ::close(fd);
+  errno = number;
+}
+
+int passive_unix__internal(const std::string& path, int* saved_errno) {
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  const int32_t on = 1;
+  ::setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
+  const sockaddr_un address = addressOfPath(path);
+  const int result = ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  if (saved_errno != nullptr) *saved_errno = errno;
+  if (result != 0) {
+    closeKeepingErrno(fd);
+    return -1;
+  }
+  ::listen(fd, kBacklog);
+  return fd;
+}
+
+bool isSocketFile(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0 && (status.st_mode & S_IFMT) == S_IFSOCK;
+}
+
+bool somebodyListens(const std::string& path) {
+  const int probe = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  const bool isConnected = connectTo(probe, path) == 0;
+  closeKeepingErrno(probe);
+  return isConnected;
+}
+
+}  // namespace
+
+int passive_unix(const std::string& path) {
+  int saved_errno = 0;
+  int result = passive_unix__internal(path, &saved_errno);
+  if (result >= 0) return result;
+  if (isSocketFile(path) && !somebodyListens(path)) {
+    ::unlink(path.c_str());
+    result = passive_unix__internal(path, &saved_errno);
+  }
+  if (saved_errno == EADDRINUSE && result < 0) {
+    std::printf("Warning : sock_path %s is busy (errno=%d)\n", path.c_str(), EADDRINUSE);
+    return result;
+  }
+  if (result < 0 && errno != EADDRINUSE) {
+    std::printf("Warning : sock_path %s is restricted (errno=%d)\n", path.c_str(), saved_errno);
+    return -1;
+  }
+  return result;
+}
+
+int active_unix(const std::string& path) {
+  int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  if (connectTo(fd, path) != 0) {
+    closeKeepingErrno(fd);
+    fd = -1;
+  }
+  const int number = errno;
+  no_sigpipe(fd);
+  errno = number;
+  return fd;
+}

@@ -1,0 +1,90 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <utility>
+
+/// A mutex of four bytes: objects here have up to a dozen properties each, and a station holds
+/// hundreds of objects. A waiter sleeps in the system; nothing spins without limit.
+class ZPKSmallMutex {
+ public:
+  void lock() {
+    uint32_t expected = kFree;
+    if (_state.compare_exchange_strong(expected, kHeld, std::memory_order_acquire,
+                                       std::memory_order_relaxed)) {
+      return;
+    }
+    while (_state.exchange(kContended, std::memory_order_acquire) != kFree) {
+      _state.wait(kContended, std::memory_order_relaxed);
+    }
+  }
+
+  void unlock() {
+    if (_state.exchange(kFree, std::memory_order_release) == kContended) _state.notify_one();
+  }
+
+ private:
+  static constexpr uint32_t kFree = 0;
+  static constexpr uint32_t kHeld = 1;
+  static constexpr uint32_t kContended = 2;
+
+  std::atomic<uint32_t> _state{kFree};
+};
+
+/// A property of any copyable type that may be read on any thread while another replaces it.
+template <class T>
+class ZPKAtomic {
+ public:
+  explicit ZPKAtomic(T value = T()) : _value(std::move(value)) {}
+
+  T load() const {
+    const std::lock_guard guard(_mutex);
+    return _value;
+  }
+
+  void store(T value) {
+    {
+      const std::lock_guard guard(_mutex);
+      std::swap(_value, value);
+      _version.fetch_add(1, std::memory_order_release);
+    }
+    // The old value goes here, outside the lock: its destructor may run a caller's code.
+  }
+
+  /// A reader's own copy of a property, renewed only when the property was replaced: a read of an
+  /// unchanged property costs one atomic load. Belongs to one thread at a time.
+  class Snapshot {
+   public:
+    explicit Snapshot(const ZPKAtomic& property)
+        : _property(property), _version(property._version.load(std::memory_order_relaxed)) {
+      _value = property.load();
+    }
+
+    /// The property's present value; the reference holds until the next call.
+    const T& current() {
+      if (_property._version.load(std::memory_order_acquire) != _version) renew();
+      return _value;
+    }
+
+   private:
+    void renew() {
+      T value;
+      {
+        const std::lock_guard guard(_property._mutex);
+        _version = _property._version.load(std::memory_order_relaxed);
+        value = _property._value;
+      }
+      std::swap(_value, value);
+    }
+
+    const ZPKAtomic& _property;
+    uint32_t _version;
+    T _value;
+  };
+
+ private:
+  mutable ZPKSmallMutex _mutex;
+  std::atomic<uint32_t> _version{0};
+  T _value;
+};

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string_view>
+
+#include "Utility/ZPKExport.h"
+
+/// A timeout that never runs out. Compared by exact equality: any other negative timeout is
+/// refused.
+extern ZPK_EXPORT const double ZEPHAL_COMMUNICATION_TIME_FOREVER;
+/// A timeout that is over at once: take what is there and return.
+extern ZPK_EXPORT const double ZEPHAL_COMMUNICATION_TIME_NOW;
+
+/// Option key of a serial port's speed: an integer number of bits per second, 115200 by default.
+extern ZPK_EXPORT const std::string_view ZEPHAL_COMMUNICATION_UART_BAUD;
+/// Option key of a serial port's character format: a string of three characters, the size ("5" to
+/// "8"), the parity ("N", "O" or "E") and the stop bits ("1" or "2"), "8N1" by default.
+extern ZPK_EXPORT const std::string_view ZEPHAL_COMMUNICATION_UART_MODE;
+/// Option key of the exclusive hold on a serial port: a boolean number, true by default.
+extern ZPK_EXPORT const std::string_view ZEPHAL_COMMUNICATION_UART_EXCLUSIVE_LOCK;
+
+/// Version symbols, in the form that a file-identification tool such as what(1) looks for.
+extern ZPK_EXPORT const double ZephalIOVersionNumber;
+extern ZPK_EXPORT const unsigned char ZephalIOVersionString[];

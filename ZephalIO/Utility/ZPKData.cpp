@@ -1,0 +1,75 @@
+#include "Utility/ZPKData.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "Utility/ZPIByteSearch.h"
+#include "Utility/ZPIText.h"
+#include "Utility/ZPKMutableData.h"
+
+ZPKDataPtr ZPKData::data() {
+  static const ZPKDataPtr empty = std::make_shared<ZPKData>(Key());
+  return empty;
+}
+
+ZPKDataPtr ZPKData::dataWithBytes(const void* bytes, size_t length) {
+  if (length == 0) return data();
+  auto result = std::make_shared<ZPKData>(Key());
+  result->_storage = static_cast<uint8_t*>(std::malloc(length));
+  if (result->_storage == nullptr) throw std::bad_alloc();
+  std::memcpy(result->_storage, bytes, length);
+  result->_length = length;
+  return result;
+}
+
+ZPKDataPtr ZPKData::dataWithBytesNoCopy(void* buffer, size_t length) {
+  auto result = std::make_shared<ZPKData>(Key());
+  result->_storage = static_cast<uint8_t*>(buffer);
+  result->_length = length;
+  return result;
+}
+
+ZPKDataPtr ZPKData::dataWithString(std::optional<std::string_view> string) {
+  if (!string.has_value()) return nullptr;
+  return dataWithBytes(string->data(), string->size());
+}
+
+ZPKData::~ZPKData() { std::free(_storage); }
+
+ZPKDataPtr ZPKData::copy() const {
+  if (ZPKDataPtr self = weak_from_this().lock()) return self;
+  return dataWithBytes(bytes(), _length);
+}
+
+ZPKMutableDataPtr ZPKData::mutableCopy() const {
+  auto result = ZPKMutableData::data();
+  result->append(*this);
+  return result;
+}
+
+size_t ZPKData::getBytes(void* buffer, size_t length) const {
+  const size_t count = std::min(length, _length);
+  if (count > 0) std::memcpy(buffer, bytes(), count);
+  return count;
+}
+
+ZPKDataPtr ZPKData::subdata(ZPKRange range) const {
+  if (range.location > _length || range.length > _length - range.location) return nullptr;
+  return dataWithBytes(bytes() + range.location, range.length);
+}
+
+ZPKRange ZPKData::find(const ZPKData& pattern, ZPKRange range) const {
+  if (range.location >= _length) return {};
+  const size_t length = std::min(range.length, _length - range.location);
+  const size_t offset =
+      ZPIFindBytes(bytes() + range.location, length, pattern.bytes(), pattern.length());
+  if (offset == ZPKNotFound) return {};
+  return {range.location + offset, pattern.length()};
+}
+
+std::optional<std::string> ZPKData::string() const {
+  if (!ZPIIsValidUTF8(view())) return std::nullopt;
+  return std::string(view());
+}

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Utility/ZPKExport.h"
+#include "Utility/ZPKTypes.h"
+
+/// An immutable sequence of bytes, shared by reference.
+///
+/// Null and empty are two different things everywhere in this library: a null pointer is "no data",
+/// an empty instance is "data of length 0". All operations may run on any thread at the same time,
+/// as long as the object is not a ZPKMutableData that somebody edits.
+class ZPK_EXPORT ZPKData : public std::enable_shared_from_this<ZPKData> {
+  struct Key {
+    explicit Key() = default;
+  };
+
+ public:
+  /// The empty instance; always the same one, nothing is allocated.
+  static ZPKDataPtr data();
+  /// A copy of `length` bytes.
+  static ZPKDataPtr dataWithBytes(const void* bytes, size_t length);
+  /// Takes over `buffer`, which came from malloc(3), and frees it with free(3) when the last
+  /// reference goes. Nothing is copied. `length` may be less than what was allocated.
+  static ZPKDataPtr dataWithBytesNoCopy(void* buffer, size_t length);
+  /// The UTF-8 bytes of a string; null for a null string.
+  static ZPKDataPtr dataWithString(std::optional<std::string_view> string);
+
+  explicit ZPKData(Key) {}
+  ZPKData(const ZPKData&) = delete;
+  ZPKData& operator=(const ZPKData&) = delete;
+  virtual ~ZPKData();
+
+  /// The first byte. May be null when the length is 0. Valid for as long as the object lives and,
+  /// for a ZPKMutableData, until its next edit.
+  const uint8_t* bytes() const { return _storage + _head; }
+  size_t length() const { return _length; }
+  /// The bytes as a view, valid for as long as bytes().
+  std::string_view view() const { return {reinterpret_cast<const char*>(bytes()), _length}; }
+
+  /// An immutable copy. Of an immutable object this is the object itself.
+  virtual ZPKDataPtr copy() const;
+  /// A copy that can be edited.
+  ZPKMutableDataPtr mutableCopy() const;
+  /// Copies the first `length` bytes, or all of them if there are fewer, to `buffer`. Returns how
+  /// many were copied.
+  size_t getBytes(void* buffer, size_t length) const;
+  /// A new object with the bytes of `range`; null if the range does not lie within the data.
+  ZPKDataPtr subdata(ZPKRange range) const;
+
+  /// The first occurrence of `pattern`, in bytes, that lies wholly within `range`, a range that is
+  /// cut at the end of the data. The location is ZPKNotFound if there is none, or if the pattern is
+  /// empty.
+  ZPKRange find(const ZPKData& pattern, ZPKRange range) const;
+  ZPKRange find(const ZPKData& pattern) const { return find(pattern, {0, _length}); }
+
+  /// Decodes the bytes as UTF-8 (RFC 3629). Null if they are not valid UTF-8; an empty string if
+  /// there are none.
+  std::optional<std::string> string() const;
+
+  /// Equal bytes.
+  friend bool operator==(const ZPKData& left, const ZPKData& right) {
+    return left.view() == right.view();
+  }
+
+ protected:
+  explicit ZPKData(bool isMutable) : _isMutable(isMutable) {}
+
+  // A malloc(3) block, or null. The data are the `_length` bytes that begin at `_head`.
+  uint8_t* _storage = nullptr;
+  size_t _head = 0;
+  size_t _length = 0;
+  const bool _isMutable = false;
+
+  friend class ZPKMutableData;
+};

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <string_view>
+
+#include "Utility/ZPKExport.h"
+#include "Utility/ZPKTypes.h"
+
+/// The key of an error's description in its user information.
+inline constexpr std::string_view ZPKErrorDescriptionKey = "Description";
+/// The key of the place in the source that reported the error.
+inline constexpr std::string_view ZPKErrorLocationKey = "ErrorLocation";
+
+/// A failure, as an operation leaves it in the slot of its caller.
+///
+/// Immutable, so it may be read on any thread. An operation that fails returns false or null and
+/// fills the slot if it was given one; it writes its line to the log in either case. Test the
+/// result, not the slot: a success leaves the slot as it was, and a few failures have no error.
+class ZPK_EXPORT ZPKError {
+  struct Key {
+    explicit Key() = default;
+  };
+
+ public:
+  using UserInfo = std::map<std::string, std::string, std::less<>>;
+
+  /// An error with that domain, code and user information.
+  static ZPKErrorPtr init(std::string domain, int code, UserInfo userInfo);
+
+  ZPKError(Key, std::string domain, int code, UserInfo userInfo);
+
+  /// Which part of the system reports: "zephalbench." and one of "zephal-communication" (channels,
+  /// transformers, factories, services), "zephal-commchannel" (ZPKCommStack),
+  /// "zephal-commloggerchannel" (ZPKCommLoggerStack), "zephal-dataconversion". An error that comes
+  /// from the system itself has the domain "POSIX" (the code is the errno) or "PCRE2".
+  const std::string& domain() const { return _domain; }
+  int code() const { return _code; }
+  const UserInfo& userInfo() const { return _userInfo; }
+
+  /// The message, the value of ZPKErrorDescriptionKey; empty if there is none.
+  std::string description() const { return valueForKey(ZPKErrorDescriptionKey); }
+  /// The library's version and the site's file, function and line, the value of
+  /// ZPKErrorLocationKey; empty if there is none.
+  std::string location() const { return valueForKey(ZPKErrorLocationKey); }
+  /// Domain, code and description in one line, as a log shows an error.
+  std::string debugDescription() const;
+
+ private:
+  std::string valueForKey(std::string_view key) const;
+
+  const std::string _domain;
+  const int _code;
+  const UserInfo _userInfo;
+};

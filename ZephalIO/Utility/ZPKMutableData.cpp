@@ -1,0 +1,201 @@
+#include "Utility/ZPKMutableData.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "Utility/ZPIByteSearch.h"
+
+namespace {
+
+constexpr size_t kSmallestCapacity = 32;
+// A block this small is kept whatever it holds; a larger one that is mostly empty is not, so that
+// an idle buffer does not sit on the 64 KiB of the read that filled it.
+constexpr size_t kAlwaysKeptCapacity = 1024;
+constexpr size_t kSparseFactor = 8;
+
+bool isSparse(size_t length, size_t capacity) {
+  return capacity > kAlwaysKeptCapacity && length < capacity / kSparseFactor;
+}
+
+}  // namespace
+
+ZPKMutableData::ZPKMutableData() : ZPKData(true) {}
+
+ZPKMutableDataPtr ZPKMutableData::data() { return std::make_shared<ZPKMutableData>(); }
+
+ZPKMutableDataPtr ZPKMutableData::dataWithCapacity(size_t capacity) {
+  auto result = data();
+  result->reserveAtEnd(capacity);
+  return result;
+}
+
+ZPKMutableDataPtr ZPKMutableData::dataWithBytesNoCopy(void* buffer, size_t length,
+                                                      size_t capacity) {
+  auto result = data();
+  result->_storage = static_cast<uint8_t*>(buffer);
+  result->_length = length;
+  result->_capacity = capacity;
+  return result;
+}
+
+ZPKMutableDataPtr ZPKMutableData::mutableCopyGivingUp(ZPKDataPtr&& data) {
+  if (data == nullptr) return nullptr;
+  const ZPKDataPtr given = std::move(data);
+  if (!given->_isMutable || given.use_count() != 1) return given->mutableCopy();
+  // The last other holder may have let go on another thread a moment ago: taking and dropping a
+  // reference orders what it did with the bytes before what happens to them from here on.
+  { const ZPKDataPtr fence = given; }
+  return std::static_pointer_cast<ZPKMutableData>(std::const_pointer_cast<ZPKData>(given));
+}
+
+ZPKDataPtr ZPKMutableData::copy() const { return dataWithBytes(bytes(), _length); }
+
+uint8_t* ZPKMutableData::mutableBytes() {
+  forgetSearch();
+  return _storage + _head;
+}
+
+void ZPKMutableData::append(const void* bytes, size_t length) {
+  if (length == 0) return;
+  const auto* source = static_cast<const uint8_t*>(bytes);
+  const bool isOwn = _storage != nullptr && source >= _storage && source < _storage + _capacity;
+  const size_t ownOffset = isOwn ? static_cast<size_t>(source - this->bytes()) : 0;
+  reserveAtEnd(length);
+  if (isOwn) source = this->bytes() + ownOffset;
+  std::memmove(_storage + _head + _length, source, length);
+  _length += length;
+}
+
+void ZPKMutableData::appendGivingUp(ZPKMutableData* other) {
+  if (_length == 0 && !isSparse(other->_length, other->_capacity)) {
+    setLength(0);
+    std::swap(_storage, other->_storage);
+    std::swap(_head, other->_head);
+    std::swap(_length, other->_length);
+    std::swap(_capacity, other->_capacity);
+    other->forgetSearch();
+    return;
+  }
+  append(*other);
+  other->setLength(0);
+}
+
+void ZPKMutableData::setContents(const ZPKData& data) {
+  if (&data == this) return;
+  forgetSearch();
+  _head = 0;
+  _length = 0;
+  append(data);
+}
+
+void ZPKMutableData::setLength(size_t length) {
+  forgetSearch();
+  if (length > _length) {
+    const size_t added = length - _length;
+    reserveAtEnd(added);
+    std::memset(_storage + _head + _length, 0, added);
+  }
+  _length = length;
+  if (length == 0) _head = 0;
+}
+
+void ZPKMutableData::zeroRange(ZPKRange range) {
+  if (range.location >= _length) return;
+  forgetSearch();
+  std::memset(_storage + _head + range.location, 0,
+              std::min(range.length, _length - range.location));
+}
+
+void ZPKMutableData::dropFirst(size_t count) {
+  forgetSearch();
+  count = std::min(count, _length);
+  _head += count;
+  _length -= count;
+  releaseUnusedRoom();
+}
+
+void ZPKMutableData::moveFirst(size_t count, ZPKMutableData* out) {
+  count = std::min(count, _length);
+  forgetSearch();
+  out->setLength(0);
+  // The longer part keeps the storage, the shorter one is copied.
+  if (count < _length - count) {
+    out->append(bytes(), count);
+    dropFirst(count);
+    return;
+  }
+  swap(*out);
+  append(out->bytes() + count, out->_length - count);
+  out->setLength(count);
+}
+
+void ZPKMutableData::swap(ZPKMutableData& other) noexcept {
+  std::swap(_storage, other._storage);
+  std::swap(_head, other._head);
+  std::swap(_length, other._length);
+  std::swap(_capacity, other._capacity);
+  _searchedPattern.swap(other._searchedPattern);
+  std::swap(_searchedLength, other._searchedLength);
+}
+
+ZPKRange ZPKMutableData::find(const ZPKData& pattern) {
+  size_t start = 0;
+  if (_searchedLength > 0 && _searchedPattern == pattern.view()) {
+    // An occurrence can still begin in the last bytes that were too few for the whole pattern.
+    start = _searchedLength - std::min(_searchedLength, pattern.length() - 1);
+  }
+  const ZPKRange found = ZPKData::find(pattern, {start, _length - start});
+  if (found.location == ZPKNotFound && pattern.length() > 0) {
+    if (start == 0) _searchedPattern = pattern.view();
+    _searchedLength = _length;
+  }
+  return found;
+}
+
+// Growth doubles, so that appending costs amortised constant time; room that a dropped front left
+// is used first when it is at least half of the block.
+void ZPKMutableData::reserveAtEnd(size_t count) {
+  if (_capacity - _head - _length >= count) return;
+  const size_t needed = _length + count;
+  if (needed < count) throw std::bad_alloc();
+  if (_head > 0 && needed <= _capacity / 2) {
+    std::memmove(_storage, _storage + _head, _length);
+    _head = 0;
+    return;
+  }
+  const size_t capacity = std::max({needed, _length * 2, kSmallestCapacity});
+  if (_head > 0) {
+    auto* fresh = static_cast<uint8_t*>(std::malloc(capacity));
+    if (fresh == nullptr) throw std::bad_alloc();
+    if (_length > 0) std::memcpy(fresh, _storage + _head, _length);
+    std::free(_storage);
+    _storage = fresh;
+    _head = 0;
+  } else {
+    auto* grown = static_cast<uint8_t*>(std::realloc(_storage, capacity));
+    if (grown == nullptr) throw std::bad_alloc();
+    _storage = grown;
+  }
+  _capacity = capacity;
+}
+
+void ZPKMutableData::releaseUnusedRoom() {
+  if (_length == 0) {
+    std::free(_storage);
+    _storage = nullptr;
+    _head = 0;
+    _capacity = 0;
+    return;
+  }
+  if (!isSparse(_length, _capacity)) return;
+  auto* fresh = static_cast<uint8_t*>(std::malloc(_length));
+  if (fresh == nullptr) return;  // keeping the large block is only wasteful, not wrong
+  std::memcpy(fresh, bytes(), _length);
+  std::free(_storage);
+  _storage = fresh;
+  _head = 0;
+  _capacity = _length;
+}

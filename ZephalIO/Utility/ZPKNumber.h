@@ -1,0 +1,50 @@
+#pragma once
+
+#include <concepts>
+#include <cstdint>
+#include <string>
+#include <type_traits>
+#include <variant>
+
+#include "Utility/ZPKExport.h"
+
+/// A number of any kind: an integer of either sign, a double or a bool. Made implicitly from each,
+/// so that a timeout can be written 2, 0.5 or -1. One that may be null is a
+/// std::optional<ZPKNumber>. A plain value: copies are independent.
+class ZPK_EXPORT ZPKNumber {
+ public:
+  ZPKNumber() : _value(int64_t{0}) {}
+  ZPKNumber(std::same_as<bool> auto value) : _value(value) {}
+  ZPKNumber(std::signed_integral auto value) : _value(static_cast<int64_t>(value)) {}
+  template <std::unsigned_integral T>
+  requires(!std::same_as<T, bool>) ZPKNumber(T value) : _value(static_cast<uint64_t>(value)) {}
+  ZPKNumber(std::floating_point auto value) : _value(static_cast<double>(value)) {}
+
+  bool isBool() const { return std::holds_alternative<bool>(_value); }
+  bool isDouble() const { return std::holds_alternative<double>(_value); }
+  bool isInteger() const { return !isBool() && !isDouble(); }
+
+  /// The value as a double, rounded to the nearest where it has more digits.
+  double doubleValue() const;
+  /// False for 0 and 0.0, true for everything else.
+  bool boolValue() const;
+  /// The value as a signed integer: a fraction is cut off, what lies outside the type's range
+  /// becomes its nearest end, and not-a-number becomes 0.
+  int64_t integerValue() const;
+  /// The value as an unsigned integer, cut and limited likewise, except that a negative integer
+  /// keeps its 64 bits.
+  uint64_t unsignedIntegerValue() const;
+  explicit operator bool() const { return boolValue(); }
+
+  /// In decimal, in the shortest form that reads back as the same value: 1, 0.5, -1. A bool is 1 or
+  /// 0.
+  std::string stringValue() const;
+  std::string debugDescription() const { return stringValue(); }
+
+  /// Whether two numbers have exactly the same value, whatever kinds they are of: 1, 1.0 and true
+  /// are equal. Not-a-number equals nothing.
+  friend ZPK_EXPORT bool operator==(const ZPKNumber& left, const ZPKNumber& right);
+
+ private:
+  std::variant<int64_t, uint64_t, double, bool> _value;
+};

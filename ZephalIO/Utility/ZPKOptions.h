@@ -1,0 +1,51 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "Utility/ZPKExport.h"
+#include "Utility/ZPKNumber.h"
+#include "Utility/ZPKTypes.h"
+
+/// A dictionary from strings to numbers and strings, such as the options of a serial port. Not safe
+/// to change on one thread while another uses it; channels take a copy.
+class ZPK_EXPORT ZPKOptions {
+  struct Key {
+    explicit Key() = default;
+  };
+
+ public:
+  using Value = std::variant<ZPKNumber, std::string>;
+
+  /// An empty dictionary.
+  static ZPKOptionsPtr init();
+
+  explicit ZPKOptions(Key) {}
+
+  /// The value of a key, or null.
+  std::optional<Value> get(std::string_view key) const;
+  /// The value as a number: a string is read as a decimal integer from its start, as by
+  /// ZPKIntegerFromString. Null for a missing key.
+  std::optional<ZPKNumber> number(std::string_view key) const;
+  /// The value as a string: a number in decimal. Null for a missing key.
+  std::optional<std::string> string(std::string_view key) const;
+
+  /// Sets a key, or replaces its value.
+  void set(std::string_view key, Value value);
+  /// Takes a key away, if it is there.
+  void remove(std::string_view key);
+  /// Adds all of `other`, whose values win. Null adds nothing.
+  void merge(const ZPKOptionsPtr& other);
+  size_t size() const { return _values.size(); }
+
+ private:
+  std::map<std::string, Value, std::less<>> _values;
+};
+
+/// The decimal integer at the start of a text: leading white space is skipped, a sign is taken, and
+/// the first character that is no digit ends it. 0 if there are no digits or no text; a number that
+/// does not fit becomes the nearest end of the type's range.
+ZPK_EXPORT int64_t ZPKIntegerFromString(std::optional<std::string_view> text);

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Utility/ZPKExport.h"
+#include "Utility/ZPKRegexMatch.h"
+#include "Utility/ZPKTypes.h"
+
+/// A compiled regular expression, in the dialect of pcre2pattern(3).
+///
+/// The text is UTF-8 and no other option is set. CR, LF and CR LF all end a line, so that "." never
+/// takes one: what is searched is console text. Ranges count code points.
+///
+/// A match that would take unreasonably long or much memory is given up, which counts as no match;
+/// the same goes for a text that is not valid UTF-8. Nothing is thrown and no stack overflows,
+/// however long the text is. Immutable, so it may be used on any thread, also by several at once.
+class ZPK_EXPORT ZPKRegex {
+  struct Key {
+    explicit Key() = default;
+  };
+
+ public:
+  /// The compiled expression; null, with an error of domain "PCRE2" in the slot and nothing in the
+  /// log, if the pattern does not compile or is null.
+  static ZPKRegexPtr initWithPattern(std::optional<std::string_view> pattern,
+                                     ZPKErrorPtr* error = nullptr);
+
+  ZPKRegex(Key, std::string pattern, void* code);
+  ZPKRegex(const ZPKRegex&) = delete;
+  ZPKRegex& operator=(const ZPKRegex&) = delete;
+  ~ZPKRegex();
+
+  /// The source text.
+  const std::string& pattern() const { return _pattern; }
+
+  /// The whole of a text, however long it is.
+  static constexpr ZPKRange wholeText() { return {0, ZPKNotFound}; }
+
+  /// The first match that lies in `range`. The part of the text in the range is searched as a text
+  /// of its own, its ends being the ends of a text for "^" and "$"; the range is cut at the end of
+  /// the text.
+  std::optional<ZPKRegexMatch> firstMatch(std::string_view text,
+                                          ZPKRange range = wholeText()) const;
+  /// All matches in `range`, from left to right, none overlapping another.
+  std::vector<ZPKRegexMatch> allMatches(std::string_view text, ZPKRange range = wholeText()) const;
+  /// How many matches allMatches gives.
+  size_t countMatches(std::string_view text, ZPKRange range = wholeText()) const;
+
+ private:
+  const std::string _pattern;
+  void* const _code;  // a pcre2_code, kept out of this header
+};

@@ -1,0 +1,33 @@
+// Small types that every layer shares, and the pointer alias of each class that is passed around.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+class ZPKData;
+class ZPKMutableData;
+class ZPKError;
+class ZPKOptions;
+class ZPKRegex;
+class ZPKURL;
+
+/// Immutable bytes; null is a legal value wherever one is passed.
+using ZPKDataPtr = std::shared_ptr<const ZPKData>;
+using ZPKMutableDataPtr = std::shared_ptr<ZPKMutableData>;
+using ZPKErrorPtr = std::shared_ptr<const ZPKError>;
+using ZPKOptionsPtr = std::shared_ptr<ZPKOptions>;
+using ZPKRegexPtr = std::shared_ptr<ZPKRegex>;
+using ZPKURLPtr = std::shared_ptr<ZPKURL>;
+
+/// The location of something that was not found.
+inline constexpr size_t ZPKNotFound = 0x7fffffffffffffff;
+
+/// A stretch of bytes or of code points; each user says which. A location of ZPKNotFound means that
+/// there is no such stretch.
+struct ZPKRange {
+  size_t location = ZPKNotFound;
+  size_t length = 0;
+
+  friend bool operator==(const ZPKRange&, const ZPKRange&) = default;
+};

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Utility/ZPKExport.h"
+#include "Utility/ZPKTypes.h"
+
+/// One item of a URL's query, percent-decoded. An item without "=" has no value.
+struct ZPKURLQueryItem {
+  std::string name;
+  std::optional<std::string> value;
+
+  friend bool operator==(const ZPKURLQueryItem&, const ZPKURLQueryItem&) = default;
+};
+
+/// A URL, split by RFC 3986 and percent-decoded. Immutable, so it may be used on any thread.
+class ZPK_EXPORT ZPKURL {
+  struct Key {
+    explicit Key() = default;
+  };
+
+ public:
+  /// The parsed URL, or null if the text is null or breaks the RFC's grammar: a character that must
+  /// be escaped (a blank, a control, a byte above 0x7E, or one of "<>\^`{|}), a "%" without two
+  /// hexadecimal digits, a scheme of other characters, a port that is no number, a first path
+  /// segment with a colon and no scheme. An escaped NUL is refused as well: no device and no socket
+  /// has such a name, and the system would cut it there.
+  static ZPKURLPtr initWithString(std::optional<std::string_view> string);
+
+  explicit ZPKURL(Key) {}
+
+  /// The scheme as it is written; null for a relative reference.
+  const std::optional<std::string>& scheme() const { return _scheme; }
+  /// The host, without the brackets of an IPv6 literal; null if the URL has no authority. It may be
+  /// empty.
+  const std::optional<std::string>& host() const { return _host; }
+  /// The port; null if none is given. A number of more than 63 bits becomes the largest of that
+  /// size.
+  std::optional<int64_t> port() const { return _port; }
+  /// The path; it may be empty.
+  const std::string& path() const { return _path; }
+  /// The query's items in their order.
+  const std::vector<ZPKURLQueryItem>& queryItems() const { return _queryItems; }
+  /// The whole URL as it was given.
+  const std::string& absoluteString() const { return _absoluteString; }
+  std::string debugDescription() const { return _absoluteString; }
+
+ private:
+  bool parse(std::string_view rest);
+  bool parseAuthority(std::string_view authority);
+  bool parseQuery(std::string_view query);
+
+  std::string _absoluteString;
+  std::optional<std::string> _scheme;
+  std::optional<std::string> _host;
+  std::optional<int64_t> _port;
+  std::string _path;
+  std::vector<ZPKURLQueryItem> _queryItems;
+};
