@@ -1,0 +1,82 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Data Transformers/ZPKDataTransformer.h"
+#include "Utility/ZPKAtomic.h"
+#include "Utility/ZPKNumber.h"
+#include "Utility/ZPKRegex.h"
+
+/// Notices that another device answers: compares the chip identifier (ECID) in a device's prompt,
+/// "[0000BEEF:0BADF00D] :-) ", with the expected one.
+///
+/// Each chunk is looked at alone, and only its first "] :-) " counts. A prompt whose 19 characters
+/// of ECID differ from the expected text calls the swap action, once a chunk, and by default
+/// empties the chunk. The comparison is case sensitive and the expected text is in upper case, so a
+/// device that prints its ECID in lower case counts as swapped. Nothing is remembered between
+/// calls.
+///
+/// Off until an ECID is expected. All accessors may be used on any thread while modifyData runs.
+class ZPK_EXPORT ZPKECIDSwapDetectTransformer final : public ZPKDataTransformer {
+  struct Key {
+    explicit Key() = default;
+  };
+
+ public:
+  /// Gets the expected and then the read ECID text, on the thread that called modifyData.
+  using SwapAction =
+      std::function<void(const std::string& expectedECID, const std::string& readECID)>;
+
+  /// A detector, off at first. The action must not be null when a swap is found.
+  static std::shared_ptr<ZPKECIDSwapDetectTransformer> initWithSwapAction(SwapAction swapAction);
+
+  ZPKECIDSwapDetectTransformer(Key, SwapAction swapAction);
+
+  void modifyData(ZPKMutableData* data) override;
+  /// Does nothing; always true. The expected ECID stays.
+  bool reset(ZPKErrorPtr* error = nullptr) override;
+
+  /// Expects the device with this ECID, read as an unsigned 64-bit value; null turns detection off.
+  void setExpectedECID(std::optional<ZPKNumber> ecid);
+  /// The expected ECID; 0 also while detection is off, and for a text that is no ECID.
+  ZPKNumber expectedECID() const;
+
+  /// Whether a swap empties the chunk; true at first.
+  bool dropResponseWhenECIDSwapDetected() const { return _dropResponseWhenECIDSwapDetected; }
+  void setDropResponseWhenECIDSwapDetected(bool drop) { _dropResponseWhenECIDSwapDetected = drop; }
+
+  SwapAction swapAction() const { return _swapAction.load(); }
+  void setSwapAction(SwapAction swapAction) { _swapAction.store(std::move(swapAction)); }
+
+  /// The bytes that mark a prompt, "] :-) " at first. The ECID text ends with their first byte,
+  /// whatever they are. Null or empty bytes are never found.
+  ZPKDataPtr smileyDelimiter() const { return _smileyDelimiter.load(); }
+  void setSmileyDelimiter(ZPKDataPtr delimiter) { _smileyDelimiter.store(std::move(delimiter)); }
+
+  /// The form of an ECID text. Null never matches.
+  ZPKRegexPtr regex() const { return _regex.load(); }
+  void setRegex(ZPKRegexPtr regex) { _regex.store(std::move(regex)); }
+
+  /// The expected text, as in "[0000BEEF:0BADF00D]"; null or empty while detection is off.
+  std::optional<std::string> expectedECIDString() const { return _expectedECIDString.load(); }
+  void setExpectedECIDString(std::optional<std::string> text) {
+    _expectedECIDString.store(std::move(text));
+  }
+
+ private:
+  std::optional<std::string> readECIDText(const ZPKMutableData& chunk) const;
+
+  std::atomic<bool> _dropResponseWhenECIDSwapDetected{true};
+  ZPKAtomic<SwapAction> _swapAction;
+  ZPKAtomic<ZPKDataPtr> _smileyDelimiter;
+  ZPKAtomic<ZPKRegexPtr> _regex;
+  ZPKAtomic<std::optional<std::string>> _expectedECIDString;
+  ZPKAtomic<std::optional<std::string>>::Snapshot _expected;  // modifyData's own view
+};
+
+using ZPKECIDSwapDetectTransformerPtr = std::shared_ptr<ZPKECIDSwapDetectTransformer>;
