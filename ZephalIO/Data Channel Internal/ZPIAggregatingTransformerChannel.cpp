@@ -1,0 +1,53 @@
+#include "Data Channel Internal/ZPIAggregatingTransformerChannel.h"
+
+#include <utility>
+
+#include "Data Channel Internal/ZPIResetWalk.h"
+
+std::shared_ptr<ZPIAggregatingTransformerChannel> ZPIAggregatingTransformerChannel::initWithChannel(
+    ZPKDataChannelPtr channel, ZPKMutableDataAggregatorTransformerPtr aggregatingTransformer) {
+  return std::make_shared<ZPIAggregatingTransformerChannel>(Key(), std::move(channel),
+                                                            std::move(aggregatingTransformer));
+}
+
+ZPIAggregatingTransformerChannel::ZPIAggregatingTransformerChannel(
+    Key, ZPKDataChannelPtr channel, ZPKMutableDataAggregatorTransformerPtr aggregatingTransformer)
+    : _channel(std::move(channel)), _aggregator(std::move(aggregatingTransformer)) {}
+
+bool ZPIAggregatingTransformerChannel::openWithTimeout(double timeout, ZPKErrorPtr* error) {
+  return _channel->openWithTimeout(timeout, error);
+}
+
+bool ZPIAggregatingTransformerChannel::close(ZPKErrorPtr* error) { return _channel->close(error); }
+
+bool ZPIAggregatingTransformerChannel::reset(ZPKErrorPtr* error) {
+  ZPIResetWalk walk;
+  walk.reset(*_aggregator);
+  walk.reset(*_channel);
+  return walk.finish(error);
+}
+
+bool ZPIAggregatingTransformerChannel::isOpened() const { return _channel->isOpened(); }
+
+ZPKDataPtr ZPIAggregatingTransformerChannel::readWithTimeout(double timeout, ZPKErrorPtr* error) {
+  if (ZPKMutableDataPtr unit = heldUnit()) return unit;
+  const ZPKMutableDataPtr data =
+      ZPKMutableData::mutableCopyGivingUp(_channel->readWithTimeout(timeout, error));
+  if (data != nullptr) _aggregator->modifyData(data.get());
+  return data;
+}
+
+bool ZPIAggregatingTransformerChannel::write(const ZPKDataPtr& data, ZPKErrorPtr* error) {
+  return _channel->write(data, error);
+}
+
+// A complete unit from bytes that came with an earlier read, or null. Without a terminator the
+// aggregator is not asked, so that the bytes it holds come up together with those of a read.
+ZPKMutableDataPtr ZPIAggregatingTransformerChannel::heldUnit() {
+  if (!_aggregator->isHolding()) return nullptr;
+  const ZPKDataPtr terminator = _aggregator->data2Find();
+  if (terminator == nullptr || terminator->length() == 0) return nullptr;
+  auto unit = ZPKMutableData::data();
+  _aggregator->modifyData(unit.get());
+  return unit->length() == 0 ? nullptr : unit;
+}

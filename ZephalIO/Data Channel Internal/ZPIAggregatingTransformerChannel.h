@@ -1,0 +1,34 @@
+#pragma once
+
+#include <memory>
+
+#include "Data Channel/ZPKDataChannel.h"
+#include "Data Transformers/ZPKMutableDataAggregatorTransformer.h"
+
+/// Wraps a channel and hands up what it reads in units of one aggregator, which its creator shares.
+/// Writes pass. No lock: reads and reset touch the aggregator and must not overlap.
+class ZPIAggregatingTransformerChannel final : public ZPKDataChannel {
+  struct Key {
+    explicit Key() = default;
+  };
+
+ public:
+  static std::shared_ptr<ZPIAggregatingTransformerChannel> initWithChannel(
+      ZPKDataChannelPtr channel, ZPKMutableDataAggregatorTransformerPtr aggregatingTransformer);
+
+  ZPIAggregatingTransformerChannel(Key, ZPKDataChannelPtr channel,
+                                   ZPKMutableDataAggregatorTransformerPtr aggregatingTransformer);
+
+  bool openWithTimeout(double timeout, ZPKErrorPtr* error) override;
+  bool close(ZPKErrorPtr* error) override;
+  bool reset(ZPKErrorPtr* error) override;
+  bool isOpened() const override;
+  ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) override;
+  bool write(const ZPKDataPtr& data, ZPKErrorPtr* error) override;
+
+ private:
+  ZPKMutableDataPtr heldUnit();
+
+  const ZPKDataChannelPtr _channel;
+  const ZPKMutableDataAggregatorTransformerPtr _aggregator;
+};

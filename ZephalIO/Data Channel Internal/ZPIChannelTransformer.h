@@ -1,0 +1,39 @@
+#pragma once
+
+#include <memory>
+
+#include "Data Channel/ZPKDataChannel.h"
+#include "Data Transformers/ZPKDataTransformer.h"
+
+/// Wraps a channel and runs transformers on what passes: one list on reads, one on writes. Holds no
+/// bytes of its own; what is held back is held in the transformers. No lock: the read path touches
+/// the read list alone, the write path the write list.
+class ZPIChannelTransformer final : public ZPKDataChannel {
+  struct Key {
+    explicit Key() = default;
+  };
+
+ public:
+  static std::shared_ptr<ZPIChannelTransformer> initWithChannel(
+      ZPKDataChannelPtr channel, ZPKDataTransformerArray readTransformers,
+      ZPKDataTransformerArray writeTransformers, bool allowPreread = false);
+
+  ZPIChannelTransformer(Key, ZPKDataChannelPtr channel, ZPKDataTransformerArray readTransformers,
+                        ZPKDataTransformerArray writeTransformers, bool allowPreread);
+
+  bool openWithTimeout(double timeout, ZPKErrorPtr* error) override;
+  bool close(ZPKErrorPtr* error) override;
+  bool reset(ZPKErrorPtr* error) override;
+  bool isOpened() const override;
+  ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) override;
+  bool write(const ZPKDataPtr& data, ZPKErrorPtr* error) override;
+
+  /// Runs the read transformers on `data`.
+  void modifyData(ZPKMutableData* data);
+
+ private:
+  const ZPKDataChannelPtr _channel;
+  const ZPKDataTransformerArray _readTransformers;
+  const ZPKDataTransformerArray _writeTransformers;
+  const bool _preread;
+};

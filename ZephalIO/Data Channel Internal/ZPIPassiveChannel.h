@@ -1,0 +1,28 @@
+#pragma once
+
+#include <memory>
+
+#include "Data Channel/ZPKDataChannel.h"
+
+/// Wraps a channel whose reads may come back empty early, and reads it again until the caller's
+/// time is up. No state, no lock: everything about a read lives in the call.
+class ZPIPassiveChannel final : public ZPKDataChannel {
+  struct Key {
+    explicit Key() = default;
+  };
+
+ public:
+  static std::shared_ptr<ZPIPassiveChannel> initWithChannel(ZPKDataChannelPtr channel);
+
+  ZPIPassiveChannel(Key, ZPKDataChannelPtr channel);
+
+  bool openWithTimeout(double timeout, ZPKErrorPtr* error) override;
+  bool close(ZPKErrorPtr* error) override;
+  bool reset(ZPKErrorPtr* error) override;
+  bool isOpened() const override;
+  ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) override;
+  bool write(const ZPKDataPtr& data, ZPKErrorPtr* error) override;
+
+ private:
+  const ZPKDataChannelPtr _channel;
+};

@@ -1,0 +1,67 @@
+// The factories of the channels that wrap a channel.
+//
+// Any thread may call them. Each holds the channel below strongly, opens nothing and closes
+// nothing. The contract of ZPKDataChannel holds for what they make; what differs is told here. A
+// failure is null, domain "zephal-communication", code 3.
+#pragma once
+
+#include <cstdint>
+
+#include "Data Channel/ZPKDataChannel.h"
+#include "Data Transformers/ZPKDataTransformer.h"
+#include "Data Transformers/ZPKMutableDataAggregatorTransformer.h"
+
+/// A channel that runs the read transformers, in their order, on what is read and the write
+/// transformers on a copy of what is written. The lists are copied, the transformers shared; an
+/// empty list changes nothing.
+///
+/// One read below per read: if the transformers swallow it all, the result is empty data at once,
+/// with time left. Empty data from below goes through the transformers too, so that they can
+/// release what they hold. A null write is false without an error; a write that the transformers
+/// empty goes down as an empty write. reset reaches every transformer and then the channel below,
+/// and reports the first failure.
+///
+/// Fails for a null channel and for a list with a null in it.
+ZPK_EXPORT ZPKDataChannelPtr createChannelTransformer(
+    const ZPKDataChannelPtr& channel, const ZPKDataTransformerArray& readTransformers,
+    const ZPKDataTransformerArray& writeTransformers, ZPKErrorPtr* error = nullptr);
+
+/// As createChannelTransformer, except that a read first lets the read transformers release what
+/// they hold, and reads below only if that is nothing. A channel below that has failed is thus not
+/// noticed before the transformers are empty.
+ZPK_EXPORT ZPKDataChannelPtr createChannelTransformerWithPreCall(
+    const ZPKDataChannelPtr& channel, const ZPKDataTransformerArray& readTransformers,
+    const ZPKDataTransformerArray& writeTransformers, ZPKErrorPtr* error = nullptr);
+
+/// The worker behind both, with `preread` for the second.
+ZPK_EXPORT ZPKDataChannelPtr createChannelTransformer__internal(
+    const ZPKDataChannelPtr& channel, const ZPKDataTransformerArray& readTransformers,
+    const ZPKDataTransformerArray& writeTransformers, bool preread, ZPKErrorPtr* error = nullptr);
+
+/// A channel whose read keeps reading the channel below, in slices of a tenth of the timeout and on
+/// the caller's thread, until bytes come, the time is up, or the channel closes. Empty data comes
+/// no earlier than the timeout and about one slice later at the most. A channel that closes between
+/// two slices gives null, and null in the slot. Time is the system's wall clock, so a clock that is
+/// set during a read moves its end.
+///
+/// Fails for a null channel.
+ZPK_EXPORT ZPKDataChannelPtr createPassiveChannel(const ZPKDataChannelPtr& channel,
+                                                  ZPKErrorPtr* error = nullptr);
+
+/// A channel that writes one byte at a time, with a pause of `microSecondDelay` microseconds before
+/// each, on the caller's thread. Empty and null data succeed without reaching the channel below.
+/// When a byte fails, those before it have gone out. Reads pass.
+///
+/// Fails for a null channel.
+ZPK_EXPORT ZPKDataChannelPtr createInterCharacterDelayChannel(const ZPKDataChannelPtr& channel,
+                                                              uint32_t microSecondDelay,
+                                                              ZPKErrorPtr* error = nullptr);
+
+/// A channel that hands up one unit of `transformer` a read, a unit that is already held before
+/// anything is read below, and otherwise one read below, which may leave the result empty. Writes
+/// pass. The transformer is shared: its terminator can be changed while the channel is in use.
+///
+/// Fails for a null channel, then for a null transformer.
+ZPK_EXPORT ZPKDataChannelPtr createAggregatingTransformerChannel(
+    const ZPKDataChannelPtr& channel, const ZPKMutableDataAggregatorTransformerPtr& transformer,
+    ZPKErrorPtr* error = nullptr);
