@@ -1,0 +1,299 @@
+#include "Data Stack/ZPKCommStack.h"
+
+#include <utility>
+
+#include "Data Channel/ZPKDataChannelDecorators.h"
+#include "Utility/ZPIText.h"
+#include "Utility/ZPKDataConversionFunctions.h"
+#include "Utility/ZPKReportFailure.h"
+
+namespace {
+
+using Guard = std::lock_guard<std::recursive_mutex>;
+
+bool boolValue(const std::optional<ZPKNumber>& number) {
+  return number.has_value() && number->boolValue();
+}
+
+ZPKNumber limitOf(const std::optional<ZPKNumber>& timeout) {
+  return timeout.value_or(ZEPHAL_COMMUNICATION_TIME_FOREVER);
+}
+
+bool isOpened(const ZPKDataChannelPtr& channel) {
+  return channel != nullptr && channel->isOpened();
+}
+
+// The response as text, or null with code 306 at the caller's site.
+std::optional<std::string> decoded(const ZPKDataPtr& response, ZPKErrorPtr* error,
+                                   const ZPIFailureSite& site) {
+  if (response == nullptr) return std::nullopt;
+  std::optional<std::string> text = response->string();
+  if (!text.has_value()) {
+    ZPKReportFailure(error, kZPICommChannelDomain, 306, site,
+                     "Response returned cannot be converted to string using ZSUTF8StringEncoding");
+  }
+  return text;
+}
+
+// Another delimiter for one read, put back whatever becomes of the read.
+class DelimiterSwap {
+ public:
+  DelimiterSwap(ZPKMutableDataAggregatorTransformerPtr aggregator, const ZPKDataPtr& delimiter)
+      : _aggregator(std::move(aggregator)),
+        _kept(_aggregator == nullptr ? nullptr : _aggregator->data2Find()) {
+    if (_aggregator != nullptr) _aggregator->setData2Find(delimiter);
+  }
+  DelimiterSwap(const DelimiterSwap&) = delete;
+  DelimiterSwap& operator=(const DelimiterSwap&) = delete;
+  ~DelimiterSwap() {
+    if (_aggregator != nullptr) _aggregator->setData2Find(_kept);
+  }
+
+ private:
+  const ZPKMutableDataAggregatorTransformerPtr _aggregator;
+  const ZPKDataPtr _kept;
+};
+
+}  // namespace
+
+ZPKCommStackPtr ZPKCommStack::init() {
+  auto stack = std::make_shared<ZPKCommStack>(Key());
+  stack->setAggregator(
+      ZPKMutableDataAggregatorTransformer::initWithTerminator(ZPKData::dataWithString("> ")));
+  stack->setAppender(
+      ZPKMutableDataAppendingTransformer::initWithDataToAppend(ZPKData::dataWithString("\n")));
+  // Weak, so that the detector, which the stack owns, does not keep the stack alive.
+  const std::weak_ptr<ZPKCommStack> weakStack = stack;
+  stack->setEcidChecker(ZPKECIDSwapDetectTransformer::initWithSwapAction(
+      [weakStack](const std::string& expected, const std::string& read) {
+        const ZPKCommStackPtr strongStack = weakStack.lock();
+        if (strongStack == nullptr) return;
+        strongStack->setEcidSwapInformation(
+            ZPKLoggingFormat("Expected ECID: %@ Read ECID: %@", expected, read));
+      }));
+  return stack;
+}
+
+ZPKCommStack::ZPKCommStack(Key)
+    : _currentChannel(_commChannel), _currentSwap(_ecidSwapInformation) {}
+
+ZPKCommStack::~ZPKCommStack() {
+  const ZPKDataChannelPtr channel = commChannel();
+  if (!isOpened(channel)) return;
+  ZPKErrorPtr error;
+  if (channel->close(&error)) return;
+  ZPKLoggingLog(ZPKLogGetAnchor(), 0, "Error closing commChannel during dealloc : %@", error);
+}
+
+bool ZPKCommStack::enableECIDSwapDetectionWithECID(std::optional<ZPKNumber> ecid,
+                                                   ZPKErrorPtr* error) {
+  const Guard guard(_lock);
+  if (refuseOnceCreated(error, {"-[ZPKCommStack enableECIDSwapDetectionWithECID:error:]"},
+                        "Cannot enable ecid swap detection while uart stack is already created")) {
+    return false;
+  }
+  setEcidSwapInformation(std::nullopt);
+  if (const auto checker = ecidChecker()) checker->setExpectedECID(ecid);
+  return true;
+}
+
+bool ZPKCommStack::setTimeoutIsException(std::optional<ZPKNumber> value, ZPKErrorPtr* /*error*/) {
+  const Guard guard(_lock);
+  setTimeoutIsException(boolValue(value));
+  return true;
+}
+
+bool ZPKCommStack::setDelimiter(std::optional<std::string_view> delimiter, ZPKErrorPtr* /*error*/) {
+  const Guard guard(_lock);
+  if (const auto cutter = aggregator()) cutter->setData2Find(ZPKData::dataWithString(delimiter));
+  return true;
+}
+
+bool ZPKCommStack::setLineTerminator(std::optional<std::string_view> terminator,
+                                     ZPKErrorPtr* /*error*/) {
+  const Guard guard(_lock);
+  if (const auto ender = appender()) ender->setDataToAppend(ZPKData::dataWithString(terminator));
+  return true;
+}
+
+bool ZPKCommStack::createStackWithURL(std::optional<std::string_view> url, ZPKErrorPtr* error) {
+  const Guard guard(_lock);
+  const ZPKDataChannelPtr channel = createBaseChannelWithTransport(url, error);
+  return channel != nullptr && createStackWithBaseChannel(channel, error);
+}
+
+bool ZPKCommStack::createStackWithBaseChannel(const ZPKDataChannelPtr& channel,
+                                              ZPKErrorPtr* error) {
+  const Guard guard(_lock);
+  if (isOpened(commChannel())) {
+    ZPKReportFailure(
+        error, kZPICommChannelDomain, 303, {"-[ZPKCommStack createStackWithBaseChannel:error:]"},
+        "UART port cannot already be open, please call \"close\" before calling open again");
+    return false;
+  }
+  if (channel == nullptr) return false;
+  const ZPKMutableDataAggregatorTransformerPtr cutter = aggregator();
+  if (cutter != nullptr) cutter->buffer()->setLength(0);
+  ZPKDataChannelPtr top = createAggregatingTransformerChannel(channel, cutter, error);
+  if (top == nullptr) return false;
+  top = createPassiveChannel(top, error);
+  if (top == nullptr) return false;
+  top = createChannelTransformer(top, {ecidChecker()}, {appender()}, error);
+  if (top == nullptr) return false;
+  setCommChannel(top);
+  return true;
+}
+
+bool ZPKCommStack::openWithTimeout(std::optional<ZPKNumber> timeout, ZPKErrorPtr* error) {
+  const ZPKNumber limit = limitOf(timeout);
+  const Guard guard(_lock);
+  const ZPKDataChannelPtr channel = commChannel();
+  if (channel == nullptr) {
+    ZPKReportFailure(error, kZPICommChannelDomain, 301, {"-[ZPKCommStack openWithTimeout:error:]"},
+                     "UART port stack not created, please call \"createStackWithURL\" before "
+                     "calling open");
+    return false;
+  }
+  if (channel->isOpened()) {
+    ZPKReportFailure(
+        error, kZPICommChannelDomain, 303, {"-[ZPKCommStack openWithTimeout:error:]"},
+        "UART port cannot already be open, please call \"close\" before calling open again");
+    return false;
+  }
+  return channel->openWithTimeout(limit.doubleValue(), error);
+}
+
+ZPKNumber ZPKCommStack::isOpen(ZPKErrorPtr* /*error*/) const {
+  const Guard guard(_lock);
+  return isOpened(commChannel()) ? 1 : 0;
+}
+
+bool ZPKCommStack::close(ZPKErrorPtr* error) {
+  const Guard guard(_lock);
+  const ZPKDataChannelPtr channel = commChannel();
+  return channel != nullptr && channel->close(error) && channel->reset(error);
+}
+
+bool ZPKCommStack::writeData(const ZPKDataPtr& data, ZPKErrorPtr* error) {
+  const Guard guard(_lock);
+  const ZPKDataChannelPtr channel = openChannel(error, {"-[ZPKCommStack writeData:error:]"});
+  return channel != nullptr && channel->write(data, error);
+}
+
+ZPKDataPtr ZPKCommStack::readDataWithTimeout(std::optional<ZPKNumber> timeout,
+                                             const ZPKDataPtr& delimiter, ZPKErrorPtr* error) {
+  constexpr const char* kSite = "-[ZPKCommStack readDataWithTimeout:delimiter:error:]";
+  const ZPKNumber limit = limitOf(timeout);
+  const Guard guard(_lock);
+  const ZPKDataChannelPtr channel = openChannel(error, {kSite});
+  if (channel == nullptr) return nullptr;
+  ZPKDataPtr data = readWithDelimiter(*channel, limit.doubleValue(), delimiter, error);
+  if (reportSwap(error, {kSite})) return nullptr;
+  if (isTimeout(data)) {
+    ZPKReportFailure(error, kZPICommChannelDomain, 305, {kSite},
+                     "Timed out trying to read after %@ sec", limit);
+    return nullptr;
+  }
+  return data;
+}
+
+ZPKDataPtr ZPKCommStack::sendCommandData(const ZPKDataPtr& command,
+                                         std::optional<ZPKNumber> timeout, ZPKErrorPtr* error) {
+  constexpr const char* kSite = "-[ZPKCommStack sendCommandData:timeout:error:]";
+  const ZPKNumber limit = limitOf(timeout);
+  const Guard guard(_lock);
+  const ZPKDataChannelPtr channel = openChannel(error, {kSite});
+  if (channel == nullptr || !channel->write(command, error)) return nullptr;
+  ZPKDataPtr response = channel->readWithTimeout(limit.doubleValue(), error);
+  if (reportSwap(error, {kSite})) return nullptr;
+  if (isTimeout(response)) {
+    ZPKReportFailure(error, kZPICommChannelDomain, 305, {kSite},
+                     "Timed out waiting for response for command '%@' after %@ sec",
+                     ZPKDataToString(command), limit);
+    return nullptr;
+  }
+  return response;
+}
+
+bool ZPKCommStack::writeString(std::optional<std::string_view> string, ZPKErrorPtr* error) {
+  return writeData(ZPKData::dataWithString(string), error);
+}
+
+std::optional<std::string> ZPKCommStack::readStringWithTimeout(
+    std::optional<ZPKNumber> timeout, std::optional<std::string_view> delimiter,
+    ZPKErrorPtr* error) {
+  return decoded(readDataWithTimeout(timeout, ZPKData::dataWithString(delimiter), error), error,
+                 {"-[ZPKCommStack readStringWithTimeout:delimiter:error:]"});
+}
+
+std::optional<std::string> ZPKCommStack::sendCommandString(std::optional<std::string_view> command,
+                                                           std::optional<ZPKNumber> timeout,
+                                                           ZPKErrorPtr* error) {
+  return decoded(sendCommandData(ZPKData::dataWithString(command), timeout, error), error,
+                 {"-[ZPKCommStack sendCommandString:timeout:error:]"});
+}
+
+std::optional<std::string> ZPKCommStack::sendCommandStringWithEchoRemoval(
+    std::optional<std::string_view> command, std::optional<ZPKNumber> timeout, ZPKErrorPtr* error) {
+  std::optional<std::string> response = sendCommandString(command, timeout, error);
+  if (!response.has_value()) return std::nullopt;
+  std::string echo(command.value_or(std::string_view()));
+  const ZPKMutableDataAppendingTransformerPtr ender = appender();
+  const ZPKDataPtr terminator = ender == nullptr ? nullptr : ender->dataToAppend();
+  if (terminator != nullptr) echo += terminator->string().value_or(std::string());
+  const size_t at = response->find(echo);
+  if (at != std::string::npos) response->erase(at, echo.size());
+  return response;
+}
+
+std::optional<std::string> ZPKCommStack::sendCommandStringWithEchoRemoval(
+    std::optional<std::string_view> command, const ZPKRegexPtr& regex,
+    std::optional<ZPKNumber> timeout, ZPKErrorPtr* error) {
+  std::optional<std::string> response = sendCommandStringWithEchoRemoval(command, timeout, error);
+  if (regex == nullptr || !response.has_value()) return response;
+  const std::optional<ZPKRegexMatch> match = regex->firstMatch(*response);
+  if (!match.has_value()) {
+    ZPKReportFailure(error, kZPICommChannelDomain, 308,
+                     {"-[ZPKCommStack sendCommandStringWithEchoRemoval:regex:timeout:error:]"},
+                     "Unable to parse response\nregex:%@\nresponse:%@\n", regex->pattern(),
+                     *response);
+    return std::nullopt;
+  }
+  ZPKRange range = match->groupRange(1);
+  if (range.location == ZPKNotFound) range = match->range();
+  return std::string(ZPITextInRange(*response, range));
+}
+
+bool ZPKCommStack::refuseOnceCreated(ZPKErrorPtr* error, const ZPIFailureSite& site,
+                                     const char* message) const {
+  if (commChannel() == nullptr) return false;
+  ZPKReportFailure(error, kZPICommChannelDomain, 302, site, message);
+  return true;
+}
+
+ZPKDataChannelPtr ZPKCommStack::openChannel(ZPKErrorPtr* error, const ZPIFailureSite& site) {
+  ZPKDataChannelPtr channel = _currentChannel.current();
+  if (isOpened(channel)) return channel;
+  ZPKReportFailure(error, kZPICommChannelDomain, 304, site,
+                   "UART port not open, please call \"open\" before calling functions that talk "
+                   "over UART");
+  return nullptr;
+}
+
+bool ZPKCommStack::reportSwap(ZPKErrorPtr* error, const ZPIFailureSite& site) {
+  const std::optional<std::string>& swap = _currentSwap.current();
+  if (!swap.has_value()) return false;
+  ZPKReportFailure(error, kZPICommChannelDomain, 309, site, "%@", *swap);
+  return true;
+}
+
+bool ZPKCommStack::isTimeout(const ZPKDataPtr& data) const {
+  return _timeoutIsException && data != nullptr && data->length() == 0;
+}
+
+ZPKDataPtr ZPKCommStack::readWithDelimiter(ZPKDataChannel& channel, double timeout,
+                                           const ZPKDataPtr& delimiter, ZPKErrorPtr* error) {
+  if (delimiter == nullptr) return channel.readWithTimeout(timeout, error);
+  const DelimiterSwap swap(aggregator(), delimiter);
+  return channel.readWithTimeout(timeout, error);
+}

@@ -1,0 +1,219 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Data Channel/ZPKDataChannel.h"
+#include "Data Transformers/ZPKECIDSwapDetectTransformer.h"
+#include "Data Transformers/ZPKMutableDataAggregatorTransformer.h"
+#include "Data Transformers/ZPKMutableDataAppendingTransformer.h"
+#include "Utility/ZPKAtomic.h"
+#include "Utility/ZPKExport.h"
+#include "Utility/ZPKNumber.h"
+#include "Utility/ZPKRegex.h"
+
+struct ZPIFailureSite;
+
+/// Talks to a device: gives a command and gets the response, which ends at the device's prompt.
+///
+///     ZPKErrorPtr error;
+///     auto stack = ZPKCommStack::init();
+///     stack->setDelimiter("=> ", &error);
+///     if (!stack->createStackWithURL("uart:///dev/ttyUSB0", &error) ||
+///         !stack->openWithTimeout(std::nullopt, &error)) return report(error);
+///     std::optional<std::string> answer = stack->sendCommandString("version", 2.0, &error);
+///
+/// Three steps, in this order. Configure: make it and call the setters. Create: a chain of channels
+/// is built from the settings. Open: the chain opens from the top down. close ends the last step
+/// and leaves the chain, which can be opened again. A failed read closes the transport, so an open
+/// stack can fall back to closed by itself; the next call that talks then fails with code 304, and
+/// close with code 2 from below.
+///
+/// Errors are in the domain "zephal-commchannel" unless told otherwise, or come up from the chain
+/// in "zephal-communication". Test the result and not the slot: a few failures have no error.
+/// Timeouts are in seconds; null stands for ZEPHAL_COMMUNICATION_TIME_FOREVER. Strings are UTF-8.
+///
+/// Threads: one recursive lock is held over the whole of every operation, a blocking read included.
+/// While one thread waits in a read, every other operation of the stack waits for it, close and
+/// isOpen too; closing does not cancel a read. A command and its response cannot interleave with
+/// another thread's. The plain accessors at the end take no lock and are safe on any thread. The
+/// stack must not be destroyed while a thread is inside it; an open chain is closed then, and what
+/// a failed close says goes to the log.
+class ZPK_EXPORT ZPKCommStack {
+  struct Key {
+    explicit Key() = default;
+  };
+
+ public:
+  /// A stack with the delimiter "> ", the line terminator "\n", timeouts as errors, and no chain.
+  static std::shared_ptr<ZPKCommStack> init();
+
+  explicit ZPKCommStack(Key);
+  ZPKCommStack(const ZPKCommStack&) = delete;
+  ZPKCommStack& operator=(const ZPKCommStack&) = delete;
+  ~ZPKCommStack();
+
+  // --- Configure.
+
+  /// Expects the device with this ECID (an unsigned 64-bit value; null turns detection off) and
+  /// forgets an earlier swap. Fails with code 302 once a chain was created.
+  bool enableECIDSwapDetectionWithECID(std::optional<ZPKNumber> ecid, ZPKErrorPtr* error = nullptr);
+  /// Whether a read that yields no bytes in its time is an error (code 305) or empty data; null
+  /// counts as false. Always true.
+  bool setTimeoutIsException(std::optional<ZPKNumber> value, ZPKErrorPtr* error);
+  /// Where a response ends. Works on an open stack too, from the next read on, and covers bytes
+  /// that are held already. Null and "" let all bytes through uncut. Always true.
+  bool setDelimiter(std::optional<std::string_view> delimiter, ZPKErrorPtr* error = nullptr);
+  /// What ends every write. Works on an open stack too. Null and "" add nothing. Always true.
+  bool setLineTerminator(std::optional<std::string_view> terminator, ZPKErrorPtr* error = nullptr);
+
+  // --- Create and open.
+
+  /// Builds the chain on the base channel that createBaseChannelWithTransport makes of the URL,
+  /// whose errors it passes on.
+  bool createStackWithURL(std::optional<std::string_view> url, ZPKErrorPtr* error = nullptr);
+  /// Builds the chain on `channel`, which is shared with the caller. A chain that is closed is
+  /// replaced, and bytes held from it go; one that is open fails with code 303. Null fails without
+  /// an error. A channel that is open already gives a stack that is open.
+  bool createStackWithBaseChannel(const ZPKDataChannelPtr& channel, ZPKErrorPtr* error = nullptr);
+  /// Opens the chain. Fails with code 301 without a chain, with 303 if it is open, and with what
+  /// the layers report; a connection that is refused gives no error. May be tried again at once.
+  bool openWithTimeout(std::optional<ZPKNumber> timeout, ZPKErrorPtr* error = nullptr);
+  /// 1 if the chain is open, otherwise 0. Never touches the slot.
+  ZPKNumber isOpen(ZPKErrorPtr* error = nullptr) const;
+  /// Closes the chain and, if that went well, resets it, which drops bytes that are held. Without a
+  /// chain it fails without an error.
+  bool close(ZPKErrorPtr* error = nullptr);
+
+  // --- Talk. Each fails with code 304 if the chain is not open, also if there is none.
+  //
+  // A response ends with its delimiter, which is not taken off. Bytes behind the delimiter, and a
+  // part of a response that was there when the time ran out, are kept and begin the next response;
+  // so a late response answers the next command. Reads and commands fail with code 309 from the
+  // moment that another device was found at the line, with the two ECIDs as the description;
+  // closing and reopening does not change that.
+
+  /// Writes the bytes and the line terminator.
+  bool writeData(const ZPKDataPtr& data, ZPKErrorPtr* error = nullptr);
+  /// Reads up to the delimiter, waiting for as long as `timeout` says and about a tenth of that
+  /// longer at the most. A delimiter that is not null holds for this one read. Fails with code 305
+  /// if no whole response came in time, unless timeouts are no errors: the result is empty data
+  /// then.
+  ZPKDataPtr readDataWithTimeout(std::optional<ZPKNumber> timeout, const ZPKDataPtr& delimiter,
+                                 ZPKErrorPtr* error = nullptr);
+  /// Writes the command, then reads its response as readDataWithTimeout does, code 305 included. A
+  /// command that cannot be written fails with what the transport reports; a null one without an
+  /// error.
+  ZPKDataPtr sendCommandData(const ZPKDataPtr& command, std::optional<ZPKNumber> timeout,
+                             ZPKErrorPtr* error = nullptr);
+
+  /// As writeData, with the string's bytes.
+  bool writeString(std::optional<std::string_view> string, ZPKErrorPtr* error = nullptr);
+  /// As readDataWithTimeout. Fails with code 306, and the bytes are lost, if they are not UTF-8.
+  std::optional<std::string> readStringWithTimeout(std::optional<ZPKNumber> timeout,
+                                                   std::optional<std::string_view> delimiter,
+                                                   ZPKErrorPtr* error = nullptr);
+  /// As sendCommandData, with code 306 as above.
+  std::optional<std::string> sendCommandString(std::optional<std::string_view> command,
+                                               std::optional<ZPKNumber> timeout,
+                                               ZPKErrorPtr* error = nullptr);
+  /// As sendCommandString, for a device that echoes: the first occurrence of the command with its
+  /// line terminator is removed from the response, wherever it stands. An echo with another line
+  /// end stays.
+  std::optional<std::string> sendCommandStringWithEchoRemoval(
+      std::optional<std::string_view> command, std::optional<ZPKNumber> timeout,
+      ZPKErrorPtr* error = nullptr);
+  /// As above, and then the part of the response that `regex` picks: the first capture group of its
+  /// first match, or the whole match if there is no such group or it took no part. A null regex
+  /// picks all. Fails with code 308 if there is no match.
+  std::optional<std::string> sendCommandStringWithEchoRemoval(
+      std::optional<std::string_view> command, const ZPKRegexPtr& regex,
+      std::optional<ZPKNumber> timeout, ZPKErrorPtr* error = nullptr);
+
+  // --- Plain accessors. Each is safe on any thread and changes the field alone: nothing is
+  // checked, and a chain that was created keeps what it was made of.
+
+  bool activeChannelOnOff() const { return _activeChannelOnOff; }
+  void setActiveChannelOnOff(bool onOff) { _activeChannelOnOff = onOff; }
+  bool timeoutIsException() const { return _timeoutIsException; }
+  void setTimeoutIsException(bool value) { _timeoutIsException = value; }
+  /// The top of the chain; null as long as none was created.
+  ZPKDataChannelPtr commChannel() const { return _commChannel.load(); }
+  void setCommChannel(ZPKDataChannelPtr channel) { _commChannel.store(std::move(channel)); }
+  /// What cuts the stream; the chain holds the same object.
+  ZPKMutableDataAggregatorTransformerPtr aggregator() const { return _aggregator.load(); }
+  void setAggregator(ZPKMutableDataAggregatorTransformerPtr aggregator) {
+    _aggregator.store(std::move(aggregator));
+  }
+  /// What ends every write; the chain holds the same object.
+  ZPKMutableDataAppendingTransformerPtr appender() const { return _appender.load(); }
+  void setAppender(ZPKMutableDataAppendingTransformerPtr appender) {
+    _appender.store(std::move(appender));
+  }
+  /// The read filters made from text; null as long as none were set.
+  std::optional<ZPKDataTransformerArray> readFilterTransformers() const {
+    return _readFilterTransformers.load();
+  }
+  void setReadFilterTransformers(std::optional<ZPKDataTransformerArray> transformers) {
+    _readFilterTransformers.store(std::move(transformers));
+  }
+  /// The read filters made from hexadecimal text; null as long as none were set.
+  std::optional<ZPKDataTransformerArray> readFilterHexTransformers() const {
+    return _readFilterHexTransformers.load();
+  }
+  void setReadFilterHexTransformers(std::optional<ZPKDataTransformerArray> transformers) {
+    _readFilterHexTransformers.store(std::move(transformers));
+  }
+  /// The swap detector; the chain holds the same object.
+  ZPKECIDSwapDetectTransformerPtr ecidChecker() const { return _ecidChecker.load(); }
+  void setEcidChecker(ZPKECIDSwapDetectTransformerPtr checker) {
+    _ecidChecker.store(std::move(checker));
+  }
+  /// The text of a swap that was found; null if none was. Setting it to null is the one way to go
+  /// on with a chain after a swap.
+  std::optional<std::string> ecidSwapInformation() const { return _ecidSwapInformation.load(); }
+  void setEcidSwapInformation(std::optional<std::string> information) {
+    _ecidSwapInformation.store(std::move(information));
+  }
+  /// The path of the log of the chain's outer end; null for none.
+  std::optional<std::string> logFilePath() const { return _logFilePath.load(); }
+  void setLogFilePath(std::optional<std::string> path) { _logFilePath.store(std::move(path)); }
+  /// The path of the log of the chain's raw end; null for none.
+  std::optional<std::string> preAggregatorLogFilePath() const {
+    return _preAggregatorLogFilePath.load();
+  }
+  void setPreAggregatorLogFilePath(std::optional<std::string> path) {
+    _preAggregatorLogFilePath.store(std::move(path));
+  }
+
+ private:
+  bool refuseOnceCreated(ZPKErrorPtr* error, const ZPIFailureSite& site, const char* message) const;
+  ZPKDataChannelPtr openChannel(ZPKErrorPtr* error, const ZPIFailureSite& site);
+  bool reportSwap(ZPKErrorPtr* error, const ZPIFailureSite& site);
+  bool isTimeout(const ZPKDataPtr& data) const;
+  ZPKDataPtr readWithDelimiter(ZPKDataChannel& channel, double timeout, const ZPKDataPtr& delimiter,
+                               ZPKErrorPtr* error);
+
+  mutable std::recursive_mutex _lock;
+  std::atomic<bool> _activeChannelOnOff{false};
+  std::atomic<bool> _timeoutIsException{true};
+  ZPKAtomic<ZPKDataChannelPtr> _commChannel;
+  ZPKAtomic<ZPKMutableDataAggregatorTransformerPtr> _aggregator;
+  ZPKAtomic<ZPKMutableDataAppendingTransformerPtr> _appender;
+  ZPKAtomic<std::optional<ZPKDataTransformerArray>> _readFilterTransformers;
+  ZPKAtomic<std::optional<ZPKDataTransformerArray>> _readFilterHexTransformers;
+  ZPKAtomic<ZPKECIDSwapDetectTransformerPtr> _ecidChecker;
+  ZPKAtomic<std::optional<std::string>> _ecidSwapInformation;
+  ZPKAtomic<std::optional<std::string>> _logFilePath;
+  ZPKAtomic<std::optional<std::string>> _preAggregatorLogFilePath;
+
+  // What every command looks at, read without a lock of its own. Guarded by _lock.
+  ZPKAtomic<ZPKDataChannelPtr>::Snapshot _currentChannel;
+  ZPKAtomic<std::optional<std::string>>::Snapshot _currentSwap;
+};
+
+using ZPKCommStackPtr = std::shared_ptr<ZPKCommStack>;
