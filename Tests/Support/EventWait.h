@@ -1,0 +1,15 @@
+// Waiting in tests: always for an event, never for a time, and never without limit.
+#pragma once
+
+#include <chrono>
+#include <functional>
+
+/// How long a test waits for what must happen. Reached only by a test that fails, so it is long
+/// enough for a loaded machine under a sanitizer.
+inline constexpr std::chrono::seconds kPatience{30};
+
+/// Waits until `condition` holds; false if it still does not when the time is up.
+bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit = kPatience);
+
+/// Waits until `descriptor` can be read, or its peer has gone; false when the time is up.
+bool waitUntilReadable(int descriptor, std::chrono::milliseconds limit = kPatience);

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+/// Takes over the process's standard output, at the level of the descriptor, for as long as it
+/// lives.
+class StandardOutputCapture {
+ public:
+  StandardOutputCapture();
+  StandardOutputCapture(const StandardOutputCapture&) = delete;
+  StandardOutputCapture& operator=(const StandardOutputCapture&) = delete;
+  ~StandardOutputCapture();
+
+  /// All that was printed so far.
+  std::string text() const;
+
+ private:
+  int _file = -1;
+  int _original = -1;
+};

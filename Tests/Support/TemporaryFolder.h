@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+/// A folder of its own for a test, removed with all that is in it. Its path is short enough for a
+/// unix socket, and every user can enter it.
+class TemporaryFolder {
+ public:
+  TemporaryFolder();
+  TemporaryFolder(const TemporaryFolder&) = delete;
+  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+  ~TemporaryFolder();
+
+  const std::string& path() const { return _path; }
+  /// The path of a file in the folder.
+  std::string pathOf(std::string_view name) const { return _path + "/" + std::string(name); }
+
+ private:
+  std::string _path;
+};
