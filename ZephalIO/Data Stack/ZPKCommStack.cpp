@@ -74,8 +74,7 @@ ZPKCommStackPtr ZPKCommStack::init() {
   return stack;
 }
 
-ZPKCommStack::ZPKCommStack(Key)
-    : _currentChannel(_commChannel), _currentSwap(_ecidSwapInformation) {}
+ZPKCommStack::ZPKCommStack(Key) : _currentSwap(_ecidSwapInformation) {}
 
 ZPKCommStack::~ZPKCommStack() {
   const ZPKDataChannelPtr channel = commChannel();
@@ -271,8 +270,8 @@ bool ZPKCommStack::refuseOnceCreated(ZPKErrorPtr* error, const ZPIFailureSite& s
   return true;
 }
 
-ZPKDataChannelPtr ZPKCommStack::openChannel(ZPKErrorPtr* error, const ZPIFailureSite& site) {
-  ZPKDataChannelPtr channel = _currentChannel.current();
+ZPKDataChannelPtr ZPKCommStack::openChannel(ZPKErrorPtr* error, const ZPIFailureSite& site) const {
+  ZPKDataChannelPtr channel = commChannel();
   if (isOpened(channel)) return channel;
   ZPKReportFailure(error, kZPICommChannelDomain, 304, site,
                    "UART port not open, please call \"open\" before calling functions that talk "
