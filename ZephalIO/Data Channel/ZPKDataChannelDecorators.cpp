@@ -1,10 +1,13 @@
 #include "Data Channel/ZPKDataChannelDecorators.h"
 
 #include <algorithm>
+#include <string>
 
 #include "Data Channel Internal/ZPIAggregatingTransformerChannel.h"
 #include "Data Channel Internal/ZPIChannelTransformer.h"
+#include "Data Channel Internal/ZPIEchoRemovalChannel.h"
 #include "Data Channel Internal/ZPIInterCharacterDelayChannel.h"
+#include "Data Channel Internal/ZPILoggingChannel.h"
 #include "Data Channel Internal/ZPIPassiveChannel.h"
 #include "Utility/ZPKReportFailure.h"
 
@@ -66,6 +69,41 @@ ZPKDataChannelPtr createPassiveChannel(const ZPKDataChannelPtr& channel, ZPKErro
     return nullptr;
   }
   return ZPIPassiveChannel::initWithChannel(channel);
+}
+
+ZPKDataChannelPtr createEchoRemovalChannel(const ZPKDataChannelPtr& channel,
+                                           const ZPKDataPtr& delimiter, ZPKErrorPtr* error) {
+  if (channel == nullptr) {
+    reportBadArgument(error, {"createEchoRemovalChannel"}, kNullChannel);
+    return nullptr;
+  }
+  if (delimiter == nullptr || delimiter->length() == 0) {
+    reportBadArgument(error, {"createEchoRemovalChannel"}, "delimiter cannot be nil, or empty");
+    return nullptr;
+  }
+  return ZPIEchoRemovalChannel::initWithChannel(channel, delimiter);
+}
+
+ZPKDataChannelPtr createLoggingChannel(const ZPKDataChannelPtr& channel,
+                                       std::optional<std::string_view> filePath,
+                                       std::optional<std::string_view> identifier,
+                                       bool synchronousLogging, ZPKErrorPtr* error) {
+  if (channel == nullptr) {
+    reportBadArgument(error, {"createLoggingChannel"}, kNullChannel);
+    return nullptr;
+  }
+  if (!filePath.has_value()) {
+    reportBadArgument(error, {"createLoggingChannel"}, "filepath cannot be nil");
+    return nullptr;
+  }
+  if (!identifier.has_value()) {
+    reportBadArgument(error, {"createLoggingChannel"}, "identifier cannot be nil");
+    return nullptr;
+  }
+  auto logging = ZPILoggingChannel::initWithLogFilePath(std::string(*filePath),
+                                                        std::string(*identifier), channel);
+  logging->setSynchronousLogging(synchronousLogging);
+  return logging;
 }
 
 ZPKDataChannelPtr createInterCharacterDelayChannel(const ZPKDataChannelPtr& channel,

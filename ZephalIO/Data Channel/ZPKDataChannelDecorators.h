@@ -6,6 +6,8 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
+#include <string_view>
 
 #include "Data Channel/ZPKDataChannel.h"
 #include "Data Transformers/ZPKDataTransformer.h"
@@ -46,6 +48,49 @@ ZPK_EXPORT ZPKDataChannelPtr createChannelTransformer__internal(
 ///
 /// Fails for a null channel.
 ZPK_EXPORT ZPKDataChannelPtr createPassiveChannel(const ZPKDataChannelPtr& channel,
+                                                  ZPKErrorPtr* error = nullptr);
+
+/// A channel that takes the echoes of what was written out of what is read. A line is a run of
+/// bytes up to and including `delimiter`, which is copied. Each complete line that was written
+/// waits for its echo; a line read that equals the oldest of these, byte for byte, is dropped, any
+/// other passes. An echo that is read before its write has returned passes too.
+///
+/// One read below per read; the result is empty data if all was echo. While an echo is awaited,
+/// bytes that do not end in the delimiter, a prompt for instance, are held back: with a device that
+/// does not echo they stay so until reset. Neither open nor close forgets anything, reset forgets
+/// both the held bytes and the awaited echoes, whatever the channel below says to it.
+///
+/// Fails for a null channel, then for a delimiter that is null or empty.
+ZPK_EXPORT ZPKDataChannelPtr createEchoRemovalChannel(const ZPKDataChannelPtr& channel,
+                                                      const ZPKDataPtr& delimiter,
+                                                      ZPKErrorPtr* error = nullptr);
+
+/// A channel that copies all that is read and written into the text file at `filePath`: a line
+/// each, behind the local time, the direction and the process,
+///
+///     2024-05-01 12:00:00.250 <pre--write>[4711]: version
+///     2024-05-01 12:00:00.310 <pre---read>[4711]: 2.33
+///
+/// with `identifier` ("pre-" here) in front of the direction. Bytes and results pass unchanged.
+/// What is written is logged before it leaves, whether or not that succeeds; empty data leaves no
+/// trace. Bytes that are not UTF-8 show as in ZPKDataToString.
+///
+/// open opens the file, then the channel below. A file that is not there is made; one that is there
+/// grows at its end. If it cannot be made, open is false with a line in the log and no error; if it
+/// cannot be opened, with the system's error (domain "POSIX"). The channel below then stays closed.
+/// close closes the file, which then holds everything that was logged. A channel that is dropped
+/// without it can lose its last lines. Nothing is logged while the file is not open.
+///
+/// With `synchronousLogging` a read or write returns when its lines are in the file, otherwise they
+/// are written in the background. Several channels and processes can share one file. What the file
+/// does not take, on a full disk for instance, is lost without a word, and the traffic goes on. The
+/// file stays the one that was opened when somebody moves or removes it.
+///
+/// Fails for a null channel, then for a null path, then for a null identifier.
+ZPK_EXPORT ZPKDataChannelPtr createLoggingChannel(const ZPKDataChannelPtr& channel,
+                                                  std::optional<std::string_view> filePath,
+                                                  std::optional<std::string_view> identifier,
+                                                  bool synchronousLogging,
                                                   ZPKErrorPtr* error = nullptr);
 
 /// A channel that writes one byte at a time, with a pause of `microSecondDelay` microseconds before

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <queue>
+#include <string>
+
+#include "Data Channel/ZPKDataChannel.h"
+#include "Utility/ZPKMutableData.h"
+
+/// Wraps a channel and takes the echoes of written lines out of what is read. A line is a run of
+/// bytes up to and including the delimiter; it is an echo if it equals, byte for byte, the oldest
+/// written line whose echo has not come yet.
+///
+/// `_readWriteMutex` guards the buffers and queues. It is never held across a call to the channel
+/// below, so that a reader who waits there does not hold up a writer.
+class ZPIEchoRemovalChannel final : public ZPKDataChannel {
+  struct Key {
+    explicit Key() = default;
+  };
+
+ public:
+  static std::shared_ptr<ZPIEchoRemovalChannel> initWithChannel(ZPKDataChannelPtr channel,
+                                                                const ZPKDataPtr& delimiter);
+
+  ZPIEchoRemovalChannel(Key, ZPKDataChannelPtr channel, const ZPKDataPtr& delimiter);
+
+  bool openWithTimeout(double timeout, ZPKErrorPtr* error) override;
+  bool close(ZPKErrorPtr* error) override;
+  bool reset(ZPKErrorPtr* error) override;
+  bool isOpened() const override;
+  ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) override;
+  bool write(const ZPKDataPtr& data, ZPKErrorPtr* error) override;
+
+ private:
+  using LineQueue = std::queue<std::string>;
+
+  void moveLinesWithoutEcho(ZPKMutableData* output);
+
+  const ZPKDataChannelPtr _channel;
+  ZPKMutableData _readBuffer;   // read, no delimiter yet
+  ZPKMutableData _writeBuffer;  // written, no delimiter yet
+  const ZPKDataPtr _delimiter;  // an immutable copy, never empty
+  LineQueue _readQueue;         // lines read; empty between two reads
+  LineQueue _writeQueue;        // lines written whose echo has not come
+  std::mutex _readWriteMutex;
+};

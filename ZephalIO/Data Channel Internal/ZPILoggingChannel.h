@@ -1,0 +1,74 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Data Channel Internal/ZPILogFileHandle.h"
+#include "Data Channel/ZPKDataChannel.h"
+#include "Utility/ZPISerialQueue.h"
+#include "Utility/ZPKAtomic.h"
+
+/// Wraps a channel and copies what passes into a log file (see ZPILogChunk.h). Neither bytes nor
+/// results change, and a log that cannot be written fails nothing but the open.
+///
+/// All file work is done in tasks of one serial queue; chunks are made on the thread of the
+/// traffic. A queued task holds the channel weakly: a channel that is dropped without close can
+/// lose chunks, and the task that runs meanwhile can be the one to destroy it.
+class ZPILoggingChannel final : public ZPKDataChannel,
+                                public std::enable_shared_from_this<ZPILoggingChannel> {
+  struct Key {
+    explicit Key() = default;
+  };
+
+ public:
+  static std::shared_ptr<ZPILoggingChannel> initWithLogFilePath(std::string filePath,
+                                                                const std::string& identifier,
+                                                                ZPKDataChannelPtr channel);
+
+  ZPILoggingChannel(Key, std::string filePath, const std::string& identifier,
+                    ZPKDataChannelPtr channel);
+
+  /// Opens the file, then the channel below. A file that cannot be made is a log line and no error,
+  /// one that cannot be opened the system's error; the channel below stays closed. The file stays
+  /// open if the channel below does not open, and a later open replaces it.
+  bool openWithTimeout(double timeout, ZPKErrorPtr* error) override;
+  /// Closes the file, with everything logged so far in it, then the channel below.
+  bool close(ZPKErrorPtr* error) override;
+  bool reset(ZPKErrorPtr* error) override;
+  bool isOpened() const override;
+  ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) override;
+  bool write(const ZPKDataPtr& data, ZPKErrorPtr* error) override;
+
+  /// Adds a chunk to the file, if the file is open and there are any bytes.
+  void logData(const ZPKDataPtr& data, std::string_view identifier);
+
+  /// The open file, null while there is none. Safe on any thread.
+  ZPILogFileHandlePtr fileHandle() const { return _fileHandle.load(); }
+  void setFileHandle(ZPILogFileHandlePtr handle) { _fileHandle.store(std::move(handle)); }
+  /// Whether a read or write returns only after its chunk is in the file. Safe on any thread.
+  bool synchronousLogging() const { return _synchronousLogging.load(std::memory_order_relaxed); }
+  void setSynchronousLogging(bool synchronous) {
+    _synchronousLogging.store(synchronous, std::memory_order_relaxed);
+  }
+
+ private:
+  ZPILogFileHandlePtr openFile(ZPKErrorPtr* error);
+  bool addPendingChunk(std::string chunk);
+  void writePendingChunks();
+
+  const ZPKDataChannelPtr _channel;
+  const std::string _filePath;
+  const std::string _identifierWrite;
+  const std::string _identifierRead;
+  ZPISerialQueue _logQueue;
+  std::atomic<bool> _synchronousLogging{false};
+  ZPKAtomic<ZPILogFileHandlePtr> _fileHandle;
+
+  // The chunks that wait for the file, oldest first. The task of the first takes all that have come
+  // until it runs, so that busy traffic is written in a few calls.
+  ZPKSmallMutex _pendingMutex;
+  std::vector<std::string> _pendingChunks;
+};
