@@ -7,10 +7,12 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -31,11 +33,13 @@ extern "C" {
 int __real_select(int, fd_set*, fd_set*, fd_set*, timeval*);
 ssize_t __real_read(int, void*, size_t);
 ssize_t __real_write(int, const void*, size_t);
+ssize_t __real_writev(int, const iovec*, int);
 ssize_t __real_send(int, const void*, size_t, int);
 int __real_ioctl(int, unsigned long, void*);
 int __real_open(const char*, int, unsigned);
 int __real_close(int);
 int __real_fcntl(int, int, void*);
+int __real_flock(int, int);
 int __real_tcgetattr(int, void*);
 int __real_tcsetattr(int, int, const void*);
 int __real_cfsetspeed(void*, unsigned);
@@ -274,6 +278,16 @@ std::string addressText(const sockaddr* address, socklen_t length) {
   return family + " " + host + ":" + std::to_string(ntohs(internet->sin_port));
 }
 
+// The parts that hold the first `size` bytes of `parts`.
+std::vector<iovec> firstBytes(const iovec* parts, int64_t size) {
+  std::vector<iovec> first;
+  for (auto rest = static_cast<size_t>(size); rest > 0; ++parts) {
+    first.push_back({parts->iov_base, std::min(rest, parts->iov_len)});
+    rest -= first.back().iov_len;
+  }
+  return first;
+}
+
 // Counts an allocation; true if it is to fail.
 bool countAllocation() {
   if (!isWatched()) return false;
@@ -430,6 +444,17 @@ ssize_t __wrap_write(int descriptor, const void* bytes, size_t count) {
                    });
 }
 
+ssize_t __wrap_writev(int descriptor, const iovec* parts, int count) {
+  int64_t size = 0;
+  for (int i = 0; i < count; ++i) size += static_cast<int64_t>(parts[i].iov_len);
+  return intercept([&] { return plain("writev", descriptor, size); }, size,
+                   [&](int64_t allowed) {
+                     if (allowed == size) return __real_writev(descriptor, parts, count);
+                     const std::vector<iovec> first = firstBytes(parts, allowed);
+                     return __real_writev(descriptor, first.data(), static_cast<int>(first.size()));
+                   });
+}
+
 ssize_t __wrap_send(int descriptor, const void* bytes, size_t count, int flags) {
   const auto size = static_cast<int64_t>(count);
   return intercept([&] { return plain("send", descriptor, size); }, size,
@@ -475,6 +500,16 @@ int __wrap_fcntl(int descriptor, int command, ...) {
                         descriptor);
       },
       0, [&](int64_t) { return __real_fcntl(descriptor, command, argument); });
+}
+
+int __wrap_flock(int descriptor, int operation) {
+  return intercept(
+      [&] {
+        const auto number = static_cast<unsigned long>(operation);
+        return detailed("flock", nameOr({{LOCK_EX, "LOCK_EX"}, {LOCK_UN, "LOCK_UN"}}, number),
+                        descriptor);
+      },
+      0, [&](int64_t) { return __real_flock(descriptor, operation); });
 }
 
 int __wrap_tcgetattr(int descriptor, void* attributes) {

@@ -14,8 +14,8 @@ struct SystemCall {
   /// The name with the arguments that matter: "select 1.500000", "select forever",
   /// "ioctl FIONREAD", "open /dev/ttyS0 O_RDWR|O_NONBLOCK", "fcntl F_SETFL 0",
   /// "tcsetattr TCSANOW", "cfsetspeed 9600", "setsockopt SOL_SOCKET SO_KEEPALIVE 1",
-  /// "connect AF_INET 127.0.0.1:4000", "bind AF_UNIX /path", "listen 5", "usleep 1000"; else the
-  /// name alone.
+  /// "connect AF_INET 127.0.0.1:4000", "bind AF_UNIX /path", "listen 5", "usleep 1000", "flock
+  /// LOCK_EX"; else the name alone.
   std::string text;
   int descriptor = -1;
   /// The number of bytes asked for, the length of an address, the descriptor count of a select.
@@ -62,7 +62,7 @@ class SystemCalls {
   /// Lets calls return `result` with errno `error`, without asking the system.
   void answer(std::string_view call, int64_t result, int error = 0, size_t skip = 0,
               size_t times = 1);
-  /// Lets read, write and send move `size` bytes at most.
+  /// Lets read, write, writev and send move `size` bytes at most.
   void shorten(std::string_view call, int64_t size, size_t skip = 0, size_t times = 1);
   /// Runs `action` ahead of calls, which then go on as usual. Its own calls are not watched.
   void before(std::string_view call, std::function<void()> action, size_t skip = 0,
