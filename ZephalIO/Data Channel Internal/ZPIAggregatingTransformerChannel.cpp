@@ -30,8 +30,9 @@ bool ZPIAggregatingTransformerChannel::reset(ZPKErrorPtr* error) {
 bool ZPIAggregatingTransformerChannel::isOpened() const { return _channel->isOpened(); }
 
 ZPKDataPtr ZPIAggregatingTransformerChannel::readWithTimeout(double timeout, ZPKErrorPtr* error) {
-  if (ZPKMutableDataPtr unit = heldUnit()) return unit;
-  const ZPKMutableDataPtr data =
+  // Without a terminator there is no held unit: held bytes come up together with those of a read.
+  if (ZPKMutableDataPtr unit = _aggregator->takeHeldUnit()) return unit;
+  ZPKMutableDataPtr data =
       ZPKMutableData::mutableCopyGivingUp(_channel->readWithTimeout(timeout, error));
   if (data != nullptr) _aggregator->modifyData(data.get());
   return data;
@@ -39,15 +40,4 @@ ZPKDataPtr ZPIAggregatingTransformerChannel::readWithTimeout(double timeout, ZPK
 
 bool ZPIAggregatingTransformerChannel::write(const ZPKDataPtr& data, ZPKErrorPtr* error) {
   return _channel->write(data, error);
-}
-
-// A complete unit from bytes that came with an earlier read, or null. Without a terminator the
-// aggregator is not asked, so that the bytes it holds come up together with those of a read.
-ZPKMutableDataPtr ZPIAggregatingTransformerChannel::heldUnit() {
-  if (!_aggregator->isHolding()) return nullptr;
-  const ZPKDataPtr terminator = _aggregator->data2Find();
-  if (terminator == nullptr || terminator->length() == 0) return nullptr;
-  auto unit = ZPKMutableData::data();
-  _aggregator->modifyData(unit.get());
-  return unit->length() == 0 ? nullptr : unit;
 }

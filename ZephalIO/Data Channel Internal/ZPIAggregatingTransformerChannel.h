@@ -27,8 +27,6 @@ class ZPIAggregatingTransformerChannel final : public ZPKDataChannel {
   bool write(const ZPKDataPtr& data, ZPKErrorPtr* error) override;
 
  private:
-  ZPKMutableDataPtr heldUnit();
-
   const ZPKDataChannelPtr _channel;
   const ZPKMutableDataAggregatorTransformerPtr _aggregator;
 };

@@ -43,7 +43,7 @@ ZPKDataPtr ZPIChannelTransformer::readWithTimeout(double timeout, ZPKErrorPtr* e
     modifyData(held.get());
     if (held->length() != 0) return held;
   }
-  const ZPKMutableDataPtr data =
+  ZPKMutableDataPtr data =
       ZPKMutableData::mutableCopyGivingUp(_channel->readWithTimeout(timeout, error));
   if (data != nullptr) modifyData(data.get());
   return data;

@@ -13,10 +13,9 @@ double secondsSince(WallClock::time_point start) {
   return std::chrono::duration<double>(WallClock::now() - start).count();
 }
 
-double sliceOf(double timeout) {
-  if (timeout == ZEPHAL_COMMUNICATION_TIME_NOW) return timeout;
-  if (timeout == ZEPHAL_COMMUNICATION_TIME_FOREVER) return timeout;
-  return timeout / 10.0;
+// Whether the clock decides when a read ends. NOW is over after one try, FOREVER never.
+bool isTimed(double timeout) {
+  return timeout != ZEPHAL_COMMUNICATION_TIME_NOW && timeout != ZEPHAL_COMMUNICATION_TIME_FOREVER;
 }
 
 void store(ZPKErrorPtr* slot, ZPKErrorPtr error) {
@@ -43,14 +42,15 @@ bool ZPIPassiveChannel::reset(ZPKErrorPtr* error) { return _channel->reset(error
 bool ZPIPassiveChannel::isOpened() const { return _channel->isOpened(); }
 
 ZPKDataPtr ZPIPassiveChannel::readWithTimeout(double timeout, ZPKErrorPtr* error) {
-  const WallClock::time_point start = WallClock::now();
+  const bool timed = isTimed(timeout);
+  const WallClock::time_point start = timed ? WallClock::now() : WallClock::time_point();
   if (!_channel->isOpened()) {
     ZPKReportFailure(error, kZPICommunicationDomain, 2,
                      {"-[ZPIPassiveChannel readWithTimeout:error:]"},
                      "Cannot communicate with closed device");
     return nullptr;
   }
-  const double slice = sliceOf(timeout);
+  const double slice = timed ? timeout / 10.0 : timeout;
   for (;;) {
     ZPKErrorPtr readError;
     ZPKDataPtr data = _channel->readWithTimeout(slice, &readError);
@@ -59,8 +59,8 @@ ZPKDataPtr ZPIPassiveChannel::readWithTimeout(double timeout, ZPKErrorPtr* error
       return nullptr;
     }
     if (data->length() != 0) return data;
-    const bool isForever = timeout == ZEPHAL_COMMUNICATION_TIME_FOREVER;
-    if (!isForever && !(secondsSince(start) < timeout)) return ZPKData::data();
+    if (timeout == ZEPHAL_COMMUNICATION_TIME_NOW) return data;
+    if (timed && !(secondsSince(start) < timeout)) return ZPKData::data();
     if (!_channel->isOpened()) {
       store(error, nullptr);
       return nullptr;

@@ -15,8 +15,13 @@ bool boolValue(const std::optional<ZPKNumber>& number) {
   return number.has_value() && number->boolValue();
 }
 
+// The number that a timeout message shows: the caller's own.
 ZPKNumber limitOf(const std::optional<ZPKNumber>& timeout) {
   return timeout.value_or(ZEPHAL_COMMUNICATION_TIME_FOREVER);
+}
+
+double secondsOf(const std::optional<ZPKNumber>& timeout) {
+  return timeout.has_value() ? timeout->doubleValue() : ZEPHAL_COMMUNICATION_TIME_FOREVER;
 }
 
 bool isOpened(const ZPKDataChannelPtr& channel) {
@@ -144,7 +149,7 @@ bool ZPKCommStack::createStackWithBaseChannel(const ZPKDataChannelPtr& channel,
 }
 
 bool ZPKCommStack::openWithTimeout(std::optional<ZPKNumber> timeout, ZPKErrorPtr* error) {
-  const ZPKNumber limit = limitOf(timeout);
+  const double seconds = secondsOf(timeout);
   const Guard guard(_lock);
   const ZPKDataChannelPtr channel = commChannel();
   if (channel == nullptr) {
@@ -159,7 +164,7 @@ bool ZPKCommStack::openWithTimeout(std::optional<ZPKNumber> timeout, ZPKErrorPtr
         "UART port cannot already be open, please call \"close\" before calling open again");
     return false;
   }
-  return channel->openWithTimeout(limit.doubleValue(), error);
+  return channel->openWithTimeout(seconds, error);
 }
 
 ZPKNumber ZPKCommStack::isOpen(ZPKErrorPtr* /*error*/) const {
@@ -182,15 +187,15 @@ bool ZPKCommStack::writeData(const ZPKDataPtr& data, ZPKErrorPtr* error) {
 ZPKDataPtr ZPKCommStack::readDataWithTimeout(std::optional<ZPKNumber> timeout,
                                              const ZPKDataPtr& delimiter, ZPKErrorPtr* error) {
   constexpr const char* kSite = "-[ZPKCommStack readDataWithTimeout:delimiter:error:]";
-  const ZPKNumber limit = limitOf(timeout);
+  const double seconds = secondsOf(timeout);
   const Guard guard(_lock);
   const ZPKDataChannelPtr channel = openChannel(error, {kSite});
   if (channel == nullptr) return nullptr;
-  ZPKDataPtr data = readWithDelimiter(*channel, limit.doubleValue(), delimiter, error);
+  ZPKDataPtr data = readWithDelimiter(*channel, seconds, delimiter, error);
   if (reportSwap(error, {kSite})) return nullptr;
   if (isTimeout(data)) {
     ZPKReportFailure(error, kZPICommChannelDomain, 305, {kSite},
-                     "Timed out trying to read after %@ sec", limit);
+                     "Timed out trying to read after %@ sec", limitOf(timeout));
     return nullptr;
   }
   return data;
@@ -199,16 +204,16 @@ ZPKDataPtr ZPKCommStack::readDataWithTimeout(std::optional<ZPKNumber> timeout,
 ZPKDataPtr ZPKCommStack::sendCommandData(const ZPKDataPtr& command,
                                          std::optional<ZPKNumber> timeout, ZPKErrorPtr* error) {
   constexpr const char* kSite = "-[ZPKCommStack sendCommandData:timeout:error:]";
-  const ZPKNumber limit = limitOf(timeout);
+  const double seconds = secondsOf(timeout);
   const Guard guard(_lock);
   const ZPKDataChannelPtr channel = openChannel(error, {kSite});
   if (channel == nullptr || !channel->write(command, error)) return nullptr;
-  ZPKDataPtr response = channel->readWithTimeout(limit.doubleValue(), error);
+  ZPKDataPtr response = channel->readWithTimeout(seconds, error);
   if (reportSwap(error, {kSite})) return nullptr;
   if (isTimeout(response)) {
     ZPKReportFailure(error, kZPICommChannelDomain, 305, {kSite},
                      "Timed out waiting for response for command '%@' after %@ sec",
-                     ZPKDataToString(command), limit);
+                     ZPKDataToString(command), limitOf(timeout));
     return nullptr;
   }
   return response;

@@ -13,21 +13,37 @@ ZPKMutableDataAggregatorTransformer::ZPKMutableDataAggregatorTransformer(Key, ZP
 
 void ZPKMutableDataAggregatorTransformer::modifyData(ZPKMutableData* data) {
   if (data == nullptr) return;
-  // A copy, so that a caller who edits a mutable terminator meanwhile does not move the cut.
-  const ZPKDataPtr& current = _terminator.current();
-  const ZPKDataPtr terminator = current == nullptr ? nullptr : current->copy();
+  const ZPKData* const terminator = currentTerminator();
   if (_buffer->length() == 0) {
-    if (terminator != nullptr && terminator->length() > 0) cutChunk(*terminator, data);
+    if (terminator != nullptr) cutChunk(*terminator, data);
     return;
   }
   _buffer->appendGivingUp(data);
-  if (terminator == nullptr || terminator->length() == 0) {
+  if (terminator == nullptr) {
     data->swap(*_buffer);
     return;
   }
   const ZPKRange found = _buffer->find(*terminator);
   if (found.location == ZPKNotFound) return;
-  _buffer->moveFirst(found.location + found.length, data);
+  data->swap(*_buffer->takeFirst(found.location + found.length));
+}
+
+ZPKMutableDataPtr ZPKMutableDataAggregatorTransformer::takeHeldUnit() {
+  if (_buffer->length() == 0) return nullptr;
+  const ZPKData* const terminator = currentTerminator();
+  if (terminator == nullptr) return nullptr;
+  const ZPKRange found = _buffer->find(*terminator);
+  if (found.location == ZPKNotFound) return nullptr;
+  return _buffer->takeFirst(found.location + found.length);
+}
+
+// The terminator for the length of one call, or null if there is none.
+const ZPKData* ZPKMutableDataAggregatorTransformer::currentTerminator() {
+  const ZPKDataPtr& current = _terminator.current();
+  if (current == nullptr || current->length() == 0) return nullptr;
+  if (!current->isMutable()) return current.get();
+  _terminatorCopy = current->copy();
+  return _terminatorCopy.get();
 }
 
 // With nothing held, the chunk is the whole buffer: a unit that fills it, the usual response, is
@@ -42,7 +58,7 @@ void ZPKMutableDataAggregatorTransformer::cutChunk(const ZPKData& terminator,
   const size_t unitLength = found.location + found.length;
   if (unitLength == chunk->length()) return;
   _buffer->swap(*chunk);
-  _buffer->moveFirst(unitLength, chunk);
+  chunk->swap(*_buffer->takeFirst(unitLength));
 }
 
 bool ZPKMutableDataAggregatorTransformer::reset(ZPKErrorPtr* /*error*/) {

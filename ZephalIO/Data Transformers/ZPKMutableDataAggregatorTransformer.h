@@ -36,8 +36,9 @@ class ZPK_EXPORT ZPKMutableDataAggregatorTransformer final : public ZPKDataTrans
   /// The held bytes: always the same object, never null. Do not touch it while modifyData or reset
   /// runs.
   ZPKMutableDataPtr buffer() const { return _buffer; }
-  /// Whether bytes are held.
-  bool isHolding() const { return _buffer->length() > 0; }
+  /// What modifyData leaves in an empty chunk while there is a terminator: the first complete unit
+  /// among the held bytes. Null if there is none.
+  ZPKMutableDataPtr takeHeldUnit();
 
   /// The terminator; may be null.
   ZPKDataPtr data2Find() const { return _data2Find.load(); }
@@ -46,11 +47,13 @@ class ZPK_EXPORT ZPKMutableDataAggregatorTransformer final : public ZPKDataTrans
   void setData2Find(ZPKDataPtr data2Find) { _data2Find.store(std::move(data2Find)); }
 
  private:
+  const ZPKData* currentTerminator();
   void cutChunk(const ZPKData& terminator, ZPKMutableData* chunk);
 
   const ZPKMutableDataPtr _buffer;
   ZPKAtomic<ZPKDataPtr> _data2Find;
   ZPKAtomic<ZPKDataPtr>::Snapshot _terminator;  // modifyData's own view of _data2Find
+  ZPKDataPtr _terminatorCopy;  // what a call works with if the terminator is a ZPKMutableData
 };
 
 using ZPKMutableDataAggregatorTransformerPtr = std::shared_ptr<ZPKMutableDataAggregatorTransformer>;

@@ -17,6 +17,11 @@ constexpr size_t kSlackBytes = 256;
 size_t ZPIFindBytes(const uint8_t* bytes, size_t length, const uint8_t* needle,
                     size_t needleLength) {
   if (needleLength == 0 || needleLength > length) return ZPKNotFound;
+  if (needleLength == 1) {
+    const void* found = std::memchr(bytes, needle[0], length);
+    if (found == nullptr) return ZPKNotFound;
+    return static_cast<size_t>(static_cast<const uint8_t*>(found) - bytes);
+  }
   const uint8_t* const lastStart = bytes + (length - needleLength);
   const uint8_t* at = bytes;
   for (size_t falseStarts = 0; at <= lastStart; ++falseStarts, ++at) {

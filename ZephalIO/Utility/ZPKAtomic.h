@@ -57,9 +57,9 @@ class ZPKAtomic {
   class Snapshot {
    public:
     explicit Snapshot(const ZPKAtomic& property)
-        : _property(property), _version(property._version.load(std::memory_order_relaxed)) {
-      _value = property.load();
-    }
+        : _property(property),
+          _version(property._version.load(std::memory_order_relaxed)),
+          _value(property.load()) {}
 
     /// The property's present value; the reference holds until the next call.
     const T& current() {
@@ -68,14 +68,10 @@ class ZPKAtomic {
     }
 
    private:
+    // The version first: a store in between makes the next read renew once more.
     void renew() {
-      T value;
-      {
-        const std::lock_guard guard(_property._mutex);
-        _version = _property._version.load(std::memory_order_relaxed);
-        value = _property._value;
-      }
-      std::swap(_value, value);
+      _version = _property._version.load(std::memory_order_acquire);
+      _value = _property.load();
     }
 
     const ZPKAtomic& _property;

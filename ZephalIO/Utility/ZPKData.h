@@ -40,6 +40,8 @@ class ZPK_EXPORT ZPKData : public std::enable_shared_from_this<ZPKData> {
   /// for a ZPKMutableData, until its next edit.
   const uint8_t* bytes() const { return _storage + _head; }
   size_t length() const { return _length; }
+  /// Whether this is a ZPKMutableData.
+  bool isMutable() const { return _isMutable; }
   /// The bytes as a view, valid for as long as bytes().
   std::string_view view() const { return {reinterpret_cast<const char*>(bytes()), _length}; }
 

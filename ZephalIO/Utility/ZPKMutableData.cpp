@@ -41,14 +41,26 @@ ZPKMutableDataPtr ZPKMutableData::dataWithBytesNoCopy(void* buffer, size_t lengt
   return result;
 }
 
+ZPKMutableDataPtr ZPKMutableData::dataWithBytes(const void* bytes, size_t length) {
+  auto result = data();
+  if (length == 0) return result;
+  result->_storage = static_cast<uint8_t*>(std::malloc(length));
+  if (result->_storage == nullptr) throw std::bad_alloc();
+  std::memcpy(result->_storage, bytes, length);
+  result->_length = length;
+  result->_capacity = length;
+  return result;
+}
+
 ZPKMutableDataPtr ZPKMutableData::mutableCopyGivingUp(ZPKDataPtr&& data) {
   if (data == nullptr) return nullptr;
-  const ZPKDataPtr given = std::move(data);
-  if (!given->_isMutable || given.use_count() != 1) return given->mutableCopy();
+  if (!data->_isMutable || data.use_count() != 1)
+    return std::exchange(data, nullptr)->mutableCopy();
   // The last other holder may have let go on another thread a moment ago: taking and dropping a
   // reference orders what it did with the bytes before what happens to them from here on.
-  { const ZPKDataPtr fence = given; }
-  return std::static_pointer_cast<ZPKMutableData>(std::const_pointer_cast<ZPKData>(given));
+  { const ZPKDataPtr fence = data; }
+  auto mutableData = std::const_pointer_cast<ZPKData>(std::move(data));
+  return std::static_pointer_cast<ZPKMutableData>(std::move(mutableData));
 }
 
 ZPKDataPtr ZPKMutableData::copy() const { return dataWithBytes(bytes(), _length); }
@@ -114,22 +126,22 @@ void ZPKMutableData::dropFirst(size_t count) {
   count = std::min(count, _length);
   _head += count;
   _length -= count;
-  releaseUnusedRoom();
+  if (isSparse(_length, _capacity)) releaseRoom();
 }
 
-void ZPKMutableData::moveFirst(size_t count, ZPKMutableData* out) {
+ZPKMutableDataPtr ZPKMutableData::takeFirst(size_t count) {
   count = std::min(count, _length);
-  forgetSearch();
-  out->setLength(0);
   // The longer part keeps the storage, the shorter one is copied.
   if (count < _length - count) {
-    out->append(bytes(), count);
+    ZPKMutableDataPtr first = dataWithBytes(bytes(), count);
     dropFirst(count);
-    return;
+    return first;
   }
-  swap(*out);
-  append(out->bytes() + count, out->_length - count);
-  out->setLength(count);
+  ZPKMutableDataPtr first = data();
+  first->swap(*this);
+  append(first->bytes() + count, first->_length - count);
+  first->setLength(count);
+  return first;
 }
 
 void ZPKMutableData::swap(ZPKMutableData& other) noexcept {
@@ -147,12 +159,13 @@ ZPKRange ZPKMutableData::find(const ZPKData& pattern) {
     // An occurrence can still begin in the last bytes that were too few for the whole pattern.
     start = _searchedLength - std::min(_searchedLength, pattern.length() - 1);
   }
-  const ZPKRange found = ZPKData::find(pattern, {start, _length - start});
-  if (found.location == ZPKNotFound && pattern.length() > 0) {
-    if (start == 0) _searchedPattern = pattern.view();
-    _searchedLength = _length;
-  }
-  return found;
+  const size_t offset =
+      ZPIFindBytes(bytes() + start, _length - start, pattern.bytes(), pattern.length());
+  if (offset != ZPKNotFound) return {start + offset, pattern.length()};
+  if (pattern.length() == 0) return {};
+  if (start == 0) _searchedPattern = pattern.view();
+  _searchedLength = _length;
+  return {};
 }
 
 // Growth doubles, so that appending costs amortised constant time; room that a dropped front left
@@ -182,18 +195,13 @@ void ZPKMutableData::reserveAtEnd(size_t count) {
   _capacity = capacity;
 }
 
-void ZPKMutableData::releaseUnusedRoom() {
-  if (_length == 0) {
-    std::free(_storage);
-    _storage = nullptr;
-    _head = 0;
-    _capacity = 0;
-    return;
+void ZPKMutableData::releaseRoom() {
+  uint8_t* fresh = nullptr;
+  if (_length > 0) {
+    fresh = static_cast<uint8_t*>(std::malloc(_length));
+    if (fresh == nullptr) return;  // keeping the large block is only wasteful, not wrong
+    std::memcpy(fresh, bytes(), _length);
   }
-  if (!isSparse(_length, _capacity)) return;
-  auto* fresh = static_cast<uint8_t*>(std::malloc(_length));
-  if (fresh == nullptr) return;  // keeping the large block is only wasteful, not wrong
-  std::memcpy(fresh, bytes(), _length);
   std::free(_storage);
   _storage = fresh;
   _head = 0;

@@ -21,6 +21,8 @@ class ZPK_EXPORT ZPKMutableData final : public ZPKData {
   static ZPKMutableDataPtr dataWithCapacity(size_t capacity);
   /// Takes over a malloc(3) block of `capacity` bytes whose first `length` are the data.
   static ZPKMutableDataPtr dataWithBytesNoCopy(void* buffer, size_t length, size_t capacity);
+  /// A buffer with a copy of `length` bytes.
+  static ZPKMutableDataPtr dataWithBytes(const void* bytes, size_t length);
   /// A mutable copy of `data`, which the caller gives up. If nobody else holds it, its bytes are
   /// taken over instead of copied. Null gives null.
   static ZPKMutableDataPtr mutableCopyGivingUp(ZPKDataPtr&& data);
@@ -44,8 +46,9 @@ class ZPK_EXPORT ZPKMutableData final : public ZPKData {
   void zeroRange(ZPKRange range);
   /// Drops the first `count` bytes, or all if there are fewer, in constant time.
   void dropFirst(size_t count);
-  /// Moves the first `count` bytes, or all if there are fewer, to `out`, which is emptied first.
-  void moveFirst(size_t count, ZPKMutableData* out);
+  /// Takes the first `count` bytes, or all if there are fewer, off the buffer and gives them in one
+  /// of their own.
+  ZPKMutableDataPtr takeFirst(size_t count);
   /// Exchanges the contents of two buffers, without a copy.
   void swap(ZPKMutableData& other) noexcept;
 
@@ -57,7 +60,7 @@ class ZPK_EXPORT ZPKMutableData final : public ZPKData {
  private:
   void reserveAtEnd(size_t count);
   void forgetSearch() { _searchedLength = 0; }
-  void releaseUnusedRoom();
+  void releaseRoom();
 
   size_t _capacity = 0;
   // The last pattern that was not found, and how many bytes from the start were searched for it;

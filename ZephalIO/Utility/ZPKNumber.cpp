@@ -34,6 +34,7 @@ std::string shortest(T value) {
 }  // namespace
 
 double ZPKNumber::doubleValue() const {
+  if (const auto* value = std::get_if<double>(&_value)) return *value;
   return std::visit([](auto value) { return static_cast<double>(value); }, _value);
 }
 

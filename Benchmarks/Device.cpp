@@ -1,0 +1,223 @@
+#include "Device.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+[[noreturn]] void fail(const char* what) {
+  std::perror(what);
+  std::exit(1);
+}
+
+int checked(int result, const char* what) {
+  if (result < 0) fail(what);
+  return result;
+}
+
+void writeAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = ::write(fd, bytes.data(), bytes.size());
+    if (written <= 0) return;
+    bytes.remove_prefix(static_cast<size_t>(written));
+  }
+}
+
+void writeInPieces(int fd, const std::string& bytes, size_t piece) {
+  for (size_t at = 0; at < bytes.size(); at += piece) {
+    writeAll(fd, std::string_view(bytes).substr(at, piece));
+  }
+}
+
+void flood(int fd, size_t width, size_t lines) {
+  std::string line(width - 1, 'x');
+  line += '\n';
+  std::string block;
+  while (block.size() < 4096) block += line;
+  const size_t linesPerBlock = block.size() / width;
+  for (; lines >= linesPerBlock; lines -= linesPerBlock) writeAll(fd, block);
+  writeAll(fd, std::string_view(block).substr(0, lines * width));
+}
+
+void answer(int fd, const std::string& command) {
+  if (command == "ping") return writeAll(fd, "pong\n> ");
+  char name[16] = "";
+  size_t first = 0;
+  size_t second = 0;
+  std::sscanf(command.c_str(), "%15s %zu %zu", name, &first, &second);
+  if (std::strcmp(name, "flood") == 0) return flood(fd, first, second);
+  const bool isStairs = std::strcmp(name, "stairs") == 0;
+  std::string response(first, isStairs ? '>' : 'x');
+  response += isStairs ? " " : "> ";
+  writeInPieces(fd, response, second);
+}
+
+// Answers every complete line of what came; false when the peer has gone.
+bool serve(int fd, std::string& held) {
+  char buffer[4096];
+  const ssize_t count = ::read(fd, buffer, sizeof buffer);
+  if (count <= 0) return false;
+  held.append(buffer, static_cast<size_t>(count));
+  for (size_t end = held.find('\n'); end != std::string::npos; end = held.find('\n')) {
+    const std::string command = held.substr(0, end);
+    held.erase(0, end + 1);
+    answer(fd, command);
+  }
+  return true;
+}
+
+int acceptOn(int listener) {
+  const int fd = checked(::accept(listener, nullptr, nullptr), "accept");
+  const int on = 1;
+  ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  return fd;
+}
+
+[[noreturn]] void serveOne(int fd) {
+  std::string held;
+  while (serve(fd, held)) {
+  }
+  ::_exit(0);
+}
+
+[[noreturn]] void serveAll(int listener) {
+  std::map<int, std::string> connections;
+  for (;;) {
+    std::vector<pollfd> waiting{{listener, POLLIN, 0}};
+    for (const auto& [fd, held] : connections) waiting.push_back({fd, POLLIN, 0});
+    ::poll(waiting.data(), waiting.size(), -1);
+    for (const pollfd& entry : waiting) {
+      if (entry.revents == 0) continue;
+      if (entry.fd == listener) {
+        connections.emplace(acceptOn(listener), "");
+      } else if (!serve(entry.fd, connections[entry.fd])) {
+        ::close(entry.fd);
+        connections.erase(entry.fd);
+      }
+    }
+  }
+}
+
+int openRaw(const std::string& path) {
+  const int fd = checked(::open(path.c_str(), O_RDWR | O_NOCTTY), "open pty");
+  termios attributes{};
+  ::tcgetattr(fd, &attributes);
+  ::cfmakeraw(&attributes);
+  ::tcsetattr(fd, TCSANOW, &attributes);
+  return fd;
+}
+
+sockaddr_un unixAddress(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  return address;
+}
+
+sockaddr_in loopback(int port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  return address;
+}
+
+}  // namespace
+
+const char* nameOf(Transport transport) {
+  switch (transport) {
+    case Transport::Tcp: return "TCP";
+    case Transport::Unix: return "unix";
+    case Transport::Pty: return "pty";
+  }
+  return "";
+}
+
+void pinTo(int cpu) {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  if (cpu >= 0) {
+    CPU_SET(cpu, &set);
+  } else {
+    for (int i = 0; i < CPU_SETSIZE; ++i) CPU_SET(i, &set);
+  }
+  ::sched_setaffinity(0, sizeof set, &set);
+}
+
+Device::Device(Transport transport, int cpu, bool servesMany) : _transport(transport) {
+  static int counter = 0;
+  if (transport == Transport::Pty) {
+    _listener = checked(::posix_openpt(O_RDWR | O_NOCTTY), "posix_openpt");
+    ::grantpt(_listener);
+    ::unlockpt(_listener);
+    _path = ::ptsname(_listener);
+    _url = "uart://" + _path;
+    _keptSlave = openRaw(_path);  // a master without a slave reads as hung up
+  } else if (transport == Transport::Unix) {
+    _path = "/tmp/zephalio-bench-" + std::to_string(::getpid()) + "-" + std::to_string(++counter);
+    _url = "unix://" + _path;
+    _listener = checked(::socket(AF_UNIX, SOCK_STREAM, 0), "socket");
+    const sockaddr_un address = unixAddress(_path);
+    checked(::bind(_listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), "bind");
+    checked(::listen(_listener, 1024), "listen");
+  } else {
+    _listener = checked(::socket(AF_INET, SOCK_STREAM, 0), "socket");
+    sockaddr_in address = loopback(0);
+    checked(::bind(_listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), "bind");
+    checked(::listen(_listener, 1024), "listen");
+    socklen_t length = sizeof address;
+    ::getsockname(_listener, reinterpret_cast<sockaddr*>(&address), &length);
+    _port = ntohs(address.sin_port);
+    _url = "tcp://127.0.0.1:" + std::to_string(_port);
+  }
+  _process = checked(::fork(), "fork");
+  if (_process != 0) return;
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  ::signal(SIGPIPE, SIG_IGN);
+  pinTo(cpu);
+  if (transport == Transport::Pty) serveOne(_listener);
+  if (servesMany) serveAll(_listener);
+  serveOne(acceptOn(_listener));
+}
+
+Device::~Device() {
+  ::kill(_process, SIGKILL);
+  ::waitpid(_process, nullptr, 0);
+  ::close(_listener);
+  if (_keptSlave >= 0) ::close(_keptSlave);
+  if (_transport == Transport::Unix) ::unlink(_path.c_str());
+}
+
+int Device::connect() const {
+  if (_transport == Transport::Pty) return openRaw(_path);
+  if (_transport == Transport::Unix) {
+    const int fd = checked(::socket(AF_UNIX, SOCK_STREAM, 0), "socket");
+    const sockaddr_un address = unixAddress(_path);
+    checked(::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), "connect");
+    return fd;
+  }
+  const int fd = checked(::socket(AF_INET, SOCK_STREAM, 0), "socket");
+  const sockaddr_in address = loopback(_port);
+  checked(::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), "connect");
+  const int on = 1;
+  ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  return fd;
+}

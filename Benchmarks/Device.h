@@ -1,0 +1,47 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+/// What a device sits on.
+enum class Transport { Tcp, Unix, Pty };
+
+const char* nameOf(Transport transport);
+
+/// A device in a process of its own, which answers every line that it gets:
+///
+///   ping            "pong\n> "
+///   flood W N       N lines of W bytes each, line feed included, in writes of 4 KiB, the buffer of C's stdio
+///   big N P         N bytes and "> ", in writes of at most P bytes
+///   stairs N P      the same, with every byte a ">" and a final " "
+///
+/// It ends with the object.
+class Device {
+ public:
+  /// `cpu` pins the device; -1 leaves it free. A device on a socket serves one connection, the first,
+  /// by blocking reads, so that a round trip costs it one read and one write; with
+  /// `servesMany` it serves all that come.
+  Device(Transport transport, int cpu, bool servesMany = false);
+  Device(const Device&) = delete;
+  Device& operator=(const Device&) = delete;
+  ~Device();
+
+  /// The URL of the device.
+  const std::string& url() const { return _url; }
+  /// A plain descriptor that talks to it, opened raw: for the loops that the library is measured
+  /// against.
+  int connect() const;
+
+ private:
+  Transport _transport;
+  std::string _url;
+  std::string _path;
+  int _port = 0;
+  int _listener = -1;
+  int _keptSlave = -1;
+  pid_t _process = -1;
+};
+
+/// Pins the calling thread to one CPU; -1 frees it.
+void pinTo(int cpu);

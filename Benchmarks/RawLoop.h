@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+/// The base of all comparisons: the system calls that the library makes, in plain C style. A write,
+/// FIONREAD, select and one read into a fresh heap buffer that is not zeroed; the search begins
+/// where the last one ended.
+class RawLoop {
+ public:
+  explicit RawLoop(int fd, std::string_view delimiter);
+  RawLoop(const RawLoop&) = delete;
+  RawLoop& operator=(const RawLoop&) = delete;
+  ~RawLoop();
+
+  /// Writes a command, in one write.
+  void write(std::string_view command);
+  /// Reads up to the delimiter and gives the response a heap block of its own, which is freed at
+  /// once. Returns its length.
+  size_t readResponse();
+
+ private:
+  void readChunk();
+
+  int _fd;
+  std::string_view _delimiter;
+  char* _buffer = nullptr;  // bytes not handed out yet begin at _head
+  size_t _head = 0;
+  size_t _length = 0;
+  size_t _capacity = 0;
+};
