@@ -23,7 +23,8 @@ constexpr double kLongestWait = 1.0e12;
 constexpr timeval kUnselectablePause{0, 100000};
 
 timeval timevalFromSeconds(double seconds) {
-  const double wait = std::min(seconds, kLongestWait);
+  if (std::isnan(seconds)) return {};
+  const double wait = std::clamp(seconds, -1.0, kLongestWait);
   timeval result{};
   result.tv_sec = static_cast<time_t>(std::floor(wait));
   result.tv_usec = static_cast<suseconds_t>(
