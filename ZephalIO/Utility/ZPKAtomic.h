@@ -5,9 +5,15 @@
 #include <mutex>
 #include <utility>
 
+#include "Utility/ZPKExport.h"
+
 /// A mutex of four bytes: objects here have up to a dozen properties each, and a station holds
 /// hundreds of objects. A waiter sleeps in the system; nothing spins without limit.
-class ZPKSmallMutex {
+///
+/// The standard library counts the waiters of an atomic in a table of its own, and the shared
+/// library and its user may each have one. So whoever waits or wakes does it in the shared library:
+/// a wake that looks into another table than the waiter's is lost.
+class ZPK_EXPORT ZPKSmallMutex {
  public:
   void lock() {
     uint32_t expected = kFree;
@@ -15,16 +21,17 @@ class ZPKSmallMutex {
                                        std::memory_order_relaxed)) {
       return;
     }
-    while (_state.exchange(kContended, std::memory_order_acquire) != kFree) {
-      _state.wait(kContended, std::memory_order_relaxed);
-    }
+    lockContended();
   }
 
   void unlock() {
-    if (_state.exchange(kFree, std::memory_order_release) == kContended) _state.notify_one();
+    if (_state.exchange(kFree, std::memory_order_release) == kContended) wakeOne();
   }
 
  private:
+  void lockContended();
+  void wakeOne();
+
   static constexpr uint32_t kFree = 0;
   static constexpr uint32_t kHeld = 1;
   static constexpr uint32_t kContended = 2;

@@ -1,0 +1,13 @@
+include(CheckLinkerFlag)
+
+# Lets a shared library export what its version script names and nothing else. Hidden visibility
+# alone is not enough: weak symbols of the standard library, such as instantiated templates, keep the
+# default visibility of their headers.
+function(zephalio_export_only target script)
+  check_linker_flag(CXX "LINKER:--version-script=${script}" ZEPHALIO_HAS_VERSION_SCRIPTS)
+  if(NOT ZEPHALIO_HAS_VERSION_SCRIPTS)
+    return()
+  endif()
+  target_link_options(${target} PRIVATE "LINKER:--version-script=${script}")
+  set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${script})
+endfunction()

@@ -1,0 +1,2 @@
+include("${CMAKE_CURRENT_LIST_DIR}/ZephalLoggingTargets.cmake")
+include("${CMAKE_CURRENT_LIST_DIR}/ZephalIOTargets.cmake")

@@ -1,0 +1,123 @@
+// Classes of a caller that keep the library's contracts, and objects of the library in a caller's
+// hands: what must work across the border of the shared library.
+#include <ZephalIO/ZephalIO.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+namespace {
+
+// Hands back what is written, and says "> " at the end.
+class EchoChannel final : public ZPKDataChannel {
+ public:
+  bool openWithTimeout(double, ZPKErrorPtr*) override { return _opened = true; }
+  bool close(ZPKErrorPtr*) override { return std::exchange(_opened, false); }
+  bool reset(ZPKErrorPtr*) override {
+    ++resets;
+    return true;
+  }
+  bool isOpened() const override { return _opened; }
+  ZPKDataPtr readWithTimeout(double, ZPKErrorPtr*) override {
+    return ZPKData::dataWithString(std::exchange(_waiting, std::string()));
+  }
+  bool write(const ZPKDataPtr& data, ZPKErrorPtr*) override {
+    _waiting += std::string(data->view()) + "> ";
+    return true;
+  }
+
+  int resets = 0;
+
+ private:
+  bool _opened = false;
+  std::string _waiting;
+};
+
+class UpperCase final : public ZPKDataTransformer {
+ public:
+  void modifyData(ZPKMutableData* data) override {
+    for (size_t i = 0; i < data->length(); ++i) {
+      data->mutableBytes()[i] = static_cast<uint8_t>(std::toupper(data->bytes()[i]));
+    }
+  }
+  bool reset(ZPKErrorPtr*) override {
+    ++resets;
+    return true;
+  }
+
+  int resets = 0;
+};
+
+TEST(OwnClassesTest, AChannelOfTheCallerStandsAtTheBottomOfAStack) {
+  const auto channel = std::make_shared<EchoChannel>();
+  const auto stack = ZPKCommStack::init();
+  ASSERT_TRUE(stack->createStackWithBaseChannel(channel));
+  EXPECT_EQ(stack->isOpen(), 0);
+  ASSERT_TRUE(stack->openWithTimeout(std::nullopt));
+  EXPECT_EQ(stack->sendCommandString("hello", 30), "hello\n> ");
+  EXPECT_TRUE(stack->close());
+  EXPECT_FALSE(channel->isOpened());
+  EXPECT_EQ(channel->resets, 1);
+}
+
+TEST(OwnClassesTest, ATransformerOfTheCallerEditsWhatIsRead) {
+  const auto upper = std::make_shared<UpperCase>();
+  const auto channel = createChannelTransformer(std::make_shared<EchoChannel>(), {upper}, {});
+  ASSERT_NE(channel, nullptr);
+  ASSERT_TRUE(channel->write(ZPKData::dataWithString("hello")));
+  EXPECT_EQ(channel->readWithTimeout(0)->string(), "HELLO> ");
+  EXPECT_TRUE(channel->reset());
+  EXPECT_EQ(upper->resets, 1);
+}
+
+TEST(OwnClassesTest, ATransformerOfTheCallerEditsACopyOfWhatIsWritten) {
+  const auto channel = createChannelTransformer(std::make_shared<EchoChannel>(), {},
+                                                {std::make_shared<UpperCase>()});
+  const auto written = ZPKData::dataWithString("hello");
+  ASSERT_TRUE(channel->write(written));
+  EXPECT_EQ(written->string(), "hello");
+  EXPECT_EQ(channel->readWithTimeout(0)->string(), "HELLO> ");
+}
+
+TEST(OwnClassesTest, ATransformerOfTheLibraryCastsDownInTheProgram) {
+  const ZPKDataTransformerPtr transformer =
+      ZPKMutableDataAggregatorTransformer::initWithTerminator(ZPKData::dataWithString("\n"));
+  EXPECT_NE(std::dynamic_pointer_cast<ZPKMutableDataAggregatorTransformer>(transformer), nullptr);
+  EXPECT_EQ(std::dynamic_pointer_cast<ZPKMutableDataAppendingTransformer>(transformer), nullptr);
+  EXPECT_EQ(std::dynamic_pointer_cast<UpperCase>(transformer), nullptr);
+}
+
+TEST(OwnClassesTest, DataOfTheLibraryCastsDownInTheProgram) {
+  const ZPKDataPtr fixed = ZPKData::dataWithString("hello");
+  const ZPKDataPtr growable = fixed->mutableCopy();
+  EXPECT_EQ(std::dynamic_pointer_cast<const ZPKMutableData>(fixed), nullptr);
+  EXPECT_NE(std::dynamic_pointer_cast<const ZPKMutableData>(growable), nullptr);
+}
+
+TEST(OwnClassesTest, AChannelOfTheCallerCastsDownAfterAWayThroughTheLibrary) {
+  const auto stack = ZPKCommStack::init();
+  stack->setCommChannel(std::make_shared<EchoChannel>());
+  EXPECT_NE(std::dynamic_pointer_cast<EchoChannel>(stack->commChannel()), nullptr);
+  ASSERT_TRUE(stack->createStackWithBaseChannel(stack->commChannel()));
+  EXPECT_EQ(std::dynamic_pointer_cast<EchoChannel>(stack->commChannel()), nullptr);
+}
+
+// A mode shorter than three characters is the one failure that is thrown.
+TEST(OwnClassesTest, TheOneExceptionOfTheLibraryIsCaughtInTheProgram) {
+  const int terminal = ::posix_openpt(O_RDWR | O_NOCTTY);
+  ASSERT_EQ(::grantpt(terminal), 0);
+  ASSERT_EQ(::unlockpt(terminal), 0);
+  const std::string url = std::string("uart://") + ::ptsname(terminal) + "?mode=8";
+  const auto channel = createBaseChannelWithTransport(url);
+  ASSERT_NE(channel, nullptr);
+  EXPECT_THROW(channel->openWithTimeout(0), std::out_of_range);
+  ::close(terminal);
+}
+
+}  // namespace
