@@ -1,0 +1,26 @@
+// Thread calls of the code under test that go another way, on the thread that asks for it. They are
+// intercepted when the tests are linked (see Tests/CMakeLists.txt).
+#pragma once
+
+#include <pthread.h>
+
+#include <functional>
+
+/// While it lives, the system starts no thread for the calling thread: EAGAIN.
+class RefusedThreads {
+ public:
+  RefusedThreads();
+  RefusedThreads(const RefusedThreads&) = delete;
+  RefusedThreads& operator=(const RefusedThreads&) = delete;
+  ~RefusedThreads();
+};
+
+/// While it lives, `wait` stands in for the calling thread's pthread_cond_timedwait and gives its
+/// result. As in a real wait, the mutex is free while `wait` runs.
+class ReplacedWaits {
+ public:
+  explicit ReplacedWaits(std::function<int()> wait);
+  ReplacedWaits(const ReplacedWaits&) = delete;
+  ReplacedWaits& operator=(const ReplacedWaits&) = delete;
+  ~ReplacedWaits();
+};

@@ -1,0 +1,27 @@
+#include "Utility/ZPIWallClockDeadline.h"
+
+#include <sys/time.h>
+
+#include <algorithm>
+#include <cstdint>
+
+namespace {
+
+// The longest finite wait, some 30,000 years; beyond it the arithmetic could overflow.
+constexpr double kLongestWait = 1.0e12;
+constexpr int64_t kNanosPerSecond = 1000000000;
+
+}  // namespace
+
+timespec ZPIWallClockDeadline(double timeout) {
+  const double wait = timeout > 0.0 ? std::min(timeout, kLongestWait) : 0.0;
+  const auto seconds = static_cast<int64_t>(wait);
+  const auto fraction = static_cast<int64_t>((wait - static_cast<double>(seconds)) * 1.0e9);
+  timeval now{};
+  ::gettimeofday(&now, nullptr);
+  const int64_t nanos = fraction + static_cast<int64_t>(now.tv_usec) * 1000;
+  timespec deadline{};
+  deadline.tv_sec = static_cast<time_t>(seconds + now.tv_sec + nanos / kNanosPerSecond);
+  deadline.tv_nsec = static_cast<long>(nanos % kNanosPerSecond);
+  return deadline;
+}
