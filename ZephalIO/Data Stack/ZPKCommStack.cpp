@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "Data Channel/ZPKDataChannelDecorators.h"
+#include "Data Stack/ZPIStackSupport.h"
 #include "Utility/ZPIText.h"
 #include "Utility/ZPKDataConversionFunctions.h"
 #include "Utility/ZPKReportFailure.h"
@@ -11,21 +12,11 @@ namespace {
 
 using Guard = std::lock_guard<std::recursive_mutex>;
 
-bool boolValue(const std::optional<ZPKNumber>& number) {
-  return number.has_value() && number->boolValue();
-}
+ZPIStackSite stackSite(const ZPIFailureSite& site) { return {kZPICommChannelDomain, site}; }
 
 // The number that a timeout message shows: the caller's own.
 ZPKNumber limitOf(const std::optional<ZPKNumber>& timeout) {
   return timeout.value_or(ZEPHAL_COMMUNICATION_TIME_FOREVER);
-}
-
-double secondsOf(const std::optional<ZPKNumber>& timeout) {
-  return timeout.has_value() ? timeout->doubleValue() : ZEPHAL_COMMUNICATION_TIME_FOREVER;
-}
-
-bool isOpened(const ZPKDataChannelPtr& channel) {
-  return channel != nullptr && channel->isOpened();
 }
 
 // The response as text, or null with code 306 at the caller's site.
@@ -81,13 +72,7 @@ ZPKCommStackPtr ZPKCommStack::init() {
 
 ZPKCommStack::ZPKCommStack(Key) : _currentSwap(_ecidSwapInformation) {}
 
-ZPKCommStack::~ZPKCommStack() {
-  const ZPKDataChannelPtr channel = commChannel();
-  if (!isOpened(channel)) return;
-  ZPKErrorPtr error;
-  if (channel->close(&error)) return;
-  ZPKLoggingLog(ZPKLogGetAnchor(), 0, "Error closing commChannel during dealloc : %@", error);
-}
+ZPKCommStack::~ZPKCommStack() { ZPICloseAbandonedChain(commChannel()); }
 
 bool ZPKCommStack::enableECIDSwapDetectionWithECID(std::optional<ZPKNumber> ecid,
                                                    ZPKErrorPtr* error) {
@@ -103,7 +88,7 @@ bool ZPKCommStack::enableECIDSwapDetectionWithECID(std::optional<ZPKNumber> ecid
 
 bool ZPKCommStack::setTimeoutIsException(std::optional<ZPKNumber> value, ZPKErrorPtr* /*error*/) {
   const Guard guard(_lock);
-  setTimeoutIsException(boolValue(value));
+  setTimeoutIsException(ZPIBoolOf(value));
   return true;
 }
 
@@ -129,10 +114,8 @@ bool ZPKCommStack::createStackWithURL(std::optional<std::string_view> url, ZPKEr
 bool ZPKCommStack::createStackWithBaseChannel(const ZPKDataChannelPtr& channel,
                                               ZPKErrorPtr* error) {
   const Guard guard(_lock);
-  if (isOpened(commChannel())) {
-    ZPKReportFailure(
-        error, kZPICommChannelDomain, 303, {"-[ZPKCommStack createStackWithBaseChannel:error:]"},
-        "UART port cannot already be open, please call \"close\" before calling open again");
+  if (ZPIRefuseWhileOpen(commChannel(), error,
+                         stackSite({"-[ZPKCommStack createStackWithBaseChannel:error:]"}))) {
     return false;
   }
   if (channel == nullptr) return false;
@@ -149,33 +132,20 @@ bool ZPKCommStack::createStackWithBaseChannel(const ZPKDataChannelPtr& channel,
 }
 
 bool ZPKCommStack::openWithTimeout(std::optional<ZPKNumber> timeout, ZPKErrorPtr* error) {
-  const double seconds = secondsOf(timeout);
+  const double seconds = ZPISecondsOf(timeout);
   const Guard guard(_lock);
-  const ZPKDataChannelPtr channel = commChannel();
-  if (channel == nullptr) {
-    ZPKReportFailure(error, kZPICommChannelDomain, 301, {"-[ZPKCommStack openWithTimeout:error:]"},
-                     "UART port stack not created, please call \"createStackWithURL\" before "
-                     "calling open");
-    return false;
-  }
-  if (channel->isOpened()) {
-    ZPKReportFailure(
-        error, kZPICommChannelDomain, 303, {"-[ZPKCommStack openWithTimeout:error:]"},
-        "UART port cannot already be open, please call \"close\" before calling open again");
-    return false;
-  }
-  return channel->openWithTimeout(seconds, error);
+  return ZPIOpenChain(commChannel(), seconds, error,
+                      stackSite({"-[ZPKCommStack openWithTimeout:error:]"}));
 }
 
 ZPKNumber ZPKCommStack::isOpen(ZPKErrorPtr* /*error*/) const {
   const Guard guard(_lock);
-  return isOpened(commChannel()) ? 1 : 0;
+  return ZPIIsOpened(commChannel()) ? 1 : 0;
 }
 
 bool ZPKCommStack::close(ZPKErrorPtr* error) {
   const Guard guard(_lock);
-  const ZPKDataChannelPtr channel = commChannel();
-  return channel != nullptr && channel->close(error) && channel->reset(error);
+  return ZPICloseChain(commChannel(), error);
 }
 
 bool ZPKCommStack::writeData(const ZPKDataPtr& data, ZPKErrorPtr* error) {
@@ -187,7 +157,7 @@ bool ZPKCommStack::writeData(const ZPKDataPtr& data, ZPKErrorPtr* error) {
 ZPKDataPtr ZPKCommStack::readDataWithTimeout(std::optional<ZPKNumber> timeout,
                                              const ZPKDataPtr& delimiter, ZPKErrorPtr* error) {
   constexpr const char* kSite = "-[ZPKCommStack readDataWithTimeout:delimiter:error:]";
-  const double seconds = secondsOf(timeout);
+  const double seconds = ZPISecondsOf(timeout);
   const Guard guard(_lock);
   const ZPKDataChannelPtr channel = openChannel(error, {kSite});
   if (channel == nullptr) return nullptr;
@@ -204,7 +174,7 @@ ZPKDataPtr ZPKCommStack::readDataWithTimeout(std::optional<ZPKNumber> timeout,
 ZPKDataPtr ZPKCommStack::sendCommandData(const ZPKDataPtr& command,
                                          std::optional<ZPKNumber> timeout, ZPKErrorPtr* error) {
   constexpr const char* kSite = "-[ZPKCommStack sendCommandData:timeout:error:]";
-  const double seconds = secondsOf(timeout);
+  const double seconds = ZPISecondsOf(timeout);
   const Guard guard(_lock);
   const ZPKDataChannelPtr channel = openChannel(error, {kSite});
   if (channel == nullptr || !channel->write(command, error)) return nullptr;
@@ -270,14 +240,12 @@ std::optional<std::string> ZPKCommStack::sendCommandStringWithEchoRemoval(
 
 bool ZPKCommStack::refuseOnceCreated(ZPKErrorPtr* error, const ZPIFailureSite& site,
                                      const char* message) const {
-  if (commChannel() == nullptr) return false;
-  ZPKReportFailure(error, kZPICommChannelDomain, 302, site, message);
-  return true;
+  return ZPIRefuseOnceCreated(commChannel(), error, stackSite(site), message);
 }
 
 ZPKDataChannelPtr ZPKCommStack::openChannel(ZPKErrorPtr* error, const ZPIFailureSite& site) const {
   ZPKDataChannelPtr channel = commChannel();
-  if (isOpened(channel)) return channel;
+  if (ZPIIsOpened(channel)) return channel;
   ZPKReportFailure(error, kZPICommChannelDomain, 304, site,
                    "UART port not open, please call \"open\" before calling functions that talk "
                    "over UART");

@@ -1,0 +1,137 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Data Stack/ZPIStackSupport.h"
+#include "Support/ErrorExpectations.h"
+#include "Support/ScriptedChannel.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+ZPIStackSite testSite() { return {kZPICommChannelDomain, {"theFunction"}}; }
+
+ExpectedFailure failure(int code, const char* description) {
+  return {"zephal-commchannel", code, description, "theFunction", "ZPIStackSupportTest.cpp"};
+}
+
+std::shared_ptr<ScriptedChannel> closedChain() {
+  auto chain = ScriptedChannel::make();
+  chain->setOpened(false);
+  return chain;
+}
+
+TEST(ZPIStackSupportTest, ANullTimeoutIsForever) {
+  EXPECT_EQ(ZPISecondsOf(std::nullopt), ZEPHAL_COMMUNICATION_TIME_FOREVER);
+  EXPECT_EQ(ZPISecondsOf(0), 0.0);
+  EXPECT_EQ(ZPISecondsOf(0.5), 0.5);
+}
+
+TEST(ZPIStackSupportTest, ANullNumberCountsAsFalse) {
+  EXPECT_FALSE(ZPIBoolOf(std::nullopt));
+  EXPECT_FALSE(ZPIBoolOf(0));
+  EXPECT_TRUE(ZPIBoolOf(2));
+}
+
+TEST(ZPIStackSupportTest, ANullChainIsNotOpen) {
+  EXPECT_FALSE(ZPIIsOpened(nullptr));
+  EXPECT_TRUE(ZPIIsOpened(ScriptedChannel::make()));
+  EXPECT_FALSE(ZPIIsOpened(closedChain()));
+}
+
+TEST(ZPIStackSupportTest, ASettingIsRefusedOnceThereIsAChain) {
+  LogCapture log;
+  ZPKErrorPtr error = olderError();
+  EXPECT_FALSE(ZPIRefuseOnceCreated(nullptr, &error, testSite(), "refused"));
+  EXPECT_EQ(error, olderError());
+  EXPECT_THAT(log.lines(), IsEmpty());
+  EXPECT_TRUE(ZPIRefuseOnceCreated(closedChain(), &error, testSite(), "refused"));
+  expectFailure(error, log, failure(302, "refused"));
+}
+
+TEST(ZPIStackSupportTest, OpeningWithoutAChainFailsWithCode301) {
+  LogCapture log;
+  ZPKErrorPtr error;
+  EXPECT_FALSE(ZPIOpenChain(nullptr, 1.0, &error, testSite()));
+  expectFailure(error, log,
+                failure(301,
+                        "UART port stack not created, please call \"createStackWithURL\" before "
+                        "calling open"));
+}
+
+TEST(ZPIStackSupportTest, OpeningAnOpenChainFailsWithCode303AndDoesNotReachIt) {
+  LogCapture log;
+  ZPKErrorPtr error;
+  auto chain = ScriptedChannel::make();
+  EXPECT_FALSE(ZPIOpenChain(chain, 1.0, &error, testSite()));
+  expectFailure(
+      error, log,
+      failure(303,
+              "UART port cannot already be open, please call \"close\" before calling open again"));
+  EXPECT_THAT(chain->calls(), IsEmpty());
+}
+
+TEST(ZPIStackSupportTest, OpeningHandsTheTimeoutDown) {
+  auto chain = closedChain();
+  EXPECT_TRUE(ZPIOpenChain(chain, 2.5, nullptr, testSite()));
+  EXPECT_THAT(chain->openTimeouts(), ElementsAre(2.5));
+}
+
+TEST(ZPIStackSupportTest, AGoodCloseResetsTheChain) {
+  auto chain = ScriptedChannel::make();
+  EXPECT_TRUE(ZPICloseChain(chain, nullptr));
+  EXPECT_THAT(chain->calls(), ElementsAre("close", "reset"));
+}
+
+TEST(ZPIStackSupportTest, AFailedCloseSkipsTheReset) {
+  auto chain = ScriptedChannel::make();
+  chain->setCloseResult(false, olderError());
+  ZPKErrorPtr error;
+  EXPECT_FALSE(ZPICloseChain(chain, &error));
+  EXPECT_EQ(error, olderError());
+  EXPECT_THAT(chain->calls(), ElementsAre("close"));
+}
+
+TEST(ZPIStackSupportTest, AFailedResetFailsTheClose) {
+  auto chain = ScriptedChannel::make();
+  chain->setResetResult(false, olderError());
+  ZPKErrorPtr error;
+  EXPECT_FALSE(ZPICloseChain(chain, &error));
+  EXPECT_EQ(error, olderError());
+}
+
+TEST(ZPIStackSupportTest, ClosingANullChainFailsWithoutAnErrorOrALine) {
+  LogCapture log;
+  ZPKErrorPtr error = olderError();
+  EXPECT_FALSE(ZPICloseChain(nullptr, &error));
+  EXPECT_EQ(error, olderError());
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST(ZPIStackSupportTest, AnAbandonedOpenChainIsClosedWithoutAReset) {
+  LogCapture log;
+  auto chain = ScriptedChannel::make();
+  ZPICloseAbandonedChain(chain);
+  EXPECT_THAT(chain->calls(), ElementsAre("close"));
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST(ZPIStackSupportTest, AnAbandonedClosedOrNullChainIsLeftAlone) {
+  auto chain = closedChain();
+  ZPICloseAbandonedChain(chain);
+  ZPICloseAbandonedChain(nullptr);
+  EXPECT_THAT(chain->calls(), IsEmpty());
+}
+
+TEST(ZPIStackSupportTest, AnAbandonedChainThatDoesNotCloseIsALineInTheLog) {
+  LogCapture log;
+  auto chain = ScriptedChannel::make();
+  chain->setCloseResult(false, olderError());
+  ZPICloseAbandonedChain(chain);
+  const std::string line =
+      "Error closing commChannel during dealloc : " + olderError()->debugDescription();
+  EXPECT_THAT(log.lines(), ElementsAre(LogLine{0, line}));
+}
+
+}  // namespace

@@ -1,0 +1,49 @@
+#include "Data Stack/ZPIStackSupport.h"
+
+double ZPISecondsOf(const std::optional<ZPKNumber>& timeout) {
+  return timeout.has_value() ? timeout->doubleValue() : ZEPHAL_COMMUNICATION_TIME_FOREVER;
+}
+
+bool ZPIBoolOf(const std::optional<ZPKNumber>& number) {
+  return number.has_value() && number->boolValue();
+}
+
+bool ZPIIsOpened(const ZPKDataChannelPtr& chain) { return chain != nullptr && chain->isOpened(); }
+
+bool ZPIRefuseOnceCreated(const ZPKDataChannelPtr& chain, ZPKErrorPtr* error,
+                          const ZPIStackSite& site, const char* message) {
+  if (chain == nullptr) return false;
+  ZPKReportFailure(error, site.domain, 302, site.site, message);
+  return true;
+}
+
+bool ZPIRefuseWhileOpen(const ZPKDataChannelPtr& chain, ZPKErrorPtr* error,
+                        const ZPIStackSite& site) {
+  if (!ZPIIsOpened(chain)) return false;
+  ZPKReportFailure(
+      error, site.domain, 303, site.site,
+      "UART port cannot already be open, please call \"close\" before calling open again");
+  return true;
+}
+
+bool ZPIOpenChain(const ZPKDataChannelPtr& chain, double timeout, ZPKErrorPtr* error,
+                  const ZPIStackSite& site) {
+  if (chain == nullptr) {
+    ZPKReportFailure(error, site.domain, 301, site.site,
+                     "UART port stack not created, please call \"createStackWithURL\" before "
+                     "calling open");
+    return false;
+  }
+  return !ZPIRefuseWhileOpen(chain, error, site) && chain->openWithTimeout(timeout, error);
+}
+
+bool ZPICloseChain(const ZPKDataChannelPtr& chain, ZPKErrorPtr* error) {
+  return chain != nullptr && chain->close(error) && chain->reset(error);
+}
+
+void ZPICloseAbandonedChain(const ZPKDataChannelPtr& chain) {
+  if (!ZPIIsOpened(chain)) return;
+  ZPKErrorPtr error;
+  if (chain->close(&error)) return;
+  ZPKLoggingLog(ZPKLogGetAnchor(), 0, "Error closing commChannel during dealloc : %@", error);
+}
