@@ -12,15 +12,15 @@ const char* nameOf(Transport transport);
 /// A device in a process of its own, which answers every line that it gets:
 ///
 ///   ping            "pong\n> "
-///   flood W N       N lines of W bytes each, line feed included, in writes of 4 KiB, the buffer of C's stdio
-///   big N P         N bytes and "> ", in writes of at most P bytes
-///   stairs N P      the same, with every byte a ">" and a final " "
+///   flood W N       N lines of W bytes each, line feed included, in writes of 4 KiB, the buffer of
+///   C's stdio big N P         N bytes and "> ", in writes of at most P bytes stairs N P      the
+///   same, with every byte a ">" and a final " "
 ///
 /// It ends with the object.
 class Device {
  public:
-  /// `cpu` pins the device; -1 leaves it free. A device on a socket serves one connection, the first,
-  /// by blocking reads, so that a round trip costs it one read and one write; with
+  /// `cpu` pins the device; -1 leaves it free. A device on a socket serves one connection, the
+  /// first, by blocking reads, so that a round trip costs it one read and one write; with
   /// `servesMany` it serves all that come.
   Device(Transport transport, int cpu, bool servesMany = false);
   Device(const Device&) = delete;

@@ -1,8 +1,7 @@
-#include "Data Channel Internal/ZPIPassiveChannel.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Data Channel Internal/ZPIPassiveChannel.h"
 #include "Support/ErrorExpectations.h"
 #include "Support/ScriptedChannel.h"
 
