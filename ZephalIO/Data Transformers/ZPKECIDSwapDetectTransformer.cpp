@@ -1,5 +1,6 @@
 #include "Data Transformers/ZPKECIDSwapDetectTransformer.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdio>
@@ -39,26 +40,30 @@ ZPKECIDSwapDetectTransformer::ZPKECIDSwapDetectTransformer(Key, SwapAction swapA
 void ZPKECIDSwapDetectTransformer::modifyData(ZPKMutableData* data) {
   const std::optional<std::string>& current = _expected.current();
   if (data == nullptr || !current.has_value() || current->empty()) return;
+  const std::optional<std::string_view> bytes = bytesBeforeDelimiter(*data);
+  // The usual prompt is the expected one: it needs no look at its form.
+  if (!bytes.has_value() || *bytes == *current || !hasECIDForm(*bytes)) return;
   const std::string expected = *current;
-  const std::optional<std::string> read = readECIDText(*data);
-  if (!read.has_value() || *read == expected) return;
-  if (_dropResponseWhenECIDSwapDetected) data->setLength(0);
-  swapAction()(expected, *read);
+  const std::string read(*bytes);
+  if (dropResponseWhenECIDSwapDetected()) data->setLength(0);
+  swapAction()(expected, read);
 }
 
-// The ECID text in front of the chunk's first delimiter, if there is room for one and it has the
-// form of one. Bytes that are not UTF-8 have not.
-std::optional<std::string> ZPKECIDSwapDetectTransformer::readECIDText(
+// Where an ECID text belongs: up to the first byte of the chunk's first delimiter. Null if there is
+// no delimiter, or no room in front of it.
+std::optional<std::string_view> ZPKECIDSwapDetectTransformer::bytesBeforeDelimiter(
     const ZPKMutableData& chunk) const {
   const ZPKDataPtr delimiter = smileyDelimiter();
   if (delimiter == nullptr) return std::nullopt;
   const size_t offset = chunk.find(*delimiter).location;
   if (offset == ZPKNotFound || offset < kDelimiterOffset) return std::nullopt;
-  const std::optional<std::string> text =
-      chunk.subdata({offset - kDelimiterOffset, kECIDTextLength})->string();
+  return chunk.view().substr(offset - kDelimiterOffset, kECIDTextLength);
+}
+
+// Bytes that are not UTF-8 match nothing.
+bool ZPKECIDSwapDetectTransformer::hasECIDForm(std::string_view bytes) const {
   const ZPKRegexPtr form = regex();
-  if (!text.has_value() || form == nullptr || form->countMatches(*text) == 0) return std::nullopt;
-  return text;
+  return form != nullptr && form->countMatches(bytes) > 0;
 }
 
 bool ZPKECIDSwapDetectTransformer::reset(ZPKErrorPtr* /*error*/) { return true; }

@@ -47,8 +47,12 @@ class ZPK_EXPORT ZPKECIDSwapDetectTransformer final : public ZPKDataTransformer 
   ZPKNumber expectedECID() const;
 
   /// Whether a swap empties the chunk; true at first.
-  bool dropResponseWhenECIDSwapDetected() const { return _dropResponseWhenECIDSwapDetected; }
-  void setDropResponseWhenECIDSwapDetected(bool drop) { _dropResponseWhenECIDSwapDetected = drop; }
+  bool dropResponseWhenECIDSwapDetected() const {
+    return _dropResponseWhenECIDSwapDetected.load(std::memory_order_relaxed);
+  }
+  void setDropResponseWhenECIDSwapDetected(bool drop) {
+    _dropResponseWhenECIDSwapDetected.store(drop, std::memory_order_relaxed);
+  }
 
   SwapAction swapAction() const { return _swapAction.load(); }
   void setSwapAction(SwapAction swapAction) { _swapAction.store(std::move(swapAction)); }
@@ -69,7 +73,8 @@ class ZPK_EXPORT ZPKECIDSwapDetectTransformer final : public ZPKDataTransformer 
   }
 
  private:
-  std::optional<std::string> readECIDText(const ZPKMutableData& chunk) const;
+  std::optional<std::string_view> bytesBeforeDelimiter(const ZPKMutableData& chunk) const;
+  bool hasECIDForm(std::string_view bytes) const;
 
   std::atomic<bool> _dropResponseWhenECIDSwapDetected{true};
   ZPKAtomic<SwapAction> _swapAction;
