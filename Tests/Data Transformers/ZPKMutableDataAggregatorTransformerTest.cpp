@@ -1,0 +1,285 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "Data Transformers/ZPKMutableDataAggregatorTransformer.h"
+#include "Support/Chunks.h"
+#include "Support/ErrorExpectations.h"
+
+namespace {
+
+using testing::ElementsAre;
+
+ZPKMutableDataAggregatorTransformerPtr cuttingAt(std::string_view terminator) {
+  return ZPKMutableDataAggregatorTransformer::initWithTerminator(dataOf(terminator));
+}
+
+std::string held(const ZPKMutableDataAggregatorTransformer& aggregator) {
+  return std::string(aggregator.buffer()->view());
+}
+
+// What modifyData does, written out step by step and with no thought for speed.
+class PlainAggregator {
+ public:
+  void setTerminator(std::optional<std::string> terminator) { _terminator = std::move(terminator); }
+
+  std::string modifyData(const std::string& chunk) {
+    _buffer += chunk;
+    if (_terminator.value_or("").empty()) return std::exchange(_buffer, "");
+    const size_t p = _buffer.find(*_terminator);
+    if (p == std::string::npos) return "";
+    const size_t end = p + _terminator->size();
+    const std::string result = _buffer.substr(0, end);
+    _buffer = _buffer.substr(end);
+    return result;
+  }
+
+  void reset() { _buffer.clear(); }
+  const std::string& buffer() const { return _buffer; }
+
+ private:
+  std::string _buffer;
+  std::optional<std::string> _terminator;
+};
+
+TEST(ZPKMutableDataAggregatorTransformerTest, ATerminatorAtTheEndOfTheChunkLetsAllOfItThrough) {
+  const auto aggregator = cuttingAt("> ");
+  EXPECT_EQ(passed(*aggregator, "version\n> "), "version\n> ");
+  EXPECT_EQ(held(*aggregator), "");
+}
+
+// [A;B;C] [] []
+TEST(ZPKMutableDataAggregatorTransformerTest, OneCallHandsOutOneUnitAndEmptyChunksTheOthers) {
+  const auto aggregator = cuttingAt(";");
+  EXPECT_EQ(passed(*aggregator, "A;B;C"), "A;");
+  EXPECT_EQ(held(*aggregator), "B;C");
+  EXPECT_EQ(passed(*aggregator, ""), "B;");
+  EXPECT_EQ(held(*aggregator), "C");
+  EXPECT_EQ(passed(*aggregator, ""), "");
+  EXPECT_EQ(held(*aggregator), "C");
+}
+
+// [line\r] [\nrest]
+TEST(ZPKMutableDataAggregatorTransformerTest, ATerminatorSplitOverTwoChunksIsFound) {
+  const auto aggregator = cuttingAt("\r\n");
+  EXPECT_EQ(passed(*aggregator, "line\r"), "");
+  EXPECT_EQ(passed(*aggregator, "\nrest"), "line\r\n");
+  EXPECT_EQ(held(*aggregator), "rest");
+}
+
+// [ab=> cd=> ] in every way to cut it: [a][b][=]..., [ab=][> cd=> ] and so on.
+TEST(ZPKMutableDataAggregatorTransformerTest, EverySplitOfTheSameBytesGivesTheSameUnits) {
+  for (const Chunks& chunks : everySplit("ab=> cd=> ")) {
+    const auto aggregator = cuttingAt("=> ");
+    Chunks units = passedInTurn(*aggregator, chunks);
+    units.push_back(passed(*aggregator, ""));
+    std::erase(units, "");
+    EXPECT_THAT(units, ElementsAre("ab=> ", "cd=> ")) << pictureOf(chunks);
+    EXPECT_EQ(held(*aggregator), "");
+  }
+}
+
+TEST(ZPKMutableDataAggregatorTransformerTest, AnEmptyChunkOnAnEmptyBufferChangesNothing) {
+  const auto aggregator = cuttingAt(";");
+  EXPECT_EQ(passed(*aggregator, ""), "");
+  EXPECT_EQ(held(*aggregator), "");
+}
+
+TEST(ZPKMutableDataAggregatorTransformerTest, ANullChunkChangesNothingEvenWhenAUnitIsHeld) {
+  const auto aggregator = cuttingAt(";");
+  passed(*aggregator, "A;B;");
+  ASSERT_EQ(held(*aggregator), "B;");
+  aggregator->modifyData(nullptr);
+  EXPECT_EQ(held(*aggregator), "B;");
+}
+
+TEST(ZPKMutableDataAggregatorTransformerTest, TheFirstOccurrenceCutsNotTheLast) {
+  const auto aggregator = cuttingAt("aa");
+  EXPECT_EQ(passed(*aggregator, "baaa"), "baa");
+  EXPECT_EQ(held(*aggregator), "a");
+}
+
+TEST(ZPKMutableDataAggregatorTransformerTest, BytesAreComparedExactlyZerosIncluded) {
+  const std::string terminator("\0\xff", 2);
+  const auto aggregator = cuttingAt(terminator);
+  const std::string unit = std::string("a\0b\xff", 4) + terminator;
+  EXPECT_EQ(passed(*aggregator, unit + "c"), unit);
+  EXPECT_EQ(held(*aggregator), "c");
+}
+
+TEST(ZPKMutableDataAggregatorTransformerTest, AfterAChangeOldBytesAreCutAtTheNewTerminatorAlone) {
+  const auto aggregator = cuttingAt("> ");
+  ASSERT_EQ(passed(*aggregator, "x> A> B$ "), "x> ");
+  aggregator->setData2Find(dataOf("$ "));
+  EXPECT_EQ(held(*aggregator), "A> B$ ");
+  EXPECT_EQ(passed(*aggregator, ""), "A> B$ ");
+}
+
+TEST(ZPKMutableDataAggregatorTransformerTest, AnEmptyTerminatorFlushesOnTheNextCallOnly) {
+  const auto aggregator = cuttingAt("> ");
+  passed(*aggregator, "no end yet");
+  aggregator->setData2Find(ZPKData::data());
+  EXPECT_EQ(held(*aggregator), "no end yet");
+  EXPECT_EQ(passed(*aggregator, ""), "no end yet");
+  EXPECT_EQ(held(*aggregator), "");
+}
+
+TEST(ZPKMutableDataAggregatorTransformerTest, ANullTerminatorLetsHeldAndNewBytesThrough) {
+  const auto aggregator = cuttingAt("> ");
+  passed(*aggregator, "held ");
+  aggregator->setData2Find(nullptr);
+  EXPECT_EQ(aggregator->data2Find(), nullptr);
+  EXPECT_EQ(passed(*aggregator, "new"), "held new");
+  EXPECT_EQ(passed(*aggregator, "more"), "more");
+  EXPECT_EQ(held(*aggregator), "");
+}
+
+TEST(ZPKMutableDataAggregatorTransformerTest, BornWithoutATerminatorItLetsEverythingThrough) {
+  for (const ZPKDataPtr& none : {ZPKDataPtr(), ZPKData::data()}) {
+    const auto aggregator = ZPKMutableDataAggregatorTransformer::initWithTerminator(none);
+    EXPECT_EQ(passed(*aggregator, "abc"), "abc");
+    EXPECT_EQ(passed(*aggregator, ""), "");
+  }
+}
+
+TEST(ZPKMutableDataAggregatorTransformerTest, TheFirstTerminatorIsCopiedALaterOneIsKeptAsGiven) {
+  const ZPKMutableDataPtr terminator = chunkOf(";");
+  const auto aggregator = ZPKMutableDataAggregatorTransformer::initWithTerminator(terminator);
+  terminator->setContents(*dataOf(","));
+  EXPECT_EQ(aggregator->data2Find()->view(), ";");
+  EXPECT_EQ(passed(*aggregator, "a,b;"), "a,b;");
+
+  aggregator->setData2Find(terminator);
+  EXPECT_EQ(aggregator->data2Find(), terminator);
+  terminator->setContents(*dataOf("."));
+  EXPECT_EQ(passed(*aggregator, "a,b."), "a,b.");
+  terminator->setLength(0);
+  EXPECT_EQ(passed(*aggregator, "all"), "all");
+}
+
+TEST(ZPKMutableDataAggregatorTransformerTest, TheBufferObjectStaysTheSameForLife) {
+  const auto aggregator = cuttingAt(";");
+  const ZPKMutableDataPtr buffer = aggregator->buffer();
+  ASSERT_NE(buffer, nullptr);
+  EXPECT_EQ(buffer->length(), 0U);
+  passed(*aggregator, "a;b;c");
+  passed(*aggregator, "");
+  EXPECT_TRUE(aggregator->reset());
+  passed(*aggregator, "tail");
+  EXPECT_EQ(aggregator->buffer(), buffer);
+  EXPECT_EQ(buffer->view(), "tail");
+}
+
+TEST(ZPKMutableDataAggregatorTransformerTest, WhoEmptiesTheBufferDropsTheHeldBytes) {
+  const auto aggregator = cuttingAt(";");
+  passed(*aggregator, "old");
+  aggregator->buffer()->setLength(0);
+  EXPECT_EQ(passed(*aggregator, "new;"), "new;");
+}
+
+TEST(ZPKMutableDataAggregatorTransformerTest, BytesPutIntoTheBufferAreSearchedToo) {
+  const auto aggregator = cuttingAt(";");
+  passed(*aggregator, "abc");
+  aggregator->buffer()->mutableBytes()[1] = ';';
+  EXPECT_EQ(passed(*aggregator, ""), "a;");
+  EXPECT_EQ(held(*aggregator), "c");
+}
+
+TEST(ZPKMutableDataAggregatorTransformerTest, TheResultAndTheBufferShareNoBytes) {
+  const auto aggregator = cuttingAt(";");
+  const ZPKMutableDataPtr first = chunkOf("a;bc");
+  aggregator->modifyData(first.get());
+  first->append("xxxx", 4);
+  first->mutableBytes()[0] = 'X';
+  EXPECT_EQ(held(*aggregator), "bc");
+  const ZPKMutableDataPtr second = chunkOf("d");
+  aggregator->modifyData(second.get());
+  second->append("yyyy", 4);
+  EXPECT_EQ(held(*aggregator), "bcd");
+  EXPECT_EQ(first->view(), "X;xxxx");
+}
+
+TEST(ZPKMutableDataAggregatorTransformerTest, ResetDropsTheBytesKeepsTheTerminatorAndTheSlot) {
+  const auto aggregator = cuttingAt(";");
+  passed(*aggregator, "old");
+  ZPKErrorPtr error = olderError();
+  EXPECT_TRUE(aggregator->reset(&error));
+  EXPECT_EQ(error, olderError());
+  EXPECT_EQ(held(*aggregator), "");
+  EXPECT_EQ(passed(*aggregator, "new;"), "new;");
+}
+
+TEST(ZPKMutableDataAggregatorTransformerTest, NoOperationLogs) {
+  LogCapture log;
+  const auto aggregator = cuttingAt("%s");
+  EXPECT_EQ(passed(*aggregator, "%n%@ %s%d"), "%n%@ %s");
+  aggregator->reset();
+  EXPECT_THAT(log.lines(), ElementsAre());
+}
+
+TEST(ZPKMutableDataAggregatorTransformerTest, AMegabyteWithManyUnitsComesOutWhole) {
+  std::string stream;
+  while (stream.size() < 1'000'000) stream += "line " + std::to_string(stream.size()) + "\n";
+  const auto aggregator = cuttingAt("\n");
+  std::string out = passed(*aggregator, stream);
+  for (std::string unit = passed(*aggregator, ""); !unit.empty(); unit = passed(*aggregator, "")) {
+    ASSERT_EQ(unit.find('\n'), unit.size() - 1);
+    out += unit;
+  }
+  EXPECT_EQ(out, stream);
+}
+
+// Whatever way is taken inside, every call must do what its plain steps do: bytes held or none,
+// terminators of several lengths, changes in between.
+TEST(ZPKMutableDataAggregatorTransformerTest, EveryCallDoesWhatThePlainStepsDo) {
+  std::mt19937 random(31);
+  for (int round = 0; round < 300; ++round) {
+    const auto aggregator = ZPKMutableDataAggregatorTransformer::initWithTerminator(nullptr);
+    PlainAggregator plain;
+    for (int call = 0; call < 60; ++call) {
+      const auto choice = random() % 30;
+      if (choice < 4) {
+        const std::string terminator = randomText(random, "ab", 3);
+        aggregator->setData2Find(dataOf(terminator));
+        plain.setTerminator(terminator);
+      } else if (choice == 4) {
+        aggregator->setData2Find(nullptr);
+        plain.setTerminator(std::nullopt);
+      } else if (choice == 5) {
+        aggregator->reset();
+        plain.reset();
+      } else if (choice == 6) {
+        aggregator->modifyData(nullptr);
+      } else {
+        const std::string chunk = randomText(random, "abc", choice % 3 == 0 ? 200 : 7);
+        ASSERT_EQ(passed(*aggregator, chunk), plain.modifyData(chunk)) << "chunk " << chunk;
+      }
+      ASSERT_EQ(held(*aggregator), plain.buffer());
+    }
+  }
+}
+
+// A unit ends in the one or the other of two terminators, never in half of one.
+TEST(ZPKMutableDataAggregatorTransformerTest, ATerminatorCanBeSwappedOnAnotherThreadDuringCalls) {
+  const auto aggregator = cuttingAt("=> ");
+  std::atomic<bool> stops{false};
+  std::atomic<int> swaps{0};
+  std::thread swapper([&] {
+    for (; !stops; ++swaps) aggregator->setData2Find(dataOf(swaps % 2 == 0 ? "$ " : "=> "));
+  });
+  std::string in;
+  std::string out;
+  for (int call = 0; call < 2000 || swaps < 100; ++call) {
+    in += "a=> b$ ";
+    const std::string unit = passed(*aggregator, "a=> b$ ");
+    EXPECT_TRUE(unit.ends_with("=> ") || unit.ends_with("$ ")) << unit;
+    out += unit;
+  }
+  stops = true;
+  swapper.join();
+  EXPECT_EQ(out + held(*aggregator), in);
+}
+
+}  // namespace
