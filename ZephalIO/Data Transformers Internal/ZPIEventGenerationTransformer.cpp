@@ -1,0 +1,63 @@
+#include "Data Transformers Internal/ZPIEventGenerationTransformer.h"
+
+#include <algorithm>
+#include <string_view>
+#include <utility>
+
+ZPIEventGenerationTransformerPtr ZPIEventGenerationTransformer::initWithData(
+    const ZPKDataPtr& pattern, Action action, bool removeData) {
+  return std::make_shared<ZPIEventGenerationTransformer>(
+      Key(), pattern == nullptr ? ZPKData::data() : pattern->copy(), std::move(action), removeData);
+}
+
+ZPIEventGenerationTransformer::ZPIEventGenerationTransformer(Key, ZPKDataPtr pattern, Action action,
+                                                             bool removeData)
+    : _pattern(std::move(pattern)), _removeData(removeData), _action(std::move(action)) {}
+
+void ZPIEventGenerationTransformer::modifyData(ZPKMutableData* data) {
+  if (data == nullptr) return;
+  _buffer.appendGivingUp(data);
+  size_t heldBefore = 0;
+  do {
+    heldBefore = _buffer.length();
+    __modifyData(data);
+  } while (_buffer.length() != heldBefore);
+}
+
+// One pass: up to the first occurrence, or, without one, all that cannot begin one.
+void ZPIEventGenerationTransformer::__modifyData(ZPKMutableData* result) {
+  const bool isEverywhere = _pattern->length() == 0 && _buffer.length() > 0;
+  const ZPKRange found = isEverywhere ? ZPKRange{0, 0} : _buffer.find(*_pattern);
+  if (found.location == ZPKNotFound) {
+    handOut(_buffer.length() - heldAtTheEnd(), result);
+    return;
+  }
+  handOut(_removeData ? found.location : found.location + found.length, result);
+  if (_removeData) _buffer.dropFirst(found.length);
+  if (_action) _action();
+}
+
+// Moves the first bytes of the buffer to the end of the result. Dropping at the front takes no
+// time, so that many occurrences in a long chunk cost no more than their bytes.
+void ZPIEventGenerationTransformer::handOut(size_t count, ZPKMutableData* result) {
+  result->append(_buffer.bytes(), count);
+  _buffer.dropFirst(count);
+}
+
+// How many bytes at the end of the buffer, which has no occurrence in it, are kept for the next
+// chunk: all of them if they begin the pattern, otherwise the shortest end that does.
+size_t ZPIEventGenerationTransformer::heldAtTheEnd() const {
+  const std::string_view held = _buffer.view();
+  const std::string_view pattern = _pattern->view();
+  if (pattern.starts_with(held)) return held.size();
+  const size_t longest = std::min(held.size(), pattern.size());
+  for (size_t count = 1; count <= longest; ++count) {
+    if (pattern[count - 1] == held.back() && held.ends_with(pattern.substr(0, count))) return count;
+  }
+  return 0;
+}
+
+bool ZPIEventGenerationTransformer::reset(ZPKErrorPtr* /*error*/) {
+  _buffer.dropFirst(_buffer.length());
+  return true;
+}

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+#include "Data Transformers/ZPKDataTransformer.h"
+
+/// Puts the size of each chunk in front of it: a big-endian number of `packetLengthEncoding` bytes
+/// that counts the chunk alone. An empty chunk gets a size of 0.
+///
+/// A chunk that is too long for the field goes out as it is. So does every chunk while the width is
+/// not 1 to 8. Nothing is kept between calls; the width may be changed on any thread.
+class ZPIPacketSizePrependTransformer final : public ZPKDataTransformer {
+  struct Key {
+    explicit Key() = default;
+  };
+
+ public:
+  static std::shared_ptr<ZPIPacketSizePrependTransformer> initWithPacketLengthEncoding(
+      int32_t packetLengthEncoding);
+
+  ZPIPacketSizePrependTransformer(Key, int32_t packetLengthEncoding);
+
+  void modifyData(ZPKMutableData* data) override;
+  /// Does nothing; always true.
+  bool reset(ZPKErrorPtr* error = nullptr) override;
+
+  /// The width of the size field in bytes.
+  int32_t packetLengthEncoding() const {
+    return _packetLengthEncoding.load(std::memory_order_relaxed);
+  }
+  void setPacketLengthEncoding(int32_t width) {
+    _packetLengthEncoding.store(width, std::memory_order_relaxed);
+  }
+
+ private:
+  std::atomic<int32_t> _packetLengthEncoding;
+};
+
+using ZPIPacketSizePrependTransformerPtr = std::shared_ptr<ZPIPacketSizePrependTransformer>;
