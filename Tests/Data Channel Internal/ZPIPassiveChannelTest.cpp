@@ -1,33 +1,246 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cmath>
+#include <thread>
 
 #include "Data Channel Internal/ZPIPassiveChannel.h"
+#include "Support/Chunks.h"
 #include "Support/ErrorExpectations.h"
+#include "Support/EventWait.h"
 #include "Support/ScriptedChannel.h"
+#include "Support/SystemCalls.h"
 
 namespace {
 
-TEST(ZPIPassiveChannelTest, AClosedChannelAtTheStartFailsWithCode2) {
-  LogCapture log;
-  auto below = ScriptedChannel::make();
-  below->setOpened(false);
-  const ZPKDataChannelPtr channel = ZPIPassiveChannel::initWithChannel(below);
-  ZPKErrorPtr error = olderError();
-  EXPECT_EQ(channel->readWithTimeout(1.0, &error), nullptr);
-  expectFailure(error, log,
-                {"zephal-communication", 2, "Cannot communicate with closed device",
-                 "-[ZPIPassiveChannel readWithTimeout:error:]", "ZPIPassiveChannel.cpp"});
+using testing::ElementsAre;
+
+const ExpectedFailure kClosed{"zephal-communication", 2, "Cannot communicate with closed device",
+                              "-[ZPIPassiveChannel readWithTimeout:error:]",
+                              "ZPIPassiveChannel.cpp"};
+
+ZPKErrorPtr errorWithCode(int code) { return ZPKError::init("test", code, {}); }
+
+double secondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-TEST(ZPIPassiveChannelTest, NowReadsBelowExactlyOnce) {
-  auto below = ScriptedChannel::make();
+class ZPIPassiveChannelTest : public testing::Test {
+ protected:
+  const std::shared_ptr<ScriptedChannel> below = ScriptedChannel::make();
   const ZPKDataChannelPtr channel = ZPIPassiveChannel::initWithChannel(below);
+};
+
+// --- Closed channels.
+
+TEST_F(ZPIPassiveChannelTest, AClosedChannelAtTheStartFailsWithCode2) {
+  LogCapture log;
+  below->setOpened(false);
+  ZPKErrorPtr error = olderError();
+  EXPECT_EQ(channel->readWithTimeout(1.0, &error), nullptr);
+  expectFailure(error, log, kClosed);
+  EXPECT_THAT(below->calls(), ElementsAre());
+}
+
+TEST_F(ZPIPassiveChannelTest, AClosedChannelWithoutASlotStillLogs) {
+  LogCapture log;
+  below->setOpened(false);
+  EXPECT_EQ(channel->readWithTimeout(-0.5, nullptr), nullptr);
+  EXPECT_THAT(log.lines(), ElementsAre(LogLine{0, kClosed.description}));
+}
+
+TEST_F(ZPIPassiveChannelTest, AChannelThatClosesBetweenSlicesGivesNullAndNullInTheSlot) {
+  LogCapture log;
+  below->setOnRead([this](double) {
+    if (below->readTimeouts().size() == 3) below->setOpened(false);
+  });
+  ZPKErrorPtr error = olderError();
+  EXPECT_EQ(channel->readWithTimeout(1000.0, &error), nullptr);
+  EXPECT_EQ(error, nullptr);
+  EXPECT_EQ(below->readTimeouts().size(), 3U);
+  EXPECT_THAT(log.lines(), ElementsAre());
+}
+
+TEST_F(ZPIPassiveChannelTest, WithoutASlotAChannelThatClosesBetweenSlicesGivesNull) {
+  below->setOnRead([this](double) { below->setOpened(false); });
+  EXPECT_EQ(channel->readWithTimeout(ZEPHAL_COMMUNICATION_TIME_FOREVER, nullptr), nullptr);
+}
+
+TEST_F(ZPIPassiveChannelTest, BytesThatComeWithTheCloseAreHandedUp) {
+  below->addRead("last words");
+  below->setOnRead([this](double) { below->setOpened(false); });
+  EXPECT_EQ(channel->readWithTimeout(1000.0, nullptr)->view(), "last words");
+}
+
+TEST_F(ZPIPassiveChannelTest, WhenTheTimeIsUpTooItCountsAheadOfTheClose) {
+  below->setOnRead([this](double) { below->setOpened(false); });
   ZPKErrorPtr error = olderError();
   const ZPKDataPtr data = channel->readWithTimeout(ZEPHAL_COMMUNICATION_TIME_NOW, &error);
   ASSERT_NE(data, nullptr);
   EXPECT_EQ(data->length(), 0U);
   EXPECT_EQ(error, olderError());
-  EXPECT_THAT(below->readTimeouts(), testing::ElementsAre(0.0));
+}
+
+TEST_F(ZPIPassiveChannelTest, ACloseOnAnotherThreadEndsAReadWithoutAnError) {
+  std::thread closer([this] {
+    EXPECT_TRUE(waitFor([this] { return below->readTimeouts().size() > 2; }));
+    below->setOpened(false);
+  });
+  ZPKErrorPtr error = olderError();
+  EXPECT_EQ(channel->readWithTimeout(ZEPHAL_COMMUNICATION_TIME_FOREVER, &error), nullptr);
+  EXPECT_EQ(error, nullptr);
+  closer.join();
+}
+
+// --- Slices.
+
+TEST_F(ZPIPassiveChannelTest, NowReadsBelowExactlyOnce) {
+  ZPKErrorPtr error = olderError();
+  const ZPKDataPtr data = channel->readWithTimeout(ZEPHAL_COMMUNICATION_TIME_NOW, &error);
+  ASSERT_NE(data, nullptr);
+  EXPECT_EQ(data->length(), 0U);
+  EXPECT_EQ(error, olderError());
+  EXPECT_THAT(below->readTimeouts(), ElementsAre(0.0));
+}
+
+TEST_F(ZPIPassiveChannelTest, ForeverIsHandedDownAndGoesOnUntilBytesCome) {
+  for (const char* bytes : {"", "", "", "abc"}) below->addRead(bytes);
+  EXPECT_EQ(channel->readWithTimeout(ZEPHAL_COMMUNICATION_TIME_FOREVER, nullptr)->view(), "abc");
+  EXPECT_THAT(below->readTimeouts(), ElementsAre(-1.0, -1.0, -1.0, -1.0));
+}
+
+TEST_F(ZPIPassiveChannelTest, ASliceIsATenthOfTheTimeout) {
+  for (const double timeout : {1.0, 2.5, 0.001, 3600.0}) {
+    below->addRead("a");
+    channel->readWithTimeout(timeout, nullptr);
+  }
+  EXPECT_THAT(below->readTimeouts(), ElementsAre(0.1, 0.25, 0.0001, 360.0));
+}
+
+TEST_F(ZPIPassiveChannelTest, OneTimeoutHasSlicesOfOneLength) {
+  for (const char* bytes : {"", "", "abc"}) below->addRead(bytes);
+  channel->readWithTimeout(1000.0, nullptr);
+  EXPECT_THAT(below->readTimeouts(), ElementsAre(100.0, 100.0, 100.0));
+}
+
+TEST_F(ZPIPassiveChannelTest, ANegativeTimeoutIsHandedDownDividedByTenAndTheErrorComesUp) {
+  LogCapture log;
+  below->addFailedRead(errorWithCode(3), false);
+  ZPKErrorPtr error = olderError();
+  EXPECT_EQ(channel->readWithTimeout(-0.5, &error), nullptr);
+  EXPECT_EQ(error->code(), 3);
+  EXPECT_THAT(below->readTimeouts(), ElementsAre(-0.05));
+  EXPECT_THAT(log.lines(), ElementsAre());
+}
+
+TEST_F(ZPIPassiveChannelTest, ANegativeTimeoutThatIsTakenBelowIsOverAfterOneSlice) {
+  const ZPKDataPtr data = channel->readWithTimeout(-5.0, nullptr);
+  ASSERT_NE(data, nullptr);
+  EXPECT_EQ(data->length(), 0U);
+  EXPECT_THAT(below->readTimeouts(), ElementsAre(-0.5));
+}
+
+TEST_F(ZPIPassiveChannelTest, ATimeoutThatIsNotANumberIsOverAfterOneSlice) {
+  const ZPKDataPtr data = channel->readWithTimeout(std::nan(""), nullptr);
+  ASSERT_NE(data, nullptr);
+  EXPECT_EQ(data->length(), 0U);
+  ASSERT_EQ(below->readTimeouts().size(), 1U);
+  EXPECT_TRUE(std::isnan(below->readTimeouts().front()));
+}
+
+// --- Results.
+
+TEST_F(ZPIPassiveChannelTest, TheFirstBytesAreHandedUpAsTheyAreAndNothingIsGathered) {
+  const ZPKDataPtr first = dataOf("a");
+  below->addRead("");
+  below->addRead(first);
+  below->addRead("b");
+  ZPKErrorPtr error = olderError();
+  EXPECT_EQ(channel->readWithTimeout(1000.0, &error), first);
+  EXPECT_EQ(error, olderError());
+  EXPECT_EQ(below->readTimeouts().size(), 2U);
+}
+
+TEST_F(ZPIPassiveChannelTest, EmptyDataFromBelowNeverComesUpBeforeTheTimeIsUp) {
+  const auto start = std::chrono::steady_clock::now();
+  ZPKErrorPtr error = olderError();
+  const ZPKDataPtr data = channel->readWithTimeout(0.05, &error);
+  ASSERT_NE(data, nullptr);
+  EXPECT_EQ(data->length(), 0U);
+  EXPECT_EQ(error, olderError());
+  EXPECT_GE(secondsSince(start), 0.04);  // the channel measures by another clock
+  EXPECT_THAT(below->readTimeouts(), testing::Each(0.005));
+}
+
+TEST_F(ZPIPassiveChannelTest, AFailureBelowPassesAndIsNotLoggedAgain) {
+  LogCapture log;
+  below->addRead("");
+  below->addFailedRead(errorWithCode(5));
+  ZPKErrorPtr error = olderError();
+  EXPECT_EQ(channel->readWithTimeout(1000.0, &error), nullptr);
+  EXPECT_EQ(error->code(), 5);
+  below->setOpened(true);
+  below->addFailedRead(errorWithCode(5));
+  EXPECT_EQ(channel->readWithTimeout(1000.0, nullptr), nullptr);
+  EXPECT_THAT(log.lines(), ElementsAre());
+}
+
+TEST_F(ZPIPassiveChannelTest, NullFromBelowWithoutAnErrorPutsNullInTheSlot) {
+  below->addFailedRead(nullptr);
+  ZPKErrorPtr error = olderError();
+  EXPECT_EQ(channel->readWithTimeout(1000.0, &error), nullptr);
+  EXPECT_EQ(error, nullptr);
+}
+
+// A channel below that fills the slot of a read that is no failure: its error goes nowhere.
+TEST_F(ZPIPassiveChannelTest, TheChannelBelowGetsASlotOfItsOwn) {
+  class Chatty final : public ZPKDataChannel {
+   public:
+    bool openWithTimeout(double, ZPKErrorPtr*) override { return true; }
+    bool close(ZPKErrorPtr*) override { return true; }
+    bool reset(ZPKErrorPtr*) override { return true; }
+    bool isOpened() const override { return true; }
+    ZPKDataPtr readWithTimeout(double, ZPKErrorPtr* error) override {
+      EXPECT_NE(error, nullptr);
+      EXPECT_EQ(*error, nullptr);
+      *error = errorWithCode(7);
+      return ++_reads < 3 ? ZPKData::data() : dataOf("a");
+    }
+    bool write(const ZPKDataPtr&, ZPKErrorPtr*) override { return true; }
+
+   private:
+    int _reads = 0;
+  };
+  const auto chatty = ZPIPassiveChannel::initWithChannel(std::make_shared<Chatty>());
+  ZPKErrorPtr error = olderError();
+  EXPECT_EQ(chatty->readWithTimeout(1000.0, &error)->view(), "a");
+  EXPECT_EQ(error, olderError());
+}
+
+// Over a transport that waits: every slice is one select, ten or eleven of them on an idle machine
+// and fewer on one that is so busy that the slices take longer.
+TEST(ZPIPassiveChannelOverASocketTest, ATimeoutIsTenOrElevenSlicesAndThenEmptyData) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
+  const ZPKDataChannelPtr transport = createActiveTCPChannelWithSocket(ends[0]);
+  const ZPKDataChannelPtr channel = ZPIPassiveChannel::initWithChannel(transport);
+  const auto start = std::chrono::steady_clock::now();
+  {
+    SystemCalls calls;
+    const ZPKDataPtr data = channel->readWithTimeout(0.2, nullptr);
+    ASSERT_NE(data, nullptr);
+    EXPECT_EQ(data->length(), 0U);
+    const std::vector<std::string> selects = calls.texts({"select"});
+    EXPECT_THAT(selects, testing::Each("select 0.020000"));
+    EXPECT_THAT(selects.size(), testing::AllOf(testing::Ge(1U), testing::Le(11U)));
+  }
+  EXPECT_GE(secondsSince(start), 0.19);  // the channel measures by another clock
+  EXPECT_TRUE(transport->close());
+  ::close(ends[1]);
 }
 
 }  // namespace

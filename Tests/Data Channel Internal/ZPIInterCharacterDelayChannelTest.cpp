@@ -1,0 +1,149 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+
+#include "Data Channel Internal/ZPIInterCharacterDelayChannel.h"
+#include "Support/Chunks.h"
+#include "Support/ErrorExpectations.h"
+#include "Support/ScriptedChannel.h"
+#include "Support/SystemCalls.h"
+
+namespace {
+
+using testing::ElementsAre;
+
+ZPKErrorPtr errorWithCode(int code) { return ZPKError::init("test", code, {}); }
+
+// No test here waits: the pauses are counted, not slept.
+class ZPIInterCharacterDelayChannelTest : public testing::Test {
+ protected:
+  ZPIInterCharacterDelayChannelTest() { calls.answer("usleep", 0, 0, 0, SIZE_MAX); }
+
+  ZPKDataChannelPtr delaying(uint32_t microseconds) const {
+    return ZPIInterCharacterDelayChannel::initWithChannel(below, microseconds);
+  }
+  std::vector<std::string> pauses() const { return calls.texts({"usleep"}); }
+
+  SystemCalls calls;
+  const std::shared_ptr<ScriptedChannel> below = ScriptedChannel::make();
+};
+
+TEST_F(ZPIInterCharacterDelayChannelTest, ThreeBytesAreThreeWritesAndThreePauses) {
+  ZPKErrorPtr error = olderError();
+  EXPECT_TRUE(delaying(1500)->write(dataOf("abc"), &error));
+  EXPECT_EQ(error, olderError());
+  EXPECT_THAT(below->writes(), ElementsAre("a", "b", "c"));
+  EXPECT_THAT(pauses(), ElementsAre("usleep 1500", "usleep 1500", "usleep 1500"));
+}
+
+TEST_F(ZPIInterCharacterDelayChannelTest, ADelayOfZeroStillWritesByteByByte) {
+  EXPECT_TRUE(delaying(0)->write(dataOf("ab"), nullptr));
+  EXPECT_THAT(below->writes(), ElementsAre("a", "b"));
+  EXPECT_THAT(pauses(), ElementsAre("usleep 0", "usleep 0"));
+}
+
+TEST_F(ZPIInterCharacterDelayChannelTest, TheLargestDelayReachesTheSystem) {
+  EXPECT_TRUE(delaying(UINT32_MAX)->write(dataOf("a"), nullptr));
+  EXPECT_THAT(pauses(), ElementsAre("usleep 4294967295"));
+}
+
+TEST_F(ZPIInterCharacterDelayChannelTest, NothingToWriteSucceedsWithoutAPauseEvenWhenClosed) {
+  below->setOpened(false);
+  below->setWriteResult(false, errorWithCode(2));
+  for (const ZPKDataPtr& nothing : {ZPKDataPtr(), ZPKData::data()}) {
+    ZPKErrorPtr error = olderError();
+    EXPECT_TRUE(delaying(1000)->write(nothing, &error));
+    EXPECT_EQ(error, olderError());
+  }
+  EXPECT_THAT(below->calls(), ElementsAre());
+  EXPECT_THAT(pauses(), ElementsAre());
+}
+
+TEST_F(ZPIInterCharacterDelayChannelTest, AClosedChannelFailsAtTheFirstByteAfterOnePause) {
+  below->setOpened(false);
+  below->setWriteResult(false, errorWithCode(2));
+  ZPKErrorPtr error = olderError();
+  EXPECT_FALSE(delaying(1000)->write(dataOf("abc"), &error));
+  EXPECT_EQ(error->code(), 2);
+  EXPECT_THAT(below->writes(), ElementsAre("a"));
+  EXPECT_THAT(pauses(), ElementsAre("usleep 1000"));
+  EXPECT_FALSE(delaying(1000)->write(dataOf("abc"), nullptr));
+}
+
+TEST_F(ZPIInterCharacterDelayChannelTest, EveryByteValuePasses) {
+  std::string all;
+  for (int value = 0; value < 256; ++value) all.push_back(static_cast<char>(value));
+  EXPECT_TRUE(delaying(0)->write(dataOf(all), nullptr));
+  std::string written;
+  for (const auto& write : below->writes()) written += write.value();
+  EXPECT_EQ(written, all);
+  EXPECT_EQ(below->writes().size(), 256U);
+}
+
+TEST_F(ZPIInterCharacterDelayChannelTest, ReadsPassWithoutAPause) {
+  const ZPKDataPtr data = dataOf("abc");
+  below->addRead(data);
+  EXPECT_EQ(delaying(1000)->readWithTimeout(2.5, nullptr), data);
+  EXPECT_THAT(below->readTimeouts(), ElementsAre(2.5));
+  EXPECT_THAT(pauses(), ElementsAre());
+}
+
+// Over a real socket: the pause comes ahead of each byte, the first included.
+class DelayOverASocketTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
+    transport = createActiveTCPChannelWithSocket(ends[0]);
+    channel = ZPIInterCharacterDelayChannel::initWithChannel(transport, 700);
+  }
+  void TearDown() override {
+    transport->close();
+    ::close(ends[1]);
+  }
+
+  std::string received() const {
+    std::array<char, 16> buffer{};
+    const ssize_t count = ::recv(ends[1], buffer.data(), buffer.size(), MSG_DONTWAIT);
+    return std::string(buffer.data(), count < 0 ? 0 : static_cast<size_t>(count));
+  }
+
+  std::array<int, 2> ends{};
+  ZPKDataChannelPtr transport;
+  ZPKDataChannelPtr channel;
+};
+
+TEST_F(DelayOverASocketTest, EachByteFollowsItsPause) {
+  SystemCalls calls;
+  calls.answer("usleep", 0, 0, 0, SIZE_MAX);
+  EXPECT_TRUE(channel->write(dataOf("ab"), nullptr));
+  EXPECT_THAT(calls.texts({"usleep", "send", "write"}),
+              ElementsAre("usleep 700", "send", "usleep 700", "send"));
+  EXPECT_EQ(received(), "ab");
+}
+
+TEST_F(DelayOverASocketTest, WhenAByteFailsThoseBeforeItHaveGoneOutAndNoneAfterIt) {
+  LogCapture log;
+  SystemCalls calls;
+  calls.answer("usleep", 0, 0, 0, SIZE_MAX);
+  calls.fail("send", EPIPE, 1);
+  ZPKErrorPtr error;
+  EXPECT_FALSE(channel->write(dataOf("abc"), &error));
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code(), 5);
+  EXPECT_EQ(log.lines().size(), 1U);
+  EXPECT_EQ(calls.count("usleep"), 2U);
+  EXPECT_EQ(received(), "a");
+  EXPECT_TRUE(channel->isOpened());
+}
+
+TEST_F(DelayOverASocketTest, ARealPauseLetsTheBytesThrough) {
+  EXPECT_TRUE(channel->write(dataOf("abc"), nullptr));
+  EXPECT_EQ(received(), "abc");
+}
+
+}  // namespace
