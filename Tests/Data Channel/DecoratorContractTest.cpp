@@ -193,9 +193,7 @@ INSTANTIATE_TEST_SUITE_P(Decorators, DecoratorContractTest, testing::ValuesIn(kD
 class DecoratorOverAConnectionTest : public testing::TestWithParam<Decorator> {
  protected:
   void open() { ASSERT_TRUE(channel->openWithTimeout(5.0, nullptr)); }
-  void TearDown() override {
-    EXPECT_TRUE(!channel->isOpened() || channel->close(nullptr));
-  }
+  void TearDown() override { EXPECT_TRUE(!channel->isOpened() || channel->close(nullptr)); }
 
   // Reads until `text` is there.
   bool readUntil(const std::string& text) {
