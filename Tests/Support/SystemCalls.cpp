@@ -1,9 +1,6 @@
 #include "Support/SystemCalls.h"
 
-// The kernel's header instead of termios.h, for the requests that need its structures; the two
-// cannot be included together.
 #include <arpa/inet.h>
-#include <asm/termbits.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -14,6 +11,7 @@
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <sys/un.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,6 +26,8 @@
 #include <optional>
 #include <thread>
 
+#include "Support/TerminalState.h"
+
 // The linker's names for the calls themselves.
 extern "C" {
 int __real_select(int, fd_set*, fd_set*, fd_set*, timeval*);
@@ -40,9 +40,9 @@ int __real_open(const char*, int, unsigned);
 int __real_close(int);
 int __real_fcntl(int, int, void*);
 int __real_flock(int, int);
-int __real_tcgetattr(int, void*);
-int __real_tcsetattr(int, int, const void*);
-int __real_cfsetspeed(void*, unsigned);
+int __real_tcgetattr(int, termios*);
+int __real_tcsetattr(int, int, const termios*);
+int __real_cfsetspeed(termios*, speed_t);
 int __real_socket(int, int, int);
 int __real_setsockopt(int, int, int, const void*, socklen_t);
 int __real_connect(int, const sockaddr*, socklen_t);
@@ -188,14 +188,18 @@ auto intercept(Describe describe, int64_t size, Real real) -> decltype(real(size
 }
 
 SystemCall plain(const char* name, int descriptor, int64_t size = 0) {
-  return {.name = name, .text = name, .descriptor = descriptor, .size = size};
+  SystemCall call;
+  call.name = name;
+  call.text = name;
+  call.descriptor = descriptor;
+  call.size = size;
+  return call;
 }
 
 SystemCall detailed(const char* name, const std::string& detail, int descriptor, int64_t size = 0) {
-  return {.name = name,
-          .text = std::string(name) + " " + detail,
-          .descriptor = descriptor,
-          .size = size};
+  SystemCall call = plain(name, descriptor, size);
+  call.text += " " + detail;
+  return call;
 }
 
 std::string nameOr(const std::map<unsigned long, const char*>& names, unsigned long number) {
@@ -207,8 +211,8 @@ std::string requestName(unsigned long request) {
   return nameOr({{FIONREAD, "FIONREAD"},
                  {TIOCEXCL, "TIOCEXCL"},
                  {TIOCNXCL, "TIOCNXCL"},
-                 {TCGETS2, "TCGETS2"},
-                 {TCSETS2, "TCSETS2"}},
+                 {kGetExactAttributesRequest, "TCGETS2"},
+                 {kSetExactAttributesRequest, "TCSETS2"}},
                 request);
 }
 
@@ -512,23 +516,25 @@ int __wrap_flock(int descriptor, int operation) {
       0, [&](int64_t) { return __real_flock(descriptor, operation); });
 }
 
-int __wrap_tcgetattr(int descriptor, void* attributes) {
+int __wrap_tcgetattr(int descriptor, termios* attributes) {
   return intercept([&] { return plain("tcgetattr", descriptor); }, 0,
                    [&](int64_t) { return __real_tcgetattr(descriptor, attributes); });
 }
 
-int __wrap_tcsetattr(int descriptor, int when, const void* attributes) {
-  // In the order of TCSANOW, TCSADRAIN and TCSAFLUSH, which termios.h numbers from 0.
-  static constexpr const char* kNames[] = {"TCSANOW", "TCSADRAIN", "TCSAFLUSH"};
+int __wrap_tcsetattr(int descriptor, int when, const termios* attributes) {
   return intercept(
       [&] {
-        const bool isKnown = when >= 0 && when <= 2;
-        return detailed("tcsetattr", isKnown ? kNames[when] : std::to_string(when), descriptor);
+        const std::string name =
+            nameOr({{TCSANOW, "TCSANOW"}, {TCSADRAIN, "TCSADRAIN"}, {TCSAFLUSH, "TCSAFLUSH"}},
+                   static_cast<unsigned long>(when));
+        SystemCall call = detailed("tcsetattr", name, descriptor);
+        call.bytes.assign(reinterpret_cast<const char*>(attributes), sizeof *attributes);
+        return call;
       },
       0, [&](int64_t) { return __real_tcsetattr(descriptor, when, attributes); });
 }
 
-int __wrap_cfsetspeed(void* attributes, unsigned speed) {
+int __wrap_cfsetspeed(termios* attributes, speed_t speed) {
   return intercept([&] { return detailed("cfsetspeed", std::to_string(speed), -1); }, 0,
                    [&](int64_t) { return __real_cfsetspeed(attributes, speed); });
 }

@@ -20,6 +20,8 @@ struct SystemCall {
   int descriptor = -1;
   /// The number of bytes asked for, the length of an address, the descriptor count of a select.
   int64_t size = 0;
+  /// The structure handed to tcsetattr.
+  std::string bytes = {};
   /// What the call returned, and the errno that went with a failure.
   int64_t result = 0;
   int error = 0;

@@ -1,0 +1,12 @@
+#include "Support/TerminalState.h"
+
+#include <cerrno>
+#include <system_error>
+
+termios terminalAttributes(int descriptor) {
+  termios attributes{};
+  if (::tcgetattr(descriptor, &attributes) != 0) {
+    throw std::system_error(errno, std::generic_category(), "tcgetattr");
+  }
+  return attributes;
+}

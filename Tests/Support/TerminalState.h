@@ -1,0 +1,16 @@
+#pragma once
+
+#include <termios.h>
+
+#include <cstdint>
+#include <utility>
+
+/// The requests that read and set a terminal with exact speeds, which termios.h does not know.
+extern const unsigned long kGetExactAttributesRequest;
+extern const unsigned long kSetExactAttributesRequest;
+
+/// The input and the output speed of a terminal, as the system has them: bits per second.
+std::pair<uint32_t, uint32_t> terminalSpeeds(int descriptor);
+
+/// The attributes of a terminal.
+termios terminalAttributes(int descriptor);

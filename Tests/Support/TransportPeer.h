@@ -1,0 +1,54 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "Data Channel/ZPKDataChannel.h"
+#include "Support/TemporaryFolder.h"
+
+/// The far end of a transport channel, held by the test itself: no thread, nothing happens that the
+/// test does not do. For a device that answers by itself, take SimulatedDevice.
+class TransportPeer {
+ public:
+  enum class Kind { kTerminal, kTCP, kUnix, kAdopted };
+
+  explicit TransportPeer(Kind kind);
+  TransportPeer(const TransportPeer&) = delete;
+  TransportPeer& operator=(const TransportPeer&) = delete;
+  ~TransportPeer();
+
+  /// A new channel to this peer: closed, but open over an adopted socket, which exists once.
+  ZPKDataChannelPtr makeChannel();
+  /// Opens the channel, if need be, and takes the connection.
+  bool open(const ZPKDataChannelPtr& channel);
+  /// Whether a channel that was closed can be opened again.
+  bool canReopen() const { return _kind != Kind::kAdopted; }
+
+  const std::string& url() const { return _url; }
+  /// The far end's descriptor; -1 while nobody is connected.
+  int descriptor() const { return _line; }
+  /// The near end's descriptor of an adopted socket.
+  int adoptedSocket() const { return _nearEnd; }
+
+  /// Sends all bytes, and returns once the near end could read them.
+  void send(std::string_view bytes);
+  /// Receives exactly so many bytes, or as many as come in time.
+  std::string receive(size_t count);
+  /// Goes away in good order.
+  void hangUp();
+
+ private:
+  void makeTerminal();
+  void makeListener();
+  void takeConnection();
+
+  const Kind _kind;
+  TemporaryFolder _folder;
+  std::string _url;
+  int _listener = -1;
+  int _line = -1;
+  int _nearEnd = -1;  // a terminal's, held open; an adopted socket, which its channel closes
+};
+
+/// The name of a kind in a test's name.
+std::string transportName(TransportPeer::Kind kind);
