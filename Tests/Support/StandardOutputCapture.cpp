@@ -1,6 +1,7 @@
 #include "Support/StandardOutputCapture.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -16,11 +17,12 @@ StandardOutputCapture::StandardOutputCapture() {
 }
 
 StandardOutputCapture::~StandardOutputCapture() {
-  std::cout.flush();
-  std::fflush(stdout);
+  const std::string captured = text();
   ::dup2(_original, STDOUT_FILENO);
   ::close(_original);
   ::close(_file);
+  // What the test framework had to say of a failure went here too.
+  if (testing::Test::HasFailure()) std::fputs(captured.c_str(), stdout);
 }
 
 std::string StandardOutputCapture::text() const {

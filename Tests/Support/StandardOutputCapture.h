@@ -3,7 +3,7 @@
 #include <string>
 
 /// Takes over the process's standard output, at the level of the descriptor, for as long as it
-/// lives.
+/// lives. If the test has failed by its end, what was captured is printed after all.
 class StandardOutputCapture {
  public:
   StandardOutputCapture();

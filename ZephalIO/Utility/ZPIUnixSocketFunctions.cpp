@@ -16,17 +16,19 @@ namespace {
 
 constexpr int kBacklog = 5;
 
-sockaddr_un addressOfPath(const std::string& path) {
+// Calls connect or bind with the address of a path.
+template <class Call>
+int callWithAddress(Call call, int fd, const std::string& path) {
+  // On Linux an empty name is an abstract one, which any process may have taken.
+  if (path.empty()) {
+    errno = ENOENT;
+    return -1;
+  }
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   // Cut silently, with room for the zero that ends it.
   std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  return address;
-}
-
-int connectTo(int fd, const std::string& path) {
-  const sockaddr_un address = addressOfPath(path);
-  return ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  return call(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
 }
 
 void closeKeepingErrno(int fd) {
@@ -39,8 +41,7 @@ int passive_unix__internal(const std::string& path, int* saved_errno) {
   const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
   const int32_t on = 1;
   ::setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
-  const sockaddr_un address = addressOfPath(path);
-  const int result = ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  const int result = callWithAddress(::bind, fd, path);
   if (saved_errno != nullptr) *saved_errno = errno;
   if (result != 0) {
     closeKeepingErrno(fd);
@@ -57,7 +58,7 @@ bool isSocketFile(const std::string& path) {
 
 bool somebodyListens(const std::string& path) {
   const int probe = ::socket(AF_UNIX, SOCK_STREAM, 0);
-  const bool isConnected = connectTo(probe, path) == 0;
+  const bool isConnected = callWithAddress(::connect, probe, path) == 0;
   closeKeepingErrno(probe);
   return isConnected;
 }
@@ -85,7 +86,7 @@ int passive_unix(const std::string& path) {
 
 int active_unix(const std::string& path) {
   int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-  if (connectTo(fd, path) != 0) {
+  if (callWithAddress(::connect, fd, path) != 0) {
     closeKeepingErrno(fd);
     fd = -1;
   }

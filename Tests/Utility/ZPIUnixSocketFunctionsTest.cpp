@@ -1,0 +1,230 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+
+#include "Support/LogCapture.h"
+#include "Support/OpenDescriptors.h"
+#include "Support/OrdinaryUser.h"
+#include "Support/StandardOutputCapture.h"
+#include "Support/SystemCalls.h"
+#include "Support/TemporaryFolder.h"
+#include "Utility/ZPIUnixSocketFunctions.h"
+
+namespace {
+
+using testing::ElementsAre;
+
+constexpr size_t kLongestPath = sizeof(sockaddr_un::sun_path) - 1;
+
+bool isSocketFile(const std::string& path) {
+  return std::filesystem::is_socket(std::filesystem::symlink_status(path));
+}
+
+std::string busyLine(const std::string& path) {
+  return "Warning : sock_path " + path + " is busy (errno=" + std::to_string(EADDRINUSE) + ")\n";
+}
+
+std::string restrictedLine(const std::string& path, int number) {
+  return "Warning : sock_path " + path + " is restricted (errno=" + std::to_string(number) + ")\n";
+}
+
+class ZPIUnixSocketFunctionsTest : public testing::Test {
+ protected:
+  ZPIUnixSocketFunctionsTest() : _before(openDescriptors()) {}
+
+  // Keeps a descriptor for the end of the test.
+  int kept(int descriptor) {
+    if (descriptor >= 0) _kept.insert(descriptor);
+    return descriptor;
+  }
+
+  ~ZPIUnixSocketFunctionsTest() override {
+    for (const int descriptor : _kept) ::close(descriptor);
+    EXPECT_EQ(openDescriptors(), _before);
+  }
+
+  // A socket file that nobody listens on any more.
+  void leaveStaleFile(const std::string& path) {
+    ::close(passive_unix(path));
+    ASSERT_TRUE(isSocketFile(path));
+  }
+
+  const std::set<int> _before;
+  std::set<int> _kept;
+  TemporaryFolder _folder;
+  const std::string _path = _folder.pathOf("socket");
+};
+
+TEST_F(ZPIUnixSocketFunctionsTest, ListensAndConnects) {
+  StandardOutputCapture output;
+  const int listener = kept(passive_unix(_path));
+  ASSERT_GE(listener, 0);
+  const int client = kept(active_unix(_path));
+  ASSERT_GE(client, 0);
+  const int server = kept(::accept(listener, nullptr, nullptr));
+  EXPECT_EQ(::send(server, "hello", 5, MSG_NOSIGNAL), 5);
+  char buffer[8];
+  EXPECT_EQ(::recv(client, buffer, sizeof buffer, 0), 5);
+  EXPECT_EQ(output.text(), "");
+}
+
+TEST_F(ZPIUnixSocketFunctionsTest, MakesItsCallsInOrder) {
+  SystemCalls calls;
+  kept(passive_unix(_path));
+  EXPECT_THAT(calls.texts(), ElementsAre("socket AF_UNIX", "setsockopt SOL_SOCKET SO_REUSEPORT 1",
+                                         "bind AF_UNIX " + _path, "listen 5"));
+  EXPECT_EQ(calls.all()[2].size, static_cast<int64_t>(sizeof(sockaddr_un)));
+  calls.clear();
+  kept(active_unix(_path));
+  // No option of TCP, and none to keep the connection alive.
+  EXPECT_THAT(calls.texts(), ElementsAre("socket AF_UNIX", "connect AF_UNIX " + _path));
+  EXPECT_EQ(calls.all()[1].size, static_cast<int64_t>(sizeof(sockaddr_un)));
+}
+
+TEST_F(ZPIUnixSocketFunctionsTest, AFailedConnectIsSilent) {
+  LogCapture log;
+  StandardOutputCapture output;
+  EXPECT_EQ(active_unix(_path), -1);
+  EXPECT_EQ(errno, ENOENT);
+  leaveStaleFile(_path);
+  EXPECT_EQ(active_unix(_path), -1);
+  EXPECT_EQ(errno, ECONNREFUSED);
+  EXPECT_EQ(output.text(), "");
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(ZPIUnixSocketFunctionsTest, AFailedSocketIsAFailedConnect) {
+  SystemCalls calls;
+  calls.fail("socket", EMFILE);
+  EXPECT_EQ(active_unix(_path), -1);
+  EXPECT_EQ(calls.count("connect"), 1U);
+}
+
+TEST_F(ZPIUnixSocketFunctionsTest, ASocketFileWithoutAListenerIsReplaced) {
+  leaveStaleFile(_path);
+  StandardOutputCapture output;
+  SystemCalls calls;
+  const int listener = kept(passive_unix(_path));
+  ASSERT_GE(listener, 0);
+  EXPECT_EQ(output.text(), "");
+  EXPECT_GE(kept(active_unix(_path)), 0);
+  EXPECT_THAT(calls.texts({"bind", "lstat", "connect", "unlink"}),
+              ElementsAre("bind AF_UNIX " + _path, "lstat " + _path, "connect AF_UNIX " + _path,
+                          "unlink " + _path, "bind AF_UNIX " + _path, "connect AF_UNIX " + _path));
+}
+
+TEST_F(ZPIUnixSocketFunctionsTest, ALiveListenerKeepsItsFile) {
+  LogCapture log;
+  const int first = kept(passive_unix(_path));
+  ASSERT_GE(first, 0);
+  StandardOutputCapture output;
+  EXPECT_EQ(passive_unix(_path), -1);
+  EXPECT_EQ(output.text(), busyLine(_path));
+  EXPECT_TRUE(isSocketFile(_path));
+  EXPECT_GE(kept(active_unix(_path)), 0);
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(ZPIUnixSocketFunctionsTest, ARegularFileIsBusyAndLeftAlone) {
+  std::ofstream(_path) << "precious";
+  StandardOutputCapture output;
+  SystemCalls calls;
+  EXPECT_EQ(passive_unix(_path), -1);
+  EXPECT_EQ(output.text(), busyLine(_path));
+  EXPECT_EQ(calls.count("connect"), 0U);
+  EXPECT_EQ(calls.count("unlink"), 0U);
+  EXPECT_EQ(std::filesystem::file_size(_path), 8U);
+}
+
+TEST_F(ZPIUnixSocketFunctionsTest, ALinkToASocketIsNotFollowed) {
+  leaveStaleFile(_folder.pathOf("other"));
+  std::filesystem::create_symlink(_folder.pathOf("other"), _path);
+  StandardOutputCapture output;
+  EXPECT_EQ(passive_unix(_path), -1);
+  EXPECT_EQ(output.text(), busyLine(_path));
+  EXPECT_TRUE(std::filesystem::is_symlink(_path));
+  EXPECT_TRUE(isSocketFile(_folder.pathOf("other")));
+}
+
+TEST_F(ZPIUnixSocketFunctionsTest, AMissingFolderIsRestricted) {
+  const std::string path = _folder.pathOf("missing/socket");
+  StandardOutputCapture output;
+  EXPECT_EQ(passive_unix(path), -1);
+  EXPECT_EQ(output.text(), restrictedLine(path, ENOENT));
+}
+
+TEST_F(ZPIUnixSocketFunctionsTest, AFolderThatMayNotBeWrittenIsRestricted) {
+  ::chmod(_folder.path().c_str(), 0555);
+  const ChildResult result = runAsOrdinaryUser([this](std::string* message) {
+    StandardOutputCapture output;
+    const int status = passive_unix(_path) == -1 ? 0 : 1;
+    *message = output.text();
+    return status;
+  });
+  ::chmod(_folder.path().c_str(), 0777);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.message, restrictedLine(_path, EACCES));
+}
+
+TEST_F(ZPIUnixSocketFunctionsTest, AStaleFileThatCannotBeRemovedStaysBusy) {
+  leaveStaleFile(_path);
+  StandardOutputCapture output;
+  SystemCalls calls;
+  calls.fail("unlink", EPERM);
+  EXPECT_EQ(passive_unix(_path), -1);
+  EXPECT_EQ(calls.count("bind"), 2U);
+  EXPECT_EQ(output.text(), busyLine(_path));
+}
+
+TEST_F(ZPIUnixSocketFunctionsTest, TheErrnoOfTheSecondTryIsTheOnePrinted) {
+  leaveStaleFile(_path);
+  StandardOutputCapture output;
+  SystemCalls calls;
+  calls.fail("bind", EROFS, 1);
+  EXPECT_EQ(passive_unix(_path), -1);
+  EXPECT_EQ(output.text(), restrictedLine(_path, EROFS));
+}
+
+TEST_F(ZPIUnixSocketFunctionsTest, AFailureWhoseErrnoTurnedIntoBusySincePrintsNothing) {
+  StandardOutputCapture output;
+  SystemCalls calls;
+  calls.fail("bind", EACCES);
+  calls.fail("lstat", EADDRINUSE);
+  EXPECT_EQ(passive_unix(_path), -1);
+  EXPECT_EQ(output.text(), "");
+}
+
+TEST_F(ZPIUnixSocketFunctionsTest, ALongPathIsCutAtTheSizeOfThePlatform) {
+  std::string path = _folder.pathOf("");
+  path.append(kLongestPath - path.size(), 'x');
+  for (const std::string& longer : {path, path + "y", path + "yyyyyyyyyyyyyyyy"}) {
+    const int listener = passive_unix(longer);
+    ASSERT_GE(listener, 0);
+    EXPECT_TRUE(isSocketFile(path));
+    EXPECT_GE(kept(active_unix(path)), 0);
+    EXPECT_GE(kept(active_unix(path + "zz")), 0);
+    ::close(listener);
+    ::unlink(path.c_str());
+  }
+}
+
+TEST_F(ZPIUnixSocketFunctionsTest, AnEmptyPathNamesNothing) {
+  StandardOutputCapture output;
+  EXPECT_EQ(active_unix(""), -1);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(output.text(), "");
+  EXPECT_EQ(passive_unix(""), -1);
+  EXPECT_EQ(output.text(), restrictedLine("", ENOENT));
+}
+
+}  // namespace
