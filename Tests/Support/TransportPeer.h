@@ -25,12 +25,15 @@ class TransportPeer {
   bool canReopen() const { return _kind != Kind::kAdopted; }
 
   const std::string& url() const { return _url; }
+  /// The device of a terminal.
+  std::string path() const { return _url.substr(std::string_view("uart://").size()); }
   /// The far end's descriptor; -1 while nobody is connected.
   int descriptor() const { return _line; }
-  /// The near end's descriptor of an adopted socket.
-  int adoptedSocket() const { return _nearEnd; }
+  /// A descriptor of the near end: the socket to adopt, or the terminal, which is held open here
+  /// beside its channel.
+  int nearEnd() const { return _nearEnd; }
 
-  /// Sends all bytes, and returns once the near end could read them.
+  /// Sends all bytes, and returns once the near end could read them; so nobody may read meanwhile.
   void send(std::string_view bytes);
   /// Receives exactly so many bytes, or as many as come in time.
   std::string receive(size_t count);
