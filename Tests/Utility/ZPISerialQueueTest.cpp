@@ -4,19 +4,18 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <future>
 #include <memory>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "Support/EventWait.h"
 #include "Support/OrdinaryUser.h"
+#include "Support/ProcessThreads.h"
 #include "Utility/ZPISerialQueue.h"
 
 namespace {
@@ -41,17 +40,6 @@ class Gate {
   std::promise<void> _entered;
   std::promise<void> _released;
 };
-
-// The number of threads of this process that have this name.
-size_t threadsNamed(const std::string& name) {
-  size_t count = 0;
-  for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
-    std::string line;
-    std::ifstream file(thread.path() / "comm");
-    if (std::getline(file, line) && line == name) ++count;
-  }
-  return count;
-}
 
 std::string nameOfThisThread() {
   char name[64] = "";

@@ -1,0 +1,230 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <future>
+#include <optional>
+#include <random>
+#include <string>
+#include <string_view>
+
+#include "Data Channel Internal/ZPILogChunk.h"
+#include "Support/EventWait.h"
+#include "Utility/ZPKData.h"
+#include "Utility/ZPKDataConversionFunctions.h"
+
+namespace {
+
+using testing::MatchesRegex;
+
+std::string chunkOf(std::string_view bytes, std::string_view prefix = "\n|") {
+  return ZPILogChunk(prefix, ZPKData::dataWithString(bytes));
+}
+
+std::string replaceAll(std::string text, std::string_view part, std::string_view by) {
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + by.size())) {
+    text.replace(at, part.size(), by);
+  }
+  return text;
+}
+
+// The steps of the format, one by one.
+std::string chunkByTheSteps(std::string_view bytes, const std::string& prefix) {
+  std::string text = ZPKDataToString(ZPKData::dataWithString(bytes));
+  text = replaceAll(text, "\r\n", "\n");
+  text = replaceAll(text, "\r", "\n");
+  text = replaceAll(text, "\n", prefix);
+  return prefix + text;
+}
+
+// --- The body.
+
+TEST(ZPILogChunkTest, PlainTextStandsBehindThePrefix) { EXPECT_EQ(chunkOf("ver"), "\n|ver"); }
+
+TEST(ZPILogChunkTest, EveryLineBreakOfAnyKindBecomesThePrefix) {
+  EXPECT_EQ(chunkOf("A\r\nB\rC\n"), "\n|A\n|B\n|C\n|");
+}
+
+TEST(ZPILogChunkTest, CarriageReturnAndLineFeedAreOneBreakTheOtherOrderIsTwo) {
+  EXPECT_EQ(chunkOf("A\r\nB"), "\n|A\n|B");
+  EXPECT_EQ(chunkOf("A\n\rB"), "\n|A\n|\n|B");
+  EXPECT_EQ(chunkOf("A\r\r\nB"), "\n|A\n|\n|B");
+  EXPECT_EQ(chunkOf("A\r\n\nB"), "\n|A\n|\n|B");
+}
+
+TEST(ZPILogChunkTest, AChunkThatIsOnlyABreakIsTwoPrefixes) {
+  EXPECT_EQ(chunkOf("\n"), "\n|\n|");
+  EXPECT_EQ(chunkOf("\r"), "\n|\n|");
+  EXPECT_EQ(chunkOf("\r\n"), "\n|\n|");
+}
+
+TEST(ZPILogChunkTest, EmptyAndNullDataGiveThePrefixAlone) {
+  EXPECT_EQ(chunkOf(""), "\n|");
+  EXPECT_EQ(ZPILogChunk("\n|", nullptr), "\n|");
+}
+
+TEST(ZPILogChunkTest, ValidTextStaysAsItIsControlCharactersAndZeroBytesIncluded) {
+  const std::string text("\0 a\x1B[0m \t\u00e9 \xF0\x9F\x98\x80 %@ %s <>", 25);
+  EXPECT_EQ(chunkOf(text), "\n|" + text);
+}
+
+TEST(ZPILogChunkTest, BytesThatAreNoTextShowInHexadecimal) {
+  EXPECT_EQ(chunkOf("ok\xFF\xFE"
+                    "done\r\n\xFF"),
+            "\n|ok<fffe>done\n|<ff>");
+  EXPECT_EQ(chunkOf("\xFF\r\n\xFE\n\r\xFD"), "\n|<ff>\n|<fe>\n|\n|<fd>");
+}
+
+TEST(ZPILogChunkTest, WhereOneByteIsNoTextZeroAndAccentsShowInHexadecimalToo) {
+  EXPECT_EQ(chunkOf(std::string_view("\u00e9\0x\xFF", 5)), "\n|<c3a900>x<ff>");
+}
+
+TEST(ZPILogChunkTest, ASequenceThatTheChunkCutsIsNoText) {
+  EXPECT_EQ(chunkOf("a\xC3"), "\n|a<c3>");
+}
+
+TEST(ZPILogChunkTest, ALineFeedInThePrefixIsLeftAlone) {
+  EXPECT_EQ(chunkOf("A\nB\n", "\nid\nrest\r"), "\nid\nrest\rA\nid\nrest\rB\nid\nrest\r");
+}
+
+TEST(ZPILogChunkTest, EveryShortRowOfBytesComesOutAsTheStepsSay) {
+  constexpr std::string_view kBytes = "A\r\n\xFF";
+  for (size_t length = 0; length <= 6; ++length) {
+    for (size_t number = 0; number < size_t{1} << (2 * length); ++number) {
+      std::string bytes;
+      for (size_t i = 0; i < length; ++i) bytes += kBytes[number >> (2 * i) & 3];
+      ASSERT_EQ(chunkOf(bytes), chunkByTheSteps(bytes, "\n|")) << testing::PrintToString(bytes);
+    }
+  }
+}
+
+TEST(ZPILogChunkTest, RandomBytesComeOutAsTheStepsSay) {
+  std::mt19937 random(20240501);
+  const auto below = [&](size_t count) { return random() % count; };
+  const std::string prefix = ZPILogPrefix("pre--write");
+  constexpr std::string_view kPieces[] = {
+      "\r",   "\n",   "\r\n", "plain text", "\u00e9", "<", std::string_view("\0", 1),
+      "\x1B", "\xFF", "\xC3"};
+  for (int i = 0; i < 3000; ++i) {
+    // Half of the rows are valid text.
+    const size_t choices = i % 2 == 0 ? 8 : 10;
+    std::string bytes;
+    for (size_t count = below(60); count > 0; --count) bytes += kPieces[below(choices)];
+    ASSERT_EQ(chunkOf(bytes, prefix), chunkByTheSteps(bytes, prefix))
+        << testing::PrintToString(bytes);
+  }
+}
+
+TEST(ZPILogChunkTest, TheCostGrowsWithTheLengthAlone) {
+  constexpr size_t kLength = 2U << 20;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(chunkOf(std::string(kLength, 'x')).size(), 2 + kLength);
+  EXPECT_EQ(chunkOf(std::string(kLength, '\n')).size(), 2 + 2 * kLength);
+  EXPECT_EQ(chunkOf(std::string(kLength, '\r')).size(), 2 + 2 * kLength);
+  EXPECT_EQ(chunkOf(std::string(kLength, '\xFF')).size(), 2 + 2 + 2 * kLength);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, kPatience);
+}
+
+// --- The prefix.
+
+// Sets the time zone of the process for as long as it lives.
+class TimeZone {
+ public:
+  explicit TimeZone(const char* zone) {
+    if (const char* before = std::getenv("TZ")) _before = before;
+    set(zone);
+  }
+  TimeZone(const TimeZone&) = delete;
+  TimeZone& operator=(const TimeZone&) = delete;
+  ~TimeZone() {
+    if (_before.has_value()) {
+      set(_before->c_str());
+    } else {
+      ::unsetenv("TZ");
+    }
+  }
+
+  void set(const char* zone) { ::setenv("TZ", zone, 1); }
+
+ private:
+  std::optional<std::string> _before;
+};
+
+int64_t millisecondsNow() {
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+// The time that a prefix tells, read as UTC.
+int64_t millisecondsOf(const std::string& prefix) {
+  tm time{};
+  const char* rest = ::strptime(prefix.c_str(), "\n%Y-%m-%d %H:%M:%S.", &time);
+  EXPECT_NE(rest, nullptr) << prefix;
+  if (rest == nullptr) return 0;
+  return int64_t{::timegm(&time)} * 1000 + std::stoi(std::string(rest, 3));
+}
+
+TEST(ZPILogPrefixTest, HasTheFormOfTheLog) {
+  EXPECT_THAT(ZPILogPrefix("pre--write"),
+              MatchesRegex("\n[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}[.][0-9]{3} "
+                           "<pre--write>\\[" +
+                           std::to_string(::getpid()) + "\\]: "));
+}
+
+TEST(ZPILogPrefixTest, TakesTheIdentifierAsItIs) {
+  for (const std::string identifier : {"", "%@ %s%n", "a<b>[c]: ", "\u00e9\n"}) {
+    const std::string prefix = ZPILogPrefix(identifier);
+    EXPECT_EQ(prefix.substr(24), " <" + identifier + ">[" + std::to_string(::getpid()) + "]: ");
+  }
+}
+
+// Goes on until a moment came whose milliseconds begin with a zero.
+TEST(ZPILogPrefixTest, TellsThePresentTimeInMilliseconds) {
+  const TimeZone zone("UTC0");
+  EXPECT_TRUE(waitFor([] {
+    const int64_t before = millisecondsNow();
+    const std::string prefix = ZPILogPrefix("id");
+    const int64_t told = millisecondsOf(prefix);
+    EXPECT_LE(before, told);
+    EXPECT_LE(told, millisecondsNow());
+    return prefix[21] == '0' || testing::Test::HasFailure();
+  }));
+}
+
+TEST(ZPILogPrefixTest, TellsTheLocalTime) {
+  const TimeZone zone("AAA-05:30");
+  constexpr int64_t kAhead = (5 * 60 + 30) * 60 * 1000;
+  // A thread of its own, whose last second is not from another zone.
+  std::async(std::launch::async, [] {
+    const int64_t before = millisecondsNow();
+    const int64_t told = millisecondsOf(ZPILogPrefix("id")) - kAhead;
+    EXPECT_LE(before, told);
+    EXPECT_LE(told, millisecondsNow());
+  }).get();
+}
+
+TEST(ZPILogPrefixTest, AChangedTimeZoneShowsWithTheNextSecond) {
+  TimeZone zone("UTC0");
+  EXPECT_TRUE(
+      waitFor([] { return millisecondsOf(ZPILogPrefix("id")) >= millisecondsNow() - 60000; }));
+  zone.set("AAA-9");
+  constexpr int64_t kAhead = 9 * 60 * 60 * 1000;
+  EXPECT_TRUE(waitFor(
+      [] { return millisecondsOf(ZPILogPrefix("id")) >= millisecondsNow() + kAhead - 60000; }));
+}
+
+TEST(ZPILogPrefixTest, NeverGoesBackWithinOneThread) {
+  const TimeZone zone("UTC0");
+  std::string last = ZPILogPrefix("id");
+  for (int i = 0; i < 10000; ++i) {
+    std::string next = ZPILogPrefix("id");
+    ASSERT_LE(last, next);
+    last = std::move(next);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,393 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Data Channel Internal/ZPILogFileHandle.h"
+#include "Support/EventWait.h"
+#include "Support/LogFile.h"
+#include "Support/OpenDescriptors.h"
+#include "Support/OrdinaryUser.h"
+#include "Support/SystemCalls.h"
+#include "Support/TemporaryFolder.h"
+
+namespace {
+
+using testing::ElementsAre;
+using Chunks = std::vector<std::string>;
+
+void writeFile(const std::string& path, std::string_view contents) {
+  std::ofstream(path, std::ios::binary) << contents;
+}
+
+mode_t permissionsOf(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(::stat(path.c_str(), &status), 0);
+  return status.st_mode & 07777;
+}
+
+class ZPILogFileHandleTest : public testing::Test {
+ protected:
+  ZPILogFileHandlePtr create() {
+    EXPECT_TRUE(ZPILogFileHandle::createFileAtPath(_path));
+    return ZPILogFileHandle::fileHandleForWritingAtPath(_path);
+  }
+  std::string contents() const { return contentsOfFile(_path); }
+
+  const TemporaryFolder _folder;
+  const std::string _path = _folder.pathOf("log");
+};
+
+// --- Making and opening.
+
+TEST_F(ZPILogFileHandleTest, ANewFileIsEmptyAndHasThePermissions0666LessTheUmask) {
+  const mode_t before = ::umask(0);
+  for (const mode_t mask : {mode_t{0}, mode_t{022}, mode_t{077}}) {
+    ::umask(mask);
+    const std::string path = _folder.pathOf(std::to_string(mask));
+    EXPECT_TRUE(ZPILogFileHandle::createFileAtPath(path));
+    EXPECT_EQ(permissionsOf(path), 0666 & ~mask);
+    EXPECT_EQ(contentsOfFile(path), "");
+  }
+  ::umask(before);
+}
+
+TEST_F(ZPILogFileHandleTest, AFileThatSomebodyElseMadeMeanwhileKeepsItsContents) {
+  writeFile(_path, "old");
+  EXPECT_TRUE(ZPILogFileHandle::createFileAtPath(_path));
+  EXPECT_EQ(contents(), "old");
+}
+
+TEST_F(ZPILogFileHandleTest, MakingAFileLeavesNoDescriptorOpen) {
+  const std::set<int> before = openDescriptors();
+  EXPECT_TRUE(ZPILogFileHandle::createFileAtPath(_path));
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(ZPILogFileHandleTest, AFileInAMissingFolderCannotBeMade) {
+  EXPECT_FALSE(ZPILogFileHandle::createFileAtPath(_folder.pathOf("missing/log")));
+}
+
+TEST_F(ZPILogFileHandleTest, OpeningNeedsAnExistingFileAndTellsTheReason) {
+  EXPECT_EQ(ZPILogFileHandle::fileHandleForWritingAtPath(_path), nullptr);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(ZPILogFileHandle::fileHandleForWritingAtPath(_folder.path()), nullptr);
+  EXPECT_EQ(errno, EISDIR);
+}
+
+TEST_F(ZPILogFileHandleTest, AnExistingFileKeepsItsContentsAndPermissions) {
+  writeFile(_path, "old");
+  ::chmod(_path.c_str(), 0640);
+  const auto handle = ZPILogFileHandle::fileHandleForWritingAtPath(_path);
+  ASSERT_NE(handle, nullptr);
+  handle->append(Chunks{"new"});
+  EXPECT_EQ(contents(), "oldnew");
+  EXPECT_EQ(permissionsOf(_path), mode_t{0640});
+}
+
+TEST_F(ZPILogFileHandleTest, AProgramThatIsStartedMeanwhileDoesNotGetTheDescriptor) {
+  const std::set<int> before = openDescriptors();
+  const auto handle = create();
+  int found = 0;
+  for (const int descriptor : openDescriptors()) {
+    if (before.contains(descriptor)) continue;
+    EXPECT_NE(::fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
+    ++found;
+  }
+  EXPECT_EQ(found, 1);
+}
+
+TEST_F(ZPILogFileHandleTest, AnInterruptedOpenIsTriedAgain) {
+  SystemCalls calls;
+  calls.fail("open", EINTR, 0, 2);
+  EXPECT_TRUE(ZPILogFileHandle::createFileAtPath(_path));
+  calls.fail("open", EINTR, 0, 2);
+  EXPECT_NE(ZPILogFileHandle::fileHandleForWritingAtPath(_path), nullptr);
+}
+
+// --- Closing.
+
+TEST_F(ZPILogFileHandleTest, TheDescriptorGoesWithTheLastReference) {
+  const std::set<int> before = openDescriptors();
+  auto handle = create();
+  EXPECT_EQ(openDescriptors().size(), before.size() + 1);
+  handle.reset();
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(ZPILogFileHandleTest, CloseGivesTheDescriptorBackOnce) {
+  const std::set<int> before = openDescriptors();
+  const auto handle = create();
+  handle->close();
+  EXPECT_EQ(openDescriptors(), before);
+  SystemCalls calls;
+  handle->close();
+  EXPECT_EQ(calls.count("close"), 0U);
+}
+
+TEST_F(ZPILogFileHandleTest, AClosedHandleWritesNothingToWhoHasItsDescriptorNow) {
+  const auto handle = create();
+  handle->close();
+  const auto other = ZPILogFileHandle::fileHandleForWritingAtPath(_path);
+  handle->append(Chunks{"lost"});
+  EXPECT_EQ(contents(), "");
+  other->append(Chunks{"kept"});
+  EXPECT_EQ(contents(), "kept");
+}
+
+// --- Writing.
+
+TEST_F(ZPILogFileHandleTest, AChunkIsOneWriteUnderTheLock) {
+  const auto handle = create();
+  const SystemCalls calls;
+  handle->append(Chunks{"chunk"});
+  EXPECT_THAT(calls.texts(), ElementsAre("flock LOCK_EX", "writev", "flock LOCK_UN"));
+  EXPECT_EQ(contents(), "chunk");
+}
+
+TEST_F(ZPILogFileHandleTest, ChunksThatWaitedTogetherShareALock) {
+  const auto handle = create();
+  Chunks chunks;
+  std::string all;
+  for (int i = 0; i < 40; ++i) {
+    chunks.push_back("\nchunk " + std::to_string(i));
+    all += chunks.back();
+  }
+  const SystemCalls calls;
+  handle->append(chunks);
+  EXPECT_EQ(calls.count("writev"), 3U);
+  EXPECT_EQ(calls.count("flock LOCK_EX"), 3U);
+  EXPECT_EQ(calls.count("flock LOCK_UN"), 3U);
+  EXPECT_EQ(contents(), all);
+}
+
+TEST_F(ZPILogFileHandleTest, NoChunksAreNoCalls) {
+  const auto handle = create();
+  const SystemCalls calls;
+  handle->append({});
+  EXPECT_EQ(calls.texts().size(), 0U);
+}
+
+TEST_F(ZPILogFileHandleTest, AShortWriteIsContinuedUnderTheSameLock) {
+  const Chunks chunks{"one", "", "two", "three"};
+  for (int64_t size = 1; size <= 11; ++size) {
+    const auto handle = create();
+    SystemCalls calls;
+    calls.shorten("writev", size, 0, 100);
+    handle->append(chunks);
+    EXPECT_EQ(contents(), "onetwothree") << size;
+    EXPECT_EQ(calls.count("flock LOCK_EX"), 1U);
+    EXPECT_EQ(calls.count("writev"), static_cast<size_t>((11 + size - 1) / size));
+    EXPECT_EQ(calls.texts().back(), "flock LOCK_UN");
+    std::filesystem::remove(_path);
+  }
+}
+
+TEST_F(ZPILogFileHandleTest, AnInterruptedLockOrWriteIsTriedAgain) {
+  const auto handle = create();
+  SystemCalls calls;
+  calls.fail("flock LOCK_EX", EINTR, 0, 3);
+  calls.fail("writev", EINTR, 0, 3);
+  handle->append(Chunks{"one", "two"});
+  EXPECT_EQ(contents(), "onetwo");
+  EXPECT_EQ(calls.count("flock LOCK_EX"), 4U);
+}
+
+TEST_F(ZPILogFileHandleTest, AFailedLockDoesNotKeepTheChunkFromTheFile) {
+  const auto handle = create();
+  SystemCalls calls;
+  calls.fail("flock LOCK_EX", ENOLCK);
+  handle->append(Chunks{"chunk"});
+  EXPECT_EQ(contents(), "chunk");
+}
+
+TEST_F(ZPILogFileHandleTest, AChunkThatIsNotTakenIsDroppedAndTheNextIsTried) {
+  const auto handle = create();
+  SystemCalls calls;
+  calls.fail("writev", ENOSPC);
+  handle->append(Chunks{"one", "two", "three"});
+  EXPECT_EQ(contents(), "twothree");
+}
+
+TEST_F(ZPILogFileHandleTest, OfAChunkThatIsTakenInPartTheRestIsDropped) {
+  const auto handle = create();
+  SystemCalls calls;
+  calls.shorten("writev", 5);
+  calls.fail("writev", ENOSPC, 0);
+  handle->append(Chunks{"one", "two", "three"});
+  EXPECT_EQ(contents(), "onetwthree");
+}
+
+TEST_F(ZPILogFileHandleTest, AWriteThatTakesNothingEnds) {
+  const auto handle = create();
+  SystemCalls calls;
+  calls.answer("writev", 0);
+  handle->append(Chunks{"one", "two"});
+  EXPECT_EQ(contents(), "two");
+}
+
+TEST_F(ZPILogFileHandleTest, AFullDeviceIsNoFailure) {
+  const auto handle = ZPILogFileHandle::fileHandleForWritingAtPath("/dev/full");
+  ASSERT_NE(handle, nullptr);
+  const SystemCalls calls;
+  handle->append(Chunks{"one", "two"});
+  EXPECT_EQ(calls.all().at(1).error, ENOSPC);
+}
+
+// --- A file that others have a hand in.
+
+TEST_F(ZPILogFileHandleTest, AFileThatIsMovedOrRemovedStaysTheOneThatWasOpened) {
+  const auto handle = create();
+  handle->append(Chunks{"one"});
+  std::filesystem::rename(_path, _path + ".1");
+  handle->append(Chunks{"two"});
+  EXPECT_EQ(contentsOfFile(_path + ".1"), "onetwo");
+  std::filesystem::remove(_path + ".1");
+  handle->append(Chunks{"three"});
+  EXPECT_TRUE(std::filesystem::is_empty(_folder.path()));
+}
+
+TEST_F(ZPILogFileHandleTest, AFileThatIsCutMeanwhileGrowsFromItsNewEnd) {
+  const auto handle = create();
+  handle->append(Chunks{"one"});
+  std::filesystem::resize_file(_path, 0);
+  handle->append(Chunks{"two"});
+  EXPECT_EQ(contents(), "two");
+}
+
+TEST_F(ZPILogFileHandleTest, AWriteWaitsForWhoHoldsTheLock) {
+  const auto handle = create();
+  const int other = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(::flock(other, LOCK_EX), 0);
+  const SystemCalls calls(SystemCalls::Threads::kAll);
+  auto writing = std::async(std::launch::async, [&] { handle->append(Chunks{"chunk"}); });
+  EXPECT_TRUE(waitFor([&] { return calls.count("flock LOCK_EX") == 1; }));
+  EXPECT_EQ(calls.count("writev"), 0U);
+  EXPECT_EQ(contents(), "");
+  ::close(other);
+  writing.get();
+  EXPECT_EQ(contents(), "chunk");
+}
+
+// Every write moves three bytes at most, so that only the lock keeps the chunks together.
+TEST_F(ZPILogFileHandleTest, ChunksOfTwoHandlesDoNotCutIntoEachOther) {
+  constexpr int kChunks = 200;
+  const Chunks chunks{"\n<aaaaaaaaaa>", "\n<bbbbbbbbbb>"};
+  const auto first = create();
+  const auto second = ZPILogFileHandle::fileHandleForWritingAtPath(_path);
+  SystemCalls calls(SystemCalls::Threads::kAll);
+  calls.shorten("writev", 3, 0, 1000000);
+  std::thread thread([&] {
+    for (int i = 0; i < kChunks; ++i) first->append(std::span(&chunks[0], 1));
+  });
+  for (int i = 0; i < kChunks; ++i) second->append(std::span(&chunks[1], 1));
+  thread.join();
+  const std::string all = contents();
+  ASSERT_EQ(all.size(), 2 * kChunks * chunks[0].size());
+  for (size_t at = 0; at < all.size(); at += chunks[0].size()) {
+    ASSERT_THAT(chunks, testing::Contains(all.substr(at, chunks[0].size()))) << at;
+  }
+}
+
+// --- Signals.
+
+bool isBlocked(int signal) {
+  sigset_t mask;
+  ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+  return ::sigismember(&mask, signal) == 1;
+}
+
+bool isPending(int signal) {
+  sigset_t pending;
+  ::sigpending(&pending);
+  return ::sigismember(&pending, signal) == 1;
+}
+
+void block(int signal) {
+  sigset_t signals;
+  ::sigemptyset(&signals);
+  ::sigaddset(&signals, signal);
+  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+void limitFileSize(rlim_t size) {
+  const rlimit limit{size, size};
+  ::setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+TEST_F(ZPILogFileHandleTest, AFileAtItsSizeLimitEndsNoProcess) {
+  const ChildResult result = runInChild([&](std::string* message) {
+    const auto handle = create();
+    limitFileSize(10);
+    handle->append(Chunks{"12345678", "abcdefgh", "lost"});
+    handle->append(Chunks{"lost"});
+    *message = contents();
+    return isBlocked(SIGXFSZ) || isPending(SIGXFSZ) ? 1 : 0;
+  });
+  EXPECT_EQ(result.signal, 0);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.message, "12345678ab");
+}
+
+TEST_F(ZPILogFileHandleTest, ASizeSignalLeavesNoTraceWhereTheCallerBlocksIt) {
+  const ChildResult result = runInChild([&](std::string*) {
+    const auto handle = create();
+    limitFileSize(0);
+    block(SIGXFSZ);
+    handle->append(Chunks{"lost"});
+    return isBlocked(SIGXFSZ) && !isPending(SIGXFSZ) ? 0 : 1;
+  });
+  EXPECT_EQ(result.status, 0);
+}
+
+TEST_F(ZPILogFileHandleTest, ASizeSignalThatTheCallerHadWaitingStays) {
+  const ChildResult result = runInChild([&](std::string*) {
+    const auto handle = create();
+    limitFileSize(0);
+    block(SIGXFSZ);
+    ::raise(SIGXFSZ);
+    handle->append(Chunks{"lost"});
+    return isBlocked(SIGXFSZ) && isPending(SIGXFSZ) ? 0 : 1;
+  });
+  EXPECT_EQ(result.status, 0);
+}
+
+TEST_F(ZPILogFileHandleTest, AnIgnoredSizeSignalIsNoTrouble) {
+  const ChildResult result = runInChild([&](std::string*) {
+    const auto handle = create();
+    limitFileSize(0);
+    ::signal(SIGXFSZ, SIG_IGN);
+    handle->append(Chunks{"lost"});
+    return isBlocked(SIGXFSZ) || isPending(SIGXFSZ) ? 1 : 0;
+  });
+  EXPECT_EQ(result.status, 0);
+}
+
+TEST_F(ZPILogFileHandleTest, APipeWithoutAReaderEndsNoProcess) {
+  ASSERT_EQ(::mkfifo(_path.c_str(), 0666), 0);
+  const ChildResult result = runInChild([&](std::string*) {
+    ::signal(SIGPIPE, SIG_DFL);
+    const int reader = ::open(_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const auto handle = ZPILogFileHandle::fileHandleForWritingAtPath(_path);
+    ::close(reader);
+    handle->append(Chunks{"lost", "lost"});
+    return isBlocked(SIGPIPE) || isPending(SIGPIPE) ? 1 : 0;
+  });
+  EXPECT_EQ(result.signal, 0);
+  EXPECT_EQ(result.status, 0);
+}
+
+}  // namespace

@@ -1,0 +1,22 @@
+// Reading what a logging channel wrote.
+#pragma once
+
+#include <string>
+#include <vector>
+
+/// All bytes of a file; "" if there is none.
+std::string contentsOfFile(const std::string& path);
+
+/// One line of a log file: what stands behind a prefix, up to the next one.
+struct LogFileLine {
+  std::string timestamp;  // "2024-05-01 12:00:00.250"
+  std::string identifier;
+  std::string process;
+  std::string text;
+};
+
+/// The lines of a log file. Fails the test if it does not begin with a prefix.
+std::vector<LogFileLine> linesOfLog(const std::string& path);
+
+/// The lines of a log file in short: "identifier: text".
+std::vector<std::string> textsOfLog(const std::string& path);
