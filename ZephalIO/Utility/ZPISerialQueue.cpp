@@ -55,14 +55,14 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
   void queue(Task task) {
     std::unique_lock lock(_mutex);
     if (!_hasWorker) _hasWorker = startWorker();
-    if (_hasWorker) _waiting.push_back(std::move(task));
-    const bool isQueued = _hasWorker;
-    lock.unlock();
-    if (isQueued) {
-      _changed.notify_all();
-    } else {
+    if (!_hasWorker) {
+      lock.unlock();
       runAndWait(task);
+      return;
     }
+    _waiting.push_back(std::move(task));
+    lock.unlock();
+    _changed.notify_all();
   }
 
   void runAndWait(const Task& task) {
