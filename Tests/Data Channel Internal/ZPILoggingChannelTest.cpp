@@ -657,18 +657,24 @@ TEST_F(ZPILoggingChannelTest, AFileAtItsSizeLimitCutsTheLogAndNotTheTraffic) {
 }
 
 // The same on the channel's own thread, in a program of its own: a forked one may start no thread.
+// The limit holds for what the program prints too, so it is far off, and the log, full of nothing,
+// is just below it.
 TEST(ZPILoggingChannelDeathTest, AFileAtItsSizeLimitEndsNoProcessFromTheBackgroundEither) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const auto logIntoALimitedFile = [] {
+    constexpr rlim_t kLimit = 1U << 30;
     const TemporaryFolder folder;
-    const auto channel = ZPILoggingChannel::initWithLogFilePath(folder.pathOf("log"), "pre-",
-                                                                ScriptedChannel::make());
-    const rlimit limit{200, 200};
+    const std::string path = folder.pathOf("log");
+    writeFile(path, "");
+    std::filesystem::resize_file(path, kLimit - 200);
+    const rlimit limit{kLimit, kLimit};
     ::setrlimit(RLIMIT_FSIZE, &limit);
+    const auto channel =
+        ZPILoggingChannel::initWithLogFilePath(path, "pre-", ScriptedChannel::make());
     bool isGood = channel->openWithTimeout(1.0, nullptr);
     for (int i = 0; i < 1000; ++i) isGood = channel->write(dataOf("version"), nullptr) && isGood;
     isGood = channel->close(nullptr) && isGood;
-    isGood = std::filesystem::file_size(folder.pathOf("log")) == 200 && isGood;
+    isGood = std::filesystem::file_size(path) == kLimit && isGood;
     std::filesystem::remove_all(folder.path());
     ::_exit(isGood ? 0 : 1);
   };
