@@ -15,6 +15,7 @@
 
 #include "Data Channel Internal/ZPIEchoRemovalChannel.h"
 #include "Data Channel/ZPKDataChannelDecorators.h"
+#include "Support/Chunks.h"
 #include "Support/ErrorExpectations.h"
 #include "Support/EventWait.h"
 #include "Support/ScriptedChannel.h"
@@ -28,10 +29,9 @@ using testing::IsEmpty;
 class ZPIEchoRemovalChannelTest : public testing::Test {
  protected:
   explicit ZPIEchoRemovalChannelTest(const std::string& delimiter = "\r\n")
-      : _channel(
-            ZPIEchoRemovalChannel::initWithChannel(_below, ZPKData::dataWithString(delimiter))) {}
+      : _channel(ZPIEchoRemovalChannel::initWithChannel(_below, dataOf(delimiter))) {}
 
-  bool write(std::string_view bytes) { return _channel->write(ZPKData::dataWithString(bytes)); }
+  bool write(std::string_view bytes) { return _channel->write(dataOf(bytes)); }
 
   /// What a read gives when the channel below gives `bytes`; null for null.
   std::optional<std::string> readOf(std::string_view bytes) {
@@ -169,31 +169,24 @@ TEST_F(ZPIEchoRemovalChannelTest, BytesOfAnyValueAreCompared) {
   EXPECT_EQ(readOf(line + "\xFE\r\n"), "\xFE\r\n");
 }
 
-// Reads of the bytes below, cut at every place:
+// The bytes below, in every row of reads that they can come in:
 //
-//     h o t CR LF | v e r CR LF | 2 . 3 3 CR LF | = > blank
+//     h i CR LF | v CR LF | o k CR LF | >
 TEST_F(ZPIEchoRemovalChannelTest, EveryCutOfTheSameBytesGivesTheSameBytes) {
-  const std::string stream = "hot\r\nver\r\n2.33\r\n=> ";
-  for (size_t first = 0; first <= stream.size(); ++first) {
-    for (size_t second = first; second <= stream.size(); ++second) {
-      _channel->reset();
-      write("ver\r\n");
-      std::string all;
-      all += *readOf(stream.substr(0, first));
-      all += *readOf(stream.substr(first, second - first));
-      all += *readOf(stream.substr(second));
-      EXPECT_EQ(all, "hot\r\n2.33\r\n=> ") << first << " " << second;
-    }
+  for (const Chunks& chunks : everySplit("hi\r\nv\r\nok\r\n>")) {
+    _channel->reset();
+    write("v\r\n");
+    std::string all;
+    for (const std::string& chunk : chunks) all += *readOf(chunk);
+    ASSERT_EQ(all, "hi\r\nok\r\n>") << pictureOf(chunks);
   }
 }
 
 TEST_F(ZPIEchoRemovalChannelTest, EveryCutOfTheSameWriteAwaitsTheSameLines) {
-  const std::string commands = "one\r\ntwo\r\n";
-  for (size_t cut = 0; cut <= commands.size(); ++cut) {
+  for (const Chunks& chunks : everySplit("one\r\ntwo\r\n")) {
     _channel->reset();
-    write(commands.substr(0, cut));
-    write(commands.substr(cut));
-    EXPECT_EQ(readOf("one\r\n1\r\ntwo\r\n2\r\n=> "), "1\r\n2\r\n=> ") << cut;
+    for (const std::string& chunk : chunks) write(chunk);
+    ASSERT_EQ(readOf("one\r\n1\r\ntwo\r\n2\r\n=> "), "1\r\n2\r\n=> ") << pictureOf(chunks);
   }
 }
 
@@ -230,7 +223,7 @@ TEST_F(ZPIEchoRemovalChannelTest, AFailedWriteIsPassedUpAndAwaitsNoEcho) {
   const ZPKErrorPtr fromBelow = ZPKError::init("below", 5, {});
   _below->setWriteResult(false, fromBelow);
   ZPKErrorPtr error = olderError();
-  EXPECT_FALSE(_channel->write(ZPKData::dataWithString("ver\r\n"), &error));
+  EXPECT_FALSE(_channel->write(dataOf("ver\r\n"), &error));
   EXPECT_EQ(error, fromBelow);
   _below->setWriteResult(true);
   EXPECT_EQ(readOf("ver\r\n=> "), "ver\r\n=> ");
@@ -238,7 +231,7 @@ TEST_F(ZPIEchoRemovalChannelTest, AFailedWriteIsPassedUpAndAwaitsNoEcho) {
 
 TEST_F(ZPIEchoRemovalChannelTest, WritesGoDownAsTheyAreNullAndEmptyOnesToo) {
   ZPKErrorPtr error = olderError();
-  EXPECT_TRUE(_channel->write(ZPKData::dataWithString("ver\r\nmem"), &error));
+  EXPECT_TRUE(_channel->write(dataOf("ver\r\nmem"), &error));
   EXPECT_TRUE(_channel->write(ZPKData::data(), &error));
   EXPECT_TRUE(_channel->write(nullptr, &error));
   EXPECT_EQ(error, olderError());
@@ -298,10 +291,10 @@ TEST_F(ZPIEchoRemovalChannelTest, ResetClearsEvenIfTheChannelBelowRefuses) {
 }
 
 TEST_F(ZPIEchoRemovalChannelTest, TheDelimiterIsCopied) {
-  const ZPKMutableDataPtr delimiter = ZPKData::dataWithString("\n")->mutableCopy();
+  const ZPKMutableDataPtr delimiter = dataOf("\n")->mutableCopy();
   const ZPKDataChannelPtr channel = ZPIEchoRemovalChannel::initWithChannel(_below, delimiter);
-  delimiter->setContents(*ZPKData::dataWithString(";"));
-  channel->write(ZPKData::dataWithString("ver\n"));
+  delimiter->setContents(*dataOf(";"));
+  channel->write(dataOf("ver\n"));
   _below->addRead("ver\n;");
   EXPECT_EQ(channel->readWithTimeout(1.0, nullptr)->view(), ";");
 }
@@ -351,14 +344,13 @@ class WriteHook final : public ZPKDataChannel {
 
 TEST_F(ZPIEchoRemovalChannelTest, AnEchoThatIsReadBeforeItsWriteReturnsIsData) {
   const auto below = std::make_shared<WriteHook>();
-  const auto channel =
-      ZPIEchoRemovalChannel::initWithChannel(below, ZPKData::dataWithString("\r\n"));
+  const auto channel = ZPIEchoRemovalChannel::initWithChannel(below, dataOf("\r\n"));
   std::string early;
   below->onWrite = [&] {
-    below->toRead = ZPKData::dataWithString("ver\r\n");
+    below->toRead = dataOf("ver\r\n");
     early = channel->readWithTimeout(1.0, nullptr)->view();
   };
-  EXPECT_TRUE(channel->write(ZPKData::dataWithString("ver\r\n"), nullptr));
+  EXPECT_TRUE(channel->write(dataOf("ver\r\n"), nullptr));
   EXPECT_EQ(early, "ver\r\n");
   EXPECT_EQ(channel->readWithTimeout(1.0, nullptr)->view(), "");  // awaited from here on
 }
@@ -493,11 +485,11 @@ TEST_P(ZPIEchoRemovalChannelDeviceTest, ADevicesEchoesVanish) {
                                       .responses = {{"version", "2.33\n"}, {"memory", "64k\n"}},
                                       .trickles = true});
   const ZPKDataChannelPtr base = createBaseChannelWithTransport(device.url());
-  const ZPKDataChannelPtr channel = createEchoRemovalChannel(base, ZPKData::dataWithString("\n"));
+  const ZPKDataChannelPtr channel = createEchoRemovalChannel(base, dataOf("\n"));
   ASSERT_TRUE(channel->openWithTimeout(1.0));
   for (const auto& [command, response] :
        {std::pair("version\n", "2.33\n=> "), std::pair("memory\n", "64k\n=> ")}) {
-    ASSERT_TRUE(channel->write(ZPKData::dataWithString(command)));
+    ASSERT_TRUE(channel->write(dataOf(command)));
     std::string answer;
     EXPECT_TRUE(waitFor([&] {
       const ZPKDataPtr data = channel->readWithTimeout(0.1);
@@ -513,56 +505,5 @@ INSTANTIATE_TEST_SUITE_P(Kinds, ZPIEchoRemovalChannelDeviceTest,
                          testing::Values(SimulatedDevice::Kind::kTerminal,
                                          SimulatedDevice::Kind::kTCP,
                                          SimulatedDevice::Kind::kUnix));
-
-// --- The factory.
-
-const ExpectedFailure kNullChannel{"zephal-communication", 3, "channel cannot be nil",
-                                   "createEchoRemovalChannel", "ZPKDataChannelDecorators.cpp"};
-const ExpectedFailure kBadDelimiter{"zephal-communication", 3, "delimiter cannot be nil, or empty",
-                                    "createEchoRemovalChannel", "ZPKDataChannelDecorators.cpp"};
-
-TEST(CreateEchoRemovalChannelTest, ANullChannelIsRefusedBeforeABadDelimiter) {
-  LogCapture log;
-  ZPKErrorPtr error = olderError();
-  EXPECT_EQ(createEchoRemovalChannel(nullptr, nullptr, &error), nullptr);
-  expectFailure(error, log, kNullChannel);
-}
-
-TEST(CreateEchoRemovalChannelTest, ANullDelimiterIsRefused) {
-  LogCapture log;
-  ZPKErrorPtr error = olderError();
-  EXPECT_EQ(createEchoRemovalChannel(ScriptedChannel::make(), nullptr, &error), nullptr);
-  expectFailure(error, log, kBadDelimiter);
-}
-
-TEST(CreateEchoRemovalChannelTest, AnEmptyDelimiterIsRefused) {
-  LogCapture log;
-  ZPKErrorPtr error = olderError();
-  EXPECT_EQ(createEchoRemovalChannel(ScriptedChannel::make(), ZPKData::data(), &error), nullptr);
-  expectFailure(error, log, kBadDelimiter);
-}
-
-TEST(CreateEchoRemovalChannelTest, AFailureWithoutASlotIsLoggedAllTheSame) {
-  LogCapture log;
-  EXPECT_EQ(createEchoRemovalChannel(nullptr, ZPKData::dataWithString("\n")), nullptr);
-  EXPECT_EQ(createEchoRemovalChannel(ScriptedChannel::make(), nullptr), nullptr);
-  EXPECT_THAT(log.texts(),
-              ElementsAre("channel cannot be nil", "delimiter cannot be nil, or empty"));
-}
-
-TEST(CreateEchoRemovalChannelTest, MakesAChannelThatHoldsTheOneBelowAndOpensNothing) {
-  auto below = ScriptedChannel::make();
-  const std::weak_ptr<ScriptedChannel> weak = below;
-  ZPKErrorPtr error = olderError();
-  ZPKDataChannelPtr channel =
-      createEchoRemovalChannel(below, ZPKData::dataWithString("\n"), &error);
-  ASSERT_NE(channel, nullptr);
-  EXPECT_EQ(error, olderError());
-  EXPECT_THAT(below->calls(), IsEmpty());
-  below.reset();
-  EXPECT_FALSE(weak.expired());
-  channel.reset();
-  EXPECT_TRUE(weak.expired());
-}
 
 }  // namespace

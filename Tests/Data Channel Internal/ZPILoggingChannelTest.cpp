@@ -22,6 +22,7 @@
 
 #include "Data Channel Internal/ZPILoggingChannel.h"
 #include "Data Channel/ZPKDataChannelDecorators.h"
+#include "Support/Chunks.h"
 #include "Support/ErrorExpectations.h"
 #include "Support/EventWait.h"
 #include "Support/LogFile.h"
@@ -37,8 +38,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-ZPKDataPtr dataOf(std::string_view bytes) { return ZPKData::dataWithString(bytes); }
 
 void writeFile(const std::string& path, std::string_view contents) {
   std::ofstream(path, std::ios::binary) << contents;
@@ -879,62 +878,5 @@ INSTANTIATE_TEST_SUITE_P(Kinds, ZPILoggingChannelDeviceTest,
                          testing::Values(SimulatedDevice::Kind::kTerminal,
                                          SimulatedDevice::Kind::kTCP,
                                          SimulatedDevice::Kind::kUnix));
-
-// --- The factory.
-
-ExpectedFailure refusal(const std::string& description) {
-  return {"zephal-communication", 3, description, "createLoggingChannel",
-          "ZPKDataChannelDecorators.cpp"};
-}
-
-TEST(CreateLoggingChannelTest, ANullChannelIsRefusedFirst) {
-  LogCapture log;
-  ZPKErrorPtr error = olderError();
-  EXPECT_EQ(createLoggingChannel(nullptr, std::nullopt, std::nullopt, false, &error), nullptr);
-  expectFailure(error, log, refusal("channel cannot be nil"));
-}
-
-TEST(CreateLoggingChannelTest, ANullPathIsRefusedBeforeANullIdentifier) {
-  LogCapture log;
-  ZPKErrorPtr error = olderError();
-  EXPECT_EQ(createLoggingChannel(ScriptedChannel::make(), std::nullopt, std::nullopt, true, &error),
-            nullptr);
-  expectFailure(error, log, refusal("filepath cannot be nil"));
-}
-
-TEST(CreateLoggingChannelTest, ANullIdentifierIsRefused) {
-  LogCapture log;
-  ZPKErrorPtr error = olderError();
-  EXPECT_EQ(createLoggingChannel(ScriptedChannel::make(), "log", std::nullopt, false, &error),
-            nullptr);
-  expectFailure(error, log, refusal("identifier cannot be nil"));
-}
-
-TEST(CreateLoggingChannelTest, AFailureWithoutASlotIsLoggedAllTheSame) {
-  LogCapture log;
-  EXPECT_EQ(createLoggingChannel(nullptr, "log", "id", false), nullptr);
-  EXPECT_EQ(createLoggingChannel(ScriptedChannel::make(), std::nullopt, "id", false), nullptr);
-  EXPECT_EQ(createLoggingChannel(ScriptedChannel::make(), "log", std::nullopt, false), nullptr);
-  EXPECT_THAT(log.texts(), ElementsAre("channel cannot be nil", "filepath cannot be nil",
-                                       "identifier cannot be nil"));
-}
-
-TEST(CreateLoggingChannelTest, MakesAChannelThatHoldsTheOneBelowAndOpensNothing) {
-  const TemporaryFolder folder;
-  auto below = ScriptedChannel::make();
-  const std::weak_ptr<ScriptedChannel> weak = below;
-  for (const bool synchronous : {false, true}) {
-    ZPKErrorPtr error = olderError();
-    const ZPKDataChannelPtr channel =
-        createLoggingChannel(below, folder.pathOf("log"), "", synchronous, &error);
-    ASSERT_NE(channel, nullptr);
-    EXPECT_EQ(error, olderError());
-    EXPECT_EQ(std::dynamic_pointer_cast<ZPILoggingChannel>(channel)->synchronousLogging(),
-              synchronous);
-    EXPECT_EQ(weak.use_count(), 2);
-  }
-  EXPECT_THAT(below->calls(), IsEmpty());
-  EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
-}
 
 }  // namespace

@@ -35,6 +35,18 @@ const Decorator kDecorators[] = {
        return createChannelTransformerWithPreCall(below, {}, {});
      }},
     {"Passive", [](const ZPKDataChannelPtr& below) { return createPassiveChannel(below); }},
+    {"EchoRemoval",
+     [](const ZPKDataChannelPtr& below) {
+       return createEchoRemovalChannel(below, dataOf("no such line"));
+     }},
+    {"Logging",
+     [](const ZPKDataChannelPtr& below) {
+       return createLoggingChannel(below, "/dev/null", "id", false);
+     }},
+    {"SynchronousLogging",
+     [](const ZPKDataChannelPtr& below) {
+       return createLoggingChannel(below, "/dev/null", "id", true);
+     }},
     {"Delay",
      [](const ZPKDataChannelPtr& below) { return createInterCharacterDelayChannel(below, 0); }},
     {"Aggregating",
@@ -44,8 +56,11 @@ const Decorator kDecorators[] = {
     {"AllOfThem",
      [](const ZPKDataChannelPtr& below) {
        ZPKDataChannelPtr top = createInterCharacterDelayChannel(below, 0);
+       top = createLoggingChannel(top, "/dev/null", "pre-", false);
+       top = createEchoRemovalChannel(top, dataOf("no such line"));
        top = createAggregatingTransformerChannel(top, passingAggregator());
        top = createPassiveChannel(top);
+       top = createLoggingChannel(top, "/dev/null", "post", false);
        return createChannelTransformerWithPreCall(top, {}, {});
      }},
 };

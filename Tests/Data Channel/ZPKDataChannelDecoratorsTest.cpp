@@ -1,12 +1,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
+#include "Data Channel Internal/ZPILoggingChannel.h"
 #include "Data Channel/ZPKDataChannelDecorators.h"
 #include "Support/Chunks.h"
 #include "Support/ErrorExpectations.h"
+#include "Support/LogFile.h"
 #include "Support/ScriptedChannel.h"
 #include "Support/ScriptedTransformer.h"
 #include "Support/SystemCalls.h"
+#include "Support/TemporaryFolder.h"
 
 namespace {
 
@@ -17,6 +22,7 @@ constexpr const char* kNullInReadList =
     "Objects in readTransformers must conform to ZPKDataTransformer";
 constexpr const char* kNullInWriteList =
     "Objects in writeTransformers must conform to ZPKDataTransformer";
+constexpr const char* kBadDelimiter = "delimiter cannot be nil, or empty";
 
 ZPKDataTransformerArray goodList() { return {ScriptedTransformer::make()}; }
 
@@ -92,6 +98,32 @@ const RefusedDecorator kRefusedDecorators[] = {
      "createChannelTransformer__internal", kNullChannel},
     {"PassiveNullChannel", [](ZPKErrorPtr* error) { return createPassiveChannel(nullptr, error); },
      "createPassiveChannel", kNullChannel},
+    {"EchoRemovalNullChannel",
+     [](ZPKErrorPtr* error) { return createEchoRemovalChannel(nullptr, nullptr, error); },
+     "createEchoRemovalChannel", kNullChannel},
+    {"EchoRemovalNullDelimiter",
+     [](ZPKErrorPtr* error) { return createEchoRemovalChannel(someChannel(), nullptr, error); },
+     "createEchoRemovalChannel", kBadDelimiter},
+    {"EchoRemovalEmptyDelimiter",
+     [](ZPKErrorPtr* error) {
+       return createEchoRemovalChannel(someChannel(), ZPKData::data(), error);
+     },
+     "createEchoRemovalChannel", kBadDelimiter},
+    {"LoggingNullChannel",
+     [](ZPKErrorPtr* error) {
+       return createLoggingChannel(nullptr, std::nullopt, std::nullopt, false, error);
+     },
+     "createLoggingChannel", kNullChannel},
+    {"LoggingNullPath",
+     [](ZPKErrorPtr* error) {
+       return createLoggingChannel(someChannel(), std::nullopt, std::nullopt, true, error);
+     },
+     "createLoggingChannel", "filepath cannot be nil"},
+    {"LoggingNullIdentifier",
+     [](ZPKErrorPtr* error) {
+       return createLoggingChannel(someChannel(), "log", std::nullopt, false, error);
+     },
+     "createLoggingChannel", "identifier cannot be nil"},
     {"DelayNullChannel",
      [](ZPKErrorPtr* error) { return createInterCharacterDelayChannel(nullptr, 1, error); },
      "createInterCharacterDelayChannel", kNullChannel},
@@ -129,6 +161,8 @@ TEST_F(ZPKDataChannelDecoratorsTest, GoodArgumentsTouchNeitherSlotNorLogNorChann
   EXPECT_NE(createChannelTransformerWithPreCall(below, goodList(), {}, &error), nullptr);
   EXPECT_NE(createChannelTransformer__internal(below, {}, goodList(), true, &error), nullptr);
   EXPECT_NE(createPassiveChannel(below, &error), nullptr);
+  EXPECT_NE(createEchoRemovalChannel(below, dataOf("\n"), &error), nullptr);
+  EXPECT_NE(createLoggingChannel(below, "", "", true, &error), nullptr);
   EXPECT_NE(createInterCharacterDelayChannel(below, 0, &error), nullptr);
   EXPECT_NE(createAggregatingTransformerChannel(below, someAggregator(), &error), nullptr);
   EXPECT_EQ(error, olderError());
@@ -167,6 +201,28 @@ TEST_F(ZPKDataChannelDecoratorsTest, APassiveChannelReadsInSlices) {
   EXPECT_THAT(below->readTimeouts(), ElementsAre(100.0, 100.0));
 }
 
+TEST_F(ZPKDataChannelDecoratorsTest, AnEchoRemovalChannelGoesByItsDelimiter) {
+  const auto channel = createEchoRemovalChannel(below, dataOf(";"));
+  EXPECT_TRUE(channel->write(dataOf("a\n;")));
+  below->addRead("a\n;b;");
+  EXPECT_EQ(channel->readWithTimeout(1.0)->view(), "b;");
+}
+
+TEST_F(ZPKDataChannelDecoratorsTest, ALoggingChannelHasItsFileItsIdentifierAndItsMode) {
+  const TemporaryFolder folder;
+  for (const bool synchronous : {false, true}) {
+    const std::string path = folder.pathOf(synchronous ? "one" : "other");
+    const auto channel = createLoggingChannel(below, path, "id", synchronous);
+    EXPECT_EQ(std::dynamic_pointer_cast<ZPILoggingChannel>(channel)->synchronousLogging(),
+              synchronous);
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_TRUE(channel->openWithTimeout(1.0));
+    EXPECT_TRUE(channel->write(dataOf("a")));
+    EXPECT_TRUE(channel->close());
+    EXPECT_THAT(textsOfLog(path), ElementsAre("id-write: a"));
+  }
+}
+
 TEST_F(ZPKDataChannelDecoratorsTest, ADelayChannelPausesForItsDelay) {
   SystemCalls calls;
   calls.answer("usleep", 0);
@@ -190,6 +246,8 @@ TEST_F(ZPKDataChannelDecoratorsTest, ADecoratorHoldsTheChannelBelowAndDoesNotClo
     auto channel = ScriptedChannel::make();
     weak = channel;
     ZPKDataChannelPtr top = createPassiveChannel(channel);
+    top = createEchoRemovalChannel(top, dataOf("\n"));
+    top = createLoggingChannel(top, "/dev/null", "id", false);
     top = createInterCharacterDelayChannel(top, 0);
     top = createAggregatingTransformerChannel(top, someAggregator());
     top = createChannelTransformer(top, {}, {});

@@ -1,11 +1,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <new>
+#include <string>
 #include <thread>
 
 #include "Support/SystemCalls.h"
@@ -65,6 +68,27 @@ TEST_F(SystemCallsTest, ShortensAnswersAndRunsActions) {
   EXPECT_EQ(errno, 0);
   EXPECT_EQ(::read(_ends[0], buffer, sizeof buffer), 3);
   EXPECT_THAT(calls.texts(), ElementsAre("write", "write", "read"));
+}
+
+TEST_F(SystemCallsTest, ShortensAWriteOfSeveralPartsAtAnyByte) {
+  SystemCalls calls;
+  char bytes[] = "abcdef";
+  const iovec parts[] = {{bytes, 2}, {bytes + 2, 3}, {bytes + 5, 1}};
+  for (ssize_t size = 1; size <= 6; ++size) {
+    calls.shorten("writev", size);
+    EXPECT_EQ(::writev(_ends[1], parts, 3), size);
+    std::string got(8, '\0');
+    got.resize(static_cast<size_t>(::read(_ends[0], got.data(), got.size())));
+    EXPECT_EQ(got, std::string(bytes, static_cast<size_t>(size)));
+  }
+  EXPECT_EQ(calls.all().front().size, 6);
+}
+
+TEST_F(SystemCallsTest, TellsHowAFileIsLocked) {
+  const SystemCalls calls;
+  ::flock(_ends[0], LOCK_EX);
+  ::flock(_ends[0], LOCK_UN);
+  EXPECT_THAT(calls.texts(), ElementsAre("flock LOCK_EX", "flock LOCK_UN"));
 }
 
 TEST_F(SystemCallsTest, CountsAllocationsAndLetsOneFail) {

@@ -1,0 +1,52 @@
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "Utility/ZPIBlockedSignals.h"
+
+namespace {
+
+sigset_t setOf(int signal) {
+  sigset_t signals;
+  ::sigemptyset(&signals);
+  ::sigaddset(&signals, signal);
+  return signals;
+}
+
+bool isBlocked(int signal) {
+  sigset_t mask;
+  ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+  return ::sigismember(&mask, signal) == 1;
+}
+
+TEST(ZPIBlockedSignalsTest, BlocksTheSignalsForAsLongAsItLives) {
+  {
+    const ZPIBlockedSignals blocked(setOf(SIGUSR1));
+    EXPECT_TRUE(isBlocked(SIGUSR1));
+    EXPECT_FALSE(isBlocked(SIGUSR2));
+    EXPECT_FALSE(blocked.wasBlocked(SIGUSR1));
+  }
+  EXPECT_FALSE(isBlocked(SIGUSR1));
+}
+
+TEST(ZPIBlockedSignalsTest, ASignalThatWasBlockedStaysBlocked) {
+  const ZPIBlockedSignals outer(setOf(SIGUSR1));
+  {
+    const ZPIBlockedSignals inner(setOf(SIGUSR1));
+    EXPECT_TRUE(inner.wasBlocked(SIGUSR1));
+    EXPECT_FALSE(inner.wasBlocked(SIGUSR2));
+  }
+  EXPECT_TRUE(isBlocked(SIGUSR1));
+}
+
+TEST(ZPIBlockedSignalsTest, AThreadThatIsStartedMeanwhileNeverGetsThem) {
+  std::future<bool> thread;
+  {
+    const ZPIBlockedSignals blocked(setOf(SIGUSR1));
+    thread = std::async(std::launch::async, [] { return isBlocked(SIGUSR1); });
+  }
+  EXPECT_TRUE(thread.get());
+  EXPECT_FALSE(isBlocked(SIGUSR1));
+}
+
+}  // namespace
