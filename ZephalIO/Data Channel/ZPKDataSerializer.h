@@ -1,5 +1,6 @@
 #pragma once
 
+#include <concepts>
 #include <memory>
 #include <set>
 #include <string>
@@ -12,15 +13,19 @@
 /// A set of classes of objects, each by its `typeid`.
 using ZPKClassSet = std::set<std::type_index>;
 
-/// What turns one object into bytes and back.
+/// What turns one object into bytes and back. A caller's own serializer can carry classes of the
+/// caller's own, which derive from ZPKObject.
 ///
-/// A class that implements this also has a static operation `supportedClasses()`, which gives the
-/// ZPKClassSet of the objects that its format may carry.
+/// A class that implements this also has a static operation `supportedClasses()`, the set of the
+/// classes that its format may carry; see ZPKDataSerializerClass.
+///
+/// A manager calls deserialize on its own thread, and one serializer may serve several managers: an
+/// implementation without state needs nothing more to be safe.
 class ZPK_EXPORT ZPKDataSerializer {
  public:
   virtual ~ZPKDataSerializer() = default;
 
-  /// The object's bytes, or null on failure.
+  /// The object's bytes, or null on failure. Null is a legal argument.
   virtual ZPKDataPtr serialize(const ZPKObjectPtr& object) = 0;
   /// The object that the bytes hold, or null on failure. Null and empty data are legal arguments.
   virtual ZPKObjectPtr deserialize(const ZPKDataPtr& data) = 0;
@@ -29,3 +34,9 @@ class ZPK_EXPORT ZPKDataSerializer {
 };
 
 using ZPKDataSerializerPtr = std::shared_ptr<ZPKDataSerializer>;
+
+/// A class that is a serializer in full, its static operation included.
+template <class T>
+concept ZPKDataSerializerClass = std::derived_from<T, ZPKDataSerializer> && requires {
+  { T::supportedClasses() } -> std::convertible_to<ZPKClassSet>;
+};

@@ -9,6 +9,12 @@
 #include "Utility/ZPIText.h"
 #include "Utility/ZPKMutableData.h"
 
+namespace {
+
+constexpr size_t kDescribedLength = 32;
+
+}  // namespace
+
 ZPKDataPtr ZPKData::data() {
   static const ZPKDataPtr empty = std::make_shared<ZPKData>(Key());
   return empty;
@@ -72,4 +78,20 @@ ZPKRange ZPKData::find(const ZPKData& pattern, ZPKRange range) const {
 std::optional<std::string> ZPKData::string() const {
   if (!ZPIIsValidUTF8(view())) return std::nullopt;
   return std::string(view());
+}
+
+bool ZPKData::isEqual(const ZPKObject& other) const {
+  const auto* data = dynamic_cast<const ZPKData*>(&other);
+  return data != nullptr && *data == *this;
+}
+
+std::string ZPKData::debugDescription() const {
+  constexpr const char* kDigits = "0123456789abcdef";
+  std::string text = "h'";
+  for (const char byte : view().substr(0, kDescribedLength)) {
+    text += kDigits[static_cast<uint8_t>(byte) >> 4];
+    text += kDigits[static_cast<uint8_t>(byte) & 0x0F];
+  }
+  if (_length <= kDescribedLength) return text + "'";
+  return text + "...' (" + std::to_string(_length) + " bytes)";
 }

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "Utility/ZPKExport.h"
+#include "Utility/ZPKObject.h"
 #include "Utility/ZPKTypes.h"
 
 /// An immutable sequence of bytes, shared by reference.
@@ -15,7 +16,7 @@
 /// Null and empty are two different things everywhere in this library: a null pointer is "no data",
 /// an empty instance is "data of length 0". All operations may run on any thread at the same time,
 /// as long as the object is not a ZPKMutableData that somebody edits.
-class ZPK_EXPORT ZPKData : public std::enable_shared_from_this<ZPKData> {
+class ZPK_EXPORT ZPKData : public ZPKObject, public std::enable_shared_from_this<ZPKData> {
   struct Key {
     explicit Key() = default;
   };
@@ -34,7 +35,7 @@ class ZPK_EXPORT ZPKData : public std::enable_shared_from_this<ZPKData> {
   explicit ZPKData(Key) {}
   ZPKData(const ZPKData&) = delete;
   ZPKData& operator=(const ZPKData&) = delete;
-  virtual ~ZPKData();
+  ~ZPKData() override;
 
   /// The first byte. May be null when the length is 0. Valid for as long as the object lives and,
   /// for a ZPKMutableData, until its next edit.
@@ -64,6 +65,12 @@ class ZPK_EXPORT ZPKData : public std::enable_shared_from_this<ZPKData> {
   /// Decodes the bytes as UTF-8 (RFC 3629). Null if they are not valid UTF-8; an empty string if
   /// there are none.
   std::optional<std::string> string() const;
+
+  /// Equal bytes, for data as objects.
+  bool isEqual(const ZPKObject& other) const override;
+  /// The bytes in hexadecimal, as in h'0aff'; of more than 32 bytes the first 32, and how many
+  /// there are.
+  std::string debugDescription() const override;
 
   /// Equal bytes.
   friend bool operator==(const ZPKData& left, const ZPKData& right) {

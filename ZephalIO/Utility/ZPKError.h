@@ -33,7 +33,8 @@ class ZPK_EXPORT ZPKError {
   /// Which part of the system reports: "zephalbench." and one of "zephal-communication" (channels,
   /// transformers, factories, services), "zephal-commchannel" (ZPKCommStack),
   /// "zephal-commloggerchannel" (ZPKCommLoggerStack), "zephal-dataconversion". An error that comes
-  /// from the system itself has the domain "POSIX" (the code is the errno) or "PCRE2".
+  /// from the system itself has the domain "POSIX" (the code is the errno) or "PCRE2", and the log
+  /// line of an unreadable archive shows one of the domain "CBOR".
   const std::string& domain() const { return _domain; }
   int code() const { return _code; }
   const UserInfo& userInfo() const { return _userInfo; }

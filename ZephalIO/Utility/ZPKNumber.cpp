@@ -71,6 +71,12 @@ std::string ZPKNumber::stringValue() const {
       _value);
 }
 
+bool ZPKNumber::isEqual(const ZPKObject& other) const {
+  const auto* number = dynamic_cast<const ZPKNumber*>(&other);
+  if (number == nullptr) return false;
+  return *number == *this || (std::isnan(number->doubleValue()) && std::isnan(doubleValue()));
+}
+
 bool operator==(const ZPKNumber& left, const ZPKNumber& right) {
   if (!left.isDouble() && !right.isDouble()) {
     const bool leftIsNegative = left.integerValue() < 0;

@@ -7,11 +7,13 @@
 #include <variant>
 
 #include "Utility/ZPKExport.h"
+#include "Utility/ZPKObject.h"
 
 /// A number of any kind: an integer of either sign, a double or a bool. Made implicitly from each,
 /// so that a timeout can be written 2, 0.5 or -1. One that may be null is a
-/// std::optional<ZPKNumber>. A plain value: copies are independent.
-class ZPK_EXPORT ZPKNumber {
+/// std::optional<ZPKNumber>. A plain value: copies are independent. As an object it is shared, like
+/// any other.
+class ZPK_EXPORT ZPKNumber final : public ZPKObject {
  public:
   ZPKNumber() : _value(int64_t{0}) {}
   ZPKNumber(std::same_as<bool> auto value) : _value(value) {}
@@ -39,7 +41,10 @@ class ZPK_EXPORT ZPKNumber {
   /// In decimal, in the shortest form that reads back as the same value: 1, 0.5, -1. A bool is 1 or
   /// 0.
   std::string stringValue() const;
-  std::string debugDescription() const { return stringValue(); }
+  std::string debugDescription() const override { return stringValue(); }
+
+  /// Whether two numbers as objects are equal: as for ==, except that not-a-number equals itself.
+  bool isEqual(const ZPKObject& other) const override;
 
   /// Whether two numbers have exactly the same value, whatever kinds they are of: 1, 1.0 and true
   /// are equal. Not-a-number equals nothing.

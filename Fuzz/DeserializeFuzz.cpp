@@ -1,0 +1,36 @@
+// The reader of archives on arbitrary bytes: it refuses them, or they are the one archive of the
+// object that it gives. Its memory stays within what its documentation says.
+#include <cstddef>
+#include <cstdint>
+
+#include "Data Channel/ZPKDataDefaultSerializer.h"
+#include "FuzzSupport.h"
+#include "PeakMemory.h"
+
+namespace {
+
+constexpr size_t kMemoryFactor = 64;
+// For what does not grow with the input: the first blocks of two stacks, an error and a log line.
+constexpr size_t kFixedMemory = 4096;
+
+ZPKObjectPtr readWithinBounds(const ZPKDataPtr& archive) {
+  const PeakMemory memory;
+  ZPKObjectPtr object = ZPKDataDefaultSerializer().deserialize(archive);
+  require(memory.peak() <= kMemoryFactor * archive->length() + kFixedMemory,
+          "memory stays within its bounds");
+  return object;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
+  silenceLog();
+  const ZPKDataPtr archive = ZPKData::dataWithBytes(bytes, size);
+  const ZPKObjectPtr object = readWithinBounds(archive);
+  if (object == nullptr) return 0;
+  ZPKDataDefaultSerializer serializer;
+  const ZPKDataPtr again = serializer.serialize(object);
+  require(again != nullptr && *again == *archive, "an object has one archive");
+  require(ZPKObjectsAreEqual(serializer.deserialize(again), object), "an archive has one object");
+  return 0;
+}

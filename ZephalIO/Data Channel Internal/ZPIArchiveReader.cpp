@@ -1,0 +1,298 @@
+#include "Data Channel Internal/ZPIArchiveReader.h"
+
+#include <bit>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <stack>
+#include <string>
+#include <typeinfo>
+#include <utility>
+
+#include "Data Channel Internal/ZPICBORHead.h"
+#include "Utility/ZPIText.h"
+#include "Utility/ZPKDictionary.h"
+#include "Utility/ZPKString.h"
+
+namespace {
+
+constexpr const char* kDomain = "CBOR";
+
+const char* textOf(ZPIArchiveError error) {
+  switch (error) {
+    case ZPIArchiveError::TooShort: return "the archive ends too early";
+    case ZPIArchiveError::TrailingBytes: return "there are bytes behind the archive";
+    case ZPIArchiveError::NotAllowed: return "an item that no archive has";
+    case ZPIArchiveError::NotCanonical: return "an item that is not in canonical form";
+    case ZPIArchiveError::NotText: return "text that is not UTF-8";
+  }
+  return "";
+}
+
+ZPKErrorPtr makeError(ZPIArchiveError error, size_t position) {
+  const std::string text = std::string(textOf(error)) + ", at byte " + std::to_string(position);
+  return ZPKError::init(kDomain, static_cast<int>(error),
+                        {{std::string(ZPKErrorDescriptionKey), text}});
+}
+
+bool isSizedByItsBytes(ZPICBORKind kind) {
+  return kind == ZPICBORKind::Bytes || kind == ZPICBORKind::Text;
+}
+
+// --- The check of the whole archive.
+
+class Checker {
+ public:
+  explicit Checker(std::string_view bytes) : _bytes(bytes) {}
+
+  size_t position() const { return _at; }
+
+  // What is wrong at position(), or nothing.
+  std::optional<ZPIArchiveError> run() {
+    if (!startsWithMap()) return _problem;
+    while (!_open.empty()) {
+      Container& top = _open.top();
+      if (top.left == 0) {
+        _open.pop();
+        continue;
+      }
+      --top.left;
+      if (!(top.isArray() || checkKey(&top)) || !checkValue()) return _problem;
+    }
+    if (_at != _bytes.size()) return ZPIArchiveError::TrailingBytes;
+    return std::nullopt;
+  }
+
+ private:
+  // An array or map that is not yet at its end. Small, since an array costs one byte to open.
+  struct Container {
+    static constexpr size_t kArray = std::numeric_limits<size_t>::max();
+    static constexpr size_t kNoKey = 0;  // where the archive's own head stands
+
+    bool isArray() const { return lastKey == kArray; }
+
+    size_t left;     // elements, or pairs
+    size_t lastKey;  // where the last key begins
+  };
+
+  size_t remaining() const { return _bytes.size() - _at; }
+
+  bool fail(ZPIArchiveError problem) {
+    _problem = problem;
+    return false;
+  }
+
+  bool startsWithMap() {
+    ZPICBORHead head;
+    if (!peekHead(&head)) return false;
+    if (head.kind != ZPICBORKind::Map) return fail(ZPIArchiveError::NotAllowed);
+    return checkValue();
+  }
+
+  bool peekHead(ZPICBORHead* head) {
+    switch (ZPIReadCBORHead(_bytes.substr(_at), head)) {
+      case ZPICBORHeadResult::Good: return true;
+      case ZPICBORHeadResult::TooShort: return fail(ZPIArchiveError::TooShort);
+      case ZPICBORHeadResult::NotAllowed: return fail(ZPIArchiveError::NotAllowed);
+      case ZPICBORHeadResult::NotCanonical: return fail(ZPIArchiveError::NotCanonical);
+    }
+    return fail(ZPIArchiveError::NotAllowed);
+  }
+
+  bool checkKey(Container* map) {
+    ZPICBORHead head;
+    if (!peekHead(&head)) return false;
+    if (head.kind != ZPICBORKind::Text) return fail(ZPIArchiveError::NotAllowed);
+    const size_t start = _at;
+    if (!checkSized(head)) return false;
+    if (map->lastKey != Container::kNoKey && !isBefore(map->lastKey, start)) {
+      _at = start;
+      return fail(ZPIArchiveError::NotCanonical);
+    }
+    map->lastKey = start;
+    return true;
+  }
+
+  // Canonical order is the order of the keys' encoded bytes. No encoded key is the beginning of
+  // another, so comparing to the end of the second, at most, settles it.
+  bool isBefore(size_t earlierKey, size_t laterKey) const {
+    const size_t length = _at - laterKey;
+    return _bytes.substr(earlierKey, length) < _bytes.substr(laterKey, length);
+  }
+
+  bool checkValue() {
+    ZPICBORHead head;
+    if (!peekHead(&head)) return false;
+    if (isSizedByItsBytes(head.kind)) return checkSized(head);
+    if (head.kind == ZPICBORKind::Tag) return fail(ZPIArchiveError::NotAllowed);
+    if (head.kind == ZPICBORKind::Negative &&
+        head.argument > uint64_t{std::numeric_limits<int64_t>::max()}) {
+      return fail(ZPIArchiveError::NotAllowed);  // below every 64-bit integer
+    }
+    _at += head.length;
+    if (head.kind == ZPICBORKind::Array) return open(head.argument, 1, Container::kArray);
+    if (head.kind == ZPICBORKind::Map) return open(head.argument, 2, Container::kNoKey);
+    return true;
+  }
+
+  bool checkSized(const ZPICBORHead& head) {
+    const size_t start = _at;
+    _at += head.length;
+    if (head.argument > remaining()) return failAt(start, ZPIArchiveError::TooShort);
+    const std::string_view content = _bytes.substr(_at, head.argument);
+    if (head.kind == ZPICBORKind::Text && !ZPIIsValidUTF8(content)) {
+      return failAt(start, ZPIArchiveError::NotText);
+    }
+    _at += content.size();
+    return true;
+  }
+
+  // Every item takes a byte at least, so a count can be told to be too large at once.
+  bool open(uint64_t count, size_t bytesPerItem, size_t lastKey) {
+    if (count > remaining() / bytesPerItem) return fail(ZPIArchiveError::TooShort);
+    _open.push({static_cast<size_t>(count), lastKey});
+    return true;
+  }
+
+  bool failAt(size_t position, ZPIArchiveError problem) {
+    _at = position;
+    return fail(problem);
+  }
+
+  const std::string_view _bytes;
+  size_t _at = 0;
+  std::stack<Container> _open;
+  std::optional<ZPIArchiveError> _problem;
+};
+
+// --- Decoding of an archive that has been checked.
+
+class Decoder {
+ public:
+  Decoder(std::string_view bytes, const ZPKClassSet& classes)
+      : _rest(bytes),
+        _takesDictionaries(classes.contains(typeid(ZPKDictionary))),
+        _takesStrings(classes.contains(typeid(ZPKString))),
+        _takesNumbers(classes.contains(typeid(ZPKNumber))),
+        _takesData(classes.contains(typeid(ZPKData))) {}
+
+  // How many pairs the archive's own map has.
+  size_t readMap() { return static_cast<size_t>(readHead().argument); }
+
+  std::string_view readKey() { return take(readHead().argument); }
+
+  // Null if a part of the object is of a class that is not taken.
+  ZPKObjectPtr readObject() {
+    for (;;) {
+      const ZPICBORHead head = readHead();
+      if (head.kind == ZPICBORKind::Map && head.argument > 0 && _takesDictionaries) {
+        open(head.argument);
+        continue;
+      }
+      ZPKObjectPtr object = makeLeaf(head);
+      if (object == nullptr) return nullptr;
+      while (!_open.empty() && put(&object)) _open.pop();
+      if (_open.empty()) return object;
+    }
+  }
+
+ private:
+  // A dictionary whose entries are being read; the last of them waits for its value.
+  struct OpenDictionary {
+    ZPKDictionary::Entries entries;
+    size_t left;
+  };
+
+  ZPICBORHead readHead() {
+    ZPICBORHead head;
+    ZPIReadCBORHead(_rest, &head);
+    _rest.remove_prefix(head.length);
+    return head;
+  }
+
+  std::string_view take(uint64_t length) {
+    const std::string_view taken = _rest.substr(0, length);
+    _rest.remove_prefix(taken.size());
+    return taken;
+  }
+
+  void open(uint64_t count) {
+    // The check has seen this many pairs.
+    OpenDictionary& dictionary = _open.emplace();
+    dictionary.left = static_cast<size_t>(count);
+    dictionary.entries.reserve(dictionary.left);
+    nextKey(&dictionary);
+  }
+
+  void nextKey(OpenDictionary* dictionary) {
+    dictionary->entries.emplace_back(readKey(), nullptr);
+    --dictionary->left;
+  }
+
+  // Puts an object where it belongs. If that completes the innermost dictionary, the object is
+  // replaced with it, and the result is true.
+  bool put(ZPKObjectPtr* object) {
+    OpenDictionary& top = _open.top();
+    top.entries.back().value = std::move(*object);
+    if (top.left > 0) {
+      nextKey(&top);
+      return false;
+    }
+    *object = ZPKDictionary::init(std::move(top.entries));
+    return true;
+  }
+
+  ZPKObjectPtr makeLeaf(const ZPICBORHead& head) {
+    switch (head.kind) {
+      case ZPICBORKind::Map: return _takesDictionaries ? ZPKDictionary::init() : nullptr;
+      case ZPICBORKind::Text: return _takesStrings ? makeString(head) : nullptr;
+      case ZPICBORKind::Bytes: return _takesData ? makeData(head) : nullptr;
+      case ZPICBORKind::Array:
+      case ZPICBORKind::Tag: return nullptr;
+      default: return _takesNumbers ? makeNumber(head) : nullptr;
+    }
+  }
+
+  ZPKObjectPtr makeString(const ZPICBORHead& head) {
+    return ZPKString::init(std::string(take(head.argument)));
+  }
+
+  ZPKObjectPtr makeData(const ZPICBORHead& head) {
+    const std::string_view bytes = take(head.argument);
+    return ZPKData::dataWithBytes(bytes.data(), bytes.size());
+  }
+
+  static ZPKObjectPtr makeNumber(const ZPICBORHead& head) {
+    if (head.kind == ZPICBORKind::Unsigned) return ZPKValue(head.argument);
+    if (head.kind == ZPICBORKind::Negative) return ZPKValue(static_cast<int64_t>(~head.argument));
+    if (head.information == kZPICBORNull) return nullptr;
+    if (head.information == kZPICBORDouble) return ZPKValue(std::bit_cast<double>(head.argument));
+    return ZPKValue(head.information == kZPICBORTrue);
+  }
+
+  std::string_view _rest;
+  std::stack<OpenDictionary> _open;
+  const bool _takesDictionaries;
+  const bool _takesStrings;
+  const bool _takesNumbers;
+  const bool _takesData;
+};
+
+}  // namespace
+
+std::unique_ptr<ZPIArchiveReader> ZPIArchiveReader::initForReading(const ZPKDataPtr& data,
+                                                                   ZPKErrorPtr* error) {
+  Checker checker(data == nullptr ? std::string_view() : data->view());
+  if (const auto problem = checker.run()) {
+    if (error != nullptr) *error = makeError(*problem, checker.position());
+    return nullptr;
+  }
+  return std::make_unique<ZPIArchiveReader>(Key(), data);
+}
+
+ZPKObjectPtr ZPIArchiveReader::decodeObjectForKey(std::string_view key,
+                                                  const ZPKClassSet& classes) const {
+  Decoder decoder(_data->view(), classes);
+  if (decoder.readMap() != 1 || decoder.readKey() != key) return nullptr;
+  return decoder.readObject();
+}

@@ -1,0 +1,97 @@
+#include "Data Channel Internal/ZPICBORHead.h"
+
+#include <array>
+#include <bit>
+#include <limits>
+
+namespace {
+
+// In the low five bits of the first byte: below 24 the number itself, 24 to 27 the width of the
+// number that follows, 31 an indefinite length.
+constexpr uint8_t kOneByte = 24;
+constexpr uint8_t kEightBytes = 27;
+constexpr unsigned kInformationBits = 5;
+constexpr uint8_t kInformationMask = 0x1F;
+
+constexpr size_t widthOf(uint8_t information) { return size_t{1} << (information - kOneByte); }
+
+// The smallest number that needs this width.
+constexpr uint64_t smallestFor(uint8_t information) {
+  switch (information) {
+    case 24: return kOneByte;
+    case 25: return uint64_t{std::numeric_limits<uint8_t>::max()} + 1;
+    case 26: return uint64_t{std::numeric_limits<uint16_t>::max()} + 1;
+    default: return uint64_t{std::numeric_limits<uint32_t>::max()} + 1;
+  }
+}
+
+uint64_t bigEndian(std::string_view bytes) {
+  uint64_t number = 0;
+  for (const char byte : bytes) number = number << 8 | static_cast<uint8_t>(byte);
+  return number;
+}
+
+// For the kind Simple, the widths are not those of one number: 25 to 27 are floats, and one byte
+// holds values that an archive has no use for.
+ZPICBORHeadResult checkSimple(uint8_t information) {
+  switch (information) {
+    case kZPICBORFalse:
+    case kZPICBORTrue:
+    case kZPICBORNull:
+    case kZPICBORDouble: return ZPICBORHeadResult::Good;
+    default: return ZPICBORHeadResult::NotAllowed;
+  }
+}
+
+ZPICBORHeadResult checkForm(const ZPICBORHead& head) {
+  if (head.kind == ZPICBORKind::Simple) return checkSimple(head.information);
+  return head.information > kEightBytes ? ZPICBORHeadResult::NotAllowed : ZPICBORHeadResult::Good;
+}
+
+void appendWithInformation(ZPICBORKind kind, uint8_t information, uint64_t argument,
+                           ZPKMutableData* out) {
+  const size_t width = information < kOneByte ? 0 : widthOf(information);
+  std::array<uint8_t, 9> bytes{
+      static_cast<uint8_t>(static_cast<unsigned>(kind) << kInformationBits | information)};
+  for (size_t i = 0; i < width; ++i) {
+    bytes[width - i] = static_cast<uint8_t>(argument >> (8 * i));
+  }
+  out->append(bytes.data(), 1 + width);
+}
+
+}  // namespace
+
+ZPICBORHeadResult ZPIReadCBORHead(std::string_view bytes, ZPICBORHead* head) {
+  if (bytes.empty()) return ZPICBORHeadResult::TooShort;
+  const auto first = static_cast<uint8_t>(bytes[0]);
+  head->kind = static_cast<ZPICBORKind>(first >> kInformationBits);
+  head->information = first & kInformationMask;
+  head->argument = head->information;
+  head->length = 1;
+  if (const auto form = checkForm(*head); form != ZPICBORHeadResult::Good) return form;
+  if (head->information < kOneByte) return ZPICBORHeadResult::Good;
+  const size_t width = widthOf(head->information);
+  if (bytes.size() - 1 < width) return ZPICBORHeadResult::TooShort;
+  head->argument = bigEndian(bytes.substr(1, width));
+  head->length = 1 + width;
+  if (head->kind == ZPICBORKind::Simple) return ZPICBORHeadResult::Good;
+  return head->argument < smallestFor(head->information) ? ZPICBORHeadResult::NotCanonical
+                                                         : ZPICBORHeadResult::Good;
+}
+
+void ZPIAppendCBORHead(ZPICBORKind kind, uint64_t argument, ZPKMutableData* out) {
+  auto information = static_cast<uint8_t>(argument);
+  if (argument >= kOneByte) {
+    information = kEightBytes;
+    while (argument < smallestFor(information)) --information;
+  }
+  appendWithInformation(kind, information, argument, out);
+}
+
+void ZPIAppendCBORSimple(uint8_t value, ZPKMutableData* out) {
+  appendWithInformation(ZPICBORKind::Simple, value, 0, out);
+}
+
+void ZPIAppendCBORDouble(double value, ZPKMutableData* out) {
+  appendWithInformation(ZPICBORKind::Simple, kZPICBORDouble, std::bit_cast<uint64_t>(value), out);
+}

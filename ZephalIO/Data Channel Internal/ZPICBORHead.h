@@ -1,0 +1,55 @@
+// The head of an item of CBOR (RFC 8949, section 3): its kind, and a number that is its value, its
+// length, or how many items it holds.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "Utility/ZPKMutableData.h"
+
+enum class ZPICBORKind : uint8_t {
+  Unsigned = 0,
+  Negative = 1,
+  Bytes = 2,
+  Text = 3,
+  Array = 4,
+  Map = 5,
+  Tag = 6,
+  Simple = 7
+};
+
+// What the low five bits of a first byte say for ZPICBORKind::Simple.
+inline constexpr uint8_t kZPICBORFalse = 20;
+inline constexpr uint8_t kZPICBORTrue = 21;
+inline constexpr uint8_t kZPICBORNull = 22;
+inline constexpr uint8_t kZPICBORDouble = 27;
+
+struct ZPICBORHead {
+  ZPICBORKind kind = ZPICBORKind::Unsigned;
+  /// The low five bits of the first byte.
+  uint8_t information = 0;
+  /// The number; the bits of the double for kZPICBORDouble.
+  uint64_t argument = 0;
+  /// The head's own length in bytes.
+  size_t length = 0;
+};
+
+enum class ZPICBORHeadResult {
+  Good,
+  TooShort,      // the bytes end within the head
+  NotAllowed,    // an indefinite length, or one of the reserved forms
+  NotCanonical,  // the number would fit a shorter form
+};
+
+/// Reads the head at the start of `bytes`. `head` is set if the result is Good.
+ZPICBORHeadResult ZPIReadCBORHead(std::string_view bytes, ZPICBORHead* head);
+
+/// Writes a head in its shortest form.
+void ZPIAppendCBORHead(ZPICBORKind kind, uint64_t argument, ZPKMutableData* out);
+
+/// Writes kZPICBORFalse, kZPICBORTrue or kZPICBORNull.
+void ZPIAppendCBORSimple(uint8_t value, ZPKMutableData* out);
+
+/// Writes a double, always in 64 bits.
+void ZPIAppendCBORDouble(double value, ZPKMutableData* out);

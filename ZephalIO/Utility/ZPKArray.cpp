@@ -1,0 +1,25 @@
+#include "Utility/ZPKArray.h"
+
+#include <utility>
+
+#include "Utility/ZPIObjectTree.h"
+
+ZPKArrayPtr ZPKArray::init(std::initializer_list<ZPKValue> elements) {
+  return init(Elements(elements.begin(), elements.end()));
+}
+
+ZPKArrayPtr ZPKArray::init(Elements elements) {
+  return std::make_shared<const ZPKArray>(Key(), std::move(elements));
+}
+
+ZPKArray::~ZPKArray() { ZPIReleaseWithoutRecursion(std::move(_elements)); }
+
+ZPKObjectPtr ZPKArray::object(size_t index) const {
+  return index < _elements.size() ? _elements[index] : nullptr;
+}
+
+bool ZPKArray::isEqual(const ZPKObject& other) const {
+  return ZPIObjectTreesAreEqual(*this, other);
+}
+
+std::string ZPKArray::debugDescription() const { return ZPIObjectTreeDescription(*this); }

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstddef>
+#include <initializer_list>
+#include <vector>
+
+#include "Utility/ZPKObject.h"
+#include "Utility/ZPKValue.h"
+
+class ZPKArray;
+using ZPKArrayPtr = std::shared_ptr<const ZPKArray>;
+
+/// A list of objects, nulls among them or not. The default serializer writes one and refuses to
+/// read one.
+class ZPK_EXPORT ZPKArray final : public ZPKObject {
+  struct Key {
+    explicit Key() = default;
+  };
+
+ public:
+  using Elements = std::vector<ZPKObjectPtr>;
+
+  static ZPKArrayPtr init(std::initializer_list<ZPKValue> elements = {});
+  static ZPKArrayPtr init(Elements elements);
+
+  ZPKArray(Key, Elements elements) : _elements(std::move(elements)) {}
+  ZPKArray(const ZPKArray&) = delete;
+  ZPKArray& operator=(const ZPKArray&) = delete;
+  ~ZPKArray() override;
+
+  size_t count() const { return _elements.size(); }
+  /// The element at a position; null beyond the last.
+  ZPKObjectPtr object(size_t index) const;
+
+  Elements::const_iterator begin() const { return _elements.begin(); }
+  Elements::const_iterator end() const { return _elements.end(); }
+
+  /// Equal elements in the same order.
+  bool isEqual(const ZPKObject& other) const override;
+  /// As in [1, "two"].
+  std::string debugDescription() const override;
+
+ private:
+  Elements _elements;  // changed by the destructor alone
+};

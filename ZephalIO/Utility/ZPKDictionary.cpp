@@ -1,0 +1,100 @@
+#include "Utility/ZPKDictionary.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include "Utility/ZPIObjectTree.h"
+#include "Utility/ZPKString.h"
+
+namespace {
+
+bool isBefore(std::string_view left, std::string_view right) {
+  return left.size() != right.size() ? left.size() < right.size() : left < right;
+}
+
+bool isEntryBefore(const ZPKDictionaryEntry& left, const ZPKDictionaryEntry& right) {
+  return isBefore(left.key, right.key);
+}
+
+bool isInOrder(const ZPKDictionary::Entries& entries) {
+  const auto isNotBefore = [](const auto& left, const auto& right) {
+    return !isEntryBefore(left, right);
+  };
+  return std::adjacent_find(entries.begin(), entries.end(), isNotBefore) == entries.end();
+}
+
+// Of equal keys the last is kept.
+void sortAndDropRepeats(ZPKDictionary::Entries* entries) {
+  std::stable_sort(entries->begin(), entries->end(), isEntryBefore);
+  const auto firstKept =
+      std::unique(entries->rbegin(), entries->rend(),
+                  [](const auto& later, const auto& earlier) { return later.key == earlier.key; });
+  entries->erase(entries->begin(), firstKept.base());
+}
+
+}  // namespace
+
+ZPKDictionaryPtr ZPKDictionary::init(std::initializer_list<ZPKDictionaryEntry> entries) {
+  return init(Entries(entries));
+}
+
+ZPKDictionaryPtr ZPKDictionary::init(Entries entries) {
+  if (!isInOrder(entries)) sortAndDropRepeats(&entries);
+  std::erase_if(entries, [](const ZPKDictionaryEntry& entry) { return entry.value == nullptr; });
+  return std::make_shared<const ZPKDictionary>(Key(), std::move(entries));
+}
+
+ZPKDictionary::~ZPKDictionary() { ZPIReleaseWithoutRecursion(std::move(_entries)); }
+
+ZPKObjectPtr ZPKDictionary::object(std::string_view key) const {
+  const auto found = std::lower_bound(_entries.begin(), _entries.end(), key,
+                                      [](const ZPKDictionaryEntry& entry, std::string_view wanted) {
+                                        return isBefore(entry.key, wanted);
+                                      });
+  return found == _entries.end() || found->key != key ? nullptr : found->value;
+}
+
+std::optional<std::string> ZPKDictionary::string(std::string_view key) const {
+  const auto string = objectOf<ZPKString>(key);
+  if (string == nullptr) return std::nullopt;
+  return string->value();
+}
+
+std::optional<ZPKNumber> ZPKDictionary::number(std::string_view key) const {
+  const auto number = objectOf<ZPKNumber>(key);
+  if (number == nullptr) return std::nullopt;
+  return *number;
+}
+
+std::optional<int64_t> ZPKDictionary::integer(std::string_view key) const {
+  const auto number = objectOf<ZPKNumber>(key);
+  if (number == nullptr || *number != ZPKNumber(number->integerValue())) return std::nullopt;
+  return number->integerValue();
+}
+
+std::optional<double> ZPKDictionary::real(std::string_view key) const {
+  const auto number = objectOf<ZPKNumber>(key);
+  if (number == nullptr) return std::nullopt;
+  return number->doubleValue();
+}
+
+std::optional<bool> ZPKDictionary::boolean(std::string_view key) const {
+  const auto number = objectOf<ZPKNumber>(key);
+  if (number == nullptr) return std::nullopt;
+  return number->boolValue();
+}
+
+ZPKDataPtr ZPKDictionary::data(std::string_view key) const { return objectOf<ZPKData>(key); }
+
+ZPKDictionaryPtr ZPKDictionary::dictionary(std::string_view key) const {
+  return objectOf<ZPKDictionary>(key);
+}
+
+ZPKArrayPtr ZPKDictionary::array(std::string_view key) const { return objectOf<ZPKArray>(key); }
+
+bool ZPKDictionary::isEqual(const ZPKObject& other) const {
+  return ZPIObjectTreesAreEqual(*this, other);
+}
+
+std::string ZPKDictionary::debugDescription() const { return ZPIObjectTreeDescription(*this); }

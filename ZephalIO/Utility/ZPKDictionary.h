@@ -1,0 +1,87 @@
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Utility/ZPKArray.h"
+#include "Utility/ZPKData.h"
+#include "Utility/ZPKNumber.h"
+#include "Utility/ZPKObject.h"
+#include "Utility/ZPKValue.h"
+
+class ZPKDictionary;
+using ZPKDictionaryPtr = std::shared_ptr<const ZPKDictionary>;
+
+/// A key and its value.
+struct ZPK_EXPORT ZPKDictionaryEntry {
+  ZPKDictionaryEntry(std::string_view entryKey, const ZPKValue& entryValue)
+      : key(entryKey), value(entryValue.object()) {}
+
+  std::string key;
+  ZPKObjectPtr value;
+};
+
+/// A dictionary from strings to objects.
+///
+///     const auto message = ZPKDictionary::init({{"name", "dut-7"}, {"slot", 3}, {"ok", true}});
+///     const int64_t slot = message->integer("slot").value_or(-1);
+///
+/// The getters never fail: a key that is missing, or whose value is of another class, is null.
+class ZPK_EXPORT ZPKDictionary final : public ZPKObject {
+  struct Key {
+    explicit Key() = default;
+  };
+
+ public:
+  using Entries = std::vector<ZPKDictionaryEntry>;
+
+  /// A dictionary of these entries. Of a key that occurs more than once the last counts, and an
+  /// entry whose value is null is left out.
+  static ZPKDictionaryPtr init(std::initializer_list<ZPKDictionaryEntry> entries = {});
+  static ZPKDictionaryPtr init(Entries entries);
+
+  ZPKDictionary(Key, Entries entries) : _entries(std::move(entries)) {}
+  ZPKDictionary(const ZPKDictionary&) = delete;
+  ZPKDictionary& operator=(const ZPKDictionary&) = delete;
+  ~ZPKDictionary() override;
+
+  size_t count() const { return _entries.size(); }
+
+  /// The value of a key, of whatever class.
+  ZPKObjectPtr object(std::string_view key) const;
+  std::optional<std::string> string(std::string_view key) const;
+  std::optional<ZPKNumber> number(std::string_view key) const;
+  /// A number that is exactly a signed 64-bit integer, of whatever kind: 2 and 2.0, but not 2.5.
+  std::optional<int64_t> integer(std::string_view key) const;
+  /// Any number, as ZPKNumber::doubleValue.
+  std::optional<double> real(std::string_view key) const;
+  /// Any number, as ZPKNumber::boolValue.
+  std::optional<bool> boolean(std::string_view key) const;
+  ZPKDataPtr data(std::string_view key) const;
+  ZPKDictionaryPtr dictionary(std::string_view key) const;
+  ZPKArrayPtr array(std::string_view key) const;
+
+  /// The entries: shorter keys first, keys of one length by their bytes.
+  ///
+  ///     for (const auto& [key, value] : *message) show(key, value->debugDescription());
+  Entries::const_iterator begin() const { return _entries.begin(); }
+  Entries::const_iterator end() const { return _entries.end(); }
+
+  /// Equal keys with equal values.
+  bool isEqual(const ZPKObject& other) const override;
+  /// As in {"ok": 1, "raw": h'0aff', "name": "dut-7"}.
+  std::string debugDescription() const override;
+
+ private:
+  template <class T>
+  std::shared_ptr<const T> objectOf(std::string_view key) const {
+    return ZPKObjectCast<T>(object(key));
+  }
+
+  Entries
+      _entries;  // in the order of begin(), each key once, no null; changed by the destructor alone
+};

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <string>
+
+#include "Utility/ZPKObject.h"
+
+class ZPKString;
+using ZPKStringPtr = std::shared_ptr<const ZPKString>;
+
+/// Text as an object. It should be UTF-8; what is not can be held, but not serialized.
+class ZPK_EXPORT ZPKString final : public ZPKObject {
+  struct Key {
+    explicit Key() = default;
+  };
+
+ public:
+  static ZPKStringPtr init(std::string value);
+
+  ZPKString(Key, std::string value) : _value(std::move(value)) {}
+
+  /// The text; valid for as long as the object lives.
+  const std::string& value() const { return _value; }
+
+  bool isEqual(const ZPKObject& other) const override;
+  /// The text as it is.
+  std::string debugDescription() const override { return _value; }
+
+ private:
+  const std::string _value;
+};

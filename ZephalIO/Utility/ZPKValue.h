@@ -1,0 +1,46 @@
+#pragma once
+
+#include <concepts>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+#include "Utility/ZPKExport.h"
+#include "Utility/ZPKNumber.h"
+#include "Utility/ZPKObject.h"
+
+struct ZPKDictionaryEntry;
+
+/// What stands for an object where one is built, made implicitly from text, a number, a bool, any
+/// object, or a list of entries in braces, which makes a dictionary:
+///
+///     const ZPKObjectPtr message = ZPKValue{{"name", "dut-7"}, {"limits", {{"low", 1}}}};
+///
+/// Data that can be edited are copied, so that what is built stays as it is. A null pointer gives a
+/// null object.
+class ZPK_EXPORT ZPKValue {
+ public:
+  ZPKValue(std::nullptr_t) {}
+  ZPKValue(const char* text);
+  ZPKValue(std::string_view text) : ZPKValue(std::string(text)) {}
+  ZPKValue(std::string text);
+  ZPKValue(const ZPKNumber& number) : _object(std::make_shared<const ZPKNumber>(number)) {}
+  template <class T>
+  requires std::is_arithmetic_v<T> ZPKValue(T number) : ZPKValue(ZPKNumber(number)) {}
+  template <class T>
+  requires std::derived_from<T, ZPKObject> ZPKValue(std::shared_ptr<T> object)
+      : _object(frozen(std::move(object))) {}
+  ZPKValue(std::initializer_list<ZPKDictionaryEntry> entries);
+
+  /// The object, or null.
+  const ZPKObjectPtr& object() const { return _object; }
+  operator ZPKObjectPtr() const { return _object; }
+
+ private:
+  static ZPKObjectPtr frozen(ZPKObjectPtr object);
+
+  ZPKObjectPtr _object;
+};
