@@ -63,7 +63,7 @@ ZPKMutableDataPtr ZPKMutableData::mutableCopyGivingUp(ZPKDataPtr&& data) {
   return std::static_pointer_cast<ZPKMutableData>(std::move(mutableData));
 }
 
-ZPKDataPtr ZPKMutableData::copy() const { return dataWithBytes(bytes(), _length); }
+ZPKDataPtr ZPKMutableData::copy() const { return ZPKData::dataWithBytes(bytes(), _length); }
 
 uint8_t* ZPKMutableData::mutableBytes() {
   forgetSearch();
