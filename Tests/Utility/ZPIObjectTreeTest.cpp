@@ -13,7 +13,7 @@
 namespace {
 
 // Deep enough for recursion to overflow a thread's usual stack of 8 MiB.
-constexpr int kDeep = 300'000;
+constexpr int kDeep = 100'000;
 
 // Tells when it is destroyed.
 class Counted final : public ZPKObject {
