@@ -1,11 +1,13 @@
 #include "Support/ThreadCalls.h"
 
+#include <atomic>
 #include <cerrno>
 #include <utility>
 
 // The linker's names for the calls themselves.
 extern "C" {
 int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+int __real_pthread_cond_wait(pthread_cond_t*, pthread_mutex_t*);
 int __real_pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec*);
 }
 
@@ -13,6 +15,17 @@ namespace {
 
 thread_local bool refusesThreads = false;
 thread_local std::function<int()> replacedWait;
+std::atomic<size_t> endlessWaitCount{0};
+
+int waitReplaced(pthread_mutex_t* mutex) {
+  // The waits of `wait` itself are real ones.
+  std::function<int()> wait = std::exchange(replacedWait, nullptr);
+  pthread_mutex_unlock(mutex);
+  const int result = wait();
+  pthread_mutex_lock(mutex);
+  replacedWait = std::move(wait);
+  return result;
+}
 
 }  // namespace
 
@@ -21,6 +34,8 @@ RefusedThreads::~RefusedThreads() { refusesThreads = false; }
 
 ReplacedWaits::ReplacedWaits(std::function<int()> wait) { replacedWait = std::move(wait); }
 ReplacedWaits::~ReplacedWaits() { replacedWait = nullptr; }
+
+size_t endlessWaits() { return endlessWaitCount; }
 
 // What the linker puts in the place of the calls.
 extern "C" {
@@ -31,13 +46,16 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
   return __real_pthread_create(thread, attributes, start, argument);
 }
 
+int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
+  if (replacedWait) return waitReplaced(mutex);
+  ++endlessWaitCount;
+  return __real_pthread_cond_wait(condition, mutex);
+}
+
 int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                   const timespec* deadline) {
-  if (!replacedWait) return __real_pthread_cond_timedwait(condition, mutex, deadline);
-  pthread_mutex_unlock(mutex);
-  const int result = replacedWait();
-  pthread_mutex_lock(mutex);
-  return result;
+  if (replacedWait) return waitReplaced(mutex);
+  return __real_pthread_cond_timedwait(condition, mutex, deadline);
 }
 
 }  // extern "C"

@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 
+#include <cstddef>
 #include <functional>
 
 /// While it lives, the system starts no thread for the calling thread: EAGAIN.
@@ -15,7 +16,7 @@ class RefusedThreads {
   ~RefusedThreads();
 };
 
-/// While it lives, `wait` stands in for the calling thread's pthread_cond_timedwait and gives its
+/// While it lives, `wait` stands in for the calling thread's waits on a condition and gives their
 /// result. As in a real wait, the mutex is free while `wait` runs.
 class ReplacedWaits {
  public:
@@ -24,3 +25,7 @@ class ReplacedWaits {
   ReplacedWaits& operator=(const ReplacedWaits&) = delete;
   ~ReplacedWaits();
 };
+
+/// How many waits on a condition without a limit have begun, on all threads. Whoever holds the
+/// mutex of such a wait after it was counted knows that the waiter sleeps.
+size_t endlessWaits();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string>
 
+#include "Data Channel Internal/ZPIActiveChannel.h"
 #include "Data Channel Internal/ZPIAggregatingTransformerChannel.h"
 #include "Data Channel Internal/ZPIChannelTransformer.h"
 #include "Data Channel Internal/ZPIEchoRemovalChannel.h"
@@ -61,6 +62,22 @@ ZPKDataChannelPtr createChannelTransformer__internal(
   }
   return ZPIChannelTransformer::initWithChannel(channel, readTransformers, writeTransformers,
                                                 preread);
+}
+
+ZPKDataChannelPtr createActiveChannel(const ZPKDataChannelPtr& channel, ZPKErrorPtr* error) {
+  if (channel == nullptr) {
+    reportBadArgument(error, {"createActiveChannel"}, kNullChannel);
+    return nullptr;
+  }
+  return ZPIActiveChannel::initWithChannel(channel, true);
+}
+
+ZPKDataChannelPtr createActiveNullChannel(const ZPKDataChannelPtr& channel, ZPKErrorPtr* error) {
+  if (channel == nullptr) {
+    reportBadArgument(error, {"createActiveNullChannel"}, kNullChannel);
+    return nullptr;
+  }
+  return ZPIActiveChannel::initWithChannel(channel, false);
 }
 
 ZPKDataChannelPtr createPassiveChannel(const ZPKDataChannelPtr& channel, ZPKErrorPtr* error) {

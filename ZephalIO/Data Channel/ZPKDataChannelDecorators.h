@@ -40,6 +40,29 @@ ZPK_EXPORT ZPKDataChannelPtr createChannelTransformer__internal(
     const ZPKDataChannelPtr& channel, const ZPKDataTransformerArray& readTransformers,
     const ZPKDataTransformerArray& writeTransformers, bool preread, ZPKErrorPtr* error = nullptr);
 
+/// A channel that reads ahead: while it is open, a thread of its own reads the channel below, in
+/// slices of 1/30 second, so that the device is drained whatever the caller does. A read takes all
+/// that has come, as soon as there is anything, and waits for it against the system's wall clock.
+/// What nobody reads is kept without bound. Writes pass. The thread starts with a good open, or at
+/// once if `channel` is open, and holds the new channel until it ends: let go of an open channel
+/// only after a close.
+///
+/// close may run on any thread, beside a read and a write. It waits for the thread, a slice at the
+/// most, and then closes below; a read that waits gets null and no error. Bytes that were not read
+/// are lost, as they are when a read below fails. That failure ends the thread: a read that waits
+/// gets its error, every later one code 2, and close gives the error's domain and user information
+/// with code 2 and leaves the channel below alone. An open starts afresh.
+///
+/// reset and open fail with code 1 while it is open; a read fails with code 5 if the system cannot
+/// wait. Fails for a null channel.
+ZPK_EXPORT ZPKDataChannelPtr createActiveChannel(const ZPKDataChannelPtr& channel,
+                                                 ZPKErrorPtr* error = nullptr);
+
+/// As createActiveChannel, except that what comes is dropped: the thread is there for the channels
+/// below, which see all traffic. Reads and writes fail with code 6, open or not.
+ZPK_EXPORT ZPKDataChannelPtr createActiveNullChannel(const ZPKDataChannelPtr& channel,
+                                                     ZPKErrorPtr* error = nullptr);
+
 /// A channel whose read keeps reading the channel below, in slices of a tenth of the timeout and on
 /// the caller's thread, until bytes come, the time is up, or the channel closes. Empty data comes
 /// no earlier than the timeout and about one slice later at the most. A channel that closes between

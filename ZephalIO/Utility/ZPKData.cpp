@@ -16,8 +16,9 @@ constexpr size_t kDescribedLength = 32;
 }  // namespace
 
 ZPKDataPtr ZPKData::data() {
-  static const ZPKDataPtr empty = std::make_shared<ZPKData>(Key());
-  return empty;
+  // Never destroyed: a reader thread may ask for it while the process runs its exit handlers.
+  static const auto* const empty = new ZPKDataPtr(std::make_shared<ZPKData>(Key()));
+  return *empty;
 }
 
 ZPKDataPtr ZPKData::dataWithBytes(const void* bytes, size_t length) {

@@ -1,0 +1,24 @@
+#include "Support/ProcessStatus.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+size_t processStatus(std::string_view name) {
+  std::ifstream file("/proc/self/status");
+  std::string line;
+  while (std::getline(file, line)) {
+    const bool isWanted =
+        line.starts_with(name) && line.size() > name.size() && line[name.size()] == ':';
+    if (isWanted) return std::strtoull(line.c_str() + name.size() + 1, nullptr, 10);
+  }
+  return 0;
+}
+
+bool isMemoryComparable() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  return false;
+#else
+  return true;
+#endif
+}

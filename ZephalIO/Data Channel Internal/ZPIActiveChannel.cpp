@@ -1,0 +1,182 @@
+#include "Data Channel Internal/ZPIActiveChannel.h"
+
+#include <cerrno>
+#include <utility>
+
+#include "Utility/ZPIThreadHelpers.h"
+#include "Utility/ZPKMutableData.h"
+#include "Utility/ZPKReportFailure.h"
+
+namespace {
+
+// How long a close may have to wait for the thread, against how often an idle thread wakes up.
+constexpr double kReadSlice = 1.0 / 30.0;
+
+constexpr const char* kReadSite = "-[ZPIActiveChannel readWithTimeout:error:]";
+
+// Written so that not-a-number is refused too.
+bool isValidTimeout(double timeout) {
+  return timeout >= 0.0 || timeout == ZEPHAL_COMMUNICATION_TIME_FOREVER ||
+         timeout == ZEPHAL_COMMUNICATION_TIME_NOW;
+}
+
+void report(ZPKErrorPtr* error, int code, const ZPIFailureSite& site, const char* message) {
+  ZPKReportFailure(error, kZPICommunicationDomain, code, site, message);
+}
+
+// Mutable data, so that a layer above edits these bytes and need not copy them.
+ZPKDataPtr dataGivingUp(ZPIHeapVector<uint8_t>* bytes) {
+  if (bytes->empty()) return ZPKData::data();
+  const size_t length = bytes->size();
+  const size_t capacity = bytes->capacity();
+  return ZPKMutableData::dataWithBytesNoCopy(bytes->release(), length, capacity);
+}
+
+}  // namespace
+
+std::shared_ptr<ZPIActiveChannel> ZPIActiveChannel::initWithChannel(ZPKDataChannelPtr channel,
+                                                                    bool bufferData) {
+  auto result = std::make_shared<ZPIActiveChannel>(Key(), std::move(channel), bufferData);
+  if (result->_commChannel->isOpened()) {
+    const std::lock_guard guard(result->_stateLock);
+    result->detach_read_loop__unsafe(&result->_thread);
+  }
+  return result;
+}
+
+ZPIActiveChannel::ZPIActiveChannel(Key, ZPKDataChannelPtr channel, bool bufferData)
+    : _buffer(bufferData), _commChannel(std::move(channel)) {}
+
+// The thread of a failed channel, which may be this very thread, is never joined: detached, it
+// gives its stack back by itself.
+ZPIActiveChannel::~ZPIActiveChannel() {
+  if (isThread(_thread)) pthread_detach(_thread);
+}
+
+bool ZPIActiveChannel::openWithTimeout(double timeout, ZPKErrorPtr* error) {
+  {
+    const std::lock_guard guard(_stateLock);
+    if (isOpen_unsafe()) {
+      report(error, 1, {"-[ZPIActiveChannel openWithTimeout:error:]"}, "Device Already Opened");
+      return false;
+    }
+    if (_commChannel->openWithTimeout(timeout, error)) detach_read_loop__unsafe(&_thread);
+  }
+  return _commChannel->isOpened();
+}
+
+bool ZPIActiveChannel::close(ZPKErrorPtr* error) {
+  const std::lock_guard guard(_stateLock);
+  if (!isOpen_unsafe()) return closeFailed(error);
+  _chan.load()->_queue.Close();
+  endThread_unsafe();
+  return _commChannel->close(error);
+}
+
+bool ZPIActiveChannel::reset(ZPKErrorPtr* error) {
+  const std::lock_guard guard(_stateLock);
+  if (isOpen_unsafe()) {
+    report(error, 1, {"-[ZPIActiveChannel reset:]"}, "Reset not supported while channel is open");
+    return false;
+  }
+  return _commChannel->reset(error);
+}
+
+bool ZPIActiveChannel::isOpened() const {
+  const std::lock_guard guard(_stateLock);
+  return isOpen_unsafe();
+}
+
+ZPKDataPtr ZPIActiveChannel::readWithTimeout(double timeout, ZPKErrorPtr* error) {
+  if (!_buffer) {
+    report(error, 6, {kReadSite}, "active null stub does not support read");
+    return nullptr;
+  }
+  if (!isOpened()) {
+    report(error, 2, {kReadSite}, "Cannot communicate with closed devices");
+    return nullptr;
+  }
+  if (!isValidTimeout(timeout)) {
+    report(error, 3, {kReadSite}, "time out has an invalid value");
+    return nullptr;
+  }
+  const HandoverPtr handover = _chan.load();  // not null: the channel was open a moment ago
+  ZPIHeapVector<uint8_t> bytes;
+  const bool isReceived = handover->_queue.TryReceive(timeout, bytes);
+  const int reason = errno;
+  if (handover->_queue.isClosed()) {
+    if (error != nullptr) *error = handover->_readError.load();
+    return nullptr;
+  }
+  if (isReceived || reason == ETIMEDOUT) return dataGivingUp(&bytes);
+  ZPKReportFailure(error, kZPICommunicationDomain, 5, {kReadSite}, "read failed with error %s (%d)",
+                   ZPIErrorText(reason), reason);
+  return nullptr;
+}
+
+bool ZPIActiveChannel::write(const ZPKDataPtr& data, ZPKErrorPtr* error) {
+  constexpr const char* kSite = "-[ZPIActiveChannel write:error:]";
+  if (!_buffer) {
+    report(error, 6, {kSite}, "active null stub does not support write");
+    return false;
+  }
+  if (!isOpened()) {
+    report(error, 2, {kSite}, "Cannot communicate with closed devices");
+    return false;
+  }
+  return _commChannel->write(data, error);
+}
+
+bool ZPIActiveChannel::isOpen_unsafe() const {
+  if (!_commChannel->isOpened()) return false;
+  const HandoverPtr handover = _chan.load();
+  return handover != nullptr && !handover->_queue.isClosed();
+}
+
+void ZPIActiveChannel::detach_read_loop__unsafe(pthread_t* thread) {
+  // The thread of the last opening has failed, or is about to: it must neither be joined, nor read
+  // on from what is open anew.
+  if (const HandoverPtr last = _chan.load()) last->_queue.Close();
+  if (isThread(*thread)) pthread_detach(*thread);
+  const auto handover = std::make_shared<Handover>();
+  _chan.store(handover);
+  newThreadWithBlock(thread, [self = shared_from_this(), handover] { self->readBelow(*handover); });
+}
+
+// Waits for the thread, which has been told to end; a slice at the most.
+void ZPIActiveChannel::endThread_unsafe() {
+  const pthread_t thread = std::exchange(_thread, pthread_t());
+  if (!isThread(thread)) return;
+  if (pthread_equal(thread, pthread_self()) != 0) {
+    pthread_detach(thread);  // called up from the read below, on the thread itself
+  } else {
+    pthread_join(thread, nullptr);
+  }
+}
+
+// The body of the thread. It knows its own handover only: `_chan` may have moved on.
+void ZPIActiveChannel::readBelow(Handover& handover) const {
+  while (!handover._queue.isClosed()) {
+    ZPKErrorPtr error;
+    const ZPKDataPtr data = _commChannel->readWithTimeout(kReadSlice, &error);
+    if (data == nullptr) {
+      handover._queue.Close();
+      handover._readError.store(std::move(error));
+    } else if (_buffer) {
+      handover._queue.Send(data->bytes(), data->length());
+    }
+  }
+}
+
+// The error with which the thread ended, under the code of a closed device; it was logged when it
+// happened.
+bool ZPIActiveChannel::closeFailed(ZPKErrorPtr* error) const {
+  const HandoverPtr handover = _chan.load();
+  const ZPKErrorPtr readError = handover == nullptr ? nullptr : handover->_readError.load();
+  if (readError == nullptr) {
+    report(error, 2, {"-[ZPIActiveChannel close:]"}, "Device Already Closed");
+  } else if (error != nullptr) {
+    *error = ZPKError::init(readError->domain(), 2, readError->userInfo());
+  }
+  return false;
+}
