@@ -5,17 +5,22 @@
 #include <cerrno>
 #include <mutex>
 
+using Sink = std::function<void(int, std::string_view)>;
+
 class ZPKLogAnchor {
  public:
-  void setSink(std::function<void(int, std::string_view)> sink) {
+  void setSink(Sink sink) {
+    auto replaced = sink ? std::make_shared<const Sink>(std::move(sink)) : nullptr;
     const std::lock_guard guard(_mutex);
-    _sink.swap(sink);
+    _sink.swap(replaced);
   }
 
   void write(int level, std::string line) {
+    std::shared_ptr<const Sink> sink;  // held here, since a sink may replace itself while it runs
     const std::lock_guard guard(_mutex);
-    if (_sink) {
-      _sink(level, line);
+    sink = _sink;
+    if (sink != nullptr) {
+      (*sink)(level, line);
       return;
     }
     writeToStandardError(std::move(line));
@@ -36,7 +41,7 @@ class ZPKLogAnchor {
 
   // Recursive: a sink may itself log or change the sink.
   std::recursive_mutex _mutex;
-  std::function<void(int, std::string_view)> _sink;
+  std::shared_ptr<const Sink> _sink;  // null for standard error
 };
 
 void ZPKLogArgument::appendTo(std::string& line) const {

@@ -113,6 +113,7 @@ void ZPKLoggingLog(const ZPKLogAnchorPtr& anchor, int level, const char* format,
 /// Sends every later line to `sink` instead of standard error; an empty function restores the
 /// default. The line comes without a line feed of its own. The sink is called on the thread that
 /// logs, one call at a time, and is not called any more once a later ZPKLoggingSetSink has
-/// returned. A sink must not call ZephalIO, which may log while it holds a lock.
+/// returned. It may log itself, and may replace itself. A sink must not call ZephalIO, which may
+/// log while it holds a lock, and must not throw.
 ZPK_LOGGING_EXPORT void ZPKLoggingSetSink(
     std::function<void(int level, std::string_view line)> sink);

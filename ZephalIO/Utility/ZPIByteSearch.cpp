@@ -1,5 +1,6 @@
 #include "Utility/ZPIByteSearch.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "Utility/ZPKTypes.h"
@@ -23,10 +24,12 @@ size_t ZPIFindBytes(const uint8_t* bytes, size_t length, const uint8_t* needle,
     return static_cast<size_t>(static_cast<const uint8_t*>(found) - bytes);
   }
   const uint8_t* const lastStart = bytes + (length - needleLength);
+  // A false start compares up to the whole needle, so a long one is given fewer of them.
+  const size_t bytesPerFalseStart = std::max(kBytesPerFalseStart, needleLength);
   const uint8_t* at = bytes;
   for (size_t falseStarts = 0; at <= lastStart; ++falseStarts, ++at) {
     const size_t scanned = static_cast<size_t>(at - bytes);
-    if (falseStarts * kBytesPerFalseStart > scanned + kSlackBytes) break;
+    if (falseStarts * bytesPerFalseStart > scanned + kSlackBytes) break;
     at = static_cast<const uint8_t*>(
         std::memchr(at, needle[0], static_cast<size_t>(lastStart - at) + 1));
     if (at == nullptr) return ZPKNotFound;

@@ -98,8 +98,9 @@ void ZPKMutableData::appendGivingUp(ZPKMutableData* other) {
 void ZPKMutableData::setContents(const ZPKData& data) {
   if (&data == this) return;
   forgetSearch();
-  _head = 0;
   _length = 0;
+  if (isSparse(data.length(), _capacity)) releaseRoom();
+  _head = 0;
   append(data);
 }
 
@@ -109,9 +110,12 @@ void ZPKMutableData::setLength(size_t length) {
     const size_t added = length - _length;
     reserveAtEnd(added);
     std::memset(_storage + _head + _length, 0, added);
+    _length = length;
+  } else if (length < _length) {
+    _length = length;
+    if (length == 0) _head = 0;
+    if (isSparse(_length, _capacity)) releaseRoom();
   }
-  _length = length;
-  if (length == 0) _head = 0;
 }
 
 void ZPKMutableData::zeroRange(ZPKRange range) {
@@ -124,8 +128,8 @@ void ZPKMutableData::zeroRange(ZPKRange range) {
 void ZPKMutableData::dropFirst(size_t count) {
   forgetSearch();
   count = std::min(count, _length);
-  _head += count;
   _length -= count;
+  _head = _length == 0 ? 0 : _head + count;
   if (isSparse(_length, _capacity)) releaseRoom();
 }
 

@@ -24,11 +24,18 @@ uint64_t unsignedFromDouble(double value) {
   return static_cast<uint64_t>(value);
 }
 
-template <class T>
-std::string shortest(T value) {
+template <class... Form>
+std::string shortest(auto value, Form... form) {
   std::array<char, 64> buffer{};
-  const auto end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value).ptr;
+  const auto end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, form...).ptr;
   return std::string(buffer.data(), end);
+}
+
+// Plain digits for every size that a reader takes in at a glance, an exponent beyond.
+std::string shortestReal(double value) {
+  const double size = std::fabs(value);
+  const bool isPlain = size == 0.0 || (size >= 1e-4 && size < 1e16);
+  return shortest(value, isPlain ? std::chars_format::fixed : std::chars_format::scientific);
 }
 
 }  // namespace
@@ -59,16 +66,9 @@ uint64_t ZPKNumber::unsignedIntegerValue() const {
 }
 
 std::string ZPKNumber::stringValue() const {
-  if (isBool()) return boolValue() ? "1" : "0";
-  return std::visit(
-      [](auto value) {
-        if constexpr (std::same_as<decltype(value), bool>) {
-          return std::string();
-        } else {
-          return shortest(value);
-        }
-      },
-      _value);
+  if (const auto* value = std::get_if<double>(&_value)) return shortestReal(*value);
+  if (const auto* value = std::get_if<int64_t>(&_value)) return shortest(*value);
+  return shortest(unsignedIntegerValue());
 }
 
 bool ZPKNumber::isEqual(const ZPKObject& other) const {

@@ -38,8 +38,8 @@ class ZPK_EXPORT ZPKNumber final : public ZPKObject {
   uint64_t unsignedIntegerValue() const;
   explicit operator bool() const { return boolValue(); }
 
-  /// In decimal, in the shortest form that reads back as the same value: 1, 0.5, -1. A bool is 1 or
-  /// 0.
+  /// In decimal, in the shortest form that reads back as the same value: 1, 0.5, -1. Only a double
+  /// from 1e16 up or below 1e-4 has an exponent. A bool is 1 or 0.
   std::string stringValue() const;
   std::string debugDescription() const override { return stringValue(); }
 

@@ -1,5 +1,6 @@
 #include "Utility/ZPKOptions.h"
 
+#include <algorithm>
 #include <limits>
 #include <utility>
 

@@ -3,9 +3,11 @@
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include <pcre2.h>
 
+#include <algorithm>
 #include <array>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include "Utility/ZPIText.h"
@@ -13,16 +15,29 @@
 
 namespace {
 
-// About a tenth of a second of fruitless backtracking, far above what a useful pattern needs on a
-// response of some megabytes.
+// A search first runs the plain compiled form, which is fast but counts its backtracking for each
+// start position afresh. So it gets a share of this sum, by the length of the text, and what needs
+// more than its share, or more stack, is searched again with care.
+constexpr size_t kQuickSteps = 256 * 1024 * 1024;
+constexpr size_t kLeastStepsAStart = 64;
+// About a second of fruitless backtracking, far above what a useful pattern needs on a response of
+// some megabytes. It holds for a whole walk over the matches of a text.
+constexpr size_t kCarefulSteps = 100'000'000;
+// A repeated character is one step, however far it runs: this many of them cost as much as one.
+constexpr size_t kCharactersAStep = 16;
+// For each start position of a careful search, and the most that the two sums above can give.
 constexpr uint32_t kMatchLimit = 10'000'000;
-// In kibibytes. The interpreter keeps its backtracking points on the heap.
-constexpr uint32_t kHeapLimit = 256 * 1024;
+// Backtracking points are kept on a stack of this many bytes, which is had only for a careful
+// search and filled as needed, or where there is no JIT on a heap of as many.
+constexpr size_t kLargestStack = 256 * 1024 * 1024;
+constexpr size_t kFirstStack = 32 * 1024;
 
 struct Free {
   void operator()(pcre2_compile_context* context) const { pcre2_compile_context_free(context); }
   void operator()(pcre2_match_context* context) const { pcre2_match_context_free(context); }
   void operator()(pcre2_match_data* data) const { pcre2_match_data_free(data); }
+  void operator()(pcre2_code* code) const { pcre2_code_free(code); }
+  void operator()(pcre2_jit_stack* stack) const { pcre2_jit_stack_free(stack); }
 };
 
 template <class T>
@@ -30,6 +45,23 @@ using Owned = std::unique_ptr<T, Free>;
 
 const uint8_t* codeUnits(std::string_view text) {
   return reinterpret_cast<const uint8_t*>(text.data() != nullptr ? text.data() : "");
+}
+
+// The compiled form, or null with the number and the place of the mistake.
+Owned<pcre2_code> compile(std::string_view pattern, uint32_t options, int* number, size_t* offset) {
+  const Owned<pcre2_compile_context> context(pcre2_compile_context_create(nullptr));
+  if (context == nullptr) {
+    *number = PCRE2_ERROR_NOMEMORY;
+    return nullptr;
+  }
+  pcre2_set_newline(context.get(), PCRE2_NEWLINE_ANYCRLF);
+  // Positions are code points, so no match may end within one.
+  options |= PCRE2_UTF | PCRE2_NEVER_BACKSLASH_C;
+  Owned<pcre2_code> code(
+      pcre2_compile(codeUnits(pattern), pattern.size(), options, number, offset, context.get()));
+  // Where the machine has no JIT this fails, and matching goes through the interpreter.
+  if (code != nullptr) pcre2_jit_compile(code.get(), PCRE2_JIT_COMPLETE);
+  return code;
 }
 
 ZPKErrorPtr compileError(int number, size_t offset) {
@@ -61,32 +93,81 @@ class CodePointCounter {
   size_t _count;
 };
 
+Owned<pcre2_match_context> makeContext(size_t matchLimit) {
+  Owned<pcre2_match_context> context(pcre2_match_context_create(nullptr));
+  if (context == nullptr) return nullptr;
+  pcre2_set_match_limit(context.get(), static_cast<uint32_t>(matchLimit));
+  pcre2_set_heap_limit(context.get(), kLargestStack / 1024);
+  return context;
+}
+
+// A pattern compiled to call back before each of its items, which makes it several times slower,
+// but able to count its steps over all start positions and to stop when they are too many.
+class CarefulForm {
+ public:
+  explicit CarefulForm(std::string_view pattern)
+      : _context(makeContext(kMatchLimit)),
+        _stack(pcre2_jit_stack_create(kFirstStack, kLargestStack, nullptr)) {
+    int number = 0;
+    size_t offset = 0;
+    _code = compile(pattern, PCRE2_AUTO_CALLOUT, &number, &offset);
+    if (_context == nullptr) return;
+    pcre2_set_callout(_context.get(), countSteps, this);
+    pcre2_jit_stack_assign(_context.get(), nullptr, _stack.get());
+  }
+  CarefulForm(const CarefulForm&) = delete;
+  CarefulForm& operator=(const CarefulForm&) = delete;
+
+  int match(std::string_view text, size_t start, uint32_t options, pcre2_match_data* matchData) {
+    if (_code == nullptr || _context == nullptr) return PCRE2_ERROR_NOMEMORY;
+    _position = start;
+    if (_stack == nullptr) options |= PCRE2_NO_JIT;
+    return pcre2_match(_code.get(), codeUnits(text), text.size(), start, options, matchData,
+                       _context.get());
+  }
+
+ private:
+  static int countSteps(pcre2_callout_block* block, void* form) {
+    auto* self = static_cast<CarefulForm*>(form);
+    const size_t position = block->current_position;
+    const size_t walked =
+        position > self->_position ? position - self->_position : self->_position - position;
+    self->_position = position;
+    self->_steps += 1 + walked / kCharactersAStep;
+    return self->_steps > kCarefulSteps ? PCRE2_ERROR_CALLOUT : 0;
+  }
+
+  Owned<pcre2_code> _code;
+  const Owned<pcre2_match_context> _context;
+  const Owned<pcre2_jit_stack> _stack;
+  size_t _position = 0;
+  size_t _steps = 0;
+};
+
 // One walk over the matches of a valid UTF-8 text.
 class Search {
  public:
-  Search(const pcre2_code* code, std::string_view text)
+  Search(const pcre2_code* code, std::string_view pattern, std::string_view text)
       : _code(code),
+        _pattern(pattern),
         _text(text),
-        _context(pcre2_match_context_create(nullptr)),
-        _matchData(pcre2_match_data_create_from_pattern(code, nullptr)) {
-    if (_context == nullptr) return;
-    pcre2_set_match_limit(_context.get(), kMatchLimit);
-    pcre2_set_heap_limit(_context.get(), kHeapLimit);
-  }
+        _context(makeContext(
+            std::clamp<size_t>(kQuickSteps / (text.size() + 1), kLeastStepsAStart, kMatchLimit))),
+        _matchData(pcre2_match_data_create_from_pattern(code, nullptr)) {}
 
   // Finds the next match; false when there is none, or when the search was given up.
   bool next() {
     if (_context == nullptr || _matchData == nullptr || _done) return false;
     while (_start <= _text.size()) {
       const uint32_t options = _afterEmptyMatch ? PCRE2_NOTEMPTY_ATSTART | PCRE2_ANCHORED : 0;
-      const int result = match(options);
-      if (result > 0) {
-        const size_t begin = std::min(offset(0), offset(1));  // \K can put the begin behind the end
-        _afterEmptyMatch = begin == offset(1);
-        _start = offset(1);
+      const int result = match(options | PCRE2_NO_UTF_CHECK);
+      if (result > 0 && isNews()) {
+        _afterEmptyMatch = begin() == end();
+        _start = end();
         return true;
       }
-      if (result != PCRE2_ERROR_NOMATCH || !_afterEmptyMatch) break;
+      const bool goesOn = result > 0 || (result == PCRE2_ERROR_NOMATCH && _afterEmptyMatch);
+      if (!goesOn) break;
       stepOverOneCharacter();
       _afterEmptyMatch = false;
     }
@@ -104,23 +185,31 @@ class Search {
 
  private:
   int match(uint32_t options) {
-    const auto run = [&](uint32_t more) {
-      return pcre2_match(_code, codeUnits(_text), _text.size(), _start,
-                         options | PCRE2_NO_UTF_CHECK | more, _matchData.get(), _context.get());
-    };
-    const int result = run(0);
-    // The compiled form has 32 KiB of stack; the interpreter takes the heap instead.
-    return result == PCRE2_ERROR_JIT_STACKLIMIT ? run(PCRE2_NO_JIT) : result;
+    const int result = pcre2_match(_code, codeUnits(_text), _text.size(), _start, options,
+                                   _matchData.get(), _context.get());
+    const bool isGivenUp = result == PCRE2_ERROR_MATCHLIMIT ||
+                           result == PCRE2_ERROR_JIT_STACKLIMIT || result == PCRE2_ERROR_HEAPLIMIT;
+    if (!isGivenUp) return result;
+    if (!_careful.has_value()) _careful.emplace(_pattern);
+    return _careful->match(_text, _start, options, _matchData.get());
   }
 
   size_t offset(size_t index) const { return pcre2_get_ovector_pointer(_matchData.get())[index]; }
 
+  // \K in a lookaround can make a match begin in what was walked already, or hide from PCRE2
+  // that it is empty; both would hold the walk up.
+  bool isNews() const { return begin() >= _start && (end() > _start || !_afterEmptyMatch); }
+
+  // Of the whole match; \K in a lookahead can put the begin behind the end.
+  size_t begin() const { return std::min(offset(0), offset(1)); }
+  size_t end() const { return offset(1); }
+
   ZPKRange range(uint32_t group, CodePointCounter& counter) const {
-    const size_t begin = offset(2 * group);
-    const size_t end = offset(2 * group + 1);
-    if (begin == PCRE2_UNSET || end == PCRE2_UNSET) return {};
-    const size_t first = counter.at(std::min(begin, end));
-    return {first, counter.at(end) - first};
+    const size_t from = offset(2 * group);
+    const size_t to = offset(2 * group + 1);
+    if (from == PCRE2_UNSET || to == PCRE2_UNSET) return {};
+    const size_t first = counter.at(std::min(from, to));
+    return {first, counter.at(to) - first};
   }
 
   // CR LF is one line end, so the walk must not stop between the two.
@@ -134,23 +223,25 @@ class Search {
     } while (_start < _text.size() && (static_cast<uint8_t>(_text[_start]) & 0xC0) == 0x80);
   }
 
-  const pcre2_code* _code;
-  std::string_view _text;
-  Owned<pcre2_match_context> _context;
-  Owned<pcre2_match_data> _matchData;
+  const pcre2_code* const _code;
+  const std::string_view _pattern;
+  const std::string_view _text;
+  const Owned<pcre2_match_context> _context;
+  const Owned<pcre2_match_data> _matchData;
+  std::optional<CarefulForm> _careful;  // made when it is first needed
   size_t _start = 0;
   bool _afterEmptyMatch = false;
   bool _done = false;
 };
 
 // Calls `visit` with each match until it returns false.
-void forEachMatch(const void* code, std::string_view text, ZPKRange range,
+void forEachMatch(const void* code, std::string_view pattern, std::string_view text, ZPKRange range,
                   const std::function<bool(const Search&, CodePointCounter&)>& visit) {
   if (!ZPIIsValidUTF8(text)) return;
   const std::string_view part = ZPITextInRange(text, range);
   const size_t skipped = static_cast<size_t>(part.data() - text.data());
   CodePointCounter counter(part, ZPICodePointCount(text.substr(0, skipped)));
-  Search search(static_cast<const pcre2_code*>(code), part);
+  Search search(static_cast<const pcre2_code*>(code), pattern, part);
   while (search.next() && visit(search, counter)) {
   }
 }
@@ -160,20 +251,13 @@ void forEachMatch(const void* code, std::string_view text, ZPKRange range,
 ZPKRegexPtr ZPKRegex::initWithPattern(std::optional<std::string_view> pattern, ZPKErrorPtr* error) {
   int number = PCRE2_ERROR_NULL;
   size_t offset = 0;
-  pcre2_code* code = nullptr;
-  if (pattern.has_value()) {
-    const Owned<pcre2_compile_context> context(pcre2_compile_context_create(nullptr));
-    if (context != nullptr) pcre2_set_newline(context.get(), PCRE2_NEWLINE_ANYCRLF);
-    code = pcre2_compile(codeUnits(*pattern), pattern->size(), PCRE2_UTF, &number, &offset,
-                         context.get());
-  }
+  Owned<pcre2_code> code;
+  if (pattern.has_value()) code = compile(*pattern, 0, &number, &offset);
   if (code == nullptr) {
     if (error != nullptr) *error = compileError(number, offset);
     return nullptr;
   }
-  // Where the machine has no JIT this fails, and matching goes through the interpreter.
-  pcre2_jit_compile(code, PCRE2_JIT_COMPLETE);
-  return std::make_shared<ZPKRegex>(Key(), std::string(*pattern), code);
+  return std::make_shared<ZPKRegex>(Key(), std::string(*pattern), code.release());
 }
 
 ZPKRegex::ZPKRegex(Key, std::string pattern, void* code)
@@ -183,7 +267,7 @@ ZPKRegex::~ZPKRegex() { pcre2_code_free(static_cast<pcre2_code*>(_code)); }
 
 std::optional<ZPKRegexMatch> ZPKRegex::firstMatch(std::string_view text, ZPKRange range) const {
   std::optional<ZPKRegexMatch> match;
-  forEachMatch(_code, text, range, [&](const Search& search, CodePointCounter& counter) {
+  forEachMatch(_code, _pattern, text, range, [&](const Search& search, CodePointCounter& counter) {
     match = search.currentMatch(counter);
     return false;
   });
@@ -192,7 +276,7 @@ std::optional<ZPKRegexMatch> ZPKRegex::firstMatch(std::string_view text, ZPKRang
 
 std::vector<ZPKRegexMatch> ZPKRegex::allMatches(std::string_view text, ZPKRange range) const {
   std::vector<ZPKRegexMatch> matches;
-  forEachMatch(_code, text, range, [&](const Search& search, CodePointCounter& counter) {
+  forEachMatch(_code, _pattern, text, range, [&](const Search& search, CodePointCounter& counter) {
     matches.push_back(search.currentMatch(counter));
     return true;
   });
@@ -201,7 +285,7 @@ std::vector<ZPKRegexMatch> ZPKRegex::allMatches(std::string_view text, ZPKRange 
 
 size_t ZPKRegex::countMatches(std::string_view text, ZPKRange range) const {
   size_t count = 0;
-  forEachMatch(_code, text, range, [&](const Search&, CodePointCounter&) {
+  forEachMatch(_code, _pattern, text, range, [&](const Search&, CodePointCounter&) {
     ++count;
     return true;
   });

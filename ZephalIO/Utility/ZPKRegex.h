@@ -12,11 +12,13 @@
 /// A compiled regular expression, in the dialect of pcre2pattern(3).
 ///
 /// The text is UTF-8 and no other option is set. CR, LF and CR LF all end a line, so that "." never
-/// takes one: what is searched is console text. Ranges count code points.
+/// takes one: what is searched is console text. Ranges count code points; "\C", which cuts one in
+/// two, does not compile.
 ///
-/// A match that would take unreasonably long or much memory is given up, which counts as no match;
-/// the same goes for a text that is not valid UTF-8. Nothing is thrown and no stack overflows,
-/// however long the text is. Immutable, so it may be used on any thread, also by several at once.
+/// A search that backtracks for more than about a second, or needs more than 256 MiB, is given up,
+/// which counts as no match; the same goes for a text that is not valid UTF-8. Nothing is thrown
+/// and no stack overflows, however long the text is. Immutable, so it may be used on any thread,
+/// also by several at once.
 class ZPK_EXPORT ZPKRegex {
   struct Key {
     explicit Key() = default;

@@ -1,8 +1,7 @@
 // The one error site of the library.
 //
-//     ZPKReportFailure(error, kZPICommunicationDomain, 2, {"-[ZPIPassiveChannel
-//     readWithTimeout:error:]"},
-//                      "Cannot communicate with closed device");
+//     ZPKReportFailure(error, kZPICommunicationDomain, 3, {"createPassiveChannel"},
+//                      "channel cannot be nil");
 //     return nullptr;
 #pragma once
 
@@ -47,6 +46,8 @@ void ZPKReportFailure(ZPKErrorPtr* errorSlot, const char* shortDomain, int code,
                       const ZPIFailureSite& site, const char* format,
                       const Arguments&... arguments) {
   const std::array<ZPKLogArgument, sizeof...(Arguments)> list{ZPKLogArgument(arguments)...};
+  // An argument may be a text of the error that is replaced, which the log line still shows.
+  const ZPKErrorPtr replaced = errorSlot != nullptr ? *errorSlot : nullptr;
   if (errorSlot != nullptr) ZPIStoreFailure(errorSlot, shortDomain, code, site, format, list);
   ZPKLoggingLogArguments(ZPKLogGetAnchor(), 0, format, list);
 }

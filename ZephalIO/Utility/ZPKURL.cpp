@@ -1,6 +1,9 @@
 #include "Utility/ZPKURL.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
+#include <charconv>
 
 #include "Utility/ZPKOptions.h"
 
@@ -42,11 +45,30 @@ std::string percentDecoded(std::string_view text) {
       decoded.push_back(text[at]);
       continue;
     }
-    decoded.push_back(
-        static_cast<char>(std::stoi(std::string(text.substr(at + 1, 2)), nullptr, 16)));
+    unsigned byte = 0;
+    std::from_chars(text.data() + at + 1, text.data() + at + 3, byte, 16);
+    decoded.push_back(static_cast<char>(byte));
     at += 2;
   }
   return decoded;
+}
+
+bool hasNoneOf(std::string_view marks, std::string_view text) {
+  return text.find_first_of(marks) == std::string_view::npos;
+}
+
+// "v" 1*HEXDIG "." 1*( unreserved / sub-delims / ":" )
+bool isFutureAddress(std::string_view text) {
+  const std::string_view version = text.substr(0, text.find('.'));
+  return (version.starts_with('v') || version.starts_with('V')) && version.size() > 1 &&
+         std::all_of(version.begin() + 1, version.end(), isHexDigit) &&
+         text.size() > version.size() + 1 && hasNoneOf("%[", text);
+}
+
+// What may stand between the brackets of a host.
+bool isAddressLiteral(std::string_view text) {
+  in6_addr address{};
+  return ::inet_pton(AF_INET6, std::string(text).c_str(), &address) == 1 || isFutureAddress(text);
 }
 
 // What stands in front of the first of `marks`, taken off `rest`.
@@ -79,26 +101,33 @@ bool ZPKURL::parse(std::string_view rest) {
     if (!parseAuthority(takeUpTo("/?#", rest))) return false;
   }
   const std::string_view path = takeUpTo("?#", rest);
-  if (path.find_first_of("[]") != std::string_view::npos) return false;
+  if (!hasNoneOf("[]", path)) return false;
   _path = percentDecoded(path);
-  if (!rest.starts_with('?')) return true;
-  rest.remove_prefix(1);
-  return parseQuery(takeUpTo("#", rest));
+  if (rest.starts_with('?')) {
+    rest.remove_prefix(1);
+    if (!parseQuery(takeUpTo("#", rest))) return false;
+  }
+  if (rest.starts_with('#')) rest.remove_prefix(1);
+  return hasNoneOf("#[]", rest);
 }
 
 // [ userinfo "@" ] host [ ":" port ]
 bool ZPKURL::parseAuthority(std::string_view authority) {
   const size_t at = authority.rfind('@');
-  if (at != std::string_view::npos) authority.remove_prefix(at + 1);
+  if (at != std::string_view::npos) {
+    if (!hasNoneOf("@[]", authority.substr(0, at))) return false;
+    authority.remove_prefix(at + 1);
+  }
   std::string_view host;
   if (authority.starts_with('[')) {
     const size_t end = authority.find(']');
     if (end == std::string_view::npos) return false;
     host = authority.substr(1, end - 1);
+    if (!isAddressLiteral(host)) return false;
     authority.remove_prefix(end + 1);
   } else {
     host = takeUpTo(":", authority);
-    if (host.find_first_of("[]") != std::string_view::npos) return false;
+    if (!hasNoneOf("[]", host)) return false;
   }
   _host = percentDecoded(host);
   if (authority.empty()) return true;
@@ -110,10 +139,12 @@ bool ZPKURL::parseAuthority(std::string_view authority) {
 }
 
 bool ZPKURL::parseQuery(std::string_view query) {
-  if (query.find_first_of("[]") != std::string_view::npos) return false;
-  while (!query.empty()) {
+  if (!hasNoneOf("[]", query)) return false;
+  bool hasMore = !query.empty();
+  while (hasMore) {
     std::string_view value = takeUpTo("&", query);
-    if (!query.empty()) query.remove_prefix(1);
+    hasMore = !query.empty();
+    if (hasMore) query.remove_prefix(1);
     const std::string_view name = takeUpTo("=", value);
     ZPKURLQueryItem item{percentDecoded(name), std::nullopt};
     if (!value.empty()) item.value = percentDecoded(value.substr(1));

@@ -26,9 +26,10 @@ class ZPK_EXPORT ZPKURL {
  public:
   /// The parsed URL, or null if the text is null or breaks the RFC's grammar: a character that must
   /// be escaped (a blank, a control, a byte above 0x7E, or one of "<>\^`{|}), a "%" without two
-  /// hexadecimal digits, a scheme of other characters, a port that is no number, a first path
-  /// segment with a colon and no scheme. An escaped NUL is refused as well: no device and no socket
-  /// has such a name, and the system would cut it there.
+  /// hexadecimal digits, a scheme of other characters, a port that is no number, brackets around
+  /// anything but an IP address and anywhere else, a second "@" or "#", a first path segment with a
+  /// colon and no scheme. An escaped NUL is refused as well: no device and no socket has such a
+  /// name, and the system would cut it there.
   static ZPKURLPtr initWithString(std::optional<std::string_view> string);
 
   explicit ZPKURL(Key) {}
@@ -43,7 +44,7 @@ class ZPK_EXPORT ZPKURL {
   std::optional<int64_t> port() const { return _port; }
   /// The path; it may be empty.
   const std::string& path() const { return _path; }
-  /// The query's items in their order.
+  /// The query's items in their order, one more than it has "&"; none for an empty query.
   const std::vector<ZPKURLQueryItem>& queryItems() const { return _queryItems; }
   /// The whole URL as it was given.
   const std::string& absoluteString() const { return _absoluteString; }

@@ -1,0 +1,404 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Support/ErrorExpectations.h"
+#include "Utility/ZPKRegex.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr size_t kMiB = 1 << 20;
+
+// One character of each length in UTF-8.
+constexpr const char* kTwo = "\xC3\xA9";
+constexpr const char* kThree = "\xE2\x82\xAC";
+constexpr const char* kFour = "\xF0\x9F\x98\x80";
+
+ZPKRegexPtr compile(std::string_view pattern) {
+  ZPKErrorPtr error;
+  ZPKRegexPtr regex = ZPKRegex::initWithPattern(pattern, &error);
+  EXPECT_NE(regex, nullptr) << pattern << ": " << (error ? error->description() : "no error");
+  return regex;
+}
+
+std::optional<ZPKRegexMatch> first(std::string_view pattern, std::string_view text,
+                                   ZPKRange range = ZPKRegex::wholeText()) {
+  return compile(pattern)->firstMatch(text, range);
+}
+
+// The whole range of the first match; nowhere if there is none.
+ZPKRange firstRange(std::string_view pattern, std::string_view text,
+                    ZPKRange range = ZPKRegex::wholeText()) {
+  const std::optional<ZPKRegexMatch> match = first(pattern, text, range);
+  return match.has_value() ? match->range() : ZPKRange();
+}
+
+std::vector<ZPKRange> allRanges(std::string_view pattern, std::string_view text,
+                                ZPKRange range = ZPKRegex::wholeText()) {
+  const ZPKRegexPtr regex = compile(pattern);
+  std::vector<ZPKRange> ranges;
+  for (const ZPKRegexMatch& match : regex->allMatches(text, range)) ranges.push_back(match.range());
+  EXPECT_EQ(regex->countMatches(text, range), ranges.size());
+  return ranges;
+}
+
+std::string repeated(std::string_view part, size_t size) {
+  std::string text;
+  while (text.size() < size) text += part;
+  return text;
+}
+
+// --- Compiling.
+
+TEST(ZPKRegexTest, ThePatternIsKept) {
+  EXPECT_EQ(compile("a(b)c")->pattern(), "a(b)c");
+  EXPECT_EQ(compile("")->pattern(), "");
+  EXPECT_EQ(compile(std::string_view("a\0b", 3))->pattern(), std::string("a\0b", 3));
+}
+
+TEST(ZPKRegexTest, AGoodPatternLeavesTheSlotAlone) {
+  ZPKErrorPtr error = olderError();
+  EXPECT_NE(ZPKRegex::initWithPattern("a", &error), nullptr);
+  EXPECT_EQ(error, olderError());
+}
+
+TEST(ZPKRegexTest, ABadPatternGivesNullAndAnErrorAndLogsNothing) {
+  const LogCapture log;
+  ZPKErrorPtr error = olderError();
+  EXPECT_EQ(ZPKRegex::initWithPattern("a(b", &error), nullptr);
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->domain(), "PCRE2");
+  EXPECT_EQ(error->code(), 114);
+  EXPECT_EQ(error->description(), "missing closing parenthesis at offset 3");
+  EXPECT_THAT(error->location(), testing::StartsWith("[Zephal-2.33.3.1] ZPKRegex.cpp:+[ZPKRegex "
+                                                     "initWithPattern:error:]:"));
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST(ZPKRegexTest, ANullPatternIsABadOneAndAnEmptyOneIsNot) {
+  const LogCapture log;
+  ZPKErrorPtr error;
+  EXPECT_EQ(ZPKRegex::initWithPattern(std::nullopt, &error), nullptr);
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->domain(), "PCRE2");
+  EXPECT_THAT(log.lines(), IsEmpty());
+  EXPECT_EQ(firstRange("", "abc"), (ZPKRange{0, 0}));
+}
+
+TEST(ZPKRegexTest, EveryKindOfBadPatternGivesNullWithOrWithoutASlot) {
+  for (const char* pattern : {"(", ")", "[", "*", "a{2,1}", "\\", "(?<n>a)(?<n>b)", "(?P<", "[z-a]",
+                              "\\1", "(?<=a+)b", "\xFF", "a\xC3", "\\x{110000}", "(?z)"}) {
+    ZPKErrorPtr error;
+    EXPECT_EQ(ZPKRegex::initWithPattern(pattern, &error), nullptr) << pattern;
+    EXPECT_NE(error, nullptr) << pattern;
+    EXPECT_EQ(ZPKRegex::initWithPattern(pattern), nullptr) << pattern;
+  }
+}
+
+TEST(ZPKRegexTest, AnEscapeForHalfACharacterDoesNotCompile) {
+  EXPECT_EQ(ZPKRegex::initWithPattern("\\C"), nullptr);
+}
+
+// --- Positions.
+
+TEST(ZPKRegexTest, PositionsCountCodePointsInFrontOfTheMatch) {
+  EXPECT_EQ(firstRange("x", std::string("ax")), (ZPKRange{1, 1}));
+  EXPECT_EQ(firstRange("x", std::string(kTwo) + "x"), (ZPKRange{1, 1}));
+  EXPECT_EQ(firstRange("x", std::string(kThree) + "x"), (ZPKRange{1, 1}));
+  EXPECT_EQ(firstRange("x", std::string(kFour) + "x"), (ZPKRange{1, 1}));
+  EXPECT_EQ(firstRange("x", std::string(kTwo) + kThree + kFour + "ax"), (ZPKRange{4, 1}));
+}
+
+TEST(ZPKRegexTest, PositionsCountCodePointsWithinTheMatch) {
+  const std::string text = std::string("a<") + kTwo + kThree + kFour + ">z";
+  EXPECT_EQ(firstRange("<.*>", text), (ZPKRange{1, 5}));
+  EXPECT_EQ(firstRange("<...>", text), (ZPKRange{1, 5}));
+  EXPECT_EQ(firstRange(kThree, text), (ZPKRange{3, 1}));
+}
+
+TEST(ZPKRegexTest, CharactersBehindTheMatchDoNotCount) {
+  EXPECT_EQ(firstRange("b", std::string("ab") + kTwo + kThree + kFour), (ZPKRange{1, 1}));
+}
+
+TEST(ZPKRegexTest, PositionsOfLaterMatchesAndOfGroupsCountFromTheStart) {
+  const std::string text = std::string(kTwo) + "1" + kThree + "2" + kFour + "3";
+  EXPECT_THAT(allRanges("\\d", text), ElementsAre(ZPKRange{1, 1}, ZPKRange{3, 1}, ZPKRange{5, 1}));
+  const std::vector<ZPKRegexMatch> matches = compile("(\\D)(\\d)")->allMatches(text);
+  ASSERT_EQ(matches.size(), 3U);
+  EXPECT_EQ(matches[2].range(), (ZPKRange{4, 2}));
+  EXPECT_EQ(matches[2].groupRange(1), (ZPKRange{4, 1}));
+  EXPECT_EQ(matches[2].groupRange(2), (ZPKRange{5, 1}));
+}
+
+TEST(ZPKRegexTest, AMatchAtTheEndOfTheTextIsFound) {
+  EXPECT_EQ(firstRange("=> $", "1.0\n=> "), (ZPKRange{4, 3}));
+  EXPECT_EQ(firstRange("$", std::string(kFour) + kFour), (ZPKRange{2, 0}));
+}
+
+// --- Groups.
+
+TEST(ZPKRegexTest, GroupsAreNumberedByTheirOpeningParentheses) {
+  const auto match = first("((a)(b))(?:c)(d)", "xabcd");
+  ASSERT_TRUE(match.has_value());
+  EXPECT_EQ(match->groupRange(0), (ZPKRange{1, 4}));
+  EXPECT_EQ(match->groupRange(1), (ZPKRange{1, 2}));
+  EXPECT_EQ(match->groupRange(2), (ZPKRange{1, 1}));
+  EXPECT_EQ(match->groupRange(3), (ZPKRange{2, 1}));
+  EXPECT_EQ(match->groupRange(4), (ZPKRange{4, 1}));
+}
+
+TEST(ZPKRegexTest, AGroupThatTookNoPartIsNowhereAndAnEmptyOneSomewhere) {
+  const auto match = first("(a)|(b)|(c)()", "xb");
+  ASSERT_TRUE(match.has_value());
+  EXPECT_EQ(match->groupRange(1).location, ZPKNotFound);
+  EXPECT_EQ(match->groupRange(2), (ZPKRange{1, 1}));
+  EXPECT_EQ(match->groupRange(3).location, ZPKNotFound);
+  EXPECT_EQ(match->groupRange(4).location, ZPKNotFound);
+  EXPECT_EQ(first("(c)()", "xc")->groupRange(2), (ZPKRange{2, 0}));
+}
+
+TEST(ZPKRegexTest, APatternWithoutGroupsHasNone) {
+  EXPECT_EQ(first("b", "abc")->groupRange(1).location, ZPKNotFound);
+}
+
+TEST(ZPKRegexTest, AGroupMayLieOutsideItsMatch) {
+  const auto match = first("b(?=c(d))", "abcd");
+  ASSERT_TRUE(match.has_value());
+  EXPECT_EQ(match->range(), (ZPKRange{1, 1}));
+  EXPECT_EQ(match->groupRange(1), (ZPKRange{3, 1}));
+  EXPECT_EQ(first("(?<=(a))b", "ab")->groupRange(1), (ZPKRange{0, 1}));
+}
+
+TEST(ZPKRegexTest, TheChipIdentifierOfAPromptIsFound) {
+  const std::string prompt = std::string(kTwo) + "[0001A2B3:00C4D5E6] :-) ";
+  EXPECT_EQ(firstRange("\\[[0-9A-Fa-f]{8}:[0-9A-Fa-f]{8}\\]", prompt), (ZPKRange{1, 19}));
+}
+
+// --- Ranges.
+
+TEST(ZPKRegexTest, OnlyTheRangeIsSearched) {
+  EXPECT_EQ(firstRange("a", "abab", {1, 3}), (ZPKRange{2, 1}));
+  EXPECT_EQ(firstRange("a", "abab", {3, 1}), ZPKRange());
+  EXPECT_EQ(firstRange("ab", "abab", {1, 2}), ZPKRange());
+  EXPECT_THAT(allRanges("b", "bbbb", {1, 2}), ElementsAre(ZPKRange{1, 1}, ZPKRange{2, 1}));
+}
+
+TEST(ZPKRegexTest, ARangeCountsCodePoints) {
+  const std::string text = std::string(kTwo) + "a" + kThree + "a" + kFour + "a";
+  EXPECT_EQ(firstRange("a", text, {2, 3}), (ZPKRange{3, 1}));
+  EXPECT_EQ(firstRange("a", text, {4, 1}), ZPKRange());
+  EXPECT_EQ(firstRange("a", text, {4, 2}), (ZPKRange{5, 1}));
+}
+
+TEST(ZPKRegexTest, TheEndsOfTheRangeAreTheEndsOfTheText) {
+  EXPECT_EQ(firstRange("^b$", "abc", {1, 1}), (ZPKRange{1, 1}));
+  EXPECT_EQ(firstRange("(?<=a)b", "abc", {1, 1}), ZPKRange());
+  EXPECT_EQ(firstRange("b(?=c)", "abc", {1, 1}), ZPKRange());
+}
+
+TEST(ZPKRegexTest, ARangeIsCutAtTheEndOfTheText) {
+  EXPECT_EQ(firstRange("c", "abc", {1, 100}), (ZPKRange{2, 1}));
+  EXPECT_EQ(firstRange("c", "abc", {7, 1}), ZPKRange());
+  EXPECT_EQ(firstRange("", "abc", {7, 1}), (ZPKRange{3, 0}));
+  EXPECT_EQ(firstRange("", "abc", {1, 0}), (ZPKRange{1, 0}));
+  EXPECT_EQ(firstRange("c", "abc", {ZPKNotFound, ZPKNotFound}), ZPKRange());
+}
+
+// --- Walks.
+
+TEST(ZPKRegexTest, AllMatchesAreGivenFromLeftToRightWithoutOverlap) {
+  EXPECT_THAT(allRanges("aa", "aaaaa"), ElementsAre(ZPKRange{0, 2}, ZPKRange{2, 2}));
+  EXPECT_THAT(allRanges("x", "aaa"), IsEmpty());
+}
+
+TEST(ZPKRegexTest, EmptyMatchesAreWalkedOver) {
+  EXPECT_THAT(allRanges("", ""), ElementsAre(ZPKRange{0, 0}));
+  EXPECT_THAT(allRanges("", "ab"), ElementsAre(ZPKRange{0, 0}, ZPKRange{1, 0}, ZPKRange{2, 0}));
+  EXPECT_THAT(allRanges("", std::string(kTwo) + kThree + kFour),
+              ElementsAre(ZPKRange{0, 0}, ZPKRange{1, 0}, ZPKRange{2, 0}, ZPKRange{3, 0}));
+  EXPECT_THAT(allRanges("a*", "baac"),
+              ElementsAre(ZPKRange{0, 0}, ZPKRange{1, 2}, ZPKRange{3, 0}, ZPKRange{4, 0}));
+}
+
+TEST(ZPKRegexTest, ANonEmptyMatchIsTakenWhereAnEmptyOneWas) {
+  EXPECT_THAT(allRanges("|a", "a"), ElementsAre(ZPKRange{0, 0}, ZPKRange{0, 1}, ZPKRange{1, 0}));
+}
+
+TEST(ZPKRegexTest, EmptyMatchesDoNotSplitALineEnd) {
+  EXPECT_THAT(allRanges("$", "\r\n"), ElementsAre(ZPKRange{0, 0}, ZPKRange{2, 0}));
+  EXPECT_THAT(allRanges("(?m)^", "a\r\nb"), ElementsAre(ZPKRange{0, 0}, ZPKRange{3, 0}));
+}
+
+TEST(ZPKRegexTest, AMatchWhoseStartWasResetIsGivenOnce) {
+  EXPECT_THAT(allRanges("a\\Kb", "abab"), ElementsAre(ZPKRange{1, 1}, ZPKRange{3, 1}));
+}
+
+// The start is put ahead of the place that the search began at, and the end is that place.
+TEST(ZPKRegexTest, AStartResetInALookbehindDoesNotHoldTheWalkUp) {
+  constexpr const char* pattern = "(?(DEFINE)(?<reset>\\K))(?<=(?&reset)a)";
+  EXPECT_THAT(allRanges(pattern, "aba"), ElementsAre(ZPKRange{0, 1}, ZPKRange{2, 1}));
+  EXPECT_THAT(allRanges(pattern, std::string("a") + kFour + "a"),
+              ElementsAre(ZPKRange{0, 1}, ZPKRange{2, 1}));
+}
+
+TEST(ZPKRegexTest, AStartResetInALookaheadMakesAnEmptyMatch) {
+  constexpr const char* pattern = "(?(DEFINE)(?<reset>\\K))(?=a(?&reset))";
+  EXPECT_THAT(allRanges(pattern, "ba"), ElementsAre(ZPKRange{1, 0}));
+}
+
+// --- Line ends.
+
+TEST(ZPKRegexTest, ADotTakesNoLineEndOfAnyKind) {
+  EXPECT_THAT(allRanges(".+", "one\rtwo\nthree\r\nfour"),
+              ElementsAre(ZPKRange{0, 3}, ZPKRange{4, 3}, ZPKRange{8, 5}, ZPKRange{15, 4}));
+}
+
+TEST(ZPKRegexTest, ADollarStandsInFrontOfALastLineEndOfAnyKind) {
+  for (const char* end : {"", "\r", "\n", "\r\n"}) {
+    EXPECT_EQ(firstRange("b$", std::string("ab") + end), (ZPKRange{1, 1}));
+  }
+  EXPECT_EQ(firstRange("b$", "ab\r\n\n"), ZPKRange());
+}
+
+TEST(ZPKRegexTest, MultilineAnchorsKnowAllLineEnds) {
+  EXPECT_THAT(allRanges("(?m)^\\w+$", "one\rtwo\nthree\r\nfour"),
+              ElementsAre(ZPKRange{0, 3}, ZPKRange{4, 3}, ZPKRange{8, 5}, ZPKRange{15, 4}));
+}
+
+TEST(ZPKRegexTest, CharacterClassesTakeLineEndsAsAnyCharacter) {
+  EXPECT_EQ(firstRange("a[^x]b", "a\rb"), (ZPKRange{0, 3}));
+  EXPECT_EQ(firstRange("a\\sb", "a\nb"), (ZPKRange{0, 3}));
+}
+
+// --- Odd subjects.
+
+TEST(ZPKRegexTest, ASubjectThatIsNotValidUTF8HasNoMatch) {
+  for (const char* text : {"a\xFF", "a\xC3",
+                           "\xE2\x82"
+                           "a",
+                           "a\xED\xA0\x80",
+                           "\x80"
+                           "a"}) {
+    EXPECT_FALSE(first("a", text).has_value());
+    EXPECT_THAT(allRanges("a", text), IsEmpty());
+  }
+}
+
+TEST(ZPKRegexTest, InvalidBytesOutsideTheRangeMatterAsWell) {
+  EXPECT_FALSE(first("a", "a\xFF", {0, 1}).has_value());
+}
+
+TEST(ZPKRegexTest, ANulIsACharacterLikeAnyOther) {
+  EXPECT_EQ(firstRange("b", std::string_view("a\0b", 3)), (ZPKRange{2, 1}));
+  EXPECT_EQ(firstRange("a.b", std::string_view("a\0b", 3)), (ZPKRange{0, 3}));
+}
+
+TEST(ZPKRegexTest, AnEmptySubjectMayMatch) {
+  EXPECT_EQ(firstRange("^$", ""), (ZPKRange{0, 0}));
+  EXPECT_EQ(firstRange("a*", std::string_view()), (ZPKRange{0, 0}));
+  EXPECT_EQ(firstRange("a", ""), ZPKRange());
+}
+
+// --- Long subjects. A repeated group takes room for every turn, far more than a thread's stack
+// has.
+
+TEST(ZPKRegexTest, ARepeatedGroupRunsOverALongResponse) {
+  const std::string text = repeated("line of text\n", 4 * kMiB) + "prompt";
+  EXPECT_EQ(firstRange("(.|\\n)*prompt", text), (ZPKRange{0, text.size()}));
+}
+
+TEST(ZPKRegexTest, ARepeatedGroupRunsToTheEndOfALongResponse) {
+  const std::string text = repeated("ab", 4 * kMiB);
+  EXPECT_EQ(firstRange("(?:a|b)*", text), (ZPKRange{0, text.size()}));
+  EXPECT_EQ(first("(a|b)*", text)->groupRange(1), (ZPKRange{text.size() - 1, 1}));
+}
+
+TEST(ZPKRegexTest, CodePointsOfALongResponseAreCountedRight) {
+  const std::string text = repeated(kThree, 3 * kMiB) + "prompt";
+  EXPECT_EQ(firstRange("prompt", text), (ZPKRange{kMiB, 6}));
+  EXPECT_EQ(compile(kThree)->countMatches(text), kMiB);
+}
+
+TEST(ZPKRegexTest, AWalkOverALongResponseGoesOnBehindACostlyMatch) {
+  const std::string costly = repeated("ab", kMiB / 16);
+  const std::string text = costly + "\n" + costly + "\n" + costly;
+  EXPECT_THAT(allRanges("(?:a|b)+", text),
+              ElementsAre(ZPKRange{0, costly.size()}, ZPKRange{costly.size() + 1, costly.size()},
+                          ZPKRange{2 * costly.size() + 2, costly.size()}));
+}
+
+// --- Searches that are given up. They would run for minutes, or for ever; the bound is generous.
+
+class Stopwatch {
+ public:
+  double seconds() const {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - _start).count();
+  }
+
+ private:
+  const std::chrono::steady_clock::time_point _start = std::chrono::steady_clock::now();
+};
+
+constexpr double kBoundedTime = 40;
+
+TEST(ZPKRegexTest, ACatastrophicPatternGivesUpAsNoMatch) {
+  const ZPKRegexPtr regex = compile("(a+)+$");
+  const Stopwatch stopwatch;
+  EXPECT_FALSE(regex->firstMatch(std::string(64, 'a') + "b").has_value());
+  EXPECT_THAT(regex->allMatches(std::string(64 * 1024, 'a') + "b"), IsEmpty());
+  EXPECT_EQ(regex->countMatches(std::string(64, 'a') + "b"), 0U);
+  EXPECT_LT(stopwatch.seconds(), kBoundedTime);
+}
+
+// Each run of letters is hopeless for a part of a second only, but there are thousands of them.
+TEST(ZPKRegexTest, ManyCostlyStartsGiveUpTogether) {
+  const Stopwatch stopwatch;
+  EXPECT_FALSE(first("(a+)+$", repeated(std::string(20, 'a') + "b", kMiB)).has_value());
+  EXPECT_LT(stopwatch.seconds(), kBoundedTime);
+}
+
+// Without a match every line of the response is a start, and each looks at all the rest.
+TEST(ZPKRegexTest, ALongResponseWithoutTheExpectedPromptGivesUp) {
+  const Stopwatch stopwatch;
+  EXPECT_FALSE(first("(.|\\n)*prompt", repeated("line of text\n", kMiB) + "t").has_value());
+  EXPECT_LT(stopwatch.seconds(), kBoundedTime);
+}
+
+TEST(ZPKRegexTest, ASearchThatWasGivenUpDoesNotSpoilTheNext) {
+  const ZPKRegexPtr regex = compile("(a+)+$");
+  EXPECT_FALSE(regex->firstMatch(std::string(64, 'a') + "b").has_value());
+  const auto match = regex->firstMatch("baaa");
+  ASSERT_TRUE(match.has_value());
+  EXPECT_EQ(match->range(), (ZPKRange{1, 3}));
+}
+
+// --- Threads.
+
+TEST(ZPKRegexTest, SeveralThreadsMayUseOneExpression) {
+  const ZPKRegexPtr regex = compile("(\\w+)=(\\d+)|(?:x|y)+$");
+  const std::string text = std::string(kFour) + " value=42 " + repeated("xy", 8192);
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 4; ++thread) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 20; ++i) {
+        const std::vector<ZPKRegexMatch> matches = regex->allMatches(text);
+        const bool isRight = matches.size() == 2 && matches[0].groupRange(2) == ZPKRange{8, 2} &&
+                             matches[1].range() == ZPKRange{11, 8192};
+        if (!isRight) wrong.fetch_add(1, std::memory_order_relaxed);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(wrong, 0);
+}
+
+}  // namespace
