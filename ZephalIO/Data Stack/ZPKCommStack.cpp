@@ -70,7 +70,8 @@ ZPKCommStackPtr ZPKCommStack::init() {
   return stack;
 }
 
-ZPKCommStack::ZPKCommStack(Key) : _currentSwap(_ecidSwapInformation) {}
+ZPKCommStack::ZPKCommStack(Key)
+    : _currentChannel(_commChannel), _currentSwap(_ecidSwapInformation) {}
 
 ZPKCommStack::~ZPKCommStack() { ZPICloseAbandonedChain(commChannel()); }
 
@@ -128,6 +129,7 @@ bool ZPKCommStack::createStackWithBaseChannel(const ZPKDataChannelPtr& channel,
   top = createChannelTransformer(top, {ecidChecker()}, {appender()}, error);
   if (top == nullptr) return false;
   setCommChannel(top);
+  _currentChannel.current();  // lets go of the chain that was replaced
   return true;
 }
 
@@ -243,8 +245,8 @@ bool ZPKCommStack::refuseOnceCreated(ZPKErrorPtr* error, const ZPIFailureSite& s
   return ZPIRefuseOnceCreated(commChannel(), error, stackSite(site), message);
 }
 
-ZPKDataChannelPtr ZPKCommStack::openChannel(ZPKErrorPtr* error, const ZPIFailureSite& site) const {
-  ZPKDataChannelPtr channel = commChannel();
+ZPKDataChannelPtr ZPKCommStack::openChannel(ZPKErrorPtr* error, const ZPIFailureSite& site) {
+  ZPKDataChannelPtr channel = _currentChannel.current();
   if (ZPIIsOpened(channel)) return channel;
   ZPKReportFailure(error, kZPICommChannelDomain, 304, site,
                    "UART port not open, please call \"open\" before calling functions that talk "

@@ -192,7 +192,7 @@ class ZPK_EXPORT ZPKCommStack {
 
  private:
   bool refuseOnceCreated(ZPKErrorPtr* error, const ZPIFailureSite& site, const char* message) const;
-  ZPKDataChannelPtr openChannel(ZPKErrorPtr* error, const ZPIFailureSite& site) const;
+  ZPKDataChannelPtr openChannel(ZPKErrorPtr* error, const ZPIFailureSite& site);
   bool reportSwap(ZPKErrorPtr* error, const ZPIFailureSite& site);
   bool isTimeout(const ZPKDataPtr& data) const;
   ZPKDataPtr readWithDelimiter(ZPKDataChannel& channel, double timeout, const ZPKDataPtr& delimiter,
@@ -211,7 +211,8 @@ class ZPK_EXPORT ZPKCommStack {
   ZPKAtomic<std::optional<std::string>> _logFilePath;
   ZPKAtomic<std::optional<std::string>> _preAggregatorLogFilePath;
 
-  // What every read looks at, without a copy of the text. Guarded by _lock.
+  // What every command looks at, read without a lock of its own. Guarded by _lock.
+  ZPKAtomic<ZPKDataChannelPtr>::Snapshot _currentChannel;
   ZPKAtomic<std::optional<std::string>>::Snapshot _currentSwap;
 };
 

@@ -83,15 +83,10 @@ void ZPKMutableData::append(const void* bytes, size_t length) {
 
 void ZPKMutableData::appendGivingUp(ZPKMutableData* other) {
   if (_length == 0 && !isSparse(other->_length, other->_capacity)) {
-    setLength(0);
-    std::swap(_storage, other->_storage);
-    std::swap(_head, other->_head);
-    std::swap(_length, other->_length);
-    std::swap(_capacity, other->_capacity);
-    other->forgetSearch();
-    return;
+    swap(*other);  // together with what a search of `other` has found out
+  } else {
+    append(*other);
   }
-  append(*other);
   other->setLength(0);
 }
 
