@@ -15,6 +15,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::IsSubsetOf;
 using testing::StartsWith;
 
 constexpr const char* kNotOpen =
@@ -174,7 +175,8 @@ TEST_P(CommStackFailureTest, AnOpenThatFailsMayBeTriedAgainAndLeavesNothingBehin
       EXPECT_EQ(error, olderError());
     }
     EXPECT_EQ(stack->isOpen(), 0);
-    EXPECT_EQ(openDescriptors(), descriptors);
+    // Fewer may be open: the device closes its end of the old connection at its leisure.
+    EXPECT_THAT(openDescriptors(), IsSubsetOf(descriptors));
   }
   open();
   EXPECT_EQ(ask("ask"), "=> ");

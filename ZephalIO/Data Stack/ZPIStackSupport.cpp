@@ -1,11 +1,25 @@
 #include "Data Stack/ZPIStackSupport.h"
 
+#include "Data Channel/ZPKDataChannelDecorators.h"
+
 double ZPISecondsOf(const std::optional<ZPKNumber>& timeout) {
   return timeout.has_value() ? timeout->doubleValue() : ZEPHAL_COMMUNICATION_TIME_FOREVER;
 }
 
 bool ZPIBoolOf(const std::optional<ZPKNumber>& number) {
   return number.has_value() && number->boolValue();
+}
+
+std::optional<std::string> ZPIStringOf(const std::optional<std::string_view>& text) {
+  if (!text.has_value()) return std::nullopt;
+  return std::string(*text);
+}
+
+ZPKDataChannelPtr ZPIWithLog(const ZPKDataChannelPtr& channel,
+                             const std::optional<std::string>& path, const char* identifier,
+                             ZPKErrorPtr* error) {
+  if (!path.has_value()) return channel;
+  return createLoggingChannel(channel, *path, identifier, false, error);
 }
 
 bool ZPIIsOpened(const ZPKDataChannelPtr& chain) { return chain != nullptr && chain->isOpened(); }

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <optional>
+#include <string>
+#include <string_view>
 
 #include "Data Channel/ZPKDataChannel.h"
 #include "Utility/ZPKNumber.h"
@@ -19,6 +21,15 @@ double ZPISecondsOf(const std::optional<ZPKNumber>& timeout);
 
 /// A number's bool value; null is false.
 bool ZPIBoolOf(const std::optional<ZPKNumber>& number);
+
+/// A string of its own; null stays null.
+std::optional<std::string> ZPIStringOf(const std::optional<std::string_view>& text);
+
+/// `channel` within an asynchronous logging channel, or `channel` itself for a null path. Null,
+/// with the factory's error, if that cannot be made.
+ZPKDataChannelPtr ZPIWithLog(const ZPKDataChannelPtr& channel,
+                             const std::optional<std::string>& path, const char* identifier,
+                             ZPKErrorPtr* error);
 
 /// False for a null chain.
 bool ZPIIsOpened(const ZPKDataChannelPtr& chain);

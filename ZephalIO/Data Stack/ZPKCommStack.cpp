@@ -31,6 +31,25 @@ std::optional<std::string> decoded(const ZPKDataPtr& response, ZPKErrorPtr* erro
   return text;
 }
 
+// The same for the filters of both kinds.
+constexpr const char* kFiltersRefused =
+    "Cannot update read filters hex while uart stack is already created";
+
+// One filter for each text, or nothing if one of them cannot be made.
+template <class BytesOf>
+std::optional<ZPKDataTransformerArray> filtersOf(const std::vector<std::string>& texts,
+                                                 BytesOf bytesOf, ZPKErrorPtr* error) {
+  ZPKDataTransformerArray filters;
+  for (const std::string& text : texts) {
+    const ZPKDataPtr bytes = bytesOf(text);
+    if (bytes == nullptr) return std::nullopt;
+    ZPKDataTransformerPtr filter = createFilteringTransformer(bytes, error);
+    if (filter == nullptr) return std::nullopt;
+    filters.push_back(std::move(filter));
+  }
+  return filters;
+}
+
 // Another delimiter for one read, put back whatever becomes of the read.
 class DelimiterSwap {
  public:
@@ -106,6 +125,54 @@ bool ZPKCommStack::setLineTerminator(std::optional<std::string_view> terminator,
   return true;
 }
 
+bool ZPKCommStack::setReadFiltersHex(const std::vector<std::string>& filters, ZPKErrorPtr* error) {
+  const Guard guard(_lock);
+  if (refuseOnceCreated(error, {"-[ZPKCommStack setReadFiltersHex:error:]"}, kFiltersRefused)) {
+    return false;
+  }
+  std::optional<ZPKDataTransformerArray> transformers = filtersOf(
+      filters, [](const std::string& text) { return ZPKDataFromHexString(text); }, error);
+  if (!transformers.has_value()) return false;
+  setReadFilterHexTransformers(std::move(transformers));
+  return true;
+}
+
+bool ZPKCommStack::setReadFilters(const std::vector<std::string>& filters, ZPKErrorPtr* error) {
+  const Guard guard(_lock);
+  if (refuseOnceCreated(error, {"-[ZPKCommStack setReadFilters:error:]"}, kFiltersRefused)) {
+    return false;
+  }
+  std::optional<ZPKDataTransformerArray> transformers = filtersOf(
+      filters, [](const std::string& text) { return ZPKData::dataWithString(text); }, error);
+  if (!transformers.has_value()) return false;
+  setReadFilterTransformers(std::move(transformers));
+  return true;
+}
+
+bool ZPKCommStack::setLogFilePath(std::optional<std::string_view> path,
+                                  std::optional<std::string_view> preAggregatorPath,
+                                  ZPKErrorPtr* error) {
+  const Guard guard(_lock);
+  if (refuseOnceCreated(error, {"-[ZPKCommStack setLogFilePath:preAggregatorLogFilePath:error:]"},
+                        "Cannot enable log file while comm stack is already created/opened")) {
+    return false;
+  }
+  setLogFilePath(ZPIStringOf(path));
+  setPreAggregatorLogFilePath(ZPIStringOf(preAggregatorPath));
+  return true;
+}
+
+bool ZPKCommStack::setActiveChannelOnOff(std::optional<ZPKNumber> onOff, ZPKErrorPtr* error) {
+  const Guard guard(_lock);
+  if (refuseOnceCreated(
+          error, {"-[ZPKCommStack setActiveChannelOnOff:error:]"},
+          "Cannot change active channel on/off when comm stack is already created/opened")) {
+    return false;
+  }
+  setActiveChannelOnOff(ZPIBoolOf(onOff));
+  return true;
+}
+
 bool ZPKCommStack::createStackWithURL(std::optional<std::string_view> url, ZPKErrorPtr* error) {
   const Guard guard(_lock);
   const ZPKDataChannelPtr channel = createBaseChannelWithTransport(url, error);
@@ -120,15 +187,9 @@ bool ZPKCommStack::createStackWithBaseChannel(const ZPKDataChannelPtr& channel,
     return false;
   }
   if (channel == nullptr) return false;
-  const ZPKMutableDataAggregatorTransformerPtr cutter = aggregator();
-  if (cutter != nullptr) cutter->buffer()->setLength(0);
-  ZPKDataChannelPtr top = createAggregatingTransformerChannel(channel, cutter, error);
-  if (top == nullptr) return false;
-  top = createPassiveChannel(top, error);
-  if (top == nullptr) return false;
-  top = createChannelTransformer(top, {ecidChecker()}, {appender()}, error);
-  if (top == nullptr) return false;
-  setCommChannel(top);
+  ZPKDataChannelPtr chain = chainOn(channel, error);
+  if (chain == nullptr) return false;
+  setCommChannel(std::move(chain));
   _currentChannel.current();  // lets go of the chain that was replaced
   return true;
 }
@@ -243,6 +304,33 @@ std::optional<std::string> ZPKCommStack::sendCommandStringWithEchoRemoval(
 bool ZPKCommStack::refuseOnceCreated(ZPKErrorPtr* error, const ZPIFailureSite& site,
                                      const char* message) const {
   return ZPIRefuseOnceCreated(commChannel(), error, stackSite(site), message);
+}
+
+// The chain of the settings on `channel`, or null with the error of the factory that failed.
+ZPKDataChannelPtr ZPKCommStack::chainOn(ZPKDataChannelPtr channel, ZPKErrorPtr* error) const {
+  channel = ZPIWithLog(channel, preAggregatorLogFilePath(), "pre-", error);
+  if (channel != nullptr && activeChannelOnOff()) channel = createActiveChannel(channel, error);
+  if (channel == nullptr) return nullptr;
+  const ZPKMutableDataAggregatorTransformerPtr cutter = aggregator();
+  if (cutter != nullptr) cutter->buffer()->setLength(0);
+  channel = createAggregatingTransformerChannel(channel, cutter, error);
+  if (channel == nullptr) return nullptr;
+  channel = createPassiveChannel(channel, error);
+  if (channel == nullptr) return nullptr;
+  channel = createChannelTransformer(channel, readTransformers(), {appender()}, error);
+  if (channel == nullptr) return nullptr;
+  return ZPIWithLog(channel, logFilePath(), "post", error);
+}
+
+// The detector first, so that it sees what the device sent; then the hex filters, then the others.
+ZPKDataTransformerArray ZPKCommStack::readTransformers() const {
+  ZPKDataTransformerArray transformers{ecidChecker()};
+  for (const auto& filters : {readFilterHexTransformers(), readFilterTransformers()}) {
+    if (filters.has_value()) {
+      transformers.insert(transformers.end(), filters->begin(), filters->end());
+    }
+  }
+  return transformers;
 }
 
 ZPKDataChannelPtr ZPKCommStack::openChannel(ZPKErrorPtr* error, const ZPIFailureSite& site) {

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Data Channel/ZPKDataChannel.h"
 #include "Data Transformers/ZPKECIDSwapDetectTransformer.h"
@@ -70,6 +71,25 @@ class ZPK_EXPORT ZPKCommStack {
   bool setDelimiter(std::optional<std::string_view> delimiter, ZPKErrorPtr* error = nullptr);
   /// What ends every write. Works on an open stack too. Null and "" add nothing. Always true.
   bool setLineTerminator(std::optional<std::string_view> terminator, ZPKErrorPtr* error = nullptr);
+
+  // The settings of the optional layers. Each fails with code 302 once a chain was created.
+
+  /// What is cut out of every response, each text wherever it stands: the bytes that hexadecimal
+  /// texts name (see ZPKDataFromHexString). They replace the filters of an earlier call; none
+  /// clears them. Fails without an error for a text that is not hexadecimal, and with code 3 of
+  /// "zephal-communication" for an empty one; the earlier filters stay then.
+  bool setReadFiltersHex(const std::vector<std::string>& filters, ZPKErrorPtr* error = nullptr);
+  /// As setReadFiltersHex, with the texts' own bytes. They are cut out after those.
+  bool setReadFilters(const std::vector<std::string>& filters, ZPKErrorPtr* error = nullptr);
+  /// The files that log the conversation as the caller sees it, command and response, and the bytes
+  /// as they pass on the wire, in the chunks in which they come. Null means none. Both are opened
+  /// with the stack, grow at their end and may be the same file; see createLoggingChannel.
+  bool setLogFilePath(std::optional<std::string_view> path,
+                      std::optional<std::string_view> preAggregatorPath,
+                      ZPKErrorPtr* error = nullptr);
+  /// Whether a background thread reads the device all the time that the stack is open, whatever the
+  /// caller is doing; see createActiveChannel. Null counts as false, the default.
+  bool setActiveChannelOnOff(std::optional<ZPKNumber> onOff, ZPKErrorPtr* error);
 
   // --- Create and open.
 
@@ -192,6 +212,8 @@ class ZPK_EXPORT ZPKCommStack {
 
  private:
   bool refuseOnceCreated(ZPKErrorPtr* error, const ZPIFailureSite& site, const char* message) const;
+  ZPKDataChannelPtr chainOn(ZPKDataChannelPtr channel, ZPKErrorPtr* error) const;
+  ZPKDataTransformerArray readTransformers() const;
   ZPKDataChannelPtr openChannel(ZPKErrorPtr* error, const ZPIFailureSite& site);
   bool reportSwap(ZPKErrorPtr* error, const ZPIFailureSite& site);
   bool isTimeout(const ZPKDataPtr& data) const;

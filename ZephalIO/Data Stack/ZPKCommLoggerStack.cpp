@@ -1,0 +1,107 @@
+#include "Data Stack/ZPKCommLoggerStack.h"
+
+#include <utility>
+
+#include "Data Channel Internal/ZPIBaseChannelForURL.h"
+#include "Data Channel/ZPKDataChannelDecorators.h"
+#include "Data Stack/ZPIStackSupport.h"
+#include "Utility/ZPKReportFailure.h"
+
+namespace {
+
+using Guard = std::lock_guard<std::recursive_mutex>;
+
+ZPIStackSite stackSite(const ZPIFailureSite& site) { return {kZPICommLoggerChannelDomain, site}; }
+
+}  // namespace
+
+ZPKCommLoggerStackPtr ZPKCommLoggerStack::init() {
+  return std::make_shared<ZPKCommLoggerStack>(Key());
+}
+
+ZPKCommLoggerStack::ZPKCommLoggerStack(Key)
+    : _aggregator(
+          ZPKMutableDataAggregatorTransformer::initWithTerminator(ZPKData::dataWithString(""))) {}
+
+ZPKCommLoggerStack::~ZPKCommLoggerStack() { ZPICloseAbandonedChain(commChannel()); }
+
+bool ZPKCommLoggerStack::setLogFilePath(std::optional<std::string_view> path,
+                                        std::optional<std::string_view> preAggregatorPath,
+                                        ZPKErrorPtr* error) {
+  const Guard guard(_lock);
+  if (ZPIRefuseOnceCreated(
+          commChannel(), error,
+          stackSite({"-[ZPKCommLoggerStack setLogFilePath:preAggregatorLogFilePath:error:]"}),
+          "Cannot enable log file while comm stack is already created/opened")) {
+    return false;
+  }
+  setLogFilePath(ZPIStringOf(path));
+  setPreAggregatorLogFilePath(ZPIStringOf(preAggregatorPath));
+  return true;
+}
+
+bool ZPKCommLoggerStack::setDelimiter(std::optional<std::string_view> delimiter,
+                                      ZPKErrorPtr* /*error*/) {
+  const Guard guard(_lock);
+  if (const auto cutter = aggregator()) cutter->setData2Find(ZPKData::dataWithString(delimiter));
+  return true;
+}
+
+bool ZPKCommLoggerStack::createStackWithURL(std::optional<std::string_view> url,
+                                            ZPKErrorPtr* error) {
+  const Guard guard(_lock);
+  const auto channel = ZPIBaseChannelForURL(ZPKURL::initWithString(url), error);
+  if (!channel.has_value()) {
+    ZPKReportFailure(error, kZPICommLoggerChannelDomain, 300,
+                     {"-[ZPKCommLoggerStack createStackWithURL:error:]"}, "Invalid URL scheme");
+  }
+  // Without a channel as well: an open stack says so first of all.
+  return createStackWithBaseChannel(channel.value_or(nullptr), error);
+}
+
+bool ZPKCommLoggerStack::createStackWithBaseChannel(const ZPKDataChannelPtr& channel,
+                                                    ZPKErrorPtr* error) {
+  const Guard guard(_lock);
+  if (ZPIRefuseWhileOpen(commChannel(), error,
+                         stackSite({"-[ZPKCommLoggerStack createStackWithBaseChannel:error:]"}))) {
+    return false;
+  }
+  if (channel == nullptr) return false;
+  ZPKDataChannelPtr chain = chainOn(channel, error);
+  if (chain == nullptr) return false;
+  setCommChannel(std::move(chain));
+  return true;
+}
+
+bool ZPKCommLoggerStack::open(ZPKErrorPtr* error) { return openWithTimeout(std::nullopt, error); }
+
+bool ZPKCommLoggerStack::openWithTimeout(std::optional<ZPKNumber> timeout, ZPKErrorPtr* error) {
+  const double seconds = ZPISecondsOf(timeout);
+  const Guard guard(_lock);
+  return ZPIOpenChain(commChannel(), seconds, error,
+                      stackSite({"-[ZPKCommLoggerStack openWithTimeout:error:]"}));
+}
+
+ZPKNumber ZPKCommLoggerStack::isOpen(ZPKErrorPtr* /*error*/) const {
+  const Guard guard(_lock);
+  return ZPIIsOpened(commChannel()) ? 1 : 0;
+}
+
+bool ZPKCommLoggerStack::close(ZPKErrorPtr* error) {
+  const Guard guard(_lock);
+  return ZPICloseChain(commChannel(), error);
+}
+
+// The active channel stands on top, so that the aggregator and both logs see all that its thread
+// reads.
+ZPKDataChannelPtr ZPKCommLoggerStack::chainOn(ZPKDataChannelPtr channel, ZPKErrorPtr* error) const {
+  channel = ZPIWithLog(channel, preAggregatorLogFilePath(), "pre-", error);
+  if (channel == nullptr) return nullptr;
+  const ZPKMutableDataAggregatorTransformerPtr cutter = aggregator();
+  if (cutter != nullptr) cutter->buffer()->setLength(0);
+  channel = createAggregatingTransformerChannel(channel, cutter, error);
+  if (channel == nullptr) return nullptr;
+  channel = ZPIWithLog(channel, logFilePath(), "post", error);
+  if (channel == nullptr) return nullptr;
+  return createActiveNullChannel(channel, error);
+}
