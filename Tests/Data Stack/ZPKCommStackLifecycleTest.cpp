@@ -86,9 +86,9 @@ TEST_F(ZPKCommStackLifecycleTest, ABadURLIsToldBeforeTheOpenChainIs) {
   const ScriptedStack made;
   ZPKErrorPtr error;
   EXPECT_FALSE(made->createStackWithURL("nowhere", &error));
-  EXPECT_EQ(error->code(), 3);
+  EXPECT_EQ(codeOf(error), 3);
   EXPECT_FALSE(made->createStackWithURL("tcp://127.0.0.1:1", &error));
-  EXPECT_EQ(error->code(), 303);
+  EXPECT_EQ(codeOf(error), 303);
   EXPECT_EQ(made->isOpen(), 1);
 }
 
@@ -374,7 +374,7 @@ TEST_F(ZPKCommStackLifecycleTest, AStackWhoseTransportFellIsClosedAndItsCloseFai
   EXPECT_NE(made.stack->commChannel(), nullptr);
   ZPKErrorPtr error;
   EXPECT_FALSE(made.stack->writeString("anybody?", &error));
-  EXPECT_EQ(error->code(), 304);
+  EXPECT_EQ(codeOf(error), 304);
 
   log.clear();
   EXPECT_FALSE(made.stack->close(&error));

@@ -200,7 +200,7 @@ TEST_F(ZPKCommStackRegexTest, AFailedCommandIsNotSearched) {
   EXPECT_EQ(
       made->sendCommandStringWithEchoRemoval("ask", ZPKRegex::initWithPattern("x"), 0, &error),
       std::nullopt);
-  EXPECT_EQ(error->code(), 305);
+  EXPECT_EQ(codeOf(error), 305);
   EXPECT_EQ(log.lines().size(), 1U);
 }
 
@@ -214,13 +214,13 @@ TEST_F(ZPKCommStackRegexTest, AnEmptyResponseIsSearchedWhenTimeoutsAreNoExceptio
   EXPECT_EQ(
       made->sendCommandStringWithEchoRemoval("ask", ZPKRegex::initWithPattern("x"), 0, &error),
       std::nullopt);
-  EXPECT_EQ(error->description(), "Unable to parse response\nregex:x\nresponse:\n");
+  EXPECT_EQ(descriptionOf(error), "Unable to parse response\nregex:x\nresponse:\n");
 }
 
 TEST_F(ZPKCommStackRegexTest, APatternThatBacktracksWithoutEndIsNoMatch) {
   ZPKErrorPtr error;
   EXPECT_EQ(picked(std::string(40, 'a') + "> ", "^(a+)+$", &error), std::nullopt);
-  EXPECT_EQ(error->code(), 308);
+  EXPECT_EQ(codeOf(error), 308);
 }
 
 TEST_F(ZPKCommStackRegexTest, ALongResponseIsSearchedToItsEnd) {

@@ -104,7 +104,7 @@ TEST_F(ZPKCommStackSwapTest, ASwapWinsAlsoWhereTheResponseIsNotDroppedOrTimeouts
       made.answer("data", kOtherPrompt);
       ZPKErrorPtr error;
       EXPECT_EQ(made->readDataWithTimeout(1, nullptr, &error), nullptr);
-      EXPECT_EQ(error->code(), 309);
+      EXPECT_EQ(codeOf(error), 309);
     }
   }
 }
@@ -143,7 +143,7 @@ TEST_F(ZPKCommStackSwapTest, EveryLaterReadAndCommandFailsAfterDoingItsInputAndO
     const size_t readsBefore = made.base->readTimeouts().size();
     ZPKErrorPtr error;
     EXPECT_TRUE(fails(&error));
-    EXPECT_EQ(error->code(), 309);
+    EXPECT_EQ(codeOf(error), 309);
     EXPECT_EQ(made.base->readTimeouts().size(), readsBefore + 1);
   }
   EXPECT_THAT(made.base->writes(), ElementsAre("a\n", "b\n", "c\n", "d\n"));
@@ -169,8 +169,8 @@ TEST_F(ZPKCommStackSwapTest, NeitherCloseNorReopenNorANewChainClearsASwap) {
     made.answer("", kRightPrompt);
     ZPKErrorPtr error;
     EXPECT_EQ(made->sendCommandString("ask", 1, &error), std::nullopt);
-    EXPECT_EQ(error->code(), 309);
-    EXPECT_EQ(error->description(), kSwapText);
+    EXPECT_EQ(codeOf(error), 309);
+    EXPECT_EQ(descriptionOf(error), kSwapText);
   };
   expectStillSwapped();
   ASSERT_TRUE(made->close());
@@ -180,7 +180,7 @@ TEST_F(ZPKCommStackSwapTest, NeitherCloseNorReopenNorANewChainClearsASwap) {
   ASSERT_TRUE(made->close());
   ZPKErrorPtr error;
   EXPECT_FALSE(made->enableECIDSwapDetectionWithECID(0xB, &error));
-  EXPECT_EQ(error->code(), 302);
+  EXPECT_EQ(codeOf(error), 302);
   made.base = ScriptedChannel::make();
   ASSERT_TRUE(made->createStackWithBaseChannel(made.base));
   expectStillSwapped();
@@ -201,7 +201,7 @@ TEST_F(ZPKCommStackSwapTest, ALaterSwapReplacesTheTextOfAnEarlierOne) {
   made.answer("", "[00000000:0000000C] :-) ");
   ZPKErrorPtr error;
   EXPECT_EQ(made->readDataWithTimeout(1, nullptr, &error), nullptr);
-  EXPECT_EQ(error->description(),
+  EXPECT_EQ(descriptionOf(error),
             "Expected ECID: [00000000:0000000A] Read ECID: [00000000:0000000C]");
 }
 
@@ -211,7 +211,7 @@ TEST_F(ZPKCommStackSwapTest, AClosedStackTellsThatFirst) {
   made.base->setOpened(false);
   ZPKErrorPtr error;
   EXPECT_EQ(made->readDataWithTimeout(1, nullptr, &error), nullptr);
-  EXPECT_EQ(error->code(), 304);
+  EXPECT_EQ(codeOf(error), 304);
 }
 
 TEST_F(ZPKCommStackSwapTest, APromptIsSeenHoweverItsBytesArrive) {

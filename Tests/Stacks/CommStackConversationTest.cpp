@@ -125,7 +125,7 @@ TEST_P(CommStackConversationTest, TimeoutsLeaveTheLineAsItWas) {
   for (int round = 0; round < 5; ++round) {
     ZPKErrorPtr error;
     EXPECT_EQ(stack->readDataWithTimeout(0.01, nullptr, &error), nullptr);
-    EXPECT_EQ(error->code(), 305);
+    EXPECT_EQ(codeOf(error), 305);
   }
   device->send("here=> ");
   EXPECT_EQ(read(), "here=> ");
@@ -175,7 +175,7 @@ TEST_P(CommStackConversationTest, ALateResponseAnswersTheNextCommand) {
   connect({.isSilent = true});
   ZPKErrorPtr error;
   EXPECT_EQ(stack->sendCommandString("first", 0.01, &error), std::nullopt);
-  EXPECT_EQ(error->code(), 305);
+  EXPECT_EQ(codeOf(error), 305);
   ASSERT_TRUE(device->waitForCommands(1));
   device->send("first answer=> ");
   ASSERT_TRUE(device->waitUntilAllIsSent());
@@ -190,7 +190,7 @@ TEST_P(CommStackConversationTest, HalfAResponseIsKeptPastATimeout) {
   ASSERT_TRUE(waitUntilHeld("first "));
   ZPKErrorPtr error;
   EXPECT_EQ(stack->readDataWithTimeout(0.01, nullptr, &error), nullptr);
-  EXPECT_EQ(error->code(), 305);
+  EXPECT_EQ(codeOf(error), 305);
   device->send("half=> ");
   EXPECT_EQ(read(), "first half=> ");
 }
@@ -249,7 +249,7 @@ TEST_P(CommStackConversationTest, AFloodIsCutAtTheDelimiterAndDoesNotKeepTheStac
   connect({.floods = true});
   ZPKErrorPtr error;
   EXPECT_EQ(stack->readDataWithTimeout(0.01, nullptr, &error), nullptr);
-  EXPECT_EQ(error->code(), 305);
+  EXPECT_EQ(codeOf(error), 305);
   EXPECT_FALSE(heldBytes().empty());
   EXPECT_TRUE(stack->setDelimiter("\r\n"));
   for (int line = 0; line < 100; ++line) {

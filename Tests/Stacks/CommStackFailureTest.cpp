@@ -65,10 +65,9 @@ TEST_P(CommStackFailureTest, APeerThatGoesInMidResponseFailsTheReadAndClosesTheS
   connect({.responses = {{"ask", "answer"}}, .hangsUpAfter = 3});
   ZPKErrorPtr error = olderError();
   EXPECT_EQ(ask("ask", &error), std::nullopt);
-  ASSERT_NE(error, nullptr);
-  EXPECT_THAT(error->description(), StartsWith("Read failed with error "));
+  EXPECT_THAT(descriptionOf(error), StartsWith("Read failed with error "));
   expectFailure(error, log,
-                {"zephal-communication", 5, error->description(), "zephal_communication_read",
+                {"zephal-communication", 5, descriptionOf(error), "zephal_communication_read",
                  "DescriptorOperation.cpp"});
   // A terminal that hangs up takes with it what was not read yet.
   EXPECT_THAT("ans", StartsWith(heldBytes()));
@@ -94,10 +93,10 @@ TEST_P(CommStackFailureTest, APeerThatIsGoneShowsAtTheNextReadThatWaits) {
   device->hangUp();
   ZPKErrorPtr error;
   EXPECT_EQ(stack->readDataWithTimeout(0, nullptr, &error), nullptr);
-  EXPECT_EQ(error->code(), 305);
+  EXPECT_EQ(codeOf(error), 305);
   EXPECT_EQ(stack->isOpen(), 1);
   EXPECT_EQ(read(&error), std::nullopt);
-  EXPECT_EQ(error->code(), 5);
+  EXPECT_EQ(codeOf(error), 5);
   expectFallen();
 }
 
@@ -119,10 +118,9 @@ TEST_P(CommStackFailureTest, AWriteToAPeerThatIsGoneFailsAndLeavesTheStackOpen) 
   ZPKErrorPtr error;
   // The first bytes can still find room on their way to a peer that has just gone.
   ASSERT_TRUE(waitFor([&] { return !stack->writeString("anybody?", &error); }));
-  ASSERT_NE(error, nullptr);
-  EXPECT_THAT(error->description(), StartsWith("Write failed with "));
+  EXPECT_THAT(descriptionOf(error), StartsWith("Write failed with "));
   expectFailure(error, log,
-                {"zephal-communication", 5, error->description(), "zephal_communication_write",
+                {"zephal-communication", 5, descriptionOf(error), "zephal_communication_write",
                  "DescriptorOperation.cpp"});
   EXPECT_EQ(stack->isOpen(), 1);
   log.clear();
@@ -168,7 +166,7 @@ TEST_P(CommStackFailureTest, AnOpenThatFailsMayBeTriedAgainAndLeavesNothingBehin
     ZPKErrorPtr error = olderError();
     EXPECT_FALSE(stack->openWithTimeout(1, &error));
     if (isTerminal()) {
-      EXPECT_EQ(error->code(), 4);
+      EXPECT_EQ(codeOf(error), 4);
       device->liftExclusiveHold();
     } else {
       EXPECT_EQ(error, olderError());
@@ -198,9 +196,9 @@ TEST_P(CommStackFailureTest, ASwappedDeviceFailsReadsAndCommandsButNotWrites) {
   EXPECT_EQ(error, olderError());
   EXPECT_TRUE(device->waitForReceived("after the swap\n"));
   EXPECT_EQ(read(&error), std::nullopt);
-  EXPECT_EQ(error->code(), 309);
+  EXPECT_EQ(codeOf(error), 309);
   EXPECT_EQ(stack->readDataWithTimeout(0, nullptr, &error), nullptr);
-  EXPECT_EQ(error->code(), 309);  // and not 305
+  EXPECT_EQ(codeOf(error), 309);  // and not 305
 }
 
 TEST_P(CommStackFailureTest, ASwapOutlastsCloseAndReopenUntilItIsCleared) {
@@ -212,7 +210,7 @@ TEST_P(CommStackFailureTest, ASwapOutlastsCloseAndReopenUntilItIsCleared) {
   open();
   ZPKErrorPtr error;
   EXPECT_EQ(ask("who", &error), std::nullopt);
-  EXPECT_EQ(error->description(), kSwapText);
+  EXPECT_EQ(descriptionOf(error), kSwapText);
   stack->setEcidSwapInformation(std::nullopt);
   EXPECT_EQ(ask("who"), kRightPrompt);
 }
@@ -236,7 +234,7 @@ TEST_P(CommStackFailureTest, ASwapIsSeenInAPromptThatTrickles) {
       {.prompt = kOtherPrompt, .pause = std::chrono::milliseconds(0), .trickles = true});
   ZPKErrorPtr error;
   EXPECT_EQ(ask("who", &error), std::nullopt);
-  EXPECT_EQ(error->code(), 309);
+  EXPECT_EQ(codeOf(error), 309);
 }
 
 // --- The stack goes, and sockets that were open before it came.
@@ -285,7 +283,7 @@ TEST_P(CommStackAdoptionTest, AnAdoptedSocketIsOpenAtOnceAndCannotBeOpenedAgain)
   EXPECT_EQ(ask("ask"), "=> ");
   ZPKErrorPtr error;
   EXPECT_FALSE(stack->openWithTimeout(1, &error));
-  EXPECT_EQ(error->code(), 303);
+  EXPECT_EQ(codeOf(error), 303);
   EXPECT_TRUE(stack->close());
   EXPECT_FALSE(isOpenDescriptor(socket));
   error = olderError();

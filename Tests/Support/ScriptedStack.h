@@ -34,6 +34,12 @@ inline std::optional<std::string> bytesOf(const ZPKDataPtr& data) {
   return std::string(data->view());
 }
 
+/// What an error says; 0 and "" for null, so that a test which misses an error fails and goes on.
+inline int codeOf(const ZPKErrorPtr& error) { return error == nullptr ? 0 : error->code(); }
+inline std::string descriptionOf(const ZPKErrorPtr& error) {
+  return error == nullptr ? std::string() : error->description();
+}
+
 /// An error that a scripted channel can fail with.
 inline ZPKErrorPtr errorFromBelow() {
   static const ZPKErrorPtr error =
