@@ -1,7 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <cstring>
 #include <thread>
 
 #include "Data Transformers/ZPKMutableDataAggregatorTransformer.h"
@@ -209,6 +212,42 @@ TEST(ZPKMutableDataAggregatorTransformerTest, ResetDropsTheBytesKeepsTheTerminat
   EXPECT_EQ(error, olderError());
   EXPECT_EQ(held(*aggregator), "");
   EXPECT_EQ(passed(*aggregator, "new;"), "new;");
+}
+
+// What a transport hands up when nothing waited at the start of its read.
+ZPKMutableDataPtr chunkInALargeBlock(std::string_view bytes) {
+  constexpr size_t kBlock = 65'536;
+  void* const block = std::malloc(kBlock);
+  std::memcpy(block, bytes.data(), bytes.size());
+  return ZPKMutableData::dataWithBytesNoCopy(block, bytes.size(), kBlock);
+}
+
+// The size of the block behind an empty buffer.
+size_t blockBehind(const ZPKMutableData& buffer) {
+  EXPECT_EQ(buffer.length(), 0U);
+  return ::malloc_usable_size(const_cast<uint8_t*>(buffer.bytes()));
+}
+
+// Stations hold hundreds of idle channels.
+TEST(ZPKMutableDataAggregatorTransformerTest, AnIdleAggregatorKeepsNoLargeBlock) {
+  const auto aggregator = cuttingAt("> ");
+  for (const char* part : {"half", "> "}) aggregator->modifyData(chunkInALargeBlock(part).get());
+  EXPECT_LE(blockBehind(*aggregator->buffer()), 1024U);
+
+  for (const char* part : {"a", "> b", "> "}) {
+    aggregator->modifyData(chunkInALargeBlock(part).get());
+  }
+  EXPECT_LE(blockBehind(*aggregator->buffer()), 1024U);
+
+  aggregator->modifyData(chunkInALargeBlock("half").get());
+  aggregator->setData2Find(nullptr);
+  aggregator->modifyData(chunkInALargeBlock("rest").get());
+  EXPECT_LE(blockBehind(*aggregator->buffer()), 1024U);
+
+  aggregator->setData2Find(dataOf("> "));
+  passed(*aggregator, std::string(1'000'000, 'x'));
+  aggregator->reset();
+  EXPECT_LE(blockBehind(*aggregator->buffer()), 1024U);
 }
 
 TEST(ZPKMutableDataAggregatorTransformerTest, NoOperationLogs) {
