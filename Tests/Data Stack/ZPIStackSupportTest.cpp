@@ -34,6 +34,27 @@ TEST(ZPIStackSupportTest, ANullNumberCountsAsFalse) {
   EXPECT_TRUE(ZPIBoolOf(2));
 }
 
+TEST(ZPIStackSupportTest, ANullStringStaysNullAndAnEmptyOneEmpty) {
+  EXPECT_EQ(ZPIStringOf(std::nullopt), std::nullopt);
+  EXPECT_EQ(ZPIStringOf(""), "");
+  EXPECT_EQ(ZPIStringOf("path"), "path");
+}
+
+TEST(ZPIStackSupportTest, ANullPathLeavesTheChannelAsItIs) {
+  const ZPKDataChannelPtr channel = ScriptedChannel::make();
+  EXPECT_EQ(ZPIWithLog(channel, std::nullopt, "post", nullptr), channel);
+}
+
+TEST(ZPIStackSupportTest, APathPutsTheChannelIntoALogWhichIsNotOpenedYet) {
+  const ZPKDataChannelPtr channel = ScriptedChannel::make();
+  ZPKErrorPtr error = olderError();
+  const ZPKDataChannelPtr logged = ZPIWithLog(channel, "/nowhere/at/all.log", "post", &error);
+  ASSERT_NE(logged, nullptr);
+  EXPECT_NE(logged, channel);
+  EXPECT_TRUE(logged->isOpened());
+  EXPECT_EQ(error, olderError());
+}
+
 TEST(ZPIStackSupportTest, ANullChainIsNotOpen) {
   EXPECT_FALSE(ZPIIsOpened(nullptr));
   EXPECT_TRUE(ZPIIsOpened(ScriptedChannel::make()));
