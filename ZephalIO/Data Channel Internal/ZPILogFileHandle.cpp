@@ -40,34 +40,29 @@ sigset_t signalsOfWriting() {
   return signals;
 }
 
-bool isPending(int signal) {
-  sigset_t pending;
-  ::sigemptyset(&pending);
-  ::sigpending(&pending);
-  return ::sigismember(&pending, signal) == 1;
+sigset_t pendingSignals() {
+  sigset_t signals;
+  ::sigemptyset(&signals);
+  ::sigpending(&signals);
+  return signals;
 }
+
+bool contains(const sigset_t& signals, int signal) { return ::sigismember(&signals, signal) == 1; }
 
 // Lets a write fail with its errno alone: the default action of these signals ends the process, and
 // a log is never worth that.
 class WithoutSignalsOfWriting {
  public:
-  WithoutSignalsOfWriting()
-      : _blocked(signalsOfWriting()),
-        _hadFileSizeSignal(_blocked.wasBlocked(SIGXFSZ) && isPending(SIGXFSZ)),
-        _hadPipeSignal(_blocked.wasBlocked(SIGPIPE) && isPending(SIGPIPE)) {}
-  WithoutSignalsOfWriting(const WithoutSignalsOfWriting&) = delete;
-  WithoutSignalsOfWriting& operator=(const WithoutSignalsOfWriting&) = delete;
-
   /// Takes away the signal that a failed write has just raised on this thread. One that was waiting
   /// before is somebody else's and stays.
   void discardSignalOf(int errorNumber) {
-    if (errorNumber == EFBIG && !_hadFileSizeSignal) discard(SIGXFSZ);
-    if (errorNumber == EPIPE && !_hadPipeSignal) discard(SIGPIPE);
+    if (errorNumber == EFBIG) discard(SIGXFSZ);
+    if (errorNumber == EPIPE) discard(SIGPIPE);
   }
 
  private:
-  static void discard(int signal) {
-    if (!isPending(signal)) return;
+  void discard(int signal) {
+    if (contains(_pendingBefore, signal) || !contains(pendingSignals(), signal)) return;
     sigset_t signals;
     ::sigemptyset(&signals);
     ::sigaddset(&signals, signal);
@@ -75,9 +70,8 @@ class WithoutSignalsOfWriting {
     ::sigwait(&signals, &taken);
   }
 
-  const ZPIBlockedSignals _blocked;
-  const bool _hadFileSizeSignal;
-  const bool _hadPipeSignal;
+  const ZPIBlockedSignals _blocked{signalsOfWriting()};
+  const sigset_t _pendingBefore = pendingSignals();
 };
 
 // The chunks of one locked write that are not out yet.

@@ -13,9 +13,6 @@ class ZPIBlockedSignals {
   ZPIBlockedSignals& operator=(const ZPIBlockedSignals&) = delete;
   ~ZPIBlockedSignals() { ::pthread_sigmask(SIG_SETMASK, &_before, nullptr); }
 
-  /// Whether the thread had `signal` blocked already.
-  bool wasBlocked(int signal) const { return ::sigismember(&_before, signal) == 1; }
-
  private:
   sigset_t _before;
 };
