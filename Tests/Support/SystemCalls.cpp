@@ -28,6 +28,15 @@
 
 #include "Support/TerminalState.h"
 
+// The two compilers tell it in two ways.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define HAS_SANITIZER
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define HAS_SANITIZER
+#endif
+#endif
+
 // The linker's names for the calls themselves.
 extern "C" {
 int __real_select(int, fd_set*, fd_set*, fd_set*, timeval*);
@@ -307,7 +316,7 @@ void addPlan(Plan plan) {
   state.plans.push_back(std::move(plan));
 }
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef HAS_SANITIZER
 constexpr bool hasOwnNew = false;
 #else
 constexpr bool hasOwnNew = true;
@@ -622,7 +631,7 @@ void* __wrap__Znwm(size_t size) {
 
 }  // extern "C"
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#ifndef HAS_SANITIZER
 // For the whole process, the C++ library included. The sanitizers need their own.
 void* operator new(size_t size) {
   void* const block = std::malloc(size == 0 ? 1 : size);
