@@ -54,21 +54,12 @@ bool spinUntil(const std::function<bool()>& condition) {
   return true;
 }
 
-// What a line tells about itself after it has gone.
-struct LineEnd {
-  std::atomic<bool> isDestroyed{false};
-  std::thread::id destroyedOn;
-};
-
-// A line that fails as soon as it may, and tells on which thread it goes.
+// An open line that fails as soon as it may, and tells on which thread it goes.
 class MortalLine final : public ZPKDataChannel {
  public:
-  MortalLine(std::shared_future<void> mayFail, std::shared_ptr<LineEnd> end)
-      : _mayFail(std::move(mayFail)), _end(std::move(end)) {}
-  ~MortalLine() override {
-    _end->destroyedOn = std::this_thread::get_id();
-    _end->isDestroyed = true;
-  }
+  MortalLine(std::shared_future<void> mayFail, std::promise<std::thread::id>* end)
+      : _mayFail(std::move(mayFail)), _end(end) {}
+  ~MortalLine() override { _end->set_value(std::this_thread::get_id()); }
 
   bool openWithTimeout(double, ZPKErrorPtr*) override { return true; }
   bool close(ZPKErrorPtr*) override { return true; }
@@ -82,7 +73,7 @@ class MortalLine final : public ZPKDataChannel {
 
  private:
   const std::shared_future<void> _mayFail;
-  const std::shared_ptr<LineEnd> _end;
+  std::promise<std::thread::id>* const _end;
 };
 
 // --- Letting go
@@ -118,30 +109,29 @@ TEST(ZPIActiveChannelLifeTest, ClosingBelowFreesAChannelThatWasDropped) {
 
 TEST(ZPIActiveChannelLifeTest, TheLastReferenceMayGoOnTheThreadItself) {
   for (int round = 0; round < 100; ++round) {
-    const auto end = std::make_shared<LineEnd>();
     std::promise<void> mayFail;
-    std::weak_ptr<ZPIActiveChannel> weak;
-    {
-      auto line = std::make_shared<MortalLine>(mayFail.get_future().share(), end);
-      weak = openOver(line);
-    }
+    std::promise<std::thread::id> end;
+    std::future<std::thread::id> destroyedOn = end.get_future();
+    const std::weak_ptr<ZPIActiveChannel> weak = ZPIActiveChannel::initWithChannel(
+        std::make_shared<MortalLine>(mayFail.get_future().share(), &end), true);
     ASSERT_FALSE(weak.expired());
     mayFail.set_value();
-    ASSERT_TRUE(spinUntil([&] { return end->isDestroyed.load(); }));
+    ASSERT_EQ(destroyedOn.wait_for(kPatience), std::future_status::ready);
+    EXPECT_NE(destroyedOn.get(), std::this_thread::get_id());
     EXPECT_TRUE(weak.expired());
-    EXPECT_NE(end->destroyedOn, std::this_thread::get_id());
   }
 }
 
 TEST(ZPIActiveChannelLifeTest, TheLastReferenceAndTheFailureMayMeet) {
   for (int round = 0; round < 300; ++round) {
-    const auto end = std::make_shared<LineEnd>();
     std::promise<void> mayFail;
-    auto channel =
-        openOver(std::make_shared<MortalLine>(mayFail.get_future().share(), end), round % 2 == 0);
+    std::promise<std::thread::id> end;
+    std::future<std::thread::id> destroyedOn = end.get_future();
+    auto channel = ZPIActiveChannel::initWithChannel(
+        std::make_shared<MortalLine>(mayFail.get_future().share(), &end), round % 2 == 0);
     mayFail.set_value();
     channel = nullptr;
-    ASSERT_TRUE(spinUntil([&] { return end->isDestroyed.load(); }));
+    ASSERT_EQ(destroyedOn.wait_for(kPatience), std::future_status::ready);
   }
 }
 
@@ -272,6 +262,7 @@ TEST(ZPIActiveChannelLifeTest, AThreadThatSleptThroughAReopeningReadsNoMore) {
 TEST(ZPIActiveChannelLifeTest, TenThousandReconnectionsLeaveNothingBehind) {
   constexpr int kWarmUp = 1000;
   constexpr int kRounds = 10000;
+  const LogCapture log;
   const auto line = WaitingChannel::make();
   line->failEveryRead(deviceError());
   const auto channel = ZPIActiveChannel::initWithChannel(line, true);
@@ -280,7 +271,8 @@ TEST(ZPIActiveChannelLifeTest, TenThousandReconnectionsLeaveNothingBehind) {
   for (int round = 0; round < kRounds; ++round) {
     if (round == kWarmUp) memory = processStatus("VmRSS");
     channel->openWithTimeout(1.0, nullptr);
-    ASSERT_TRUE(spinUntil([&] { return !channel->isOpened(); }));
+    ASSERT_EQ(channel->readWithTimeout(kForever, nullptr), nullptr);
+    ASSERT_FALSE(channel->isOpened());
   }
   EXPECT_TRUE(waitFor([&] { return processStatus("Threads") <= threads; }));
   EXPECT_EQ(line->count("open"), static_cast<size_t>(kRounds));
@@ -292,6 +284,7 @@ TEST(ZPIActiveChannelLifeTest, TenThousandReconnectionsLeaveNothingBehind) {
 TEST(ZPIActiveChannelLifeTest, ChannelsThatGoWithAnEndedThreadLeaveNothingBehind) {
   constexpr int kWarmUp = 500;
   constexpr int kRounds = 5000;
+  const LogCapture log;
   const size_t threads = processStatus("Threads");
   size_t memory = 0;
   for (int round = 0; round < kRounds; ++round) {
@@ -299,7 +292,7 @@ TEST(ZPIActiveChannelLifeTest, ChannelsThatGoWithAnEndedThreadLeaveNothingBehind
     const auto line = WaitingChannel::make();
     line->failEveryRead(deviceError());
     const auto channel = openOver(line);
-    ASSERT_TRUE(spinUntil([&] { return channel.use_count() == 1; }));
+    ASSERT_EQ(channel->readWithTimeout(kForever, nullptr), nullptr);
   }
   EXPECT_TRUE(waitFor([&] { return processStatus("Threads") <= threads; }));
   if (isMemoryComparable()) {

@@ -294,7 +294,7 @@ TEST(DataBufferChannelTest, LosesAndDoublesNothingWhileTimeoutsAndBytesMeet) {
     for (size_t index = 0; index < kBytes; ++index) {
       const auto value = static_cast<uint8_t>(index);
       queue.Send(&value, 1);
-      if (index % 16 == 0) std::this_thread::yield();
+      if (index % 1000 == 0) std::this_thread::yield();
     }
   });
   std::string received;
