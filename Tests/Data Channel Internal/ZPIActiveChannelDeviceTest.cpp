@@ -1,0 +1,281 @@
+// The active channel in a chain as a stack builds it, over each kind of line.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Data Channel/ZPKDataChannelDecorators.h"
+#include "Data Transformers/ZPKMutableDataAggregatorTransformer.h"
+#include "Support/ErrorExpectations.h"
+#include "Support/EventWait.h"
+#include "Support/LogCapture.h"
+#include "Support/SimulatedDevice.h"
+#include "Support/SystemCalls.h"
+#include "Utility/ZPKReportFailure.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Kind = SimulatedDevice::Kind;
+using testing::Each;
+
+constexpr double kNow = 0.0;
+constexpr double kForever = -1.0;
+constexpr double kLong = 30.0;
+constexpr const char* kPrompt = "=> ";
+
+std::string nameOf(const testing::TestParamInfo<Kind>& info) {
+  switch (info.param) {
+    case Kind::kTerminal: return "Terminal";
+    case Kind::kTCP: return "TCP";
+    case Kind::kUnix: return "Unix";
+  }
+  return "";
+}
+
+ZPKDataChannelPtr activeOver(const SimulatedDevice& device) {
+  return createActiveChannel(createBaseChannelWithTransport(device.url()));
+}
+
+// Passive, aggregating, active, transport: a comm stack's chain below its transformers.
+ZPKDataChannelPtr chainOver(const ZPKDataChannelPtr& active) {
+  const auto aggregator =
+      ZPKMutableDataAggregatorTransformer::initWithTerminator(ZPKData::dataWithString(kPrompt));
+  return createPassiveChannel(createAggregatingTransformerChannel(active, aggregator));
+}
+
+bool write(const ZPKDataChannelPtr& channel, std::string_view text) {
+  return channel->write(ZPKData::dataWithString(text));
+}
+
+std::string read(const ZPKDataChannelPtr& channel, double timeout) {
+  const ZPKDataPtr data = channel->readWithTimeout(timeout);
+  return data == nullptr ? "(null)" : std::string(data->view());
+}
+
+class ZPIActiveChannelDeviceTest : public testing::TestWithParam<Kind> {};
+
+INSTANTIATE_TEST_SUITE_P(Lines, ZPIActiveChannelDeviceTest,
+                         testing::Values(Kind::kTerminal, Kind::kTCP, Kind::kUnix), nameOf);
+
+TEST_P(ZPIActiveChannelDeviceTest, CommandsAreAnsweredOneAfterTheOther) {
+  SimulatedDevice device(GetParam(),
+                         {.respond = [](const std::string& command) { return command + "!\n"; }});
+  const ZPKDataChannelPtr chain = chainOver(activeOver(device));
+  ASSERT_TRUE(chain->openWithTimeout(1.0));
+  for (int number = 0; number < 100; ++number) {
+    const std::string command = "command " + std::to_string(number);
+    ASSERT_TRUE(write(chain, command + "\n"));
+    ASSERT_EQ(read(chain, kLong), command + "!\n=> ");
+  }
+  EXPECT_TRUE(chain->close());
+}
+
+TEST_P(ZPIActiveChannelDeviceTest, UnitsThatCameTogetherAreHandedUpOneByOne) {
+  SimulatedDevice device(GetParam());
+  const ZPKDataChannelPtr chain = chainOver(activeOver(device));
+  ASSERT_TRUE(chain->openWithTimeout(1.0));
+  device.send("one=> two=> thr");
+  device.send("ee=> ");
+  EXPECT_EQ(read(chain, kLong), "one=> ");
+  EXPECT_EQ(read(chain, kLong), "two=> ");
+  EXPECT_EQ(read(chain, kLong), "three=> ");
+  EXPECT_EQ(read(chain, kNow), "");
+  EXPECT_TRUE(chain->close());
+}
+
+TEST_P(ZPIActiveChannelDeviceTest, TheDeviceIsDrainedWhileNobodyReads) {
+  // More than any line holds on its way.
+  std::string sent;
+  for (int line = 0; sent.size() < 1000000; ++line) sent += std::to_string(line) + "\r\n";
+  SimulatedDevice device(GetParam());
+  const ZPKDataChannelPtr channel = activeOver(device);
+  ASSERT_TRUE(channel->openWithTimeout(1.0));
+  device.send(sent);
+  EXPECT_TRUE(device.waitUntilAllIsSent());
+  std::string received;
+  while (received.size() < sent.size()) {
+    const ZPKDataPtr data = channel->readWithTimeout(kLong);
+    ASSERT_TRUE(data != nullptr && data->length() > 0) << received.size();
+    received += data->view();
+  }
+  EXPECT_TRUE(received == sent);
+  EXPECT_TRUE(channel->close());
+}
+
+TEST_P(ZPIActiveChannelDeviceTest, TheNullFormDrainsTheDeviceToo) {
+  SimulatedDevice device(GetParam());
+  const ZPKDataChannelPtr channel =
+      createActiveNullChannel(createBaseChannelWithTransport(device.url()));
+  ASSERT_TRUE(channel->openWithTimeout(1.0));
+  device.send(std::string(1000000, 'x'));
+  EXPECT_TRUE(device.waitUntilAllIsSent());
+  EXPECT_TRUE(channel->close());
+}
+
+TEST_P(ZPIActiveChannelDeviceTest, ItClosesInTheMiddleOfAFlood) {
+  SimulatedDevice device(GetParam(), {.floods = true});
+  const ZPKDataChannelPtr transport = createBaseChannelWithTransport(device.url());
+  const ZPKDataChannelPtr channel = createActiveChannel(transport);
+  for (int round = 0; round < 10; ++round) {
+    ASSERT_TRUE(channel->openWithTimeout(1.0));
+    std::future<bool> reader = std::async(std::launch::async, [&channel] {
+      while (channel->readWithTimeout(kForever) != nullptr) {
+      }
+      return true;
+    });
+    ASSERT_NE(read(channel, kNow), "(null)");
+    EXPECT_TRUE(channel->close());
+    ASSERT_EQ(reader.wait_for(kPatience), std::future_status::ready);
+    EXPECT_FALSE(transport->isOpened());
+    if (GetParam() == Kind::kTerminal) device.liftExclusiveHold();
+  }
+}
+
+TEST_P(ZPIActiveChannelDeviceTest, ItCanBeOpenedAgain) {
+  SimulatedDevice device(GetParam(), {.responses = {{"version", "1.0\n"}}});
+  const ZPKDataChannelPtr chain = chainOver(activeOver(device));
+  for (int round = 0; round < 5; ++round) {
+    ASSERT_TRUE(chain->openWithTimeout(1.0));
+    ASSERT_TRUE(write(chain, "version\n"));
+    EXPECT_EQ(read(chain, kLong), "1.0\n=> ");
+    EXPECT_TRUE(chain->close());
+    EXPECT_TRUE(chain->reset());
+    if (GetParam() == Kind::kTerminal) device.liftExclusiveHold();
+  }
+}
+
+TEST_P(ZPIActiveChannelDeviceTest, ADeviceThatGoesIsReportedByCloseWithTheTransportsWords) {
+  SimulatedDevice device(GetParam());
+  const ZPKDataChannelPtr transport = createBaseChannelWithTransport(device.url());
+  const ZPKDataChannelPtr channel = createActiveChannel(transport);
+  ASSERT_TRUE(channel->openWithTimeout(1.0));
+  if (GetParam() != Kind::kTerminal) {
+    ASSERT_TRUE(device.waitForConnections(1));
+  }
+  const LogCapture log;
+  device.hangUp();
+  ASSERT_TRUE(waitFor([&] { return !transport->isOpened(); }));
+  // The first closes may come ahead of the error, which is stored last.
+  ZPKErrorPtr error;
+  ASSERT_TRUE(waitFor([&] {
+    EXPECT_FALSE(channel->close(&error));
+    return error->description() != "Device Already Closed";
+  }));
+  const std::string words = error->description();
+  EXPECT_THAT(words, testing::StartsWith("Read failed with error "));
+  expectError(error, {"zephal-communication", 2, words, "zephal_communication_read",
+                      "DescriptorOperation.cpp"});
+  EXPECT_EQ(log.count(words), 1U);
+  EXPECT_FALSE(channel->close(&error));
+  EXPECT_EQ(error->description(), words);
+  EXPECT_EQ(channel->readWithTimeout(kForever, &error), nullptr);
+  EXPECT_EQ(error->description(), "Cannot communicate with closed devices");
+}
+
+TEST_P(ZPIActiveChannelDeviceTest, ADeviceThatGoesEndsAReadThatWaitsForever) {
+  SimulatedDevice device(GetParam());
+  const ZPKDataChannelPtr chain = chainOver(activeOver(device));
+  ASSERT_TRUE(chain->openWithTimeout(1.0));
+  if (GetParam() != Kind::kTerminal) {
+    ASSERT_TRUE(device.waitForConnections(1));
+  }
+  std::future<ZPKDataPtr> reader =
+      std::async(std::launch::async, [&chain] { return chain->readWithTimeout(kForever); });
+  device.hangUp();
+  ASSERT_EQ(reader.wait_for(kPatience), std::future_status::ready);
+  EXPECT_EQ(reader.get(), nullptr);
+  EXPECT_FALSE(chain->isOpened());
+}
+
+TEST_P(ZPIActiveChannelDeviceTest, ItIsOpenAtOnceOverAnOpenTransport) {
+  SimulatedDevice device(GetParam(), {.responses = {{"version", "1.0\n"}}});
+  const ZPKDataChannelPtr transport = createBaseChannelWithTransport(device.url());
+  ASSERT_TRUE(transport->openWithTimeout(1.0));
+  const ZPKDataChannelPtr chain = chainOver(createActiveChannel(transport));
+  EXPECT_TRUE(chain->isOpened());
+  ASSERT_TRUE(write(chain, "version\n"));
+  EXPECT_EQ(read(chain, kLong), "1.0\n=> ");
+  EXPECT_TRUE(chain->close());
+  EXPECT_FALSE(transport->isOpened());
+}
+
+// A wake-up is one question for waiting bytes and one wait of a slice; nothing is allocated.
+TEST_P(ZPIActiveChannelDeviceTest, AnIdleChannelDoesNothingBetweenItsSlices) {
+  constexpr size_t kSlices = 8;
+  SimulatedDevice device(GetParam());
+  const ZPKDataChannelPtr channel = activeOver(device);
+  ASSERT_TRUE(channel->openWithTimeout(1.0));
+  SystemCalls calls(SystemCalls::Threads::kAll);
+  const Clock::time_point start = Clock::now();
+  ASSERT_TRUE(waitFor([&] { return calls.count("select") > kSlices; }));
+  const auto elapsed = Clock::now() - start;
+  const std::vector<std::string> texts = calls.texts();
+  EXPECT_EQ(calls.allocations(), 0U);
+  EXPECT_THAT(texts, Each(testing::AnyOf("ioctl FIONREAD", "select 0.033333")));
+  const auto ioctls = std::count(texts.begin(), texts.end(), "ioctl FIONREAD");
+  const auto selects = std::count(texts.begin(), texts.end(), "select 0.033333");
+  EXPECT_LE(std::abs(ioctls - selects), 1);
+  // Between the starts of nine waits lie eight whole ones; a little less, since clocks differ.
+  EXPECT_GE(elapsed, std::chrono::milliseconds(30) * (kSlices - 1));
+  EXPECT_TRUE(channel->close());
+}
+
+class ZPIActiveChannelConnectionTest : public testing::TestWithParam<Kind> {};
+
+INSTANTIATE_TEST_SUITE_P(Lines, ZPIActiveChannelConnectionTest,
+                         testing::Values(Kind::kTCP, Kind::kUnix), nameOf);
+
+TEST_P(ZPIActiveChannelConnectionTest, ItReconnectsAfterADeviceThatWent) {
+  SimulatedDevice device(GetParam(), {.responses = {{"version", "1.0\n"}}});
+  const ZPKDataChannelPtr chain = chainOver(activeOver(device));
+  const LogCapture log;
+  for (size_t round = 1; round <= 20; ++round) {
+    ASSERT_TRUE(chain->openWithTimeout(1.0));
+    ASSERT_TRUE(device.waitForConnections(round));
+    ASSERT_TRUE(write(chain, "version\n"));
+    ASSERT_EQ(read(chain, kLong), "1.0\n=> ");
+    device.hangUp();
+    ASSERT_TRUE(waitFor([&] { return !chain->isOpened(); }));
+  }
+}
+
+TEST(ZPIActiveChannelSocketTest, ACloseMeetsTheEndOfTheConnection) {
+  constexpr std::chrono::seconds kLimit{100};
+  const LogCapture log;
+  const Clock::time_point deadline = Clock::now() + kLimit;
+  for (int round = 0; round < 200; ++round) {
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    const ZPKDataChannelPtr channel =
+        createActiveChannel(createActiveTCPChannelWithSocket(ends[0]));
+    std::future<bool> reader = std::async(std::launch::async, [&channel] {
+      while (channel->readWithTimeout(kForever) != nullptr) {
+      }
+      return true;
+    });
+    std::thread peer([end = ends[1]] {
+      EXPECT_EQ(::send(end, "bye", 3, MSG_NOSIGNAL), 3);
+      ::close(end);
+    });
+    ZPKErrorPtr error;
+    if (!channel->close(&error)) {
+      EXPECT_EQ(error->code(), 2);
+    }
+    EXPECT_FALSE(channel->isOpened());
+    peer.join();
+    ASSERT_EQ(reader.wait_until(deadline), std::future_status::ready) << round;
+  }
+}
+
+}  // namespace
