@@ -3,6 +3,7 @@
 
 #include "Data Channel/ZPKDataChannel.h"
 #include "Data Channel/ZPKDataChannelDecorators.h"
+#include "Data Channel/ZPKDataChannelManager.h"
 #include "Data Channel/ZPKDataDefaultSerializer.h"
 #include "Data Channel/ZPKDataSerializer.h"
 #include "Data Server/ZPKDataServer.h"

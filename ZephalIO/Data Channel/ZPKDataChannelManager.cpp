@@ -1,0 +1,162 @@
+#include "Data Channel/ZPKDataChannelManager.h"
+
+#include <pthread.h>
+
+#include <array>
+#include <cstdio>
+#include <string>
+#include <utility>
+
+#include "Data Channel/ZPKDataDefaultSerializer.h"
+#include "Utility/ZPIThreadHelpers.h"
+#include "Utility/ZPIThreadName.h"
+#include "Utility/ZPKReportFailure.h"
+
+namespace {
+
+using Operation = ZPKDataChannelManagerDelegate::Operation;
+
+constexpr double kReadTimeout = 1000.0;
+constexpr const char* kLoopThreadName = "zephalbench.ZPKdataChannelManager.recv";
+
+}  // namespace
+
+ZPKDataChannelManagerPtr ZPKDataChannelManager::managerWithDataChannel(
+    const ZPKDataChannelPtr& dataChannel, const ZPKDataChannelManagerDelegatePtr& delegate,
+    bool option, ZPKErrorPtr* error, const ZPKDataSerializerPtr& deserializer) {
+  const auto refuse = [error](const char* reason) {
+    ZPKReportFailure(error, kZPICommunicationDomain, 9,
+                     {"+[ZPKDataChannelManager "
+                      "managerWithDataChannel:delegate:option:error:deserializer:]"},
+                     reason);
+    return nullptr;
+  };
+  if (dataChannel == nullptr) return refuse("dataChannel cannot be nil");
+  if (delegate == nullptr) return refuse("Delegate cannot be nil");
+  auto manager = init();
+  manager->setDelegate(delegate);
+  manager->setZPKdataChannelManagerReceiveUndetached(option);
+  manager->setDataChannel(dataChannel);
+  manager->setDeserializer(deserializer);
+  return manager;
+}
+
+ZPKDataChannelManagerPtr ZPKDataChannelManager::managerWithDataChannel(
+    const ZPKDataChannelPtr& dataChannel, const ZPKDataChannelManagerDelegatePtr& delegate,
+    bool option, const ZPKDataSerializerPtr& deserializer) {
+  return managerWithDataChannel(dataChannel, delegate, option, nullptr, deserializer);
+}
+
+ZPKDataChannelManagerPtr ZPKDataChannelManager::managerWithDataChannel(
+    const ZPKDataChannelPtr& dataChannel, const ZPKDataChannelManagerDelegatePtr& delegate,
+    const ZPKDataSerializerPtr& deserializer) {
+  return managerWithDataChannel(dataChannel, delegate, false, deserializer);
+}
+
+ZPKDataChannelManagerPtr ZPKDataChannelManager::managerWithDataChannel(
+    const ZPKDataChannelPtr& dataChannel, const ZPKDataChannelManagerDelegatePtr& delegate) {
+  return managerWithDataChannel(dataChannel, delegate, false, nullptr,
+                                ZPKDataDefaultSerializer::init());
+}
+
+ZPKDataChannelManagerPtr ZPKDataChannelManager::init() {
+  return std::make_shared<ZPKDataChannelManager>(Key());
+}
+
+ZPKDataChannelManager::ZPKDataChannelManager(Key)
+    : _deserializer(ZPKDataDefaultSerializer::init()) {}
+
+bool ZPKDataChannelManager::listen(ZPKErrorPtr* /*error*/) {
+  if (started()) return false;
+  // The loop holds the manager, since a delegate may let go of the caller's last reference.
+  const auto loop = [self = shared_from_this()] { self->receive_loop(); };
+  if (ZPKdataChannelManagerReceiveUndetached()) {
+    loop();
+    return true;
+  }
+  pthread_t thread{};
+  newThreadWithBlock(&thread, loop);
+  if (!isThread(thread)) return false;
+  pthread_detach(thread);
+  return true;
+}
+
+void ZPKDataChannelManager::disconnect() {
+  const ZPKDataChannelPtr channel = dataChannel();
+  if (channel == nullptr) return;
+  ZPKErrorPtr error;
+  channel->close(&error);
+}
+
+std::string ZPKDataChannelManager::description() const {
+  std::array<char, 64> text{};
+  std::snprintf(text.data(), text.size(), "<%s %p>", "ZPKDataChannelManager",
+                static_cast<const void*>(this));
+  return text.data();
+}
+
+bool ZPKDataChannelManager::ZPKdataChannelManagerReceiveUndetached() const {
+  return _ZPKdataChannelManagerReceiveUndetached.load(std::memory_order_relaxed);
+}
+
+void ZPKDataChannelManager::setZPKdataChannelManagerReceiveUndetached(bool undetached) {
+  _ZPKdataChannelManagerReceiveUndetached.store(undetached, std::memory_order_relaxed);
+}
+
+void ZPKDataChannelManager::setDeserializer(ZPKDataSerializerPtr deserializer) {
+  _deserializer.store(std::move(deserializer));
+}
+
+std::vector<ZPKDataChannelPtr> ZPKDataChannelManager::managed_dataChannels() const {
+  return _managed_dataChannels.load();
+}
+
+void ZPKDataChannelManager::setManaged_dataChannels(std::vector<ZPKDataChannelPtr> channels) {
+  _managed_dataChannels.store(std::move(channels));
+}
+
+void ZPKDataChannelManager::receive_loop() {
+  ZPINameThisThread(kLoopThreadName);
+  setStarted(true);
+  while (receiveOne()) {
+  }
+  setStarted(false);
+  if (const auto delegate = delegateFor(Operation::DidDisconnect)) {
+    delegate->didDisconnect(shared_from_this(), dataChannel(), nullptr);
+  }
+}
+
+// One read and what becomes of it; false if that ends the loop.
+bool ZPKDataChannelManager::receiveOne() {
+  const ZPKDataPtr data = read();
+  if (!shouldDeserialize(data)) return true;
+  const ZPKObjectPtr message = deserialize(data);
+  if (message == nullptr) return false;
+  if (const auto delegate = delegateFor(Operation::DidReceiveMessage)) {
+    delegate->didReceiveMessage(shared_from_this(), dataChannel(), message);
+  }
+  return true;
+}
+
+ZPKDataPtr ZPKDataChannelManager::read() const {
+  const ZPKDataChannelPtr channel = dataChannel();
+  if (channel == nullptr) return nullptr;
+  ZPKErrorPtr error;
+  return channel->readWithTimeout(kReadTimeout, &error);
+}
+
+bool ZPKDataChannelManager::shouldDeserialize(const ZPKDataPtr& data) {
+  const auto delegate = delegateFor(Operation::ShouldDeserializeData);
+  return delegate == nullptr ||
+         delegate->shouldDeserializeData(shared_from_this(), dataChannel(), data);
+}
+
+ZPKObjectPtr ZPKDataChannelManager::deserialize(const ZPKDataPtr& data) const {
+  const ZPKDataSerializerPtr serializer = deserializer();
+  return serializer == nullptr ? nullptr : serializer->deserialize(data);
+}
+
+ZPKDataChannelManagerDelegatePtr ZPKDataChannelManager::delegateFor(Operation operation) const {
+  auto current = delegate();
+  return current != nullptr && current->implements(operation) ? current : nullptr;
+}
