@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -15,12 +16,15 @@
 #include <utility>
 #include <vector>
 
+#include "Data Channel/ZPKDataChannelDecorators.h"
 #include "Data Channel/ZPKDataChannelManager.h"
 #include "Data Channel/ZPKDataDefaultSerializer.h"
 #include "Support/ErrorExpectations.h"
 #include "Support/EventWait.h"
 #include "Support/LogCapture.h"
 #include "Support/ScriptedChannel.h"
+#include "Support/ThreadCalls.h"
+#include "Support/TransportPeer.h"
 #include "Utility/ZPKDictionary.h"
 #include "Utility/ZPKString.h"
 
@@ -728,6 +732,99 @@ TEST(ZPKDataChannelManagerTest, PropertiesMayBeReplacedBesideARunningLoop) {
     manager->setManaged_dataChannels({channel});
   }
   letGo(&manager);
+}
+
+TEST(ZPKDataChannelManagerTest, ListenIsFalseIfTheSystemHasNoThread) {
+  const LogCapture log;
+  const auto channel = ScriptedChannel::make();
+  const auto delegate = Recorder::make();
+  const auto manager = makeManager(channel, delegate, kDetached);
+  ZPKErrorPtr error = olderError();
+  {
+    const RefusedThreads refused;
+    EXPECT_FALSE(manager->listen(&error));
+  }
+  EXPECT_EQ(error, olderError());
+  EXPECT_FALSE(manager->started());
+  EXPECT_EQ(manager.use_count(), 1);
+  EXPECT_TRUE(channel->calls().empty());
+  EXPECT_TRUE(log.lines().empty());
+}
+
+// --- Over a real connection.
+
+// Reads and writes whole packets with their size in two bytes; can be closed during a read.
+ZPKDataChannelPtr makeFramed(const ZPKDataChannelPtr& transport) {
+  return createPassiveChannel(createChannelTransformerWithPreCall(
+      createActiveChannel(transport), {createPacketAggregatorTransformer(2)},
+      {createPacketPrependTransformer(2)}));
+}
+
+std::string packet(const ZPKValue& value) {
+  const std::string payload(archive(value)->view());
+  return {std::string{static_cast<char>(payload.size() >> 8), static_cast<char>(payload.size())} +
+          payload};
+}
+
+TEST(ZPKDataChannelManagerTest, DisconnectOnAnotherThreadEndsALoopThatWaitsOnAnActiveChannel) {
+  const LogCapture log;
+  TransportPeer peer(TransportPeer::Kind::kTCP);
+  const ZPKDataChannelPtr channel = createActiveChannel(peer.makeChannel());
+  ASSERT_TRUE(peer.open(channel));
+  const auto delegate = Recorder::make();
+  auto manager = makeManager(channel, delegate, kDetached);
+  EXPECT_TRUE(manager->listen());
+  peer.send(std::string(archive("hello")->view()));
+  EXPECT_TRUE(waitFor([&] { return delegate->count("message hello") == 1; }));
+  manager->disconnect();
+  letGo(&manager);
+  EXPECT_THAT(delegate->events(), ElementsAre("message hello", "disconnect null idle"));
+  EXPECT_FALSE(channel->isOpened());
+}
+
+TEST(ZPKDataChannelManagerTest, APeerThatGoesEndsTheLoop) {
+  const LogCapture log;
+  TransportPeer peer(TransportPeer::Kind::kTCP);
+  const ZPKDataChannelPtr channel = peer.makeChannel();
+  ASSERT_TRUE(peer.open(channel));
+  const auto delegate = Recorder::make();
+  auto manager = makeManager(channel, delegate, kDetached);
+  EXPECT_TRUE(manager->listen());
+  peer.hangUp();
+  letGo(&manager);
+  EXPECT_THAT(delegate->events(), ElementsAre("disconnect null idle"));
+  EXPECT_FALSE(channel->isOpened());
+}
+
+// The packets of two messages, however the connection cuts them:
+//
+//     size payload | size payload      all in one read
+//     si | ze payl | oad size ...      pieces of every length
+TEST(ZPKDataChannelManagerTest, FramingBelowTheManagerJoinsWhatTheConnectionCuts) {
+  const LogCapture log;
+  TransportPeer peer(TransportPeer::Kind::kTCP);
+  const ZPKDataChannelPtr channel = makeFramed(peer.makeChannel());
+  ASSERT_TRUE(peer.open(channel));
+  const auto delegate = Recorder::make();
+  auto manager = makeManager(channel, delegate, kDetached);
+  EXPECT_TRUE(manager->listen());
+  const std::string both = packet({{"slot", 3}}) + packet("second");
+  size_t expected = 0;
+  for (size_t piece = 1; piece <= both.size(); piece += 7) {
+    for (size_t at = 0; at < both.size(); at += piece) {
+      const std::string part = both.substr(at, piece);
+      ASSERT_EQ(::write(peer.descriptor(), part.data(), part.size()),
+                static_cast<ssize_t>(part.size()));
+    }
+    ++expected;
+    ASSERT_TRUE(waitFor([&] { return delegate->count("message second") == expected; })) << piece;
+    EXPECT_EQ(delegate->count("message {\"slot\": 3}"), expected);
+  }
+  EXPECT_TRUE(channel->write(archive("answer")));
+  EXPECT_EQ(peer.receive(packet("answer").size()), packet("answer"));
+  manager->disconnect();
+  letGo(&manager);
+  EXPECT_EQ(delegate->count("disconnect null idle"), 1U);
 }
 
 // --- A serializer and classes of a caller's own.
