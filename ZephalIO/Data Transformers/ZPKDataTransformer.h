@@ -57,7 +57,7 @@ ZPK_EXPORT ZPKDataTransformerPtr createPrependingTransformer(const ZPKDataPtr& p
 ZPK_EXPORT ZPKDataTransformerPtr createAppendingTransformer(const ZPKDataPtr& data,
                                                             ZPKErrorPtr* error = nullptr);
 
-/// Hands every chunk to `dataBlock`, which edits it in place; it may be null. reset calls
+/// Hands every chunk, a null one too, to `dataBlock`, which edits it in place. reset calls
 /// `resetBlock`; with a null one it fails, domain "zephal-communication", code 6. Fails for a null
 /// `dataBlock`.
 ZPK_EXPORT ZPKDataTransformerPtr
@@ -106,10 +106,10 @@ ZPK_EXPORT ZPKDataTransformerPtr createEventGeneratorTransformer(const ZPKDataPt
                                                                  ZPKErrorPtr* error = nullptr);
 
 /// Notices a pause in the traffic: calls `blk` in a modifyData that comes `timeout` seconds or more
-/// after the one before, whatever the chunks hold. They stay as they are. There is no timer, empty
-/// chunks count, and after a pause measuring begins anew with the next call. reset does not end a
-/// pause. Fails for a timeout of 0 or less, then for a null `blk`; with a timeout that is not a
-/// number `blk` is never called.
+/// after the one before. Chunks stay as they are; whatever they hold, an empty one counts too.
+/// There is no timer, and setting the system's clock makes no pause. After a pause measuring begins
+/// anew with the next call; reset does not end one. Fails for a timeout of 0 or less, then for a
+/// null `blk`; with a timeout that is not a number `blk` is never called.
 ZPK_EXPORT ZPKDataTransformerPtr createTimeTransformer(double timeout, std::function<void()> blk,
                                                        ZPKErrorPtr* error = nullptr);
 
