@@ -7,6 +7,7 @@
 #include "Data Channel/ZPKDataDefaultSerializer.h"
 #include "Data Channel/ZPKDataSerializer.h"
 #include "Data Server/ZPKDataServer.h"
+#include "Data Server/ZPKTCPServer.h"
 #include "Data Stack/ZPKCommLoggerStack.h"
 #include "Data Stack/ZPKCommStack.h"
 #include "Data Transformers/ZPKDataTransformer.h"

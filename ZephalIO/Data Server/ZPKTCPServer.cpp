@@ -1,0 +1,146 @@
+#include "Data Server/ZPKTCPServer.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <utility>
+
+#include "Utility/ZPIThreadHelpers.h"
+#include "Utility/ZPKReportFailure.h"
+#include "Utility/ZPKSocketFunctions.h"
+
+namespace {
+
+bool reportFailedStart(ZPKErrorPtr* error, const ZPIFailureSite& site) {
+  ZPKReportFailure(error, kZPICommunicationDomain, 7, site, "Failed to start server");
+  return false;
+}
+
+// Null stays null, so that the loop knows that nobody takes its connections.
+ZPKTCPServer::ResponseBlock makeChannelsFor(ZPKTCPServer::ConnectionBlock onConnection) {
+  if (!onConnection) return nullptr;
+  return [onConnection = std::move(onConnection)](int32_t connection) {
+    onConnection(createActiveTCPChannelWithSocket(connection));
+  };
+}
+
+}  // namespace
+
+ZPKTCPServerPtr ZPKTCPServer::init() { return std::make_shared<ZPKTCPServer>(Key()); }
+
+ZPKTCPServer::ZPKTCPServer(Key) {}
+
+ZPKTCPServer::~ZPKTCPServer() { giveUpThread(); }
+
+bool ZPKTCPServer::startOnPort(const std::optional<ZPKNumber>& port, ConnectionBlock onConnection,
+                               ZPKErrorPtr* error) {
+  if (!checkNotListeningWithError(error)) return false;
+  const uint64_t number = port.has_value() ? port->unsignedIntegerValue() : 0;
+  setHandle(passive_tcp(static_cast<int>(number), true));
+  if (!checkHandleValidWithError(error)) return false;
+  setResponseBlock(makeChannelsFor(std::move(onConnection)));
+  waitForConnection();
+  return true;
+}
+
+bool ZPKTCPServer::startWithSocket(int32_t socket, ResponseBlock onConnection, ZPKErrorPtr* error) {
+  if (!checkNotListeningWithError(error)) return false;
+  setHandle(socket);
+  if (!checkHandleValidWithError(error)) return false;
+  setResponseBlock(std::move(onConnection));
+  waitForConnection();
+  return true;
+}
+
+bool ZPKTCPServer::stop(ZPKErrorPtr* error) {
+  if (!checkHandleValidWithError(error)) return false;
+  if (wasNeverStarted()) return reportFailedStart(error, {"-[ZPKTCPServer stop:]"});
+  // On Linux a close does not wake a thread in accept; this does, with EINVAL. Where a close does,
+  // a listening socket may refuse the shutdown, which is fine.
+  ::shutdown(handle(), SHUT_RDWR);
+  ::close(handle());
+  setShouldCancel(true);
+  if (isThread(_listenThread)) pthread_join(std::exchange(_listenThread, pthread_t()), nullptr);
+  setHandle(-1);
+  setResponseBlock(nullptr);
+  setIsListening(false);
+  return true;
+}
+
+ZPKTCPServer::ResponseBlock ZPKTCPServer::responseBlock() const {
+  const auto block = _responseBlock.load();
+  return block != nullptr ? *block : nullptr;
+}
+
+void ZPKTCPServer::setResponseBlock(ResponseBlock block) {
+  _responseBlock.store(block ? std::make_shared<const ResponseBlock>(std::move(block)) : nullptr);
+}
+
+bool ZPKTCPServer::checkNotListeningWithError(ZPKErrorPtr* error) const {
+  if (!isListening()) return true;
+  ZPKReportFailure(error, kZPICommunicationDomain, 4,
+                   {"-[ZPKTCPServer checkNotListeningWithError:]"},
+                   "This server is already listening");
+  return false;
+}
+
+bool ZPKTCPServer::checkHandleValidWithError(ZPKErrorPtr* error) const {
+  if (handle() != -1) return true;
+  return reportFailedStart(error, {"-[ZPKTCPServer checkHandleValidWithError:]"});
+}
+
+// A new server's handle is 0, which is somebody's standard input and not to be closed.
+bool ZPKTCPServer::wasNeverStarted() const { return handle() == 0 && !isThread(_listenThread); }
+
+void ZPKTCPServer::waitForConnection() {
+  giveUpThread();
+  newThreadWithBlock(&_listenThread, [self = shared_from_this(), listener = handle()] {
+    self->acceptOn(listener);
+  });
+}
+
+void ZPKTCPServer::acceptOn(int32_t listener) {
+  while (!shouldCancel()) {
+    sockaddr address{};  // nobody looks at it
+    socklen_t length = sizeof address;
+    const int connection = ::accept(listener, &address, &length);
+    if (connection == -1) {
+      const int number = errno;
+      std::printf("Error : Failed to accept socket - '%s' (%d)\n", ZPIErrorText(number).c_str(),
+                  number);
+      continue;
+    }
+    handOver(connection);
+  }
+}
+
+void ZPKTCPServer::handOver(int32_t connection) const {
+  const auto block = _responseBlock.load();
+  if (block != nullptr) {
+    (*block)(connection);
+  } else {
+    ::close(connection);
+  }
+}
+
+// Nobody is going to join it.
+void ZPKTCPServer::giveUpThread() {
+  if (isThread(_listenThread)) pthread_detach(std::exchange(_listenThread, pthread_t()));
+}
+
+ZPKTCPServerPtr startTCPServerOnPort(const std::optional<ZPKNumber>& port,
+                                     ZPKTCPServer::ConnectionBlock onConnection,
+                                     ZPKErrorPtr* error) {
+  auto server = ZPKTCPServer::init();
+  server->startOnPort(port, std::move(onConnection), error);
+  return server;
+}
+
+ZPKTCPServerPtr startTCPOnSocket(int32_t socket, ZPKTCPServer::ResponseBlock onConnection,
+                                 ZPKErrorPtr* error) {
+  auto server = ZPKTCPServer::init();
+  server->startWithSocket(socket, std::move(onConnection), error);
+  return server;
+}
