@@ -1,6 +1,7 @@
-// A simulated device with a text console on a pseudo terminal, a TCP port and a unix socket. Prints
-// their URLs, one a line, and answers until it is killed. It plays the device, so it talks through
-// plain system calls; only its listening TCP socket comes from the library.
+// A simulated device with a text console on a pseudo terminal, a TCP port and a unix socket, and
+// with a TCP port on which it only reports. Prints their URLs, one a line, and runs until it is
+// killed. It plays the device, so it talks through plain system calls; only its listening TCP
+// sockets come from the library.
 #include <ZephalIO/ZPKSocketFunctions.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -24,13 +25,23 @@ constexpr const char* kHelp =
     R"(usage: device [--help] SOCKET_PATH
 
 Plays a device with a console on a pseudo terminal, a TCP port that is free and a
-unix socket at SOCKET_PATH. Prints the three URLs, one a line, and answers until it
-is killed. Its commands: version, temperature, identify, echo TEXT, silence.
+unix socket at SOCKET_PATH. Its commands: version, temperature, status, identify,
+echo TEXT, silence. On another free TCP port it reports ten times a second, unasked.
+Prints the four URLs, one a line, and runs until it is killed.
 )";
 
 // The chip identifier is in the prompt from "identify" on.
 constexpr std::string_view kPlainPrompt = "> ";
 constexpr std::string_view kIdentifiedPrompt = "[0000BEEF:0BADF00D] :-) > ";
+
+bool writeAll(int descriptor, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
+    if (count < 0) return false;
+    bytes.remove_prefix(static_cast<size_t>(count));
+  }
+  return true;
+}
 
 /// One console session: bytes in, responses out.
 class Console {
@@ -44,7 +55,7 @@ class Console {
       const std::string line = _held.substr(0, end);
       _held.erase(0, end + 1);
       if (line == "silence") continue;
-      if (!say(answerTo(line)) || !say(_prompt)) return false;
+      if (!writeAll(_descriptor, answerTo(line)) || !writeAll(_descriptor, _prompt)) return false;
     }
     return true;
   }
@@ -53,21 +64,14 @@ class Console {
   std::string answerTo(const std::string& line) {
     if (line == "version") return "simulated device 1.0\n";
     if (line == "temperature") return "21.5 C\n";
+    // Green, as terminals take it.
+    if (line == "status") return "\x1B[32mready\x1B[0m\n";
     if (line.starts_with("echo ")) return line.substr(5) + "\n";
     if (line == "identify") {
       _prompt = kIdentifiedPrompt;
       return "";
     }
     return "unknown command: " + line + "\n";
-  }
-
-  bool say(std::string_view bytes) const {
-    while (!bytes.empty()) {
-      const ssize_t count = ::write(_descriptor, bytes.data(), bytes.size());
-      if (count < 0) return false;
-      bytes.remove_prefix(static_cast<size_t>(count));
-    }
-    return true;
   }
 
   const int _descriptor;
@@ -85,10 +89,19 @@ void serve(int descriptor) {
   }
 }
 
-void serveListener(int listener) {
+// Reports until the other side is gone.
+void report(int descriptor) {
+  for (int number = 1;; ++number) {
+    const std::string line = "report " + std::to_string(number) + ": 21.5 C\n";
+    if (!writeAll(descriptor, line)) return;
+    ::poll(nullptr, 0, 100);
+  }
+}
+
+void serveListener(int listener, void (*serveClient)(int descriptor)) {
   for (int client = ::accept(listener, nullptr, nullptr); client >= 0;
        client = ::accept(listener, nullptr, nullptr)) {
-    serve(client);
+    serveClient(client);
     ::close(client);
   }
 }
@@ -162,13 +175,17 @@ int main(int count, char** arguments) {
   std::string terminalURL;
   std::string tcpURL;
   std::string unixURL;
+  std::string reportURL;
   const int terminal = openTerminal(&terminalURL);
   const int tcpListener = listenOnTCP(&tcpURL);
   const int unixListener = listenOnUnix(arguments[1], &unixURL);
-  std::printf("%s\n%s\n%s\n", terminalURL.c_str(), tcpURL.c_str(), unixURL.c_str());
+  const int reportListener = listenOnTCP(&reportURL);
+  std::printf("%s\n%s\n%s\n%s\n", terminalURL.c_str(), tcpURL.c_str(), unixURL.c_str(),
+              reportURL.c_str());
   std::fflush(stdout);
 
-  std::thread tcpThread(serveListener, tcpListener);
-  std::thread unixThread(serveListener, unixListener);
+  std::thread tcpThread(serveListener, tcpListener, serve);
+  std::thread unixThread(serveListener, unixListener, serve);
+  std::thread reportThread(serveListener, reportListener, report);
   serveTerminal(terminal);
 }
