@@ -107,6 +107,18 @@ TEST_F(ZPIPassiveChannelTest, NowReadsBelowExactlyOnce) {
   EXPECT_THAT(below->readTimeouts(), ElementsAre(0.0));
 }
 
+// A channel below may keep the buffer that it handed up, and fill it later.
+TEST_F(ZPIPassiveChannelTest, TheEmptyDataOfATimeoutAreNotTheObjectFromBelow) {
+  for (const double timeout : {ZEPHAL_COMMUNICATION_TIME_NOW, 0.001}) {
+    const ZPKMutableDataPtr kept = ZPKMutableData::data();
+    below->setOnRead([&](double) { below->addRead(kept); });
+    const ZPKDataPtr data = channel->readWithTimeout(timeout, nullptr);
+    kept->append("later", 5);
+    EXPECT_NE(data, kept);
+    EXPECT_EQ(data->length(), 0U);
+  }
+}
+
 TEST_F(ZPIPassiveChannelTest, ForeverIsHandedDownAndGoesOnUntilBytesCome) {
   for (const char* bytes : {"", "", "", "abc"}) below->addRead(bytes);
   EXPECT_EQ(channel->readWithTimeout(ZEPHAL_COMMUNICATION_TIME_FOREVER, nullptr)->view(), "abc");

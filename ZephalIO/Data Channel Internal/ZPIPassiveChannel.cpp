@@ -59,7 +59,7 @@ ZPKDataPtr ZPIPassiveChannel::readWithTimeout(double timeout, ZPKErrorPtr* error
       return nullptr;
     }
     if (data->length() != 0) return data;
-    if (timeout == ZEPHAL_COMMUNICATION_TIME_NOW) return data;
+    if (timeout == ZEPHAL_COMMUNICATION_TIME_NOW) return ZPKData::data();
     if (timed && !(secondsSince(start) < timeout)) return ZPKData::data();
     if (!_channel->isOpened()) {
       store(error, nullptr);
