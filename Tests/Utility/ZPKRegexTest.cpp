@@ -380,6 +380,63 @@ TEST(ZPKRegexTest, ASearchThatWasGivenUpDoesNotSpoilTheNext) {
   EXPECT_EQ(match->range(), (ZPKRange{1, 3}));
 }
 
+TEST(ZPKRegexTest, ACatastrophicPatternGivesUpOnALongResponseToo) {
+  const ZPKRegexPtr regex = compile("(a+)+$");
+  const Stopwatch stopwatch;
+  EXPECT_FALSE(regex->firstMatch(std::string(4 * kMiB, 'a') + "b").has_value());
+  EXPECT_EQ(regex->countMatches(repeated(std::string(63, 'a') + "b", 4 * kMiB)), 0U);
+  EXPECT_LT(stopwatch.seconds(), kBoundedTime);
+}
+
+// --- The interpreter, which stands in where the machine lets nobody compile at run time. The
+// prefix keeps a pattern from being compiled.
+
+ZPKRegexPtr interpreted(const std::string& pattern) { return compile("(*NO_JIT)" + pattern); }
+
+TEST(ZPKRegexTest, TheInterpreterFindsWhatTheCompiledFormFinds) {
+  const std::string texts[] = {"", "version 1.25 ok\r\n=> ",
+                               std::string(kTwo) + "a\rb" + kThree + "\nb" + kFour + "ab\r\n",
+                               std::string("a\0b", 3), "a\xFF"};
+  for (const char* pattern :
+       {"", "a|b", "(\\d+)\\.(\\d+)", "(?m)^.*$", ".+", "(a)|(b)", "\\s*", "b$"}) {
+    const ZPKRegexPtr regex = compile(pattern);
+    for (const std::string& text : texts) {
+      const std::vector<ZPKRegexMatch> expected = regex->allMatches(text);
+      const std::vector<ZPKRegexMatch> matches = interpreted(pattern)->allMatches(text);
+      ASSERT_EQ(matches.size(), expected.size()) << pattern << " in " << text;
+      for (size_t i = 0; i < matches.size(); ++i) {
+        for (size_t group = 0; group < 4; ++group) {
+          EXPECT_EQ(matches[i].groupRange(group), expected[i].groupRange(group)) << pattern;
+        }
+      }
+    }
+  }
+}
+
+TEST(ZPKRegexTest, TheInterpreterSearchesALongResponseToItsEnd) {
+  const std::string text = repeated(kThree, 3 * kMiB) + repeated("x", kMiB) + "[end]> ";
+  const auto match = interpreted("(?s)^.*\\[(.*)\\]")->firstMatch(text);
+  ASSERT_TRUE(match.has_value());
+  EXPECT_EQ(match->groupRange(1), (ZPKRange{2 * kMiB + 1, 3}));
+}
+
+// Every turn of the group takes room, more than a search is granted for a text of this length.
+TEST(ZPKRegexTest, TheInterpreterGivesUpARepeatedGroupOverALongResponse) {
+  const std::string text = repeated("line of text\n", 4 * kMiB) + "prompt";
+  const Stopwatch stopwatch;
+  EXPECT_FALSE(interpreted("(.|\\n)*prompt")->firstMatch(text).has_value());
+  EXPECT_LT(stopwatch.seconds(), kBoundedTime);
+  EXPECT_TRUE(interpreted("(.|\\n)*prompt")->firstMatch("line\nprompt").has_value());
+}
+
+TEST(ZPKRegexTest, TheInterpreterGivesUpOnACatastrophicPattern) {
+  const ZPKRegexPtr regex = interpreted("(a+)+$");
+  const Stopwatch stopwatch;
+  EXPECT_FALSE(regex->firstMatch(std::string(64, 'a') + "b").has_value());
+  EXPECT_LT(stopwatch.seconds(), kBoundedTime);
+  EXPECT_TRUE(regex->firstMatch("baaa").has_value());
+}
+
 // --- Threads.
 
 TEST(ZPKRegexTest, SeveralThreadsMayUseOneExpression) {
