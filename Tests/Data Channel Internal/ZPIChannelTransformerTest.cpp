@@ -82,6 +82,16 @@ TEST_F(ZPIChannelTransformerTest, ASharedResultIsCopiedEvenWithoutTransformers) 
   EXPECT_EQ(result->view(), "abc");
 }
 
+TEST_F(ZPIChannelTransformerTest, EveryResultIsMutableEvenWithoutTransformers) {
+  below->addRead(dataOf("abc"));
+  below->addRead(ZPKData::data());
+  for (const char* bytes : {"abc", ""}) {
+    const ZPKDataPtr result = wrap({})->readWithTimeout(0.0, nullptr);
+    EXPECT_TRUE(result->isMutable());
+    EXPECT_EQ(result->view(), bytes);
+  }
+}
+
 TEST_F(ZPIChannelTransformerTest, AResultThatNobodyElseHoldsIsNotCopied) {
   ZPKMutableDataPtr given = chunkOf("abc");
   const uint8_t* const bytes = given->bytes();

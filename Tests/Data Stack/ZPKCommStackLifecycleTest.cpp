@@ -323,6 +323,23 @@ TEST_F(ZPKCommStackLifecycleTest, CloseWithoutAChainFailsWithoutAnErrorOrALogLin
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
+TEST_F(ZPKCommStackLifecycleTest, CloseOfAChainThatWasNeverOpenedFailsWithCode2AndResetsNothing) {
+  const auto stack = ZPKCommStack::init();
+  ASSERT_TRUE(stack->createStackWithURL("unix:///nowhere/at/all"));
+  stack->aggregator()->buffer()->setContents(*dataOf("held"));
+  const ZPKDataChannelPtr chain = stack->commChannel();
+  log.clear();
+  ZPKErrorPtr error = olderError();
+  EXPECT_FALSE(stack->close(&error));
+  expectFailure(
+      error, log,
+      {"zephal-communication", 2, "Device Already Closed", "close", "DescriptorOperation.h"});
+  EXPECT_FALSE(stack->close());
+  EXPECT_EQ(stack->commChannel(), chain);
+  EXPECT_EQ(stack->isOpen(), 0);
+  EXPECT_EQ(bytesOf(stack->aggregator()->buffer()), "held");
+}
+
 TEST_F(ZPKCommStackLifecycleTest, AGoodCloseClosesThenResetsAndKeepsTheChain) {
   const ScriptedStack made;
   holdBytes(made, "held");

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <deque>
 #include <fstream>
 #include <latch>
 #include <mutex>
@@ -15,6 +16,7 @@
 #include "Data Stack/ZPKCommStack.h"
 #include "Support/EventWait.h"
 #include "Support/ScriptedStack.h"
+#include "ZephalLogging.h"
 
 namespace {
 
@@ -235,6 +237,30 @@ TEST_F(ZPKCommStackThreadsTest, ASwapThatIsToldDuringAReadFailsThatRead) {
   reader.join();
   EXPECT_EQ(data, nullptr);
   EXPECT_EQ(descriptionOf(error), "another device");
+}
+
+// A failure is logged where it is found. Another thread gets at the stack from within those lines,
+// so they are not written under its lock.
+TEST_F(ZPKCommStackThreadsTest, AResponseIsDecodedAndSearchedOutsideTheLock) {
+  const ScriptedStack made;
+  for (const char* response : {"\xFF> ", "\xFF> ", "no number> "}) made.base->addRead(response);
+  std::deque<Event> visits;
+  std::vector<std::thread> visitors;
+  std::vector<std::string> lines;
+  ZPKLoggingSetSink([&](int, std::string_view line) {
+    lines.emplace_back(line.substr(0, line.find(' ')));
+    Event& visit = visits.emplace_back();
+    visitors.emplace_back([&made, &visit] {
+      made->isOpen();
+      visit.happen();
+    });
+    EXPECT_TRUE(visit.wait()) << line;
+  });
+  made->readStringWithTimeout(600, std::nullopt);
+  made->sendCommandString("ask", 600);
+  made->sendCommandStringWithEchoRemoval("ask", ZPKRegex::initWithPattern("\\d"), 600);
+  for (std::thread& visitor : visitors) visitor.join();
+  EXPECT_THAT(lines, ElementsAre("Response", "Response", "Unable"));
 }
 
 TEST_F(ZPKCommStackThreadsTest, TheThreadThatHoldsTheStackMayCallItAgain) {
