@@ -36,7 +36,9 @@ struct ZPIFailureSite;
 ///
 /// Errors are in the domain "zephal-commchannel" unless told otherwise, or come up from the chain
 /// in "zephal-communication". Test the result and not the slot: a few failures have no error.
-/// Timeouts are in seconds; null stands for ZEPHAL_COMMUNICATION_TIME_FOREVER. Strings are UTF-8.
+/// Timeouts are in seconds: ZEPHAL_COMMUNICATION_TIME_NOW, any positive number, or
+/// ZEPHAL_COMMUNICATION_TIME_FOREVER, which null stands for. Any other negative number is refused
+/// where the read waits, with code 3 of "zephal-communication". Strings are UTF-8.
 ///
 /// Threads: one recursive lock is held over the whole of every operation, a blocking read included.
 /// While one thread waits in a read, every other operation of the stack waits for it, close and
@@ -100,8 +102,9 @@ class ZPK_EXPORT ZPKCommStack {
   /// replaced, and bytes held from it go; one that is open fails with code 303. Null fails without
   /// an error. A channel that is open already gives a stack that is open.
   bool createStackWithBaseChannel(const ZPKDataChannelPtr& channel, ZPKErrorPtr* error = nullptr);
-  /// Opens the chain. Fails with code 301 without a chain, with 303 if it is open, and with what
-  /// the layers report; a connection that is refused gives no error. May be tried again at once.
+  /// Opens the chain. The timeout is handed down and ignored at the bottom: a transport connects in
+  /// its own time. Fails with code 301 without a chain, with 303 if it is open, and with what the
+  /// layers report; a connection that is refused gives no error. May be tried again at once.
   bool openWithTimeout(std::optional<ZPKNumber> timeout, ZPKErrorPtr* error = nullptr);
   /// 1 if the chain is open, otherwise 0. Never touches the slot.
   ZPKNumber isOpen(ZPKErrorPtr* error = nullptr) const;
@@ -117,7 +120,8 @@ class ZPK_EXPORT ZPKCommStack {
   // moment that another device was found at the line, with the two ECIDs as the description;
   // closing and reopening does not change that.
 
-  /// Writes the bytes and the line terminator.
+  /// Writes the bytes and the line terminator; empty data sends the terminator alone. Null fails
+  /// without an error. A write that fails leaves the stack open.
   bool writeData(const ZPKDataPtr& data, ZPKErrorPtr* error = nullptr);
   /// Reads up to the delimiter, waiting for as long as `timeout` says and about a tenth of that
   /// longer at the most. A delimiter that is not null holds for this one read. Fails with code 305

@@ -37,6 +37,8 @@ class ZPK_EXPORT ZPKECIDSwapDetectTransformer final : public ZPKDataTransformer 
 
   ZPKECIDSwapDetectTransformer(Key, SwapAction swapAction);
 
+  /// Looks for a prompt in the chunk, and empties the chunk on a swap unless told to keep it. A
+  /// null chunk holds no prompt.
   void modifyData(ZPKMutableData* data) override;
   /// Does nothing; always true. The expected ECID stays.
   bool reset(ZPKErrorPtr* error = nullptr) override;
@@ -54,6 +56,8 @@ class ZPK_EXPORT ZPKECIDSwapDetectTransformer final : public ZPKDataTransformer 
     _dropResponseWhenECIDSwapDetected.store(drop, std::memory_order_relaxed);
   }
 
+  /// What a swap calls. A new action, which must not be null when a swap is found, counts from the
+  /// next swap on.
   SwapAction swapAction() const { return _swapAction.load(); }
   void setSwapAction(SwapAction swapAction) { _swapAction.store(std::move(swapAction)); }
 
