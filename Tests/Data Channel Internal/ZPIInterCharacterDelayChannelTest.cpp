@@ -93,6 +93,18 @@ TEST_F(ZPIInterCharacterDelayChannelTest, ReadsPassWithoutAPause) {
   EXPECT_THAT(pauses(), ElementsAre());
 }
 
+// A caller may cut its buffer while it goes out.
+TEST(ZPIInterCharacterDelayChannelLengthTest, TheLengthIsReadAnewAheadOfEachByte) {
+  const auto below = ScriptedChannel::make();
+  const ZPKMutableDataPtr data = chunkOf("abcdef");
+  SystemCalls calls;
+  calls.before(
+      "usleep", [&] { data->setLength(3); }, 1);
+  EXPECT_TRUE(ZPIInterCharacterDelayChannel::initWithChannel(below, 0)->write(data, nullptr));
+  EXPECT_THAT(below->writes(), ElementsAre("a", "b", "c"));
+  EXPECT_EQ(calls.count("usleep"), 3U);
+}
+
 // Over a real socket: the pause comes ahead of each byte, the first included.
 class DelayOverASocketTest : public testing::Test {
  protected:

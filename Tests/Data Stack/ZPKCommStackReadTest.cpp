@@ -8,6 +8,7 @@
 #include "Data Channel/ZPKDataChannelDecorators.h"
 #include "Data Stack/ZPKCommStack.h"
 #include "Support/ScriptedStack.h"
+#include "ZephalLogging.h"
 
 namespace {
 
@@ -212,6 +213,20 @@ TEST_F(ZPKCommStackReadTest, TheDelimiterIsPutBackWhateverBecomesOfTheRead) {
       EXPECT_THAT(made.base->calls(), ElementsAre("read"));
       EXPECT_EQ(made->aggregator()->data2Find(), kept);
     }
+  }
+}
+
+TEST_F(ZPKCommStackReadTest, TheDelimiterIsBackWhenAFailureOfTheReadIsReported) {
+  for (const bool swapped : {false, true}) {
+    const ScriptedStack made;
+    if (swapped) made->setEcidSwapInformation("swap");
+    std::vector<std::optional<std::string>> delimiters;
+    ZPKLoggingSetSink([&](int, std::string_view) {
+      delimiters.push_back(bytesOf(made->aggregator()->data2Find()));
+    });
+    EXPECT_EQ(made->readDataWithTimeout(0, dataOf("#")), nullptr);
+    EXPECT_THAT(delimiters, ElementsAre("> "));
+    ZPKLoggingSetSink(nullptr);
   }
 }
 
