@@ -85,6 +85,9 @@ bool openFails(const ScriptedStack& made, ZPKErrorPtr* error) {
 bool createFails(const ScriptedStack& made, ZPKErrorPtr* error) {
   return !made->createStackWithBaseChannel(ScriptedChannel::make(), error);
 }
+bool createFromURLFails(const ScriptedStack& made, ZPKErrorPtr* error) {
+  return !made->createStackWithURL("tcp://127.0.0.1:1", error);
+}
 bool enableFails(const ScriptedStack& made, ZPKErrorPtr* error) {
   return !made->enableECIDSwapDetectionWithECID(1, error);
 }
@@ -147,6 +150,8 @@ const std::vector<Row> kRows = {
      enableFails},
     {"CreateOnAnOpenChain", 303, k303, "createStackWithBaseChannel:error:", State::kOpen,
      createFails},
+    {"CreateFromAURLOnAnOpenChain", 303, k303, "createStackWithBaseChannel:error:", State::kOpen,
+     createFromURLFails},
     {"OpenOnAnOpenChain", 303, k303, "openWithTimeout:error:", State::kOpen, openFails},
 
     {"WriteDataWithoutAChain", 304, k304, kWrite, State::kWithoutChain, writeDataFails},
@@ -320,6 +325,15 @@ const std::vector<Row> kRows = {
      State::kOpen,
      sendStringFails,
      "\xFF> ",
+     k309,
+     {"write", "read"}},
+    {"SendWithEchoRemovalAfterASwap",
+     309,
+     k309,
+     kSend,
+     State::kOpen,
+     sendWithEchoRemovalFails,
+     "data> ",
      k309,
      {"write", "read"}},
     {"SendWithRegexAfterASwap",
