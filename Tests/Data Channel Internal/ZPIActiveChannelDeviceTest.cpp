@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <future>
@@ -216,6 +217,11 @@ TEST_P(ZPIActiveChannelDeviceTest, AnIdleChannelDoesNothingBetweenItsSlices) {
   SimulatedDevice device(GetParam());
   const ZPKDataChannelPtr channel = activeOver(device);
   ASSERT_TRUE(channel->openWithTimeout(1.0));
+  {
+    // The reader's thread has begun when it waits.
+    const SystemCalls beginning(SystemCalls::Threads::kAll);
+    ASSERT_TRUE(waitFor([&] { return beginning.count("select") > 1; }));
+  }
   SystemCalls calls(SystemCalls::Threads::kAll);
   const Clock::time_point start = Clock::now();
   ASSERT_TRUE(waitFor([&] { return calls.count("select") > kSlices; }));
@@ -265,7 +271,9 @@ TEST(ZPIActiveChannelSocketTest, ACloseMeetsTheEndOfTheConnection) {
       return true;
     });
     std::thread peer([end = ends[1]] {
-      EXPECT_EQ(::send(end, "bye", 3, MSG_NOSIGNAL), 3);
+      // Nobody hears it if the channel's close came first.
+      const ssize_t sent = ::send(end, "bye", 3, MSG_NOSIGNAL);
+      EXPECT_TRUE(sent == 3 || (sent < 0 && errno == EPIPE));
       ::close(end);
     });
     ZPKErrorPtr error;
