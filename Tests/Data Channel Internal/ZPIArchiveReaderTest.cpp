@@ -224,12 +224,21 @@ TEST(ZPIArchiveReaderTest, LengthsNearTwoToThe64AreTooLong) {
 }
 
 TEST(ZPIArchiveReaderTest, CountsThatTheBytesCannotHoldAreRefusedAtOnce) {
-  expectTooShort("\x9a\x7f\xff\xff\xff\x01", 5);
-  expectTooShort("\xba\x7f\xff\xff\xff\x61x\x01", 5);
-  expectTooShort("\x82\x01", 1);
-  expectTooShort("\xa2\x61x\x01", 1);
+  expectTooShort("\x9a\x7f\xff\xff\xff\x01", 0);
+  expectTooShort("\xba\x7f\xff\xff\xff\x61x\x01", 0);
+  expectTooShort("\x82\x01", 0);
+  expectTooShort("\xa2\x61x\x01", 0);
   expectTooShort("\x42x", 0);
   expectTooShort("\x62x", 0);
+}
+
+TEST(ZPIArchiveReaderTest, WhatEndsTooEarlyIsTheInnermostItemThatDoes) {
+  expectTooShort("\x82\x81\x01", 3);          // the second element is not there
+  expectTooShort("\x82\x01\x82\x01", 2);      // of the inner two elements one is there
+  expectTooShort("\xa1\x61x\x42y", 3);        // a value's bytes
+  expectTooShort("\xa1\x63x\x01", 1);         // a key's bytes
+  expectTooShort("\x1b\x01\x02\x03\x04", 0);  // a number's bytes
+  expectTooShort("", 0);                      // no value at all
 }
 
 }  // namespace

@@ -169,6 +169,19 @@ TEST(ZPKDataDefaultSerializerTest, AnArchiveIsAMapWithTheOneKey) {
             "ArbitraryKey\x01");
 }
 
+// The example of Documentation/archive-format.md.
+TEST(ZPKDataDefaultSerializerTest, ADocumentedMessageHasItsDocumentedBytes) {
+  const std::string archive =
+      "\xa1\x6c"
+      "ArbitraryKey"
+      "\xa3\x62ok\xf5\x64name\x65"
+      "dut-7\x64slot\x03";
+  EXPECT_EQ(archive.size(), 36U);
+  const auto object = ZPKDictionary::init({{"ok", true}, {"name", "dut-7"}, {"slot", 3}});
+  EXPECT_EQ(serialize(object)->view(), archive);
+  EXPECT_TRUE(ZPKObjectsAreEqual(deserialize(ZPKData::dataWithString(archive)), object));
+}
+
 TEST(ZPKDataDefaultSerializerTest, AnArrayIsWrittenAndRefusedOnReading) {
   const auto array = ZPKArray::init({1, 2});
   for (const ZPKObjectPtr& object :
@@ -212,7 +225,7 @@ TEST(ZPKDataDefaultSerializerTest, BytesThatAreNoArchiveGiveNullAndTheReadersErr
   expectReadersError(ZPKData::dataWithString("hello"),
                      "CBOR (3): an item that no archive has, at byte 0");
   expectReadersError(ZPKData::dataWithString("\xa1"),
-                     "CBOR (1): the archive ends too early, at byte 1");
+                     "CBOR (1): the archive ends too early, at byte 0");
 }
 
 TEST(ZPKDataDefaultSerializerTest, AnObjectUnderAnotherKeyGivesNullAndALineWithoutAnError) {

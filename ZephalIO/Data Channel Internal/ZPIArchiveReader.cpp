@@ -129,9 +129,9 @@ class Checker {
         head.argument > uint64_t{std::numeric_limits<int64_t>::max()}) {
       return fail(ZPIArchiveError::NotAllowed);  // below every 64-bit integer
     }
+    if (head.kind == ZPICBORKind::Array) return open(head, 1, Container::kArray);
+    if (head.kind == ZPICBORKind::Map) return open(head, 2, Container::kNoKey);
     _at += head.length;
-    if (head.kind == ZPICBORKind::Array) return open(head.argument, 1, Container::kArray);
-    if (head.kind == ZPICBORKind::Map) return open(head.argument, 2, Container::kNoKey);
     return true;
   }
 
@@ -148,9 +148,13 @@ class Checker {
   }
 
   // Every item takes a byte at least, so a count can be told to be too large at once.
-  bool open(uint64_t count, size_t bytesPerItem, size_t lastKey) {
-    if (count > remaining() / bytesPerItem) return fail(ZPIArchiveError::TooShort);
-    _open.push({static_cast<size_t>(count), lastKey});
+  bool open(const ZPICBORHead& head, size_t bytesPerItem, size_t lastKey) {
+    const size_t start = _at;
+    _at += head.length;
+    if (head.argument > remaining() / bytesPerItem) {
+      return failAt(start, ZPIArchiveError::TooShort);
+    }
+    _open.push({static_cast<size_t>(head.argument), lastKey});
     return true;
   }
 

@@ -12,8 +12,9 @@ using ZPKDataDefaultSerializerPtr = std::shared_ptr<ZPKDataDefaultSerializer>;
 /// result and one log line at level 0.
 ///
 ///     ZPKDataDefaultSerializer serializer;
-///     const auto data = serializer.serialize(ZPKDictionary::init({{"name", "dut-7"}, {"slot",
-///     3}})); const auto message = ZPKObjectCast<ZPKDictionary>(serializer.deserialize(data));
+///     const auto message = ZPKDictionary::init({{"name", "dut-7"}, {"slot", 3}});
+///     const ZPKDataPtr data = serializer.serialize(message);
+///     const auto back = ZPKObjectCast<ZPKDictionary>(serializer.deserialize(data));
 class ZPK_EXPORT ZPKDataDefaultSerializer final : public ZPKDataSerializer {
  public:
   static ZPKDataDefaultSerializerPtr init();
