@@ -1,5 +1,5 @@
 // What the two stacks do alike with a chain of channels. Each takes the chain's top, which may be
-// null, and is called with the stack's lock held, closeAbandonedChain excepted.
+// null, and is called with the stack's lock held, ZPICloseAbandonedChain excepted.
 #pragma once
 
 #include <optional>
