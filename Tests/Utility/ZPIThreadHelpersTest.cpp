@@ -329,17 +329,26 @@ TEST(RunBlockOnNewThreadWithRunLoopTest, RunsTheBlockOnAnotherThread) {
 }
 
 TEST(RunBlockOnNewThreadWithRunLoopTest, ABlockThatReturnsFalseGivesFalseAndEndsItsThread) {
-  auto end = std::make_shared<int>(1);
-  const std::weak_ptr<int> weak = end;
-  ZPIEventLoop::Source source;
-  const bool answer = runBlockOnNewThreadWithRunLoop(
-      [&source, end = std::move(end)] {
-        source = ZPIEventLoop::current()->attachSource();  // would keep a loop waiting
-        return false;
-      },
-      ZEPHAL_COMMUNICATION_TIME_FOREVER);
-  EXPECT_FALSE(answer);
-  EXPECT_TRUE(waitFor([&] { return weak.expired(); }));
+  for (const double timeout : {30.0, ZEPHAL_COMMUNICATION_TIME_FOREVER}) {
+    auto end = std::make_shared<int>(1);
+    const std::weak_ptr<int> weak = end;
+    ZPIEventLoop::Source source;
+    const bool answer = runBlockOnNewThreadWithRunLoop(
+        [&source, end = std::move(end)] {
+          source = ZPIEventLoop::current()->attachSource();  // would keep a loop waiting
+          return false;
+        },
+        timeout);
+    EXPECT_FALSE(answer);
+    EXPECT_TRUE(waitFor([&] { return weak.expired(); }));
+  }
+}
+
+TEST(RunBlockOnNewThreadWithRunLoopTest, ALateFalseEndsTheThread) {
+  HeldBlock held;
+  EXPECT_FALSE(runBlockOnNewThreadWithRunLoop(held.block(false), 0.01));
+  held.letGo();
+  EXPECT_TRUE(held.waitForTheEndOfTheThread());
 }
 
 TEST(RunBlockOnNewThreadWithRunLoopTest, ABlockThatReturnsTrueWithNothingAttachedEndsItsThread) {
