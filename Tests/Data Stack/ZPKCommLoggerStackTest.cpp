@@ -1,15 +1,22 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
+#include <set>
+#include <thread>
 
 #include "Data Stack/ZPKCommLoggerStack.h"
 #include "Data Stack/ZPKCommStack.h"
 #include "Support/ErrorExpectations.h"
 #include "Support/EventWait.h"
 #include "Support/LogFile.h"
+#include "Support/OpenDescriptors.h"
 #include "Support/ScriptedStack.h"
+#include "Support/SimulatedDevice.h"
 #include "Support/TemporaryFolder.h"
+#include "Support/TerminalState.h"
+#include "Support/TransportPeer.h"
 #include "Support/WaitingChannel.h"
 #include "Utility/ZPKConstants.h"
 
@@ -60,6 +67,51 @@ TEST_F(ZPKCommLoggerStackTest, ANewStackHasAnEmptyDelimiterNoLogsAndNoChain) {
   EXPECT_EQ(fresh->isOpen(), 0);
 }
 
+TEST_F(ZPKCommLoggerStackTest, EveryPlainAccessorGivesBackWhatWasSetAndTakesNull) {
+  const auto other = ZPKCommLoggerStack::init();
+  EXPECT_NE(stack->aggregator(), other->aggregator());
+  stack->setCommChannel(base);
+  EXPECT_EQ(stack->commChannel(), base);
+  stack->setAggregator(other->aggregator());
+  EXPECT_EQ(stack->aggregator(), other->aggregator());
+  stack->setLogFilePath("/a");
+  EXPECT_EQ(stack->logFilePath(), "/a");
+  stack->setPreAggregatorLogFilePath("");
+  EXPECT_EQ(stack->preAggregatorLogFilePath(), "");
+  stack->setCommChannel(nullptr);
+  EXPECT_EQ(stack->commChannel(), nullptr);
+  stack->setAggregator(nullptr);
+  EXPECT_EQ(stack->aggregator(), nullptr);
+  stack->setLogFilePath(std::nullopt);
+  EXPECT_EQ(stack->logFilePath(), std::nullopt);
+  stack->setPreAggregatorLogFilePath(std::nullopt);
+  EXPECT_EQ(stack->preAggregatorLogFilePath(), std::nullopt);
+}
+
+TEST_F(ZPKCommLoggerStackTest, BothLogPathsAreStoredANullTooAndTheSlotStays) {
+  ZPKErrorPtr error = olderError();
+  EXPECT_TRUE(stack->setLogFilePath("/a", std::nullopt, &error));
+  EXPECT_EQ(stack->logFilePath(), "/a");
+  EXPECT_EQ(stack->preAggregatorLogFilePath(), std::nullopt);
+  EXPECT_TRUE(stack->setLogFilePath(std::nullopt, "", &error));
+  EXPECT_EQ(stack->logFilePath(), std::nullopt);
+  EXPECT_EQ(stack->preAggregatorLogFilePath(), "");
+  EXPECT_EQ(error, olderError());
+}
+
+TEST_F(ZPKCommLoggerStackTest, ANullDelimiterIsNullAnEmptyOneIsEmptyAndTheSlotStays) {
+  ZPKErrorPtr error = olderError();
+  EXPECT_TRUE(stack->setDelimiter("\u20AC\n", &error));
+  EXPECT_EQ(bytesOf(stack->aggregator()->data2Find()), "\xE2\x82\xAC\n");
+  EXPECT_TRUE(stack->setDelimiter(std::nullopt, &error));
+  EXPECT_EQ(stack->aggregator()->data2Find(), nullptr);
+  EXPECT_TRUE(stack->setDelimiter("", &error));
+  EXPECT_EQ(bytesOf(stack->aggregator()->data2Find()), "");
+  EXPECT_EQ(error, olderError());
+  stack->setAggregator(nullptr);
+  EXPECT_TRUE(stack->setDelimiter(";", &error));
+}
+
 TEST_F(ZPKCommLoggerStackTest, WithoutADelimiterBothLogsGetTheSameChunks) {
   open();
   deliver("boot");
@@ -77,7 +129,8 @@ TEST_F(ZPKCommLoggerStackTest, WithADelimiterTheOuterLogGetsOneEntryForEachUnit)
   deliver("on");
   deliver("e;two;th");
   deliver("ree;");
-  ASSERT_TRUE(waitFor([&] { return stack->aggregator()->buffer()->length() == 0; }));
+  // A read hands out one unit, so the thread is not through with all of them yet.
+  ASSERT_TRUE(waitFor([&] { return textsOfLog(postPath).size() == 3; }));
   ASSERT_TRUE(stack->close());
   EXPECT_THAT(textsOfLog(prePath),
               ElementsAre("pre---read: on", "pre---read: e;two;th", "pre---read: ree;"));
@@ -93,6 +146,44 @@ TEST_F(ZPKCommLoggerStackTest, ADelimiterSetWhileRunningAlsoSearchesWhatIsHeld) 
   deliver("!,");
   ASSERT_TRUE(stack->close());
   EXPECT_THAT(textsOfLog(postPath), ElementsAre("post--read: one,", "post--read: two!,"));
+}
+
+TEST_F(ZPKCommLoggerStackTest, ADelimiterThatIsTakenAwayWhileRunningLetsGoOfWhatIsHeld) {
+  stack->setDelimiter(";");
+  open();
+  deliver("half");
+  ASSERT_TRUE(stack->setDelimiter(std::nullopt));
+  deliver("!");
+  ASSERT_TRUE(stack->setDelimiter(""));
+  deliver("?");
+  ASSERT_TRUE(stack->close());
+  EXPECT_THAT(textsOfLog(postPath), ElementsAre("post--read: half!", "post--read: ?"));
+}
+
+// Whatever the delimiter is at any moment, no byte is lost and none comes twice.
+TEST_F(ZPKCommLoggerStackTest, TheDelimiterMayChangeAtAnyMoment) {
+  open();
+  std::atomic<bool> isOver{false};
+  std::thread changer([&] {
+    while (!isOver) {
+      for (const char* delimiter : {";", ",", ""}) stack->setDelimiter(delimiter);
+    }
+  });
+  std::string sent;
+  for (int i = 0; i < 200; ++i) {
+    const std::string bytes = std::to_string(i) + ";" + std::to_string(i) + ",";
+    base->deliver(bytes);
+    sent += bytes;
+  }
+  EXPECT_TRUE(base->waitUntilAllIsHandedOn());
+  isOver = true;
+  changer.join();
+  stack->setDelimiter("");
+  deliver("end");
+  ASSERT_TRUE(stack->close());
+  std::string logged;
+  for (const LogFileLine& line : linesOfLog(postPath)) logged += line.text;
+  EXPECT_EQ(logged, sent + "end");
 }
 
 TEST_F(ZPKCommLoggerStackTest, BytesHeldForWantOfADelimiterAtCloseAreInTheRawLogOnly) {
@@ -194,6 +285,80 @@ TEST_F(ZPKCommLoggerStackTest, ALogThatCannotBeMadeFailsTheOpenAndLeavesTheDevic
   EXPECT_EQ(stack->isOpen(), 0);
 }
 
+TEST_F(ZPKCommLoggerStackTest, AFailedOpenKeepsTheChainAndTheOpenLogsAndMayBeTriedAgain) {
+  const std::set<int> before = openDescriptors();
+  base->setOpenResult(false, errorFromBelow());
+  ASSERT_TRUE(stack->createStackWithBaseChannel(base));
+  const ZPKDataChannelPtr chain = stack->commChannel();
+  LogCapture log;
+  ZPKErrorPtr error = olderError();
+  EXPECT_FALSE(stack->open(&error));
+  EXPECT_EQ(error, errorFromBelow());
+  EXPECT_FALSE(stack->open());
+  EXPECT_THAT(log.lines(), IsEmpty());
+  EXPECT_EQ(stack->commChannel(), chain);
+  EXPECT_EQ(stack->isOpen(), 0);
+  EXPECT_EQ(base->reads(), 0U);
+  EXPECT_EQ(openDescriptors().size(), before.size() + 2);
+
+  base->setOpenResult(true);
+  error = olderError();
+  ASSERT_TRUE(stack->open(&error));
+  EXPECT_EQ(error, olderError());
+  EXPECT_EQ(openDescriptors().size(), before.size() + 2);
+  deliver("at last");
+  ASSERT_TRUE(stack->close());
+  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_THAT(textsOfLog(postPath), ElementsAre("post--read: at last"));
+}
+
+TEST_F(ZPKCommLoggerStackTest, CloseAfterAFailedOpenFailsWithCode2WithoutAReset) {
+  base->setOpenResult(false, errorFromBelow());
+  ASSERT_TRUE(stack->createStackWithBaseChannel(base));
+  ASSERT_FALSE(stack->open());
+  LogCapture log;
+  ZPKErrorPtr error = olderError();
+  EXPECT_FALSE(stack->close(&error));
+  expectFailure(error, log,
+                {"zephal-communication", 2, "Device Already Closed", "-[ZPIActiveChannel close:]",
+                 "ZPIActiveChannel.cpp"});
+  EXPECT_EQ(base->count("reset"), 0U);
+}
+
+TEST_F(ZPKCommLoggerStackTest, AGoodCloseResetsTheChainAndKeepsIt) {
+  stack->setDelimiter(";");
+  open();
+  const ZPKDataChannelPtr chain = stack->commChannel();
+  ZPKErrorPtr error = olderError();
+  EXPECT_TRUE(stack->close(&error));
+  EXPECT_EQ(error, olderError());
+  EXPECT_EQ(base->count("close"), 1U);
+  EXPECT_EQ(base->count("reset"), 1U);
+  EXPECT_EQ(stack->commChannel(), chain);
+  EXPECT_EQ(bytesOf(stack->aggregator()->data2Find()), ";");
+}
+
+TEST_F(ZPKCommLoggerStackTest, AFailedCloseSkipsTheResetAndKeepsHeldBytes) {
+  stack->setDelimiter(";");
+  open();
+  deliver("held");
+  base->setCloseResult(false, errorFromBelow());
+  ZPKErrorPtr error = olderError();
+  EXPECT_FALSE(stack->close(&error));
+  EXPECT_EQ(error, errorFromBelow());
+  EXPECT_EQ(base->count("reset"), 0U);
+  EXPECT_EQ(bytesOf(stack->aggregator()->buffer()), "held");
+}
+
+TEST_F(ZPKCommLoggerStackTest, AFailedResetFailsTheClose) {
+  open();
+  base->setResetResult(false, errorFromBelow());
+  ZPKErrorPtr error = olderError();
+  EXPECT_FALSE(stack->close(&error));
+  EXPECT_EQ(error, errorFromBelow());
+  EXPECT_EQ(stack->isOpen(), 0);
+}
+
 TEST_F(ZPKCommLoggerStackTest, AnUnknownSchemeIsCode300HereAndCode3InACommStack) {
   for (const char* url : {"http://host", "UART:///dev/null", "no scheme at all"}) {
     LogCapture log;
@@ -225,6 +390,51 @@ TEST_F(ZPKCommLoggerStackTest, OnAnOpenStackABadSchemeIsReplacedByCode303) {
   EXPECT_TRUE(stack->close());
 }
 
+TEST_F(ZPKCommLoggerStackTest, ABadSchemeLeavesAClosedChainAsItIs) {
+  ASSERT_TRUE(stack->createStackWithBaseChannel(base));
+  const ZPKDataChannelPtr chain = stack->commChannel();
+  LogCapture log;
+  EXPECT_FALSE(stack->createStackWithURL("http://host"));
+  EXPECT_EQ(stack->commChannel(), chain);
+}
+
+TEST_F(ZPKCommLoggerStackTest, OnAnOpenStackAGoodURLAndANullChannelAreCode303Too) {
+  open();
+  const ZPKDataChannelPtr chain = stack->commChannel();
+  const auto expected = loggerFailure(303, kAlreadyOpen, "createStackWithBaseChannel:error:");
+  {
+    LogCapture log;
+    ZPKErrorPtr error = olderError();
+    EXPECT_FALSE(stack->createStackWithURL("unix:///nowhere", &error));
+    expectFailure(error, log, expected);
+  }
+  LogCapture log;
+  ZPKErrorPtr error = olderError();
+  EXPECT_FALSE(stack->createStackWithBaseChannel(nullptr, &error));
+  expectFailure(error, log, expected);
+  EXPECT_EQ(stack->commChannel(), chain);
+  EXPECT_TRUE(stack->close());
+}
+
+TEST_F(ZPKCommLoggerStackTest, ASerialURLSetsTheSpeedThatItTells) {
+  TransportPeer peer(TransportPeer::Kind::kTerminal);
+  ASSERT_TRUE(stack->createStackWithURL(peer.url() + "?baud=9600&mode=7E1&other=1"));
+  ASSERT_TRUE(stack->open());
+  EXPECT_EQ(terminalSpeeds(peer.nearEnd()).second, 9600U);
+  EXPECT_TRUE(stack->close());
+}
+
+TEST_F(ZPKCommLoggerStackTest, WithoutAnAggregatorNoChainIsMade) {
+  stack->setAggregator(nullptr);
+  LogCapture log;
+  ZPKErrorPtr error = olderError();
+  EXPECT_FALSE(stack->createStackWithBaseChannel(base, &error));
+  expectFailure(error, log,
+                {"zephal-communication", 3, "transformer cannot be nil",
+                 "createAggregatingTransformerChannel", "ZPKDataChannelDecorators.cpp"});
+  EXPECT_EQ(stack->commChannel(), nullptr);
+}
+
 TEST_F(ZPKCommLoggerStackTest, EachKnownSchemeGivesAClosedStack) {
   for (const char* url : {"uart:///dev/null", "tcp://127.0.0.1:1", "unix:///nowhere"}) {
     ZPKErrorPtr error = olderError();
@@ -251,6 +461,9 @@ TEST_F(ZPKCommLoggerStackTest, OpeningWithoutAChainFailsWithCode301) {
                               "UART port stack not created, please call \"createStackWithURL\" "
                               "before calling open",
                               "openWithTimeout:error:"));
+  EXPECT_FALSE(stack->openWithTimeout(1));
+  EXPECT_EQ(log.lines().size(), 2U);
+  EXPECT_EQ(stack->commChannel(), nullptr);
 }
 
 TEST_F(ZPKCommLoggerStackTest, ALogPathIsRefusedWithCode302OnceAChainWasCreatedAndAfterClose) {
@@ -283,11 +496,16 @@ TEST_F(ZPKCommLoggerStackTest, OpeningAndCreatingOnAnOpenStackFailWithCode303) {
     ZPKErrorPtr error;
     EXPECT_FALSE(stack->openWithTimeout(1, &error));
     expectFailure(error, log, loggerFailure(303, kAlreadyOpen, "openWithTimeout:error:"));
+    EXPECT_FALSE(stack->open());
+    EXPECT_EQ(log.count(kAlreadyOpen), 2U);
   }
   LogCapture log;
   ZPKErrorPtr error;
   EXPECT_FALSE(stack->createStackWithBaseChannel(WaitingChannel::make(), &error));
   expectFailure(error, log, loggerFailure(303, kAlreadyOpen, "createStackWithBaseChannel:error:"));
+  EXPECT_FALSE(stack->createStackWithBaseChannel(WaitingChannel::make()));
+  EXPECT_EQ(log.count(kAlreadyOpen), 2U);
+  EXPECT_EQ(base->count("open"), 1U);
   EXPECT_EQ(stack->isOpen(), 1);
   EXPECT_TRUE(stack->close());
 }
@@ -318,6 +536,15 @@ TEST_F(ZPKCommLoggerStackTest, DestructionClosesWhatIsOpen) {
   EXPECT_EQ(base->count("reset"), 0U);
 }
 
+TEST_F(ZPKCommLoggerStackTest, DestructionLeavesAClosedOrMissingChainAlone) {
+  LogCapture log;
+  ZPKCommLoggerStack::init();
+  ASSERT_TRUE(stack->createStackWithBaseChannel(base));
+  stack.reset();
+  EXPECT_EQ(base->count("close"), 0U);
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
 TEST_F(ZPKCommLoggerStackTest, ACloseThatFailsAtDestructionIsALineInTheLog) {
   base->setCloseResult(false, olderError());
   open();
@@ -325,6 +552,48 @@ TEST_F(ZPKCommLoggerStackTest, ACloseThatFailsAtDestructionIsALineInTheLog) {
   stack.reset();
   EXPECT_THAT(log.lines(), ElementsAre(LogLine{0, "Error closing commChannel during dealloc : " +
                                                       olderError()->debugDescription()}));
+}
+
+// --- Over sockets.
+
+class ZPKCommLoggerStackSocketTest : public ZPKCommLoggerStackTest,
+                                     public testing::WithParamInterface<SimulatedDevice::Kind> {};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, ZPKCommLoggerStackSocketTest,
+                         testing::Values(SimulatedDevice::Kind::kTCP, SimulatedDevice::Kind::kUnix),
+                         [](const auto& kind) {
+                           return std::string(kind.param == SimulatedDevice::Kind::kTCP ? "TCP"
+                                                                                        : "Unix");
+                         });
+
+TEST_P(ZPKCommLoggerStackSocketTest, WhenTheFarSideGoesOnlyIsOpenTellsAndCloseFailsWithoutAReset) {
+  SimulatedDevice device(GetParam());
+  stack->setDelimiter(";");
+  ASSERT_TRUE(stack->createStackWithURL(device.url()));
+  ASSERT_TRUE(stack->open());
+  ASSERT_TRUE(device.waitForConnections(1));
+  device.send("unit;held");
+  ASSERT_TRUE(waitFor([&] { return contentsOfFile(prePath).ends_with("held"); }));
+  LogCapture log;
+  device.hangUp();
+  ASSERT_TRUE(waitFor([&] { return stack->isOpen() == 0; }));
+  // A first close may come ahead of the error, which the thread stores last.
+  ZPKErrorPtr error;
+  ASSERT_TRUE(waitFor([&] {
+    EXPECT_FALSE(stack->close(&error));
+    return error->description() != "Device Already Closed";
+  }));
+  expectError(error, {"zephal-communication", 2, error->description(), "zephal_communication_read",
+                      "DescriptorOperation.cpp"});
+  EXPECT_EQ(log.count(error->description()), 1U);
+  EXPECT_EQ(bytesOf(stack->aggregator()->buffer()), "held");
+
+  ASSERT_TRUE(stack->open());
+  ASSERT_TRUE(device.waitForConnections(2));
+  device.send(";");
+  ASSERT_TRUE(waitFor([&] { return textsOfLog(postPath).size() == 2; }));
+  EXPECT_TRUE(stack->close());
+  EXPECT_THAT(textsOfLog(postPath), ElementsAre("post--read: unit;", "post--read: held;"));
 }
 
 }  // namespace

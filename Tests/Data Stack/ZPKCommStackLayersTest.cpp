@@ -3,11 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <set>
+#include <utility>
+#include <vector>
 
 #include "Data Stack/ZPKCommStack.h"
 #include "Support/EventWait.h"
 #include "Support/LogFile.h"
+#include "Support/OpenDescriptors.h"
 #include "Support/ScriptedStack.h"
+#include "Support/ScriptedTransformer.h"
 #include "Support/TemporaryFolder.h"
 #include "Support/WaitingChannel.h"
 
@@ -49,6 +54,47 @@ TEST_F(ZPKCommStackLayersTest, FiltersAreNullUntilTheyAreSetAndEmptyOnceTheyAreC
   ASSERT_TRUE(stack->setReadFiltersHex({}));
   EXPECT_THAT(*stack->readFilterTransformers(), IsEmpty());
   EXPECT_THAT(*stack->readFilterHexTransformers(), IsEmpty());
+}
+
+TEST_F(ZPKCommStackLayersTest, ASettingThatIsTakenLeavesTheSlotAlone) {
+  LogCapture log;
+  ZPKErrorPtr error = olderError();
+  EXPECT_TRUE(stack->setReadFilters({"a"}, &error));
+  EXPECT_TRUE(stack->setReadFiltersHex({"41"}, &error));
+  EXPECT_TRUE(stack->setLogFilePath(postPath, prePath, &error));
+  EXPECT_TRUE(stack->setActiveChannelOnOff(1, &error));
+  EXPECT_EQ(error, olderError());
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(ZPKCommStackLayersTest, ANewListReplacesTheWholeOldOneAndIsNotTheOtherKind) {
+  ASSERT_TRUE(stack->setReadFilters({"a", "b"}));
+  const ZPKDataTransformerArray old = *stack->readFilterTransformers();
+  ASSERT_TRUE(stack->setReadFiltersHex({"63"}));
+  ASSERT_TRUE(stack->setReadFilters({"a"}));
+  ASSERT_EQ(stack->readFilterTransformers()->size(), 1U);
+  EXPECT_NE(stack->readFilterTransformers()->front(), old.front());
+  open();
+  base->addRead("abc> ");
+  EXPECT_EQ(stack->readStringWithTimeout(1, std::nullopt), "b> ");
+}
+
+TEST_F(ZPKCommStackLayersTest, AFilterSeesOneWholeResponseOnceHoweverItCame) {
+  const auto filter = ScriptedTransformer::make();
+  stack->setReadFilterTransformers(ZPKDataTransformerArray{filter});
+  open();
+  for (const char* bytes : {"", "2.", "", "33", "> "}) base->addRead(bytes);
+  EXPECT_EQ(stack->readStringWithTimeout(1000, std::nullopt), "2.33> ");
+  EXPECT_THAT(filter->chunks(), ElementsAre("2.33> "));
+}
+
+TEST_F(ZPKCommStackLayersTest, BothLogPathsAreStoredANullTooAndAnEmptyOneIsNoNull) {
+  ASSERT_TRUE(stack->setLogFilePath("/a", "/b"));
+  EXPECT_EQ(stack->logFilePath(), "/a");
+  EXPECT_EQ(stack->preAggregatorLogFilePath(), "/b");
+  ASSERT_TRUE(stack->setLogFilePath(std::nullopt, ""));
+  EXPECT_EQ(stack->logFilePath(), std::nullopt);
+  EXPECT_EQ(stack->preAggregatorLogFilePath(), "");
 }
 
 TEST_F(ZPKCommStackLayersTest, FiltersAreCutOutOfAResponseWhereverTheyStand) {
@@ -101,6 +147,17 @@ TEST_F(ZPKCommStackLayersTest, ABadHexFilterFailsWithoutAnErrorLogsAndKeepsTheOl
   EXPECT_EQ(*stack->readFilterHexTransformers(), before);
   EXPECT_EQ(log.lines().size(), 2U);
   EXPECT_EQ(log.count("Invalid characters present in the input hex string [not hex]!"), 1U);
+  EXPECT_FALSE(stack->setReadFiltersHex({"not hex"}));
+  EXPECT_EQ(log.lines().size(), 4U);
+}
+
+TEST_F(ZPKCommStackLayersTest, AFailureAheadOfAnyListLeavesTheListNull) {
+  LogCapture log;
+  EXPECT_FALSE(stack->setReadFiltersHex({"41", "4 1"}));
+  EXPECT_FALSE(stack->setReadFilters({"a", ""}));
+  EXPECT_EQ(stack->readFilterHexTransformers(), std::nullopt);
+  EXPECT_EQ(stack->readFilterTransformers(), std::nullopt);
+  EXPECT_EQ(log.count("pattern cannot be nil, or empty"), 1U);
 }
 
 TEST_F(ZPKCommStackLayersTest, AnEmptyFilterFailsWithTheFactorysErrorAndKeepsTheOldList) {
@@ -148,6 +205,7 @@ TEST_F(ZPKCommStackLayersTest, AllFourSettingsAreRefusedWithCode302OnceCreatedAn
     EXPECT_EQ(stack->readFilterTransformers(), std::nullopt);
     EXPECT_EQ(stack->readFilterHexTransformers(), std::nullopt);
     EXPECT_EQ(stack->logFilePath(), std::nullopt);
+    EXPECT_EQ(stack->preAggregatorLogFilePath(), std::nullopt);
     EXPECT_FALSE(stack->activeChannelOnOff());
   };
   create();
@@ -156,6 +214,15 @@ TEST_F(ZPKCommStackLayersTest, AllFourSettingsAreRefusedWithCode302OnceCreatedAn
   refuseAll();
   ASSERT_TRUE(stack->close());
   refuseAll();
+}
+
+TEST_F(ZPKCommStackLayersTest, TheBackgroundReaderGoesByTheNumbersBoolValue) {
+  const std::vector<std::pair<ZPKNumber, bool>> cases = {{1, true},    {0, false}, {0.5, true},
+                                                         {0.0, false}, {-1, true}, {false, false}};
+  for (const auto& [number, expected] : cases) {
+    EXPECT_TRUE(stack->setActiveChannelOnOff(number, nullptr));
+    EXPECT_EQ(stack->activeChannelOnOff(), expected) << number.stringValue();
+  }
 }
 
 TEST_F(ZPKCommStackLayersTest, ANullNumberTurnsTheBackgroundReaderOff) {
@@ -238,6 +305,66 @@ TEST_F(ZPKCommStackLayersTest, AFailedOpenAtTheTransportLeavesTheLogsUsableForTh
   EXPECT_THAT(textsOfLog(postPath), ElementsAre("post-write: a", "post--read: > "));
 }
 
+TEST_F(ZPKCommStackLayersTest, AFailedOpenLeavesBothLogsOpenAndTheNextOneReplacesThem) {
+  const std::set<int> before = openDescriptors();
+  ASSERT_TRUE(stack->setLogFilePath(postPath, prePath));
+  base->setOpenResult(false, errorFromBelow());
+  create();
+  ASSERT_FALSE(stack->openWithTimeout(1));
+  EXPECT_EQ(openDescriptors().size(), before.size() + 2);
+  ASSERT_FALSE(stack->openWithTimeout(1));
+  EXPECT_EQ(openDescriptors().size(), before.size() + 2);
+}
+
+TEST_F(ZPKCommStackLayersTest, WhenTheRawLogCannotBeMadeTheOuterOneStaysOpen) {
+  const std::set<int> before = openDescriptors();
+  ASSERT_TRUE(stack->setLogFilePath(postPath, folder.pathOf("missing/pre.log")));
+  create();
+  LogCapture log;
+  EXPECT_FALSE(stack->openWithTimeout(1));
+  EXPECT_EQ(log.lines().size(), 1U);
+  EXPECT_TRUE(std::filesystem::exists(postPath));
+  EXPECT_EQ(openDescriptors().size(), before.size() + 1);
+  EXPECT_THAT(base->calls(), IsEmpty());
+}
+
+TEST_F(ZPKCommStackLayersTest, CloseAfterAFailedOpenClosesTheLogsAndFailsAtTheBottomUnreset) {
+  const std::set<int> before = openDescriptors();
+  ASSERT_TRUE(stack->setLogFilePath(postPath, prePath));
+  ASSERT_TRUE(stack->createStackWithURL("unix:///nowhere/at/all"));
+  stack->aggregator()->buffer()->append(*dataOf("held"));
+  ASSERT_FALSE(stack->openWithTimeout(1));
+  ASSERT_EQ(openDescriptors().size(), before.size() + 2);
+  LogCapture log;
+  ZPKErrorPtr error = olderError();
+  EXPECT_FALSE(stack->close(&error));
+  expectFailure(
+      error, log,
+      {"zephal-communication", 2, "Device Already Closed", "close", "DescriptorOperation.h"});
+  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_EQ(bytesOf(stack->aggregator()->buffer()), "held");
+}
+
+TEST_F(ZPKCommStackLayersTest, AfterAFailedOpenNoBackgroundReaderRunsAndCloseEndsAtIt) {
+  const auto device = WaitingChannel::make();
+  device->setOpenResult(false, errorFromBelow());
+  ASSERT_TRUE(stack->setLogFilePath(postPath, prePath));
+  ASSERT_TRUE(stack->setActiveChannelOnOff(1, nullptr));
+  ASSERT_TRUE(stack->createStackWithBaseChannel(device));
+  ZPKErrorPtr error = olderError();
+  EXPECT_FALSE(stack->openWithTimeout(1, &error));
+  EXPECT_EQ(error, errorFromBelow());
+  EXPECT_EQ(stack->isOpen(), 0);
+  LogCapture log;
+  EXPECT_FALSE(stack->close(&error));
+  expectFailure(error, log,
+                {"zephal-communication", 2, "Device Already Closed", "-[ZPIActiveChannel close:]",
+                 "ZPIActiveChannel.cpp"});
+  EXPECT_EQ(device->reads(), 0U);
+  EXPECT_EQ(device->count("close"), 0U);
+  EXPECT_EQ(device->count("reset"), 0U);
+}
+
 TEST_F(ZPKCommStackLayersTest, TheBackgroundReaderDrainsTheDeviceWhileNobodyReads) {
   auto device = WaitingChannel::make();
   ASSERT_TRUE(stack->setActiveChannelOnOff(true, nullptr));
@@ -284,6 +411,24 @@ TEST_F(ZPKCommStackLayersTest, AReaderThatFailsLeavesTheStackClosed) {
   ZPKErrorPtr error;
   EXPECT_EQ(stack->readStringWithTimeout(0, std::nullopt, &error), std::nullopt);
   EXPECT_EQ(error->code(), 304);
+}
+
+TEST_F(ZPKCommStackLayersTest, WithTheBackgroundReaderACloseDropsWhatNobodyReadAndAnOpenGoesOn) {
+  const auto device = WaitingChannel::make();
+  ASSERT_TRUE(stack->setActiveChannelOnOff(1, nullptr));
+  ASSERT_TRUE(stack->createStackWithBaseChannel(device));
+  ASSERT_TRUE(stack->openWithTimeout(1));
+  device->deliver("one> half");
+  EXPECT_EQ(stack->readStringWithTimeout(10, std::nullopt), "one> ");
+  device->deliver("unread> ");
+  ASSERT_TRUE(device->waitUntilAllIsHandedOn());
+  ASSERT_TRUE(stack->close());
+  EXPECT_EQ(device->count("reset"), 1U);
+  ASSERT_TRUE(stack->openWithTimeout(1));
+  device->deliver("two> ");
+  EXPECT_EQ(stack->sendCommandString("ask", 10), "two> ");
+  EXPECT_THAT(device->writes(), ElementsAre("ask\n"));
+  EXPECT_TRUE(stack->close());
 }
 
 }  // namespace
