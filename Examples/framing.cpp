@@ -1,0 +1,170 @@
+// Exchanges messages with packet framing: each goes out behind its size and comes in whole,
+// whatever is in it and however the line cuts it. Both ends are here, on a pair of unix sockets.
+#include <ZephalIO/ZephalIO.h>
+#include <ZephalLogging/ZephalLogging.h>
+#include <sys/socket.h>
+
+#include <cctype>
+#include <cerrno>
+#include <charconv>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr int kSuccess = 0;
+constexpr int kExchangeFailed = 1;
+constexpr int kBadUsage = 2;
+constexpr double kAnswerTimeout = 30;
+
+constexpr const char* kHelp =
+    R"(usage: framing [--width N] MESSAGE...
+
+Sends each MESSAGE to an other end, which answers it in capitals, and prints the
+answers. All messages are on their way before the first answer is read.
+
+  --width N  bytes of the size in front of each message, 1 to 8 [2]
+  --help     print this
+
+Exit status: 0 if each message was answered, 1 if not, 2 for a wrong call.
+)";
+
+struct Call {
+  int32_t width = 2;
+  std::vector<std::string> messages;
+};
+
+std::optional<int32_t> widthFrom(const char* text) {
+  if (text == nullptr) return std::nullopt;
+  const std::string_view digits(text);
+  int32_t width = 0;
+  const auto [end, failure] = std::from_chars(digits.begin(), digits.end(), width);
+  if (failure != std::errc() || end != digits.end() || width < 1 || width > 8) return std::nullopt;
+  return width;
+}
+
+std::optional<Call> callFrom(int count, char** arguments) {
+  Call call;
+  int next = 1;
+  if (next < count && std::string_view(arguments[next]) == "--width") {
+    // The last argument is followed by a null.
+    const std::optional<int32_t> width = widthFrom(arguments[next + 1]);
+    if (!width.has_value()) return std::nullopt;
+    call.width = *width;
+    next += 2;
+  }
+  call.messages.assign(arguments + next, arguments + count);
+  if (call.messages.empty()) return std::nullopt;
+  return call;
+}
+
+int fail(const std::string& what) {
+  std::fprintf(stderr, "framing: %s\n", what.c_str());
+  return kExchangeFailed;
+}
+
+std::string reasonOf(const ZPKErrorPtr& error) {
+  return error == nullptr ? "the other end is silent" : error->description();
+}
+
+// The framing itself cannot fail: a message that is too long would go out without its size, and an
+// empty one could not be told from none.
+std::optional<std::string> objectionTo(const std::string& message, int32_t width) {
+  if (message.empty()) return "an empty message cannot be framed";
+  if (width < 8 && message.size() >> (8 * width) != 0) {
+    return std::to_string(message.size()) + " bytes are too many for a size of width " +
+           std::to_string(width);
+  }
+  return std::nullopt;
+}
+
+// From the line up: the packets, one a read even if several are held already, and then a channel
+// that reads on until there is one.
+ZPKDataChannelPtr framedChannel(const ZPKDataChannelPtr& line, int32_t width, ZPKErrorPtr* error) {
+  const ZPKDataTransformerPtr takePacket = createPacketAggregatorTransformer(width, error);
+  const ZPKDataTransformerPtr addSize = createPacketPrependTransformer(width, error);
+  const ZPKDataChannelPtr packets =
+      createChannelTransformerWithPreCall(line, {takePacket}, {addSize}, error);
+  return createPassiveChannel(packets, error);
+}
+
+std::string inCapitals(std::string_view message) {
+  std::string answer(message);
+  for (char& letter : answer) {
+    letter = static_cast<char>(std::toupper(static_cast<unsigned char>(letter)));
+  }
+  return answer;
+}
+
+// The far end: answers until the other one is gone.
+void answerAll(const ZPKDataChannelPtr& end) {
+  while (const ZPKDataPtr message = end->readWithTimeout(ZEPHAL_COMMUNICATION_TIME_FOREVER)) {
+    if (!end->write(ZPKData::dataWithString(inCapitals(message->view())))) break;
+  }
+}
+
+// The near end.
+int exchange(ZPKDataChannel& end, const std::vector<std::string>& messages) {
+  ZPKErrorPtr error;
+  for (const std::string& message : messages) {
+    if (!end.write(ZPKData::dataWithString(message), &error)) {
+      return fail("cannot send: " + reasonOf(error));
+    }
+  }
+  for (const std::string& message : messages) {
+    const ZPKDataPtr answer = end.readWithTimeout(kAnswerTimeout, &error);
+    if (answer == nullptr || answer->length() == 0) return fail("no answer: " + reasonOf(error));
+    if (answer->view() != inCapitals(message)) return fail("not the answer to " + message);
+    std::printf("%zu bytes: %s\n", answer->length(), inCapitals(message).c_str());
+  }
+  return kSuccess;
+}
+
+int run(const Call& call) {
+  for (const std::string& message : call.messages) {
+    if (const auto objection = objectionTo(message, call.width)) return fail(*objection);
+  }
+  int sockets[2];
+  if (::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets) != 0) {
+    return fail("no sockets: " + std::string(std::strerror(errno)));
+  }
+  // A socket that is adopted is open, and so is all that is built on it. The near end reads ahead:
+  // with two ends that both write before they read, the line could fill up in both directions.
+  ZPKErrorPtr error;
+  const ZPKDataChannelPtr farLine = createActiveTCPChannelWithSocket(sockets[1], &error);
+  const ZPKDataChannelPtr nearLine =
+      createActiveChannel(createActiveTCPChannelWithSocket(sockets[0], &error), &error);
+  const ZPKDataChannelPtr farEnd = framedChannel(farLine, call.width, &error);
+  const ZPKDataChannelPtr nearEnd = framedChannel(nearLine, call.width, &error);
+  if (farEnd == nullptr || nearEnd == nullptr) {
+    return fail("cannot build the ends: " + reasonOf(error));
+  }
+  std::thread answering(answerAll, farEnd);
+  const int status = exchange(*nearEnd, call.messages);
+  nearEnd->close();
+  answering.join();
+  return status;
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  if (count == 2 && std::string_view(arguments[1]) == "--help") {
+    std::fputs(kHelp, stdout);
+    return kSuccess;
+  }
+  const std::optional<Call> call = callFrom(count, arguments);
+  if (!call.has_value()) {
+    std::fputs(kHelp, stderr);
+    return kBadUsage;
+  }
+  // Every failure is printed once, by fail; the end of the far end is none.
+  ZPKLoggingSetSink([](int /*level*/, std::string_view /*line*/) {});
+  return run(*call);
+}
