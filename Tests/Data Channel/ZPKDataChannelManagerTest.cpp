@@ -243,6 +243,18 @@ TEST(ZPKDataChannelManagerTest, PropertiesCanBeReplaced) {
   EXPECT_EQ(manager->delegate(), nullptr);
 }
 
+TEST(ZPKDataChannelManagerTest, AManagerThatIsSaidToRunDoesNotListen) {
+  const LogCapture log;
+  const auto channel = ScriptedChannel::make();
+  const auto manager = makeManager(channel, Recorder::make());
+  manager->setStarted(true);
+  EXPECT_TRUE(manager->started());
+  EXPECT_FALSE(manager->listen());
+  EXPECT_TRUE(channel->calls().empty());
+  manager->setStarted(false);
+  EXPECT_TRUE(manager->listen());
+}
+
 TEST(ZPKDataChannelManagerTest, TheDelegateIsHeldWeakly) {
   auto delegate = Recorder::make();
   const auto manager = makeManager(ScriptedChannel::make(), delegate);
@@ -257,6 +269,7 @@ TEST(ZPKDataChannelManagerTest, TheDescriptionHasTheClassAndTheAddress) {
   std::snprintf(expected.data(), expected.size(), "<ZPKDataChannelManager %p>",
                 static_cast<const void*>(manager.get()));
   EXPECT_EQ(manager->description(), expected.data());
+  EXPECT_EQ(manager->debugDescription(), expected.data());
 }
 
 // --- The loop, on the caller's thread.
@@ -506,6 +519,23 @@ TEST(ZPKDataChannelManagerTest, AManagerThatIsIdleAgainCanListenAgain) {
   EXPECT_THAT(channel->calls(), ElementsAre("read", "read", "read"));
 }
 
+TEST(ZPKDataChannelManagerTest, UndetachedADelegateThatListensAgainAtTheEndRunsTheLoopInThatCall) {
+  const LogCapture log;
+  const auto channel = ScriptedChannel::make();
+  const auto delegate = Recorder::make();
+  const auto manager = makeManager(channel, delegate);
+  delegate->onDisconnect = [&, ends = 0]() mutable {
+    if (++ends != 1) return;
+    channel->addRead(archive("again"));
+    EXPECT_TRUE(manager->listen());
+    EXPECT_EQ(delegate->count("message again"), 1U);
+  };
+  EXPECT_TRUE(manager->listen());
+  EXPECT_THAT(delegate->events(),
+              ElementsAre("disconnect null idle", "message again", "disconnect null idle"));
+  EXPECT_FALSE(manager->started());
+}
+
 TEST(ZPKDataChannelManagerTest, PropertiesAreFetchedAnewAtEachUse) {
   const LogCapture log;
   const auto first = ScriptedChannel::make();
@@ -664,6 +694,23 @@ TEST(ZPKDataChannelManagerTest, TheLoopHoldsItsManager) {
   EXPECT_THAT(delegate->events(), ElementsAre("message 1", "disconnect null idle"));
 }
 
+TEST(ZPKDataChannelManagerTest, ADelegateMayBeDestroyedOnAnotherThreadWhileTheLoopReads) {
+  const LogCapture log;
+  std::promise<void> release;
+  const auto channel = makeBlockedChannel(release.get_future().share());
+  for (int i = 0; i < 3; ++i) channel->addRead(archive(i));
+  auto delegate = Recorder::make();
+  const std::weak_ptr<Recorder> weakDelegate = delegate;
+  auto manager = makeManager(channel, delegate, kDetached);
+  EXPECT_TRUE(manager->listen());
+  EXPECT_TRUE(waitFor([&] { return manager->started(); }));
+  delegate.reset();
+  EXPECT_TRUE(weakDelegate.expired());
+  release.set_value();
+  letGo(&manager);
+  EXPECT_EQ(channel->readTimeouts().size(), 4U);
+}
+
 TEST(ZPKDataChannelManagerTest, DetachedTheDelegateMayLetGoOfTheLastReference) {
   const LogCapture log;
   std::promise<void> release;
@@ -780,6 +827,32 @@ TEST(ZPKDataChannelManagerTest, DisconnectOnAnotherThreadEndsALoopThatWaitsOnAnA
   letGo(&manager);
   EXPECT_THAT(delegate->events(), ElementsAre("message hello", "disconnect null idle"));
   EXPECT_FALSE(channel->isOpened());
+}
+
+// A read that was seen to wait holds the lock of its queue until it sleeps, so the close meets a
+// loop that sits in its read of 1000 seconds, on a thread of its own or on the caller's.
+TEST(ZPKDataChannelManagerTest, DisconnectEndsALoopThatSleepsInItsRead) {
+  const LogCapture log;
+  for (const bool isFramed : {false, true}) {
+    for (const bool option : {kDetached, kUndetached}) {
+      TransportPeer peer(TransportPeer::Kind::kTCP);
+      const ZPKDataChannelPtr channel =
+          isFramed ? makeFramed(peer.makeChannel()) : createActiveChannel(peer.makeChannel());
+      ASSERT_TRUE(peer.open(channel));
+      const auto delegate = Recorder::make();
+      auto manager = makeManager(channel, delegate, option);
+      const size_t waits = limitedWaits();
+      std::thread caller([manager] { EXPECT_TRUE(manager->listen()); });
+      EXPECT_TRUE(waitFor([&] { return limitedWaits() > waits; }));
+      EXPECT_TRUE(manager->started());
+      manager->disconnect();
+      EXPECT_TRUE(waitFor([&] { return delegate->count("disconnect null idle") == 1; }));
+      caller.join();
+      letGo(&manager);
+      EXPECT_THAT(delegate->events(), ElementsAre("disconnect null idle"));
+      EXPECT_FALSE(channel->isOpened());
+    }
+  }
 }
 
 TEST(ZPKDataChannelManagerTest, APeerThatGoesEndsTheLoop) {

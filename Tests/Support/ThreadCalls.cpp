@@ -16,6 +16,7 @@ namespace {
 thread_local bool refusesThreads = false;
 thread_local std::function<int()> replacedWait;
 std::atomic<size_t> endlessWaitCount{0};
+std::atomic<size_t> limitedWaitCount{0};
 
 int waitReplaced(pthread_mutex_t* mutex) {
   // The waits of `wait` itself are real ones.
@@ -37,6 +38,8 @@ ReplacedWaits::~ReplacedWaits() { replacedWait = nullptr; }
 
 size_t endlessWaits() { return endlessWaitCount; }
 
+size_t limitedWaits() { return limitedWaitCount; }
+
 // What the linker puts in the place of the calls.
 extern "C" {
 
@@ -55,6 +58,7 @@ int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) 
 int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                   const timespec* deadline) {
   if (replacedWait) return waitReplaced(mutex);
+  ++limitedWaitCount;
   return __real_pthread_cond_timedwait(condition, mutex, deadline);
 }
 

@@ -29,3 +29,6 @@ class ReplacedWaits {
 /// How many waits on a condition without a limit have begun, on all threads. Whoever holds the
 /// mutex of such a wait after it was counted knows that the waiter sleeps.
 size_t endlessWaits();
+
+/// Likewise of the waits with a limit.
+size_t limitedWaits();

@@ -117,7 +117,9 @@ class ZPK_EXPORT ZPKDataChannelManager final
   ///
   /// False while a loop runs, and if the system has no thread to give; true otherwise. The slot is
   /// never touched. `started` is set by the loop itself: of two calls in quick succession both may
-  /// start one.
+  /// start one, and few channels allow that two threads read them. So call it once, and again when
+  /// the delegate was told of the end. A loop that is started from there on the same thread runs
+  /// within that call.
   bool listen(ZPKErrorPtr* error = nullptr);
 
   /// Closes the channel, whatever comes of it, and returns without waiting: the loop then ends by
