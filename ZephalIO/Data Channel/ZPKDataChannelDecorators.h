@@ -98,16 +98,18 @@ ZPK_EXPORT ZPKDataChannelPtr createEchoRemovalChannel(const ZPKDataChannelPtr& c
 /// What is written is logged before it leaves, whether or not that succeeds; empty data leaves no
 /// trace. Bytes that are not UTF-8 show as in ZPKDataToString.
 ///
-/// open opens the file, then the channel below. A file that is not there is made; one that is there
-/// grows at its end. If it cannot be made, open is false with a line in the log and no error; if it
-/// cannot be opened, with the system's error (domain "POSIX"). The channel below then stays closed.
-/// close closes the file, which then holds everything that was logged. A channel that is dropped
-/// without it can lose its last lines. Nothing is logged while the file is not open.
+/// open opens the file, then the channel below. A file that is not there is made, with the
+/// permissions 0666 less the process's umask; one that is there grows at its end and keeps its own.
+/// If it cannot be made, open is false with a line in the log and no error; if it cannot be opened,
+/// with the system's error (domain "POSIX"). The channel below then stays closed. close closes the
+/// file, which then holds everything that was logged. A channel that is dropped without it can lose
+/// its last lines. Nothing is logged while the file is not open.
 ///
 /// With `synchronousLogging` a read or write returns when its lines are in the file, otherwise they
-/// are written in the background. Several channels and processes can share one file. What the file
-/// does not take, on a full disk for instance, is lost without a word, and the traffic goes on. The
-/// file stays the one that was opened when somebody moves or removes it.
+/// are written in the background. Several channels and processes can share one file, which each
+/// locks (flock(2)) for its lines. What the file does not take, on a full disk for instance, is
+/// lost without a word, and the traffic goes on. The file stays the one that was opened when
+/// somebody moves or removes it.
 ///
 /// Fails for a null channel, then for a null path, then for a null identifier.
 ZPK_EXPORT ZPKDataChannelPtr createLoggingChannel(const ZPKDataChannelPtr& channel,
