@@ -89,12 +89,13 @@ void serve(int descriptor) {
   }
 }
 
-// Reports until the other side is gone.
+// Reports until the other side is gone, each time in two pieces.
 void report(int descriptor) {
   for (int number = 1;; ++number) {
-    const std::string line = "report " + std::to_string(number) + ": 21.5 C\n";
-    if (!writeAll(descriptor, line)) return;
-    ::poll(nullptr, 0, 100);
+    if (!writeAll(descriptor, "report " + std::to_string(number) + ": ")) return;
+    ::poll(nullptr, 0, 50);
+    if (!writeAll(descriptor, "21.5 C\n")) return;
+    ::poll(nullptr, 0, 50);
   }
 }
 

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -30,6 +31,11 @@ URL   uart:///dev/ttyUSB0?baud=115200&mode=8N1, tcp://HOST:PORT or unix:///PATH
                  the device says by itself is printed and done with [0.3]
   --ecid N       the chip identifier expected in the prompt; another one ends
                  the conversation
+  --filter T     cuts each occurrence of a text out of the responses
+  --filter-hex H the same for bytes in hexadecimal; both may be given several times
+  --read-ahead   takes what the device says at all times, on a thread of its own
+  --log FILE     logs the conversation: each command, and its response as it is printed
+  --raw-log FILE logs what really passes, in the pieces in which it passes
   --help         print this
 
 Exit status: 0 if every command was answered, 1 if not, 2 for a wrong call.
@@ -41,6 +47,11 @@ struct Call {
   ZPKNumber timeout = 5;
   ZPKNumber settle = 0.3;
   std::optional<ZPKNumber> ecid;
+  std::vector<std::string> filters;
+  std::vector<std::string> hexFilters;
+  bool readsAhead = false;
+  std::optional<std::string> log;
+  std::optional<std::string> rawLog;
   std::vector<std::string> commands;
 };
 
@@ -62,13 +73,24 @@ std::optional<ZPKNumber> identifierFrom(std::string_view text) {
   return identifier;
 }
 
-// Stores an option's value; false if it is no option or the value is none of its kind.
-bool setOption(Call* call, std::string_view name, const char* value) {
-  if (value == nullptr) return false;
-  if (name == "--delimiter") {
+// Each stores an option's value; false if it is no such option or the value is none of its kind.
+bool setTextOption(Call* call, std::string_view name, const char* value) {
+  if (name == "--delimiter")
     call->delimiter = value;
-    return true;
-  }
+  else if (name == "--filter")
+    call->filters.emplace_back(value);
+  else if (name == "--filter-hex")
+    call->hexFilters.emplace_back(value);
+  else if (name == "--log")
+    call->log = value;
+  else if (name == "--raw-log")
+    call->rawLog = value;
+  else
+    return false;
+  return true;
+}
+
+bool setNumberOption(Call* call, std::string_view name, const char* value) {
   const std::optional<ZPKNumber> number =
       name == "--ecid" ? identifierFrom(value) : secondsFrom(value);
   if (!number.has_value()) return false;
@@ -83,17 +105,30 @@ bool setOption(Call* call, std::string_view name, const char* value) {
   return true;
 }
 
+// Takes the option at `next`, with its value if it has one.
+bool takeOption(Call* call, char** arguments, int* next) {
+  const std::string_view name = arguments[(*next)++];
+  if (name == "--read-ahead") {
+    call->readsAhead = true;
+    return true;
+  }
+  // The last argument is followed by a null.
+  const char* const value = arguments[*next];
+  if (value == nullptr) return false;
+  ++*next;
+  return setTextOption(call, name, value) || setNumberOption(call, name, value);
+}
+
 std::optional<Call> callFrom(int count, char** arguments) {
   Call call;
   int next = 1;
   if (next < count && arguments[next][0] != '-') call.url = arguments[next++];
-  for (; next < count && std::string_view(arguments[next]).starts_with("--"); next += 2) {
+  while (next < count && std::string_view(arguments[next]).starts_with("--")) {
     if (std::string_view(arguments[next]) == "--") {
       ++next;
       break;
     }
-    // The last argument is followed by a null.
-    if (!setOption(&call, arguments[next], arguments[next + 1])) return std::nullopt;
+    if (!takeOption(&call, arguments, &next)) return std::nullopt;
   }
   if (call.url.empty() && next < count) call.url = arguments[next++];
   call.commands.assign(arguments + next, arguments + count);
@@ -101,10 +136,21 @@ std::optional<Call> callFrom(int count, char** arguments) {
   return call;
 }
 
+// The library's log is not shown, since fail prints every failure. One without an error, such as
+// that of a log file that cannot be made, says in the log's last line why.
+std::mutex logMutex;
+std::string lastLogLine = "no connection";
+
+void keepLogLine(int /*level*/, std::string_view line) {
+  const std::lock_guard guard(logMutex);
+  lastLogLine = line;
+}
+
 // Test the result, not the slot: a connection that is refused, for one, leaves no error.
 int fail(const Call& call, const std::string& what, const ZPKErrorPtr& error) {
+  const std::lock_guard guard(logMutex);
   std::fprintf(stderr, "talk: %s: %s: %s\n", call.url.c_str(), what.c_str(),
-               error == nullptr ? "no connection" : error->description().c_str());
+               error == nullptr ? lastLogLine.c_str() : error->description().c_str());
   return kConversationFailed;
 }
 
@@ -130,12 +176,19 @@ bool settle(ZPKCommStack& stack, const Call& call, ZPKErrorPtr* error) {
   return stack.setTimeoutIsException(true, error);
 }
 
+bool configure(ZPKCommStack& stack, const Call& call, ZPKErrorPtr* error) {
+  return stack.setDelimiter(call.delimiter, error) &&
+         stack.enableECIDSwapDetectionWithECID(call.ecid, error) &&
+         stack.setReadFilters(call.filters, error) &&
+         stack.setReadFiltersHex(call.hexFilters, error) &&
+         stack.setActiveChannelOnOff(call.readsAhead, error) &&
+         stack.setLogFilePath(call.log, call.rawLog, error);
+}
+
 int converse(const Call& call) {
   ZPKErrorPtr error;
   const ZPKCommStackPtr stack = ZPKCommStack::init();
-  stack->setDelimiter(call.delimiter, &error);
-  if (!stack->enableECIDSwapDetectionWithECID(call.ecid, &error) ||
-      !stack->createStackWithURL(call.url, &error) ||
+  if (!configure(*stack, call, &error) || !stack->createStackWithURL(call.url, &error) ||
       !stack->openWithTimeout(call.timeout, &error)) {
     return fail(call, "cannot open", error);
   }
@@ -165,7 +218,6 @@ int main(int count, char** arguments) {
     std::fputs(kHelp, stderr);
     return kBadUsage;
   }
-  // Every failure is printed once, by fail; the library's log would say it again.
-  ZPKLoggingSetSink([](int /*level*/, std::string_view /*line*/) {});
+  ZPKLoggingSetSink(keepLogLine);
   return converse(*call);
 }
