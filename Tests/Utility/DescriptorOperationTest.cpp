@@ -595,6 +595,25 @@ TEST(ZephalCommunicationWriteTest, APeerThatHasGoneGivesEpipeAndNoSignal) {
   EXPECT_EQ(result.message, writeFailure(EPIPE).description);
 }
 
+TEST(ZephalCommunicationWriteTest, APipeWithoutAReaderGivesEpipeAndNoSignal) {
+  const ChildResult result = runInChild([](std::string* message) {
+    LogCapture log;
+    ::signal(SIGPIPE, SIG_DFL);
+    int ends[2];
+    if (::pipe(ends) != 0) return 2;
+    ::close(ends[0]);
+    ZPKErrorPtr error;
+    const bool hasWritten = zephal_communication_write(ends[1], bytes("x"), &error);
+    *message = error == nullptr ? "no error" : error->description();
+    sigset_t mask;
+    ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    return hasWritten || ::sigismember(&mask, SIGPIPE) == 1 ? 1 : 0;
+  });
+  EXPECT_EQ(result.signal, 0);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.message, writeFailure(EPIPE).description);
+}
+
 // --- ZPIFileDescriptorCommunication
 
 // What a policy was asked.
@@ -981,6 +1000,18 @@ TEST_F(LargeDescriptorTest, AReadWithoutALimitEndsAsWell) {
   EXPECT_EQ(communication.readWithTimeout(ZEPHAL_COMMUNICATION_TIME_FOREVER, &_error)->length(),
             0U);
   EXPECT_TRUE(communication.isOpen());
+}
+
+TEST_F(LargeDescriptorTest, TheLargestNumberOfAllIsOneOfThem) {
+  RecordingCommunication communication(std::numeric_limits<int32_t>::max(),
+                                       RecordingPolicy(&_record));
+  for (const double timeout : {0.01, ZEPHAL_COMMUNICATION_TIME_FOREVER}) {
+    SystemCalls calls;
+    EXPECT_EQ(communication.readWithTimeout(timeout, &_error)->length(), 0U);
+    EXPECT_EQ(calls.all().back().size, FD_SETSIZE);
+  }
+  EXPECT_TRUE(communication.isOpen());
+  EXPECT_EQ(_error, olderError());
 }
 
 TEST_F(LargeDescriptorTest, NowAndWritesWorkAsEver) {

@@ -8,10 +8,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstddef>
 
-#include "Utility/ZPIBlockedSignals.h"
+#include "Utility/ZPIWithoutSignalsOfWriting.h"
 
 namespace {
 
@@ -31,48 +30,6 @@ int openFile(const std::string& path, int extraFlags) {
   constexpr mode_t kPermissions = 0666;
   return retryOnInterrupt([&] { return ::open(path.c_str(), kFlags | extraFlags, kPermissions); });
 }
-
-sigset_t signalsOfWriting() {
-  sigset_t signals;
-  ::sigemptyset(&signals);
-  ::sigaddset(&signals, SIGXFSZ);  // a file at its size limit
-  ::sigaddset(&signals, SIGPIPE);  // a log path that names a pipe without a reader
-  return signals;
-}
-
-sigset_t pendingSignals() {
-  sigset_t signals;
-  ::sigemptyset(&signals);
-  ::sigpending(&signals);
-  return signals;
-}
-
-bool contains(const sigset_t& signals, int signal) { return ::sigismember(&signals, signal) == 1; }
-
-// Lets a write fail with its errno alone: the default action of these signals ends the process, and
-// a log is never worth that.
-class WithoutSignalsOfWriting {
- public:
-  /// Takes away the signal that a failed write has just raised on this thread. One that was waiting
-  /// before is somebody else's and stays.
-  void discardSignalOf(int errorNumber) {
-    if (errorNumber == EFBIG) discard(SIGXFSZ);
-    if (errorNumber == EPIPE) discard(SIGPIPE);
-  }
-
- private:
-  void discard(int signal) {
-    if (contains(_pendingBefore, signal) || !contains(pendingSignals(), signal)) return;
-    sigset_t signals;
-    ::sigemptyset(&signals);
-    ::sigaddset(&signals, signal);
-    int taken = 0;
-    ::sigwait(&signals, &taken);
-  }
-
-  const ZPIBlockedSignals _blocked{signalsOfWriting()};
-  const sigset_t _pendingBefore = pendingSignals();
-};
 
 // The chunks of one locked write that are not out yet.
 class Rest {
@@ -102,7 +59,7 @@ class Rest {
 };
 
 void writeAll(int descriptor, std::span<const std::string> chunks,
-              WithoutSignalsOfWriting& signals) {
+              ZPIWithoutSignalsOfWriting& signals) {
   Rest rest(chunks);
   while (!rest.isEmpty()) {
     const ssize_t written =
@@ -137,7 +94,7 @@ ZPILogFileHandle::~ZPILogFileHandle() { close(); }
 
 void ZPILogFileHandle::append(std::span<const std::string> chunks) {
   if (_descriptor == -1) return;
-  WithoutSignalsOfWriting signals;
+  ZPIWithoutSignalsOfWriting signals;
   while (!chunks.empty()) {
     const size_t count = std::min(chunks.size(), kChunksPerWrite);
     retryOnInterrupt([this] { return ::flock(_descriptor, LOCK_EX); });

@@ -8,7 +8,9 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <optional>
 
+#include "Utility/ZPIWithoutSignalsOfWriting.h"
 #include "Utility/ZPKMutableData.h"
 
 namespace {
@@ -48,7 +50,8 @@ bool waitUntilReadable(int descriptor, double timeout, bool* hasFailed, ZPKError
   const bool isForever = timeout == ZEPHAL_COMMUNICATION_TIME_FOREVER;
   timeval time = isForever ? kUnselectablePause : timevalFromSeconds(timeout);
   timeval* const limit = isForever && fitsSet ? nullptr : &time;
-  const auto [count, number] = select_with_retry(descriptor + 1, &set, limit);
+  const int highest = fitsSet ? descriptor : FD_SETSIZE - 1;
+  const auto [count, number] = select_with_retry(highest + 1, &set, limit);
   if (count < 0) {
     ZPKReportFailure(error, kZPICommunicationDomain, 5, {"zephal_communication_read"},
                      "Select failed with error %s (%d), fd=%d", ZPIErrorText(number), number,
@@ -126,15 +129,19 @@ ZPKDataPtr zephal_communication_read(int descriptor, double timeout, ZPKErrorPtr
 }
 
 bool zephal_communication_write(int descriptor, const ZPKDataPtr& data, ZPKErrorPtr* error) {
-  bool isSocket = true;
+  std::optional<ZPIWithoutSignalsOfWriting> signals;  // for what turns out to be no socket
   return writeAll(data, error, [&](const uint8_t* bytes, size_t count) {
-    if (isSocket) {
+    if (!signals.has_value()) {
       const ssize_t sent = ::send(descriptor, bytes, count, MSG_NOSIGNAL);
       if (sent >= 0 || errno != ENOTSOCK) return sent;
-      isSocket = false;
+      signals.emplace();
       errno = 0;
     }
-    return ::write(descriptor, bytes, count);
+    const ssize_t written = ::write(descriptor, bytes, count);
+    const int number = errno;
+    if (written < 0) signals->discardSignalOf(number);
+    errno = number;
+    return written;
   });
 }
 

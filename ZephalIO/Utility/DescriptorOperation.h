@@ -38,11 +38,11 @@ ZPKDataPtr zephal_communication_read(int descriptor, double timeout, ZPKErrorPtr
 
 /// Writes all bytes, in as many calls as the system asks for. Empty and null data succeed with no
 /// system call. A call that writes nothing, EINTR and EAGAIN included, is a failure: false, domain
-/// "zephal-communication", code 5, and what went out before stays out. A socket whose peer has gone
-/// gives EPIPE and no signal.
+/// "zephal-communication", code 5, and what went out before stays out. A peer that has gone gives
+/// EPIPE and no signal, whether the descriptor is a socket or a pipe.
 bool zephal_communication_write(int descriptor, const ZPKDataPtr& data, ZPKErrorPtr* error);
 
-/// As zephal_communication_write, for a descriptor that is known to be no socket.
+/// As zephal_communication_write, for a descriptor that is known to be neither a socket nor a pipe.
 bool zephal_communication_write_no_socket(int descriptor, const ZPKDataPtr& data,
                                           ZPKErrorPtr* error);
 
