@@ -3,9 +3,53 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <mutex>
 
 using Sink = std::function<void(int, std::string_view)>;
+
+namespace {
+
+// Lets the calling thread write to a pipe or a socket without a reader and get EPIPE alone: whoever
+// stops listening to the log must not end the process. A SIGPIPE that was waiting before stays.
+class WithoutSigpipe {
+ public:
+  WithoutSigpipe() : _wasPending(isPending()) {
+    ::pthread_sigmask(SIG_BLOCK, &sigpipe(), &_before);
+  }
+  WithoutSigpipe(const WithoutSigpipe&) = delete;
+  WithoutSigpipe& operator=(const WithoutSigpipe&) = delete;
+  ~WithoutSigpipe() { ::pthread_sigmask(SIG_SETMASK, &_before, nullptr); }
+
+  // To be called after a write that failed with EPIPE, and so has raised the signal.
+  void discardSignal() const {
+    int taken = 0;
+    if (!_wasPending && isPending()) ::sigwait(&sigpipe(), &taken);
+  }
+
+ private:
+  static const sigset_t& sigpipe() {
+    static const sigset_t set = [] {
+      sigset_t signals;
+      ::sigemptyset(&signals);
+      ::sigaddset(&signals, SIGPIPE);
+      return signals;
+    }();
+    return set;
+  }
+
+  static bool isPending() {
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    ::sigpending(&signals);
+    return ::sigismember(&signals, SIGPIPE) == 1;
+  }
+
+  const bool _wasPending;
+  sigset_t _before;
+};
+
+}  // namespace
 
 class ZPKLogAnchor {
  public:
@@ -30,10 +74,12 @@ class ZPKLogAnchor {
   // One write per line, so that lines of several threads or processes do not cut into each other.
   static void writeToStandardError(std::string line) {
     if (!line.ends_with('\n')) line.push_back('\n');
+    const WithoutSigpipe signals;
     std::string_view rest = line;
     while (!rest.empty()) {
       const ssize_t written = ::write(STDERR_FILENO, rest.data(), rest.size());
       if (written < 0 && errno == EINTR) continue;
+      if (written < 0 && errno == EPIPE) signals.discardSignal();
       if (written <= 0) return;
       rest.remove_prefix(static_cast<size_t>(written));
     }

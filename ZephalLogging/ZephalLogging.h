@@ -4,8 +4,9 @@
 //
 //     ZPKLoggingLog(ZPKLogGetAnchor(), 0, "Error opening %@ - %s(%d)", path, text, number);
 //
-// By default a line goes to standard error. A host program that has a logger of its own takes the
-// lines over with ZPKLoggingSetSink. Everything here may be called from any thread.
+// By default a line goes to standard error, and is lost without a word, and without a SIGPIPE, if
+// that takes it no more. A host program that has a logger of its own takes the lines over with
+// ZPKLoggingSetSink. Everything here may be called from any thread.
 #pragma once
 
 #include <array>

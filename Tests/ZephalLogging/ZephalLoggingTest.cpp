@@ -7,12 +7,14 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <limits>
 #include <map>
 #include <sstream>
 #include <thread>
 #include <vector>
 
+#include "Support/OrdinaryUser.h"
 #include "ZephalLogging.h"
 
 namespace {
@@ -230,6 +232,45 @@ TEST(ZephalLoggingTest, AStandardErrorThatTakesNothingIsIgnored) {
   errno = ENOENT;
   logLine("lost");
   EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(ZephalLoggingTest, AStandardErrorThatNobodyReadsAnyMoreEndsNoProcess) {
+  const ChildResult result = runInChild([](std::string*) {
+    ::signal(SIGPIPE, SIG_DFL);
+    int ends[2];
+    if (::pipe(ends) != 0) return 2;
+    const StandardErrorTo pipe(ends[1]);
+    ::close(ends[0]);
+    logLine("lost");
+    logLine("lost");
+    sigset_t blocked;
+    sigset_t pending;
+    ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    ::sigpending(&pending);
+    return ::sigismember(&blocked, SIGPIPE) == 1 || ::sigismember(&pending, SIGPIPE) == 1 ? 1 : 0;
+  });
+  EXPECT_EQ(result.signal, 0);
+  EXPECT_EQ(result.status, 0);
+}
+
+TEST(ZephalLoggingTest, ASignalThatWasWaitingBeforeALineIsStillWaitingAfterIt) {
+  const ChildResult result = runInChild([](std::string*) {
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    ::sigaddset(&signals, SIGPIPE);
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    ::raise(SIGPIPE);
+    int ends[2];
+    if (::pipe(ends) != 0) return 2;
+    const StandardErrorTo pipe(ends[1]);
+    ::close(ends[0]);
+    logLine("lost");
+    sigset_t pending;
+    ::sigpending(&pending);
+    return ::sigismember(&pending, SIGPIPE) == 1 ? 0 : 1;
+  });
+  EXPECT_EQ(result.signal, 0);
+  EXPECT_EQ(result.status, 0);
 }
 
 TEST(ZephalLoggingTest, ASinkTakesTheLinesWithTheirLevels) {
