@@ -365,15 +365,48 @@ TEST_F(ZPIUARTLifetimePolicyTest, AFailureToSetTheExactSpeed) {
   EXPECT_TRUE(isOpenDescriptor(_port.descriptor));
 }
 
-TEST_F(ZPIUARTLifetimePolicyTest, EveryFailureIsLoggedWithoutASlotToo) {
-  for (const char* const call : {"open", "ioctl", "fcntl", "tcgetattr", "tcsetattr"}) {
+TEST_F(ZPIUARTLifetimePolicyTest, EveryFailureIsLoggedOnceWithoutASlotToo) {
+  struct Case {
+    const char* call;
+    const char* text;
+    const char* end;
+  };
+  for (const Case& step : {Case{"open", "Error opening serial port ", "."},
+                           Case{"ioctl TIOCEXCL", "Error setting TIOCEXCL on ", ""},
+                           Case{"fcntl", "Error clearing O_NONBLOCK ", ""},
+                           Case{"tcgetattr", "Error getting tty attributes ", ""},
+                           Case{"tcsetattr", "Error setting tty attributes ", ""}}) {
     LogCapture log;
     TransportPeer peer(TransportPeer::Kind::kTerminal);
     Port port;
     SystemCalls calls;
-    calls.fail(call, EIO);
-    EXPECT_FALSE(port.open(peer.url(), optionsOf(9600, "8N1", true), nullptr)) << call;
-    EXPECT_EQ(log.lines().size(), 1U) << call;
+    calls.fail(step.call, EIO);
+    EXPECT_FALSE(port.open(peer.url(), optionsOf(9600, "8N1", true), nullptr)) << step.call;
+    const std::string line = step.text + peer.path() + " - " + numbered(EIO) + step.end;
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{0, line}));
+    EXPECT_EQ(port.descriptor >= 0, std::string(step.call) != "open");
+  }
+}
+
+TEST_F(ZPIUARTLifetimePolicyTest, AFailureToSetTheExactSpeedIsLoggedOnceWithoutASlotToo) {
+  SystemCalls calls;
+  calls.fail("ioctl TCSETS2", EIO);
+  EXPECT_FALSE(_port.open(_peer.url(), optionsOf(12345, "8N1"), nullptr));
+  EXPECT_THAT(_log.lines(),
+              ElementsAre(LogLine{0, "Error 5 calling ioctl( ..., ZSSIOSPEED, ... )"}));
+  EXPECT_TRUE(isOpenDescriptor(_port.descriptor));
+}
+
+TEST_F(ZPIUARTLifetimePolicyTest, ABadModeIsLoggedOnceWithoutASlotToo) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"9N1", "Invalid Character Size (Use 5, 6, 7, or 8)"},
+      {"8n1", "Invalid parity (Use N, O, or E)"},
+      {"8N3", "Invalid stop but (Use 1, or 2)"}};
+  for (const auto& [mode, line] : cases) {
+    LogCapture log;
+    Port port;
+    EXPECT_FALSE(port.open(_peer.url(), optionsOf(9600, mode, false), nullptr)) << mode;
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{0, line}));
   }
 }
 
