@@ -89,13 +89,19 @@ using ZPKDataChannelPtr = std::shared_ptr<ZPKDataChannel>;
 ZPK_EXPORT ZPKDataChannelPtr createUARTChannel(const ZPKURLPtr& url, const ZPKOptionsPtr& options,
                                                ZPKErrorPtr* error = nullptr);
 
-/// A connection to a "tcp" or "unix" URL. Fails for a null URL alone: any other that cannot be
-/// connected to gives a log line here and a failed open later.
+/// A connection to a "tcp" or "unix" URL (connect(2), tcp(7), unix(7)). Fails for a null URL alone:
+/// any other that cannot be connected to gives a log line here and a failed open later.
+///
+/// A host that is a name is resolved at open with gethostbyname(3): channels to names must not be
+/// opened on two threads at once, channels to dotted addresses may. A program that is started by
+/// fork(2) and exec(2) inherits the socket, and the peer sees no end before that has closed it too.
 ZPK_EXPORT ZPKDataChannelPtr createActiveTCPChannel(const ZPKURLPtr& url,
                                                     ZPKErrorPtr* error = nullptr);
 
 /// A channel over a connected socket, which it takes over: it is open at once, and close closes the
-/// socket for good. Fails for -1; any other negative value gives a channel that is closed for good.
+/// socket for good. No option of it is set. It is to be blocking: on one that is not, a write that
+/// does not fit at once fails. Fails for -1; any other negative value gives a channel that is
+/// closed for good.
 ZPK_EXPORT ZPKDataChannelPtr createActiveTCPChannelWithSocket(int32_t socket,
                                                               ZPKErrorPtr* error = nullptr);
 

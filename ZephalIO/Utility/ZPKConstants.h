@@ -18,6 +18,7 @@ extern ZPK_EXPORT const std::string_view ZEPHAL_COMMUNICATION_UART_MODE;
 /// Option key of the exclusive hold on a serial port: a boolean number, true by default.
 extern ZPK_EXPORT const std::string_view ZEPHAL_COMMUNICATION_UART_EXCLUSIVE_LOCK;
 
-/// Version symbols, in the form that a file-identification tool such as what(1) looks for.
+/// Version symbols, in the form that a file-identification tool such as what(1) looks for; the text
+/// ends in a line feed and a zero. The version that runs is in the location of every ZPKError.
 extern ZPK_EXPORT const double ZephalIOVersionNumber;
 extern ZPK_EXPORT const unsigned char ZephalIOVersionString[];

@@ -36,7 +36,9 @@ class ZPK_EXPORT ZPKError {
   /// from the system itself has the domain "POSIX" (the code is the errno) or "PCRE2", and the log
   /// line of an unreadable archive shows one of the domain "CBOR".
   const std::string& domain() const { return _domain; }
+  /// What went wrong, as a number within the domain; every operation names its own.
   int code() const { return _code; }
+  /// The texts by their keys: an error of the library has exactly the two above.
   const UserInfo& userInfo() const { return _userInfo; }
 
   /// The message, the value of ZPKErrorDescriptionKey; empty if there is none.

@@ -1,11 +1,13 @@
-/* The library's socket functions, with C linkage: IPv4 stream sockets, all blocking.
+/* The library's socket functions, with C linkage: IPv4 stream sockets, all blocking (ip(7),
+ * tcp(7)).
  *
  * A descriptor is an int, and -1 means failure; errno then tells the system's reason. They hold no
  * state, take no lock, report no ZPKError and write nothing to the log. Any thread may call them,
  * except that active_tcp and active_tcp_ex use gethostbyname(3) for a name, which is not safe on
  * two threads at once.
  *
- * The caller owns every socket that is returned and closes it with close(2).
+ * The caller owns every socket that is returned and closes it with close(2). A program that is
+ * started by fork(2) and exec(2) inherits it.
  *
  * SIGPIPE: where the system has SO_NOSIGPIPE, it is set on the socket. Elsewhere, Linux included,
  * the signal is set to be ignored for the whole process, once, and only if it still has its default
@@ -22,9 +24,9 @@ extern "C" {
 
 /* Listens on a TCP port of all interfaces, with a backlog of 5. Only the low 16 bits of `port`
  * count; 0 lets the system choose. With `reuse`, SO_REUSEADDR and SO_REUSEPORT are set, so that two
- * listeners which both ask for it share a port without a word. A port that cannot be bound gives -1
- * and one line on standard output, which says "busy" for EADDRINUSE and "restricted" for any other
- * reason. */
+ * listeners which both ask for it share a port without a word. Sets TCP_NODELAY. A port that cannot
+ * be bound gives -1 and one line on standard output, which says "busy" for EADDRINUSE and
+ * "restricted" for any other reason. */
 ZPK_EXPORT int passive_tcp(int port, bool reuse);
 
 /* Connects to a TCP port. `host` is a dotted IPv4 address or a name; null, or a name that does not
