@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "Support/SystemCalls.h"
 #include "Utility/ZPKMutableData.h"
 
 namespace {
@@ -24,6 +25,13 @@ ZPKMutableDataPtr bufferOf(std::string_view bytes) {
 
 void append(const ZPKMutableDataPtr& buffer, std::string_view bytes) {
   buffer->append(bytes.data(), bytes.size());
+}
+
+// Bytes in a block of their own, which can change hands.
+ZPKMutableDataPtr growingBufferOf(std::string_view bytes) {
+  const ZPKMutableDataPtr buffer = ZPKMutableData::data();
+  append(buffer, bytes);
+  return buffer;
 }
 
 size_t find(const ZPKMutableDataPtr& buffer, std::string_view pattern) {
@@ -232,7 +240,7 @@ TEST(ZPKMutableDataTest, TakingFromAnEmptyBufferGivesEmptyData) {
 }
 
 TEST(ZPKMutableDataTest, TheLongerPartKeepsTheStorage) {
-  const ZPKMutableDataPtr buffer = bufferOf("abcdef");
+  const ZPKMutableDataPtr buffer = growingBufferOf("abcdef");
   const uint8_t* const bytes = buffer->bytes();
   const ZPKMutableDataPtr shorter = buffer->takeFirst(2);
   EXPECT_EQ(buffer->bytes(), bytes + 2);
@@ -242,8 +250,27 @@ TEST(ZPKMutableDataTest, TheLongerPartKeepsTheStorage) {
   EXPECT_EQ(buffer->view(), "f");
 }
 
+TEST(ZPKMutableDataTest, AShortUnitIsOneAllocation) {
+  const ZPKMutableDataPtr buffer = growingBufferOf(std::string(3000, 'a'));
+  const SystemCalls calls;
+  const ZPKMutableDataPtr unit = buffer->takeFirst(1024);
+  EXPECT_EQ(calls.allocations(), 1U);
+  EXPECT_EQ(unit->length(), 1024U);
+}
+
+TEST(ZPKMutableDataTest, TheFirstBytesMoveToAnotherBuffer) {
+  for (size_t count = 0; count <= 7; ++count) {
+    const ZPKMutableDataPtr buffer = bufferOf("abcdef");
+    const ZPKMutableDataPtr target = bufferOf("what it held");
+    buffer->moveFirst(count, target.get());
+    const size_t moved = std::min<size_t>(count, 6);
+    EXPECT_EQ(target->view(), std::string_view("abcdef").substr(0, moved));
+    EXPECT_EQ(buffer->view(), std::string_view("abcdef").substr(moved));
+  }
+}
+
 TEST(ZPKMutableDataTest, SwappingExchangesTheContents) {
-  const ZPKMutableDataPtr left = bufferOf("left");
+  const ZPKMutableDataPtr left = growingBufferOf("left");
   const ZPKMutableDataPtr right = bufferOf("the right");
   left->dropFirst(1);
   const uint8_t* const bytes = left->bytes();
@@ -255,9 +282,25 @@ TEST(ZPKMutableDataTest, SwappingExchangesTheContents) {
   EXPECT_EQ(left->view(), "the right");
 }
 
+TEST(ZPKMutableDataTest, BytesThatLieWithinTheirObjectCanBeSwappedToo) {
+  const ZPKMutableDataPtr left = bufferOf("left");
+  ZPKMutableDataPtr right = bufferOf("the right");
+  const ZPKMutableDataPtr emptied = bufferOf("gone");
+  emptied->setLength(0);
+  left->swap(*right);
+  right->swap(*emptied);
+  EXPECT_EQ(left->view(), "the right");
+  EXPECT_EQ(right->view(), "");
+  right = nullptr;
+  append(emptied, " and more");
+  append(left, " one");
+  EXPECT_EQ(emptied->view(), "left and more");
+  EXPECT_EQ(left->view(), "the right one");
+}
+
 TEST(ZPKMutableDataTest, AnEmptyBufferTakesAnothersStorageOver) {
   const ZPKMutableDataPtr buffer = ZPKMutableData::data();
-  const ZPKMutableDataPtr other = bufferOf("abc");
+  const ZPKMutableDataPtr other = growingBufferOf("abc");
   const uint8_t* const bytes = other->bytes();
   buffer->appendGivingUp(other.get());
   EXPECT_EQ(buffer->bytes(), bytes);
@@ -564,7 +607,7 @@ class RandomEdits {
   void step() {
     BufferAndModel& one = _pairs[below(3)];
     BufferAndModel& other = _pairs[below(3)];
-    switch (below(14)) {
+    switch (below(16)) {
       case 0: appendBytes(one); break;
       case 1: appendOwnPart(one); break;
       case 2: appendOther(one, other); break;
@@ -577,6 +620,8 @@ class RandomEdits {
       case 9: swap(one, other); break;
       case 10: writeByte(one); break;
       case 11: giveUp(one); break;
+      case 12: moveFirst(one, other); break;
+      case 13: one.buffer = bufferOf(one.model); break;
       default: find(one); break;
     }
     one.check();
@@ -643,6 +688,14 @@ class RandomEdits {
     if (&one == &other) return;
     const size_t count = below(one.model.size() + 3);
     other.buffer = one.buffer->takeFirst(count);
+    other.model = one.model.substr(0, count);
+    one.model.erase(0, count);
+  }
+
+  void moveFirst(BufferAndModel& one, BufferAndModel& other) {
+    if (&one == &other) return;
+    const size_t count = below(one.model.size() + 3);
+    one.buffer->moveFirst(count, other.buffer.get());
     other.model = one.model.substr(0, count);
     one.model.erase(0, count);
   }

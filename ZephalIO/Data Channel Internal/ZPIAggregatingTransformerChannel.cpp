@@ -30,8 +30,7 @@ bool ZPIAggregatingTransformerChannel::reset(ZPKErrorPtr* error) {
 bool ZPIAggregatingTransformerChannel::isOpened() const { return _channel->isOpened(); }
 
 ZPKDataPtr ZPIAggregatingTransformerChannel::readWithTimeout(double timeout, ZPKErrorPtr* error) {
-  // Without a terminator there is no held unit: held bytes come up together with those of a read.
-  if (ZPKMutableDataPtr unit = _aggregator->takeHeldUnit()) return unit;
+  if (ZPKMutableDataPtr unit = takeHeldUnit()) return unit;
   ZPKMutableDataPtr data =
       ZPKMutableData::mutableCopyGivingUp(_channel->readWithTimeout(timeout, error));
   if (data != nullptr) _aggregator->modifyData(data.get());
@@ -40,4 +39,8 @@ ZPKDataPtr ZPIAggregatingTransformerChannel::readWithTimeout(double timeout, ZPK
 
 bool ZPIAggregatingTransformerChannel::write(const ZPKDataPtr& data, ZPKErrorPtr* error) {
   return _channel->write(data, error);
+}
+
+ZPKMutableDataPtr ZPIAggregatingTransformerChannel::takeHeldUnit() {
+  return _aggregator->takeHeldUnit();
 }

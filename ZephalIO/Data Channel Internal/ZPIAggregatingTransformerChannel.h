@@ -2,12 +2,13 @@
 
 #include <memory>
 
+#include "Data Channel Internal/ZPIUnitHolder.h"
 #include "Data Channel/ZPKDataChannel.h"
 #include "Data Transformers/ZPKMutableDataAggregatorTransformer.h"
 
 /// Wraps a channel and hands up what it reads in units of one aggregator, which its creator shares.
 /// Writes pass. No lock: reads and reset touch the aggregator and must not overlap.
-class ZPIAggregatingTransformerChannel final : public ZPKDataChannel {
+class ZPIAggregatingTransformerChannel final : public ZPKDataChannel, public ZPIUnitHolder {
   struct Key {
     explicit Key() = default;
   };
@@ -25,6 +26,9 @@ class ZPIAggregatingTransformerChannel final : public ZPKDataChannel {
   bool isOpened() const override;
   ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) override;
   bool write(const ZPKDataPtr& data, ZPKErrorPtr* error) override;
+
+  /// Without a terminator there is none: held bytes come up together with those of a read.
+  ZPKMutableDataPtr takeHeldUnit() override;
 
  private:
   const ZPKDataChannelPtr _channel;

@@ -29,7 +29,7 @@ std::shared_ptr<ZPIPassiveChannel> ZPIPassiveChannel::initWithChannel(ZPKDataCha
 }
 
 ZPIPassiveChannel::ZPIPassiveChannel(Key, ZPKDataChannelPtr channel)
-    : _channel(std::move(channel)) {}
+    : _channel(std::move(channel)), _unitHolder(dynamic_cast<ZPIUnitHolder*>(_channel.get())) {}
 
 bool ZPIPassiveChannel::openWithTimeout(double timeout, ZPKErrorPtr* error) {
   return _channel->openWithTimeout(timeout, error);
@@ -42,14 +42,18 @@ bool ZPIPassiveChannel::reset(ZPKErrorPtr* error) { return _channel->reset(error
 bool ZPIPassiveChannel::isOpened() const { return _channel->isOpened(); }
 
 ZPKDataPtr ZPIPassiveChannel::readWithTimeout(double timeout, ZPKErrorPtr* error) {
-  const bool timed = isTimed(timeout);
-  const WallClock::time_point start = timed ? WallClock::now() : WallClock::time_point();
   if (!_channel->isOpened()) {
     ZPKReportFailure(error, kZPICommunicationDomain, 2,
                      {"-[ZPIPassiveChannel readWithTimeout:error:]"},
                      "Cannot communicate with closed device");
     return nullptr;
   }
+  // A unit that is there already needs no clock, which would cost more than the unit.
+  if (_unitHolder != nullptr) {
+    if (ZPKDataPtr unit = _unitHolder->takeHeldUnit()) return unit;
+  }
+  const bool timed = isTimed(timeout);
+  const WallClock::time_point start = timed ? WallClock::now() : WallClock::time_point();
   const double slice = timed ? timeout / 10.0 : timeout;
   for (;;) {
     ZPKErrorPtr readError;

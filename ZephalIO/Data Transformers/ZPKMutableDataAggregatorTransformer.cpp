@@ -25,7 +25,7 @@ void ZPKMutableDataAggregatorTransformer::modifyData(ZPKMutableData* data) {
   }
   const ZPKRange found = _buffer->find(*terminator);
   if (found.location == ZPKNotFound) return;
-  data->swap(*_buffer->takeFirst(found.location + found.length));
+  _buffer->moveFirst(found.location + found.length, data);
 }
 
 ZPKMutableDataPtr ZPKMutableDataAggregatorTransformer::takeHeldUnit() {
@@ -58,7 +58,7 @@ void ZPKMutableDataAggregatorTransformer::cutChunk(const ZPKData& terminator,
   const size_t unitLength = found.location + found.length;
   if (unitLength == chunk->length()) return;
   _buffer->swap(*chunk);
-  chunk->swap(*_buffer->takeFirst(unitLength));
+  _buffer->moveFirst(unitLength, chunk);
 }
 
 bool ZPKMutableDataAggregatorTransformer::reset(ZPKErrorPtr* /*error*/) {

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 
 #include "Utility/ZPIByteSearch.h"
+#include "Utility/ZPIMakeSharedWithBytes.h"
 #include "Utility/ZPIText.h"
 #include "Utility/ZPKMutableData.h"
 
@@ -17,17 +17,19 @@ constexpr size_t kDescribedLength = 32;
 
 ZPKDataPtr ZPKData::data() {
   // Never destroyed: a reader thread may ask for it while the process runs its exit handlers.
-  static const auto* const empty = new ZPKDataPtr(std::make_shared<ZPKData>(Key()));
+  static const auto* const empty = new ZPKDataPtr(dataWithBytesNoCopy(nullptr, 0));
   return *empty;
 }
 
 ZPKDataPtr ZPKData::dataWithBytes(const void* bytes, size_t length) {
   if (length == 0) return data();
-  auto result = std::make_shared<ZPKData>(Key());
-  result->_storage = static_cast<uint8_t*>(std::malloc(length));
-  if (result->_storage == nullptr) throw std::bad_alloc();
-  std::memcpy(result->_storage, bytes, length);
+  uint8_t* storage = nullptr;
+  auto result = ZPIMakeSharedWithBytes<ZPKData>(length, &storage, Key());
+  std::memcpy(storage, bytes, length);
+  result->_storage = storage;
   result->_length = length;
+  result->_self = result;
+  result->_isWithinObject = true;
   return result;
 }
 
@@ -35,6 +37,7 @@ ZPKDataPtr ZPKData::dataWithBytesNoCopy(void* buffer, size_t length) {
   auto result = std::make_shared<ZPKData>(Key());
   result->_storage = static_cast<uint8_t*>(buffer);
   result->_length = length;
+  result->_self = result;
   return result;
 }
 
@@ -43,12 +46,11 @@ ZPKDataPtr ZPKData::dataWithString(std::optional<std::string_view> string) {
   return dataWithBytes(string->data(), string->size());
 }
 
-ZPKData::~ZPKData() { std::free(_storage); }
-
-ZPKDataPtr ZPKData::copy() const {
-  if (ZPKDataPtr self = weak_from_this().lock()) return self;
-  return dataWithBytes(bytes(), _length);
+ZPKData::~ZPKData() {
+  if (!_isWithinObject) std::free(_storage);
 }
+
+ZPKDataPtr ZPKData::copy() const { return ZPKDataPtr(_self); }
 
 ZPKMutableDataPtr ZPKData::mutableCopy() const {
   auto result = ZPKMutableData::data();

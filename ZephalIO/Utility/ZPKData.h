@@ -16,7 +16,7 @@
 /// Null and empty are two different things everywhere in this library: a null pointer is "no data",
 /// an empty instance is "data of length 0". All operations may run on any thread at the same time,
 /// as long as the object is not a ZPKMutableData that somebody edits.
-class ZPK_EXPORT ZPKData : public ZPKObject, public std::enable_shared_from_this<ZPKData> {
+class ZPK_EXPORT ZPKData : public ZPKObject {
   struct Key {
     explicit Key() = default;
   };
@@ -32,7 +32,7 @@ class ZPK_EXPORT ZPKData : public ZPKObject, public std::enable_shared_from_this
   /// The UTF-8 bytes of a string; null for a null string.
   static ZPKDataPtr dataWithString(std::optional<std::string_view> string);
 
-  explicit ZPKData(Key) {}
+  explicit ZPKData(Key) : ZPKData(false) {}
   ZPKData(const ZPKData&) = delete;
   ZPKData& operator=(const ZPKData&) = delete;
   ~ZPKData() override;
@@ -80,11 +80,17 @@ class ZPK_EXPORT ZPKData : public ZPKObject, public std::enable_shared_from_this
  protected:
   explicit ZPKData(bool isMutable) : _isMutable(isMutable) {}
 
-  // A malloc(3) block, or null. The data are the `_length` bytes that begin at `_head`.
+  // Null, a malloc(3) block, or memory that came with the object. The data are the `_length` bytes
+  // that begin at `_head`.
   uint8_t* _storage = nullptr;
   size_t _head = 0;
   size_t _length = 0;
-  const bool _isMutable = false;
+  const bool _isMutable;
+  bool _isWithinObject = false;
+
+ private:
+  // Null in a ZPKMutableData: to hold itself would cost every unit that is read atomic operations.
+  std::weak_ptr<const ZPKData> _self;
 
   friend class ZPKMutableData;
 };

@@ -1,12 +1,14 @@
 #include "Utility/ZPKMutableData.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <utility>
 
 #include "Utility/ZPIByteSearch.h"
+#include "Utility/ZPIMakeSharedWithBytes.h"
 
 namespace {
 
@@ -16,8 +18,27 @@ constexpr size_t kSmallestCapacity = 32;
 constexpr size_t kAlwaysKeptCapacity = 1024;
 constexpr size_t kSparseFactor = 8;
 
+// The longest data that lie in one block of memory with their object.
+constexpr size_t kLongestWithinObject = kAlwaysKeptCapacity;
+
 bool isSparse(size_t length, size_t capacity) {
   return capacity > kAlwaysKeptCapacity && length < capacity / kSparseFactor;
+}
+
+uint8_t* allocate(size_t capacity) {
+  auto* block = static_cast<uint8_t*>(std::malloc(capacity));
+  if (block == nullptr) throw std::bad_alloc();
+  return block;
+}
+
+// What former holders did with the data, which have one holder now, comes before what happens from
+// here on.
+void orderAfterFormerHolders([[maybe_unused]] const ZPKDataPtr& data) {
+#ifdef __SANITIZE_THREAD__
+  const ZPKDataPtr reference = data;  // ThreadSanitizer does not know fences
+#else
+  std::atomic_thread_fence(std::memory_order_acquire);
+#endif
 }
 
 }  // namespace
@@ -42,13 +63,16 @@ ZPKMutableDataPtr ZPKMutableData::dataWithBytesNoCopy(void* buffer, size_t lengt
 }
 
 ZPKMutableDataPtr ZPKMutableData::dataWithBytes(const void* bytes, size_t length) {
-  auto result = data();
-  if (length == 0) return result;
-  result->_storage = static_cast<uint8_t*>(std::malloc(length));
-  if (result->_storage == nullptr) throw std::bad_alloc();
-  std::memcpy(result->_storage, bytes, length);
+  if (length == 0) return data();
+  uint8_t* storage = nullptr;
+  const bool isWithinObject = length <= kLongestWithinObject;
+  auto result = isWithinObject ? ZPIMakeSharedWithBytes<ZPKMutableData>(length, &storage) : data();
+  if (!isWithinObject) storage = allocate(length);
+  std::memcpy(storage, bytes, length);
+  result->_storage = storage;
   result->_length = length;
   result->_capacity = length;
+  result->_isWithinObject = isWithinObject;
   return result;
 }
 
@@ -56,9 +80,8 @@ ZPKMutableDataPtr ZPKMutableData::mutableCopyGivingUp(ZPKDataPtr&& data) {
   if (data == nullptr) return nullptr;
   if (!data->_isMutable || data.use_count() != 1)
     return std::exchange(data, nullptr)->mutableCopy();
-  // The last other holder may have let go on another thread a moment ago: taking and dropping a
-  // reference orders what it did with the bytes before what happens to them from here on.
-  { const ZPKDataPtr fence = data; }
+  // The last other holder may have let go on another thread a moment ago.
+  orderAfterFormerHolders(data);
   auto mutableData = std::const_pointer_cast<ZPKData>(std::move(data));
   return std::static_pointer_cast<ZPKMutableData>(std::move(mutableData));
 }
@@ -82,7 +105,7 @@ void ZPKMutableData::append(const void* bytes, size_t length) {
 }
 
 void ZPKMutableData::appendGivingUp(ZPKMutableData* other) {
-  if (_length == 0 && !isSparse(other->_length, other->_capacity)) {
+  if (_length == 0 && !other->_isWithinObject && !isSparse(other->_length, other->_capacity)) {
     swap(*other);  // together with what a search of `other` has found out
   } else {
     append(*other);
@@ -130,20 +153,34 @@ void ZPKMutableData::dropFirst(size_t count) {
 
 ZPKMutableDataPtr ZPKMutableData::takeFirst(size_t count) {
   count = std::min(count, _length);
-  // The longer part keeps the storage, the shorter one is copied.
   if (count < _length - count) {
     ZPKMutableDataPtr first = dataWithBytes(bytes(), count);
     dropFirst(count);
     return first;
   }
   ZPKMutableDataPtr first = data();
-  first->swap(*this);
-  append(first->bytes() + count, first->_length - count);
-  first->setLength(count);
+  moveFirst(count, first.get());
   return first;
 }
 
-void ZPKMutableData::swap(ZPKMutableData& other) noexcept {
+void ZPKMutableData::moveFirst(size_t count, ZPKMutableData* target) {
+  count = std::min(count, _length);
+  target->setLength(0);
+  // The longer part keeps the storage, the shorter one is copied.
+  if (count < _length - count) {
+    target->append(bytes(), count);
+    dropFirst(count);
+    return;
+  }
+  target->swap(*this);
+  append(target->bytes() + count, target->_length - count);
+  target->setLength(count);
+}
+
+void ZPKMutableData::swap(ZPKMutableData& other) {
+  if (&other == this) return;
+  leaveObject();
+  other.leaveObject();
   std::swap(_storage, other._storage);
   std::swap(_head, other._head);
   std::swap(_length, other._length);
@@ -179,13 +216,13 @@ void ZPKMutableData::reserveAtEnd(size_t count) {
     return;
   }
   const size_t capacity = std::max({needed, _length * 2, kSmallestCapacity});
-  if (_head > 0) {
-    auto* fresh = static_cast<uint8_t*>(std::malloc(capacity));
-    if (fresh == nullptr) throw std::bad_alloc();
+  if (_head > 0 || _isWithinObject) {
+    uint8_t* fresh = allocate(capacity);
     if (_length > 0) std::memcpy(fresh, _storage + _head, _length);
-    std::free(_storage);
+    if (!_isWithinObject) std::free(_storage);
     _storage = fresh;
     _head = 0;
+    _isWithinObject = false;
   } else {
     auto* grown = static_cast<uint8_t*>(std::realloc(_storage, capacity));
     if (grown == nullptr) throw std::bad_alloc();
@@ -194,6 +231,21 @@ void ZPKMutableData::reserveAtEnd(size_t count) {
   _capacity = capacity;
 }
 
+// Moves the bytes to a block that can change hands.
+void ZPKMutableData::leaveObject() {
+  if (!_isWithinObject) return;
+  uint8_t* block = nullptr;
+  if (_length > 0) {
+    block = allocate(_length);
+    std::memcpy(block, bytes(), _length);
+  }
+  _storage = block;
+  _head = 0;
+  _capacity = _length;
+  _isWithinObject = false;
+}
+
+// Within the object there is never so much room that it would be released.
 void ZPKMutableData::releaseRoom() {
   uint8_t* fresh = nullptr;
   if (_length > 0) {

@@ -49,8 +49,11 @@ class ZPK_EXPORT ZPKMutableData final : public ZPKData {
   /// Takes the first `count` bytes, or all if there are fewer, off the buffer and gives them in one
   /// of their own.
   ZPKMutableDataPtr takeFirst(size_t count);
-  /// Exchanges the contents of two buffers, without a copy.
-  void swap(ZPKMutableData& other) noexcept;
+  /// Takes the first `count` bytes, or all if there are fewer, off the buffer and makes them the
+  /// contents of `target`, another buffer.
+  void moveFirst(size_t count, ZPKMutableData* target);
+  /// Exchanges the contents of two buffers; no more than 1 KiB of each is copied.
+  void swap(ZPKMutableData& other);
 
   using ZPKData::find;
   /// As ZPKData::find over the whole buffer. A search that finds nothing is remembered: while bytes
@@ -59,6 +62,7 @@ class ZPK_EXPORT ZPKMutableData final : public ZPKData {
 
  private:
   void reserveAtEnd(size_t count);
+  void leaveObject();
   void forgetSearch() { _searchedLength = 0; }
   void releaseRoom();
 
