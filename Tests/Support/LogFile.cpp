@@ -2,13 +2,17 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
-#include <iterator>
 #include <regex>
+#include <sstream>
+#include <utility>
 
 std::string contentsOfFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+  std::ostringstream all;
+  all << file.rdbuf();
+  return std::move(all).str();
 }
 
 std::vector<LogFileLine> linesOfLog(const std::string& path) {
@@ -39,4 +43,17 @@ std::vector<std::string> textsOfLog(const std::string& path) {
   for (const LogFileLine& line : linesOfLog(path))
     texts.push_back(line.identifier + ": " + line.text);
   return texts;
+}
+
+std::string joinedTextOfLog(const std::string& path, std::string_view identifier) {
+  constexpr size_t kTimestampLength = 23;
+  const std::string mark = " <" + std::string(identifier) + ">[";
+  std::istringstream lines(contentsOfFile(path));
+  std::string joined;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.compare(std::min(kTimestampLength, line.size()), mark.size(), mark) != 0) continue;
+    const size_t end = line.find("]: ", kTimestampLength);
+    if (end != std::string::npos) joined += line.substr(end + 3);
+  }
+  return joined;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// All bytes of a file; "" if there is none.
@@ -20,3 +21,6 @@ std::vector<LogFileLine> linesOfLog(const std::string& path);
 
 /// The lines of a log file in short: "identifier: text".
 std::vector<std::string> textsOfLog(const std::string& path);
+
+/// What the lines of one identifier say, one behind the other; quick for a long log.
+std::string joinedTextOfLog(const std::string& path, std::string_view identifier);
