@@ -11,10 +11,12 @@ const char* nameOf(Transport transport);
 
 /// A device in a process of its own, which answers every line that it gets:
 ///
-///   ping            "pong\n> "
-///   flood W N       N lines of W bytes each, line feed included, in writes of 4 KiB, the buffer of
-///   C's stdio big N P         N bytes and "> ", in writes of at most P bytes stairs N P      the
-///   same, with every byte a ">" and a final " "
+/// - ping: "pong\n> "
+/// - note TEXT: nothing
+/// - flood W N: N lines of W bytes each, line feed included, in writes of about 4 KiB, the buffer
+///   of C's stdio
+/// - big N P: N bytes and "> ", in writes of at most P bytes
+/// - stairs N P: the same, with every byte a ">" and a final " "
 ///
 /// It ends with the object.
 class Device {

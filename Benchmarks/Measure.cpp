@@ -17,6 +17,12 @@ double median(std::vector<double> values) {
 }
 
 Contest compare(int rounds, const std::function<void()>& raw, const std::function<void()>& ours) {
+  return compareTimed(
+      rounds, [&] { return secondsFor(raw); }, [&] { return secondsFor(ours); });
+}
+
+Contest compareTimed(int rounds, const std::function<double()>& raw,
+                     const std::function<double()>& ours) {
   raw();
   ours();
   std::vector<double> rawTimes;
@@ -24,9 +30,9 @@ Contest compare(int rounds, const std::function<void()>& raw, const std::functio
   std::vector<double> ratios;
   for (int round = 0; round < rounds; ++round) {
     // The order changes from round to round, so that neither always runs on the warmer machine.
-    if (round % 2 == 0) rawTimes.push_back(secondsFor(raw));
-    ourTimes.push_back(secondsFor(ours));
-    if (round % 2 != 0) rawTimes.push_back(secondsFor(raw));
+    if (round % 2 == 0) rawTimes.push_back(raw());
+    ourTimes.push_back(ours());
+    if (round % 2 != 0) rawTimes.push_back(raw());
     ratios.push_back(rawTimes.back() / ourTimes.back());
   }
   return {median(rawTimes), median(ourTimes), median(ratios)};
@@ -34,6 +40,7 @@ Contest compare(int rounds, const std::function<void()>& raw, const std::functio
 
 void printHeader(const std::string& title) {
   std::printf("\n%s\n\n| What | Goal | Result |\n|---|---|---|\n", title.c_str());
+  std::fflush(stdout);  // a process that is forked must not print it again
 }
 
 void printRow(const std::string& what, const std::string& goal, const std::string& result) {
@@ -45,4 +52,8 @@ std::string number(double value, int digits) {
   char text[64];
   std::snprintf(text, sizeof text, "%.*f", digits, value);
   return text;
+}
+
+std::string rate(double bytes, double seconds) {
+  return number(bytes / seconds * 1e-9, 2) + " GB/s";
 }

@@ -17,9 +17,16 @@ struct Contest {
 /// Runs both alternately, a warm-up and then `rounds` rounds, and takes medians.
 Contest compare(int rounds, const std::function<void()>& raw, const std::function<void()>& ours);
 
+/// As compare, for work that measures itself and gives its seconds: what it prepares and clears
+/// away is not counted.
+Contest compareTimed(int rounds, const std::function<double()>& raw,
+                     const std::function<double()>& ours);
+
 double median(std::vector<double> values);
 
 /// Prints one row of the result table.
 void printRow(const std::string& what, const std::string& goal, const std::string& result);
 void printHeader(const std::string& title);
 std::string number(double value, int digits);
+/// "1.25 GB/s".
+std::string rate(double bytes, double seconds);

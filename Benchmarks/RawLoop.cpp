@@ -1,13 +1,12 @@
 #include "RawLoop.h"
 
-#include <sys/ioctl.h>
-#include <sys/select.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include "RawChunk.h"
 
 RawLoop::RawLoop(int fd, std::string_view delimiter) : _fd(fd), _delimiter(delimiter) {}
 
@@ -50,21 +49,8 @@ size_t RawLoop::readResponse() {
 }
 
 void RawLoop::readChunk() {
-  int waiting = 0;
-  ::ioctl(_fd, FIONREAD, &waiting);
-  const size_t size = waiting > 0 ? static_cast<size_t>(waiting) : 65536;
-  fd_set set;
-  FD_ZERO(&set);
-  FD_SET(_fd, &set);
-  timeval time{1, 0};
-  if (::select(_fd + 1, &set, nullptr, nullptr, &time) <= 0) return;
-  char* chunk = static_cast<char*>(std::malloc(size));
-  const ssize_t count = ::read(_fd, chunk, size);
-  if (count <= 0) {
-    std::perror("raw read");
-    std::exit(1);
-  }
-  const size_t added = static_cast<size_t>(count);
+  const auto [chunk, added, size] = readRawChunk(_fd, {1, 0});
+  if (added == 0) return;
   if (_length == 0) {
     std::free(_buffer);
     _buffer = chunk;

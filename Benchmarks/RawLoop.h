@@ -3,9 +3,8 @@
 #include <cstddef>
 #include <string_view>
 
-/// The base of all comparisons: the system calls that the library makes, in plain C style. A write,
-/// FIONREAD, select and one read into a fresh heap buffer that is not zeroed; the search begins
-/// where the last one ended.
+/// What a stack is compared with: the system calls that the library makes, in plain C style. A
+/// write and then raw chunks; the search begins where the last one ended.
 class RawLoop {
  public:
   explicit RawLoop(int fd, std::string_view delimiter);
