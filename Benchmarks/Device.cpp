@@ -59,6 +59,7 @@ void flood(int fd, size_t width, size_t lines) {
 
 void answer(int fd, const std::string& command) {
   if (command == "ping") return writeAll(fd, "pong\n> ");
+  if (command.starts_with("note ")) return;
   char name[16] = "";
   size_t first = 0;
   size_t second = 0;

@@ -1,19 +1,58 @@
 // Measures the library against plain loops of the same system calls, as ratios within one run.
 //
-//     zephalio-benchmarks [roundtrip|flood|long|memory] [ROUNDS]
+//     zephalio-benchmarks [NAME|all] [ROUNDS]
+//     zephalio-benchmarks idle [SECONDS]
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
 #include "Benchmarks.h"
 
+namespace {
+
+constexpr int kRounds = 9;
+constexpr int kIdleSeconds = 60;
+
+struct Benchmark {
+  const char* name;
+  void (*run)(int rounds);
+};
+
+constexpr Benchmark kBenchmarks[] = {
+    // Memory first: a heap that other benchmarks have used would hide what the stacks take.
+    {"memory", [](int /*rounds*/) { benchmarkMemory(); }},
+    {"roundtrip", benchmarkRoundTrips},
+    {"flood", benchmarkFlood},
+    {"long", benchmarkLongResponses},
+    {"active", benchmarkActiveChannel},
+    {"logging", benchmarkLogging},
+    {"transformers", benchmarkTransformers},
+    {"serializer", benchmarkSerializer},
+    {"messages", benchmarkMessages},
+};
+
+int printUsage() {
+  std::fputs("usage: zephalio-benchmarks [NAME|all] [ROUNDS]\nNAME is one of", stderr);
+  for (const Benchmark& benchmark : kBenchmarks) std::fprintf(stderr, " %s", benchmark.name);
+  std::fputs("\n       zephalio-benchmarks idle [SECONDS]\n", stderr);
+  return 2;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
   const std::string which = argc > 1 ? argv[1] : "all";
-  const int rounds = argc > 2 ? std::atoi(argv[2]) : 9;
-  // Memory first: a heap that other benchmarks have used would hide what the stacks take.
-  if (which == "all" || which == "memory") benchmarkMemory();
-  if (which == "all" || which == "roundtrip") benchmarkRoundTrips(rounds);
-  if (which == "all" || which == "flood") benchmarkFlood(rounds);
-  if (which == "all" || which == "long") benchmarkLongResponses(rounds);
-  return 0;
+  const int number = argc > 2 ? std::atoi(argv[2]) : which == "idle" ? kIdleSeconds : kRounds;
+  if (number < 1) return printUsage();
+  if (which == "idle") {  // takes a minute, so it is no part of "all"
+    benchmarkIdle(number);
+    return 0;
+  }
+  bool isKnown = false;
+  for (const Benchmark& benchmark : kBenchmarks) {
+    if (which != "all" && which != benchmark.name) continue;
+    benchmark.run(number);
+    isKnown = true;
+  }
+  return isKnown ? 0 : printUsage();
 }

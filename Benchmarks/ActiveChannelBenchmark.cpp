@@ -1,0 +1,106 @@
+// A channel that reads ahead: what its thread and its queue cost.
+#include <ZephalIO/ZephalIO.h>
+
+#include <cstdlib>
+
+#include "Benchmarks.h"
+#include "Device.h"
+#include "Measure.h"
+#include "RawReader.h"
+
+namespace {
+
+constexpr int kCommands = 20000;
+constexpr size_t kFloodLine = 4096;
+constexpr size_t kFloodBytes = 256 * 1024 * 1024;
+
+// Open; to be closed, or its thread keeps it.
+ZPKDataChannelPtr openActiveChannel(const Device& device) {
+  const auto channel = createActiveChannel(createBaseChannelWithTransport(device.url()));
+  if (channel == nullptr || !channel->openWithTimeout(10)) std::exit(1);
+  return channel;
+}
+
+void takeRaw(RawReader& reader, size_t length) {
+  size_t taken = 0;
+  while (taken < length) {
+    const std::vector<char> bytes = reader.take();
+    if (bytes.empty()) std::exit(1);
+    taken += bytes.size();
+  }
+  if (taken != length) std::exit(1);
+}
+
+void takeOurs(ZPKDataChannel& channel, size_t length) {
+  size_t taken = 0;
+  while (taken < length) {
+    const ZPKDataPtr bytes = channel.readWithTimeout(10);
+    if (bytes == nullptr || bytes->length() == 0) std::exit(1);
+    taken += bytes->length();
+  }
+  if (taken != length) std::exit(1);
+}
+
+void rawCommands(RawReader& reader) {
+  for (int i = 0; i < kCommands; ++i) {
+    reader.write("ping\n");
+    takeRaw(reader, 7);
+  }
+}
+
+void ourCommands(ZPKDataChannel& channel) {
+  const ZPKDataPtr command = ZPKData::dataWithString("ping\n");
+  for (int i = 0; i < kCommands; ++i) {
+    if (!channel.write(command)) std::exit(1);
+    takeOurs(channel, 7);
+  }
+}
+
+void runRoundTrips(Transport transport, int deviceCPU, const char* placement, int rounds) {
+  const Device rawDevice(transport, deviceCPU);
+  const Device ourDevice(transport, deviceCPU);
+  pinTo(0);  // and so the reading threads, which are started below
+  RawReader reader(rawDevice.connect());
+  const ZPKDataChannelPtr channel = openActiveChannel(ourDevice);
+  const Contest contest = compare(
+      rounds, [&] { rawCommands(reader); }, [&] { ourCommands(*channel); });
+  channel->close();
+  pinTo(-1);
+  printRow(std::string("round trip, ") + nameOf(transport) + ", " + placement, "0.95",
+           number(contest.ratio, 3) + " (raw " + number(contest.raw / kCommands * 1e6, 2) +
+               " us, channel " + number(contest.ours / kCommands * 1e6, 2) + " us)");
+}
+
+void runFlood(int rounds) {
+  const Device rawDevice(Transport::Unix, -1);
+  const Device ourDevice(Transport::Unix, -1);
+  RawReader reader(rawDevice.connect());
+  const ZPKDataChannelPtr channel = openActiveChannel(ourDevice);
+  const std::string command =
+      "flood " + std::to_string(kFloodLine) + " " + std::to_string(kFloodBytes / kFloodLine) + "\n";
+  const Contest contest = compare(
+      rounds,
+      [&] {
+        reader.write(command);
+        takeRaw(reader, kFloodBytes);
+      },
+      [&] {
+        channel->write(ZPKData::dataWithString(command));
+        takeOurs(*channel, kFloodBytes);
+      });
+  channel->close();
+  printRow("flood of 256 MiB, unix", "0.95",
+           number(contest.ratio, 3) + " (raw " + rate(kFloodBytes, contest.raw) + ", channel " +
+               rate(kFloodBytes, contest.ours) + ")");
+}
+
+}  // namespace
+
+void benchmarkActiveChannel(int rounds) {
+  printHeader("An active channel, rate against a raw reading thread");
+  for (const Transport transport : {Transport::Tcp, Transport::Unix}) {
+    runRoundTrips(transport, 0, "one CPU", rounds);
+    runRoundTrips(transport, 1, "one CPU each", rounds);
+  }
+  runFlood(rounds);
+}

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+/// PCRE2 alone, compiled with what the library sets: UTF-8, any line end, the JIT.
+class RawRegex {
+ public:
+  /// Ends the program if the pattern does not compile.
+  explicit RawRegex(std::string_view pattern);
+  RawRegex(const RawRegex&) = delete;
+  RawRegex& operator=(const RawRegex&) = delete;
+  ~RawRegex();
+
+  /// How many matches a text has, none of them empty.
+  size_t countMatches(std::string_view text) const;
+
+ private:
+  void* _code;
+  void* _matchData;
+};
