@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <mutex>
 
 #include "Utility/ZPIText.h"
 #include "Utility/ZPKData.h"
@@ -23,6 +24,9 @@ class SecondText {
 
  private:
   void derive(time_t second) {
+    // tzset(3) writes the zone of the whole process: one thread at a time.
+    static std::mutex mutex;
+    const std::lock_guard guard(mutex);
     tm local{};
     ::tzset();
     ::localtime_r(&second, &local);
