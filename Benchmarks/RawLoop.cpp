@@ -26,8 +26,9 @@ size_t RawLoop::readResponse() {
       const void* found = ::memmem(_buffer + _head + searched, _length - searched,
                                    _delimiter.data(), _delimiter.size());
       if (found != nullptr) {
-        const size_t unit = static_cast<size_t>(static_cast<const char*>(found) - _buffer - _head) +
-                            _delimiter.size();
+        const size_t unit =
+            static_cast<size_t>(static_cast<const char*>(found) - (_buffer + _head)) +
+            _delimiter.size();
         if (unit == _length) {  // all of the buffer: it becomes the response
           std::free(_buffer);
           _buffer = nullptr;

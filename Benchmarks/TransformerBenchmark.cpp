@@ -2,6 +2,7 @@
 #include <ZephalIO/ZephalIO.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -193,8 +194,10 @@ void runRegex(size_t length, int rounds) {
 
 void benchmarkTransformers(int rounds) {
   printHeader("Transformers in memory, bytes per second against plain functions");
-  for (const size_t length : {4096, 65536}) runEvents(length, rounds);
-  for (const size_t payload : {100, 1024, 16384}) runAggregator(payload, rounds);
-  for (const size_t payload : {100, 1024, 16384}) runPrepender(payload, rounds);
-  for (const size_t length : {4096, 65536}) runRegex(length, rounds);
+  constexpr size_t kChunks[] = {4096, 65536};
+  constexpr size_t kPayloads[] = {100, 1024, 16384};
+  for (const size_t length : kChunks) runEvents(length, rounds);
+  for (const size_t payload : kPayloads) runAggregator(payload, rounds);
+  for (const size_t payload : kPayloads) runPrepender(payload, rounds);
+  for (const size_t length : kChunks) runRegex(length, rounds);
 }
