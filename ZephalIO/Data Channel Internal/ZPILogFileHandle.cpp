@@ -34,7 +34,7 @@ int openFile(const std::string& path, int extraFlags) {
 // The chunks of one locked write that are not out yet.
 class Rest {
  public:
-  explicit Rest(std::span<const std::string> chunks) : _end(chunks.size()) {
+  explicit Rest(std::span<const std::string_view> chunks) : _end(chunks.size()) {
     for (size_t i = 0; i < chunks.size(); ++i) {
       _parts[i] = {const_cast<char*>(chunks[i].data()), chunks[i].size()};
     }
@@ -58,7 +58,7 @@ class Rest {
   size_t _end;
 };
 
-void writeAll(int descriptor, std::span<const std::string> chunks,
+void writeAll(int descriptor, std::span<const std::string_view> chunks,
               ZPIWithoutSignalsOfWriting& signals) {
   Rest rest(chunks);
   while (!rest.isEmpty()) {
@@ -92,7 +92,7 @@ ZPILogFileHandle::ZPILogFileHandle(Key, int descriptor) : _descriptor(descriptor
 
 ZPILogFileHandle::~ZPILogFileHandle() { close(); }
 
-void ZPILogFileHandle::append(std::span<const std::string> chunks) {
+void ZPILogFileHandle::append(std::span<const std::string_view> chunks) {
   if (_descriptor == -1) return;
   ZPIWithoutSignalsOfWriting signals;
   while (!chunks.empty()) {

@@ -3,6 +3,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <string_view>
 
 /// A log file that is open for appending. Owns its descriptor and closes it with the last
 /// reference.
@@ -33,7 +34,7 @@ class ZPILogFileHandle final {
   /// take, on a full disk for instance, the part that did fit stays, the rest is dropped, and the
   /// next chunk is tried again. No signal comes of that (SIGXFSZ, SIGPIPE). Nothing is written once
   /// the handle is closed.
-  void append(std::span<const std::string> chunks);
+  void append(std::span<const std::string_view> chunks);
 
   /// Closes the file; a second close does nothing.
   void close();

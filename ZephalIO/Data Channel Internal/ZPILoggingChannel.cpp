@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <chrono>
 #include <mutex>
 #include <utility>
 
@@ -10,6 +11,10 @@
 #include "Utility/ZPKReportFailure.h"
 
 namespace {
+
+// How long the first chunk after a pause waits for others, and how many bytes are enough of them.
+constexpr std::chrono::milliseconds kGatheringTime{1};
+constexpr size_t kFullBatch = 128 * 1024;
 
 bool fileExists(const std::string& path) {
   struct stat status {};
@@ -41,11 +46,13 @@ bool ZPILoggingChannel::openWithTimeout(double timeout, ZPKErrorPtr* error) {
 }
 
 bool ZPILoggingChannel::close(ZPKErrorPtr* error) {
+  hurry(true);
   _logQueue.runAndWait([this] {
     writePendingChunks();
     if (const ZPILogFileHandlePtr handle = fileHandle()) handle->close();
     setFileHandle(nullptr);
   });
+  hurry(false);
   return _channel->close(error);
 }
 
@@ -66,14 +73,20 @@ bool ZPILoggingChannel::write(const ZPKDataPtr& data, ZPKErrorPtr* error) {
 
 void ZPILoggingChannel::logData(const ZPKDataPtr& data, std::string_view identifier) {
   if (data == nullptr || data->length() == 0) return;
-  const bool isFirst = addPendingChunk(ZPILogChunk(ZPILogPrefix(identifier), data));
+  const bool needsTask = addPendingChunk(ZPILogChunk(ZPILogPrefix(identifier), data));
   if (synchronousLogging()) {
+    hurry(true);
     _logQueue.runAndWait([this] { writePendingChunks(); });
-  } else if (isFirst) {
-    _logQueue.queue([channel = weak_from_this()] {
-      if (const auto strong = channel.lock()) strong->writePendingChunks();
-    });
+    hurry(false);
+  } else if (needsTask) {
+    queueWriting();
   }
+}
+
+void ZPILoggingChannel::queueWriting() {
+  _logQueue.queue([channel = weak_from_this()] {
+    if (const auto strong = channel.lock()) strong->writeBusyTraffic();
+  });
 }
 
 // Runs on the queue.
@@ -97,19 +110,65 @@ ZPILogFileHandlePtr ZPILoggingChannel::openFile(ZPKErrorPtr* error) {
   return handle;
 }
 
-// Returns whether no other chunk was waiting, in which case a task is needed.
-bool ZPILoggingChannel::addPendingChunk(std::string chunk) {
+// Returns whether a task is needed that gathers this chunk and its followers.
+bool ZPILoggingChannel::addPendingChunk(std::string_view chunk) {
   const std::lock_guard guard(_pendingMutex);
-  _pendingChunks.push_back(std::move(chunk));
-  return _pendingChunks.size() == 1;
+  _pending.add(chunk);
+  if (_pending.byteCount() - chunk.size() < kFullBatch && _pending.byteCount() >= kFullBatch) {
+    _pendingChanged.notify_all();
+  }
+  if (synchronousLogging()) return false;
+  return !std::exchange(_isGathering, true);
 }
 
-// Runs on the queue. Without a file the chunks are dropped.
+// Runs on the queue. Two batches take turns for as long as the traffic goes on; nothing is kept
+// when it pauses.
+void ZPILoggingChannel::writeBusyTraffic() {
+  ZPILogBatch batch;
+  while (gather(batch)) {
+    write(batch);
+    if (isHurried()) return queueWriting();  // behind the one who waits
+  }
+}
+
+// Waits a moment for more chunks to come and takes them all. False if there are none.
+bool ZPILoggingChannel::gather(ZPILogBatch& batch) {
+  batch.clear();
+  std::unique_lock lock(_pendingMutex);
+  _pendingChanged.wait_for(lock, kGatheringTime,
+                           [this] { return _hurriedBy > 0 || _pending.byteCount() >= kFullBatch; });
+  _isGathering = !_pending.isEmpty();
+  std::swap(batch, _pending);
+  return _isGathering;
+}
+
+// A caller that waits for the queue does not wait for chunks to gather.
+void ZPILoggingChannel::hurry(bool isHurried) {
+  const std::lock_guard guard(_pendingMutex);
+  if (isHurried) {
+    ++_hurriedBy;
+    _pendingChanged.notify_all();
+  } else {
+    --_hurriedBy;
+  }
+}
+
+bool ZPILoggingChannel::isHurried() {
+  const std::lock_guard guard(_pendingMutex);
+  return _hurriedBy > 0;
+}
+
+// Runs on the queue.
 void ZPILoggingChannel::writePendingChunks() {
-  std::vector<std::string> chunks;
+  ZPILogBatch batch;
   {
     const std::lock_guard guard(_pendingMutex);
-    chunks.swap(_pendingChunks);
+    std::swap(batch, _pending);
   }
-  if (const ZPILogFileHandlePtr handle = fileHandle()) handle->append(chunks);
+  write(batch);
+}
+
+// Without a file the chunks are dropped.
+void ZPILoggingChannel::write(const ZPILogBatch& batch) {
+  if (const ZPILogFileHandlePtr handle = fileHandle()) handle->append(batch.chunks());
 }

@@ -1,11 +1,13 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
-#include <vector>
 
+#include "Data Channel Internal/ZPILogBatch.h"
 #include "Data Channel Internal/ZPILogFileHandle.h"
 #include "Data Channel/ZPKDataChannel.h"
 #include "Utility/ZPISerialQueue.h"
@@ -56,8 +58,14 @@ class ZPILoggingChannel final : public ZPKDataChannel,
 
  private:
   ZPILogFileHandlePtr openFile(ZPKErrorPtr* error);
-  bool addPendingChunk(std::string chunk);
+  bool addPendingChunk(std::string_view chunk);
+  void queueWriting();
+  void writeBusyTraffic();
   void writePendingChunks();
+  void write(const ZPILogBatch& batch);
+  bool gather(ZPILogBatch& batch);
+  void hurry(bool isHurried);
+  bool isHurried();
 
   const ZPKDataChannelPtr _channel;
   const std::string _filePath;
@@ -67,8 +75,11 @@ class ZPILoggingChannel final : public ZPKDataChannel,
   std::atomic<bool> _synchronousLogging{false};
   ZPKAtomic<ZPILogFileHandlePtr> _fileHandle;
 
-  // The chunks that wait for the file, oldest first. The task of the first takes all that have come
-  // until it runs, so that busy traffic is written in a few calls.
-  ZPKSmallMutex _pendingMutex;
-  std::vector<std::string> _pendingChunks;
+  // The chunks that wait for the file. One task at a time waits for them to become many, so that
+  // busy traffic is written in a few calls and wakes nobody for each chunk.
+  std::mutex _pendingMutex;  // guards the fields below
+  std::condition_variable _pendingChanged;
+  ZPILogBatch _pending;
+  bool _isGathering = false;
+  size_t _hurriedBy = 0;  // how many callers wait for the file
 };
