@@ -21,6 +21,7 @@
 #include "Support/LogFile.h"
 #include "Support/OpenDescriptors.h"
 #include "Support/OrdinaryUser.h"
+#include "Support/SignalMask.h"
 #include "Support/SystemCalls.h"
 #include "Support/TemporaryFolder.h"
 
@@ -303,25 +304,6 @@ TEST_F(ZPILogFileHandleTest, ChunksOfTwoHandlesDoNotCutIntoEachOther) {
 }
 
 // --- Signals.
-
-bool isBlocked(int signal) {
-  sigset_t mask;
-  ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
-  return ::sigismember(&mask, signal) == 1;
-}
-
-bool isPending(int signal) {
-  sigset_t pending;
-  ::sigpending(&pending);
-  return ::sigismember(&pending, signal) == 1;
-}
-
-void block(int signal) {
-  sigset_t signals;
-  ::sigemptyset(&signals);
-  ::sigaddset(&signals, signal);
-  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-}
 
 void limitFileSize(rlim_t size) {
   const rlimit limit{size, size};

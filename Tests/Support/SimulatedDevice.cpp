@@ -21,19 +21,10 @@
 #include <system_error>
 #include <utility>
 
+#include "Support/CheckedCalls.h"
 #include "Support/SystemCalls.h"
 
 namespace {
-
-int checked(int result, const char* call) {
-  if (result < 0) throw std::system_error(errno, std::generic_category(), call);
-  return result;
-}
-
-void closeIfOpen(int* descriptor) {
-  if (*descriptor >= 0) ::close(*descriptor);
-  *descriptor = -1;
-}
 
 void makeNonblocking(int descriptor) { checked(::fcntl(descriptor, F_SETFL, O_NONBLOCK), "fcntl"); }
 

@@ -15,21 +15,8 @@
 #include <cstring>
 #include <system_error>
 
+#include "Support/CheckedCalls.h"
 #include "Support/EventWait.h"
-
-namespace {
-
-int checked(int result, const char* call) {
-  if (result < 0) throw std::system_error(errno, std::generic_category(), call);
-  return result;
-}
-
-void closeIfOpen(int* descriptor) {
-  if (*descriptor >= 0) ::close(*descriptor);
-  *descriptor = -1;
-}
-
-}  // namespace
 
 TransportPeer::TransportPeer(Kind kind) : _kind(kind) {
   if (kind == Kind::kTerminal) {

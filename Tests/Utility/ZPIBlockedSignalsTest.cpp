@@ -2,6 +2,7 @@
 
 #include <future>
 
+#include "Support/SignalMask.h"
 #include "Utility/ZPIBlockedSignals.h"
 
 namespace {
@@ -11,12 +12,6 @@ sigset_t setOf(int signal) {
   ::sigemptyset(&signals);
   ::sigaddset(&signals, signal);
   return signals;
-}
-
-bool isBlocked(int signal) {
-  sigset_t mask;
-  ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
-  return ::sigismember(&mask, signal) == 1;
 }
 
 TEST(ZPIBlockedSignalsTest, BlocksTheSignalsForAsLongAsItLives) {

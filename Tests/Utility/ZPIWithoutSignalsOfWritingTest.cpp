@@ -8,29 +8,11 @@
 #include <functional>
 
 #include "Support/OrdinaryUser.h"
+#include "Support/SignalMask.h"
 #include "Support/TemporaryFolder.h"
 #include "Utility/ZPIWithoutSignalsOfWriting.h"
 
 namespace {
-
-bool isBlocked(int signal) {
-  sigset_t mask;
-  ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
-  return ::sigismember(&mask, signal) == 1;
-}
-
-bool isPending(int signal) {
-  sigset_t pending;
-  ::sigpending(&pending);
-  return ::sigismember(&pending, signal) == 1;
-}
-
-void block(int signal) {
-  sigset_t signals;
-  ::sigemptyset(&signals);
-  ::sigaddset(&signals, signal);
-  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-}
 
 // The errno of a write to a pipe that nobody reads.
 int writeToNobody() {

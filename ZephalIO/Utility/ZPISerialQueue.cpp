@@ -1,7 +1,5 @@
 #include "Utility/ZPISerialQueue.h"
 
-#include <pthread.h>
-
 #include <chrono>
 #include <condition_variable>
 #include <list>
@@ -11,31 +9,13 @@
 #include <utility>
 
 #include "Utility/ZPIBlockedSignals.h"
+#include "Utility/ZPIThreadName.h"
 
 namespace {
 
 // Longer than the gaps in a running conversation, so that it gets by with one thread; starting one
 // anew after a longer gap costs nothing that shows.
 constexpr std::chrono::milliseconds kIdleTime{100};
-
-// What Linux takes; it refuses a longer name instead of cutting it.
-constexpr size_t kLongestThreadName = 15;
-
-std::string threadName(std::string label) {
-  if (label.size() <= kLongestThreadName) return label;
-  size_t end = kLongestThreadName;
-  while (end > 0 && (label[end] & 0xC0) == 0x80) --end;  // not within a UTF-8 sequence
-  label.resize(end);
-  return label;
-}
-
-// A template, so that a system that cannot name threads, or takes other arguments, goes without.
-template <class Thread>
-void nameThread(Thread thread, const std::string& name) {
-  if constexpr (requires { pthread_setname_np(thread, name.c_str()); }) {
-    pthread_setname_np(thread, name.c_str());
-  }
-}
 
 // All signals but those that a fault raises on the thread itself: blocked, they would bypass the
 // handlers of the host program.
@@ -113,7 +93,7 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
   }
 
   void work() {
-    nameThread(::pthread_self(), threadName(_label));
+    ZPINameThisThread(_label);
     std::unique_lock lock(_mutex);
     while (waitForTask(lock)) {
       Task task = std::move(_waiting.front());

@@ -2,8 +2,6 @@
 
 #include <pthread.h>
 
-#include <string>
-
 namespace {
 
 // What Linux takes, the terminating zero aside; no system takes less.
@@ -19,7 +17,9 @@ constexpr size_t kShortestLimit = 15;
 
 }  // namespace
 
-void ZPINameThisThread(const char* name) {
-  if (nameWith(pthread_setname_np, name)) return;
-  nameWith(pthread_setname_np, std::string(name).substr(0, kShortestLimit).c_str());
+void ZPINameThisThread(const std::string& name) {
+  if (nameWith(pthread_setname_np, name.c_str()) || name.size() <= kShortestLimit) return;
+  size_t end = kShortestLimit;
+  while (end > 0 && (name[end] & 0xC0) == 0x80) --end;  // not within a UTF-8 sequence
+  nameWith(pthread_setname_np, name.substr(0, end).c_str());
 }

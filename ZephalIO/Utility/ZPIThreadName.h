@@ -1,4 +1,7 @@
 #pragma once
 
-/// Names the calling thread (pthread_setname_np), cut to what the system takes.
-void ZPINameThisThread(const char* name);
+#include <string>
+
+/// Names the calling thread (pthread_setname_np), cut to what the system takes, between two
+/// characters.
+void ZPINameThisThread(const std::string& name);
