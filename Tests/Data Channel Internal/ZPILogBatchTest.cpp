@@ -47,6 +47,18 @@ TEST(ZPILogBatchTest, AClearedBatchIsEmptyAndKeepsItsRoom) {
   EXPECT_THAT(batch.chunks(), ElementsAre(chunk));
 }
 
+TEST(ZPILogBatchTest, AReleasedBatchIsEmptyAndHasNoRoom) {
+  const std::string chunk(1000, 'x');
+  ZPILogBatch batch;
+  batch.add(chunk);
+  batch.release();
+  EXPECT_TRUE(batch.isEmpty());
+  EXPECT_EQ(batch.byteCount(), 0U);
+  const SystemCalls calls;
+  batch.add(chunk);
+  EXPECT_GT(calls.allocations(), 0U);
+}
+
 TEST(ZPILogBatchTest, BatchesCanBeSwapped) {
   ZPILogBatch full;
   full.add("chunk");

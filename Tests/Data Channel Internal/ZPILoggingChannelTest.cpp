@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -28,6 +29,7 @@
 #include "Support/LogFile.h"
 #include "Support/OpenDescriptors.h"
 #include "Support/OrdinaryUser.h"
+#include "Support/ProcessStatus.h"
 #include "Support/ProcessThreads.h"
 #include "Support/ScriptedChannel.h"
 #include "Support/SimulatedDevice.h"
@@ -94,6 +96,11 @@ class HookedChannel final : public ZPKDataChannel {
   std::function<void()> onDestroy;
   ZPKDataPtr toRead = ZPKData::data();
 };
+
+size_t allocatedBytes() {
+  const auto info = ::mallinfo2();
+  return info.uordblks + info.hblkhd;
+}
 
 class ZPILoggingChannelTest : public testing::Test {
  protected:
@@ -842,6 +849,22 @@ TEST_F(ZPILoggingChannelTest, AnIdleChannelHasNoThreadAndABusyOneIsNamedByItsFil
   EXPECT_EQ(threadsNamed(_path), 0U);
   _channel->close(nullptr);
   EXPECT_THAT(texts(), ElementsAre("pre--write: ver", "pre--write: mem"));
+}
+
+TEST_F(ZPILoggingChannelTest, APauseGivesTheRoomOfBusyTrafficBack) {
+  constexpr size_t kChunks = 64;
+  const std::string bytes(65536, 'x');
+  open();
+  const size_t before = allocatedBytes();
+  HeldLock lock(_path);
+  for (size_t i = 0; i < kChunks; ++i) readOf(bytes);
+  lock.release();
+  EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 0; }));
+  EXPECT_GT(std::filesystem::file_size(_path), kChunks * bytes.size());
+  if (isMemoryComparable()) {
+    EXPECT_LT(allocatedBytes(), before + bytes.size());
+  }
+  _channel->close(nullptr);
 }
 
 // --- Over real lines.

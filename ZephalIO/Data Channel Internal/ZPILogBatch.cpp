@@ -10,6 +10,12 @@ void ZPILogBatch::clear() {
   _ends.clear();
 }
 
+// A swap, since assigning an empty string keeps the room.
+void ZPILogBatch::release() {
+  std::string().swap(_text);
+  std::vector<size_t>().swap(_ends);
+}
+
 std::vector<std::string_view> ZPILogBatch::chunks() const {
   std::vector<std::string_view> chunks;
   chunks.reserve(_ends.size());

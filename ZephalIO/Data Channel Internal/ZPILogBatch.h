@@ -11,6 +11,8 @@ class ZPILogBatch final {
   void add(std::string_view chunk);
   /// Drops the chunks and keeps the room.
   void clear();
+  /// Drops the chunks and the room.
+  void release();
 
   bool isEmpty() const { return _ends.empty(); }
   size_t byteCount() const { return _text.size(); }

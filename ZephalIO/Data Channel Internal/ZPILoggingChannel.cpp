@@ -138,6 +138,7 @@ bool ZPILoggingChannel::gather(ZPILogBatch& batch) {
   _pendingChanged.wait_for(lock, kGatheringTime,
                            [this] { return _hurriedBy > 0 || _pending.byteCount() >= kFullBatch; });
   _isGathering = !_pending.isEmpty();
+  if (!_isGathering) batch.release();
   std::swap(batch, _pending);
   return _isGathering;
 }
