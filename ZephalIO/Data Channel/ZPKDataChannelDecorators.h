@@ -106,10 +106,10 @@ ZPK_EXPORT ZPKDataChannelPtr createEchoRemovalChannel(const ZPKDataChannelPtr& c
 /// its last lines. Nothing is logged while the file is not open.
 ///
 /// With `synchronousLogging` a read or write returns when its lines are in the file, otherwise they
-/// are written in the background, a millisecond later or when there are many of them. Several channels and processes can share one file, which each
-/// locks (flock(2)) for its lines. What the file does not take, on a full disk for instance, is
-/// lost without a word, and the traffic goes on. The file stays the one that was opened when
-/// somebody moves or removes it.
+/// are written in the background, a millisecond later or when there are many of them. Several
+/// channels and processes can share one file, which each locks (flock(2)) for its lines. What the
+/// file does not take, on a full disk for instance, is lost without a word, and the traffic goes
+/// on. The file stays the one that was opened when somebody moves or removes it.
 ///
 /// Fails for a null channel, then for a null path, then for a null identifier.
 ZPK_EXPORT ZPKDataChannelPtr createLoggingChannel(const ZPKDataChannelPtr& channel,
