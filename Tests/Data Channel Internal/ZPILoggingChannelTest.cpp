@@ -867,6 +867,24 @@ TEST_F(ZPILoggingChannelTest, APauseGivesTheRoomOfBusyTrafficBack) {
   _channel->close(nullptr);
 }
 
+TEST_F(ZPILoggingChannelTest, NoChunkWaitsForAnotherWhileTheModeChangesOnAnotherThread) {
+  constexpr size_t kRounds = 2000;
+  open();
+  std::atomic<bool> isDone{false};
+  std::thread changer([&] {
+    while (!isDone) _channel->setSynchronousLogging(!_channel->synchronousLogging());
+  });
+  for (size_t i = 0; i < kRounds; ++i) write("x");
+  isDone = true;
+  changer.join();
+  _channel->setSynchronousLogging(false);
+  write("last");
+  // Nobody closes: the chunks get there by themselves.
+  EXPECT_TRUE(waitFor([this] { return texts().size() == kRounds + 1; }));
+  EXPECT_EQ(texts().back(), "pre--write: last");
+  _channel->close(nullptr);
+}
+
 // --- Over real lines.
 
 class ZPILoggingChannelDeviceTest : public testing::TestWithParam<SimulatedDevice::Kind> {};

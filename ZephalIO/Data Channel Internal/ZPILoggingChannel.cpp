@@ -73,8 +73,11 @@ bool ZPILoggingChannel::write(const ZPKDataPtr& data, ZPKErrorPtr* error) {
 
 void ZPILoggingChannel::logData(const ZPKDataPtr& data, std::string_view identifier) {
   if (data == nullptr || data->length() == 0) return;
-  const bool needsTask = addPendingChunk(ZPILogChunk(ZPILogPrefix(identifier), data));
-  if (synchronousLogging()) {
+  // Asked once: who adds the chunk to be gathered must queue the task, whatever changes meanwhile.
+  const bool isSynchronous = synchronousLogging();
+  const bool needsTask =
+      addPendingChunk(ZPILogChunk(ZPILogPrefix(identifier), data), !isSynchronous);
+  if (isSynchronous) {
     hurry(true);
     _logQueue.runAndWait([this] { writePendingChunks(); });
     hurry(false);
@@ -111,14 +114,13 @@ ZPILogFileHandlePtr ZPILoggingChannel::openFile(ZPKErrorPtr* error) {
 }
 
 // Returns whether a task is needed that gathers this chunk and its followers.
-bool ZPILoggingChannel::addPendingChunk(std::string_view chunk) {
+bool ZPILoggingChannel::addPendingChunk(std::string_view chunk, bool isGathered) {
   const std::lock_guard guard(_pendingMutex);
   _pending.add(chunk);
   if (_pending.byteCount() - chunk.size() < kFullBatch && _pending.byteCount() >= kFullBatch) {
     _pendingChanged.notify_all();
   }
-  if (synchronousLogging()) return false;
-  return !std::exchange(_isGathering, true);
+  return isGathered && !std::exchange(_isGathering, true);
 }
 
 // Runs on the queue. Two batches take turns for as long as the traffic goes on; nothing is kept

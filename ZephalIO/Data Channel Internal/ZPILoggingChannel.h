@@ -58,7 +58,7 @@ class ZPILoggingChannel final : public ZPKDataChannel,
 
  private:
   ZPILogFileHandlePtr openFile(ZPKErrorPtr* error);
-  bool addPendingChunk(std::string_view chunk);
+  bool addPendingChunk(std::string_view chunk, bool isGathered);
   void queueWriting();
   void writeBusyTraffic();
   void writePendingChunks();
