@@ -24,6 +24,8 @@
 #include "Support/SystemCalls.h"
 #include "Utility/ZPKReportFailure.h"
 
+using namespace support;
+
 namespace {
 
 using Clock = std::chrono::steady_clock;

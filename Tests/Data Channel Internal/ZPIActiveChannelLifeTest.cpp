@@ -21,6 +21,8 @@
 #include "Support/ProcessStatus.h"
 #include "Support/WaitingChannel.h"
 
+using namespace support;
+
 namespace {
 
 using Clock = std::chrono::steady_clock;

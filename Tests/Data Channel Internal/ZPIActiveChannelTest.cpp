@@ -17,6 +17,8 @@
 #include "Utility/ZPKMutableData.h"
 #include "Utility/ZPKReportFailure.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

@@ -12,6 +12,8 @@
 #include "Support/StandardOutputCapture.h"
 #include "Support/SystemCalls.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

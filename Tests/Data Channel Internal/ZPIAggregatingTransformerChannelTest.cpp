@@ -7,13 +7,14 @@
 #include "Data Channel Internal/ZPIAggregatingTransformerChannel.h"
 #include "Support/Chunks.h"
 #include "Support/ErrorExpectations.h"
+#include "Support/Errors.h"
 #include "Support/ScriptedChannel.h"
+
+using namespace support;
 
 namespace {
 
 using testing::ElementsAre;
-
-ZPKErrorPtr errorWithCode(int code) { return ZPKError::init("test", code, {}); }
 
 class ZPIAggregatingTransformerChannelTest : public testing::Test {
  protected:

@@ -8,6 +8,8 @@
 #include "Utility/ZPKDictionary.h"
 #include "Utility/ZPKString.h"
 
+using namespace support;
+
 namespace {
 
 using namespace std::string_view_literals;

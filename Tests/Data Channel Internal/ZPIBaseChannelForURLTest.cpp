@@ -3,6 +3,8 @@
 #include "Data Channel Internal/ZPIBaseChannelForURL.h"
 #include "Support/ErrorExpectations.h"
 
+using namespace support;
+
 namespace {
 
 std::optional<ZPKDataChannelPtr> channelFor(const char* url, ZPKErrorPtr* error) {

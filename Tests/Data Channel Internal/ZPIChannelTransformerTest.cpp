@@ -8,14 +8,15 @@
 #include "Data Transformers/ZPKMutableDataAggregatorTransformer.h"
 #include "Support/Chunks.h"
 #include "Support/ErrorExpectations.h"
+#include "Support/Errors.h"
 #include "Support/ScriptedChannel.h"
 #include "Support/ScriptedTransformer.h"
+
+using namespace support;
 
 namespace {
 
 using testing::ElementsAre;
-
-ZPKErrorPtr errorWithCode(int code) { return ZPKError::init("test", code, {}); }
 
 class ZPIChannelTransformerTest : public testing::Test {
  protected:

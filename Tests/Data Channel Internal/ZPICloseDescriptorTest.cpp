@@ -11,6 +11,8 @@
 #include "Support/OpenDescriptors.h"
 #include "Support/SystemCalls.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

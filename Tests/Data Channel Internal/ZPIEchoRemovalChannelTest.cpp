@@ -21,6 +21,8 @@
 #include "Support/ScriptedChannel.h"
 #include "Support/SimulatedDevice.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

@@ -21,6 +21,8 @@
 #include "Support/TransportPeer.h"
 #include "Utility/ZPIUnixSocketFunctions.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

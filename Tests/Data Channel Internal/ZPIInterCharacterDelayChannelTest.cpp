@@ -10,14 +10,15 @@
 #include "Data Channel Internal/ZPIInterCharacterDelayChannel.h"
 #include "Support/Chunks.h"
 #include "Support/ErrorExpectations.h"
+#include "Support/Errors.h"
 #include "Support/ScriptedChannel.h"
 #include "Support/SystemCalls.h"
+
+using namespace support;
 
 namespace {
 
 using testing::ElementsAre;
-
-ZPKErrorPtr errorWithCode(int code) { return ZPKError::init("test", code, {}); }
 
 // No test here waits: the pauses are counted, not slept.
 class ZPIInterCharacterDelayChannelTest : public testing::Test {

@@ -7,6 +7,8 @@
 #include "Data Channel Internal/ZPILogBatch.h"
 #include "Support/SystemCalls.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

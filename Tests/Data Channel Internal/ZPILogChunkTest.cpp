@@ -16,6 +16,8 @@
 #include "Utility/ZPKData.h"
 #include "Utility/ZPKDataConversionFunctions.h"
 
+using namespace support;
+
 namespace {
 
 using testing::MatchesRegex;

@@ -36,6 +36,8 @@
 #include "Support/SystemCalls.h"
 #include "Support/TemporaryFolder.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

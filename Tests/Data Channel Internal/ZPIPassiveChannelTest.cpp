@@ -11,9 +11,12 @@
 #include "Data Channel Internal/ZPIPassiveChannel.h"
 #include "Support/Chunks.h"
 #include "Support/ErrorExpectations.h"
+#include "Support/Errors.h"
 #include "Support/EventWait.h"
 #include "Support/ScriptedChannel.h"
 #include "Support/SystemCalls.h"
+
+using namespace support;
 
 namespace {
 
@@ -22,8 +25,6 @@ using testing::ElementsAre;
 const ExpectedFailure kClosed{"zephal-communication", 2, "Cannot communicate with closed device",
                               "-[ZPIPassiveChannel readWithTimeout:error:]",
                               "ZPIPassiveChannel.cpp"};
-
-ZPKErrorPtr errorWithCode(int code) { return ZPKError::init("test", code, {}); }
 
 double secondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

@@ -3,12 +3,13 @@
 
 #include "Data Channel Internal/ZPIResetWalk.h"
 #include "Support/ErrorExpectations.h"
+#include "Support/Errors.h"
 #include "Support/ScriptedChannel.h"
 #include "Support/ScriptedTransformer.h"
 
-namespace {
+using namespace support;
 
-ZPKErrorPtr errorWithCode(int code) { return ZPKError::init("test", code, {}); }
+namespace {
 
 class ZPIResetWalkTest : public testing::Test {
  protected:

@@ -22,6 +22,8 @@
 #include "Support/TransportPeer.h"
 #include "Utility/ZPKConstants.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

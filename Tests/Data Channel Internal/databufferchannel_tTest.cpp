@@ -14,6 +14,8 @@
 #include "Support/EventWait.h"
 #include "Support/ThreadCalls.h"
 
+using namespace support;
+
 namespace {
 
 using Queue = databufferchannel_t<uint8_t>;

@@ -6,15 +6,16 @@
 #include "Data Channel/ZPKDataChannelDecorators.h"
 #include "Support/Chunks.h"
 #include "Support/ErrorExpectations.h"
+#include "Support/Errors.h"
 #include "Support/EventWait.h"
 #include "Support/ScriptedChannel.h"
 #include "Support/SimulatedDevice.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;
-
-ZPKErrorPtr errorWithCode(int code) { return ZPKError::init("test", code, {}); }
 
 ZPKMutableDataAggregatorTransformerPtr passingAggregator() {
   return ZPKMutableDataAggregatorTransformer::initWithTerminator(nullptr);

@@ -14,6 +14,8 @@
 #include "Support/SystemCalls.h"
 #include "Support/TransportPeer.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

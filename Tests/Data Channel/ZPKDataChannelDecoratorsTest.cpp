@@ -13,6 +13,8 @@
 #include "Support/SystemCalls.h"
 #include "Support/TemporaryFolder.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

@@ -28,6 +28,8 @@
 #include "Utility/ZPKDictionary.h"
 #include "Utility/ZPKString.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

@@ -16,6 +16,8 @@
 #include "Support/TerminalState.h"
 #include "Support/TransportPeer.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

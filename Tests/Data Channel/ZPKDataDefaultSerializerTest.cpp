@@ -17,6 +17,8 @@
 #include "Utility/ZPKString.h"
 #include "ZephalLogging.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

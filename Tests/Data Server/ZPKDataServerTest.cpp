@@ -3,6 +3,8 @@
 #include "Data Server/ZPKDataServer.h"
 #include "Support/ErrorExpectations.h"
 
+using namespace support;
+
 namespace {
 
 // What a caller writes for a server of its own.

@@ -34,6 +34,8 @@
 #include "Utility/ZPIUnixSocketFunctions.h"
 #include "Utility/ZPKSocketFunctions.h"
 
+using namespace support;
+
 namespace {
 
 using testing::AnyOf;

@@ -5,6 +5,8 @@
 #include "Support/ErrorExpectations.h"
 #include "Support/ScriptedChannel.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

@@ -20,6 +20,8 @@
 #include "Support/WaitingChannel.h"
 #include "Utility/ZPKConstants.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

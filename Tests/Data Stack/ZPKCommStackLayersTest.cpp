@@ -16,6 +16,8 @@
 #include "Support/TemporaryFolder.h"
 #include "Support/WaitingChannel.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

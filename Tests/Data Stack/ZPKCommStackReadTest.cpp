@@ -10,6 +10,8 @@
 #include "Support/ScriptedStack.h"
 #include "ZephalLogging.h"
 
+using namespace support;
+
 namespace {
 
 using testing::Each;

@@ -12,6 +12,8 @@
 #include "Data Stack/ZPKCommStack.h"
 #include "Support/ScriptedStack.h"
 
+using namespace support;
+
 namespace {
 
 using testing::Each;

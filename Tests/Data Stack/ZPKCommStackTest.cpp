@@ -4,6 +4,8 @@
 #include "Data Stack/ZPKCommStack.h"
 #include "Support/ScriptedStack.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

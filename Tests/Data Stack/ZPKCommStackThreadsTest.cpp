@@ -18,6 +18,8 @@
 #include "Support/ScriptedStack.h"
 #include "ZephalLogging.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

@@ -8,6 +8,8 @@
 #include "Support/Chunks.h"
 #include "Support/ErrorExpectations.h"
 
+using namespace support;
+
 namespace {
 
 const ExpectedFailure kNoResetBlock{

@@ -11,6 +11,8 @@
 #include "Support/EventWait.h"
 #include "Utility/ZPKRegex.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

@@ -11,6 +11,8 @@
 #include "Support/ScriptedStack.h"
 #include "Support/TemporaryFolder.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

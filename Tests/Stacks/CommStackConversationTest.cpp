@@ -7,6 +7,8 @@
 #include "Support/ScriptedStack.h"
 #include "Support/SystemCalls.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

@@ -11,6 +11,8 @@
 #include "Utility/ZPIUnixSocketFunctions.h"
 #include "Utility/ZPKSocketFunctions.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

@@ -15,6 +15,8 @@
 #include "Support/LogCapture.h"
 #include "Support/SimulatedDevice.h"
 
+namespace support {
+
 /// A comm stack that talks to a simulated device; each test runs over every kind of line.
 class CommStackFixture : public testing::TestWithParam<SimulatedDevice::Kind> {
  protected:
@@ -89,3 +91,5 @@ inline auto allLineKinds() {
   return testing::Values(SimulatedDevice::Kind::kTerminal, SimulatedDevice::Kind::kTCP,
                          SimulatedDevice::Kind::kUnix);
 }
+
+}  // namespace support

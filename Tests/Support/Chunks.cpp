@@ -4,15 +4,7 @@
 
 #include <algorithm>
 
-ZPKMutableDataPtr chunkOf(std::string_view bytes) {
-  auto chunk = ZPKMutableData::data();
-  chunk->append(bytes.data(), bytes.size());
-  return chunk;
-}
-
-ZPKDataPtr dataOf(std::string_view bytes) {
-  return ZPKData::dataWithBytes(bytes.data(), bytes.size());
-}
+namespace support {
 
 std::string passed(ZPKDataTransformer& transformer, std::string_view bytes) {
   const ZPKMutableDataPtr chunk = chunkOf(bytes);
@@ -71,3 +63,5 @@ Chunks randomSplit(std::mt19937& random, std::string_view bytes) {
   }
   return chunks;
 }
+
+}  // namespace support

@@ -7,14 +7,11 @@
 #include <vector>
 
 #include "Data Transformers/ZPKDataTransformer.h"
+#include "Support/Bytes.h"
+
+namespace support {
 
 using Chunks = std::vector<std::string>;
-
-/// A buffer with these bytes.
-ZPKMutableDataPtr chunkOf(std::string_view bytes);
-
-/// Immutable data with these bytes.
-ZPKDataPtr dataOf(std::string_view bytes);
 
 /// Hands a chunk with `bytes` to the transformer; what is left in it.
 std::string passed(ZPKDataTransformer& transformer, std::string_view bytes);
@@ -37,3 +34,5 @@ std::string randomText(std::mt19937& random, std::string_view alphabet, size_t l
 
 /// `bytes`, cut anywhere; some chunks are empty.
 Chunks randomSplit(std::mt19937& random, std::string_view bytes);
+
+}  // namespace support

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+namespace support {
+
 namespace {
 
 bool isLineNumber(const std::string& text) {
@@ -37,3 +39,5 @@ ZPKErrorPtr olderError() {
       ZPKError::init("older", 1, {{std::string(ZPKErrorDescriptionKey), "an older error"}});
   return error;
 }
+
+}  // namespace support

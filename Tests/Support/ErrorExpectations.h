@@ -5,6 +5,8 @@
 #include "Support/LogCapture.h"
 #include "Utility/ZPKError.h"
 
+namespace support {
+
 /// What a failure must look like in all its parts.
 struct ExpectedFailure {
   std::string shortDomain;  // "zephal-communication" and the like
@@ -23,3 +25,5 @@ void expectFailure(const ZPKErrorPtr& error, const LogCapture& log,
 
 /// An error that a slot may hold from before, to see whether a call touches the slot.
 ZPKErrorPtr olderError();
+
+}  // namespace support

@@ -4,6 +4,8 @@
 
 #include <thread>
 
+namespace support {
+
 bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   while (!condition()) {
@@ -20,3 +22,5 @@ bool waitUntilReadable(int descriptor, std::chrono::milliseconds limit) {
   };
   return waitFor(isReadable, limit);
 }
+
+}  // namespace support

@@ -4,6 +4,8 @@
 #include <chrono>
 #include <functional>
 
+namespace support {
+
 /// How long a test waits for what must happen. Reached only by a test that fails, so it is long
 /// enough for a loaded machine under a sanitizer.
 inline constexpr std::chrono::seconds kPatience{30};
@@ -13,3 +15,5 @@ bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds l
 
 /// Waits until `descriptor` can be read, or its peer has gone; false when the time is up.
 bool waitUntilReadable(int descriptor, std::chrono::milliseconds limit = kPatience);
+
+}  // namespace support

@@ -5,6 +5,8 @@
 
 #include "ZephalLogging.h"
 
+namespace support {
+
 LogCapture::LogCapture() {
   ZPKLoggingSetSink([this](int level, std::string_view line) {
     const std::lock_guard guard(_mutex);
@@ -34,3 +36,5 @@ void LogCapture::clear() {
   const std::lock_guard guard(_mutex);
   _lines.clear();
 }
+
+}  // namespace support

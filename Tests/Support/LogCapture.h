@@ -6,6 +6,8 @@
 
 #include "Utility/ZPKError.h"
 
+namespace support {
+
 /// One line that went to the log.
 struct LogLine {
   int level;
@@ -32,3 +34,5 @@ class LogCapture {
   mutable std::mutex _mutex;
   std::vector<LogLine> _lines;
 };
+
+}  // namespace support

@@ -8,6 +8,8 @@
 #include <sstream>
 #include <utility>
 
+namespace support {
+
 std::string contentsOfFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   std::ostringstream all;
@@ -57,3 +59,5 @@ std::string joinedTextOfLog(const std::string& path, std::string_view identifier
   }
   return joined;
 }
+
+}  // namespace support

@@ -5,6 +5,8 @@
 #include <string_view>
 #include <vector>
 
+namespace support {
+
 /// All bytes of a file; "" if there is none.
 std::string contentsOfFile(const std::string& path);
 
@@ -24,3 +26,5 @@ std::vector<std::string> textsOfLog(const std::string& path);
 
 /// What the lines of one identifier say, one behind the other; quick for a long log.
 std::string joinedTextOfLog(const std::string& path, std::string_view identifier);
+
+}  // namespace support

@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <string>
 
+namespace support {
+
 std::set<int> openDescriptors() {
   std::set<int> candidates;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
@@ -16,3 +18,5 @@ std::set<int> openDescriptors() {
 }
 
 bool isOpenDescriptor(int descriptor) { return ::fcntl(descriptor, F_GETFD) != -1; }
+
+}  // namespace support

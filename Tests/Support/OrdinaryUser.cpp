@@ -13,6 +13,8 @@
 
 #include "Support/EventWait.h"
 
+namespace support {
+
 namespace {
 
 constexpr uid_t kNobody = 65534;
@@ -96,3 +98,5 @@ ChildResult runInChild(const ChildFunction& function) { return run(function, fal
 ChildResult runAsOrdinaryUser(const ChildFunction& function) {
   return run(function, ::geteuid() == 0);
 }
+
+}  // namespace support

@@ -4,6 +4,8 @@
 #include <functional>
 #include <string>
 
+namespace support {
+
 /// How a child process ended.
 struct ChildResult {
   /// What the function returned, or -1 if the child ended in another way.
@@ -25,3 +27,5 @@ ChildResult runInChild(const ChildFunction& function);
 /// As runInChild, as a user without rights: "nobody" if we are root, the user that we are
 /// otherwise.
 ChildResult runAsOrdinaryUser(const ChildFunction& function);
+
+}  // namespace support

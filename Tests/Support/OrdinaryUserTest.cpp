@@ -8,6 +8,8 @@
 
 #include "Support/OrdinaryUser.h"
 
+using namespace support;
+
 namespace {
 
 TEST(OrdinaryUserTest, IsNotRootAndTellsItsResult) {

@@ -4,6 +4,8 @@
 #include <fstream>
 #include <string>
 
+namespace support {
+
 size_t processStatus(std::string_view name) {
   std::ifstream file("/proc/self/status");
   std::string line;
@@ -22,3 +24,5 @@ bool isMemoryComparable() {
   return true;
 #endif
 }
+
+}  // namespace support

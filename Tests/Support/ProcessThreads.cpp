@@ -4,6 +4,8 @@
 #include <fstream>
 #include <system_error>
 
+namespace support {
+
 size_t threadsNamed(const std::string& name) {
   size_t count = 0;
   std::error_code ignored;  // a thread may end meanwhile
@@ -14,3 +16,5 @@ size_t threadsNamed(const std::string& name) {
   }
   return count;
 }
+
+}  // namespace support

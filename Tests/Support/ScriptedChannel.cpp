@@ -2,6 +2,8 @@
 
 #include <utility>
 
+namespace support {
+
 void ScriptedChannel::addRead(std::string_view bytes) { addRead(ZPKData::dataWithString(bytes)); }
 
 void ScriptedChannel::addRead(ZPKDataPtr data) {
@@ -112,3 +114,5 @@ bool ScriptedChannel::finish(const Result& result, ZPKErrorPtr* error) const {
 }
 
 void ScriptedChannel::record(const char* call) { _calls.emplace_back(call); }
+
+}  // namespace support

@@ -12,6 +12,8 @@
 
 #include "Data Channel/ZPKDataChannel.h"
 
+namespace support {
+
 /// A channel without a device: it plays a list of read results and records what it is asked.
 ///
 /// Reads come from the script in order; when it is used up, a read returns empty data at once. Safe
@@ -75,3 +77,5 @@ class ScriptedChannel final : public ZPKDataChannel {
   std::vector<double> _openTimeouts;
   std::vector<std::string> _calls;
 };
+
+}  // namespace support

@@ -8,6 +8,8 @@
 
 #include "Data Transformers/ZPKDataTransformer.h"
 
+namespace support {
+
 /// A transformer that does what a test tells it and records the chunks it is given. On one thread.
 class ScriptedTransformer final : public ZPKDataTransformer {
  public:
@@ -60,3 +62,5 @@ class ScriptedTransformer final : public ZPKDataTransformer {
   std::vector<std::string> _chunks;
   int _resets = 0;
 };
+
+}  // namespace support

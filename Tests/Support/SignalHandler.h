@@ -2,6 +2,8 @@
 
 #include <csignal>
 
+namespace support {
+
 /// Handles a signal with a function of its own, without SA_RESTART, for as long as it lives.
 class SignalHandler {
  public:
@@ -20,3 +22,5 @@ class SignalHandler {
   const int _signal;
   struct sigaction _before {};
 };
+
+}  // namespace support

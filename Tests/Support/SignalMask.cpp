@@ -2,6 +2,8 @@
 
 #include <csignal>
 
+namespace support {
+
 bool isBlocked(int signal) {
   sigset_t mask;
   ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
@@ -20,3 +22,5 @@ void block(int signal) {
   ::sigaddset(&signals, signal);
   ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
+
+}  // namespace support

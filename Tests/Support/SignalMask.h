@@ -1,5 +1,7 @@
 #pragma once
 
+namespace support {
+
 /// Whether the calling thread blocks the signal.
 bool isBlocked(int signal);
 
@@ -8,3 +10,5 @@ bool isPending(int signal);
 
 /// Lets the calling thread block the signal.
 void block(int signal);
+
+}  // namespace support

@@ -24,6 +24,8 @@
 #include "Support/CheckedCalls.h"
 #include "Support/SystemCalls.h"
 
+namespace support {
+
 namespace {
 
 void makeNonblocking(int descriptor) { checked(::fcntl(descriptor, F_SETFL, O_NONBLOCK), "fcntl"); }
@@ -390,3 +392,5 @@ bool SimulatedDevice::waitOn(const std::function<bool()>& condition) const {
   std::unique_lock lock(_mutex);
   return _changed.wait_for(lock, kPatience, condition);
 }
+
+}  // namespace support

@@ -18,6 +18,8 @@
 #include "Support/EventWait.h"
 #include "Support/TemporaryFolder.h"
 
+namespace support {
+
 /// A device with a text console, on a pseudo-terminal, a TCP port or a unix socket.
 ///
 /// It takes commands, answers each with its response and the prompt, and can be told to behave
@@ -157,3 +159,5 @@ class SimulatedDevice {
 
   std::thread _thread;
 };
+
+}  // namespace support

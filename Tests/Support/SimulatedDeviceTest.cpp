@@ -4,6 +4,8 @@
 #include "Data Channel/ZPKDataChannel.h"
 #include "Support/SimulatedDevice.h"
 
+using namespace support;
+
 namespace {
 
 using Kind = SimulatedDevice::Kind;

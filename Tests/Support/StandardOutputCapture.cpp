@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <iostream>
 
+namespace support {
+
 StandardOutputCapture::StandardOutputCapture() {
   std::cout.flush();
   std::fflush(stdout);
@@ -36,3 +38,5 @@ std::string StandardOutputCapture::text() const {
   }
   return text;
 }
+
+}  // namespace support

@@ -2,6 +2,8 @@
 
 #include <string>
 
+namespace support {
+
 /// Takes over the process's standard output, at the level of the descriptor, for as long as it
 /// lives. If the test has failed by its end, what was captured is printed after all.
 class StandardOutputCapture {
@@ -18,3 +20,5 @@ class StandardOutputCapture {
   int _file = -1;
   int _original = -1;
 };
+
+}  // namespace support

@@ -28,6 +28,8 @@
 
 #include "Support/TerminalState.h"
 
+namespace support {
+
 // The two compilers tell it in two ways.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define HAS_SANITIZER
@@ -630,6 +632,8 @@ void* __wrap__Znwm(size_t size) {
 }
 
 }  // extern "C"
+
+}  // namespace support
 
 #ifndef HAS_SANITIZER
 // For the whole process, the C++ library included. The sanitizers need their own.

@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+namespace support {
+
 /// One system call of the code under test.
 struct SystemCall {
   /// "select", "read", "ioctl" and so on.
@@ -75,3 +77,5 @@ class SystemCalls {
   /// Takes the calling thread out of the watch for good: for simulated devices.
   static void exemptThisThread();
 };
+
+}  // namespace support

@@ -13,6 +13,8 @@
 
 #include "Support/SystemCalls.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

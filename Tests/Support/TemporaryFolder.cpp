@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <system_error>
 
+namespace support {
+
 TemporaryFolder::TemporaryFolder() {
   char name[] = "/tmp/zephalio-XXXXXX";
   if (::mkdtemp(name) == nullptr) {
@@ -20,3 +22,5 @@ TemporaryFolder::~TemporaryFolder() {
   std::error_code ignored;
   std::filesystem::remove_all(_path, ignored);
 }
+
+}  // namespace support

@@ -3,6 +3,8 @@
 #include <string>
 #include <string_view>
 
+namespace support {
+
 /// A folder of its own for a test, removed with all that is in it. Its path is short enough for a
 /// unix socket, and every user can enter it.
 class TemporaryFolder {
@@ -19,3 +21,5 @@ class TemporaryFolder {
  private:
   std::string _path;
 };
+
+}  // namespace support

@@ -8,6 +8,8 @@
 #include <system_error>
 #include <utility>
 
+namespace support {
+
 extern const unsigned long kGetExactAttributesRequest;
 extern const unsigned long kSetExactAttributesRequest;
 const unsigned long kGetExactAttributesRequest = TCGETS2;
@@ -21,3 +23,5 @@ std::pair<uint32_t, uint32_t> terminalSpeeds(int descriptor) {
   }
   return {attributes.c_ispeed, attributes.c_ospeed};
 }
+
+}  // namespace support

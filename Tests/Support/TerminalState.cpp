@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <system_error>
 
+namespace support {
+
 termios terminalAttributes(int descriptor) {
   termios attributes{};
   if (::tcgetattr(descriptor, &attributes) != 0) {
@@ -10,3 +12,5 @@ termios terminalAttributes(int descriptor) {
   }
   return attributes;
 }
+
+}  // namespace support

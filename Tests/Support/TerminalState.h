@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <utility>
 
+namespace support {
+
 /// The requests that read and set a terminal with exact speeds, which termios.h does not know.
 extern const unsigned long kGetExactAttributesRequest;
 extern const unsigned long kSetExactAttributesRequest;
@@ -14,3 +16,5 @@ std::pair<uint32_t, uint32_t> terminalSpeeds(int descriptor);
 
 /// The attributes of a terminal.
 termios terminalAttributes(int descriptor);
+
+}  // namespace support

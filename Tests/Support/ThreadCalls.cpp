@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <utility>
 
+namespace support {
+
 // The linker's names for the calls themselves.
 extern "C" {
 int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
@@ -63,3 +65,5 @@ int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mu
 }
 
 }  // extern "C"
+
+}  // namespace support

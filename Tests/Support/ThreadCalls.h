@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <functional>
 
+namespace support {
+
 /// While it lives, the system starts no thread for the calling thread: EAGAIN.
 class RefusedThreads {
  public:
@@ -32,3 +34,5 @@ size_t endlessWaits();
 
 /// Likewise of the waits with a limit.
 size_t limitedWaits();
+
+}  // namespace support

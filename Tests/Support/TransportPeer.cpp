@@ -18,6 +18,8 @@
 #include "Support/CheckedCalls.h"
 #include "Support/EventWait.h"
 
+namespace support {
+
 TransportPeer::TransportPeer(Kind kind) : _kind(kind) {
   if (kind == Kind::kTerminal) {
     makeTerminal();
@@ -133,3 +135,5 @@ std::string transportName(TransportPeer::Kind kind) {
   }
   return "";
 }
+
+}  // namespace support

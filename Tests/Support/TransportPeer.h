@@ -6,6 +6,8 @@
 #include "Data Channel/ZPKDataChannel.h"
 #include "Support/TemporaryFolder.h"
 
+namespace support {
+
 /// The far end of a transport channel, held by the test itself: no thread, nothing happens that the
 /// test does not do. For a device that answers by itself, take SimulatedDevice.
 class TransportPeer {
@@ -55,3 +57,5 @@ class TransportPeer {
 
 /// The name of a kind in a test's name.
 std::string transportName(TransportPeer::Kind kind);
+
+}  // namespace support

@@ -6,6 +6,8 @@
 
 #include "Support/EventWait.h"
 
+namespace support {
+
 std::shared_ptr<WaitingChannel> WaitingChannel::makeOpen() {
   auto channel = make();
   channel->_opened = true;
@@ -172,3 +174,5 @@ bool WaitingChannel::finish(const Result& result, ZPKErrorPtr* error) {
   if (!result.isGood && error != nullptr) *error = result.error;
   return result.isGood;
 }
+
+}  // namespace support

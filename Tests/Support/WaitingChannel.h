@@ -13,6 +13,8 @@
 
 #include "Data Channel/ZPKDataChannel.h"
 
+namespace support {
+
 /// A channel without a device that keeps its contract as a transport does: closed at first, its
 /// read waits for bytes or for a failure, and a failed read closes it. For what reads on a thread
 /// of its own; safe on several threads, and it logs nothing.
@@ -89,3 +91,5 @@ class WaitingChannel final : public ZPKDataChannel {
   std::vector<std::optional<std::string>> _writes;
   std::vector<std::string> _calls;  // all but the reads
 };
+
+}  // namespace support

@@ -27,6 +27,8 @@
 #include "Utility/DescriptorOperation.h"
 #include "Utility/ZPKData.h"
 
+using namespace support;
+
 namespace {
 
 using testing::AnyOf;

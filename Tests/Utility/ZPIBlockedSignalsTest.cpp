@@ -5,6 +5,8 @@
 #include "Support/SignalMask.h"
 #include "Utility/ZPIBlockedSignals.h"
 
+using namespace support;
+
 namespace {
 
 sigset_t setOf(int signal) {

@@ -10,6 +10,8 @@
 #include "Support/EventWait.h"
 #include "Utility/ZPIEventLoop.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

@@ -11,6 +11,8 @@
 #include "Support/TerminalState.h"
 #include "Utility/ZPIExactTerminalSpeed.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

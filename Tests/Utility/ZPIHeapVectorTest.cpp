@@ -9,6 +9,8 @@
 #include "Support/SystemCalls.h"
 #include "Utility/ZPIHeapVector.h"
 
+using namespace support;
+
 namespace {
 
 using Bytes = ZPIHeapVector<uint8_t>;

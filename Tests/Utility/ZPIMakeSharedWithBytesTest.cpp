@@ -6,6 +6,8 @@
 #include "Support/SystemCalls.h"
 #include "Utility/ZPIMakeSharedWithBytes.h"
 
+using namespace support;
+
 namespace {
 
 struct Counted {

@@ -18,6 +18,8 @@
 #include "Support/ProcessThreads.h"
 #include "Utility/ZPISerialQueue.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

@@ -20,6 +20,8 @@
 #include "Utility/ZPIThreadHelpers.h"
 #include "Utility/ZPKConstants.h"
 
+using namespace support;
+
 namespace {
 
 void join(pthread_t thread) {

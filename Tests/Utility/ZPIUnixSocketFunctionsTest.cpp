@@ -20,6 +20,8 @@
 #include "Support/TemporaryFolder.h"
 #include "Utility/ZPIUnixSocketFunctions.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

@@ -12,6 +12,8 @@
 #include "Support/TemporaryFolder.h"
 #include "Utility/ZPIWithoutSignalsOfWriting.h"
 
+using namespace support;
+
 namespace {
 
 // The errno of a write to a pipe that nobody reads.

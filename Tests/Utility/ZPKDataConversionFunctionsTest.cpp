@@ -4,10 +4,13 @@
 #include <random>
 #include <string>
 
+#include "Support/Bytes.h"
 #include "Support/ErrorExpectations.h"
 #include "Utility/ZPKData.h"
 #include "Utility/ZPKDataConversionFunctions.h"
 #include "Utility/ZPKMutableData.h"
+
+using namespace support;
 
 namespace {
 
@@ -15,8 +18,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr size_t kMiB = 1 << 20;
-
-ZPKDataPtr dataOf(std::string_view bytes) { return ZPKData::dataWithString(bytes); }
 
 // The bytes that a good text names.
 std::string bytesFrom(std::string_view hex) {

@@ -6,12 +6,13 @@
 #include <thread>
 #include <vector>
 
+#include "Support/Bytes.h"
 #include "Utility/ZPKData.h"
 #include "Utility/ZPKMutableData.h"
 
-namespace {
+using namespace support;
 
-ZPKDataPtr dataOf(std::string_view bytes) { return ZPKData::dataWithString(bytes); }
+namespace {
 
 void* heapCopyOf(std::string_view bytes, size_t size) {
   void* block = std::malloc(size);

@@ -15,6 +15,8 @@
 #include "Support/SystemCalls.h"
 #include "Utility/ZPKMutableData.h"
 
+using namespace support;
+
 namespace {
 
 constexpr size_t kLargeBlock = 65536;  // what a read hands over

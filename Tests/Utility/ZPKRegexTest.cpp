@@ -10,6 +10,8 @@
 #include "Support/ErrorExpectations.h"
 #include "Utility/ZPKRegex.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

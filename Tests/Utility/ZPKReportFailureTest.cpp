@@ -12,6 +12,8 @@
 #include "Support/ErrorExpectations.h"
 #include "Utility/ZPKReportFailure.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

@@ -18,6 +18,8 @@
 #include "Support/SystemCalls.h"
 #include "Utility/ZPKSocketFunctions.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

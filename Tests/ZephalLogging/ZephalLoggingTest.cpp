@@ -17,6 +17,8 @@
 #include "Support/OrdinaryUser.h"
 #include "ZephalLogging.h"
 
+using namespace support;
+
 namespace {
 
 using testing::ElementsAre;

@@ -1,0 +1,21 @@
+// Bytes as tests write them down and compare them.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Utility/ZPKMutableData.h"
+
+namespace support {
+
+/// Immutable data with these bytes.
+ZPKDataPtr dataOf(std::string_view bytes);
+
+/// A buffer with these bytes.
+ZPKMutableDataPtr chunkOf(std::string_view bytes);
+
+/// The bytes of `data`, valid UTF-8 or not; null for null.
+std::optional<std::string> bytesOf(const ZPKDataPtr& data);
+
+}  // namespace support

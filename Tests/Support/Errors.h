@@ -1,0 +1,20 @@
+// Errors as tests make them and look at them.
+#pragma once
+
+#include <string>
+
+#include "Utility/ZPKError.h"
+
+namespace support {
+
+/// An error with this code, of a domain that the library does not have.
+ZPKErrorPtr errorWithCode(int code);
+
+/// An error that a scripted channel can fail with: domain "below", code 42, "from below".
+ZPKErrorPtr errorFromBelow();
+
+/// What an error says; 0 and "" for null, so that a test which misses an error fails and goes on.
+int codeOf(const ZPKErrorPtr& error);
+std::string descriptionOf(const ZPKErrorPtr& error);
+
+}  // namespace support
