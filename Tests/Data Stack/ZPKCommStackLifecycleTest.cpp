@@ -174,6 +174,41 @@ TEST_F(ZPKCommStackLifecycleTest, AReplacedChainIsReleasedAtOnceWithoutACallOnIt
   EXPECT_TRUE(old.expired());
 }
 
+TEST_F(ZPKCommStackLifecycleTest, AChainThatThePlainSetterTakesAwayIsReleasedAtOnce) {
+  ScriptedStack made;
+  made.base->addRead("answer> ");
+  ASSERT_EQ(made->sendCommandString("ask", 1), "answer> ");
+  const std::weak_ptr<ScriptedChannel> base = made.base;
+  made.base = nullptr;
+  made->setCommChannel(nullptr);
+  EXPECT_TRUE(base.expired());
+}
+
+TEST_F(ZPKCommStackLifecycleTest, AChainThatThePlainSetterGivesIsTheOneThatTalks) {
+  const ScriptedStack made;
+  const ZPKDataChannelPtr first = made->commChannel();
+  const auto other = ScriptedChannel::make();
+  made->setCommChannel(other);
+  EXPECT_TRUE(made->writeString("to the other"));
+  EXPECT_THAT(other->writes(), ElementsAre("to the other"));
+  made->setCommChannel(first);
+  EXPECT_TRUE(made->writeString("to the first"));
+  EXPECT_THAT(made.base->writes(), ElementsAre("to the first\n"));
+  made->setCommChannel(nullptr);
+  ZPKErrorPtr error;
+  EXPECT_FALSE(made->writeString("to nobody", &error));
+  EXPECT_EQ(codeOf(error), 304);
+}
+
+// A pointer that owns nothing, to a channel that lives elsewhere.
+TEST_F(ZPKCommStackLifecycleTest, AChainThatNobodyOwnsTalksToo) {
+  ScriptedChannel base;
+  base.addRead("answer> ");
+  const auto stack = ZPKCommStack::init();
+  stack->setCommChannel(ZPKDataChannelPtr(ZPKDataChannelPtr(), &base));
+  EXPECT_EQ(stack->sendCommandString("ask", 1), "answer> ");
+}
+
 TEST_F(ZPKCommStackLifecycleTest, TheSameBaseChannelCanBeGivenAgain) {
   const ScriptedStack made;
   made.base->setOpened(false);

@@ -187,6 +187,22 @@ TEST_F(ZPKCommStackThreadsTest, PlainAccessorsDoNotWaitForARead) {
   reader.join();
 }
 
+TEST_F(ZPKCommStackThreadsTest, ARunningReadKeepsTheChainThatThePlainSetterTakesAway) {
+  HeldRead held;
+  held.made.base->addRead("one> ");
+  const std::weak_ptr<ScriptedChannel> base = held.made.base;
+  std::optional<std::string> response;
+  std::thread reader([&] { response = held.made->readStringWithTimeout(600, std::nullopt); });
+  ASSERT_TRUE(held.began.wait());
+  held.made.base = nullptr;
+  held.made->setCommChannel(nullptr);
+  EXPECT_FALSE(base.expired());
+  held.letGo();
+  reader.join();
+  EXPECT_EQ(response, "one> ");
+  EXPECT_TRUE(base.expired());
+}
+
 TEST_F(ZPKCommStackThreadsTest, ANewDelimiterCannotSlipIntoARunningRead) {
   HeldRead held;
   held.made.base->addRead("a#b");
@@ -333,6 +349,24 @@ TEST_F(ZPKCommStackThreadsTest, CommandsOfSeveralThreadsNeverMix) {
     });
   }
   runTogether(talkers);
+}
+
+TEST_F(ZPKCommStackThreadsTest, AChainMayBeReplacedBesideCommands) {
+  const auto stack = ZPKCommStack::init();
+  stack->setCommChannel(std::make_shared<EchoingChannel>());
+  std::atomic<bool> isOver{false};
+  const auto talk = [&] {
+    for (int round = 0; round < kRounds; ++round) {
+      ASSERT_EQ(stack->sendCommandString("ab", 600), "ab> ");
+    }
+  };
+  const auto replace = [&] {
+    while (!isOver) stack->setCommChannel(std::make_shared<EchoingChannel>());
+  };
+  std::thread replacer(replace);
+  talk();
+  isOver = true;
+  replacer.join();
 }
 
 TEST_F(ZPKCommStackThreadsTest, SettingsAndReopeningBesideCommandsAreSafe) {

@@ -212,4 +212,65 @@ TEST(ZPKAtomicSnapshotTest, ReadersSeeStoresInTheirOrderAndTheLastOneInTheEnd) {
   EXPECT_EQ(backwards, 0);
 }
 
+TEST(ZPKAtomicWeakSnapshotTest, ItGivesThePresentObject) {
+  ZPKAtomic<std::shared_ptr<int>> property;
+  ZPKAtomic<std::shared_ptr<int>>::WeakSnapshot snapshot(property);
+  EXPECT_EQ(snapshot.current(), nullptr);
+  for (int i = 0; i < 3; ++i) {
+    const auto object = std::make_shared<int>(i);
+    property.store(object);
+    EXPECT_EQ(snapshot.current(), object);
+    EXPECT_EQ(snapshot.current(), object);
+  }
+  property.store(nullptr);
+  EXPECT_EQ(snapshot.current(), nullptr);
+}
+
+TEST(ZPKAtomicWeakSnapshotTest, AReplacedObjectGoesAtOnce) {
+  auto first = std::make_shared<int>(1);
+  const std::weak_ptr<int> watch = first;
+  ZPKAtomic<std::shared_ptr<int>> property(std::move(first));
+  ZPKAtomic<std::shared_ptr<int>>::WeakSnapshot snapshot(property);
+  ASSERT_NE(snapshot.current(), nullptr);
+  property.store(nullptr);
+  EXPECT_TRUE(watch.expired());
+}
+
+TEST(ZPKAtomicWeakSnapshotTest, WhoeverReadItKeepsAReplacedObject) {
+  ZPKAtomic<std::shared_ptr<int>> property(std::make_shared<int>(1));
+  ZPKAtomic<std::shared_ptr<int>>::WeakSnapshot snapshot(property);
+  const std::shared_ptr<int> object = snapshot.current();
+  property.store(nullptr);
+  EXPECT_EQ(*object, 1);
+}
+
+TEST(ZPKAtomicWeakSnapshotTest, APointerThatOwnsNothingIsHandedOutToo) {
+  int object = 1;
+  ZPKAtomic<std::shared_ptr<int>> property(std::shared_ptr<int>(std::shared_ptr<int>(), &object));
+  ZPKAtomic<std::shared_ptr<int>>::WeakSnapshot snapshot(property);
+  EXPECT_EQ(snapshot.current().get(), &object);
+}
+
+// Between the look at the property and the reference, the object may have gone: never a null then.
+TEST(ZPKAtomicWeakSnapshotTest, AReaderBesideAWriterAlwaysHasAnObject) {
+  constexpr int kStores = 3000;
+  ZPKAtomic<std::shared_ptr<int>> property(std::make_shared<int>(0));
+  std::atomic<int> faults{0};
+  onThreads(kThreads, [&](int thread) {
+    if (thread == 0) {
+      for (int i = 1; i <= kStores; ++i) property.store(std::make_shared<int>(i));
+      return;
+    }
+    ZPKAtomic<std::shared_ptr<int>>::WeakSnapshot snapshot(property);
+    for (int last = 0; last < kStores;) {
+      const std::shared_ptr<int> object = snapshot.current();
+      const int seen = object == nullptr ? -1 : *object;
+      if (seen < last) faults.fetch_add(1, std::memory_order_relaxed);
+      if (seen == last) std::this_thread::yield();
+      if (seen > last) last = seen;
+    }
+  });
+  EXPECT_EQ(faults, 0);
+}
+
 }  // namespace

@@ -190,7 +190,6 @@ bool ZPKCommStack::createStackWithBaseChannel(const ZPKDataChannelPtr& channel,
   ZPKDataChannelPtr chain = chainOn(channel, error);
   if (chain == nullptr) return false;
   setCommChannel(std::move(chain));
-  _currentChannel.current();  // lets go of the chain that was replaced
   return true;
 }
 

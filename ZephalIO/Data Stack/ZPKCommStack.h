@@ -238,8 +238,9 @@ class ZPK_EXPORT ZPKCommStack {
   ZPKAtomic<std::optional<std::string>> _logFilePath;
   ZPKAtomic<std::optional<std::string>> _preAggregatorLogFilePath;
 
-  // What every command looks at, read without a lock of its own. Guarded by _lock.
-  ZPKAtomic<ZPKDataChannelPtr>::Snapshot _currentChannel;
+  // What every command looks at, read without a lock of its own and, of the chain, without keeping
+  // it alive. Guarded by _lock.
+  ZPKAtomic<ZPKDataChannelPtr>::WeakSnapshot _currentChannel;
   ZPKAtomic<std::optional<std::string>>::Snapshot _currentSwap;
 };
 

@@ -86,6 +86,35 @@ class ZPKAtomic {
     T _value;
   };
 
+  /// The same for a property that is a shared pointer, without keeping its object alive: each read
+  /// hands out a reference of its own, and an object that the property gave up goes with the last
+  /// of them. Belongs to one thread at a time.
+  class WeakSnapshot {
+   public:
+    explicit WeakSnapshot(const ZPKAtomic& property) : _property(property) { renewed(); }
+
+    /// The object that the property holds now; may be null.
+    T current() {
+      if (_property._version.load(std::memory_order_acquire) == _version) {
+        if (T object = _object.lock()) return object;
+      }
+      return renewed();  // also for null, and for a pointer that owns nothing
+    }
+
+   private:
+    // The version first, as above.
+    T renewed() {
+      _version = _property._version.load(std::memory_order_acquire);
+      T object = _property.load();
+      _object = object;
+      return object;
+    }
+
+    const ZPKAtomic& _property;
+    uint32_t _version = 0;
+    typename T::weak_type _object;
+  };
+
  private:
   mutable ZPKSmallMutex _mutex;
   std::atomic<uint32_t> _version{0};
