@@ -243,6 +243,29 @@ TEST_F(ZPIAggregatingTransformerChannelTest, EveryReadDoesWhatThePlainStepsDo) {
   }
 }
 
+TEST_F(ZPIAggregatingTransformerChannelTest, WithoutAnAggregatorReadsComeUncut) {
+  const auto bare = ZPIAggregatingTransformerChannel::initWithChannel(below, nullptr);
+  below->addRead("one> tw");
+  below->addRead("");
+  below->addFailedRead(errorWithCode(5));
+  ZPKErrorPtr error = olderError();
+  EXPECT_EQ(bare->readWithTimeout(1.5, &error)->view(), "one> tw");
+  EXPECT_EQ(bare->takeHeldUnit(), nullptr);
+  EXPECT_EQ(bare->readWithTimeout(1.5, &error)->view(), "");
+  EXPECT_EQ(error, olderError());
+  EXPECT_EQ(bare->readWithTimeout(1.5, &error), nullptr);
+  EXPECT_EQ(error->code(), 5);
+}
+
+TEST_F(ZPIAggregatingTransformerChannelTest, WithoutAnAggregatorResetGoesDownAndFails) {
+  const auto bare = ZPIAggregatingTransformerChannel::initWithChannel(below, nullptr);
+  ZPKErrorPtr error = olderError();
+  EXPECT_FALSE(bare->reset(&error));
+  EXPECT_EQ(error, nullptr);
+  EXPECT_FALSE(bare->reset(nullptr));
+  EXPECT_THAT(below->calls(), ElementsAre("reset", "reset"));
+}
+
 TEST_F(ZPIAggregatingTransformerChannelTest, TheTerminatorCanBeSwappedOnAnotherThreadDuringReads) {
   std::atomic<bool> stops{false};
   std::atomic<int> swaps{0};

@@ -61,6 +61,27 @@ TEST_F(ZPIResetWalkTest, AFirstFailureWithoutAnErrorLeavesNullWhateverComesLater
   EXPECT_EQ(error, nullptr);
 }
 
+TEST_F(ZPIResetWalkTest, AMissingMemberIsAFailureWithoutAnError) {
+  channel->setResetResult(false, errorWithCode(3));
+  ZPIResetWalk walk;
+  walk.resetNothing();
+  walk.reset(*channel);
+  ZPKErrorPtr error = olderError();
+  EXPECT_FALSE(walk.finish(&error));
+  EXPECT_EQ(error, nullptr);
+  EXPECT_THAT(channel->calls(), testing::ElementsAre("reset"));
+}
+
+TEST_F(ZPIResetWalkTest, AMissingMemberLeavesAnEarlierError) {
+  channel->setResetResult(false, errorWithCode(3));
+  ZPIResetWalk walk;
+  walk.reset(*channel);
+  walk.resetNothing();
+  ZPKErrorPtr error;
+  EXPECT_FALSE(walk.finish(&error));
+  EXPECT_EQ(error->code(), 3);
+}
+
 TEST_F(ZPIResetWalkTest, ANullSlotIsLegal) {
   channel->setResetResult(false, errorWithCode(3));
   EXPECT_FALSE(walkThem(nullptr));

@@ -426,15 +426,40 @@ TEST_F(ZPKCommLoggerStackTest, ASerialURLSetsTheSpeedThatItTells) {
   EXPECT_TRUE(stack->close());
 }
 
-TEST_F(ZPKCommLoggerStackTest, WithoutAnAggregatorNoChainIsMade) {
+TEST_F(ZPKCommLoggerStackTest, WithoutAnAggregatorTheChainIsMadeAndRecordsUncut) {
+  stack->setDelimiter(";");
   stack->setAggregator(nullptr);
   LogCapture log;
   ZPKErrorPtr error = olderError();
-  EXPECT_FALSE(stack->createStackWithBaseChannel(base, &error));
-  expectFailure(error, log,
-                {"zephal-communication", 3, "transformer cannot be nil",
-                 "createAggregatingTransformerChannel", "ZPKDataChannelDecorators.cpp"});
-  EXPECT_EQ(stack->commChannel(), nullptr);
+  ASSERT_TRUE(stack->createStackWithBaseChannel(base, &error));
+  EXPECT_EQ(stack->isOpen(), 0);
+  ASSERT_TRUE(stack->open(&error));
+  deliver("one;tw");
+  EXPECT_TRUE(stack->setDelimiter("w"));
+  deliver("o;");
+  EXPECT_EQ(error, olderError());
+  EXPECT_FALSE(stack->close());
+  EXPECT_THAT(textsOfLog(prePath), ElementsAre("pre---read: one;tw", "pre---read: o;"));
+  EXPECT_THAT(textsOfLog(postPath), ElementsAre("post--read: one;tw", "post--read: o;"));
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+// There is nothing to reset where the aggregator should be, so the reset fails; all else is done.
+TEST_F(ZPKCommLoggerStackTest, WithoutAnAggregatorCloseClosesAndFailsWithoutAnError) {
+  stack->setAggregator(nullptr);
+  open();
+  LogCapture log;
+  ZPKErrorPtr error = olderError();
+  EXPECT_FALSE(stack->close(&error));
+  EXPECT_EQ(error, nullptr);
+  EXPECT_EQ(stack->isOpen(), 0);
+  EXPECT_EQ(base->count("close"), 1U);
+  EXPECT_EQ(base->count("reset"), 1U);
+  EXPECT_THAT(log.lines(), IsEmpty());
+  ASSERT_TRUE(stack->open());
+  deliver("again");
+  EXPECT_FALSE(stack->close());
+  EXPECT_THAT(textsOfLog(postPath), ElementsAre("post--read: again"));
 }
 
 TEST_F(ZPKCommLoggerStackTest, EachKnownSchemeGivesAClosedStack) {

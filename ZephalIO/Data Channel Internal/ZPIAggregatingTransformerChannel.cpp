@@ -22,7 +22,11 @@ bool ZPIAggregatingTransformerChannel::close(ZPKErrorPtr* error) { return _chann
 
 bool ZPIAggregatingTransformerChannel::reset(ZPKErrorPtr* error) {
   ZPIResetWalk walk;
-  walk.reset(*_aggregator);
+  if (_aggregator != nullptr) {
+    walk.reset(*_aggregator);
+  } else {
+    walk.resetNothing();
+  }
   walk.reset(*_channel);
   return walk.finish(error);
 }
@@ -33,7 +37,7 @@ ZPKDataPtr ZPIAggregatingTransformerChannel::readWithTimeout(double timeout, ZPK
   if (ZPKMutableDataPtr unit = takeHeldUnit()) return unit;
   ZPKMutableDataPtr data =
       ZPKMutableData::mutableCopyGivingUp(_channel->readWithTimeout(timeout, error));
-  if (data != nullptr) _aggregator->modifyData(data.get());
+  if (data != nullptr && _aggregator != nullptr) _aggregator->modifyData(data.get());
   return data;
 }
 
@@ -42,5 +46,5 @@ bool ZPIAggregatingTransformerChannel::write(const ZPKDataPtr& data, ZPKErrorPtr
 }
 
 ZPKMutableDataPtr ZPIAggregatingTransformerChannel::takeHeldUnit() {
-  return _aggregator->takeHeldUnit();
+  return _aggregator == nullptr ? nullptr : _aggregator->takeHeldUnit();
 }

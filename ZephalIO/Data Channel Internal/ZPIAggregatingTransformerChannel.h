@@ -7,7 +7,8 @@
 #include "Data Transformers/ZPKMutableDataAggregatorTransformer.h"
 
 /// Wraps a channel and hands up what it reads in units of one aggregator, which its creator shares.
-/// Writes pass. No lock: reads and reset touch the aggregator and must not overlap.
+/// Writes pass. Without an aggregator reads pass too, and reset fails without an error when it has
+/// reset the channel below. No lock: reads and reset touch the aggregator and must not overlap.
 class ZPIAggregatingTransformerChannel final : public ZPKDataChannel, public ZPIUnitHolder {
   struct Key {
     explicit Key() = default;

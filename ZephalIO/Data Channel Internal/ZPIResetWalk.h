@@ -1,5 +1,7 @@
 #pragma once
 
+#include <utility>
+
 #include "Utility/ZPKTypes.h"
 
 /// Resets one object after another, whatever fails, and keeps the first failure.
@@ -9,10 +11,11 @@ class ZPIResetWalk {
   template <class Member>
   void reset(Member& member) {
     ZPKErrorPtr error;
-    if (member.reset(&error) || !_isGood) return;
-    _isGood = false;
-    _firstError = error;
+    if (!member.reset(&error)) fail(std::move(error));
   }
+
+  /// For a member that is not there: a failure without an error.
+  void resetNothing() { fail(nullptr); }
 
   /// Whether all succeeded; if not, the slot gets the first failure's error, which may be null.
   bool finish(ZPKErrorPtr* error) const {
@@ -21,6 +24,12 @@ class ZPIResetWalk {
   }
 
  private:
+  void fail(ZPKErrorPtr error) {
+    if (!_isGood) return;
+    _isGood = false;
+    _firstError = std::move(error);
+  }
+
   bool _isGood = true;
   ZPKErrorPtr _firstError;
 };

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "Data Channel Internal/ZPIAggregatingTransformerChannel.h"
 #include "Data Channel Internal/ZPIBaseChannelForURL.h"
 #include "Data Channel/ZPKDataChannelDecorators.h"
 #include "Data Stack/ZPIStackSupport.h"
@@ -99,8 +100,8 @@ ZPKDataChannelPtr ZPKCommLoggerStack::chainOn(ZPKDataChannelPtr channel, ZPKErro
   if (channel == nullptr) return nullptr;
   const ZPKMutableDataAggregatorTransformerPtr cutter = aggregator();
   if (cutter != nullptr) cutter->buffer()->setLength(0);
-  channel = createAggregatingTransformerChannel(channel, cutter, error);
-  if (channel == nullptr) return nullptr;
+  // Not by its factory, which would refuse a null aggregator: a recorder then records uncut.
+  channel = ZPIAggregatingTransformerChannel::initWithChannel(channel, cutter);
   channel = ZPIWithLog(channel, logFilePath(), "post", error);
   if (channel == nullptr) return nullptr;
   return createActiveNullChannel(channel, error);

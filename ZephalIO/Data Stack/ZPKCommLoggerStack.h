@@ -89,7 +89,8 @@ class ZPK_EXPORT ZPKCommLoggerStack {
   /// The top of the chain; null as long as none was created.
   ZPKDataChannelPtr commChannel() const { return _commChannel.load(); }
   void setCommChannel(ZPKDataChannelPtr channel) { _commChannel.store(std::move(channel)); }
-  /// What cuts the stream; the chain holds the same object.
+  /// What cuts the stream; the chain holds the same object. A chain that is created without one
+  /// records uncut, and its close, though it closes all, fails without an error.
   ZPKMutableDataAggregatorTransformerPtr aggregator() const { return _aggregator.load(); }
   void setAggregator(ZPKMutableDataAggregatorTransformerPtr aggregator) {
     _aggregator.store(std::move(aggregator));
