@@ -783,6 +783,44 @@ TEST(ZPKDataChannelManagerTest, PropertiesMayBeReplacedBesideARunningLoop) {
   letGo(&manager);
 }
 
+TEST(ZPKDataChannelManagerTest, TheLoopItselfRunsOnItsCallersThread) {
+  const LogCapture log;
+  const auto channel = ScriptedChannel::make();
+  channel->addRead(archive("one"));
+  const auto delegate = Recorder::make();
+  const auto manager = makeManager(channel, delegate, kDetached);
+  pthread_t looper{};
+  std::string name;
+  delegate->onMessage = [&] {
+    looper = pthread_self();
+    name = nameOfThisThread();
+    EXPECT_TRUE(manager->started());
+    EXPECT_FALSE(manager->listen());
+  };
+  const std::string nameBefore = nameOfThisThread();
+  manager->receive_loop();
+  pthread_setname_np(pthread_self(), nameBefore.c_str());
+  EXPECT_TRUE(pthread_equal(looper, pthread_self()));
+  EXPECT_TRUE(std::string("zephalbench.ZPKdataChannelManager.recv").starts_with(name)) << name;
+  EXPECT_FALSE(manager->started());
+  EXPECT_THAT(
+      delegate->events(),
+      ElementsAre("message " + ZPKString::init("one")->debugDescription(), "disconnect null idle"));
+}
+
+TEST(ZPKDataChannelManagerTest, ALoopThatACallerRunsKeepsItsManager) {
+  const LogCapture log;
+  const auto channel = ScriptedChannel::make();
+  channel->addRead(archive("one"));
+  const auto delegate = Recorder::make();
+  auto manager = makeManager(channel, delegate);
+  const std::weak_ptr<Manager> watch = manager;
+  delegate->onMessage = [&] { manager.reset(); };
+  manager.get()->receive_loop();
+  EXPECT_EQ(delegate->count("disconnect null idle"), 1U);
+  EXPECT_TRUE(watch.expired());
+}
+
 TEST(ZPKDataChannelManagerTest, ListenIsFalseIfTheSystemHasNoThread) {
   const LogCapture log;
   const auto channel = ScriptedChannel::make();

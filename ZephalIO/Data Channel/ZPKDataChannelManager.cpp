@@ -68,7 +68,6 @@ ZPKDataChannelManager::ZPKDataChannelManager(Key)
 
 bool ZPKDataChannelManager::listen(ZPKErrorPtr* /*error*/) {
   if (started()) return false;
-  // The loop holds the manager, since a delegate may let go of the caller's last reference.
   const auto loop = [self = shared_from_this()] { self->receive_loop(); };
   if (ZPKdataChannelManagerReceiveUndetached()) {
     loop();
@@ -116,6 +115,8 @@ void ZPKDataChannelManager::setManaged_dataChannels(std::vector<ZPKDataChannelPt
 }
 
 void ZPKDataChannelManager::receive_loop() {
+  // A delegate may let go of the caller's last reference.
+  const auto self = shared_from_this();
   ZPINameThisThread(kLoopThreadName);
   setStarted(true);
   while (receiveOne()) {

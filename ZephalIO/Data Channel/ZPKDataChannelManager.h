@@ -122,6 +122,11 @@ class ZPK_EXPORT ZPKDataChannelManager final
   /// within that call.
   bool listen(ZPKErrorPtr* error = nullptr);
 
+  /// The loop itself, on the calling thread: reads and hands on until a read does not deserialize,
+  /// then tells the delegate and returns. It names the thread, which keeps that name, and holds the
+  /// manager. Whether another loop runs it does not ask; listen does.
+  void receive_loop();
+
   /// Closes the channel, whatever comes of it, and returns without waiting: the loop then ends by
   /// itself, at its next read at the latest, and the delegate is told.
   ///
@@ -154,7 +159,6 @@ class ZPK_EXPORT ZPKDataChannelManager final
   void setManaged_dataChannels(std::vector<ZPKDataChannelPtr> channels);
 
  private:
-  void receive_loop();
   bool receiveOne();
   ZPKDataPtr read() const;
   bool shouldDeserialize(const ZPKDataPtr& data);
