@@ -4,6 +4,8 @@
 #include "Data Transformers Internal/ZPIRegularExpressionTransformer.h"
 #include "Support/Chunks.h"
 #include "Support/ErrorExpectations.h"
+#include "Support/RegexSearches.h"
+#include "Support/SystemCalls.h"
 
 using namespace support;
 
@@ -139,6 +141,53 @@ TEST(ZPIRegularExpressionTransformerTest, WhatADeviceSendsIsNeverAFormat) {
   EXPECT_THAT(log.lines(), ElementsAre(LogLine{1, kNotice}));
 }
 
+// How often an empty chunk after the given one makes the held bytes be searched.
+size_t searchesOfAPoll(const char* pattern, const char* bytes) {
+  const auto transformer = holdingUntil(pattern);
+  passed(*transformer, bytes);
+  const size_t before = regexSearches();
+  passed(*transformer, "");
+  return regexSearches() - before;
+}
+
+TEST(ZPIRegularExpressionTransformerTest, HeldBytesThatDidNotChangeAreNotSearchedAgain) {
+  LogCapture quiet;
+  EXPECT_EQ(searchesOfAPoll("(a+)+$", "aaaaaaaaaaaaaaaaaaaaaaaaaaaa!"), 0U);
+  EXPECT_EQ(searchesOfAPoll("> ", "a> "), 0U);
+  EXPECT_EQ(searchesOfAPoll("> ", "a> b> "), 0U);
+  EXPECT_EQ(searchesOfAPoll("> ", ""), 0U);
+  EXPECT_EQ(searchesOfAPoll("^", "abc"), 0U);
+  // What was handed out here is no longer held.
+  EXPECT_EQ(searchesOfAPoll("> ", "a> b"), 1U);
+}
+
+TEST(ZPIRegularExpressionTransformerTest, APollGivesTheSameResultAndLineAsTheSearchBefore) {
+  LogCapture log;
+  const auto transformer = holdingUntil("> ");
+  for (int poll = 0; poll < 3; ++poll) {
+    EXPECT_EQ(passed(*transformer, poll == 0 ? "a> b> " : ""), "a> b> ");
+  }
+  EXPECT_THAT(log.lines(),
+              ElementsAre(LogLine{1, kNotice}, LogLine{1, kNotice}, LogLine{1, kNotice}));
+  transformer->reset();
+  EXPECT_EQ(passed(*transformer, ""), "");
+  EXPECT_EQ(passed(*transformer, "c> "), "c> ");
+}
+
+size_t allocationsFor(size_t matches) {
+  const auto transformer = holdingUntil("(;)");
+  const ZPKMutableDataPtr data = ZPKMutableData::data();
+  for (size_t i = 0; i < matches; ++i) data->append(";.", 2);
+  SystemCalls calls;
+  transformer->modifyData(data.get());
+  return calls.allocations();
+}
+
+TEST(ZPIRegularExpressionTransformerTest, ManyMatchesTakeNoMoreMemoryThanFew) {
+  LogCapture quiet;
+  EXPECT_EQ(allocationsFor(20'000), allocationsFor(1'000));
+}
+
 TEST(ZPIRegularExpressionTransformerTest, EveryCallDoesWhatThePlainStepsDo) {
   LogCapture quiet;
   std::mt19937 random(33);
@@ -148,7 +197,7 @@ TEST(ZPIRegularExpressionTransformerTest, EveryCallDoesWhatThePlainStepsDo) {
       const auto transformer = ZPIRegularExpressionTransformer::initWithRegularExpression(regex);
       std::string plainBuffer;
       for (int call = 0; call < 20; ++call) {
-        const std::string chunk = randomText(random, "abc", 5);
+        const std::string chunk = random() % 4 == 0 ? "" : randomText(random, "abc", 5);
         ASSERT_EQ(passed(*transformer, chunk), plainModifyData(plainBuffer, *regex, chunk))
             << "pattern " << pattern << " chunk " << chunk;
       }

@@ -49,6 +49,11 @@ std::vector<ZPKRange> allRanges(std::string_view pattern, std::string_view text,
   std::vector<ZPKRange> ranges;
   for (const ZPKRegexMatch& match : regex->allMatches(text, range)) ranges.push_back(match.range());
   EXPECT_EQ(regex->countMatches(text, range), ranges.size());
+  if (range == ZPKRegex::wholeText()) {
+    size_t end = ZPKNotFound;
+    EXPECT_EQ(ZPICountMatches(*regex, text, &end), ranges.size());
+    EXPECT_EQ(end, ranges.empty() ? ZPKNotFound : ranges.back().location + ranges.back().length);
+  }
   return ranges;
 }
 

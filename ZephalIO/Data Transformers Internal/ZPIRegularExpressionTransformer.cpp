@@ -1,7 +1,6 @@
 #include "Data Transformers Internal/ZPIRegularExpressionTransformer.h"
 
 #include <utility>
-#include <vector>
 
 #include "ZephalLogging.h"
 
@@ -15,21 +14,31 @@ ZPIRegularExpressionTransformer::ZPIRegularExpressionTransformer(Key, ZPKRegexPt
 
 void ZPIRegularExpressionTransformer::modifyData(ZPKMutableData* data) {
   if (data == nullptr) return;
-  _buffer->appendGivingUp(data);
-  const std::vector<ZPKRegexMatch> matches = _regex->allMatches(_buffer->view());
-  if (matches.empty()) return;
-  if (matches.size() > 1) {
+  if (data->length() > 0) {
+    _buffer->appendGivingUp(data);
+    _isSearched = false;
+  }
+  search();
+  if (_matches == 0) return;
+  if (_matches > 1) {
     ZPKLoggingLog(ZPKLogGetAnchor(), 1,
                   "ZPIRegularExpressionTransformer: more than one match found, will use the last "
                   "match as the demarcation");
   }
-  const ZPKRange last = matches.back().range();
-  const size_t end = last.location + last.length;
-  data->append(_buffer->bytes(), end);
-  if (_buffer->length() > end) _buffer->dropFirst(end);
+  data->append(_buffer->bytes(), _end);
+  if (_end == 0 || _end == _buffer->length()) return;
+  _buffer->dropFirst(_end);
+  _isSearched = false;
+}
+
+void ZPIRegularExpressionTransformer::search() {
+  if (_isSearched) return;
+  _matches = ZPICountMatches(*_regex, _buffer->view(), &_end);
+  _isSearched = true;
 }
 
 bool ZPIRegularExpressionTransformer::reset(ZPKErrorPtr* /*error*/) {
   _buffer->dropFirst(_buffer->length());
+  _isSearched = false;
   return true;
 }

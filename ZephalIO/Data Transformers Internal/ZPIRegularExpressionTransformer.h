@@ -6,7 +6,8 @@
 #include "Utility/ZPKRegex.h"
 
 /// Holds a stream back until an expression matches, and then hands out everything up to the end of
-/// the last match. All held bytes are searched on every call. No lock.
+/// the last match. All held bytes are searched again on every call that changed them: what is held
+/// long and comes in many pieces costs the square of its length. No lock.
 ///
 /// Two habits that callers have come to rely on:
 /// - a match that ends where the held bytes end is handed out and stays held, so that it comes out
@@ -31,8 +32,15 @@ class ZPIRegularExpressionTransformer final : public ZPKDataTransformer {
   bool reset(ZPKErrorPtr* error = nullptr) override;
 
  private:
+  void search();
+
   const ZPKMutableDataPtr _buffer;
   const ZPKRegexPtr _regex;
+
+  // What the last search of the held bytes found, for as long as they are the same.
+  bool _isSearched = false;
+  size_t _matches = 0;
+  size_t _end = 0;  // of the last match, in code points
 };
 
 using ZPIRegularExpressionTransformerPtr = std::shared_ptr<ZPIRegularExpressionTransformer>;

@@ -183,6 +183,9 @@ class Search {
     return ZPKRegexMatch(std::move(groups));
   }
 
+  // Of the current match, in bytes.
+  size_t end() const { return offset(1); }
+
  private:
   int match(uint32_t options) {
     const int result = pcre2_match(_code, codeUnits(_text), _text.size(), _start, options,
@@ -202,7 +205,6 @@ class Search {
 
   // Of the whole match; \K in a lookahead can put the begin behind the end.
   size_t begin() const { return std::min(offset(0), offset(1)); }
-  size_t end() const { return offset(1); }
 
   ZPKRange range(uint32_t group, CodePointCounter& counter) const {
     const size_t from = offset(2 * group);
@@ -281,6 +283,19 @@ std::vector<ZPKRegexMatch> ZPKRegex::allMatches(std::string_view text, ZPKRange 
     return true;
   });
   return matches;
+}
+
+size_t ZPICountMatches(const ZPKRegex& regex, std::string_view text, size_t* end) {
+  size_t count = 0;
+  size_t lastByte = 0;
+  const auto visit = [&](const Search& search, CodePointCounter&) {
+    ++count;
+    lastByte = search.end();
+    return true;
+  };
+  forEachMatch(regex._code, regex._pattern, text, ZPKRegex::wholeText(), visit);
+  if (count > 0) *end = ZPICodePointCount(text.substr(0, lastByte));
+  return count;
 }
 
 size_t ZPKRegex::countMatches(std::string_view text, ZPKRange range) const {

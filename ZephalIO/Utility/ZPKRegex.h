@@ -52,6 +52,10 @@ class ZPK_EXPORT ZPKRegex {
   size_t countMatches(std::string_view text, ZPKRange range = wholeText()) const;
 
  private:
+  // Counts the matches in a whole text and tells, in code points, where the last of them ends;
+  // without a match `end` stays as it is.
+  friend size_t ZPICountMatches(const ZPKRegex& regex, std::string_view text, size_t* end);
+
   const std::string _pattern;
   void* const _code;  // a pcre2_code, kept out of this header
 };
