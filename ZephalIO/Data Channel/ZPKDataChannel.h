@@ -40,7 +40,8 @@ class ZPK_EXPORT ZPKDataChannel {
   /// Opens this channel and everything below it. The timeout, in seconds, is handed down and
   /// ignored at the bottom: a transport connects in its own time. Fails with domain
   /// "zephal-communication", code 1 if it is open. A false result need not come with an error: a
-  /// socket that cannot connect gives none.
+  /// socket that cannot connect gives none. errno(3) then says why straight after the call, through
+  /// all decorators: what connect(2) left there, or EHOSTUNREACH for a host that is not known.
   virtual bool openWithTimeout(double timeout, ZPKErrorPtr* error = nullptr) = 0;
 
   /// Closes. Fails with domain "zephal-communication", code 2 if it is closed. Bytes that a

@@ -74,9 +74,9 @@ class ZPK_EXPORT ZPKCommLoggerStack {
   /// As openWithTimeout with null.
   bool open(ZPKErrorPtr* error = nullptr);
   /// Opens the chain and the logs. Fails with code 301 without a chain, with 303 if it is open, and
-  /// with what the layers report; a connection that is refused gives no error. Logs that were
-  /// opened stay open then, and close fails with code 2 of "zephal-communication"; opening may be
-  /// tried again at once.
+  /// with what the layers report. A connection that is refused gives no error: errno(3) says why
+  /// straight after the call. Logs that were opened stay open then, and close fails with code 2 of
+  /// "zephal-communication"; opening may be tried again at once.
   bool openWithTimeout(std::optional<ZPKNumber> timeout, ZPKErrorPtr* error = nullptr);
   /// 1 if the chain is open, otherwise 0. Never touches the slot.
   ZPKNumber isOpen(ZPKErrorPtr* error = nullptr) const;

@@ -104,8 +104,8 @@ class ZPK_EXPORT ZPKCommStack {
   bool createStackWithBaseChannel(const ZPKDataChannelPtr& channel, ZPKErrorPtr* error = nullptr);
   /// Opens the chain. The timeout is handed down and ignored at the bottom: a transport connects in
   /// its own time. Fails with code 301 without a chain, with 303 if it is open, and with what the
-  /// layers report; a connection that is refused gives no error. Logs that were opened stay open
-  /// then. May be tried again at once.
+  /// layers report. A connection that is refused gives no error: errno(3) says why straight after
+  /// the call, and logs that were opened stay open. May be tried again at once.
   bool openWithTimeout(std::optional<ZPKNumber> timeout, ZPKErrorPtr* error = nullptr);
   /// 1 if the chain is open, otherwise 0. Never touches the slot.
   ZPKNumber isOpen(ZPKErrorPtr* error = nullptr) const;
