@@ -1,27 +1,20 @@
 // Sends requests to a server of objects, such as the fixture, and prints its answers. Both are
 // dictionaries.
 #include <ZephalIO/ZephalIO.h>
-#include <ZephalLogging/ZephalLogging.h>
 
+#include <cerrno>
 #include <charconv>
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
-#include <deque>
-#include <memory>
-#include <mutex>
 #include <sstream>
+#include <stdexcept>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
-namespace {
+#include "Common.h"
 
-constexpr int kSuccess = 0;
-constexpr int kConversationFailed = 1;
-constexpr int kBadUsage = 2;
+namespace {
 
 constexpr const char* kHelp =
     R"(usage: ask URL REQUEST...
@@ -31,74 +24,26 @@ Sends each REQUEST to a server of objects and prints its answer.
 URL      tcp://HOST:PORT or unix:///PATH
 REQUEST  words KEY=VALUE, which make a dictionary: 'do=set rail=vbat volts=3.8'
 
+  --help     print this
+  --version  print the version
+
+What a terminal would obey in an answer is shown as "\u001b" or "\x7f".
 Exit status: 0 if every request was answered, 1 if not, 2 for a wrong call.
 )";
 
-// How long an answer may take.
-constexpr std::chrono::seconds kPatience{30};
+// How long an answer may take, in seconds.
+constexpr double kPatience = 30;
 
 // The size in front of each packet, as the server has it.
 constexpr int32_t kSizeBytes = 2;
+constexpr size_t kLongestPacket = 0xFFFF;
 
-// A manager takes each read for one object, so the packets must be whole. The active channel at the
-// bottom allows a disconnect while the manager's thread waits in a read.
+// From the connection up: whole packets, one a read, and a read that waits until there is one.
 ZPKDataChannelPtr framed(const ZPKDataChannelPtr& connection) {
-  return createChannelTransformerWithPreCall(createActiveChannel(connection),
-                                             {createPacketAggregatorTransformer(kSizeBytes)},
-                                             {createPacketPrependTransformer(kSizeBytes)});
+  return createPassiveChannel(createChannelTransformerWithPreCall(
+      connection, {createPacketAggregatorTransformer(kSizeBytes)},
+      {createPacketPrependTransformer(kSizeBytes)}));
 }
-
-/// Keeps the objects that arrive, on the manager's thread, until the program takes them.
-class Answers final : public ZPKDataChannelManagerDelegate {
- public:
-  /// The next one; null if the server hung up, or the time is up.
-  ZPKObjectPtr next() {
-    std::unique_lock lock(_mutex);
-    _hasChanged.wait_for(lock, kPatience, [this] { return !_objects.empty() || _isOver; });
-    if (_objects.empty()) return nullptr;
-    const ZPKObjectPtr object = _objects.front();
-    _objects.pop_front();
-    return object;
-  }
-
-  bool isOver() {
-    const std::lock_guard guard(_mutex);
-    return _isOver;
-  }
-
-  void waitForTheEnd() {
-    std::unique_lock lock(_mutex);
-    _hasChanged.wait(lock, [this] { return _isOver; });
-  }
-
-  /// Empty data are no failure: a part of a packet came, or nothing did for a long time.
-  bool shouldDeserializeData(const ZPKDataChannelManagerPtr& /*manager*/,
-                             const ZPKDataChannelPtr& /*channel*/,
-                             const ZPKDataPtr& data) override {
-    return data == nullptr || data->length() > 0;
-  }
-
-  void didReceiveMessage(const ZPKDataChannelManagerPtr& /*manager*/,
-                         const ZPKDataChannelPtr& /*channel*/,
-                         const ZPKObjectPtr& message) override {
-    const std::lock_guard guard(_mutex);
-    _objects.push_back(message);
-    _hasChanged.notify_all();
-  }
-
-  void didDisconnect(const ZPKDataChannelManagerPtr& /*manager*/,
-                     const ZPKDataChannelPtr& /*channel*/, const ZPKErrorPtr& /*error*/) override {
-    const std::lock_guard guard(_mutex);
-    _isOver = true;
-    _hasChanged.notify_all();
-  }
-
- private:
-  std::mutex _mutex;
-  std::condition_variable _hasChanged;
-  std::deque<ZPKObjectPtr> _objects;
-  bool _isOver = false;
-};
 
 // A number, where the text is one.
 ZPKValue valueFrom(const std::string& text) {
@@ -120,66 +65,77 @@ ZPKDictionaryPtr requestFrom(const std::string& text) {
   return entries.empty() ? nullptr : ZPKDictionary::init(std::move(entries));
 }
 
-// None at all if one of them is none.
-std::vector<ZPKDictionaryPtr> requestsFrom(int count, char** arguments) {
+struct Call {
+  std::string url;
   std::vector<ZPKDictionaryPtr> requests;
-  for (int i = 2; i < count; ++i) {
-    requests.push_back(requestFrom(arguments[i]));
-    if (requests.back() == nullptr) return {};
+};
+
+Call callFrom(int count, char** words) {
+  Call call;
+  CommandLine line(count, words, kHelp, {});
+  line.nextOption();
+  call.url = line.word("URL");
+  for (const std::string& text : line.words("REQUEST")) {
+    call.requests.push_back(requestFrom(text));
+    if (call.requests.back() == nullptr) line.refuse(text + ": not KEY=VALUE");
   }
-  return requests;
+  return call;
 }
 
-int fail(const std::string& url, const char* what) {
-  std::fprintf(stderr, "ask: %s: %s\n", url.c_str(), what);
-  return kConversationFailed;
+int fail(const Call& call, const std::string& what) {
+  std::fprintf(stderr, "ask: %s: %s\n", call.url.c_str(), what.c_str());
+  return kRefused;
+}
+
+void print(const char* margin, const ZPKObject& object) {
+  std::printf("%s%s\n", margin, printable(object.debugDescription()).c_str());
+  std::fflush(stdout);
 }
 
 // Asks one question after the other.
-int converse(const std::string& url, const std::vector<ZPKDictionaryPtr>& requests,
-             const ZPKDataChannelPtr& channel, Answers& answers) {
+int converse(const Call& call, ZPKDataChannel& channel) {
   ZPKDataDefaultSerializer serializer;
-  for (const ZPKDictionaryPtr& request : requests) {
-    std::printf("%s\n", request->debugDescription().c_str());
-    std::fflush(stdout);
-    if (!channel->write(serializer.serialize(request))) return fail(url, "cannot send");
-    const ZPKObjectPtr answer = answers.next();
-    if (answer == nullptr) return fail(url, answers.isOver() ? "hung up" : "no answer");
-    std::printf("    %s\n", answer->debugDescription().c_str());
-    std::fflush(stdout);
+  for (const ZPKDictionaryPtr& request : call.requests) {
+    print("", *request);
+    const ZPKDataPtr packet = serializer.serialize(request);
+    if (packet == nullptr) return fail(call, "not UTF-8");
+    if (packet->length() > kLongestPacket) return fail(call, "too long");
+    // Whether it got there shows in the answer, which can be a refusal from before the request.
+    channel.write(packet);
+    const ZPKDataPtr data = channel.readWithTimeout(kPatience);
+    if (data == nullptr) return fail(call, "hung up");
+    if (data->length() == 0) return fail(call, "no answer");
+    const ZPKObjectPtr answer = serializer.deserialize(data);
+    if (answer == nullptr) return fail(call, "the answer is no object");
+    print("    ", *answer);
   }
-  return kSuccess;
+  return kDone;
 }
 
-int ask(const std::string& url, const std::vector<ZPKDictionaryPtr>& requests) {
+int ask(const Call& call, const QuietLog& log) {
   ZPKErrorPtr error;
-  const ZPKDataChannelPtr connection = createBaseChannelWithTransport(url, &error);
-  if (connection == nullptr) return fail(url, error->description().c_str());
+  const ZPKDataChannelPtr connection = createBaseChannelWithTransport(call.url, &error);
+  if (connection == nullptr) return fail(call, error->description() + hintAt(call.url));
   const ZPKDataChannelPtr channel = framed(connection);
-  if (!channel->openWithTimeout(kPatience.count())) return fail(url, "no connection");
-  const auto answers = std::make_shared<Answers>();
-  const auto manager = ZPKDataChannelManager::managerWithDataChannel(channel, answers);
-  if (!manager->listen()) return fail(url, "no thread to listen on");
-  const int status = converse(url, requests, channel, *answers);
-  manager->disconnect();
-  answers->waitForTheEnd();
+  if (!channel->openWithTimeout(kPatience, &error)) {
+    const int number = errno;
+    return fail(call, log.reasonOf(error, number));
+  }
+  const int status = converse(call, *channel);
+  channel->close();
   return status;
 }
 
 }  // namespace
 
-int main(int count, char** arguments) {
-  if (count == 2 && std::string_view(arguments[1]) == "--help") {
-    std::fputs(kHelp, stdout);
-    return kSuccess;
+int main(int count, char** words) {
+  const Call call = callFrom(count, words);
+  // Every failure is printed once, by fail; the log would also tell of the end of each
+  // conversation.
+  const QuietLog log;
+  try {
+    return ask(call, log);
+  } catch (const std::out_of_range&) {
+    return fail(call, kModeIsTooShort);
   }
-  const std::vector<ZPKDictionaryPtr> requests = requestsFrom(count, arguments);
-  if (requests.empty()) {
-    std::fputs(kHelp, stderr);
-    return kBadUsage;
-  }
-  // Every failure is printed once, by fail; the library's log would say it again, and tell of the
-  // end of each conversation besides.
-  ZPKLoggingSetSink([](int /*level*/, std::string_view /*line*/) {});
-  return ask(arguments[1], requests);
 }

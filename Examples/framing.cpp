@@ -1,12 +1,10 @@
 // Exchanges messages with packet framing: each goes out behind its size and comes in whole,
 // whatever is in it and however the line cuts it. Both ends are here, on a pair of unix sockets.
 #include <ZephalIO/ZephalIO.h>
-#include <ZephalLogging/ZephalLogging.h>
 #include <sys/socket.h>
 
 #include <cctype>
 #include <cerrno>
-#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -16,21 +14,21 @@
 #include <thread>
 #include <vector>
 
+#include "Common.h"
+
 namespace {
 
-constexpr int kSuccess = 0;
-constexpr int kExchangeFailed = 1;
-constexpr int kBadUsage = 2;
 constexpr double kAnswerTimeout = 30;
 
 constexpr const char* kHelp =
-    R"(usage: framing [--width N] MESSAGE...
+    R"(usage: framing [OPTION]... MESSAGE...
 
 Sends each MESSAGE to an other end, which answers it in capitals, and prints the
 answers. All messages are on their way before the first answer is read.
 
   --width N  bytes of the size in front of each message, 1 to 8 [2]
   --help     print this
+  --version  print the version
 
 Exit status: 0 if each message was answered, 1 if not, 2 for a wrong call.
 )";
@@ -40,33 +38,17 @@ struct Call {
   std::vector<std::string> messages;
 };
 
-std::optional<int32_t> widthFrom(const char* text) {
-  if (text == nullptr) return std::nullopt;
-  const std::string_view digits(text);
-  int32_t width = 0;
-  const auto [end, failure] = std::from_chars(digits.begin(), digits.end(), width);
-  if (failure != std::errc() || end != digits.end() || width < 1 || width > 8) return std::nullopt;
-  return width;
-}
-
-std::optional<Call> callFrom(int count, char** arguments) {
+Call callFrom(int count, char** words) {
   Call call;
-  int next = 1;
-  if (next < count && std::string_view(arguments[next]) == "--width") {
-    // The last argument is followed by a null.
-    const std::optional<int32_t> width = widthFrom(arguments[next + 1]);
-    if (!width.has_value()) return std::nullopt;
-    call.width = *width;
-    next += 2;
-  }
-  call.messages.assign(arguments + next, arguments + count);
-  if (call.messages.empty()) return std::nullopt;
+  CommandLine line(count, words, kHelp, {{"width", required_argument, nullptr, 'w'}});
+  while (line.nextOption() != 0) call.width = line.integer(1, 8);
+  call.messages = line.words("MESSAGE");
   return call;
 }
 
 int fail(const std::string& what) {
   std::fprintf(stderr, "framing: %s\n", what.c_str());
-  return kExchangeFailed;
+  return kRefused;
 }
 
 std::string reasonOf(const ZPKErrorPtr& error) {
@@ -123,7 +105,7 @@ int exchange(ZPKDataChannel& end, const std::vector<std::string>& messages) {
     if (answer->view() != inCapitals(message)) return fail("not the answer to " + message);
     std::printf("%zu bytes: %s\n", answer->length(), inCapitals(message).c_str());
   }
-  return kSuccess;
+  return kDone;
 }
 
 int run(const Call& call) {
@@ -154,17 +136,9 @@ int run(const Call& call) {
 
 }  // namespace
 
-int main(int count, char** arguments) {
-  if (count == 2 && std::string_view(arguments[1]) == "--help") {
-    std::fputs(kHelp, stdout);
-    return kSuccess;
-  }
-  const std::optional<Call> call = callFrom(count, arguments);
-  if (!call.has_value()) {
-    std::fputs(kHelp, stderr);
-    return kBadUsage;
-  }
+int main(int count, char** words) {
+  const Call call = callFrom(count, words);
   // Every failure is printed once, by fail; the end of the far end is none.
-  ZPKLoggingSetSink([](int /*level*/, std::string_view /*line*/) {});
-  return run(*call);
+  const QuietLog log;
+  return run(call);
 }

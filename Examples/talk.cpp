@@ -1,22 +1,20 @@
 // Sends commands to the device that a URL names, and shows the conversation as a terminal would.
 #include <ZephalIO/ZephalIO.h>
-#include <ZephalLogging/ZephalLogging.h>
 
+#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace {
+#include "Common.h"
 
-constexpr int kSuccess = 0;
-constexpr int kConversationFailed = 1;
-constexpr int kBadUsage = 2;
+namespace {
 
 constexpr const char* kHelp =
     R"(usage: talk URL [OPTION]... COMMAND...
@@ -28,7 +26,8 @@ URL   uart:///dev/ttyUSB0?baud=115200&mode=8N1, tcp://HOST:PORT or unix:///PATH
   --delimiter D  where a response ends, such as the device's prompt ["> "]
   --timeout S    seconds to wait for each response, or "forever" [5]
   --settle S     seconds of silence before the first command, in which whatever
-                 the device says by itself is printed and done with [0.3]
+                 the device says by itself is printed and done with [0.3]; the
+                 device is waited for as long as --timeout says, if it goes on
   --ecid N       the chip identifier expected in the prompt; another one ends
                  the conversation
   --filter T     cuts each occurrence of a text out of the responses
@@ -37,6 +36,9 @@ URL   uart:///dev/ttyUSB0?baud=115200&mode=8N1, tcp://HOST:PORT or unix:///PATH
   --log FILE     logs the conversation: each command, and its response as it is printed
   --raw-log FILE logs what really passes, in the pieces in which it passes
   --help         print this
+  --version      print the version
+
+Options stand before the first COMMAND; a "--" parts them from one that begins with "-".
 
 Exit status: 0 if every command was answered, 1 if not, 2 for a wrong call.
 )";
@@ -44,8 +46,8 @@ Exit status: 0 if every command was answered, 1 if not, 2 for a wrong call.
 struct Call {
   std::string url;
   std::string delimiter = "> ";
-  ZPKNumber timeout = 5;
-  ZPKNumber settle = 0.3;
+  double timeout = 5;
+  double settle = 0.3;
   std::optional<ZPKNumber> ecid;
   std::vector<std::string> filters;
   std::vector<std::string> hexFilters;
@@ -55,15 +57,7 @@ struct Call {
   std::vector<std::string> commands;
 };
 
-std::optional<ZPKNumber> secondsFrom(std::string_view text) {
-  if (text == "forever") return ZEPHAL_COMMUNICATION_TIME_FOREVER;
-  double seconds = 0;
-  const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), seconds);
-  if (failure != std::errc() || end != text.data() + text.size() || !(seconds >= 0)) return {};
-  return seconds;
-}
-
-std::optional<ZPKNumber> identifierFrom(std::string_view text) {
+std::optional<uint64_t> identifierFrom(std::string_view text) {
   const int base = text.starts_with("0x") ? 16 : 10;
   if (base == 16) text.remove_prefix(2);
   uint64_t identifier = 0;
@@ -73,85 +67,56 @@ std::optional<ZPKNumber> identifierFrom(std::string_view text) {
   return identifier;
 }
 
-// Each stores an option's value; false if it is no such option or the value is none of its kind.
-bool setTextOption(Call* call, std::string_view name, const char* value) {
-  if (name == "--delimiter")
-    call->delimiter = value;
-  else if (name == "--filter")
-    call->filters.emplace_back(value);
-  else if (name == "--filter-hex")
-    call->hexFilters.emplace_back(value);
-  else if (name == "--log")
-    call->log = value;
-  else if (name == "--raw-log")
-    call->rawLog = value;
-  else
-    return false;
-  return true;
-}
-
-bool setNumberOption(Call* call, std::string_view name, const char* value) {
-  const std::optional<ZPKNumber> number =
-      name == "--ecid" ? identifierFrom(value) : secondsFrom(value);
-  if (!number.has_value()) return false;
-  if (name == "--ecid")
-    call->ecid = number;
-  else if (name == "--timeout")
-    call->timeout = *number;
-  else if (name == "--settle")
-    call->settle = *number;
-  else
-    return false;
-  return true;
-}
-
-// Takes the option at `next`, with its value if it has one.
-bool takeOption(Call* call, char** arguments, int* next) {
-  const std::string_view name = arguments[(*next)++];
-  if (name == "--read-ahead") {
-    call->readsAhead = true;
-    return true;
-  }
-  // The last argument is followed by a null.
-  const char* const value = arguments[*next];
-  if (value == nullptr) return false;
-  ++*next;
-  return setTextOption(call, name, value) || setNumberOption(call, name, value);
-}
-
-std::optional<Call> callFrom(int count, char** arguments) {
-  Call call;
-  int next = 1;
-  if (next < count && arguments[next][0] != '-') call.url = arguments[next++];
-  while (next < count && std::string_view(arguments[next]).starts_with("--")) {
-    if (std::string_view(arguments[next]) == "--") {
-      ++next;
+void takeOption(int option, const CommandLine& line, Call* call) {
+  switch (option) {
+    case 'd': call->delimiter = line.text(); break;
+    case 's': call->settle = line.seconds(); break;
+    case 'f': call->filters.push_back(line.text()); break;
+    case 'x': call->hexFilters.push_back(line.text()); break;
+    case 'a': call->readsAhead = true; break;
+    case 'l': call->log = line.text(); break;
+    case 'r': call->rawLog = line.text(); break;
+    case 't':
+      if (line.text() == "forever") {
+        call->timeout = ZEPHAL_COMMUNICATION_TIME_FOREVER;
+      } else {
+        call->timeout = line.seconds();
+      }
+      break;
+    case 'e': {
+      const std::optional<uint64_t> identifier = identifierFrom(line.text());
+      if (!identifier.has_value()) line.refuse("--ecid " + line.text() + ": not an identifier");
+      call->ecid = *identifier;
       break;
     }
-    if (!takeOption(&call, arguments, &next)) return std::nullopt;
   }
-  if (call.url.empty() && next < count) call.url = arguments[next++];
-  call.commands.assign(arguments + next, arguments + count);
-  if (call.url.empty() || call.commands.empty()) return std::nullopt;
+}
+
+Call callFrom(int count, char** words) {
+  CommandLine line(count, words, kHelp,
+                   {{"delimiter", required_argument, nullptr, 'd'},
+                    {"timeout", required_argument, nullptr, 't'},
+                    {"settle", required_argument, nullptr, 's'},
+                    {"ecid", required_argument, nullptr, 'e'},
+                    {"filter", required_argument, nullptr, 'f'},
+                    {"filter-hex", required_argument, nullptr, 'x'},
+                    {"read-ahead", no_argument, nullptr, 'a'},
+                    {"log", required_argument, nullptr, 'l'},
+                    {"raw-log", required_argument, nullptr, 'r'}});
+  Call call;
+  // Options stand on either side of the URL, but not behind a command, whose words are the
+  // device's.
+  while (const int option = line.nextOption()) takeOption(option, line, &call);
+  call.url = line.word("URL");
+  while (const int option = line.nextOption()) takeOption(option, line, &call);
+  call.commands = line.words("COMMAND");
   return call;
 }
 
-// The library's log is not shown, since fail prints every failure. One without an error, such as
-// that of a log file that cannot be made, says in the log's last line why.
-std::mutex logMutex;
-std::string lastLogLine = "no connection";
-
-void keepLogLine(int /*level*/, std::string_view line) {
-  const std::lock_guard guard(logMutex);
-  lastLogLine = line;
-}
-
 // Test the result, not the slot: a connection that is refused, for one, leaves no error.
-int fail(const Call& call, const std::string& what, const ZPKErrorPtr& error) {
-  const std::lock_guard guard(logMutex);
-  std::fprintf(stderr, "talk: %s: %s: %s\n", call.url.c_str(), what.c_str(),
-               error == nullptr ? lastLogLine.c_str() : error->description().c_str());
-  return kConversationFailed;
+int fail(const Call& call, const std::string& what, const std::string& reason) {
+  std::fprintf(stderr, "talk: %s: %s: %s\n", call.url.c_str(), what.c_str(), reason.c_str());
+  return kRefused;
 }
 
 void print(std::string_view text) {
@@ -161,10 +126,11 @@ void print(std::string_view text) {
 
 // Takes what the device says before it is asked, until it is silent, so that no greeting is taken
 // for the first response. An empty delimiter lets all bytes through. A device that never stops
-// talking is listened to for as long as a response may take.
+// talking is listened to for as long as a response may take, which can be for ever.
 bool settle(ZPKCommStack& stack, const Call& call, ZPKErrorPtr* error) {
   using Clock = std::chrono::steady_clock;
-  const std::chrono::duration<double> limit(call.timeout.doubleValue());
+  const bool isForever = call.timeout == ZEPHAL_COMMUNICATION_TIME_FOREVER;
+  const std::chrono::duration<double> limit(call.timeout);
   const Clock::time_point start = Clock::now();
   stack.setTimeoutIsException(false, error);
   ZPKDataPtr greeting;
@@ -172,7 +138,7 @@ bool settle(ZPKCommStack& stack, const Call& call, ZPKErrorPtr* error) {
     greeting = stack.readDataWithTimeout(call.settle, ZPKData::data(), error);
     if (greeting == nullptr) return false;
     print(ZPKDataToString(greeting));
-  } while (greeting->length() > 0 && Clock::now() - start < limit);
+  } while (greeting->length() > 0 && (isForever || Clock::now() - start < limit));
   return stack.setTimeoutIsException(true, error);
 }
 
@@ -185,39 +151,37 @@ bool configure(ZPKCommStack& stack, const Call& call, ZPKErrorPtr* error) {
          stack.setLogFilePath(call.log, call.rawLog, error);
 }
 
-int converse(const Call& call) {
+int converse(const Call& call, const QuietLog& log) {
   ZPKErrorPtr error;
   const ZPKCommStackPtr stack = ZPKCommStack::init();
   if (!configure(*stack, call, &error) || !stack->createStackWithURL(call.url, &error) ||
       !stack->openWithTimeout(call.timeout, &error)) {
-    return fail(call, "cannot open", error);
+    const int number = errno;
+    return fail(call, "cannot open", log.reasonOf(error, number) + hintAt(call.url));
   }
-  if (!settle(*stack, call, &error)) return fail(call, "greeting", error);
+  if (!settle(*stack, call, &error)) return fail(call, "greeting", log.reasonOf(error, errno));
   for (const std::string& command : call.commands) {
     const std::optional<std::string> response =
         stack->sendCommandString(command, call.timeout, &error);
-    if (!response.has_value()) return fail(call, command, error);
+    if (!response.has_value()) return fail(call, command, log.reasonOf(error, errno));
     // A device that echoes shows the command itself.
     if (!response->starts_with(command)) print(command + "\n");
     print(*response);
   }
   print("\n");
-  if (!stack->close(&error)) return fail(call, "cannot close", error);
-  return kSuccess;
+  if (!stack->close(&error)) return fail(call, "cannot close", log.reasonOf(error, errno));
+  return kDone;
 }
 
 }  // namespace
 
-int main(int count, char** arguments) {
-  if (count == 2 && std::string_view(arguments[1]) == "--help") {
-    print(kHelp);
-    return kSuccess;
+int main(int count, char** words) {
+  const Call call = callFrom(count, words);
+  // The library's log is not shown, since fail prints every failure.
+  const QuietLog log;
+  try {
+    return converse(call, log);
+  } catch (const std::out_of_range&) {
+    return fail(call, "cannot open", kModeIsTooShort);
   }
-  const std::optional<Call> call = callFrom(count, arguments);
-  if (!call.has_value()) {
-    std::fputs(kHelp, stderr);
-    return kBadUsage;
-  }
-  ZPKLoggingSetSink(keepLogLine);
-  return converse(*call);
 }

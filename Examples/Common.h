@@ -1,0 +1,82 @@
+// What the examples share: the command line, and words about failures.
+#pragma once
+
+#include <ZephalIO/ZephalIO.h>
+#include <getopt.h>
+
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// What every example leaves: all done; the device or the library said no; a wrong call.
+enum ExitStatus { kDone = 0, kRefused = 1, kBadUsage = 2 };
+
+/// The words behind a program's name. Options go by getopt_long(3), so "--width 4" and "--width=4"
+/// are the same, and "--" ends them. A call that is wrong ends the program, as --help and --version
+/// do, which every program has.
+class CommandLine {
+ public:
+  /// `help` begins with "usage: NAME" on a line of its own.
+  CommandLine(int count, char** words, const char* help, std::vector<option> options);
+
+  /// The `val` of the option that stands next; 0 if no option does.
+  int nextOption();
+
+  // The value of the option that was just taken.
+
+  std::string text() const;
+  int integer(int lowest, int highest) const;
+  /// Zero or more.
+  double seconds() const;
+
+  /// The next word; `name` is what it is called if it is missing.
+  std::string word(const char* name);
+  int numberWord(const char* name, int lowest, int highest);
+  bool hasWords() const;
+  /// All words that are left, at least one.
+  std::vector<std::string> words(const char* name);
+  /// Refuses a word that is left.
+  void end() const;
+
+  [[noreturn]] void refuse(const std::string& complaint) const;
+
+ private:
+  [[noreturn]] void endWithUsage() const;
+  int integerFrom(const std::string& name, const char* text, int lowest, int highest) const;
+  std::string optionName() const;
+
+  const int _count;
+  char** const _words;
+  const char* const _help;
+  const std::vector<option> _options;
+  int _option = 0;  // the index of the option that was just taken
+};
+
+/// Takes over the log lines of the library for as long as it lives, for a program that prints each
+/// failure itself.
+class QuietLog {
+ public:
+  QuietLog();
+  QuietLog(const QuietLog&) = delete;
+  QuietLog& operator=(const QuietLog&) = delete;
+  ~QuietLog();
+
+  /// Why a call failed: its error. A failure without one has told the log why, as that of a log
+  /// file that cannot be made, or has left its reason in errno, as a refused connection does.
+  std::string reasonOf(const ZPKErrorPtr& error, int number) const;
+
+ private:
+  mutable std::mutex _mutex;
+  std::string _lastLine;
+};
+
+/// The one exception that the library throws, out of an open, is a std::out_of_range about this.
+inline constexpr const char* kModeIsTooShort =
+    "the serial mode is too short, it takes three characters such as 8N1";
+
+/// The end of a complaint about a URL that is only a path or only HOST:PORT; else empty.
+std::string hintAt(const std::string& url);
+
+/// Text from a stranger with what a terminal would obey, or what is no UTF-8, as "\x1b".
+std::string printable(std::string_view text);
