@@ -1,38 +1,39 @@
 // Records what a device says by itself, until it is interrupted.
 #include <ZephalIO/ZephalIO.h>
-#include <ZephalLogging/ZephalLogging.h>
 #include <poll.h>
 #include <signal.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
-#include <mutex>
-#include <optional>
+#include <memory>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
+
+#include "Common.h"
 
 namespace {
 
-constexpr int kSuccess = 0;
-constexpr int kRecordingFailed = 1;
-constexpr int kBadUsage = 2;
-
 constexpr const char* kHelp =
-    R"(usage: record [--delimiter D] URL RAW_LOG CUT_LOG
+    R"(usage: record [OPTION]... URL RAW_LOG CUT_LOG
 
 Records what a device says until it is interrupted (SIGINT or SIGTERM), then prints
-how much that was. Sends nothing. A device that goes away is opened again as soon as
-it is back.
+how much came, in bytes and in lines that ended. Sends nothing. A device that goes
+away is opened again as soon as it is back.
 
 URL      uart:///dev/ttyUSB0?baud=115200&mode=8N1, tcp://HOST:PORT or unix:///PATH
 RAW_LOG  the file that takes the bytes as they come, in the pieces in which they come
 CUT_LOG  the file that takes them cut at the delimiter, one entry for each line,
-         however many pieces it came in; a last line without its end is left out
+         however many pieces it came in; a line without its end, the last one or
+         one that the device began before it went away, is left out
 
   --delimiter D  where a line ends [a line feed]
   --help         print this
+  --version      print the version
 
 Both files grow at their end. Exit status: 0 if the device was there to the end, 1 if
 it was not or nothing could be recorded, 2 for a wrong call.
@@ -49,18 +50,15 @@ struct Call {
   std::string delimiter = "\n";
 };
 
-std::optional<Call> callFrom(int count, char** arguments) {
+Call callFrom(int count, char** words) {
   Call call;
-  int next = 1;
-  if (next < count && std::string_view(arguments[next]) == "--delimiter") {
-    if (next + 1 == count) return std::nullopt;
-    call.delimiter = arguments[next + 1];
-    next += 2;
-  }
-  if (count - next != 3 || arguments[next][0] == '-') return std::nullopt;
-  call.url = arguments[next];
-  call.rawLog = arguments[next + 1];
-  call.cutLog = arguments[next + 2];
+  CommandLine line(count, words, kHelp, {{"delimiter", required_argument, nullptr, 'd'}});
+  while (line.nextOption() != 0) call.delimiter = line.text();
+  if (call.delimiter.empty()) line.refuse("--delimiter: an empty one ends no line");
+  call.url = line.word("URL");
+  call.rawLog = line.word("RAW_LOG");
+  call.cutLog = line.word("CUT_LOG");
+  line.end();
   return call;
 }
 
@@ -76,30 +74,6 @@ void awaitInterrupts() {
   for (const int signal : {SIGINT, SIGTERM}) ::sigaction(signal, &action, nullptr);
 }
 
-/// Takes over the library's log and keeps its last line: a failure that has no error of its own,
-/// such as a log file that cannot be made, says there why.
-class LastLogLine {
- public:
-  LastLogLine() {
-    ZPKLoggingSetSink([this](int /*level*/, std::string_view line) {
-      const std::lock_guard guard(_mutex);
-      _line = line;
-    });
-  }
-  LastLogLine(const LastLogLine&) = delete;
-  LastLogLine& operator=(const LastLogLine&) = delete;
-  ~LastLogLine() { ZPKLoggingSetSink(nullptr); }
-
-  std::string text() const {
-    const std::lock_guard guard(_mutex);
-    return _line;
-  }
-
- private:
-  mutable std::mutex _mutex;
-  std::string _line = "no connection";
-};
-
 void say(const Call& call, const std::string& what) {
   std::fprintf(stderr, "record: %s: %s\n", call.url.c_str(), what.c_str());
 }
@@ -107,68 +81,102 @@ void say(const Call& call, const std::string& what) {
 struct Count {
   std::atomic<uint64_t> bytes{0};
   std::atomic<uint64_t> lines{0};
+};
+
+/// Counts one connection's lines, whose delimiters can come in pieces too.
+class LineCounter {
+ public:
+  LineCounter(std::string delimiter, Count* count)
+      : _delimiter(std::move(delimiter)), _count(count) {}
 
   void add(std::string_view piece) {
-    bytes += piece.size();
-    lines += static_cast<uint64_t>(std::count(piece.begin(), piece.end(), '\n'));
+    _count->bytes += piece.size();
+    _held += piece;
+    size_t next = 0;
+    for (size_t at = _held.find(_delimiter); at != std::string::npos;
+         at = _held.find(_delimiter, next)) {
+      ++_count->lines;
+      next = at + _delimiter.size();
+    }
+    // The rest may end in the beginning of a delimiter.
+    _held.erase(0, _held.size() - std::min(_held.size() - next, _delimiter.size() - 1));
   }
+
+ private:
+  const std::string _delimiter;
+  Count* const _count;
+  std::string _held;
 };
 
 // The recording stack hands nothing out, so what passes is counted below it.
-ZPKDataChannelPtr countedChannel(const std::string& url, Count* count, ZPKErrorPtr* error) {
-  const ZPKDataChannelPtr channel = createBaseChannelWithTransport(url, error);
+ZPKDataChannelPtr countedChannel(const Call& call, Count* count, ZPKErrorPtr* error) {
+  const ZPKDataChannelPtr channel = createBaseChannelWithTransport(call.url, error);
   if (channel == nullptr) return nullptr;
-  const ZPKDataTransformerPtr counter = createBlockTransformer(
-      [count](ZPKMutableData* piece) { count->add(piece->view()); }, [] {}, error);
-  return createChannelTransformer(channel, {counter}, {}, error);
+  const auto counter = std::make_shared<LineCounter>(call.delimiter, count);
+  const ZPKDataTransformerPtr counting = createBlockTransformer(
+      [counter](ZPKMutableData* piece) { counter->add(piece->view()); }, [] {}, error);
+  return createChannelTransformer(channel, {counting}, {}, error);
 }
 
-// Opens a device that has gone as often as it takes. Opening also writes out what was still to go
-// into the logs.
-void recordUntilInterrupted(ZPKCommLoggerStack& recorder, const Call& call) {
-  bool isThere = true;
-  while (!isInterrupted) {
-    ::poll(nullptr, 0, isThere ? kLookEveryMilliseconds : kOpenEveryMilliseconds);
-    if (recorder.isOpen() == 1) continue;
-    if (isThere) say(call, "gone, waiting for it");
-    isThere = recorder.open();
-    if (isThere) say(call, "recording again");
-  }
-}
-
-int record(const Call& call) {
-  const LastLogLine lastLogLine;
-  Count count;
-  ZPKErrorPtr error;
-  const ZPKCommLoggerStackPtr recorder = ZPKCommLoggerStack::init();
+// A stack for one connection; null, with the reason, if the device is not there. Each connection
+// has a stack of its own: an old one would put half a line from before a hang-up ahead of the next
+// line.
+ZPKCommLoggerStackPtr openRecorder(const Call& call, const QuietLog& log, Count* count,
+                                   std::string* reason) {
+  ZPKCommLoggerStackPtr recorder = ZPKCommLoggerStack::init();
   recorder->setDelimiter(call.delimiter);
   recorder->setLogFilePath(call.cutLog, call.rawLog);
-  if (!recorder->createStackWithBaseChannel(countedChannel(call.url, &count, &error), &error) ||
-      !recorder->open(&error)) {
-    say(call, "cannot record: " + (error == nullptr ? lastLogLine.text() : error->description()));
-    return kRecordingFailed;
+  ZPKErrorPtr error;
+  if (recorder->createStackWithBaseChannel(countedChannel(call, count, &error), &error) &&
+      recorder->open(&error)) {
+    return recorder;
+  }
+  const int number = errno;
+  *reason = log.reasonOf(error, number);
+  return nullptr;
+}
+
+// Opens a device that has gone as often as it takes. False if it was away at the end.
+bool recordUntilInterrupted(ZPKCommLoggerStackPtr recorder, const Call& call, const QuietLog& log,
+                            Count* count) {
+  std::string reason;
+  while (!isInterrupted) {
+    ::poll(nullptr, 0, recorder != nullptr ? kLookEveryMilliseconds : kOpenEveryMilliseconds);
+    if (recorder != nullptr && recorder->isOpen() == 1) continue;
+    if (recorder != nullptr) say(call, "gone, waiting for it");
+    recorder = nullptr;  // and its logs are complete
+    recorder = openRecorder(call, log, count, &reason);
+    if (recorder != nullptr) say(call, "recording again");
+  }
+  return recorder != nullptr && recorder->close();
+}
+
+int record(const Call& call, const QuietLog& log) {
+  Count count;
+  std::string reason;
+  ZPKCommLoggerStackPtr recorder = openRecorder(call, log, &count, &reason);
+  if (recorder == nullptr) {
+    say(call, "cannot record: " + reason + hintAt(call.url));
+    return kRefused;
   }
   awaitInterrupts();
   say(call, "recording");
-  recordUntilInterrupted(*recorder, call);
-  // Closes the logs too; it fails if the device is away.
-  const bool wasThere = recorder->close();
+  const bool wasThere = recordUntilInterrupted(std::move(recorder), call, log, &count);
   std::printf("%llu bytes, %llu lines\n", static_cast<unsigned long long>(count.bytes),
               static_cast<unsigned long long>(count.lines));
-  return wasThere ? kSuccess : kRecordingFailed;
+  return wasThere ? kDone : kRefused;
 }
 
 }  // namespace
 
-int main(int count, char** arguments) {
-  if (count == 2 && std::string_view(arguments[1]) == "--help") {
-    std::fputs(kHelp, stdout);
-    return kSuccess;
+int main(int count, char** words) {
+  const Call call = callFrom(count, words);
+  // The library's log is not shown, since the program says itself what fails.
+  const QuietLog log;
+  try {
+    return record(call, log);
+  } catch (const std::out_of_range&) {
+    say(call, std::string("cannot record: ") + kModeIsTooShort);
+    return kRefused;
   }
-  const std::optional<Call> call = callFrom(count, arguments);
-  if (!call.has_value()) {
-    std::fputs(kHelp, stderr);
-    return kBadUsage;
-  }
-  return record(*call);
 }
