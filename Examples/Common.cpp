@@ -1,6 +1,10 @@
 #include "Common.h"
 
 #include <ZephalLogging/ZephalLogging.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -19,6 +23,9 @@ namespace {
 
 constexpr int kHelpOption = 1;
 constexpr int kVersionOption = 2;
+
+// For clients that come all at once.
+constexpr int kBacklog = 32;
 
 std::vector<option> withCommonOptions(std::vector<option> options) {
   options.push_back({"help", no_argument, nullptr, kHelpOption});
@@ -173,4 +180,33 @@ std::string printable(std::string_view text) {
     text.remove_prefix(std::max<size_t>(length, 1));
   }
   return result;
+}
+
+int listenOnLoopback(int port) {
+  const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (listener < 0) return -1;
+  // A port whose last connections have ended just now may be taken again at once.
+  const int on = 1;
+  ::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+      ::listen(listener, kBacklog) == 0) {
+    return listener;
+  }
+  const int number = errno;
+  ::close(listener);
+  errno = number;
+  return -1;
+}
+
+std::string urlOfListener(int listener) {
+  sockaddr_in address{};
+  socklen_t length = sizeof address;
+  ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+  char host[INET_ADDRSTRLEN] = "";
+  ::inet_ntop(AF_INET, &address.sin_addr, host, sizeof host);
+  return std::string("tcp://") + host + ":" + std::to_string(ntohs(address.sin_port));
 }

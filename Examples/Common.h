@@ -1,4 +1,5 @@
-// What the examples share: the command line, and words about failures.
+// What the examples share: the command line, words about failures, and a listener that only this
+// machine reaches.
 #pragma once
 
 #include <ZephalIO/ZephalIO.h>
@@ -80,3 +81,11 @@ std::string hintAt(const std::string& url);
 
 /// Text from a stranger with what a terminal would obey, or what is no UTF-8, as "\x1b".
 std::string printable(std::string_view text);
+
+/// A TCP socket that listens on 127.0.0.1, so that only this machine reaches it; passive_tcp and
+/// startTCPServerOnPort listen on all interfaces. Port 0 lets the system choose. -1, and errno, if
+/// that fails.
+int listenOnLoopback(int port);
+
+/// The URL of a listening TCP socket, as the system knows it.
+std::string urlOfListener(int listener);

@@ -1,16 +1,15 @@
 // A simulated device with a text console on a pseudo terminal, a TCP port and a unix socket, and
 // with a TCP port on which it only reports. Prints their URLs, one a line, and runs until it is
-// killed. It plays the device, so it talks through plain system calls; only its listening TCP
-// sockets come from the library.
-#include <ZephalIO/ZPKSocketFunctions.h>
+// killed. It plays the device, so it talks through plain system calls.
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -19,16 +18,29 @@
 #include <string_view>
 #include <thread>
 
+#include "Common.h"
+
 namespace {
 
 constexpr const char* kHelp =
-    R"(usage: device [--help] SOCKET_PATH
+    R"(usage: device [OPTION]... SOCKET_PATH
 
 Plays a device with a console on a pseudo terminal, a TCP port that is free and a
 unix socket at SOCKET_PATH. Its commands: version, temperature, status, identify,
 echo TEXT, silence. On another free TCP port it reports ten times a second, unasked.
-Prints the four URLs, one a line, and runs until it is killed.
+Prints the four URLs, one a line, and runs until it is killed. Only this machine
+reaches it. Each port and the socket take one client at a time; the next ones wait.
+A client whose command is longer than 4096 bytes is sent away.
+
+  --idle S   seconds after which a client on a port or the socket that sends nothing
+             to the console, or does not read, is sent away [300]
+  --help     print this
+  --version  print the version
+
+Exit status: 1 if it cannot listen, 2 for a wrong call.
 )";
+
+constexpr size_t kLongestCommand = 4096;
 
 // The chip identifier is in the prompt from "identify" on.
 constexpr std::string_view kPlainPrompt = "> ";
@@ -48,7 +60,8 @@ class Console {
  public:
   explicit Console(int descriptor) : _descriptor(descriptor) {}
 
-  /// Takes bytes as they come, however they are split, and answers each whole line.
+  /// Takes bytes as they come, however they are split, and answers each whole line. False ends the
+  /// session.
   bool take(std::string_view bytes) {
     _held += bytes;
     for (size_t end = _held.find('\n'); end != std::string::npos; end = _held.find('\n')) {
@@ -57,7 +70,7 @@ class Console {
       if (line == "silence") continue;
       if (!writeAll(_descriptor, answerTo(line)) || !writeAll(_descriptor, _prompt)) return false;
     }
-    return true;
+    return _held.size() <= kLongestCommand;
   }
 
  private:
@@ -79,18 +92,20 @@ class Console {
   std::string_view _prompt = kPlainPrompt;
 };
 
-// Talks until the other side is gone.
-void serve(int descriptor) {
+// Talks until the other side is gone, or has been silent for so long; -1 is for ever.
+void talk(int descriptor, int idleMilliseconds) {
   Console console(descriptor);
   char bytes[4096];
-  for (ssize_t count = 1; count > 0;) {
-    count = ::read(descriptor, bytes, sizeof bytes);
-    if (count > 0 && !console.take({bytes, static_cast<size_t>(count)})) return;
+  for (;;) {
+    pollfd readable{descriptor, POLLIN, 0};
+    if (::poll(&readable, 1, idleMilliseconds) == 0) return;
+    const ssize_t count = ::read(descriptor, bytes, sizeof bytes);
+    if (count <= 0 || !console.take({bytes, static_cast<size_t>(count)})) return;
   }
 }
 
 // Reports until the other side is gone, each time in two pieces.
-void report(int descriptor) {
+void report(int descriptor, int /*idleMilliseconds*/) {
   for (int number = 1;; ++number) {
     if (!writeAll(descriptor, "report " + std::to_string(number) + ": ")) return;
     ::poll(nullptr, 0, 50);
@@ -99,10 +114,13 @@ void report(int descriptor) {
   }
 }
 
-void serveListener(int listener, void (*serveClient)(int descriptor)) {
+void serveListener(int listener, int idleMilliseconds, void (*serveClient)(int, int)) {
+  const timeval limit{idleMilliseconds / 1000, idleMilliseconds % 1000 * 1000};
   for (int client = ::accept(listener, nullptr, nullptr); client >= 0;
        client = ::accept(listener, nullptr, nullptr)) {
-    serveClient(client);
+    // A write that takes longer than that fails.
+    ::setsockopt(client, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    serveClient(client, idleMilliseconds);
     ::close(client);
   }
 }
@@ -110,14 +128,14 @@ void serveListener(int listener, void (*serveClient)(int descriptor)) {
 // While nobody holds the other end of a pseudo terminal, reading this one fails; look again soon.
 void serveTerminal(int terminal) {
   for (;;) {
-    serve(terminal);
+    talk(terminal, -1);
     ::poll(nullptr, 0, 20);
   }
 }
 
 [[noreturn]] void giveUp(const char* what) {
   std::fprintf(stderr, "device: %s: %s\n", what, std::strerror(errno));
-  std::exit(1);
+  std::exit(kRefused);
 }
 
 int openTerminal(std::string* url) {
@@ -134,16 +152,10 @@ int openTerminal(std::string* url) {
   return terminal;
 }
 
-// passive_tcp also sees to it that a client who hangs up early costs no more than a failed write.
 int listenOnTCP(std::string* url) {
-  const int listener = passive_tcp(0, false);
-  sockaddr_in address{};
-  socklen_t length = sizeof address;
-  if (listener < 0 ||
-      ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    giveUp("cannot listen on TCP");
-  }
-  *url = "tcp://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+  const int listener = listenOnLoopback(0);
+  if (listener < 0) giveUp("cannot listen on TCP");
+  *url = urlOfListener(listener);
   return listener;
 }
 
@@ -167,26 +179,30 @@ int listenOnUnix(const std::string& path, std::string* url) {
 
 }  // namespace
 
-int main(int count, char** arguments) {
-  const bool asksForHelp = count == 2 && std::string_view(arguments[1]) == "--help";
-  if (count != 2 || asksForHelp) {
-    std::fputs(kHelp, asksForHelp ? stdout : stderr);
-    return asksForHelp ? 0 : 2;
-  }
+int main(int count, char** words) {
+  double idleSeconds = 300;
+  CommandLine line(count, words, kHelp, {{"idle", required_argument, nullptr, 'i'}});
+  while (line.nextOption() != 0) idleSeconds = line.seconds();
+  const std::string socketPath = line.word("SOCKET_PATH");
+  line.end();
+  // A client who hangs up early costs a failed write, and not the program.
+  ::signal(SIGPIPE, SIG_IGN);
+
   std::string terminalURL;
   std::string tcpURL;
   std::string unixURL;
   std::string reportURL;
   const int terminal = openTerminal(&terminalURL);
   const int tcpListener = listenOnTCP(&tcpURL);
-  const int unixListener = listenOnUnix(arguments[1], &unixURL);
+  const int unixListener = listenOnUnix(socketPath, &unixURL);
   const int reportListener = listenOnTCP(&reportURL);
   std::printf("%s\n%s\n%s\n%s\n", terminalURL.c_str(), tcpURL.c_str(), unixURL.c_str(),
               reportURL.c_str());
   std::fflush(stdout);
 
-  std::thread tcpThread(serveListener, tcpListener, serve);
-  std::thread unixThread(serveListener, unixListener, serve);
-  std::thread reportThread(serveListener, reportListener, report);
+  const int idle = static_cast<int>(std::clamp(idleSeconds * 1000, 1.0, 1.0e9));
+  std::thread tcpThread(serveListener, tcpListener, idle, talk);
+  std::thread unixThread(serveListener, unixListener, idle, talk);
+  std::thread reportThread(serveListener, reportListener, idle, report);
   serveTerminal(terminal);
 }

@@ -1,66 +1,116 @@
-// A test fixture's power rails, served over TCP to any number of clients at once. Requests and
-// answers are dictionaries: {"do": "set", "rail": "vbat", "volts": 3.8}. Prints its URL and serves
-// until it is told to end (SIGTERM, SIGINT).
+// A test fixture's power rails, served over TCP to several clients at once. Requests and answers
+// are dictionaries: {"do": "set", "rail": "vbat", "volts": 3.8}. Prints its URL and serves until it
+// is told to end (SIGTERM, SIGINT). No client can keep it from that, nor fill its memory.
 #include <ZephalIO/ZephalIO.h>
-#include <netinet/in.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
-#include <charconv>
+#include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 
+#include "Common.h"
+
 namespace {
 
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+
 constexpr const char* kHelp =
-    R"(usage: fixture [--help] [PORT]
+    R"(usage: fixture [OPTION]... [PORT]
 
 Plays a test fixture with the power rails 3V3 and vbat on a TCP port, by default one
-that is free. Prints its URL and serves until it gets SIGTERM or SIGINT. Takes the
-requests {"do": "get", "rail": R} and {"do": "set", "rail": R, "volts": V}; both are
-answered with {"ok": true, "rail": R, "volts": V}, or with {"ok": false, "reason": W}.
+that is free, which only this machine reaches. Prints its URL and serves until it gets
+SIGTERM or SIGINT. Takes the requests {"do": "get", "rail": R} and {"do": "set",
+"rail": R, "volts": V}; both are answered with {"ok": true, "rail": R, "volts": V}, or
+with {"ok": false, "reason": W}. Serves 32 clients at once and refuses any more.
+
+  --idle S   seconds after which a client that has sent no whole request, or does not
+             read its answer, is sent away [300]
+  --help     print this
+  --version  print the version
+
+Exit status: 0 if it was told to end, 1 if it could not listen, 2 for a wrong call.
 )";
 
-// The size in front of each packet. Two bytes let a peer that lies make us hold 64 KiB at most.
-constexpr int32_t kSizeBytes = 2;
+constexpr size_t kMostClients = 32;
 
-// A manager takes each read for one object, so the packets must be whole. The active channel at the
-// bottom allows a disconnect while the manager's thread waits in a read.
+// What one client can make us hold: a packet, whose size takes two bytes; the objects in it, 4 MB
+// if they are nothing but nested dictionaries; and what the system held of the next packets.
+// Nothing reads ahead, so a client that does not read its answers is not read either.
+constexpr int32_t kSizeBytes = 2;
+constexpr int kSystemBuffer = 64 * 1024;
+
+// A manager takes each read for one object, so the packets must be whole.
 ZPKDataChannelPtr framed(const ZPKDataChannelPtr& connection) {
-  return createChannelTransformerWithPreCall(createActiveChannel(connection),
+  return createChannelTransformerWithPreCall(connection,
                                              {createPacketAggregatorTransformer(kSizeBytes)},
                                              {createPacketPrependTransformer(kSizeBytes)});
 }
+
+/// A client as it is seen from outside its thread. The second descriptor of its socket is ours, so
+/// that cutting the connection off, which ends a read and a write at once, meets nobody else's.
+class Client {
+ public:
+  explicit Client(int socket) : _socket(::fcntl(socket, F_DUPFD_CLOEXEC, 0)) {}
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+  ~Client() {
+    if (isReachable()) ::close(_socket);
+  }
+
+  bool isReachable() const { return _socket >= 0; }
+  void cutOff() const { ::shutdown(_socket, SHUT_RDWR); }
+  void noteRequest() { _lastRequest = Clock::now(); }
+  bool isIdleFor(Seconds time) const { return Clock::now() - _lastRequest > time; }
+
+ private:
+  const int _socket;
+  Clock::time_point _lastRequest = Clock::now();
+};
 
 /// Serves all clients. It is the delegate of a manager for each of them, so its calls come on as
 /// many threads.
 class Fixture final : public ZPKDataChannelManagerDelegate,
                       public std::enable_shared_from_this<Fixture> {
  public:
-  /// Begins to serve a client, on a thread of its own.
-  void serve(const ZPKDataChannelPtr& connection) {
-    const auto manager =
-        ZPKDataChannelManager::managerWithDataChannel(framed(connection), shared_from_this());
+  /// Takes over a socket and begins to serve its client, on a thread of its own.
+  void serve(int32_t socket) {
+    const ZPKDataChannelPtr channel = framed(createActiveTCPChannelWithSocket(socket));
+    const auto manager = ZPKDataChannelManager::managerWithDataChannel(channel, shared_from_this());
     const std::lock_guard guard(_mutex);
-    if (manager->listen()) {
-      _clients.insert(manager);
+    if (_clients.size() == kMostClients) {
+      send(channel, refusal("too many clients"));
     } else {
-      manager->disconnect();
+      const auto client = _clients.try_emplace(manager, socket).first;
+      if (client->second.isReachable() && manager->listen()) return;
+      _clients.erase(client);
+    }
+    channel->close();
+  }
+
+  void sendAwayIdleClients(Seconds limit) {
+    const std::lock_guard guard(_mutex);
+    for (const auto& [manager, client] : _clients) {
+      if (client.isIdleFor(limit)) client.cutOff();
     }
   }
 
   /// Hangs up on all clients; returns when the last one is done with.
   void disconnect() {
     std::unique_lock lock(_mutex);
-    for (const ZPKDataChannelManagerPtr& client : _clients) client->disconnect();
+    for (const auto& [manager, client] : _clients) client.cutOff();
     _hasChanged.wait(lock, [this] { return _clients.empty(); });
   }
 
@@ -71,26 +121,35 @@ class Fixture final : public ZPKDataChannelManagerDelegate,
     return data == nullptr || data->length() > 0;
   }
 
-  void didReceiveMessage(const ZPKDataChannelManagerPtr& /*manager*/,
-                         const ZPKDataChannelPtr& channel, const ZPKObjectPtr& message) override {
+  void didReceiveMessage(const ZPKDataChannelManagerPtr& manager, const ZPKDataChannelPtr& channel,
+                         const ZPKObjectPtr& message) override {
     const auto request = ZPKObjectCast<ZPKDictionary>(message);
     const ZPKDictionaryPtr answer =
         request != nullptr ? answerTo(*request) : refusal("not a dictionary");
-    // A client that has gone ends the manager's loop; the write need not tell.
-    channel->write(ZPKDataDefaultSerializer::init()->serialize(answer));
+    if (send(channel, answer)) {
+      noteRequest(manager);
+    } else {
+      // Nobody reads the answers to the requests that are held.
+      channel->close();
+      channel->reset();
+    }
   }
 
   /// The client has gone, was sent away, or sent what is no object: in the last case its channel is
   /// open still.
   void didDisconnect(const ZPKDataChannelManagerPtr& manager, const ZPKDataChannelPtr& channel,
                      const ZPKErrorPtr& /*error*/) override {
-    if (channel->isOpened()) manager->disconnect();
+    if (channel->isOpened()) channel->close();
     const std::lock_guard guard(_mutex);
     _clients.erase(manager);
     _hasChanged.notify_all();
   }
 
  private:
+  static bool send(const ZPKDataChannelPtr& channel, const ZPKDictionaryPtr& answer) {
+    return channel->write(ZPKDataDefaultSerializer::init()->serialize(answer));
+  }
+
   static ZPKDictionaryPtr refusal(std::string_view reason) {
     return ZPKDictionary::init({{"ok", false}, {"reason", reason}});
   }
@@ -110,64 +169,71 @@ class Fixture final : public ZPKDataChannelManagerDelegate,
     return ZPKDictionary::init({{"ok", true}, {"rail", rail->first}, {"volts", rail->second}});
   }
 
+  void noteRequest(const ZPKDataChannelManagerPtr& manager) {
+    const std::lock_guard guard(_mutex);
+    _clients.at(manager).noteRequest();
+  }
+
   std::mutex _mutex;
   std::condition_variable _hasChanged;
-  std::set<ZPKDataChannelManagerPtr> _clients;
+  std::map<ZPKDataChannelManagerPtr, Client> _clients;
   std::map<std::string, double> _volts{{"3V3", 3.3}, {"vbat", 4.2}};
 };
 
-std::optional<int> portFrom(std::string_view text) {
+struct Call {
   int port = 0;
-  const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), port);
-  if (failure != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return port >= 0 && port <= 65535 ? std::optional(port) : std::nullopt;
+  Seconds idleLimit{300};
+};
+
+Call callFrom(int count, char** words) {
+  Call call;
+  CommandLine line(count, words, kHelp, {{"idle", required_argument, nullptr, 'i'}});
+  while (line.nextOption() != 0) call.idleLimit = Seconds(line.seconds());
+  if (line.hasWords()) call.port = line.numberWord("PORT", 0, 65535);
+  line.end();
+  return call;
 }
 
-int portOf(int listener) {
-  sockaddr_in address{};
-  socklen_t length = sizeof address;
-  ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-  return ntohs(address.sin_port);
+int fail(int port, const std::string& reason) {
+  std::fprintf(stderr, "fixture: port %d: %s\n", port, reason.c_str());
+  return kRefused;
 }
 
-int serveOnPort(int port) {
-  // Every thread that is started from here on leaves these signals to sigwait.
+// Listens; -1, and errno, if that fails. What it accepts has buffers of this size too.
+int listenerWithSmallBuffers(int port) {
+  const int listener = listenOnLoopback(port);
+  if (listener < 0) return -1;
+  for (const int buffer : {SO_RCVBUF, SO_SNDBUF}) {
+    ::setsockopt(listener, SOL_SOCKET, buffer, &kSystemBuffer, sizeof kSystemBuffer);
+  }
+  return listener;
+}
+
+int serve(const Call& call) {
+  // Every thread that is started from here on leaves these signals to the loop below.
   sigset_t ends;
   ::sigemptyset(&ends);
   ::sigaddset(&ends, SIGTERM);
   ::sigaddset(&ends, SIGINT);
   ::pthread_sigmask(SIG_BLOCK, &ends, nullptr);
 
+  const int listener = listenerWithSmallBuffers(call.port);
+  if (listener < 0) return fail(call.port, std::strerror(errno));
   const auto fixture = std::make_shared<Fixture>();
-  ZPKErrorPtr error;
-  const auto server = startTCPServerOnPort(
-      port, [&fixture](const ZPKDataChannelPtr& connection) { fixture->serve(connection); },
-      &error);
-  if (error != nullptr) {
-    std::fprintf(stderr, "fixture: port %d: %s\n", port, error->description().c_str());
-    return 1;
-  }
-  std::printf("tcp://127.0.0.1:%d\n", portOf(server->handle()));
+  const auto server =
+      startTCPOnSocket(listener, [&fixture](int32_t socket) { fixture->serve(socket); });
+  std::printf("%s\n", urlOfListener(listener).c_str());
   std::fflush(stdout);
 
-  int received = 0;
-  ::sigwait(&ends, &received);
+  constexpr timespec kLookEvery{0, 200'000'000};
+  while (::sigtimedwait(&ends, nullptr, &kLookEvery) < 0) {
+    fixture->sendAwayIdleClients(call.idleLimit);
+  }
   server->stop();
   fixture->disconnect();
-  return 0;
+  return kDone;
 }
 
 }  // namespace
 
-int main(int count, char** arguments) {
-  if (count == 2 && std::string_view(arguments[1]) == "--help") {
-    std::fputs(kHelp, stdout);
-    return 0;
-  }
-  const std::optional<int> port = count == 2 ? portFrom(arguments[1]) : 0;
-  if (count > 2 || !port.has_value()) {
-    std::fputs(kHelp, stderr);
-    return 2;
-  }
-  return serveOnPort(*port);
-}
+int main(int count, char** words) { return serve(callFrom(count, words)); }
