@@ -245,11 +245,11 @@ TEST_F(ZPIUARTLifetimePolicyTest, SetsEveryControlCharacterOfItsListAndNoOther) 
   EXPECT_EQ(after.c_cc[VSWTC], 0x41);
 }
 
-TEST_F(ZPIUARTLifetimePolicyTest, LeavesFlowControlAndHangUpAsTheyWere) {
+TEST_F(ZPIUARTLifetimePolicyTest, LeavesFlowControlHangUpAndFixedParityAsTheyWere) {
   for (const bool isOn : {true, false}) {
     TransportPeer peer(TransportPeer::Kind::kTerminal);
     termios before = terminalAttributes(peer.nearEnd());
-    const auto flags = static_cast<tcflag_t>(HUPCL | CRTSCTS);
+    const auto flags = static_cast<tcflag_t>(HUPCL | CRTSCTS | CMSPAR);
     before.c_cflag = isOn ? before.c_cflag | flags : before.c_cflag & ~flags;
     ASSERT_EQ(::tcsetattr(peer.nearEnd(), TCSANOW, &before), 0);
     Port port;
@@ -567,6 +567,24 @@ TEST_F(ZPIUARTHoldTest, ADeviceThatIsHeldFailsAtOpenAndItsHoldIsNotAskedFor) {
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.message,
             "Error opening serial port " + _peer.path() + " - " + numbered(EBUSY) + ".");
+}
+
+// The terminal stays held for as long as anybody has it open, as the far end does here.
+TEST_F(ZPIUARTHoldTest, AHoldOutlivesItsCloseWhileAnybodyHasTheDeviceOpen) {
+  ASSERT_TRUE(_port.open(_peer.url(), optionsOf(9600, "8N1", true)));
+  ::close(std::exchange(_port.descriptor, -1));
+  for (const bool isExclusive : {true, false}) {
+    const ChildResult result = openElsewhere(isExclusive);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.message,
+              "Error opening serial port " + _peer.path() + " - " + numbered(EBUSY) + ".");
+  }
+}
+
+TEST_F(ZPIUARTHoldTest, WithoutTheHoldAClosedDeviceCanBeOpenedAgain) {
+  ASSERT_TRUE(_port.open(_peer.url(), optionsOf(9600, "8N1", false)));
+  ::close(std::exchange(_port.descriptor, -1));
+  EXPECT_EQ(openElsewhere(false).status, 0);
 }
 
 TEST_F(ZPIUARTHoldTest, WithoutTheHoldTwoProcessesShareTheDevice) {

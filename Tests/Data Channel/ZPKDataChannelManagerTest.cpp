@@ -853,6 +853,25 @@ std::string packet(const ZPKValue& value) {
           payload};
 }
 
+TEST(ZPKDataChannelManagerTest, AnEmptyPacketEndsTheLoopUnlessAPassiveChannelIsOnTop) {
+  const LogCapture log;
+  for (const bool hasPassive : {false, true}) {
+    const auto below = ScriptedChannel::make();
+    for (const std::string& bytes : {packet(1), std::string(2, '\0'), packet(2)}) {
+      below->addRead(bytes);
+    }
+    below->addFailedRead(nullptr);
+    ZPKDataChannelPtr channel =
+        createChannelTransformer(below, {createPacketAggregatorTransformer(2)}, {});
+    if (hasPassive) channel = createPassiveChannel(channel);
+    const auto delegate = Recorder::make();
+    const auto manager = makeManager(channel, delegate);
+    EXPECT_TRUE(manager->listen());
+    EXPECT_EQ(delegate->count("message 1"), 1U);
+    EXPECT_EQ(delegate->count("message 2"), hasPassive ? 1U : 0U);
+  }
+}
+
 TEST(ZPKDataChannelManagerTest, DisconnectOnAnotherThreadEndsALoopThatWaitsOnAnActiveChannel) {
   const LogCapture log;
   TransportPeer peer(TransportPeer::Kind::kTCP);

@@ -266,6 +266,21 @@ TEST_F(ZPKCommLoggerStackTest, WhenTheDeviceGoesIsOpenTurnsTo0AndCloseGivesWhatT
   EXPECT_TRUE(stack->close());
 }
 
+TEST_F(ZPKCommLoggerStackTest, WhenTheDeviceWentOnlyANewChainClosesTheLogs) {
+  const std::set<int> before = openDescriptors();
+  stack->setDelimiter(";");
+  open();
+  deliver("half");
+  base->fail(olderError());
+  ASSERT_TRUE(waitFor([&] { return stack->isOpen() == 0; }));
+  EXPECT_FALSE(stack->close());
+  EXPECT_EQ(openDescriptors().size(), before.size() + 2);
+  EXPECT_EQ(bytesOf(stack->aggregator()->buffer()), "half");
+  ASSERT_TRUE(stack->createStackWithBaseChannel(WaitingChannel::make()));
+  EXPECT_TRUE(waitFor([&] { return openDescriptors() == before; }));
+  EXPECT_EQ(bytesOf(stack->aggregator()->buffer()), "");
+}
+
 TEST_F(ZPKCommLoggerStackTest, AChannelThatIsOpenAlreadyIsReadAtOnceAndNotLogged) {
   base = WaitingChannel::makeOpen();
   ASSERT_TRUE(stack->createStackWithBaseChannel(base));

@@ -8,6 +8,7 @@
 #include "Data Channel/ZPKDataChannelDecorators.h"
 #include "Data Stack/ZPKCommStack.h"
 #include "Support/ScriptedStack.h"
+#include "Support/TransportPeer.h"
 #include "ZephalLogging.h"
 
 using namespace support;
@@ -278,6 +279,30 @@ TEST_F(ZPKCommStackReadTest, TheReadBelowGetsATenthOfTheTimeoutButNowAndForeverA
     EXPECT_EQ(made->sendCommandString("ask", timeout), "c> ");
     EXPECT_THAT(made.base->readTimeouts(), ElementsAre(slice, slice));
   }
+}
+
+TEST_F(ZPKCommStackReadTest, ANegativeTimeoutHandsOutAUnitThatIsHeld) {
+  TransportPeer peer(TransportPeer::Kind::kAdopted);
+  const auto stack = ZPKCommStack::init();
+  ASSERT_TRUE(stack->createStackWithBaseChannel(peer.makeChannel()));
+  ASSERT_TRUE(peer.open(stack->commChannel()));
+  peer.send("one> two> ");
+  EXPECT_EQ(stack->readStringWithTimeout(30, std::nullopt), "one> ");
+  ZPKErrorPtr error = olderError();
+  EXPECT_EQ(stack->readStringWithTimeout(-0.5, std::nullopt, &error), "two> ");
+  EXPECT_EQ(error, olderError());
+  EXPECT_EQ(stack->readStringWithTimeout(-0.5, std::nullopt, &error), std::nullopt);
+  EXPECT_EQ(descriptionOf(error), "time out has an invalid value");
+}
+
+// What is held comes out together with what the read below gives, however long that takes.
+TEST_F(ZPKCommStackReadTest, ForeverWithAnEmptyDelimiterWaitsThoughBytesAreHeld) {
+  const ScriptedStack made;
+  made.base->addRead("held");
+  ASSERT_EQ(made->readDataWithTimeout(0, nullptr), nullptr);
+  made.base->addRead("new");
+  EXPECT_EQ(bytesOf(made->readDataWithTimeout(std::nullopt, dataOf(""))), "heldnew");
+  EXPECT_THAT(made.base->readTimeouts(), ElementsAre(0.0, ZEPHAL_COMMUNICATION_TIME_FOREVER));
 }
 
 TEST_F(ZPKCommStackReadTest, ForeverOutlastsAnyNumberOfEmptyReads) {

@@ -167,6 +167,44 @@ class ZPKCommStackThreadsTest : public testing::Test {
   LogCapture log;
 };
 
+// A channel whose write waits, as it does while a peer does not read.
+class HeldWrite final : public ZPKDataChannel {
+ public:
+  bool openWithTimeout(double, ZPKErrorPtr*) override { return true; }
+  bool close(ZPKErrorPtr*) override { return true; }
+  bool reset(ZPKErrorPtr*) override { return true; }
+  bool isOpened() const override { return true; }
+  ZPKDataPtr readWithTimeout(double, ZPKErrorPtr*) override { return ZPKData::data(); }
+  bool write(const ZPKDataPtr&, ZPKErrorPtr*) override {
+    began.happen();
+    letGo.wait();
+    return true;
+  }
+
+  Event began;
+  Event letGo;
+};
+
+TEST_F(ZPKCommStackThreadsTest, CloseWaitsForAWriteThatNobodyTakes) {
+  const auto channel = std::make_shared<HeldWrite>();
+  const auto stack = ZPKCommStack::init();
+  ASSERT_TRUE(stack->createStackWithBaseChannel(channel));
+  std::thread writer([&] { EXPECT_TRUE(stack->writeString("x")); });
+  ASSERT_TRUE(channel->began.wait());
+  std::atomic<pid_t> closer{0};
+  std::atomic<bool> isClosed{false};
+  std::thread closing([&] {
+    closer = ::gettid();
+    stack->close();
+    isClosed = true;
+  });
+  EXPECT_TRUE(waitFor([&] { return isClosed || (closer != 0 && isAsleep(closer)); }));
+  EXPECT_FALSE(isClosed);
+  channel->letGo.happen();
+  writer.join();
+  closing.join();
+}
+
 TEST_F(ZPKCommStackThreadsTest, PlainAccessorsDoNotWaitForARead) {
   HeldRead held;
   ZPKCommStack& stack = *held.made.stack;

@@ -5,12 +5,15 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cctype>
 #include <cstdlib>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
+
+#include "AnsweringPeer.h"
 
 namespace {
 
@@ -39,6 +42,37 @@ class EchoChannel final : public ZPKDataChannel {
   std::string _waiting;
 };
 
+// As in Documentation/Surprises.md.
+class BoundedChannel final : public ZPKDataChannel {
+ public:
+  BoundedChannel(ZPKDataChannelPtr channel, size_t limit)
+      : _channel(std::move(channel)), _limit(limit) {}
+
+  bool openWithTimeout(double timeout, ZPKErrorPtr* error) override {
+    _sinceLastWrite = 0;
+    return _channel->openWithTimeout(timeout, error);
+  }
+  bool close(ZPKErrorPtr* error) override { return _channel->close(error); }
+  bool reset(ZPKErrorPtr* error) override { return _channel->reset(error); }
+  bool isOpened() const override { return _channel->isOpened(); }
+  bool write(const ZPKDataPtr& data, ZPKErrorPtr* error) override {
+    _sinceLastWrite = 0;
+    return _channel->write(data, error);
+  }
+  ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) override {
+    const ZPKDataPtr data = _channel->readWithTimeout(timeout, error);
+    if (data == nullptr || (_sinceLastWrite += data->length()) <= _limit) return data;
+    _channel->close();
+    if (error != nullptr) *error = ZPKError::init("station", 1, {});
+    return nullptr;
+  }
+
+ private:
+  const ZPKDataChannelPtr _channel;
+  const size_t _limit;
+  std::atomic<size_t> _sinceLastWrite{0};  // a background reader reads beside a write
+};
+
 class UpperCase final : public ZPKDataTransformer {
  public:
   void modifyData(ZPKMutableData* data) override {
@@ -64,6 +98,32 @@ TEST(OwnClassesTest, AChannelOfTheCallerStandsAtTheBottomOfAStack) {
   EXPECT_TRUE(stack->close());
   EXPECT_FALSE(channel->isOpened());
   EXPECT_EQ(channel->resets, 1);
+}
+
+TEST(OwnClassesTest, AChannelOfTheCallerBoundsWhatAPeerCanFill) {
+  for (const bool readsAhead : {false, true}) {
+    AnsweringPeer peer([](const std::string& line) {
+      return line == "dump" ? std::string(1 << 20, 'x') : "ok> ";
+    });
+    const auto stack = ZPKCommStack::init();
+    stack->setActiveChannelOnOff(readsAhead, nullptr);
+    const auto socket = createActiveTCPChannelWithSocket(peer.takeSocket());
+    ASSERT_TRUE(stack->createStackWithBaseChannel(
+        std::make_shared<BoundedChannel>(socket, size_t{1} << 18)));
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(stack->sendCommandString("status", 30), "ok> ");
+    ZPKErrorPtr error;
+    EXPECT_EQ(stack->sendCommandString("dump", 30, &error), std::nullopt);
+    // A background reader can meet the failure between two slices of a read, which has no error
+    // then.
+    if (!readsAhead) {
+      ASSERT_NE(error, nullptr);
+      EXPECT_EQ(error->domain(), "station");
+    }
+    EXPECT_EQ(stack->isOpen(), 0);
+    EXPECT_FALSE(socket->isOpened());
+    EXPECT_LE(stack->aggregator()->buffer()->length(), size_t{1} << 18);
+    peer.hangUp();
+  }
 }
 
 TEST(OwnClassesTest, ATransformerOfTheCallerEditsWhatIsRead) {
