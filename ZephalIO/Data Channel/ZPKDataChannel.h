@@ -70,11 +70,11 @@ class ZPK_EXPORT ZPKDataChannel {
   /// The result is the caller's own and may be a ZPKMutableData.
   virtual ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error = nullptr) = 0;
 
-  /// Writes all of `data`, waiting for as long as that takes. Empty data is a success with no
-  /// system call; null data is refused without an error by a channel with transformers and a
-  /// success at a transport. Fails with domain "zephal-communication", code 2 for a closed channel
-  /// and 5 for a failed system call, after which the channel is still open and nobody knows how
-  /// much went out.
+  /// Writes all of `data`, waiting for as long as that takes: there is no time limit, and a peer
+  /// that does not read holds the call up. Empty data is a success with no system call; null data
+  /// is refused without an error by a channel with transformers and a success at a transport. Fails
+  /// with domain "zephal-communication", code 2 for a closed channel and 5 for a failed system
+  /// call, after which the channel is still open and nobody knows how much went out.
   virtual bool write(const ZPKDataPtr& data, ZPKErrorPtr* error = nullptr) = 0;
 };
 
@@ -86,7 +86,14 @@ using ZPKDataChannelPtr = std::shared_ptr<ZPKDataChannel>;
 /// A serial port (termios(3)): the path of `url` names the device, `options` its speed, mode and
 /// exclusive hold (see ZPKConstants.h). Options are copied; null, or a key left out, means the
 /// defaults. The URL's query is not read. Fails for a null URL and for a scheme other than "uart".
-/// A bad speed or mode shows at open.
+/// A bad speed or mode shows at open; a mode shorter than three characters throws
+/// std::out_of_range there and leaves the device open, and held, until the process ends.
+///
+/// An open sets speed, mode and raw processing and leaves other settings as they are, such as flow
+/// control and fixed parity (stty(1): crtscts, cmspar). On Linux the hold marks the terminal and
+/// ends when the last program closes it, which may be later than close: an ordinary user cannot
+/// open the device until then. A device that has vanished fails writes, but only a read notices it
+/// and closes the channel.
 ZPK_EXPORT ZPKDataChannelPtr createUARTChannel(const ZPKURLPtr& url, const ZPKOptionsPtr& options,
                                                ZPKErrorPtr* error = nullptr);
 

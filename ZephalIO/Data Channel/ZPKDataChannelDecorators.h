@@ -49,9 +49,10 @@ ZPK_EXPORT ZPKDataChannelPtr createChannelTransformer__internal(
 ///
 /// close may run on any thread, beside a read and a write. It waits for the thread, a slice at the
 /// most, and then closes below; a read that waits gets null and no error. Bytes that were not read
-/// are lost, as they are when a read below fails. That failure ends the thread: a read that waits
-/// gets its error, every later one code 2, and close gives the error's domain and user information
-/// with code 2 and leaves the channel below alone. An open starts afresh.
+/// are lost, as they are when a read below fails, be it a whole response that a hang-up follows at
+/// once. That failure ends the thread: a read that waits gets its error, every later one code 2,
+/// and close gives the error's domain and user information with code 2 and leaves the channel below
+/// alone. An open starts afresh.
 ///
 /// reset and open fail with code 1 while it is open; a read fails with code 5 if the system cannot
 /// wait. Fails for a null channel.
@@ -95,8 +96,9 @@ ZPK_EXPORT ZPKDataChannelPtr createEchoRemovalChannel(const ZPKDataChannelPtr& c
 ///     2024-05-01 12:00:00.310 <pre---read>[4711]: 2.33
 ///
 /// with `identifier` ("pre-" here) in front of the direction. Bytes and results pass unchanged.
-/// What is written is logged before it leaves, whether or not that succeeds; empty data leaves no
-/// trace. Bytes that are not UTF-8 show as in ZPKDataToString.
+/// What is written, passwords included, is logged before it leaves, whether or not that succeeds;
+/// empty data leaves no trace. Valid UTF-8 stands in the file as it came, escape sequences and the
+/// line ends of Unicode too; other bytes show as in ZPKDataToString.
 ///
 /// open opens the file, then the channel below. A file that is not there is made, with the
 /// permissions 0666 less the process's umask; one that is there grows at its end and keeps its own.

@@ -61,8 +61,9 @@ using ZPKDataChannelManagerDelegatePtr = std::shared_ptr<ZPKDataChannelManagerDe
 /// and createPacketPrependTransformer for the writes of the other end.
 ///
 /// What ends the loop is a read that does not deserialize, and nothing else: a closed or failed
-/// channel, 1000 seconds without a byte, or damaged data. Why, nobody is told; the log line of the
-/// serializer is the only trace.
+/// channel, 1000 seconds without a byte, damaged data, or the empty data that a packet gives which
+/// is not yet whole, or empty. For packets put createPassiveChannel on top, which reads on. Why the
+/// loop ended, nobody is told; the log line of the serializer is the only trace.
 ///
 /// The channel is the caller's to open. The manager holds it strongly, its delegate weakly: with a
 /// delegate that is gone the loop goes on and drops what it reads. The thread of a loop holds the

@@ -24,8 +24,10 @@
 ///
 /// The steps are those of ZPKCommStack: configure, create, open. From open to close the thread
 /// reads and logs, unless a read of the transport fails: the device has gone then, logging stops,
-/// and isOpen turning to 0 is the one sign of it. close fails after that with what the read
-/// reported, and a new open is allowed; the stack does not reconnect by itself.
+/// and nothing tells but the log line of that read and isOpen, which turns to 0. close fails after
+/// that with what the read reported, and the old chain keeps its log files open and what it holds
+/// for want of a delimiter. The stack does not reconnect by itself: create it again, which drops
+/// both, and open it. Opening the old chain is allowed too.
 ///
 /// Errors are in the domain "zephal-commloggerchannel" unless told otherwise, or come up from the
 /// chain in "zephal-communication". Test the result and not the slot. Timeouts are in seconds; null
@@ -80,8 +82,9 @@ class ZPK_EXPORT ZPKCommLoggerStack {
   bool openWithTimeout(std::optional<ZPKNumber> timeout, ZPKErrorPtr* error = nullptr);
   /// 1 if the chain is open, otherwise 0. Never touches the slot.
   ZPKNumber isOpen(ZPKErrorPtr* error = nullptr) const;
-  /// Stops the thread, closes the logs and the chain and, if that went well, resets it. Without a
-  /// chain it fails without an error.
+  /// Stops the thread, closes the logs and the chain and, if that went well, resets it. When the
+  /// device has gone it fails and closes nothing (see above). Without a chain it fails without an
+  /// error.
   bool close(ZPKErrorPtr* error = nullptr);
 
   // --- Plain accessors. Each is safe on any thread and changes the field alone.

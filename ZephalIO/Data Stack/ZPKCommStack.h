@@ -32,20 +32,22 @@ struct ZPIFailureSite;
 /// is built from the settings. Open: the chain opens from the top down. close ends the last step
 /// and leaves the chain, which can be opened again. A failed read closes the transport, so an open
 /// stack can fall back to closed by itself; the next call that talks then fails with code 304, and
-/// close with code 2 from below.
+/// close with code 2 from below. To reconnect create the stack again: the old chain may be opened
+/// too, but it keeps a part of a response, with which the next one then begins.
 ///
 /// Errors are in the domain "zephal-commchannel" unless told otherwise, or come up from the chain
 /// in "zephal-communication". Test the result and not the slot: a few failures have no error.
 /// Timeouts are in seconds: ZEPHAL_COMMUNICATION_TIME_NOW, any positive number, or
 /// ZEPHAL_COMMUNICATION_TIME_FOREVER, which null stands for. Any other negative number is refused
-/// where the read waits, with code 3 of "zephal-communication". Strings are UTF-8.
+/// where the read waits, with code 3 of "zephal-communication"; a response that is already held
+/// comes out before that. Strings are UTF-8.
 ///
 /// Threads: one recursive lock is held over the whole of every operation, a blocking read included.
-/// While one thread waits in a read, every other operation of the stack waits for it, close and
-/// isOpen too; closing does not cancel a read. A command and its response cannot interleave with
-/// another thread's. The plain accessors at the end take no lock and are safe on any thread. The
-/// stack must not be destroyed while a thread is inside it; an open chain is closed then, and what
-/// a failed close says goes to the log.
+/// While one thread waits in a read, or in a write to a peer that does not read, every other
+/// operation of the stack waits for it, close and isOpen too; closing does not cancel a read. A
+/// command and its response cannot interleave with another thread's. The plain accessors at the end
+/// take no lock and are safe on any thread. The stack must not be destroyed while a thread is
+/// inside it; an open chain is closed then, and what a failed close says goes to the log.
 class ZPK_EXPORT ZPKCommStack {
   struct Key {
     explicit Key() = default;
@@ -85,12 +87,14 @@ class ZPK_EXPORT ZPKCommStack {
   bool setReadFilters(const std::vector<std::string>& filters, ZPKErrorPtr* error = nullptr);
   /// The files that log the conversation as the caller sees it, command and response, and the bytes
   /// as they pass on the wire, in the chunks in which they come. Null means none. Both are opened
-  /// with the stack, grow at their end and may be the same file; see createLoggingChannel.
+  /// by openWithTimeout alone, grow at their end and may be the same file; see
+  /// createLoggingChannel.
   bool setLogFilePath(std::optional<std::string_view> path,
                       std::optional<std::string_view> preAggregatorPath,
                       ZPKErrorPtr* error = nullptr);
   /// Whether a background thread reads the device all the time that the stack is open, whatever the
-  /// caller is doing; see createActiveChannel. Null counts as false, the default.
+  /// caller is doing; see createActiveChannel. A response that is followed at once by a hang-up may
+  /// be lost with it. Null counts as false, the default.
   bool setActiveChannelOnOff(std::optional<ZPKNumber> onOff, ZPKErrorPtr* error);
 
   // --- Create and open.
@@ -100,7 +104,7 @@ class ZPK_EXPORT ZPKCommStack {
   bool createStackWithURL(std::optional<std::string_view> url, ZPKErrorPtr* error = nullptr);
   /// Builds the chain on `channel`, which is shared with the caller. A chain that is closed is
   /// replaced, and bytes held from it go; one that is open fails with code 303. Null fails without
-  /// an error. A channel that is open already gives a stack that is open.
+  /// an error. A channel that is open already gives a stack that is open, and that writes no logs.
   bool createStackWithBaseChannel(const ZPKDataChannelPtr& channel, ZPKErrorPtr* error = nullptr);
   /// Opens the chain. The timeout is handed down and ignored at the bottom: a transport connects in
   /// its own time. Fails with code 301 without a chain, with 303 if it is open, and with what the
@@ -122,17 +126,19 @@ class ZPK_EXPORT ZPKCommStack {
   // closing and reopening does not change that.
 
   /// Writes the bytes and the line terminator; empty data sends the terminator alone. Null fails
-  /// without an error. A write that fails leaves the stack open.
+  /// without an error. A write that fails leaves the stack open. There is no time limit: a peer
+  /// that does not read holds up the write, and with it every other operation.
   bool writeData(const ZPKDataPtr& data, ZPKErrorPtr* error = nullptr);
   /// Reads up to the delimiter, waiting for as long as `timeout` says and about a tenth of that
   /// longer at the most. A delimiter that is not null holds for this one read. Fails with code 305
   /// if no whole response came in time, unless timeouts are no errors: the result is empty data
-  /// then.
+  /// then. A response that a filter removes whole counts as none, at once. With an empty delimiter
+  /// a read first waits for new bytes, without a limit if it has none, though others are held.
   ZPKDataPtr readDataWithTimeout(std::optional<ZPKNumber> timeout, const ZPKDataPtr& delimiter,
                                  ZPKErrorPtr* error = nullptr);
-  /// Writes the command, then reads its response as readDataWithTimeout does, code 305 included. A
-  /// command that cannot be written fails with what the transport reports; a null one without an
-  /// error.
+  /// Writes the command, then reads its response as readDataWithTimeout does. The text of its code
+  /// 305, and the line in the log, show the command, be it a password. A command that cannot be
+  /// written fails with what the transport reports; a null one without an error.
   ZPKDataPtr sendCommandData(const ZPKDataPtr& command, std::optional<ZPKNumber> timeout,
                              ZPKErrorPtr* error = nullptr);
 
@@ -148,7 +154,7 @@ class ZPK_EXPORT ZPKCommStack {
                                                ZPKErrorPtr* error = nullptr);
   /// As sendCommandString, for a device that echoes: the first occurrence of the command with its
   /// line terminator is removed from the response, wherever it stands. An echo with another line
-  /// end stays.
+  /// end stays: a console that echoes CR LF, as most do, wants setLineTerminator("\r").
   std::optional<std::string> sendCommandStringWithEchoRemoval(
       std::optional<std::string_view> command, std::optional<ZPKNumber> timeout,
       ZPKErrorPtr* error = nullptr);

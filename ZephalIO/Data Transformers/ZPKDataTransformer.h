@@ -78,12 +78,13 @@ ZPK_EXPORT ZPKDataTransformerPtr createAggregatingTransformer(const ZPKDataPtr& 
 /// The width is meant to be 1 to 8. A width of 0 or less makes a transformer that holds everything;
 /// one above 8 fails with code 12, since no size has so many bytes. Of a size the low 32 bits
 /// count, as a signed number: a size whose bit 31 is set is never reached, and everything is held
-/// until reset, without an error. An empty packet looks like none.
+/// until reset, without an error. An empty packet gives empty data, as if nothing had come.
 ZPK_EXPORT ZPKDataTransformerPtr createPacketAggregatorTransformer(int32_t packetLengthEncoding,
                                                                    ZPKErrorPtr* error = nullptr);
 
 /// Puts the size of each chunk in front of it, as createPacketAggregatorTransformer takes it. A
-/// chunk that is too long for the field goes out as it is, without an error.
+/// chunk that is too long for the field goes out as it is, without an error. An empty chunk becomes
+/// a packet of size zero.
 ///
 /// The width is meant to be 1 to 8. A width of 0 or less makes a transformer that changes nothing;
 /// one above 8 fails with code 12.
@@ -118,8 +119,10 @@ ZPK_EXPORT ZPKDataTransformerPtr createTimeTransformer(double timeout, std::func
 ///
 /// A match that ends where the held bytes end is handed out and stays held as well, so that it
 /// comes out again with the next match, until reset. The end of a match, counted in code points, is
-/// used as a number of bytes: behind text that is not ASCII the cut falls short of the match. Bytes
-/// that are not UTF-8 are held. More than one match in a call is noted in the log, at level 1.
+/// used as a number of bytes: behind text that is not ASCII the cut falls short of the match. After
+/// a byte that is not UTF-8 nothing matches and everything is held, until reset. Each new piece
+/// makes all that is held be searched again, which costs the square of a long response. More than
+/// one match in a call is noted in the log, at level 1.
 ///
 /// Fails for a pattern that does not compile and for null.
 ZPK_EXPORT ZPKDataTransformerPtr createRegExpTransformer(std::optional<std::string_view> pattern,

@@ -15,8 +15,12 @@ inline constexpr std::string_view ZPKErrorLocationKey = "ErrorLocation";
 /// A failure, as an operation leaves it in the slot of its caller.
 ///
 /// Immutable, so it may be read on any thread. An operation that fails returns false or null and
-/// fills the slot if it was given one; it writes its line to the log in either case. Test the
-/// result, not the slot: a success leaves the slot as it was, and a few failures have no error.
+/// fills the slot if it was given one; it writes a line to the log in either case. Test the result,
+/// not the slot: a success leaves the slot as it was, and a few failures have no error.
+///
+/// Four failures differ in their lines. A refused connection, and a log file that the system does
+/// not open, write none. The end of a connection during a read without a limit, and a read filter
+/// that is not hexadecimal, write two.
 class ZPK_EXPORT ZPKError {
   struct Key {
     explicit Key() = default;
