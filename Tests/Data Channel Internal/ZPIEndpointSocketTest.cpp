@@ -124,7 +124,8 @@ TEST(ZPIEndpointSocketTest, AnAdoptedSocketIsOpenAtOnceAndNoOptionIsSet) {
   {
     const SystemCalls calls;
     const auto channel = ZPIEndpointSocket::initWithSocket(ends[0]);
-    EXPECT_THAT(calls.all(), IsEmpty());
+    // A flag of the descriptor, not an option of the socket.
+    EXPECT_THAT(calls.texts(), ElementsAre("fcntl F_SETFD 1"));
     EXPECT_TRUE(channel->isOpened());
     EXPECT_FALSE(channel->openWithTimeout(1.0, &error));
     expectFailure(error, log,
@@ -135,6 +136,27 @@ TEST(ZPIEndpointSocketTest, AnAdoptedSocketIsOpenAtOnceAndNoOptionIsSet) {
   }
   EXPECT_FALSE(isOpenDescriptor(ends[0]));
   ::close(ends[1]);
+}
+
+TEST(ZPIEndpointSocketTest, AdoptedStandardDescriptorsAreStillInherited) {
+  for (const int32_t descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    const SystemCalls calls;
+    const auto channel = ZPIEndpointSocket::initWithSocket(descriptor);
+    EXPECT_THAT(calls.all(), IsEmpty());
+  }
+}
+
+TEST(ZPIEndpointSocketTest, AConnectionIsNeverOpenToAStartedProgram) {
+  SimulatedDevice tcp(Kind::kTCP);
+  SimulatedDevice local(Kind::kUnix);
+  for (const std::string& url : {tcp.url(), local.url()}) {
+    const auto channel = ZPIEndpointSocket::initForURL(urlOf(url));
+    const SystemCalls calls;
+    EXPECT_TRUE(channel->openWithTimeout(1.0, nullptr));
+    // Not set later: another thread may start a program in between.
+    EXPECT_THAT(calls.texts({"socket"}), ElementsAre(testing::EndsWith(" SOCK_CLOEXEC")));
+    channel->close(nullptr);
+  }
 }
 
 TEST(ZPIEndpointSocketTest, AnAdoptedSocketHasNoWayBackAfterAClose) {

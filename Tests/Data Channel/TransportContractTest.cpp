@@ -1,5 +1,6 @@
 // The contract of a channel, over every transport: what a read can give, and what open, close and
 // reset do in which state.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 
 #include "Data Channel/ZPKDataChannel.h"
 #include "Support/ErrorExpectations.h"
+#include "Support/OpenDescriptors.h"
 #include "Support/SystemCalls.h"
 #include "Support/TransportPeer.h"
 
@@ -295,6 +297,23 @@ TEST_P(TransportContractTest, CanBeOpenedAgainAsOftenAsOneLikes) {
 INSTANTIATE_TEST_SUITE_P(Transports, TransportContractTest,
                          testing::Values(Kind::kTerminal, Kind::kTCP, Kind::kUnix, Kind::kAdopted),
                          [](const auto& kind) { return transportName(kind.param); });
+
+// Some of what the caller adopts was made without a thought for what is started later.
+TEST(TransportInheritanceTest, AStartedProgramInheritsNoChannel) {
+  for (const Kind kind : {Kind::kTerminal, Kind::kTCP, Kind::kUnix, Kind::kAdopted}) {
+    const std::set<int> before = openDescriptors();
+    TransportPeer peer(kind);
+    ASSERT_THAT(inheritedOf(descriptorsSince(before)), IsEmpty());
+    if (kind == Kind::kAdopted) {
+      ASSERT_EQ(::fcntl(peer.nearEnd(), F_SETFD, 0), 0);
+      ASSERT_THAT(inheritedOf({peer.nearEnd()}), ElementsAre(peer.nearEnd()));
+    }
+    const ZPKDataChannelPtr channel = peer.makeChannel();
+    ASSERT_TRUE(peer.open(channel));
+    EXPECT_THAT(inheritedOf(descriptorsSince(before)), IsEmpty()) << transportName(kind);
+    EXPECT_TRUE(channel->close());
+  }
+}
 
 // A failed read closes, and the same channel opens again where its peer still listens.
 TEST(TransportReopenTest, OpensAgainAfterAFailedRead) {

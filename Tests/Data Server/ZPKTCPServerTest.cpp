@@ -96,6 +96,7 @@ class Client {
     char byte = 0;
     return waitUntilReadable(_socket) && ::read(_socket, &byte, 1) == 0;
   }
+  int socket() const { return _socket; }
 
  private:
   const int _socket;
@@ -226,6 +227,24 @@ TEST_F(ZPKTCPServerTest, ThePortListensOnAllInterfacesAndMayBeReused) {
   EXPECT_TRUE(server->stop());
 }
 
+TEST_F(ZPKTCPServerTest, AStartedProgramInheritsNeitherListenersNorConnections) {
+  const std::set<int> before = openDescriptors();
+  const int listener = passive_tcp(0, false);
+  ASSERT_THAT(inheritedOf({listener}), ElementsAre(listener));
+  const auto onPort = startTCPServerOnPort(0, _arrivals.takeChannels());
+  const auto onSocket = startTCPOnSocket(listener, _arrivals.takeSockets());
+  const Client toPort(portOf(onPort->handle()));
+  const Client toSocket(portOf(listener));
+  ASSERT_TRUE(_arrivals.waitForCount(2));
+  std::set<int> added = descriptorsSince(before);
+  EXPECT_EQ(added.size(), 6U);
+  added.erase(toPort.socket());
+  added.erase(toSocket.socket());
+  EXPECT_THAT(inheritedOf(added), IsEmpty());
+  EXPECT_TRUE(onPort->stop());
+  EXPECT_TRUE(onSocket->stop());
+}
+
 TEST_F(ZPKTCPServerTest, APortGivenAsANullNumberIsChosenByTheSystem) {
   ZPKErrorPtr error = olderError();
   const auto server = startTCPServerOnPort(std::nullopt, _arrivals.takeChannels(), &error);
@@ -294,7 +313,7 @@ TEST_F(ZPKTCPServerTest, ASecondConnectionWaitsInTheBacklogWhileTheCallbackBlock
   ASSERT_TRUE(_arrivals.waitForCount(1));
   const Client second(portOf(server->handle()));
   second.send("early");
-  EXPECT_EQ(calls.count("accept"), 1U);
+  EXPECT_EQ(calls.count("accept4"), 1U);
   EXPECT_EQ(_arrivals.count(), 1U);
   release.set_value();
   ASSERT_TRUE(_arrivals.waitForCount(2));
@@ -401,7 +420,7 @@ TEST_F(ZPKTCPServerTest, NoSocketGivesAServerWithoutAThread) {
   _log.clear();
   EXPECT_FALSE(server->stop(&error));
   expectFailure(error, _log, kFailedStart);
-  EXPECT_THAT(calls.texts({"accept", "shutdown", "close"}), IsEmpty());
+  EXPECT_THAT(calls.texts({"accept4", "shutdown", "close"}), IsEmpty());
 }
 
 TEST_F(ZPKTCPServerTest, AServerThatIsSaidToListenRefusesEveryStart) {
@@ -423,7 +442,7 @@ TEST_F(ZPKTCPServerTest, AServerThatIsSaidToListenRefusesEveryStart) {
   EXPECT_EQ(server->handle(), 0);
   EXPECT_FALSE(server->responseBlock());
   EXPECT_EQ(server.use_count(), 1);
-  EXPECT_THAT(calls.texts({"socket", "accept", "close"}), IsEmpty());
+  EXPECT_THAT(calls.texts({"socket", "accept4", "close"}), IsEmpty());
   server->setIsListening(false);
   EXPECT_TRUE(server->startWithSocket(listener, _arrivals.takeSockets()));
   EXPECT_TRUE(server->stop());
@@ -448,8 +467,8 @@ TEST_F(ZPKTCPServerTest, AThreadThatCannotBeStartedIsNotNoticed) {
 
 TEST_F(ZPKTCPServerTest, AFailedAcceptIsPrintedAndTriedAgainAtOnce) {
   SystemCalls calls(SystemCalls::Threads::kAll);
-  calls.fail("accept", ECONNABORTED);
-  calls.fail("accept", EINTR);
+  calls.fail("accept4", ECONNABORTED);
+  calls.fail("accept4", EINTR);
   const auto server = startTCPServerOnPort(0, _arrivals.takeChannels());
   const Client client(portOf(server->handle()));
   EXPECT_TRUE(_arrivals.waitForCount(1));
@@ -478,7 +497,7 @@ TEST_F(ZPKTCPServerTest, AServerOutOfDescriptorsGoesOnWhenItHasThemAgain) {
   const rlim_t limit = descriptorLimit();
   SystemCalls calls(SystemCalls::Threads::kAll);
   calls.before(
-      "accept", [limit] { setDescriptorLimit(limit); }, 4);
+      "accept4", [limit] { setDescriptorLimit(limit); }, 4);
   std::promise<void> release;
   const auto take = _arrivals.takeSockets();
   const auto server = startTCPOnSocket(
@@ -507,7 +526,7 @@ TEST_F(ZPKTCPServerTest, AStopWakesTheAcceptAndPrintsItsFailure) {
   const SystemCalls calls(SystemCalls::Threads::kAll);
   const std::set<int> before = openDescriptors();
   const auto server = startTCPServerOnPort(0, _arrivals.takeChannels());
-  ASSERT_TRUE(waitFor([&] { return calls.count("accept") == 1; }));
+  ASSERT_TRUE(waitFor([&] { return calls.count("accept4") == 1; }));
   EXPECT_TRUE(server->stop());
   expectIdle(*server, true);
   EXPECT_EQ(server.use_count(), 1);
@@ -697,7 +716,7 @@ TEST_F(ZPKTCPServerTest, AStoppedServerStartsAgainButAcceptsNobody) {
   EXPECT_TRUE(server->startWithSocket(passive_tcp(0, false), _arrivals.takeSockets(), &error));
   EXPECT_TRUE(server->stop(&error));
   EXPECT_EQ(error, olderError());
-  EXPECT_EQ(calls.count("accept"), 0U);
+  EXPECT_EQ(calls.count("accept4"), 0U);
   EXPECT_EQ(_arrivals.count(), 0U);
   EXPECT_EQ(openDescriptors(), before);
   EXPECT_TRUE(_log.lines().empty());

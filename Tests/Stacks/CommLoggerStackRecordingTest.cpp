@@ -77,6 +77,14 @@ class CommLoggerStackRecordingTest : public testing::TestWithParam<SimulatedDevi
 
 INSTANTIATE_TEST_SUITE_P(, CommLoggerStackRecordingTest, allLineKinds(), lineKindName);
 
+TEST_P(CommLoggerStackRecordingTest, AStartedProgramInheritsNothing) {
+  const std::set<int> before = openDescriptors();
+  connect();
+  const std::set<int> added = descriptorsSince(before);
+  EXPECT_GE(added.size(), 3U);  // the line and two files
+  EXPECT_THAT(inheritedOf(added), IsEmpty());
+}
+
 TEST_P(CommLoggerStackRecordingTest, AnEntryIsWrittenInItsExactForm) {
   recorder->setDelimiter("\n");
   connect();

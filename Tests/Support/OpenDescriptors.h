@@ -10,4 +10,10 @@ std::set<int> openDescriptors();
 /// Whether `descriptor` is open.
 bool isOpenDescriptor(int descriptor);
 
+/// Those of `descriptors` that a program started now inherits, as that program sees it.
+std::set<int> inheritedOf(const std::set<int>& descriptors);
+
+/// The descriptors that came since `before`.
+std::set<int> descriptorsSince(const std::set<int>& before);
+
 }  // namespace support

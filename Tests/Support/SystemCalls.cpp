@@ -59,7 +59,7 @@ int __real_setsockopt(int, int, int, const void*, socklen_t);
 int __real_connect(int, const sockaddr*, socklen_t);
 int __real_bind(int, const sockaddr*, socklen_t);
 int __real_listen(int, int);
-int __real_accept(int, sockaddr*, socklen_t*);
+int __real_accept4(int, sockaddr*, socklen_t*, int);
 int __real_shutdown(int, int);
 int __real_lstat(const char*, struct stat*);
 int __real_unlink(const char*);
@@ -554,7 +554,8 @@ int __wrap_socket(int family, int type, int protocol) {
   return intercept(
       [&] {
         const auto number = static_cast<unsigned long>(family);
-        return detailed("socket", nameOr({{AF_INET, "AF_INET"}, {AF_UNIX, "AF_UNIX"}}, number), -1);
+        const std::string name = nameOr({{AF_INET, "AF_INET"}, {AF_UNIX, "AF_UNIX"}}, number);
+        return detailed("socket", name + ((type & SOCK_CLOEXEC) != 0 ? " SOCK_CLOEXEC" : ""), -1);
       },
       0, [&](int64_t) { return __real_socket(family, type, protocol); });
 }
@@ -582,9 +583,9 @@ int __wrap_listen(int descriptor, int backlog) {
                    [&](int64_t) { return __real_listen(descriptor, backlog); });
 }
 
-int __wrap_accept(int descriptor, sockaddr* address, socklen_t* length) {
-  return intercept([&] { return plain("accept", descriptor); }, 0,
-                   [&](int64_t) { return __real_accept(descriptor, address, length); });
+int __wrap_accept4(int descriptor, sockaddr* address, socklen_t* length, int flags) {
+  return intercept([&] { return plain("accept4", descriptor); }, 0,
+                   [&](int64_t) { return __real_accept4(descriptor, address, length, flags); });
 }
 
 int __wrap_shutdown(int descriptor, int how) {

@@ -285,6 +285,15 @@ TEST(ActiveTCPExTest, PublishesMinusOneAfterAFailure) {
   EXPECT_EQ(published, -1);
 }
 
+// --- What their sockets share
+
+TEST(SocketFunctionsTest, AStartedProgramInheritsTheirSockets) {
+  const Descriptor listener(passive_tcp(0, false));
+  const Descriptor client(active_tcp("127.0.0.1", portOf(listener)));
+  const std::set<int> both{listener, client};
+  EXPECT_EQ(inheritedOf(both), both);
+}
+
 // --- The small ones
 
 TEST(SocketOptionTest, ReturnTheResultOfTheSystem) {

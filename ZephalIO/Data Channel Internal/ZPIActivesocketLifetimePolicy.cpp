@@ -1,8 +1,8 @@
 #include "Data Channel Internal/ZPIActivesocketLifetimePolicy.h"
 
 #include "Data Channel Internal/ZPICloseDescriptor.h"
+#include "Utility/ZPITCPSocketFunctions.h"
 #include "Utility/ZPIUnixSocketFunctions.h"
-#include "Utility/ZPKSocketFunctions.h"
 
 bool ZPIActivesocketLifetimePolicy::acquire(int32_t* descriptor, ZPKErrorPtr* /*error*/) const {
   *descriptor = socket_from_url(url);
@@ -13,9 +13,10 @@ int32_t ZPIActivesocketLifetimePolicy::socket_from_url(const ZPKURLPtr& url) {
   if (url == nullptr) return -1;
   if (url->scheme() == "tcp") {
     const char* const host = url->host().has_value() ? url->host()->c_str() : nullptr;
-    return active_tcp(host, static_cast<uint16_t>(url->port().value_or(0)));
+    const auto port = static_cast<uint16_t>(url->port().value_or(0));
+    return ZPIActiveTCP(host, port, nullptr, ZPISocketOwner::kLibrary);
   }
-  if (url->scheme() == "unix") return active_unix(url->path());
+  if (url->scheme() == "unix") return active_unix(url->path(), ZPISocketOwner::kLibrary);
   return -1;
 }
 

@@ -1,5 +1,7 @@
 #include "Data Channel Internal/ZPIEndpointSocket.h"
 
+#include "Utility/ZPISocket.h"
+
 namespace {
 
 constexpr uint32_t kLargestPort = 65535;
@@ -20,6 +22,7 @@ std::shared_ptr<ZPIEndpointSocket> ZPIEndpointSocket::initForURL(const ZPKURLPtr
 }
 
 std::shared_ptr<ZPIEndpointSocket> ZPIEndpointSocket::initWithSocket(int32_t socket) {
+  ZPICloseOnExec(socket);
   return std::make_shared<ZPIEndpointSocket>(Key(), socket, nullptr);
 }
 

@@ -16,7 +16,8 @@ class ZPIEndpointSocket final : public ZPKDataChannel {
  public:
   /// A channel to the URL's peer; null for a null URL.
   static std::shared_ptr<ZPIEndpointSocket> initForURL(const ZPKURLPtr& url);
-  /// A channel that takes over `socket`, without any test and without setting any option.
+  /// A channel that takes over `socket`, without any test and without setting any option. No
+  /// program that is started inherits it any more, except for standard input, output and error.
   static std::shared_ptr<ZPIEndpointSocket> initWithSocket(int32_t socket);
 
   ZPIEndpointSocket(Key, int32_t socket, const ZPKURLPtr& url);

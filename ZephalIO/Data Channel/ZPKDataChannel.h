@@ -102,14 +102,16 @@ ZPK_EXPORT ZPKDataChannelPtr createUARTChannel(const ZPKURLPtr& url, const ZPKOp
 ///
 /// A host that is a name is resolved at open with gethostbyname(3): channels to names must not be
 /// opened on two threads at once, channels to dotted addresses may. A program that is started by
-/// fork(2) and exec(2) inherits the socket, and the peer sees no end before that has closed it too.
+/// exec(2) does not inherit the socket. A child that goes on after fork(2) alone does, and the peer
+/// sees no end before that has closed it too.
 ZPK_EXPORT ZPKDataChannelPtr createActiveTCPChannel(const ZPKURLPtr& url,
                                                     ZPKErrorPtr* error = nullptr);
 
 /// A channel over a connected socket, which it takes over: it is open at once, and close closes the
-/// socket for good. No option of it is set. It is to be blocking: on one that is not, a write that
-/// does not fit at once fails. Fails for -1; any other negative value gives a channel that is
-/// closed for good.
+/// socket for good. No option of it is set. A program that is started by exec(2) does not inherit
+/// it any more (FD_CLOEXEC, see fcntl(2)), unless it is standard input, output or error, which stay
+/// as they are. It is to be blocking: on one that is not, a write that does not fit at once fails.
+/// Fails for -1; any other negative value gives a channel that is closed for good.
 ZPK_EXPORT ZPKDataChannelPtr createActiveTCPChannelWithSocket(int32_t socket,
                                                               ZPKErrorPtr* error = nullptr);
 

@@ -7,9 +7,9 @@
 #include <cstdio>
 #include <utility>
 
+#include "Utility/ZPITCPSocketFunctions.h"
 #include "Utility/ZPIThreadHelpers.h"
 #include "Utility/ZPKReportFailure.h"
-#include "Utility/ZPKSocketFunctions.h"
 
 namespace {
 
@@ -38,7 +38,7 @@ bool ZPKTCPServer::startOnPort(const std::optional<ZPKNumber>& port, ConnectionB
                                ZPKErrorPtr* error) {
   if (!checkNotListeningWithError(error)) return false;
   const uint64_t number = port.has_value() ? port->unsignedIntegerValue() : 0;
-  setHandle(passive_tcp(static_cast<int>(number), true));
+  setHandle(ZPIPassiveTCP(static_cast<int>(number), true, ZPISocketOwner::kLibrary));
   if (!checkHandleValidWithError(error)) return false;
   setResponseBlock(makeChannelsFor(std::move(onConnection)));
   waitForConnection();
@@ -49,6 +49,7 @@ bool ZPKTCPServer::startWithSocket(int32_t socket, ResponseBlock onConnection, Z
   if (!checkNotListeningWithError(error)) return false;
   setHandle(socket);
   if (!checkHandleValidWithError(error)) return false;
+  ZPICloseOnExec(socket);
   setResponseBlock(std::move(onConnection));
   waitForConnection();
   return true;
@@ -103,9 +104,7 @@ void ZPKTCPServer::waitForConnection() {
 
 void ZPKTCPServer::acceptOn(int32_t listener) {
   while (!shouldCancel()) {
-    sockaddr address{};  // nobody looks at it
-    socklen_t length = sizeof address;
-    const int connection = ::accept(listener, &address, &length);
+    const int connection = ZPIAccept(listener);
     if (connection == -1) {
       const int number = errno;
       std::printf("Error : Failed to accept socket - '%s' (%d)\n", ZPIErrorText(number).c_str(),

@@ -34,6 +34,10 @@ using ZPKTCPServerPtr = std::shared_ptr<ZPKTCPServer>;
 /// callback, since a null one was given, is closed. The callback must not throw, and must not call
 /// stop, which would wait for the very thread that it runs on.
 ///
+/// A program that is started by exec(2) inherits neither the listening socket nor a connection (see
+/// FD_CLOEXEC in fcntl(2)). A callback that hands its connection to such a program clears the flag,
+/// or passes a copy from dup2(2).
+///
 /// A failed accept prints one line, "Error : Failed to accept socket - '...' (errno)", on standard
 /// output and is tried again at once, without a limit: a process that is out of descriptors prints
 /// until it has some. A stop wakes the thread by a failed accept and so prints that line too.
@@ -59,7 +63,7 @@ class ZPK_EXPORT ZPKTCPServer final : public ZPKDataServer,
   };
 
  public:
-  /// Takes a connected socket, which is open and the callback's own.
+  /// Takes a connected socket, which is open, closed by exec(2), and the callback's own.
   using ResponseBlock = std::function<void(int32_t)>;
   /// Takes an open channel over the connection; its close closes the connection.
   using ConnectionBlock = std::function<void(const ZPKDataChannelPtr&)>;
@@ -84,8 +88,10 @@ class ZPK_EXPORT ZPKTCPServer final : public ZPKDataServer,
                    ZPKErrorPtr* error = nullptr);
 
   /// Accepts on a blocking socket that listens already, of any family. The server takes it over:
-  /// stop closes it, and ends its listening also for other descriptors of the same socket. Fails
-  /// like startOnPort, with code 7 for -1; any other value is taken untested.
+  /// stop closes it, and ends its listening also for other descriptors of the same socket. A
+  /// program that is started does not inherit it any more, unless its number is that of standard
+  /// input, output or error. Fails like startOnPort, with code 7 for -1; any other value is taken
+  /// untested.
   bool startWithSocket(int32_t socket, ResponseBlock onConnection, ZPKErrorPtr* error = nullptr);
 
   /// Ends the listening and waits for the accept thread, and thus for a callback that is running.

@@ -38,7 +38,7 @@ void closeKeepingErrno(int fd) {
 }
 
 int passive_unix__internal(const std::string& path, int* saved_errno) {
-  const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  const int fd = ZPIMakeSocket(AF_UNIX, ZPISocketOwner::kUser);
   const int32_t on = 1;
   ::setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
   const int result = callWithAddress(::bind, fd, path);
@@ -57,7 +57,7 @@ bool isSocketFile(const std::string& path) {
 }
 
 bool somebodyListens(const std::string& path) {
-  const int probe = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  const int probe = ZPIMakeSocket(AF_UNIX, ZPISocketOwner::kLibrary);
   const bool isConnected = callWithAddress(::connect, probe, path) == 0;
   closeKeepingErrno(probe);
   return isConnected;
@@ -84,8 +84,8 @@ int passive_unix(const std::string& path) {
   return result;
 }
 
-int active_unix(const std::string& path) {
-  int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+int active_unix(const std::string& path, ZPISocketOwner owner) {
+  int fd = ZPIMakeSocket(AF_UNIX, owner);
   if (callWithAddress(::connect, fd, path) != 0) {
     closeKeepingErrno(fd);
     fd = -1;

@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "Utility/ZPISocket.h"
+
 /// Listens on a path, with a backlog of 5; returns the socket or -1. A socket file that nobody
 /// listens on any more is removed first; one with a live listener, and a file of any other kind, is
 /// left alone. A failure is one line on standard output, which says "busy" for EADDRINUSE and
@@ -11,5 +13,6 @@
 /// nothing and fails with ENOENT.
 int passive_unix(const std::string& path);
 
-/// Connects to a path, cut likewise; returns the socket, or -1 with nothing printed.
-int active_unix(const std::string& path);
+/// Connects to a path, cut likewise; returns the socket, or -1 with nothing printed. A program that
+/// is started inherits it or not, as `owner` says.
+int active_unix(const std::string& path, ZPISocketOwner owner = ZPISocketOwner::kUser);

@@ -7,7 +7,8 @@
  * two threads at once.
  *
  * The caller owns every socket that is returned and closes it with close(2). A program that is
- * started by fork(2) and exec(2) inherits it.
+ * started by fork(2) and exec(2) inherits it, unless the caller sets FD_CLOEXEC (fcntl(2)). What
+ * channels and servers open for themselves is not inherited.
  *
  * SIGPIPE: where the system has SO_NOSIGPIPE, it is set on the socket. Elsewhere, Linux included,
  * the signal is set to be ignored for the whole process, once, and only if it still has its default

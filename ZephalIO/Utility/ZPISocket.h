@@ -1,0 +1,21 @@
+// What the socket functions, the channels and the server have in common when they get a socket.
+#pragma once
+
+/// Whom a socket is made for.
+enum class ZPISocketOwner {
+  /// The library's user, through an exported function: a program that is started inherits it.
+  kUser,
+  /// A channel or a server: no program that is started inherits it.
+  kLibrary,
+};
+
+/// A new stream socket (socket(2)), or -1. What the library owns is closed by exec(2) from the
+/// start, so that nothing leaks into a program that another thread starts at this moment.
+int ZPIMakeSocket(int family, ZPISocketOwner owner);
+
+/// accept(2) for a connection that no started program inherits; -1 with errno on failure.
+int ZPIAccept(int listener);
+
+/// Lets exec(2) close a socket that was made elsewhere. Standard input, output and error stay as
+/// they are: every program that is started expects to find them.
+void ZPICloseOnExec(int descriptor);

@@ -1,0 +1,11 @@
+// What the exported TCP functions do, for the library's own use too. The rules of
+// ZPKSocketFunctions.h hold, except for what ZPISocketOwner says.
+#pragma once
+
+#include "Utility/ZPISocket.h"
+
+/// See passive_tcp.
+int ZPIPassiveTCP(int port, bool reuse, ZPISocketOwner owner);
+
+/// See active_tcp_ex.
+int ZPIActiveTCP(const char* host, int port, int* out_fd, ZPISocketOwner owner);
