@@ -3,9 +3,12 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <future>
 #include <string>
@@ -13,6 +16,7 @@
 #include "Data Channel/ZPKDataChannel.h"
 #include "Support/ErrorExpectations.h"
 #include "Support/OpenDescriptors.h"
+#include "Support/OrdinaryUser.h"
 #include "Support/SystemCalls.h"
 #include "Support/TransportPeer.h"
 
@@ -312,6 +316,27 @@ TEST(TransportInheritanceTest, AStartedProgramInheritsNoChannel) {
     ASSERT_TRUE(peer.open(channel));
     EXPECT_THAT(inheritedOf(descriptorsSince(before)), IsEmpty()) << transportName(kind);
     EXPECT_TRUE(channel->close());
+  }
+}
+
+// As the first of a pipe whose second ends early: a signal that is ignored would not end it.
+bool doesSigpipeEndAStartedProgram() {
+  const int status = std::system("kill -PIPE $$");
+  return WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE;
+}
+
+TEST(TransportInheritanceTest, SigpipeStillEndsAStartedProgram) {
+  for (const Kind kind : {Kind::kTerminal, Kind::kTCP, Kind::kUnix, Kind::kAdopted}) {
+    const ChildResult result = runInChild([kind](std::string*) {
+      ::signal(SIGPIPE, SIG_IGN);
+      if (doesSigpipeEndAStartedProgram()) return 2;  // the question itself is wrong
+      ::signal(SIGPIPE, SIG_DFL);
+      TransportPeer peer(kind);
+      const ZPKDataChannelPtr channel = peer.makeChannel();
+      if (!peer.open(channel) || !channel->write(bytes("x"))) return 3;
+      return doesSigpipeEndAStartedProgram() ? 0 : 1;
+    });
+    EXPECT_EQ(result.status, 0) << transportName(kind) << result.message;
   }
 }
 

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <fstream>
 #include <future>
@@ -243,6 +244,17 @@ TEST_F(ZPKTCPServerTest, AStartedProgramInheritsNeitherListenersNorConnections) 
   EXPECT_THAT(inheritedOf(added), IsEmpty());
   EXPECT_TRUE(onPort->stop());
   EXPECT_TRUE(onSocket->stop());
+}
+
+TEST_F(ZPKTCPServerTest, AServerLeavesTheDispositionOfSigpipeAlone) {
+  const ChildResult result = runInChild([](std::string*) {
+    ::signal(SIGPIPE, SIG_DFL);
+    const RefusedThreads noThreads;
+    const auto server = startTCPServerOnPort(0, [](const ZPKDataChannelPtr&) {});
+    if (server->handle() < 0) return 2;
+    return ::signal(SIGPIPE, SIG_DFL) == SIG_DFL ? 0 : 1;
+  });
+  EXPECT_EQ(result.status, 0) << result.message;
 }
 
 TEST_F(ZPKTCPServerTest, APortGivenAsANullNumberIsChosenByTheSystem) {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -103,6 +104,23 @@ TEST_F(ZPIUnixSocketFunctionsTest, AFailedConnectIsSilent) {
   EXPECT_EQ(errno, ECONNREFUSED);
   EXPECT_EQ(output.text(), "");
   EXPECT_TRUE(log.lines().empty());
+}
+
+// Whether SIGPIPE would still end the process after a connection, in a fresh process.
+bool keepsSigpipe(const std::string& path, ZPISocketOwner owner) {
+  const ChildResult result = runInChild([&](std::string*) {
+    ::signal(SIGPIPE, SIG_DFL);
+    if (active_unix(path, owner) < 0) return 2;
+    return ::signal(SIGPIPE, SIG_DFL) == SIG_DFL ? 1 : 0;
+  });
+  EXPECT_THAT(result.status, testing::AnyOf(0, 1));
+  return result.status == 1;
+}
+
+TEST_F(ZPIUnixSocketFunctionsTest, ChannelsLeaveTheDispositionOfSigpipeAlone) {
+  kept(passive_unix(_path));
+  EXPECT_FALSE(keepsSigpipe(_path, ZPISocketOwner::kUser));
+  EXPECT_TRUE(keepsSigpipe(_path, ZPISocketOwner::kLibrary));
 }
 
 TEST_F(ZPIUnixSocketFunctionsTest, AFailedSocketIsAFailedConnect) {

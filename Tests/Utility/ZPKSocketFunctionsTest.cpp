@@ -318,8 +318,8 @@ TEST(SocketOptionTest, FailForWhatIsNoSocket) {
   ::close(ends[1]);
 }
 
-// What stands in for SO_NOSIGPIPE on a system without it changes the process, once. So each of
-// these runs in a fresh process.
+// What stands in for SO_NOSIGPIPE on a system without it changes the process. So each of these runs
+// in a fresh process.
 class NoSigpipeDeathTest : public testing::Test {
  protected:
   NoSigpipeDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
@@ -363,6 +363,18 @@ TEST_F(NoSigpipeDeathTest, TheSocketFunctionsDoTheSame) {
     ::_exit(writeToNobody(connectToOurselves));
   };
   EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(NoSigpipeDeathTest, EveryCallLooksAtTheDispositionAgain) {
+  for (int (*const prepare)(int) : {no_sigpipe, connectToOurselves}) {
+    const auto run = [prepare] {
+      ::signal(SIGPIPE, SIG_DFL);
+      if (writeToNobody(prepare) != 0) ::_exit(3);
+      ::signal(SIGPIPE, SIG_DFL);  // as a host may at any time
+      ::_exit(writeToNobody(prepare));
+    };
+    EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
+  }
 }
 
 TEST_F(NoSigpipeDeathTest, AFailedCallChangesNothing) {

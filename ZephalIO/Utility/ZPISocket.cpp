@@ -4,6 +4,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "Utility/ZPKSocketFunctions.h"
+
 int ZPIMakeSocket(int family, ZPISocketOwner owner) {
   if (owner == ZPISocketOwner::kUser) return ::socket(family, SOCK_STREAM, 0);
 #ifdef SOCK_CLOEXEC
@@ -13,6 +15,14 @@ int ZPIMakeSocket(int family, ZPISocketOwner owner) {
   ZPICloseOnExec(fd);
   return fd;
 #endif
+}
+
+void ZPIAvoidSigpipe(int fd, [[maybe_unused]] ZPISocketOwner owner) {
+#ifndef SO_NOSIGPIPE
+  // Without that option no_sigpipe changes the whole process.
+  if (owner == ZPISocketOwner::kLibrary) return;
+#endif
+  no_sigpipe(fd);
 }
 
 int ZPIAccept(int listener) {

@@ -3,15 +3,20 @@
 
 /// Whom a socket is made for.
 enum class ZPISocketOwner {
-  /// The library's user, through an exported function: a program that is started inherits it.
+  /// The library's user, through an exported function: a program that is started inherits it, and
+  /// a write to a peer that has gone raises no SIGPIPE, whoever writes (see no_sigpipe).
   kUser,
-  /// A channel or a server: no program that is started inherits it.
+  /// A channel or a server: no program that is started inherits it. They write without the signal,
+  /// so its disposition, which started programs inherit, is left alone.
   kLibrary,
 };
 
 /// A new stream socket (socket(2)), or -1. What the library owns is closed by exec(2) from the
 /// start, so that nothing leaks into a program that another thread starts at this moment.
 int ZPIMakeSocket(int family, ZPISocketOwner owner);
+
+/// Sees to it that a write to a peer that has gone raises no SIGPIPE, as the owner needs it.
+void ZPIAvoidSigpipe(int fd, ZPISocketOwner owner);
 
 /// accept(2) for a connection that no started program inherits; -1 with errno on failure.
 int ZPIAccept(int listener);

@@ -60,7 +60,7 @@ int ZPIPassiveTCP(int port, bool reuse, ZPISocketOwner owner) {
     return -1;
   }
   ::listen(fd, kBacklog);
-  no_sigpipe(fd);
+  ZPIAvoidSigpipe(fd, owner);
   tcp_nodelay(fd);
   return fd;
 }
@@ -81,7 +81,7 @@ int ZPIActiveTCP(const char* host, int port, int* out_fd, ZPISocketOwner owner) 
     fd = -1;
   }
   const int number = errno;
-  no_sigpipe(fd);
+  ZPIAvoidSigpipe(fd, owner);
   so_keepalive(fd);
   tcp_nodelay(fd);
   errno = number;

@@ -10,8 +10,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "Utility/ZPKSocketFunctions.h"
-
 namespace {
 
 constexpr int kBacklog = 5;
@@ -91,7 +89,7 @@ int active_unix(const std::string& path, ZPISocketOwner owner) {
     fd = -1;
   }
   const int number = errno;
-  no_sigpipe(fd);
+  ZPIAvoidSigpipe(fd, owner);
   errno = number;
   return fd;
 }

@@ -13,6 +13,6 @@
 /// nothing and fails with ENOENT.
 int passive_unix(const std::string& path);
 
-/// Connects to a path, cut likewise; returns the socket, or -1 with nothing printed. A program that
-/// is started inherits it or not, as `owner` says.
+/// Connects to a path, cut likewise; returns the socket, or -1 with nothing printed. Whether a
+/// program that is started inherits it, and what becomes of SIGPIPE, depends on `owner`.
 int active_unix(const std::string& path, ZPISocketOwner owner = ZPISocketOwner::kUser);

@@ -6,7 +6,6 @@
 
 #include <csignal>
 #include <cstdint>
-#include <mutex>
 
 #include "Utility/ZPITCPSocketFunctions.h"
 
@@ -18,15 +17,19 @@ int switchOn(int fd, int level, int option) {
 }
 
 #ifndef SO_NOSIGPIPE
+bool isDefault(const struct sigaction& action) {
+  return (action.sa_flags & SA_SIGINFO) == 0 && action.sa_handler == SIG_DFL;
+}
+
+// Looks at every call, since a host may set the default back.
 void ignoreSigpipeUnlessHandled() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    struct sigaction action {};
-    if (::sigaction(SIGPIPE, nullptr, &action) != 0 || (action.sa_flags & SA_SIGINFO) != 0) return;
-    if (action.sa_handler != SIG_DFL) return;
-    action.sa_handler = SIG_IGN;
-    ::sigaction(SIGPIPE, &action, nullptr);
-  });
+  struct sigaction before {};
+  if (::sigaction(SIGPIPE, nullptr, &before) != 0 || !isDefault(before)) return;
+  struct sigaction ignore {};
+  ignore.sa_handler = SIG_IGN;
+  if (::sigaction(SIGPIPE, &ignore, &before) != 0) return;
+  // Another thread has set a handler in between.
+  if (!isDefault(before)) ::sigaction(SIGPIPE, &before, nullptr);
 }
 #endif
 

@@ -11,8 +11,10 @@
  * channels and servers open for themselves is not inherited.
  *
  * SIGPIPE: where the system has SO_NOSIGPIPE, it is set on the socket. Elsewhere, Linux included,
- * the signal is set to be ignored for the whole process, once, and only if it still has its default
- * action. Either way a write to a peer that has gone fails with EPIPE. */
+ * passive_tcp, active_tcp, active_tcp_ex and no_sigpipe set the signal to be ignored for the whole
+ * process, at every call that finds it with its default action; a program that is started inherits
+ * that. Either way a write to a peer that has gone fails with EPIPE. Channels and servers leave the
+ * signal alone: their own writes do not raise it. */
 #pragma once
 
 #include <stdbool.h>
