@@ -14,6 +14,7 @@
 
 #include "Data Channel Internal/ZPIEndpointSocket.h"
 #include "Support/ErrorExpectations.h"
+#include "Support/FullListener.h"
 #include "Support/OpenDescriptors.h"
 #include "Support/OrdinaryUser.h"
 #include "Support/SimulatedDevice.h"
@@ -257,6 +258,20 @@ TEST(ZPIEndpointSocketTest, AConnectedSocketIsBlocking) {
   EXPECT_TRUE(channel->openWithTimeout(1.0, nullptr));
   EXPECT_THAT(calls.texts({"fcntl", "ioctl"}), IsEmpty());
   channel->close(nullptr);
+}
+
+TEST(ZPIEndpointSocketTest, ASignalWhileItConnectsDoesNotEndTheOpen) {
+  for (const auto kind : {FullListener::Kind::kTCP, FullListener::Kind::kUnix}) {
+    FullListener listener(kind);
+    const auto channel = ZPIEndpointSocket::initForURL(urlOf(listener.url()));
+    bool isOpen = false;
+    connectUnderSignals([&] { isOpen = channel->openWithTimeout(1.0, nullptr); },
+                        [&] { listener.makeRoom(); });
+    EXPECT_TRUE(isOpen) << listener.url();
+    // Open means connected.
+    EXPECT_TRUE(channel->write(bytes("x"), nullptr));
+    if (isOpen) channel->close(nullptr);
+  }
 }
 
 // --- Reset and close

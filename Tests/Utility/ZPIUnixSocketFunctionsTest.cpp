@@ -13,6 +13,7 @@
 #include <set>
 #include <string>
 
+#include "Support/FullListener.h"
 #include "Support/LogCapture.h"
 #include "Support/OpenDescriptors.h"
 #include "Support/OrdinaryUser.h"
@@ -104,6 +105,40 @@ TEST_F(ZPIUnixSocketFunctionsTest, AFailedConnectIsSilent) {
   EXPECT_EQ(errno, ECONNREFUSED);
   EXPECT_EQ(output.text(), "");
   EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(ZPIUnixSocketFunctionsTest, ASignalDoesNotEndAConnect) {
+  FullListener listener(FullListener::Kind::kUnix);
+  int client = -1;
+  connectUnderSignals([&] { client = active_unix(listener.path()); }, [&] { listener.makeRoom(); });
+  ASSERT_GE(kept(client), 0);
+  EXPECT_EQ(::send(client, "x", 1, MSG_NOSIGNAL), 1);
+}
+
+TEST_F(ZPIUnixSocketFunctionsTest, ARefusalAfterASignalIsTheReasonOfTheFailure) {
+  FullListener listener(FullListener::Kind::kUnix);
+  int result = 0;
+  int reason = 0;
+  connectUnderSignals(
+      [&] {
+        errno = 0;
+        result = active_unix(listener.path());
+        reason = errno;
+      },
+      [&] { listener.goAway(); });
+  EXPECT_EQ(result, -1);
+  EXPECT_EQ(reason, ECONNREFUSED);
+}
+
+TEST_F(ZPIUnixSocketFunctionsTest, ASignalWhileItProbesDoesNotCostALiveListenerItsFile) {
+  FullListener listener(FullListener::Kind::kUnix);
+  StandardOutputCapture output;
+  int result = 0;
+  connectUnderSignals([&] { result = passive_unix(listener.path()); },
+                      [&] { listener.makeRoom(); });
+  EXPECT_EQ(result, -1);
+  EXPECT_EQ(output.text(), busyLine(listener.path()));
+  EXPECT_TRUE(isSocketFile(listener.path()));
 }
 
 // Whether SIGPIPE would still end the process after a connection, in a fresh process.

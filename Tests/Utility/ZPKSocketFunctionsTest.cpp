@@ -11,6 +11,7 @@
 #include <set>
 #include <string>
 
+#include "Support/FullListener.h"
 #include "Support/LogCapture.h"
 #include "Support/OpenDescriptors.h"
 #include "Support/SignalHandler.h"
@@ -230,6 +231,23 @@ TEST(ActiveTCPTest, ARefusedConnectionFailsInSilenceAndLeavesNoDescriptor) {
   EXPECT_EQ(printed, "");
   EXPECT_EQ(openDescriptors(), before);
   EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(ActiveTCPTest, ARefusalAfterASignalIsTheReasonOfTheFailure) {
+  FullListener listener(FullListener::Kind::kTCP);
+  const size_t held = openDescriptors().size();
+  int result = 0;
+  int reason = 0;
+  connectUnderSignals(
+      [&] {
+        errno = 0;
+        result = active_tcp("127.0.0.1", listener.port());
+        reason = errno;
+      },
+      [&] { listener.goAway(); });
+  EXPECT_EQ(result, -1);
+  EXPECT_EQ(reason, ECONNREFUSED);
+  EXPECT_EQ(openDescriptors().size(), held - 1);  // the listener
 }
 
 TEST(ActiveTCPTest, TheOptionsAreTriedAfterAFailedConnectToo) {

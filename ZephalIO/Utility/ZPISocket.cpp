@@ -1,10 +1,30 @@
 #include "Utility/ZPISocket.h"
 
 #include <fcntl.h>
-#include <sys/socket.h>
+#include <poll.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "Utility/ZPKSocketFunctions.h"
+
+namespace {
+
+// A connect that a signal interrupts goes on in the system, which tells the outcome once.
+int waitForConnection(int fd) {
+  pollfd entry{fd, POLLOUT, 0};
+  while (::poll(&entry, 1, -1) == -1) {
+    if (errno != EINTR && errno != EAGAIN) return -1;
+  }
+  int number = 0;
+  socklen_t length = sizeof number;
+  if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &number, &length) == -1) return -1;
+  if (number == 0) return 0;
+  errno = number;
+  return -1;
+}
+
+}  // namespace
 
 int ZPIMakeSocket(int family, ZPISocketOwner owner) {
   if (owner == ZPISocketOwner::kUser) return ::socket(family, SOCK_STREAM, 0);
@@ -15,6 +35,16 @@ int ZPIMakeSocket(int family, ZPISocketOwner owner) {
   ZPICloseOnExec(fd);
   return fd;
 #endif
+}
+
+int ZPIConnect(int fd, const sockaddr* address, socklen_t length) {
+  int result = ::connect(fd, address, length);
+  // A unix socket waits for room in the backlog, and has not begun to connect before that: poll
+  // would call it writable, with no error.
+  while (result == -1 && errno == EINTR && address->sa_family == AF_UNIX) {
+    result = ::connect(fd, address, length);
+  }
+  return result == -1 && errno == EINTR ? waitForConnection(fd) : result;
 }
 
 void ZPIAvoidSigpipe(int fd, [[maybe_unused]] ZPISocketOwner owner) {

@@ -1,6 +1,8 @@
 // What the socket functions, the channels and the server have in common when they get a socket.
 #pragma once
 
+#include <sys/socket.h>
+
 /// Whom a socket is made for.
 enum class ZPISocketOwner {
   /// The library's user, through an exported function: a program that is started inherits it, and
@@ -14,6 +16,10 @@ enum class ZPISocketOwner {
 /// A new stream socket (socket(2)), or -1. What the library owns is closed by exec(2) from the
 /// start, so that nothing leaks into a program that another thread starts at this moment.
 int ZPIMakeSocket(int family, ZPISocketOwner owner);
+
+/// connect(2) on a blocking socket, also when signals come meanwhile: 0, or -1 with the errno of
+/// the connection.
+int ZPIConnect(int fd, const sockaddr* address, socklen_t length);
 
 /// Sees to it that a write to a peer that has gone raises no SIGPIPE, as the owner needs it.
 void ZPIAvoidSigpipe(int fd, ZPISocketOwner owner);

@@ -74,7 +74,7 @@ int ZPIActiveTCP(const char* host, int port, int* out_fd, ZPISocketOwner owner) 
   if (out_fd != nullptr) *out_fd = fd;
   if (!isResolved) errno = EHOSTUNREACH;
   if (!isResolved ||
-      ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+      ZPIConnect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     const int number = errno;
     ::close(fd);
     errno = number;

@@ -56,7 +56,7 @@ bool isSocketFile(const std::string& path) {
 
 bool somebodyListens(const std::string& path) {
   const int probe = ZPIMakeSocket(AF_UNIX, ZPISocketOwner::kLibrary);
-  const bool isConnected = callWithAddress(::connect, probe, path) == 0;
+  const bool isConnected = callWithAddress(ZPIConnect, probe, path) == 0;
   closeKeepingErrno(probe);
   return isConnected;
 }
@@ -84,7 +84,7 @@ int passive_unix(const std::string& path) {
 
 int active_unix(const std::string& path, ZPISocketOwner owner) {
   int fd = ZPIMakeSocket(AF_UNIX, owner);
-  if (callWithAddress(::connect, fd, path) != 0) {
+  if (callWithAddress(ZPIConnect, fd, path) != 0) {
     closeKeepingErrno(fd);
     fd = -1;
   }

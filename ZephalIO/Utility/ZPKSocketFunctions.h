@@ -14,7 +14,9 @@
  * passive_tcp, active_tcp, active_tcp_ex and no_sigpipe set the signal to be ignored for the whole
  * process, at every call that finds it with its default action; a program that is started inherits
  * that. Either way a write to a peer that has gone fails with EPIPE. Channels and servers leave the
- * signal alone: their own writes do not raise it. */
+ * signal alone: their own writes do not raise it.
+ *
+ * A signal handler without SA_RESTART does not end a connect: the call goes on to wait. */
 #pragma once
 
 #include <stdbool.h>

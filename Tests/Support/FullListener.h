@@ -1,0 +1,45 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "Support/TemporaryFolder.h"
+
+namespace support {
+
+/// A listener with a full backlog: a connect to it waits until there is room, or the listener is
+/// gone.
+class FullListener {
+ public:
+  enum class Kind { kTCP, kUnix };
+
+  explicit FullListener(Kind kind);
+  FullListener(const FullListener&) = delete;
+  FullListener& operator=(const FullListener&) = delete;
+  ~FullListener();
+
+  /// "tcp://127.0.0.1:40123" or "unix:///tmp/...".
+  std::string url() const;
+  int port() const { return _port; }
+  std::string path() const { return _folder.pathOf("full"); }
+
+  /// Takes the connection that fills the backlog. Over TCP the system tries again within a second.
+  void makeRoom();
+  /// Stops listening.
+  void goAway();
+
+ private:
+  const Kind _kind;
+  TemporaryFolder _folder;
+  int _port = 0;
+  int _listener = -1;
+  int _filling = -1;
+  int _taken = -1;
+};
+
+/// Runs `connect` on this thread while another sends this one signals, whose handler is without
+/// SA_RESTART. Once a connect(2) of this thread was interrupted and some more signals have come,
+/// the other thread calls `then`.
+void connectUnderSignals(const std::function<void()>& connect, const std::function<void()>& then);
+
+}  // namespace support
