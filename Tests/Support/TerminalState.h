@@ -14,6 +14,9 @@ extern const unsigned long kSetExactAttributesRequest;
 /// The input and the output speed of a terminal, as the system has them: bits per second.
 std::pair<uint32_t, uint32_t> terminalSpeeds(int descriptor);
 
+/// Sets the input and the output speed of a terminal, which may differ.
+void setTerminalSpeeds(int descriptor, uint32_t input, uint32_t output);
+
 /// The attributes of a terminal.
 termios terminalAttributes(int descriptor);
 

@@ -73,6 +73,42 @@ TEST_F(ZPIExactTerminalSpeedTest, FailsForWhatIsNoTerminal) {
   ::close(ends[1]);
 }
 
+TEST_F(ZPIExactTerminalSpeedTest, RefusesARateThatTheDriverDidNotTake) {
+  constexpr uint32_t kRate = 1000000;
+  struct Case {
+    Speeds taken;
+    bool isClose;
+  };
+  for (const Case& driver :
+       {Case{{115200, 115200}, false}, Case{{kRate, kRate}, true}, Case{{1030000, 970000}, true},
+        Case{{kRate, 1030001}, false}, Case{{1030001, kRate}, false}, Case{{kRate, 969999}, false},
+        Case{{969999, kRate}, false}, Case{{kRate, 0}, false}}) {
+    SystemCalls calls;
+    // What the driver made of it, ahead of the second look.
+    calls.before(
+        "ioctl TCGETS2",
+        [&] { setTerminalSpeeds(_terminal, driver.taken.first, driver.taken.second); }, 1);
+    errno = 0;
+    EXPECT_EQ(ZPISetExactTerminalSpeed(_terminal, kRate), driver.isClose ? 0 : -1);
+    EXPECT_EQ(errno, driver.isClose ? 0 : EINVAL) << driver.taken.first << driver.taken.second;
+    EXPECT_THAT(calls.texts(), ElementsAre("ioctl TCGETS2", "ioctl TCSETS2", "ioctl TCGETS2"));
+  }
+}
+
+TEST_F(ZPIExactTerminalSpeedTest, FailsIfTheRateCannotBeReadBack) {
+  SystemCalls calls;
+  calls.fail("ioctl TCGETS2", EIO, 1);
+  EXPECT_EQ(ZPISetExactTerminalSpeed(_terminal, 9600), -1);
+  EXPECT_EQ(errno, EIO);
+}
+
+// It hangs up, and drivers differ in the speed that they keep.
+TEST_F(ZPIExactTerminalSpeedTest, ARateOfZeroIsNotLookedAtAgain) {
+  SystemCalls calls;
+  EXPECT_EQ(ZPISetExactTerminalSpeed(_terminal, 0), 0);
+  EXPECT_THAT(calls.texts(), ElementsAre("ioctl TCGETS2", "ioctl TCSETS2"));
+}
+
 TEST_F(ZPIExactTerminalSpeedTest, FailsWithTheErrnoOfTheRequest) {
   SystemCalls calls;
   calls.fail("ioctl TCSETS2", EIO);

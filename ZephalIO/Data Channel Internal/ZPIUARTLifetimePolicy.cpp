@@ -36,7 +36,12 @@ bool reportMode(ZPKErrorPtr* error, const ZPIFailureSite& site, const char* mess
 bool setStandardSpeed(termios* attributes, int64_t rate) {
   const bool isStandard =
       std::find(kStandardSpeeds.begin(), kStandardSpeeds.end(), rate) != kStandardSpeeds.end();
-  return isStandard && ::cfsetspeed(attributes, static_cast<speed_t>(rate)) == 0;
+  if (!isStandard || ::cfsetspeed(attributes, static_cast<speed_t>(rate)) != 0) return false;
+#ifdef CIBAUD
+  // An input speed that an earlier program set apart outlives cfsetspeed.
+  attributes->c_cflag &= ~static_cast<tcflag_t>(CIBAUD);
+#endif
+  return true;
 }
 
 bool setMode(termios* attributes, const std::string& mode, ZPKErrorPtr* error) {

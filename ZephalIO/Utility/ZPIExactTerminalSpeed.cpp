@@ -12,6 +12,32 @@
 
 #ifdef BOTHER
 
+namespace {
+
+constexpr tcflag_t kInputSpeed = CBAUD << IBSHIFT;
+
+// A line tolerates a difference of some per cent.
+constexpr uint64_t kTolerance = 3;
+
+bool isClose(uint64_t actual, uint64_t rate) {
+  const uint64_t difference = actual > rate ? actual - rate : rate - actual;
+  return difference * 100 <= rate * kTolerance;
+}
+
+// A driver may accept a rate that it cannot make and stay at another: 0 if it took this one.
+int checkSpeeds(int descriptor, uint64_t rate) {
+  termios2 actual{};
+  if (::ioctl(descriptor, TCGETS2, &actual) == -1) return -1;
+  // Without bits of its own the input follows the output.
+  const bool hasInputSpeed = (actual.c_cflag & kInputSpeed) != 0;
+  const speed_t input = hasInputSpeed ? actual.c_ispeed : actual.c_ospeed;
+  if (isClose(actual.c_ospeed, rate) && isClose(input, rate)) return 0;
+  errno = EINVAL;
+  return -1;
+}
+
+}  // namespace
+
 int ZPISetExactTerminalSpeed(int descriptor, uint64_t rate) {
   if (rate > std::numeric_limits<speed_t>::max()) {
     errno = EINVAL;
@@ -19,12 +45,13 @@ int ZPISetExactTerminalSpeed(int descriptor, uint64_t rate) {
   }
   termios2 attributes{};
   if (::ioctl(descriptor, TCGETS2, &attributes) == -1) return -1;
-  constexpr tcflag_t kBothSpeeds = CBAUD | (CBAUD << IBSHIFT);
-  attributes.c_cflag &= ~kBothSpeeds;
+  attributes.c_cflag &= ~(CBAUD | kInputSpeed);
   attributes.c_cflag |= BOTHER | (BOTHER << IBSHIFT);
   attributes.c_ispeed = static_cast<speed_t>(rate);
   attributes.c_ospeed = static_cast<speed_t>(rate);
-  return ::ioctl(descriptor, TCSETS2, &attributes);
+  if (::ioctl(descriptor, TCSETS2, &attributes) == -1) return -1;
+  // Zero hangs up, and says nothing of the speed that is kept.
+  return rate == 0 ? 0 : checkSpeeds(descriptor, rate);
 }
 
 #else
