@@ -123,6 +123,22 @@ TEST_F(ZPIUARTLifetimePolicyTest, WithoutTheExclusiveOptionNoHoldIsTakenAndNoneI
                           "fcntl F_SETFL 0"));
 }
 
+TEST_F(ZPIUARTLifetimePolicyTest, TheExclusiveOptionMayBeText) {
+  const std::pair<const char*, bool> cases[] = {
+      {"true", true}, {"TRUE", true},   {"True", true}, {"yes", true}, {"YES", true},
+      {"1", true},    {"2", true},      {"0", false},   {"no", false}, {"false", false},
+      {"", false},    {"truer", false}, {"y", false},   {"on", false}};
+  for (const auto& [text, isExclusive] : cases) {
+    TransportPeer peer(TransportPeer::Kind::kTerminal);
+    const ZPKOptionsPtr options = optionsOf(9600, "8N1");
+    options->set(ZEPHAL_COMMUNICATION_UART_EXCLUSIVE_LOCK, text);
+    Port port;
+    const SystemCalls calls;
+    EXPECT_TRUE(port.open(peer.url(), options));
+    EXPECT_EQ(calls.count("ioctl TIOCEXCL"), isExclusive ? 1U : 0U) << text;
+  }
+}
+
 TEST_F(ZPIUARTLifetimePolicyTest, TheDescriptorBlocksAndDoesNotSurviveAnExec) {
   EXPECT_TRUE(open(115200, "8N1"));
   EXPECT_EQ(::fcntl(_port.descriptor, F_GETFL) & (O_NONBLOCK | O_APPEND), 0);

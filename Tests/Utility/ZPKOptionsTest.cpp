@@ -53,6 +53,39 @@ TEST(ZPKOptionsTest, ANumberIsShownAsAString) {
   EXPECT_EQ(options->number("double"), 1000000);
 }
 
+TEST(ZPKOptionsTest, AViewOfTextIsAString) {
+  const ZPKOptionsPtr options = ZPKOptions::init();
+  const std::string_view text = std::string_view("7E1 and more").substr(0, 3);
+  options->set("view", text);
+  options->set("string", std::string("8N1"));
+  options->set("literal", "8N2");
+  EXPECT_EQ(options->get("view"), ZPKOptions::Value("7E1"));
+  EXPECT_EQ(options->get("string"), ZPKOptions::Value("8N1"));
+  EXPECT_EQ(options->get("literal"), ZPKOptions::Value("8N2"));
+}
+
+TEST(ZPKOptionsTest, ABoolIsANumberOrAWord) {
+  const ZPKOptionsPtr options = ZPKOptions::init();
+  EXPECT_EQ(options->boolean("missing"), std::nullopt);
+  for (const ZPKNumber& number : {ZPKNumber(true), ZPKNumber(1), ZPKNumber(-0.5)}) {
+    options->set("key", number);
+    EXPECT_EQ(options->boolean("key"), true) << number.stringValue();
+  }
+  for (const ZPKNumber& number : {ZPKNumber(false), ZPKNumber(0), ZPKNumber(0.0)}) {
+    options->set("key", number);
+    EXPECT_EQ(options->boolean("key"), false) << number.stringValue();
+  }
+  for (const char* const text :
+       {"true", "TRUE", "tRuE", "yes", "Yes", "1", "2", "-1", " 1", "1x"}) {
+    options->set("key", text);
+    EXPECT_EQ(options->boolean("key"), true) << text;
+  }
+  for (const char* const text : {"false", "no", "0", "", "on", "y", "tru", "truee", "true "}) {
+    options->set("key", text);
+    EXPECT_EQ(options->boolean("key"), false) << text;
+  }
+}
+
 TEST(ZPKOptionsTest, SettingAKeyAgainReplacesItsValue) {
   const ZPKOptionsPtr options = ZPKOptions::init();
   options->set("key", 1);

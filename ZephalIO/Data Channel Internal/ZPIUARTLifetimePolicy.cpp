@@ -79,7 +79,7 @@ bool ZPIUARTLifetimePolicy::openPortWithError__no_cleanup(int32_t* descriptor, c
     return reportStep(error, {kSite}, "Error opening serial port %@ - %s(%d).", path, errno);
   }
   const bool isExclusive =
-      options->number(ZEPHAL_COMMUNICATION_UART_EXCLUSIVE_LOCK).value_or(false).boolValue();
+      options->boolean(ZEPHAL_COMMUNICATION_UART_EXCLUSIVE_LOCK).value_or(false);
   if (isExclusive && ::ioctl(*descriptor, TIOCEXCL) == -1) {
     return reportStep(error, {kSite}, "Error setting TIOCEXCL on %@ - %s(%d)", path, errno);
   }

@@ -17,8 +17,9 @@ extern ZPK_EXPORT const std::string_view ZEPHAL_COMMUNICATION_UART_BAUD;
 /// Option key of a serial port's character format: a string of three characters, the size ("5" to
 /// "8"), the parity ("N", "O" or "E") and the stop bits ("1" or "2"), "8N1" by default.
 extern ZPK_EXPORT const std::string_view ZEPHAL_COMMUNICATION_UART_MODE;
-/// Option key of the exclusive hold on a serial port: a boolean number, true by default. The hold
-/// can outlive the close (see createUARTChannel); false takes none.
+/// Option key of the exclusive hold on a serial port: a boolean, as a number or as text (see
+/// ZPKOptions::boolean), true by default. The hold can outlive the close (see createUARTChannel);
+/// false takes none.
 extern ZPK_EXPORT const std::string_view ZEPHAL_COMMUNICATION_UART_EXCLUSIVE_LOCK;
 
 /// Version symbols, in the form that a file-identification tool such as what(1) looks for; the text

@@ -4,6 +4,18 @@
 #include <limits>
 #include <utility>
 
+namespace {
+
+// Whether a text is a word of lower-case letters, in any case. Not by the locale, which may know
+// other letters.
+bool isWord(std::string_view text, std::string_view word) {
+  return std::equal(text.begin(), text.end(), word.begin(), word.end(), [](char one, char other) {
+    return (one >= 'A' && one <= 'Z' ? one - 'A' + 'a' : one) == other;
+  });
+}
+
+}  // namespace
+
 ZPKOptionsPtr ZPKOptions::init() { return std::make_shared<ZPKOptions>(Key()); }
 
 std::optional<ZPKOptions::Value> ZPKOptions::get(std::string_view key) const {
@@ -17,6 +29,14 @@ std::optional<ZPKNumber> ZPKOptions::number(std::string_view key) const {
   if (!value.has_value()) return std::nullopt;
   if (const auto* text = std::get_if<std::string>(&*value)) return ZPKIntegerFromString(*text);
   return std::get<ZPKNumber>(*value);
+}
+
+std::optional<bool> ZPKOptions::boolean(std::string_view key) const {
+  const std::optional<Value> value = get(key);
+  if (!value.has_value()) return std::nullopt;
+  const auto* text = std::get_if<std::string>(&*value);
+  if (text != nullptr && (isWord(*text, "true") || isWord(*text, "yes"))) return true;
+  return number(key)->boolValue();
 }
 
 std::optional<std::string> ZPKOptions::string(std::string_view key) const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <concepts>
 #include <map>
 #include <optional>
 #include <string>
@@ -30,11 +31,18 @@ class ZPK_EXPORT ZPKOptions {
   /// The value as a number: a string is read as a decimal integer from its start, as by
   /// ZPKIntegerFromString. Null for a missing key.
   std::optional<ZPKNumber> number(std::string_view key) const;
+  /// The value as a bool. A number is false if it is 0. A string is true if it is "true" or "yes",
+  /// in any case, or if it begins with a number that is not 0, such as "1"; anything else, "no" and
+  /// "on" included, is false. Null for a missing key.
+  std::optional<bool> boolean(std::string_view key) const;
   /// The value as a string: a number in decimal. Null for a missing key.
   std::optional<std::string> string(std::string_view key) const;
 
   /// Sets a key, or replaces its value.
   void set(std::string_view key, Value value);
+  void set(std::string_view key, std::same_as<std::string_view> auto text) {
+    set(key, Value(std::string(text)));
+  }
   /// Takes a key away, if it is there.
   void remove(std::string_view key);
   /// Adds all of `other`, whose values win. Null adds nothing.
