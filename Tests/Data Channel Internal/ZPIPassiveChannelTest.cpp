@@ -6,6 +6,7 @@
 #include <array>
 #include <chrono>
 #include <cmath>
+#include <limits>
 #include <thread>
 
 #include "Data Channel Internal/ZPIPassiveChannel.h"
@@ -150,6 +151,21 @@ TEST_F(ZPIPassiveChannelTest, ANegativeTimeoutIsHandedDownDividedByTenAndTheErro
   EXPECT_THAT(log.lines(), ElementsAre());
 }
 
+// Its tenth would be FOREVER below, or NOW.
+TEST_F(ZPIPassiveChannelTest, ANegativeTimeoutStaysOneThatIsRefusedBelow) {
+  constexpr double kSmallest = std::numeric_limits<double>::denorm_min();
+  for (const double timeout : {-10.0, -9.99, -10.01, -kSmallest, -1e300}) {
+    below->addFailedRead(errorWithCode(3), false);
+    EXPECT_EQ(channel->readWithTimeout(timeout, nullptr), nullptr);
+  }
+  EXPECT_THAT(below->readTimeouts(), ElementsAre(-10.0, -0.999, -10.01 / 10, -kSmallest, -1e299));
+}
+
+TEST_F(ZPIPassiveChannelTest, MinusZeroIsNow) {
+  EXPECT_EQ(channel->readWithTimeout(-0.0, nullptr)->length(), 0U);
+  EXPECT_THAT(below->readTimeouts(), ElementsAre(0.0));
+}
+
 TEST_F(ZPIPassiveChannelTest, ANegativeTimeoutThatIsTakenBelowIsOverAfterOneSlice) {
   const ZPKDataPtr data = channel->readWithTimeout(-5.0, nullptr);
   ASSERT_NE(data, nullptr);
@@ -232,6 +248,25 @@ TEST_F(ZPIPassiveChannelTest, TheChannelBelowGetsASlotOfItsOwn) {
   ZPKErrorPtr error = olderError();
   EXPECT_EQ(chatty->readWithTimeout(1000.0, &error)->view(), "a");
   EXPECT_EQ(error, olderError());
+}
+
+// Something to be read is there, so that a read which takes the timeout does not wait for ever.
+TEST(ZPIPassiveChannelOverASocketTest, EveryNegativeTimeoutButForeverIsRefused) {
+  for (const double timeout :
+       {-10.0, -9.99, -10.01, -0.5, -std::numeric_limits<double>::denorm_min(),
+        -std::numeric_limits<double>::infinity()}) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
+    const ZPKDataChannelPtr transport = createActiveTCPChannelWithSocket(ends[0]);
+    const ZPKDataChannelPtr channel = ZPIPassiveChannel::initWithChannel(transport);
+    ASSERT_EQ(::write(ends[1], "x", 1), 1);
+    ZPKErrorPtr error;
+    EXPECT_EQ(channel->readWithTimeout(timeout, &error), nullptr) << timeout;
+    EXPECT_TRUE(error != nullptr && error->code() == 3) << timeout;
+    EXPECT_EQ(channel->readWithTimeout(ZEPHAL_COMMUNICATION_TIME_NOW, nullptr)->view(), "x");
+    EXPECT_TRUE(transport->close());
+    ::close(ends[1]);
+  }
 }
 
 // Over a transport that waits: every slice is one select, ten or eleven of them on an idle machine

@@ -18,6 +18,14 @@ bool isTimed(double timeout) {
   return timeout != ZEPHAL_COMMUNICATION_TIME_NOW && timeout != ZEPHAL_COMMUNICATION_TIME_FOREVER;
 }
 
+// A tenth of the timeout. A negative one is to be refused below, so it must not become NOW or
+// FOREVER on its way there.
+double sliceOf(double timeout) {
+  if (!isTimed(timeout)) return timeout;
+  const double slice = timeout / 10.0;
+  return timeout > 0.0 || isTimed(slice) ? slice : timeout;
+}
+
 void store(ZPKErrorPtr* slot, ZPKErrorPtr error) {
   if (slot != nullptr) *slot = std::move(error);
 }
@@ -54,7 +62,7 @@ ZPKDataPtr ZPIPassiveChannel::readWithTimeout(double timeout, ZPKErrorPtr* error
   }
   const bool timed = isTimed(timeout);
   const WallClock::time_point start = timed ? WallClock::now() : WallClock::time_point();
-  const double slice = timed ? timeout / 10.0 : timeout;
+  const double slice = sliceOf(timeout);
   for (;;) {
     ZPKErrorPtr readError;
     ZPKDataPtr data = _channel->readWithTimeout(slice, &readError);

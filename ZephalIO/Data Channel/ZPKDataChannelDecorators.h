@@ -68,7 +68,8 @@ ZPK_EXPORT ZPKDataChannelPtr createActiveNullChannel(const ZPKDataChannelPtr& ch
 /// the caller's thread, until bytes come, the time is up, or the channel closes. Empty data comes
 /// no earlier than the timeout and about one slice later at the most. A channel that closes between
 /// two slices gives null, and null in the slot. Time is the system's wall clock, so a clock that is
-/// set during a read moves its end.
+/// set during a read moves its end. A negative timeout other than FOREVER goes down and is refused
+/// there.
 ///
 /// Fails for a null channel.
 ZPK_EXPORT ZPKDataChannelPtr createPassiveChannel(const ZPKDataChannelPtr& channel,
