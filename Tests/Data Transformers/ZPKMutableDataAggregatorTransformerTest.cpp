@@ -55,6 +55,16 @@ TEST(ZPKMutableDataAggregatorTransformerTest, ATerminatorAtTheEndOfTheChunkLetsA
   EXPECT_EQ(held(*aggregator), "");
 }
 
+TEST(ZPKMutableDataAggregatorTransformerTest, ATerminatorWrittenIntoItsBufferEndsAUnit) {
+  const auto aggregator = cuttingAt(";");
+  EXPECT_EQ(passed(*aggregator, "abc"), "");
+  uint8_t* const pointer = aggregator->buffer()->mutableBytes();
+  EXPECT_EQ(passed(*aggregator, ""), "");
+  pointer[1] = ';';
+  EXPECT_EQ(passed(*aggregator, ""), "a;");
+  EXPECT_EQ(held(*aggregator), "c");
+}
+
 // [A;B;C] [] []
 TEST(ZPKMutableDataAggregatorTransformerTest, OneCallHandsOutOneUnitAndEmptyChunksTheOthers) {
   const auto aggregator = cuttingAt(";");

@@ -513,19 +513,99 @@ TEST(ZPKMutableDataTest, AShorterOrLongerPatternIsAnotherOne) {
   EXPECT_EQ(find(buffer, "abcab"), 0U);
 }
 
-// Bytes written through an old pointer go unnoticed, which shows where the search begins.
+// Writes behind the buffer's back, which nobody may: that it goes unnoticed shows where a search
+// begins.
+void writeUnnoticed(const ZPKMutableDataPtr& buffer, std::string_view bytes) {
+  std::memcpy(const_cast<uint8_t*>(buffer->bytes()), bytes.data(), bytes.size());
+}
+
 TEST(ZPKMutableDataTest, AfterAFailedSearchOnlyNewBytesAreLookedAt) {
   const ZPKMutableDataPtr buffer = ZPKMutableData::dataWithCapacity(100);
   append(buffer, "..........");
-  uint8_t* const oldPointer = buffer->mutableBytes();
   EXPECT_EQ(find(buffer, "ab"), ZPKNotFound);
-  std::memcpy(oldPointer, "ab", 2);
+  writeUnnoticed(buffer, "ab");
   append(buffer, "..");
   EXPECT_EQ(find(buffer, "ab"), ZPKNotFound);
   append(buffer, "ab");
   EXPECT_EQ(find(buffer, "ab"), 12U);
-  EXPECT_EQ(buffer->mutableBytes(), oldPointer);
+  buffer->mutableBytes();
   EXPECT_EQ(find(buffer, "ab"), 0U);
+}
+
+TEST(ZPKMutableDataTest, FindSeesWhatAnOldPointerWrote) {
+  const ZPKMutableDataPtr buffer = ZPKMutableData::dataWithCapacity(100);
+  append(buffer, "..........");
+  uint8_t* const pointer = buffer->mutableBytes();
+  for (const char* const pattern : {"ab", "cd", "ab"}) {
+    EXPECT_EQ(find(buffer, pattern), ZPKNotFound);
+    std::memcpy(pointer + 4, pattern, 2);
+    EXPECT_EQ(find(buffer, pattern), 4U);
+  }
+}
+
+// Each leaves the bytes where they are, and most callers do not know which edits do.
+TEST(ZPKMutableDataTest, AnEditInPlaceDoesNotHideWhatAnOldPointerWrites) {
+  using Edit = std::function<void(const ZPKMutableDataPtr&)>;
+  const std::vector<std::pair<const char*, Edit>> edits = {
+      {"append", [](const auto& buffer) { append(buffer, "..."); }},
+      {"setLength", [](const auto& buffer) { buffer->setLength(9); }},
+      {"zeroRange",
+       [](const auto& buffer) {
+         buffer->zeroRange({4, 1});
+       }},
+      {"setContents", [](const auto& buffer) { buffer->setContents(*bufferOf("........")); }},
+      {"dropFirst", [](const auto& buffer) { buffer->dropFirst(0); }},
+  };
+  for (const auto& [name, edit] : edits) {
+    const ZPKMutableDataPtr buffer = ZPKMutableData::dataWithCapacity(100);
+    append(buffer, "..........");
+    uint8_t* const pointer = buffer->mutableBytes();
+    edit(buffer);
+    ASSERT_EQ(find(buffer, "ab"), ZPKNotFound);
+    std::memcpy(pointer, "ab", 2);
+    EXPECT_EQ(find(buffer, "ab"), 0U) << name;
+  }
+}
+
+TEST(ZPKMutableDataTest, APointerGoesWithItsBytesToAnotherBuffer) {
+  const ZPKMutableDataPtr buffer = growingBufferOf("..........");
+  const ZPKMutableDataPtr other = ZPKMutableData::data();
+  uint8_t* const pointer = buffer->mutableBytes();
+  other->appendGivingUp(buffer.get());
+  append(buffer, "..........");
+  ASSERT_EQ(find(other, "ab"), ZPKNotFound);
+  ASSERT_EQ(find(buffer, "ab"), ZPKNotFound);
+  std::memcpy(pointer, "ab", 2);
+  writeUnnoticed(buffer, "ab");
+  EXPECT_EQ(find(other, "ab"), 0U);
+  EXPECT_EQ(find(buffer, "ab"), ZPKNotFound);
+}
+
+TEST(ZPKMutableDataTest, OnceTheBytesHaveMovedSearchesAreRememberedAgain) {
+  using Move = std::function<void(const ZPKMutableDataPtr&)>;
+  const std::vector<std::pair<const char*, Move>> moves = {
+      {"growth", [](const auto& buffer) { append(buffer, std::string(5000, '.')); }},
+      {"growth with a dropped front",
+       [](const auto& buffer) {
+         buffer->dropFirst(100);
+         append(buffer, std::string(5000, '.'));
+       }},
+      {"use of the dropped front",
+       [](const auto& buffer) {
+         buffer->dropFirst(1200);
+         append(buffer, std::string(100, '.'));
+       }},
+      {"release of room", [](const auto& buffer) { buffer->dropFirst(1990); }},
+      {"swap", [](const auto& buffer) { buffer->swap(*growingBufferOf("..........")); }},
+  };
+  for (const auto& [name, move] : moves) {
+    const ZPKMutableDataPtr buffer = growingBufferOf(std::string(2000, '.'));
+    buffer->mutableBytes();
+    move(buffer);
+    ASSERT_EQ(find(buffer, "ab"), ZPKNotFound);
+    writeUnnoticed(buffer, "ab");
+    EXPECT_EQ(find(buffer, "ab"), ZPKNotFound) << name;
+  }
 }
 
 TEST(ZPKMutableDataTest, EveryEditButAnAppendForgetsAFailedSearch) {
@@ -710,7 +790,9 @@ class RandomEdits {
   void writeByte(BufferAndModel& one) {
     if (one.model.empty()) return;
     const size_t at = below(one.model.size());
-    one.buffer->mutableBytes()[at] = 'b';
+    uint8_t* const pointer = one.buffer->mutableBytes();
+    if (below(2) == 0) find(one);
+    pointer[at] = 'b';
     one.model[at] = 'b';
   }
 

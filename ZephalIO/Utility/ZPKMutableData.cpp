@@ -21,6 +21,9 @@ constexpr size_t kSparseFactor = 8;
 // The longest data that lie in one block of memory with their object.
 constexpr size_t kLongestWithinObject = kAlwaysKeptCapacity;
 
+// A searched length that says that somebody may hold a pointer from mutableBytes.
+constexpr size_t kCannotRemember = ZPKNotFound;
+
 bool isSparse(size_t length, size_t capacity) {
   return capacity > kAlwaysKeptCapacity && length < capacity / kSparseFactor;
 }
@@ -89,7 +92,7 @@ ZPKMutableDataPtr ZPKMutableData::mutableCopyGivingUp(ZPKDataPtr&& data) {
 ZPKDataPtr ZPKMutableData::copy() const { return ZPKData::dataWithBytes(bytes(), _length); }
 
 uint8_t* ZPKMutableData::mutableBytes() {
-  forgetSearch();
+  _searchedLength = kCannotRemember;
   return _storage + _head;
 }
 
@@ -191,17 +194,27 @@ void ZPKMutableData::swap(ZPKMutableData& other) {
 
 ZPKRange ZPKMutableData::find(const ZPKData& pattern) {
   size_t start = 0;
-  if (_searchedLength > 0 && _searchedPattern == pattern.view()) {
+  const bool canRemember = _searchedLength != kCannotRemember;
+  if (canRemember && _searchedLength > 0 && _searchedPattern == pattern.view()) {
     // An occurrence can still begin in the last bytes that were too few for the whole pattern.
     start = _searchedLength - std::min(_searchedLength, pattern.length() - 1);
   }
   const size_t offset =
       ZPIFindBytes(bytes() + start, _length - start, pattern.bytes(), pattern.length());
   if (offset != ZPKNotFound) return {start + offset, pattern.length()};
-  if (pattern.length() == 0) return {};
+  if (pattern.length() == 0 || !canRemember) return {};
   if (start == 0) _searchedPattern = pattern.view();
   _searchedLength = _length;
   return {};
+}
+
+void ZPKMutableData::forgetSearch() {
+  if (_searchedLength != kCannotRemember) _searchedLength = 0;
+}
+
+// For after the bytes have moved: pointers to where they were are of no use any more.
+void ZPKMutableData::rememberAgain() {
+  if (_searchedLength == kCannotRemember) _searchedLength = 0;
 }
 
 // Growth doubles, so that appending costs amortised constant time; room that a dropped front left
@@ -213,6 +226,7 @@ void ZPKMutableData::reserveAtEnd(size_t count) {
   if (_head > 0 && needed <= _capacity / 2) {
     std::memmove(_storage, _storage + _head, _length);
     _head = 0;
+    rememberAgain();
     return;
   }
   const size_t capacity = std::max({needed, _length * 2, kSmallestCapacity});
@@ -229,6 +243,7 @@ void ZPKMutableData::reserveAtEnd(size_t count) {
     _storage = grown;
   }
   _capacity = capacity;
+  rememberAgain();
 }
 
 // Moves the bytes to a block that can change hands.
@@ -243,6 +258,7 @@ void ZPKMutableData::leaveObject() {
   _head = 0;
   _capacity = _length;
   _isWithinObject = false;
+  rememberAgain();
 }
 
 // Within the object there is never so much room that it would be released.
@@ -257,4 +273,5 @@ void ZPKMutableData::releaseRoom() {
   _storage = fresh;
   _head = 0;
   _capacity = _length;
+  rememberAgain();
 }

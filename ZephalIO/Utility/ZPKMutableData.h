@@ -29,7 +29,8 @@ class ZPK_EXPORT ZPKMutableData final : public ZPKData {
 
   ZPKDataPtr copy() const override;
 
-  /// The bytes for editing; may be null when the length is 0.
+  /// The bytes for editing, valid until the next edit by another operation; may be null when the
+  /// length is 0.
   uint8_t* mutableBytes();
 
   /// Adds bytes at the end. They may be the buffer's own.
@@ -57,18 +58,22 @@ class ZPK_EXPORT ZPKMutableData final : public ZPKData {
 
   using ZPKData::find;
   /// As ZPKData::find over the whole buffer. A search that finds nothing is remembered: while bytes
-  /// are only appended, the next search for the same pattern looks at the new bytes alone.
+  /// are only appended, the next search for the same pattern looks at the new bytes alone. Nothing
+  /// is remembered from a call of mutableBytes on until the bytes move to another place, since its
+  /// pointer may be written through at any time.
   ZPKRange find(const ZPKData& pattern);
 
  private:
   void reserveAtEnd(size_t count);
   void leaveObject();
-  void forgetSearch() { _searchedLength = 0; }
+  void forgetSearch();
+  void rememberAgain();
   void releaseRoom();
 
   size_t _capacity = 0;
-  // The last pattern that was not found, and how many bytes from the start were searched for it;
-  // 0 means that nothing is remembered.
+  // The last pattern that was not found, and how many bytes from the start were searched for it; 0
+  // means that nothing is remembered, ZPKNotFound that nothing can be, since somebody may hold a
+  // pointer to the bytes.
   std::string _searchedPattern;
   size_t _searchedLength = 0;
 };
