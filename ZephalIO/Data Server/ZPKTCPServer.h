@@ -18,8 +18,8 @@ class ZPKTCPServer;
 using ZPKTCPServerPtr = std::shared_ptr<ZPKTCPServer>;
 
 /// A small accept loop: it listens on a TCP port, or on a socket that it is given, and hands each
-/// connection to a callback on a thread of its own. It listens on all interfaces and asks nobody
-/// who he is; for this machine alone, bind a socket to 127.0.0.1 and use startWithSocket.
+/// connection to a callback on a thread of its own. On a port it listens on all interfaces and
+/// serves anybody; for this machine alone, bind a socket to 127.0.0.1 and use startWithSocket.
 ///
 ///     new --start--> running --stop--> stopped, for good
 ///
