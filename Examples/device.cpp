@@ -30,6 +30,8 @@ unix socket at SOCKET_PATH. Its commands: version, temperature, status, identify
 echo TEXT, silence. On another free TCP port it reports ten times a second, unasked.
 Prints the four URLs, one a line, and runs until it is killed. Only this machine
 reaches it. Each port and the socket take one client at a time; the next ones wait.
+The terminal keeps the mark of who held it exclusively, as talk does, so that only
+root can open it a second time.
 A client whose command is longer than 4096 bytes is sent away.
 
   --idle S   seconds after which a client on a port or the socket that sends nothing
