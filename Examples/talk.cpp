@@ -26,8 +26,8 @@ URL   uart:///dev/ttyUSB0?baud=115200&mode=8N1, tcp://HOST:PORT or unix:///PATH
   --delimiter D  where a response ends, such as the device's prompt ["> "]
   --timeout S    seconds to wait for each response, or "forever" [5]
   --settle S     seconds of silence before the first command, in which whatever
-                 the device says by itself is printed and done with [0.3]; the
-                 device is waited for as long as --timeout says, if it goes on
+                 the device says by itself is printed and done with [0.3]; one
+                 that goes on talking is heard for as long as --timeout says
   --ecid N       the chip identifier expected in the prompt; another one ends
                  the conversation
   --filter T     cuts each occurrence of a text out of the responses
