@@ -24,6 +24,7 @@
 #include "Support/LogCapture.h"
 #include "Support/ScriptedChannel.h"
 #include "Support/ThreadCalls.h"
+#include "Support/SystemCalls.h"
 #include "Support/TransportPeer.h"
 #include "Utility/ZPKDictionary.h"
 #include "Utility/ZPKString.h"
@@ -912,6 +913,25 @@ TEST(ZPKDataChannelManagerTest, DisconnectEndsALoopThatSleepsInItsRead) {
       EXPECT_FALSE(channel->isOpened());
     }
   }
+}
+
+TEST(ZPKDataChannelManagerTest, DisconnectEndsALoopOnABareSocket) {
+  const LogCapture log;
+  TransportPeer peer(TransportPeer::Kind::kTCP);
+  const ZPKDataChannelPtr channel = peer.makeChannel();
+  ASSERT_TRUE(peer.open(channel));
+  const auto delegate = Recorder::make();
+  auto manager = makeManager(channel, delegate, kDetached);
+  {
+    const SystemCalls calls(SystemCalls::Threads::kAll);
+    EXPECT_TRUE(manager->listen());
+    EXPECT_TRUE(waitFor([&] { return calls.count("select 1000.000000") == 1; }));
+  }
+  manager->disconnect();
+  EXPECT_TRUE(waitFor([&] { return delegate->count("disconnect null idle") == 1; }));
+  peer.hangUp();  // frees a loop that the disconnect did not
+  letGo(&manager);
+  EXPECT_THAT(delegate->events(), ElementsAre("disconnect null idle"));
 }
 
 TEST(ZPKDataChannelManagerTest, APeerThatGoesEndsTheLoop) {

@@ -940,6 +940,99 @@ TEST_F(FileDescriptorCommunicationTest, AWriterAndAReaderRunBesideEachOther) {
   EXPECT_EQ(_pair.receive().size(), static_cast<size_t>(kRounds));
 }
 
+// --- A close while others are in a call
+
+// A policy whose writes no close can end.
+class RecordingLinePolicy : public RecordingPolicy {
+ public:
+  static constexpr bool kIsSocket = false;
+
+  using RecordingPolicy::RecordingPolicy;
+};
+
+// Writes more than a socket holds, and returns once that has begun.
+template <class Communication>
+std::future<bool> startLongWrite(Communication* communication, const SocketPair& pair,
+                                 ZPKErrorPtr* error) {
+  auto result = std::async(std::launch::async, [communication, error] {
+    return communication->write(bytes(std::string(8U << 20U, 'x')), error);
+  });
+  EXPECT_TRUE(waitUntilReadable(pair.peers));
+  return result;
+}
+
+TEST_F(FileDescriptorCommunicationTest, ACloseLeavesTheSystemsCloseToAWriter) {
+  auto communication = openOne();
+  _record.isCloseGood = false;
+  ZPKErrorPtr writeError;
+  auto writer = startLongWrite(&communication, _pair, &writeError);
+  EXPECT_TRUE(communication.close(&_error));
+  EXPECT_FALSE(communication.isOpen());
+  EXPECT_EQ(_error, olderError());
+  EXPECT_FALSE(writer.get());
+  expectFailure(writeError, _log, writeFailure(EBADF));
+  EXPECT_THAT(_record.closed, ElementsAre(_pair.ours));
+  EXPECT_THAT(_record.closedWithSlot, ElementsAre(false));
+}
+
+TEST_F(FileDescriptorCommunicationTest, AFailedReadLeavesTheSystemsCloseToAWriter) {
+  auto communication = openOne();
+  _record.isCloseGood = false;
+  auto writer = startLongWrite(&communication, _pair, nullptr);
+  ::shutdown(_pair.peers, SHUT_WR);
+  EXPECT_EQ(communication.readWithTimeout(20.0, &_error), nullptr);
+  expectError(_error, readFailure(0));
+  EXPECT_FALSE(communication.isOpen());
+  EXPECT_FALSE(writer.get());
+  EXPECT_THAT(_record.closed, ElementsAre(_pair.ours));
+  EXPECT_THAT(_record.closedWithSlot, ElementsAre(false));
+}
+
+TEST_F(FileDescriptorCommunicationTest, AnOldWriterNeverReachesWhatIsOpenedNext) {
+  const SignalHandler noBrokenPipe(SIGPIPE);
+  SocketPair next;
+  ZPIFileDescriptorCommunication<RecordingLinePolicy> communication(_pair.ours,
+                                                                    RecordingLinePolicy(&_record));
+  ZPKErrorPtr writeError;
+  auto writer = startLongWrite(&communication, _pair, &writeError);
+  EXPECT_TRUE(communication.close(nullptr));
+  _record.descriptor = next.ours;
+  EXPECT_TRUE(communication.openWithTimeout(1.0, nullptr));
+  _pair.closePeer();
+  EXPECT_FALSE(writer.get());
+  expectError(writeError, writeFailure(EBADF));
+  EXPECT_THAT(_record.closed, ElementsAre(_pair.ours));
+  EXPECT_EQ(next.receive(), "");
+  EXPECT_TRUE(communication.write(bytes("new"), nullptr));
+  EXPECT_EQ(next.receive(), "new");
+  EXPECT_TRUE(communication.close(&_error));
+  EXPECT_THAT(_record.closed, ElementsAre(_pair.ours, next.ours));
+  EXPECT_EQ(_error, olderError());
+}
+
+TEST_F(FileDescriptorCommunicationTest, ACloseAndAFailedReadCloseExactlyOnce) {
+  for (int round = 0; round < 200; ++round) {
+    SocketPair pair;
+    PolicyRecord record;
+    RecordingCommunication communication(pair.ours, RecordingPolicy(&record));
+    ZPKErrorPtr readError;
+    std::promise<void> begin;
+    auto reader = std::async(std::launch::async, [&, start = begin.get_future()] {
+      start.wait();
+      return communication.readWithTimeout(20.0, &readError);
+    });
+    begin.set_value();
+    pair.closePeer();
+    const bool isClosed = communication.close(&_error);
+    EXPECT_EQ(reader.get(), nullptr);
+    EXPECT_EQ(record.closed.size(), 1U);
+    EXPECT_FALSE(communication.isOpen());
+    const bool hasReadLost = readError->code() == 2;
+    EXPECT_EQ(isClosed, hasReadLost);
+    if (!isClosed) expectError(_error, templateFailure(2, "Device Already Closed", "close"));
+  }
+}
+
 TEST_F(FileDescriptorCommunicationTest, IsDestroyedWithoutAClose) {
   {
     const auto communication = openOne();

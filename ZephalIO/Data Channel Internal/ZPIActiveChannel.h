@@ -67,7 +67,9 @@ class ZPIActiveChannel final : public ZPKDataChannel,
 
   /// True is what the channel below says of itself afterwards, whatever its own open returned.
   bool openWithTimeout(double timeout, ZPKErrorPtr* error) override;
-  /// May run beside a read and beside a write; the waiting read gets null and no error.
+  /// May run beside a read, which gets null and no error, and beside a write, as far as the channel
+  /// below allows a close beside one. A transport does: nothing more of that write goes out, and
+  /// over a socket it ends at once.
   bool close(ZPKErrorPtr* error) override;
   bool reset(ZPKErrorPtr* error) override;
   bool isOpened() const override;

@@ -82,6 +82,16 @@ using ZPKDataChannelPtr = std::shared_ptr<ZPKDataChannel>;
 
 // The factories of the base channels. Any thread may call them. None opens what it makes. A failure
 // is null, domain "zephal-communication", code 3.
+//
+// close of a base channel may run on any thread, beside a read and a write, and so may the failed
+// read that closes the channel. The channel is closed at once, and no byte leaves or comes through
+// its descriptor any more: the number of the descriptor stays taken until the last call on it has
+// come back. On a socket those calls come back at once, since it is shut down (shutdown(2), which
+// other descriptors of the same socket see too). On a serial port a read comes back with the next
+// byte or when its time is up, a write when the device takes what the system holds, or goes. A
+// write then fails with code 5 and EBADF, or EPIPE if nothing of it was out yet; a read with code 2
+// "Device Already Closed", under FOREVER with code 5 "Client disconnected". If close left the
+// closing of the descriptor to another call, its result is true, and a failure is only logged.
 
 /// A serial port (termios(3)): the path of `url` names the device, `options` its speed, mode and
 /// exclusive hold (see ZPKConstants.h). Options are copied; null, or a key left out, means the

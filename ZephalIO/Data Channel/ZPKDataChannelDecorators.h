@@ -47,9 +47,10 @@ ZPK_EXPORT ZPKDataChannelPtr createChannelTransformer__internal(
 /// once if `channel` is open, and holds the new channel until it ends: let go of an open channel
 /// only after a close.
 ///
-/// close may run on any thread, beside a read and a write. It waits for the thread, a slice at the
-/// most, and then closes below; a read that waits gets null and no error. Bytes that were not read
-/// are lost, as they are when a read below fails, be it a whole response that a hang-up follows at
+/// close may run on any thread, beside a read and, if the channel below allows that, beside a
+/// write; a base channel does, see ZPKDataChannel.h. It waits for the thread, a slice at the most,
+/// and then closes below; a read that waits gets null and no error. Bytes that were not read are
+/// lost, as they are when a read below fails, be it a whole response that a hang-up follows at
 /// once. That failure ends the thread: a read that waits gets its error, every later one code 2,
 /// and close gives the error's domain and user information with code 2 and leaves the channel below
 /// alone. An open starts afresh.

@@ -131,10 +131,12 @@ class ZPK_EXPORT ZPKDataChannelManager final
   /// Closes the channel, whatever comes of it, and returns without waiting: the loop then ends by
   /// itself, at its next read at the latest, and the delegate is told.
   ///
-  /// On another thread than the loop's, the channel must allow a close during a read, which
-  /// createActiveChannel does and a bare transport, or decorators on one, do not. So put an active
-  /// channel on the transport, below whatever else there is; the loop then ends within a fraction
-  /// of a second. On the loop's own thread, in a call to the delegate, any channel will do.
+  /// On another thread than the loop's, the channel must allow a close during a read. A base
+  /// channel does: over a socket the loop ends at once, over a serial port with the device's next
+  /// byte, or when the read's 1000 seconds are up. Decorators on a base channel do not. With an
+  /// active channel on the transport, below whatever else there is, the loop ends within a fraction
+  /// of a second in every case. On the loop's own thread, in a call to the delegate, any channel
+  /// will do.
   void disconnect();
 
   /// "<ZPKDataChannelManager 0x...>", with the address.

@@ -62,24 +62,82 @@ bool waitUntilReadable(int descriptor, double timeout, bool* hasFailed, ZPKError
   return count > 0 && fitsSet && FD_ISSET(descriptor, &set);
 }
 
+using Use = ZPIHeldDescriptor::Use;
+
+// Whether a descriptor was given up; one without a use, which is its caller's own, never is.
+bool isGivenUp(const Use* use) { return use != nullptr && !use->isHeld(); }
+
+ZPKDataPtr reportFailedRead(int number, ZPKErrorPtr* error) {
+  ZPKReportFailure(error, kZPICommunicationDomain, 5, {"zephal_communication_read"},
+                   "Read failed with error %s (%d)", ZPIErrorText(number), number);
+  return nullptr;
+}
+
+bool reportFailedWrite(int number, ZPKErrorPtr* error) {
+  ZPKReportFailure(error, kZPICommunicationDomain, 5, {"zephal_communication_write"},
+                   "Write failed with %s (%d)", ZPIErrorText(number), number);
+  return false;
+}
+
+ZPKDataPtr readFrom(int descriptor, const Use* use, double timeout, ZPKErrorPtr* error) {
+  const int waiting = bytesWaiting(descriptor);
+  const bool isNow = timeout == ZEPHAL_COMMUNICATION_TIME_NOW;
+  if (isNow && waiting <= 0) return ZPKData::data();
+  const size_t size = waiting <= 0 ? kReadSize : static_cast<size_t>(waiting);
+  if (!isNow) {
+    bool hasFailed = false;
+    const bool isReadable = waitUntilReadable(descriptor, timeout, &hasFailed, error);
+    if (hasFailed) return nullptr;
+    if (isGivenUp(use)) return reportFailedRead(EBADF, error);
+    if (!isReadable) return ZPKData::data();
+  }
+  // Not zeroed: read overwrites what is handed on. A failed allocation shows as a failed read.
+  void* const buffer = std::malloc(size);
+  const auto [count, number] = read_with_retry(descriptor, buffer, size);
+  if (count > 0) {
+    return ZPKMutableData::dataWithBytesNoCopy(buffer, static_cast<size_t>(count), size);
+  }
+  std::free(buffer);
+  return reportFailedRead(number, error);
+}
+
 template <class WriteCall>
-bool writeAll(const ZPKDataPtr& data, ZPKErrorPtr* error, WriteCall writeCall) {
+bool writeAll(const Use* use, const ZPKDataPtr& data, ZPKErrorPtr* error, WriteCall writeCall) {
   const ZPKDataPtr held = data;
   const uint8_t* bytes = held == nullptr ? nullptr : held->bytes();
   size_t remaining = held == nullptr ? 0 : held->length();
   while (remaining > 0) {
+    if (isGivenUp(use)) return reportFailedWrite(EBADF, error);
     errno = 0;
     const ssize_t written = writeCall(bytes, remaining);
-    if (written < 1) {
-      const int number = errno;
-      ZPKReportFailure(error, kZPICommunicationDomain, 5, {"zephal_communication_write"},
-                       "Write failed with %s (%d)", ZPIErrorText(number), number);
-      return false;
-    }
+    if (written < 1) return reportFailedWrite(errno, error);
     bytes += written;
     remaining -= static_cast<size_t>(written);
   }
   return true;
+}
+
+bool writeToAny(int descriptor, const Use* use, const ZPKDataPtr& data, ZPKErrorPtr* error) {
+  std::optional<ZPIWithoutSignalsOfWriting> signals;  // for what turns out to be no socket
+  return writeAll(use, data, error, [&](const uint8_t* bytes, size_t count) {
+    if (!signals.has_value()) {
+      const ssize_t sent = ::send(descriptor, bytes, count, MSG_NOSIGNAL);
+      if (sent >= 0 || errno != ENOTSOCK) return sent;
+      signals.emplace();
+      errno = 0;
+    }
+    const ssize_t written = ::write(descriptor, bytes, count);
+    const int number = errno;
+    if (written < 0) signals->discardSignalOf(number);
+    errno = number;
+    return written;
+  });
+}
+
+bool writeToNoSocket(int descriptor, const Use* use, const ZPKDataPtr& data, ZPKErrorPtr* error) {
+  return writeAll(use, data, error, [descriptor](const uint8_t* bytes, size_t count) {
+    return ::write(descriptor, bytes, count);
+  });
 }
 
 }  // namespace
@@ -106,48 +164,27 @@ ZPICallResult read_with_retry(int descriptor, void* buffer, size_t count) {
 }
 
 ZPKDataPtr zephal_communication_read(int descriptor, double timeout, ZPKErrorPtr* error) {
-  const int waiting = bytesWaiting(descriptor);
-  const bool isNow = timeout == ZEPHAL_COMMUNICATION_TIME_NOW;
-  if (isNow && waiting <= 0) return ZPKData::data();
-  const size_t size = waiting <= 0 ? kReadSize : static_cast<size_t>(waiting);
-  if (!isNow) {
-    bool hasFailed = false;
-    if (!waitUntilReadable(descriptor, timeout, &hasFailed, error)) {
-      return hasFailed ? nullptr : ZPKData::data();
-    }
-  }
-  // Not zeroed: read overwrites what is handed on. A failed allocation shows as a failed read.
-  void* const buffer = std::malloc(size);
-  const auto [count, number] = read_with_retry(descriptor, buffer, size);
-  if (count > 0) {
-    return ZPKMutableData::dataWithBytesNoCopy(buffer, static_cast<size_t>(count), size);
-  }
-  std::free(buffer);
-  ZPKReportFailure(error, kZPICommunicationDomain, 5, {"zephal_communication_read"},
-                   "Read failed with error %s (%d)", ZPIErrorText(number), number);
-  return nullptr;
+  return readFrom(descriptor, nullptr, timeout, error);
+}
+
+ZPKDataPtr zephal_communication_read(const Use& use, double timeout, ZPKErrorPtr* error) {
+  return readFrom(use.descriptor(), &use, timeout, error);
 }
 
 bool zephal_communication_write(int descriptor, const ZPKDataPtr& data, ZPKErrorPtr* error) {
-  std::optional<ZPIWithoutSignalsOfWriting> signals;  // for what turns out to be no socket
-  return writeAll(data, error, [&](const uint8_t* bytes, size_t count) {
-    if (!signals.has_value()) {
-      const ssize_t sent = ::send(descriptor, bytes, count, MSG_NOSIGNAL);
-      if (sent >= 0 || errno != ENOTSOCK) return sent;
-      signals.emplace();
-      errno = 0;
-    }
-    const ssize_t written = ::write(descriptor, bytes, count);
-    const int number = errno;
-    if (written < 0) signals->discardSignalOf(number);
-    errno = number;
-    return written;
-  });
+  return writeToAny(descriptor, nullptr, data, error);
+}
+
+bool zephal_communication_write(const Use& use, const ZPKDataPtr& data, ZPKErrorPtr* error) {
+  return writeToAny(use.descriptor(), &use, data, error);
 }
 
 bool zephal_communication_write_no_socket(int descriptor, const ZPKDataPtr& data,
                                           ZPKErrorPtr* error) {
-  return writeAll(data, error, [descriptor](const uint8_t* bytes, size_t count) {
-    return ::write(descriptor, bytes, count);
-  });
+  return writeToNoSocket(descriptor, nullptr, data, error);
+}
+
+bool zephal_communication_write_no_socket(const Use& use, const ZPKDataPtr& data,
+                                          ZPKErrorPtr* error) {
+  return writeToNoSocket(use.descriptor(), &use, data, error);
 }

@@ -2,12 +2,13 @@
 #pragma once
 
 #include <sys/select.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 
-#include <atomic>
 #include <cstdint>
 #include <utility>
 
+#include "Utility/ZPIHeldDescriptor.h"
 #include "Utility/ZPKConstants.h"
 #include "Utility/ZPKReportFailure.h"
 #include "Utility/ZPKTypes.h"
@@ -36,28 +37,44 @@ ZPICallResult read_with_retry(int descriptor, void* buffer, size_t count);
 /// a second, so that a caller who asks again neither spins nor goes deaf.
 ZPKDataPtr zephal_communication_read(int descriptor, double timeout, ZPKErrorPtr* error);
 
+/// The same on a descriptor that may be given up meanwhile: what is given up when the wait is over
+/// is not read any more, which fails with EBADF.
+ZPKDataPtr zephal_communication_read(const ZPIHeldDescriptor::Use& use, double timeout,
+                                     ZPKErrorPtr* error);
+
 /// Writes all bytes, in as many calls as the system asks for. Empty and null data succeed with no
 /// system call. A call that writes nothing, EINTR and EAGAIN included, is a failure: false, domain
 /// "zephal-communication", code 5, and what went out before stays out. A peer that has gone gives
 /// EPIPE and no signal, whether the descriptor is a socket or a pipe.
 bool zephal_communication_write(int descriptor, const ZPKDataPtr& data, ZPKErrorPtr* error);
 
+/// The same on a descriptor that may be given up meanwhile: what then remains stays unsent, which
+/// fails with EBADF.
+bool zephal_communication_write(const ZPIHeldDescriptor::Use& use, const ZPKDataPtr& data,
+                                ZPKErrorPtr* error);
+
 /// As zephal_communication_write, for a descriptor that is known to be neither a socket nor a pipe.
 bool zephal_communication_write_no_socket(int descriptor, const ZPKDataPtr& data,
+                                          ZPKErrorPtr* error);
+bool zephal_communication_write_no_socket(const ZPIHeldDescriptor::Use& use, const ZPKDataPtr& data,
                                           ZPKErrorPtr* error);
 
 /// The state machine of a channel over one descriptor, closed (-1) or open.
 ///
 /// `Policy` holds what an endpoint needs for opening and provides
 ///   bool acquire(int* descriptor, ZPKErrorPtr* error): opens; may leave a descriptor behind when
-///   it
-///     fails, which is then closed here;
+///     it fails, which is then closed here;
 ///   bool close(int descriptor, ZPKErrorPtr* error): closes;
 ///   static constexpr bool kIsSocket: whether its descriptors can be sockets.
 ///
-/// One thread may read while another writes; they share the descriptor alone, which is atomic and
-/// not locked. Open and close must not run beside either. A failed read closes the descriptor, a
-/// failed write does not, and neither does the destructor.
+/// One thread may read while another writes, and a third may close beside both; open must not run
+/// beside any of them. A failed read closes the descriptor, a failed write does not, and neither
+/// does the destructor.
+///
+/// Whoever closes while others are in a call on the descriptor gives it up: the state is closed at
+/// once, a socket is shut down, so that they come out, and the last of them calls the policy's
+/// close. Until then the number stays taken, so nothing that they still do can reach another file.
+/// There is no lock; see ZPIHeldDescriptor.
 template <class Policy>
 class ZPIFileDescriptorCommunication {
  public:
@@ -69,7 +86,7 @@ class ZPIFileDescriptorCommunication {
         time_now(ZEPHAL_COMMUNICATION_TIME_NOW),
         time_forever(ZEPHAL_COMMUNICATION_TIME_FOREVER) {}
 
-  bool isOpen() const { return fd.load(std::memory_order_relaxed) >= 0; }
+  bool isOpen() const { return fd.isHeld(); }
 
   /// Opens. The timeout is ignored: an endpoint opens in its own time.
   bool openWithTimeout(double /*timeout*/, ZPKErrorPtr* error) {
@@ -84,25 +101,21 @@ class ZPIFileDescriptorCommunication {
       policy.close(descriptor, nullptr);  // no slot: the error of the failed step stands
       descriptor = -1;
     }
-    fd.store(descriptor, std::memory_order_relaxed);
+    fd.hold(descriptor);
     return isAcquired;
   }
 
-  /// Closes. The state is closed afterwards even if the system's close fails.
+  /// Closes. The state is closed afterwards even if the system's close fails. True, whatever comes
+  /// of the system's close, if that is left to somebody who is in a call; a failure is then logged.
   bool close(ZPKErrorPtr* error) {
-    const int32_t descriptor = fd.load(std::memory_order_relaxed);
-    if (descriptor < 0) {
-      ZPKReportFailure(error, kZPICommunicationDomain, 2, {"close"}, "Device Already Closed");
-      return false;
-    }
-    fd.store(-1, std::memory_order_relaxed);
-    return policy.close(descriptor, error);
+    Turn turn(this);
+    return turn.giveUp(error);
   }
 
   /// Reads as zephal_communication_read does, and closes the descriptor when that fails.
   ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) {
-    const int32_t descriptor = fd.load(std::memory_order_relaxed);
-    if (descriptor < 0) {
+    Turn turn(this);
+    if (!turn.use) {
       ZPKReportFailure(error, kZPICommunicationDomain, 2, {"readWithTimeout"},
                        "Cannot communicate with closed devices");
       return nullptr;
@@ -113,9 +126,9 @@ class ZPIFileDescriptorCommunication {
                        "time out has an invalid value");
       return nullptr;
     }
-    ZPKDataPtr data = zephal_communication_read(descriptor, timeout, error);
+    ZPKDataPtr data = zephal_communication_read(turn.use, timeout, error);
     if (data != nullptr) return data;
-    close(error);
+    turn.giveUp(error);
     if (timeout == time_forever) {
       ZPKReportFailure(error, kZPICommunicationDomain, 5, {"readWithTimeout"},
                        "Client disconnected");
@@ -125,21 +138,46 @@ class ZPIFileDescriptorCommunication {
 
   /// Writes as zephal_communication_write does. A failure leaves the descriptor open.
   bool write(const ZPKDataPtr& data, ZPKErrorPtr* error) {
-    const int32_t descriptor = fd.load(std::memory_order_relaxed);
-    if (descriptor < 0) {
+    const Turn turn(this);
+    if (!turn.use) {
       ZPKReportFailure(error, kZPICommunicationDomain, 2, {"write"},
                        "Cannot communicate with closed devices");
       return false;
     }
     if constexpr (Policy::kIsSocket) {
-      return zephal_communication_write(descriptor, data, error);
+      return zephal_communication_write(turn.use, data, error);
     } else {
-      return zephal_communication_write_no_socket(descriptor, data, error);
+      return zephal_communication_write_no_socket(turn.use, data, error);
     }
   }
 
  private:
-  std::atomic<int32_t> fd;
+  // A use of the descriptor for the length of a scope, whichever way that is left.
+  struct Turn {
+    explicit Turn(ZPIFileDescriptorCommunication* user) : owner(user), use(user->fd.use()) {}
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+    ~Turn() {
+      if (use && use.leave()) owner->policy.close(use.descriptor(), nullptr);
+    }
+
+    // Ends the use, and the state of being open; the result is that of a close.
+    bool giveUp(ZPKErrorPtr* error) {
+      if (!use || !use.giveUp()) {
+        ZPKReportFailure(error, kZPICommunicationDomain, 2, {"close"}, "Device Already Closed");
+        return false;
+      }
+      if (Policy::kIsSocket && use.isShared()) ::shutdown(use.descriptor(), SHUT_RDWR);
+      const int32_t descriptor = use.descriptor();
+      const bool isLast = std::exchange(use, {}).leave();
+      return !isLast || owner->policy.close(descriptor, error);
+    }
+
+    ZPIFileDescriptorCommunication* const owner;
+    ZPIHeldDescriptor::Use use;
+  };
+
+  ZPIHeldDescriptor fd;
   Policy policy;
   const double time_now;
   const double time_forever;
