@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <future>
 #include <memory>
 #include <string>
@@ -22,6 +23,7 @@
 #include "Support/LogCapture.h"
 #include "Support/SimulatedDevice.h"
 #include "Support/SystemCalls.h"
+#include "Support/TransportPeer.h"
 #include "Utility/ZPKReportFailure.h"
 
 using namespace support;
@@ -255,6 +257,39 @@ TEST_P(ZPIActiveChannelConnectionTest, ItReconnectsAfterADeviceThatWent) {
     ASSERT_EQ(read(chain, kLong), "1.0\n=> ");
     device.hangUp();
     ASSERT_TRUE(waitFor([&] { return !chain->isOpened(); }));
+  }
+}
+
+// Of a read that brings bytes the first allocation is their buffer; a transport tests that one.
+// What comes next is the data around them, and the queue's room.
+TEST(ZPIActiveChannelSocketTest, MemoryThatRunsOutIsAFailedRead) {
+  const std::string words = std::string("Read failed with error ") + std::strerror(ENOMEM) + " (" +
+                            std::to_string(ENOMEM) + ")";
+  for (const size_t goodAllocations : {1U, 2U}) {
+    TransportPeer peer(TransportPeer::Kind::kUnix);
+    const ZPKDataChannelPtr transport = peer.makeChannel();
+    const ZPKDataChannelPtr channel = createActiveChannel(transport);
+    ASSERT_TRUE(peer.open(channel));
+    const LogCapture log;
+    {
+      SystemCalls calls(SystemCalls::Threads::kAll);
+      ASSERT_TRUE(waitFor([&] { return calls.count("select") > 1; }));
+      const int line = peer.descriptor();
+      calls.failAllocation(goodAllocations);
+      const ssize_t sent = ::write(line, "x", 1);
+      const bool hasFallen = waitFor([&] { return !transport->isOpened(); });
+      EXPECT_EQ(sent, 1);
+      ASSERT_TRUE(hasFallen);
+    }
+    ZPKErrorPtr error;
+    ASSERT_TRUE(waitFor([&] { return !channel->close(&error) && error->description() == words; }));
+    EXPECT_EQ(error->code(), 2);
+    EXPECT_EQ(log.count(words), 1U);
+    EXPECT_FALSE(channel->isOpened());
+    ASSERT_TRUE(peer.open(channel));
+    peer.send("again");
+    EXPECT_EQ(read(channel, kLong), "again");
+    EXPECT_TRUE(channel->close());
   }
 }
 

@@ -1,6 +1,7 @@
 #include "Data Channel Internal/ZPIActiveChannel.h"
 
 #include <cerrno>
+#include <new>
 #include <utility>
 
 #include "Utility/ZPIThreadHelpers.h"
@@ -158,13 +159,34 @@ void ZPIActiveChannel::endThread_unsafe() {
 void ZPIActiveChannel::readBelow(Handover& handover) const {
   while (!handover._queue.isClosed()) {
     ZPKErrorPtr error;
-    const ZPKDataPtr data = _commChannel->readWithTimeout(kReadSlice, &error);
-    if (data == nullptr) {
-      handover._queue.Close();
-      handover._readError.store(std::move(error));
-    } else if (_buffer) {
-      handover._queue.Send(data->bytes(), data->length());
-    }
+    if (readSlice(&handover._queue, &error)) continue;
+    handover._queue.Close();
+    handover._readError.store(std::move(error));
+  }
+}
+
+// One read and what becomes of its bytes; false if it failed. It also fails for want of memory,
+// which would otherwise end the process.
+bool ZPIActiveChannel::readSlice(databufferchannel_t<uint8_t>* queue, ZPKErrorPtr* error) const {
+  try {
+    const ZPKDataPtr data = _commChannel->readWithTimeout(kReadSlice, error);
+    if (data != nullptr && _buffer) queue->Send(data->bytes(), data->length());
+    return data != nullptr;
+  } catch (const std::bad_alloc&) {
+    closeOutOfMemory(error);
+    return false;
+  }
+}
+
+// Leaves below what a failed read of a transport leaves: a closed channel. If there is no memory
+// even for that, or for the error, there is nothing left to tell it with.
+void ZPIActiveChannel::closeOutOfMemory(ZPKErrorPtr* error) const {
+  try {
+    if (_commChannel->isOpened()) _commChannel->close(nullptr);
+    ZPKReportFailure(error, kZPICommunicationDomain, 5, {kReadSite},
+                     "Read failed with error %s (%d)", ZPIErrorText(ENOMEM), ENOMEM);
+  } catch (const std::bad_alloc&) {
+    return;
   }
 }
 

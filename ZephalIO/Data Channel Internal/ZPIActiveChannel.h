@@ -38,6 +38,9 @@
 /// that moment gets its error, and close gives that error with code 2. Bytes that were not read by
 /// then are lost. Each opening has a queue and an error of its own.
 ///
+/// Failed is also where it stands if memory runs out on the thread, which then closes below and
+/// keeps ENOMEM as its error.
+///
 /// Locks: `_stateLock`, then the queue's mutex, never the other way round. The thread takes the
 /// second alone; that is why close may join it under the first, and why the join takes no longer
 /// than a slice. `_stateLock` is held across open, close and reset of the channel below, and never
@@ -91,6 +94,8 @@ class ZPIActiveChannel final : public ZPKDataChannel,
   void detach_read_loop__unsafe(pthread_t* thread);
   void endThread_unsafe();
   void readBelow(Handover& handover) const;
+  bool readSlice(databufferchannel_t<uint8_t>* queue, ZPKErrorPtr* error) const;
+  void closeOutOfMemory(ZPKErrorPtr* error) const;
   bool closeFailed(ZPKErrorPtr* error) const;
 
   const bool _buffer;  // the buffering form

@@ -53,7 +53,8 @@ ZPK_EXPORT ZPKDataChannelPtr createChannelTransformer__internal(
 /// lost, as they are when a read below fails, be it a whole response that a hang-up follows at
 /// once. That failure ends the thread: a read that waits gets its error, every later one code 2,
 /// and close gives the error's domain and user information with code 2 and leaves the channel below
-/// alone. An open starts afresh.
+/// alone. An open starts afresh. Memory that runs out on the thread is such a failure too, code 5
+/// with ENOMEM, after which the channel below is closed.
 ///
 /// reset and open fail with code 1 while it is open; a read fails with code 5 if the system cannot
 /// wait. Fails for a null channel.

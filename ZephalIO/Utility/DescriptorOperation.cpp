@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <memory>
 #include <optional>
 
 #include "Utility/ZPIWithoutSignalsOfWriting.h"
@@ -64,6 +65,11 @@ bool waitUntilReadable(int descriptor, double timeout, bool* hasFailed, ZPKError
 
 using Use = ZPIHeldDescriptor::Use;
 
+// A buffer of malloc that nobody has taken over.
+struct Freed {
+  void operator()(void* buffer) const { std::free(buffer); }
+};
+
 // Whether a descriptor was given up; one without a use, which is its caller's own, never is.
 bool isGivenUp(const Use* use) { return use != nullptr && !use->isHeld(); }
 
@@ -92,13 +98,13 @@ ZPKDataPtr readFrom(int descriptor, const Use* use, double timeout, ZPKErrorPtr*
     if (!isReadable) return ZPKData::data();
   }
   // Not zeroed: read overwrites what is handed on. A failed allocation shows as a failed read.
-  void* const buffer = std::malloc(size);
-  const auto [count, number] = read_with_retry(descriptor, buffer, size);
-  if (count > 0) {
-    return ZPKMutableData::dataWithBytesNoCopy(buffer, static_cast<size_t>(count), size);
-  }
-  std::free(buffer);
-  return reportFailedRead(number, error);
+  std::unique_ptr<void, Freed> buffer(std::malloc(size));
+  const auto [count, number] = read_with_retry(descriptor, buffer.get(), size);
+  if (count <= 0) return reportFailedRead(number, error);
+  ZPKDataPtr data =
+      ZPKMutableData::dataWithBytesNoCopy(buffer.get(), static_cast<size_t>(count), size);
+  static_cast<void>(buffer.release());
+  return data;
 }
 
 template <class WriteCall>
