@@ -765,16 +765,62 @@ TEST(CreateActiveNullChannelTest, ANullChannelIsCode3) {
 
 // --- Without a thread
 
-TEST_F(ZPIActiveChannelTest, WithoutAThreadItReadsNothingAndCanStillBeClosed) {
+const ExpectedFailure kNoThread{"zephal-communication", 5, "Failed to start thread",
+                                "detach_read_loop__unsafe", "ZPIActiveChannel.cpp"};
+
+TEST_F(ZPIActiveChannelTest, WithoutAThreadItFailsToOpenAndClosesBelow) {
+  makeNeverOpened();
+  ZPKErrorPtr error = olderError();
+  {
+    const LogCapture log;
+    const RefusedThreads refused;
+    EXPECT_FALSE(_channel->openWithTimeout(1.0, &error));
+    expectFailure(error, log, kNoThread);
+    EXPECT_FALSE(_channel->openWithTimeout(1.0, nullptr));
+    EXPECT_EQ(log.count("Failed to start thread"), 2U);
+  }
+  EXPECT_FALSE(_channel->isOpened());
+  EXPECT_FALSE(_line->isOpened());
+  EXPECT_EQ(_line->reads(), 0U);
+  expectTalkRefusedAsClosed();
+  expectResetForwarded();
+  const LogCapture log;
+  EXPECT_FALSE(_channel->close(&error));
+  EXPECT_EQ(error->code(), 2);
+  EXPECT_EQ(error->description(), "Failed to start thread");
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(ZPIActiveChannelTest, WithoutAThreadItOpensAfreshOnceThereIsOne) {
   makeNeverOpened();
   {
+    const LogCapture log;
     const RefusedThreads refused;
-    EXPECT_TRUE(_channel->openWithTimeout(1.0, nullptr));
+    EXPECT_FALSE(_channel->openWithTimeout(1.0, nullptr));
   }
-  EXPECT_EQ(textOf(_channel->readWithTimeout(0.01, nullptr)), "");
-  EXPECT_EQ(_line->reads(), 0U);
-  EXPECT_TRUE(_channel->close(nullptr));
   expectOpens();
+  EXPECT_TRUE(_channel->close(nullptr));
+  expectCloseRefused();
+}
+
+TEST_F(ZPIActiveChannelTest, WithoutAThreadAnOpenLineStaysOpen) {
+  _line = WaitingChannel::makeOpen();
+  {
+    const LogCapture log;
+    const RefusedThreads refused;
+    _channel = ZPIActiveChannel::initWithChannel(_line, true);
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{0, "Failed to start thread"}));
+  }
+  EXPECT_FALSE(_channel->isOpened());
+  EXPECT_TRUE(_line->isOpened());
+  expectTalkRefusedAsClosed();
+  ZPKErrorPtr error;
+  EXPECT_FALSE(_channel->close(&error));
+  EXPECT_EQ(error->code(), 2);
+  EXPECT_EQ(error->description(), "Failed to start thread");
+  _channel = ZPIActiveChannel::initWithChannel(_line, true);
+  EXPECT_TRUE(_channel->isOpened());
+  expectDelivers("after all");
 }
 
 }  // namespace

@@ -460,7 +460,7 @@ TEST_F(ZPKTCPServerTest, AServerThatIsSaidToListenRefusesEveryStart) {
   EXPECT_TRUE(server->stop());
 }
 
-TEST_F(ZPKTCPServerTest, AThreadThatCannotBeStartedIsNotNoticed) {
+TEST_F(ZPKTCPServerTest, AThreadThatCannotBeStartedIsOnlyLogged) {
   const std::set<int> before = openDescriptors();
   ZPKErrorPtr error = olderError();
   const auto server = ZPKTCPServer::init();
@@ -468,6 +468,7 @@ TEST_F(ZPKTCPServerTest, AThreadThatCannotBeStartedIsNotNoticed) {
     const RefusedThreads refused;
     EXPECT_TRUE(server->startOnPort(0, _arrivals.takeChannels(), &error));
   }
+  EXPECT_THAT(_log.lines(), ElementsAre(LogLine{0, "Failed to start thread"}));
   EXPECT_EQ(server.use_count(), 1);
   EXPECT_TRUE(server->stop(&error));
   EXPECT_EQ(error, olderError());

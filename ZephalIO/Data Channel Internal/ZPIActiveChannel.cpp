@@ -61,7 +61,10 @@ bool ZPIActiveChannel::openWithTimeout(double timeout, ZPKErrorPtr* error) {
       report(error, 1, {"-[ZPIActiveChannel openWithTimeout:error:]"}, "Device Already Opened");
       return false;
     }
-    if (_commChannel->openWithTimeout(timeout, error)) detach_read_loop__unsafe(&_thread);
+    if (_commChannel->openWithTimeout(timeout, error)) {
+      detach_read_loop__unsafe(&_thread);
+      if (!isThread(_thread)) closeUnread_unsafe(error);
+    }
   }
   return _commChannel->isOpened();
 }
@@ -142,6 +145,22 @@ void ZPIActiveChannel::detach_read_loop__unsafe(pthread_t* thread) {
   const auto handover = std::make_shared<Handover>();
   _chan.store(handover);
   newThreadWithBlock(thread, [self = shared_from_this(), handover] { self->readBelow(*handover); });
+  if (!isThread(*thread)) failWithoutThread(*handover);
+}
+
+// Nobody will ever read below for this opening.
+void ZPIActiveChannel::failWithoutThread(Handover& handover) {
+  ZPKErrorPtr error;
+  report(&error, 5, {"detach_read_loop__unsafe"}, "Failed to start thread");
+  handover._queue.Close();
+  handover._readError.store(std::move(error));
+}
+
+// Closes below what was opened for a thread that could not be started: it could not be opened again
+// otherwise, once there are threads.
+void ZPIActiveChannel::closeUnread_unsafe(ZPKErrorPtr* error) {
+  _commChannel->close(nullptr);
+  if (error != nullptr) *error = _chan.load()->_readError.load();
 }
 
 // Waits for the thread, which has been told to end; a slice at the most.

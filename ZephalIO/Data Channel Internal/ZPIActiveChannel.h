@@ -39,7 +39,8 @@
 /// then are lost. Each opening has a queue and an error of its own.
 ///
 /// Failed is also where it stands if memory runs out on the thread, which then closes below and
-/// keeps ENOMEM as its error.
+/// keeps ENOMEM as its error, and if the system has no thread to give: an open then closes below
+/// again, and a channel that was open before is left open.
 ///
 /// Locks: `_stateLock`, then the queue's mutex, never the other way round. The thread takes the
 /// second alone; that is why close may join it under the first, and why the join takes no longer
@@ -68,7 +69,8 @@ class ZPIActiveChannel final : public ZPKDataChannel,
   /// Closes nothing: no thread reads any more, or it would hold the channel.
   ~ZPIActiveChannel() override;
 
-  /// True is what the channel below says of itself afterwards, whatever its own open returned.
+  /// True is what the channel below says of itself afterwards, whatever its own open returned. If
+  /// the thread cannot be started, the slot has the error that is kept, and the result is false.
   bool openWithTimeout(double timeout, ZPKErrorPtr* error) override;
   /// May run beside a read, which gets null and no error, and beside a write, as far as the channel
   /// below allows a close beside one. A transport does: nothing more of that write goes out, and
@@ -93,6 +95,8 @@ class ZPIActiveChannel final : public ZPKDataChannel,
   bool isOpen_unsafe() const;
   void detach_read_loop__unsafe(pthread_t* thread);
   void endThread_unsafe();
+  static void failWithoutThread(Handover& handover);
+  void closeUnread_unsafe(ZPKErrorPtr* error);
   void readBelow(Handover& handover) const;
   bool readSlice(databufferchannel_t<uint8_t>* queue, ZPKErrorPtr* error) const;
   void closeOutOfMemory(ZPKErrorPtr* error) const;

@@ -56,6 +56,10 @@ ZPK_EXPORT ZPKDataChannelPtr createChannelTransformer__internal(
 /// alone. An open starts afresh. Memory that runs out on the thread is such a failure too, code 5
 /// with ENOMEM, after which the channel below is closed.
 ///
+/// If the system has no thread to give, there is one log line, "Failed to start thread". open then
+/// closes below again and fails with that, code 5; made over an open channel, the new one is closed
+/// and leaves the other open, and its close fails with that, code 2.
+///
 /// reset and open fail with code 1 while it is open; a read fails with code 5 if the system cannot
 /// wait. Fails for a null channel.
 ZPK_EXPORT ZPKDataChannelPtr createActiveChannel(const ZPKDataChannelPtr& channel,

@@ -100,6 +100,8 @@ void ZPKTCPServer::waitForConnection() {
   newThreadWithBlock(&_listenThread, [self = shared_from_this(), listener = handle()] {
     self->acceptOn(listener);
   });
+  // The start has succeeded as far as its caller learns, so this is no failure with an error.
+  if (!isThread(_listenThread)) ZPKLoggingLog(ZPKLogGetAnchor(), 0, "Failed to start thread");
 }
 
 void ZPKTCPServer::acceptOn(int32_t listener) {

@@ -43,7 +43,8 @@ using ZPKTCPServerPtr = std::shared_ptr<ZPKTCPServer>;
 /// until it has some. A stop wakes the thread by a failed accept and so prints that line too.
 ///
 /// The accept thread holds the server, so that stop ends it and letting go of the server does not.
-/// A server whose thread could not be started reports success all the same, and accepts nothing.
+/// A server whose thread could not be started reports success all the same, and accepts nothing; a
+/// log line, "Failed to start thread", is the one sign of it. stop then closes the listener.
 ///
 /// start and stop may be called on any thread, but not on two at once. The accessors may be called
 /// on any thread, but listenThread and its setter not beside start and stop.
