@@ -311,6 +311,14 @@ bool countAllocation() {
   return allocationsUntilFailure.fetch_sub(1, std::memory_order_relaxed) == 0;
 }
 
+std::atomic<bool> holdsCloses{false};
+thread_local bool holdsOwnCloses = true;
+
+void waitWhileClosesAreHeld() {
+  if (isExempt || !holdsOwnCloses) return;
+  while (holdsCloses.load(std::memory_order_acquire)) std::this_thread::yield();
+}
+
 void addPlan(Plan plan) {
   const Unwatched unwatched;
   Watch& state = watch();
@@ -435,6 +443,16 @@ void SystemCalls::failAllocation(size_t skip) {
 
 void SystemCalls::exemptThisThread() { isExempt = true; }
 
+HeldCloses::HeldCloses() {
+  holdsOwnCloses = false;
+  holdsCloses.store(true, std::memory_order_release);
+}
+
+HeldCloses::~HeldCloses() {
+  holdsCloses.store(false, std::memory_order_release);
+  holdsOwnCloses = true;
+}
+
 // What the linker puts in the place of the calls.
 extern "C" {
 
@@ -500,6 +518,7 @@ int __wrap_open(const char* path, int flags, ...) {
 }
 
 int __wrap_close(int descriptor) {
+  waitWhileClosesAreHeld();
   return intercept([&] { return plain("close", descriptor); }, 0,
                    [&](int64_t) { return __real_close(descriptor); });
 }

@@ -78,4 +78,14 @@ class SystemCalls {
   static void exemptThisThread();
 };
 
+/// While it lives, every close(2) of another thread of the code under test waits. Unlike a watch it
+/// orders nothing that these threads did before, so that a race detector still sees it.
+class HeldCloses {
+ public:
+  HeldCloses();
+  HeldCloses(const HeldCloses&) = delete;
+  HeldCloses& operator=(const HeldCloses&) = delete;
+  ~HeldCloses();
+};
+
 }  // namespace support

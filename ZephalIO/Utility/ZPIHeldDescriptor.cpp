@@ -12,7 +12,7 @@ ZPIHeldDescriptor::~ZPIHeldDescriptor() {
 
 bool ZPIHeldDescriptor::isHeld() const {
   const Place* const place = _current.load(std::memory_order_acquire);
-  return (place->state.load(std::memory_order_relaxed) & kHeld) != 0;
+  return (place->state.load(std::memory_order_acquire) & kHeld) != 0;
 }
 
 void ZPIHeldDescriptor::hold(int32_t descriptor) {

@@ -49,6 +49,7 @@ class ZPIHeldDescriptor {
   /// Closes nothing. No use may be left.
   ~ZPIHeldDescriptor();
 
+  /// Whether a descriptor is held. Who sees that it was given up sees all that was done before.
   bool isHeld() const;
   /// Holds `descriptor` from here on; nothing if it is negative. What was held must have been given
   /// up.
