@@ -55,25 +55,28 @@ class ZPKLogAnchor {
  public:
   void setSink(Sink sink) {
     auto replaced = sink ? std::make_shared<const Sink>(std::move(sink)) : nullptr;
-    const std::lock_guard guard(_mutex);
+    const std::lock_guard guard(_sinkMutex);
     _sink.swap(replaced);
   }
 
   void write(int level, std::string line) {
-    std::shared_ptr<const Sink> sink;  // held here, since a sink may replace itself while it runs
-    const std::lock_guard guard(_mutex);
-    sink = _sink;
-    if (sink != nullptr) {
-      (*sink)(level, line);
-      return;
-    }
-    writeToStandardError(std::move(line));
+    if (!writeToSink(level, line)) writeToStandardError(std::move(line));
   }
 
  private:
+  // Whether there is a sink.
+  bool writeToSink(int level, std::string_view line) {
+    std::shared_ptr<const Sink> sink;  // held here, since a sink may replace itself while it runs
+    const std::lock_guard guard(_sinkMutex);
+    sink = _sink;
+    if (sink != nullptr) (*sink)(level, line);
+    return sink != nullptr;
+  }
+
   // One write per line, so that lines of several threads or processes do not cut into each other.
-  static void writeToStandardError(std::string line) {
+  void writeToStandardError(std::string line) {
     if (!line.ends_with('\n')) line.push_back('\n');
+    const std::lock_guard guard(_standardErrorMutex);
     const WithoutSigpipe signals;
     std::string_view rest = line;
     while (!rest.empty()) {
@@ -85,9 +88,12 @@ class ZPKLogAnchor {
     }
   }
 
-  // Recursive: a sink may itself log or change the sink.
-  std::recursive_mutex _mutex;
+  // Held while a sink runs. Recursive: a sink may itself log or change the sink.
+  std::recursive_mutex _sinkMutex;
   std::shared_ptr<const Sink> _sink;  // null for standard error
+  // Apart from the other: a standard error that nobody drains stops those who write to it, and must
+  // not stop who sends the lines elsewhere.
+  std::mutex _standardErrorMutex;
 };
 
 void ZPKLogArgument::appendTo(std::string& line) const {

@@ -113,8 +113,12 @@ void ZPKLoggingLog(const ZPKLogAnchorPtr& anchor, int level, const char* format,
 
 /// Sends every later line to `sink` instead of standard error; an empty function restores the
 /// default. The line comes without a line feed of its own. The sink is called on the thread that
-/// logs, one call at a time, and is not called any more once a later ZPKLoggingSetSink has
-/// returned. It may log itself, and may replace itself. A sink must not call ZephalIO, which may
-/// log while it holds a lock, and must not throw.
+/// logs, one call at a time. It may log itself, and may replace itself. A sink must not call
+/// ZephalIO, which may log while it holds a lock, and must not throw.
+///
+/// ZPKLoggingSetSink waits until a call of the old sink that is under way has returned, except when
+/// the old sink makes it, and the old sink is not called any more once it has returned. It never
+/// waits for standard error: a line that was on its way there still goes there, whenever that
+/// takes it.
 ZPK_LOGGING_EXPORT void ZPKLoggingSetSink(
     std::function<void(int level, std::string_view line)> sink);

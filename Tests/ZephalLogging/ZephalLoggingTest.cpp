@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -8,12 +9,14 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <future>
 #include <limits>
 #include <map>
 #include <sstream>
 #include <thread>
 #include <vector>
 
+#include "Support/EventWait.h"
 #include "Support/OrdinaryUser.h"
 #include "ZephalLogging.h"
 
@@ -380,6 +383,80 @@ TEST(ZephalLoggingTest, SinksMayBeReplacedWhileOtherThreadsLog) {
   for (std::thread& thread : threads) thread.join();
   ZPKLoggingSetSink(nullptr);
   EXPECT_EQ(calls, 2 * kLines);
+}
+
+// A standard error that nobody drains, with a thread stuck in a line that it does not hold. The
+// line comes out when it lets go.
+class StuckStandardError {
+ public:
+  StuckStandardError() {
+    EXPECT_EQ(::pipe2(_ends, O_CLOEXEC), 0);
+    _pipe.emplace(_ends[1]);
+    _line = std::async(std::launch::async, [] { logLine(std::string(300'000, 'x').c_str()); });
+    EXPECT_TRUE(waitFor([this] { return !takesMore(); }));
+  }
+  StuckStandardError(const StuckStandardError&) = delete;
+  StuckStandardError& operator=(const StuckStandardError&) = delete;
+  ~StuckStandardError() { letGo(); }
+
+  // What came out.
+  std::string letGo() {
+    std::string text;
+    if (!_pipe.has_value()) return text;
+    char buffer[4096];
+    const auto read = [&] { return ::read(_ends[0], buffer, sizeof buffer); };
+    while (text.empty() || text.back() != '\n') text.append(buffer, static_cast<size_t>(read()));
+    _line.get();
+    _pipe.reset();
+    ::close(_ends[0]);
+    return text;
+  }
+
+ private:
+  bool takesMore() const {
+    pollfd end{_ends[1], POLLOUT, 0};
+    return ::poll(&end, 1, 0) == 1;
+  }
+
+  int _ends[2] = {-1, -1};
+  std::optional<StandardErrorTo> _pipe;
+  std::future<void> _line;
+};
+
+TEST(ZephalLoggingTest, ANewSinkDoesNotWaitForAStuckStandardError) {
+  StuckStandardError standardError;
+  std::atomic<int> lines{0};
+  auto replacing = std::async(std::launch::async, [&] {
+    ZPKLoggingSetSink([&](int, std::string_view) { ++lines; });
+    logLine("to the sink");
+  });
+  EXPECT_EQ(replacing.wait_for(std::chrono::seconds(2)), std::future_status::ready);
+  EXPECT_EQ(standardError.letGo(), std::string(300'000, 'x') + "\n");
+  replacing.get();
+  EXPECT_EQ(lines, 1);
+  ZPKLoggingSetSink(nullptr);
+}
+
+TEST(ZephalLoggingTest, ANewSinkWaitsForTheCallUnderWay) {
+  std::promise<void> entered;
+  std::promise<void> released;
+  std::atomic<bool> hasReturned{false};
+  ZPKLoggingSetSink([&](int, std::string_view) {
+    entered.set_value();
+    released.get_future().wait_for(kPatience);
+    hasReturned = true;
+  });
+  std::thread logger([] { logLine("slow"); });
+  entered.get_future().wait();
+  auto replacing = std::async(std::launch::async, [&] {
+    ZPKLoggingSetSink(nullptr);
+    return hasReturned.load();
+  });
+  // That it does not return yet cannot be waited for; a little is enough to find one that does.
+  EXPECT_EQ(replacing.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  released.set_value();
+  EXPECT_TRUE(replacing.get());
+  logger.join();
 }
 
 TEST(ZephalLoggingTest, ErrnoIsKept) {
