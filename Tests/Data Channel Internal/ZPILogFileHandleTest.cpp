@@ -7,17 +7,20 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <future>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "Data Channel Internal/ZPILogFileHandle.h"
-#include "Support/EventWait.h"
+#include "Support/LogCapture.h"
 #include "Support/LogFile.h"
 #include "Support/OpenDescriptors.h"
 #include "Support/OrdinaryUser.h"
@@ -121,6 +124,60 @@ TEST_F(ZPILogFileHandleTest, AnInterruptedOpenIsTriedAgain) {
   EXPECT_NE(ZPILogFileHandle::fileHandleForWritingAtPath(_path), nullptr);
 }
 
+// What opening a FIFO without a reader gives, or nothing if it waits for one.
+std::optional<int> errnoOfOpeningFIFO(const std::string& path, const std::function<bool()>& open) {
+  auto opening = std::async(std::launch::async, [&] { return open() ? 0 : errno; });
+  const bool isDone = opening.wait_for(std::chrono::seconds(2)) == std::future_status::ready;
+  const int reader = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);  // lets it go
+  const int number = opening.get();
+  ::close(reader);
+  return isDone ? std::optional(number) : std::nullopt;
+}
+
+TEST_F(ZPILogFileHandleTest, OpeningWaitsForNoReaderOfAFIFO) {
+  ASSERT_EQ(::mkfifo(_path.c_str(), 0666), 0);
+  const auto open = [this] {
+    return ZPILogFileHandle::fileHandleForWritingAtPath(_path) != nullptr;
+  };
+  EXPECT_EQ(errnoOfOpeningFIFO(_path, open), ENXIO);
+  const auto create = [this] { return ZPILogFileHandle::createFileAtPath(_path); };
+  EXPECT_EQ(errnoOfOpeningFIFO(_path, create), ENXIO);
+}
+
+TEST_F(ZPILogFileHandleTest, WritesToWhatWasOpenedWaitAsUsual) {
+  ASSERT_EQ(::mkfifo(_path.c_str(), 0666), 0);
+  const int reader = ::open(_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  const std::set<int> before = openDescriptors();
+  const auto handle = ZPILogFileHandle::fileHandleForWritingAtPath(_path);
+  ASSERT_NE(handle, nullptr);
+  for (const int descriptor : openDescriptors()) {
+    if (before.contains(descriptor)) continue;
+    EXPECT_EQ(::fcntl(descriptor, F_GETFL) & (O_ACCMODE | O_APPEND | O_NONBLOCK),
+              O_WRONLY | O_APPEND);
+  }
+  ::close(reader);
+}
+
+TEST_F(ZPILogFileHandleTest, ADescriptorThatStaysNonBlockingIsNotTaken) {
+  const std::set<int> before = openDescriptors();
+  EXPECT_TRUE(ZPILogFileHandle::createFileAtPath(_path));
+  SystemCalls calls;
+  calls.fail("fcntl", EIO);
+  EXPECT_EQ(ZPILogFileHandle::fileHandleForWritingAtPath(_path), nullptr);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+// A file server may hold a lease, which it gives up while an ordinary open waits.
+TEST_F(ZPILogFileHandleTest, AnOpenWaitsForTheHolderOfALease) {
+  EXPECT_TRUE(ZPILogFileHandle::createFileAtPath(_path));
+  SystemCalls calls;
+  calls.fail("open", EWOULDBLOCK);
+  EXPECT_NE(ZPILogFileHandle::fileHandleForWritingAtPath(_path), nullptr);
+  EXPECT_EQ(calls.texts({"open"}).back(),
+            "open " + _path + " O_WRONLY|O_NOCTTY|O_CLOEXEC|O_APPEND");
+}
+
 // --- Closing.
 
 TEST_F(ZPILogFileHandleTest, TheDescriptorGoesWithTheLastReference) {
@@ -157,7 +214,7 @@ TEST_F(ZPILogFileHandleTest, AChunkIsOneWriteUnderTheLock) {
   const auto handle = create();
   const SystemCalls calls;
   handle->append(Chunks{"chunk"});
-  EXPECT_THAT(calls.texts(), ElementsAre("flock LOCK_EX", "writev", "flock LOCK_UN"));
+  EXPECT_THAT(calls.texts(), ElementsAre("flock LOCK_EX|LOCK_NB", "writev", "flock LOCK_UN"));
   EXPECT_EQ(contents(), "chunk");
 }
 
@@ -172,7 +229,7 @@ TEST_F(ZPILogFileHandleTest, ChunksThatWaitedTogetherShareALock) {
   const SystemCalls calls;
   handle->append(chunks);
   EXPECT_EQ(calls.count("writev"), 3U);
-  EXPECT_EQ(calls.count("flock LOCK_EX"), 3U);
+  EXPECT_EQ(calls.count("flock LOCK_EX|LOCK_NB"), 3U);
   EXPECT_EQ(calls.count("flock LOCK_UN"), 3U);
   EXPECT_EQ(contents(), all);
 }
@@ -192,7 +249,7 @@ TEST_F(ZPILogFileHandleTest, AShortWriteIsContinuedUnderTheSameLock) {
     calls.shorten("writev", size, 0, 100);
     handle->append(chunks);
     EXPECT_EQ(contents(), "onetwothree") << size;
-    EXPECT_EQ(calls.count("flock LOCK_EX"), 1U);
+    EXPECT_EQ(calls.count("flock LOCK_EX|LOCK_NB"), 1U);
     EXPECT_EQ(calls.count("writev"), static_cast<size_t>((11 + size - 1) / size));
     EXPECT_EQ(calls.texts().back(), "flock LOCK_UN");
     std::filesystem::remove(_path);
@@ -202,17 +259,17 @@ TEST_F(ZPILogFileHandleTest, AShortWriteIsContinuedUnderTheSameLock) {
 TEST_F(ZPILogFileHandleTest, AnInterruptedLockOrWriteIsTriedAgain) {
   const auto handle = create();
   SystemCalls calls;
-  calls.fail("flock LOCK_EX", EINTR, 0, 3);
+  calls.fail("flock LOCK_EX|LOCK_NB", EINTR, 0, 3);
   calls.fail("writev", EINTR, 0, 3);
   handle->append(Chunks{"one", "two"});
   EXPECT_EQ(contents(), "onetwo");
-  EXPECT_EQ(calls.count("flock LOCK_EX"), 4U);
+  EXPECT_EQ(calls.count("flock LOCK_EX|LOCK_NB"), 4U);
 }
 
 TEST_F(ZPILogFileHandleTest, AFailedLockDoesNotKeepTheChunkFromTheFile) {
   const auto handle = create();
   SystemCalls calls;
-  calls.fail("flock LOCK_EX", ENOLCK);
+  calls.fail("flock LOCK_EX|LOCK_NB", ENOLCK);
   handle->append(Chunks{"chunk"});
   EXPECT_EQ(contents(), "chunk");
 }
@@ -275,14 +332,59 @@ TEST_F(ZPILogFileHandleTest, AWriteWaitsForWhoHoldsTheLock) {
   const auto handle = create();
   const int other = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_EQ(::flock(other, LOCK_EX), 0);
-  const SystemCalls calls(SystemCalls::Threads::kAll);
-  auto writing = std::async(std::launch::async, [&] { handle->append(Chunks{"chunk"}); });
-  EXPECT_TRUE(waitFor([&] { return calls.count("flock LOCK_EX") == 1; }));
-  EXPECT_EQ(calls.count("writev"), 0U);
-  EXPECT_EQ(contents(), "");
-  ::close(other);
-  writing.get();
+  SystemCalls calls;
+  calls.before(
+      "flock", [&] { EXPECT_EQ(contents(), ""); }, 0, 2);
+  calls.before("flock", [&] { ::close(other); });
+  handle->append(Chunks{"chunk"});
+  EXPECT_THAT(calls.texts({"flock", "writev"}),
+              ElementsAre("flock LOCK_EX|LOCK_NB", "flock LOCK_EX|LOCK_NB", "flock LOCK_EX|LOCK_NB",
+                          "writev", "flock LOCK_UN"));
   EXPECT_EQ(contents(), "chunk");
+}
+
+// Everybody who may read a file can lock it.
+TEST_F(ZPILogFileHandleTest, AWriteWaitsASecondAtMostAndSaysSoOnce) {
+  const LogCapture log;
+  const auto handle = create();
+  const int other = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(::flock(other, LOCK_SH), 0);
+  const auto start = std::chrono::steady_clock::now();
+  handle->append(Chunks(40, "a"));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  EXPECT_EQ(contents(), std::string(40, 'a'));
+  const std::vector<LogLine> once{LogLine{
+      0, "unable to lock file at path [" + _path + "] within a second, writing without the lock"}};
+  EXPECT_EQ(log.lines(), once);
+  {
+    const SystemCalls calls;
+    handle->append(Chunks{"b"});
+    EXPECT_THAT(calls.texts({"flock", "writev"}), ElementsAre("flock LOCK_EX|LOCK_NB", "writev"));
+  }
+  ::close(other);
+  const SystemCalls calls;
+  handle->append(Chunks{"c"});
+  EXPECT_THAT(calls.texts({"flock", "writev"}),
+              ElementsAre("flock LOCK_EX|LOCK_NB", "writev", "flock LOCK_UN"));
+  EXPECT_EQ(log.lines(), once);
+}
+
+TEST_F(ZPILogFileHandleTest, AfterALockThatWasTakenTheNextOneIsWaitedForAgain) {
+  const LogCapture log;
+  const auto handle = create();
+  const int other = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
+  ::flock(other, LOCK_EX);
+  handle->append(Chunks{"a"});
+  ::flock(other, LOCK_UN);
+  handle->append(Chunks{"b"});
+  ::flock(other, LOCK_EX);
+  SystemCalls calls;
+  calls.before(
+      "flock", [&] { ::close(other); }, 3);
+  handle->append(Chunks{"c"});
+  EXPECT_EQ(calls.count("flock LOCK_EX|LOCK_NB"), 4U);
+  EXPECT_EQ(contents(), "abc");
+  EXPECT_EQ(log.lines().size(), 1U);
 }
 
 // Every write moves three bytes at most, so that only the lock keeps the chunks together.

@@ -19,6 +19,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Data Channel Internal/ZPILoggingChannel.h"
@@ -53,24 +54,33 @@ mode_t permissionsOf(const std::string& path) {
   return status.st_mode & 07777;
 }
 
-// Keeps everybody else from writing to a log.
-class HeldLock {
+// Watches the system calls of all threads, and holds the next one that writes to a log until it is
+// let go.
+class HeldWrite {
  public:
-  explicit HeldLock(const std::string& path)
-      : _descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-    EXPECT_EQ(::flock(_descriptor, LOCK_EX), 0);
+  HeldWrite() {
+    calls.before("writev", [this] {
+      _isHeld = true;
+      _released.get_future().wait_for(kPatience);
+    });
   }
-  HeldLock(const HeldLock&) = delete;
-  HeldLock& operator=(const HeldLock&) = delete;
-  ~HeldLock() { release(); }
+  HeldWrite(const HeldWrite&) = delete;
+  HeldWrite& operator=(const HeldWrite&) = delete;
+  ~HeldWrite() { release(); }
 
-  void release() {
-    if (_descriptor != -1) ::close(_descriptor);
-    _descriptor = -1;
+  bool waitUntilHeld() const {
+    return waitFor([this] { return _isHeld.load(); });
   }
+  void release() {
+    if (!std::exchange(_isReleased, true)) _released.set_value();
+  }
+
+  SystemCalls calls{SystemCalls::Threads::kAll};
 
  private:
-  int _descriptor;
+  std::atomic<bool> _isHeld{false};
+  std::promise<void> _released;
+  bool _isReleased = false;
 };
 
 // A channel below that says when it is used and when it is destroyed.
@@ -262,23 +272,22 @@ TEST_F(ZPILoggingChannelTest, SynchronousLinesAreInTheFileWhenTheCallReturns) {
 TEST_F(ZPILoggingChannelTest, SynchronousLoggingWaitsForTheFile) {
   _channel->setSynchronousLogging(true);
   open();
-  HeldLock lock(_path);
-  const SystemCalls calls(SystemCalls::Threads::kAll);
+  HeldWrite held;
   auto writing = std::async(std::launch::async, [this] { write("ver"); });
-  EXPECT_TRUE(waitFor([&] { return calls.count("flock LOCK_EX") == 1; }));
+  EXPECT_TRUE(held.waitUntilHeld());
   EXPECT_THAT(_below->writes(), IsEmpty());
-  lock.release();
+  held.release();
   writing.get();
   EXPECT_THAT(texts(), ElementsAre("pre--write: ver"));
 }
 
 TEST_F(ZPILoggingChannelTest, AsynchronousLoggingKeepsNobodyWaiting) {
   open();
-  HeldLock lock(_path);
+  HeldWrite held;
   for (int i = 0; i < 100; ++i) EXPECT_TRUE(write("ver"));
   EXPECT_EQ(readOf("2.33")->view(), "2.33");
   EXPECT_EQ(contents(), "");
-  lock.release();
+  held.release();
   _channel->close(nullptr);
   EXPECT_EQ(texts().size(), 101U);
 }
@@ -311,14 +320,13 @@ TEST_F(ZPILoggingChannelTest, ChunksKeepTheirOrderWhenTheModeChanges) {
 
 TEST_F(ZPILoggingChannelTest, ChunksThatWaitTogetherAreWrittenTogether) {
   open();
-  HeldLock lock(_path);
-  const SystemCalls calls(SystemCalls::Threads::kAll);
+  HeldWrite held;
   write("first");
-  EXPECT_TRUE(waitFor([&] { return calls.count("flock LOCK_EX") == 1; }));
+  EXPECT_TRUE(held.waitUntilHeld());
   for (int i = 0; i < 16; ++i) write("more");
-  lock.release();
+  held.release();
   _channel->close(nullptr);
-  EXPECT_EQ(calls.count("writev"), 2U);
+  EXPECT_EQ(held.calls.count("writev"), 2U);
   EXPECT_EQ(texts().size(), 17U);
 }
 
@@ -631,6 +639,38 @@ TEST_F(ZPILoggingChannelTest, AFolderThatTheUserMayNotEnterIsALineAndNoError) {
                                 folder + "/log]");
 }
 
+TEST_F(ZPILoggingChannelTest, AFIFOWithoutAReaderIsTheSystemsError) {
+  ASSERT_EQ(::mkfifo(_path.c_str(), 0666), 0);
+  _below->setOpened(false);
+  ZPKErrorPtr error = olderError();
+  EXPECT_FALSE(_channel->openWithTimeout(1.0, &error));
+  EXPECT_EQ(error->domain(), "POSIX");
+  EXPECT_EQ(error->code(), ENXIO);
+  EXPECT_THAT(_log.lines(), IsEmpty());
+  EXPECT_THAT(_below->calls(), IsEmpty());
+}
+
+TEST_F(ZPILoggingChannelTest, TheNullDeviceIsALogLikeAnyOther) {
+  const auto channel = make("/dev/null", true);
+  ASSERT_TRUE(channel->openWithTimeout(1.0, nullptr));
+  EXPECT_TRUE(channel->write(dataOf("ver"), nullptr));
+  EXPECT_TRUE(channel->close(nullptr));
+}
+
+TEST_F(ZPILoggingChannelTest, WhoHoldsTheLockForGoodDoesNotHoldAnyCall) {
+  open();
+  const int reader = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(::flock(reader, LOCK_SH), 0);
+  write("asynchronous");
+  EXPECT_TRUE(waitFor([this] { return texts().size() == 1; }));
+  _channel->setSynchronousLogging(true);
+  write("synchronous");
+  EXPECT_TRUE(_channel->close(nullptr));
+  EXPECT_THAT(texts(), ElementsAre("pre--write: asynchronous", "pre--write: synchronous"));
+  EXPECT_EQ(_log.lines().size(), 1U);
+  ::close(reader);
+}
+
 // --- A file that takes no more.
 
 TEST_F(ZPILoggingChannelTest, AFullDiskStopsTheLogAndNotTheTraffic) {
@@ -796,15 +836,14 @@ TEST_F(ZPILoggingChannelTest, ATaskCanBeTheLastToHoldItsChannel) {
   ZPKDataChannelPtr channel =
       createLoggingChannel(channelThatTellsItsEnd(&destroyed), _path, "pre-", false);
   ASSERT_TRUE(channel->openWithTimeout(1.0));
-  HeldLock lock(_path);
-  const SystemCalls calls(SystemCalls::Threads::kAll);
+  HeldWrite held;
   channel->write(dataOf("first"));
-  EXPECT_TRUE(waitFor([&] { return calls.count("flock LOCK_EX") == 1; }));
+  EXPECT_TRUE(held.waitUntilHeld());
   channel->write(dataOf("second"));
   channel.reset();
   auto end = destroyed.get_future();
   EXPECT_EQ(end.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
-  lock.release();
+  held.release();
   EXPECT_NE(end.get(), std::this_thread::get_id());
   EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 0; }));
   // The task that wrote the first chunk took the one behind it too.
@@ -841,10 +880,10 @@ TEST_F(ZPILoggingChannelTest, ChannelsCanBeDroppedInTheMiddleOfTheirTraffic) {
 TEST_F(ZPILoggingChannelTest, AnIdleChannelHasNoThreadAndABusyOneIsNamedByItsFile) {
   open();
   EXPECT_EQ(threadsNamed(_path), 0U);
-  HeldLock lock(_path);
+  HeldWrite held;
   write("ver");
   EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 1; }));
-  lock.release();
+  held.release();
   EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 0; }));
   _channel->setSynchronousLogging(true);
   write("mem");
@@ -858,9 +897,9 @@ TEST_F(ZPILoggingChannelTest, APauseGivesTheRoomOfBusyTrafficBack) {
   const std::string bytes(65536, 'x');
   open();
   const size_t before = allocatedBytes();
-  HeldLock lock(_path);
+  HeldWrite held;
   for (size_t i = 0; i < kChunks; ++i) readOf(bytes);
-  lock.release();
+  held.release();
   EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 0; }));
   EXPECT_GT(std::filesystem::file_size(_path), kChunks * bytes.size());
   if (isMemoryComparable()) {

@@ -540,8 +540,10 @@ int __wrap_flock(int descriptor, int operation) {
   return intercept(
       [&] {
         const auto number = static_cast<unsigned long>(operation);
-        return detailed("flock", nameOr({{LOCK_EX, "LOCK_EX"}, {LOCK_UN, "LOCK_UN"}}, number),
-                        descriptor);
+        const std::string name = nameOr(
+            {{LOCK_EX, "LOCK_EX"}, {LOCK_EX | LOCK_NB, "LOCK_EX|LOCK_NB"}, {LOCK_UN, "LOCK_UN"}},
+            number);
+        return detailed("flock", name, descriptor);
       },
       0, [&](int64_t) { return __real_flock(descriptor, operation); });
 }

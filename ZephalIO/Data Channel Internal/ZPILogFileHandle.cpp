@@ -9,14 +9,24 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
+#include <thread>
+#include <utility>
 
 #include "Utility/ZPIWithoutSignalsOfWriting.h"
+#include "ZephalLogging.h"
 
 namespace {
 
 // Chunks per lock and call: what writev(2) takes on every system. Enough to make short ones cheap,
 // and few enough that nobody else waits long for the lock.
 constexpr size_t kChunksPerWrite = 16;
+
+// How long the chunks of one call wait for the file's lock.
+constexpr std::chrono::seconds kLockPatience{1};
+// Pauses between two looks at the lock: who writes holds it for some microseconds, who copies the
+// file for longer.
+constexpr std::chrono::microseconds kFirstPause{20};
+constexpr std::chrono::microseconds kLongestPause{1000};
 
 template <class Call>
 auto retryOnInterrupt(Call call) {
@@ -25,10 +35,22 @@ auto retryOnInterrupt(Call call) {
   return result;
 }
 
-int openFile(const std::string& path, int extraFlags) {
+int openWithFlags(const std::string& path, int flags) {
   constexpr int kFlags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY;
   constexpr mode_t kPermissions = 0666;
-  return retryOnInterrupt([&] { return ::open(path.c_str(), kFlags | extraFlags, kPermissions); });
+  return retryOnInterrupt([&] { return ::open(path.c_str(), kFlags | flags, kPermissions); });
+}
+
+// A FIFO without a reader is ENXIO, instead of a wait for one. Only the open itself is that way.
+int openFile(const std::string& path, int flags) {
+  const int descriptor = openWithFlags(path, flags | O_NONBLOCK);
+  // A file server's lease on a file: the system asks for it back, and waits if it may.
+  if (descriptor == -1 && errno == EWOULDBLOCK) return openWithFlags(path, flags);
+  if (descriptor == -1 || ::fcntl(descriptor, F_SETFL, O_APPEND) == 0) return descriptor;
+  const int number = errno;
+  ::close(descriptor);
+  errno = number;
+  return -1;
 }
 
 // The chunks of one locked write that are not out yet.
@@ -78,7 +100,7 @@ void writeAll(int descriptor, std::span<const std::string_view> chunks,
 ZPILogFileHandlePtr ZPILogFileHandle::fileHandleForWritingAtPath(const std::string& path) {
   const int descriptor = openFile(path, 0);
   if (descriptor == -1) return nullptr;
-  return std::make_shared<ZPILogFileHandle>(Key(), descriptor);
+  return std::make_shared<ZPILogFileHandle>(Key(), path, descriptor);
 }
 
 bool ZPILogFileHandle::createFileAtPath(const std::string& path) {
@@ -88,21 +110,49 @@ bool ZPILogFileHandle::createFileAtPath(const std::string& path) {
   return true;
 }
 
-ZPILogFileHandle::ZPILogFileHandle(Key, int descriptor) : _descriptor(descriptor) {}
+ZPILogFileHandle::ZPILogFileHandle(Key, std::string path, int descriptor)
+    : _path(std::move(path)), _descriptor(descriptor) {}
 
 ZPILogFileHandle::~ZPILogFileHandle() { close(); }
 
 void ZPILogFileHandle::append(std::span<const std::string_view> chunks) {
-  if (_descriptor == -1) return;
+  if (_descriptor == -1 || chunks.empty()) return;
   ZPIWithoutSignalsOfWriting signals;
+  const auto deadline = std::chrono::steady_clock::now() + kLockPatience;
+  bool wasLockTaken = false;
   while (!chunks.empty()) {
     const size_t count = std::min(chunks.size(), kChunksPerWrite);
-    retryOnInterrupt([this] { return ::flock(_descriptor, LOCK_EX); });
+    const bool isLocked = lock(deadline);
+    wasLockTaken = wasLockTaken || _isLockTaken;
     // O_APPEND makes every write begin at the end of the file.
     writeAll(_descriptor, chunks.first(count), signals);
-    ::flock(_descriptor, LOCK_UN);
+    if (isLocked) ::flock(_descriptor, LOCK_UN);
     chunks = chunks.subspan(count);
   }
+  if (wasLockTaken) tellOfTakenLock();
+}
+
+// Whether the lock is ours. It is asked for again and again, since flock(2) knows no time limit;
+// once it could not be had in time, only once for each write, until it can be had again.
+bool ZPILogFileHandle::lock(std::chrono::steady_clock::time_point deadline) {
+  const auto tryLock = [this] { return ::flock(_descriptor, LOCK_EX | LOCK_NB); };
+  auto pause = kFirstPause;
+  int result = retryOnInterrupt(tryLock);
+  while (result == -1 && errno == EWOULDBLOCK && !_isLockTaken) {
+    std::this_thread::sleep_for(pause);
+    pause = std::min(2 * pause, kLongestPause);
+    result = retryOnInterrupt(tryLock);
+    _isLockTaken = result == -1 && std::chrono::steady_clock::now() >= deadline;
+  }
+  if (result == 0) _isLockTaken = false;
+  return result == 0;
+}
+
+void ZPILogFileHandle::tellOfTakenLock() {
+  if (std::exchange(_hasToldOfTakenLock, true)) return;
+  ZPKLoggingLog(ZPKLogGetAnchor(), 0,
+                "unable to lock file at path [%@] within a second, writing without the lock",
+                _path);
 }
 
 void ZPILogFileHandle::close() {

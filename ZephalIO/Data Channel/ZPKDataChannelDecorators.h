@@ -110,15 +110,18 @@ ZPK_EXPORT ZPKDataChannelPtr createEchoRemovalChannel(const ZPKDataChannelPtr& c
 /// open opens the file, then the channel below. A file that is not there is made, with the
 /// permissions 0666 less the process's umask; one that is there grows at its end and keeps its own.
 /// If it cannot be made, open is false with a line in the log and no error; if it cannot be opened,
-/// with the system's error (domain "POSIX"). The channel below then stays closed. close closes the
-/// file, which then holds everything that was logged. A channel that is dropped without it can lose
-/// its last lines. Nothing is logged while the file is not open.
+/// with the system's error (domain "POSIX"; ENXIO for a FIFO that nobody reads). The channel below
+/// then stays closed. close closes the file, which then holds everything that was logged. A channel
+/// that is dropped without it can lose its last lines. Nothing is logged while the file is not
+/// open.
 ///
 /// With `synchronousLogging` a read or write returns when its lines are in the file, otherwise they
 /// are written in the background, a millisecond later or when there are many of them. Several
-/// channels and processes can share one file, which each locks (flock(2)) for its lines. What the
-/// file does not take, on a full disk for instance, is lost without a word, and the traffic goes
-/// on. The file stays the one that was opened when somebody moves or removes it.
+/// channels and processes can share one file, which each locks (flock(2)) for its lines. Whoever
+/// may read the file can lock it too: a write waits for the lock for a second at most, then goes on
+/// without, and the first time says so in the log. What the file does not take, on a full disk for
+/// instance, is lost without a word, and the traffic goes on. The file stays the one that was
+/// opened when somebody moves or removes it.
 ///
 /// Fails for a null channel, then for a null path, then for a null identifier.
 ZPK_EXPORT ZPKDataChannelPtr createLoggingChannel(const ZPKDataChannelPtr& channel,
