@@ -3,18 +3,14 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <chrono>
 #include <mutex>
+#include <new>
 #include <utility>
 
 #include "Data Channel Internal/ZPILogChunk.h"
 #include "Utility/ZPKReportFailure.h"
 
 namespace {
-
-// How long the first chunk after a pause waits for others, and how many bytes are enough of them.
-constexpr std::chrono::milliseconds kGatheringTime{1};
-constexpr size_t kFullBatch = 128 * 1024;
 
 bool fileExists(const std::string& path) {
   struct stat status {};
@@ -37,22 +33,26 @@ ZPILoggingChannel::ZPILoggingChannel(Key, std::string filePath, const std::strin
       _identifierRead(ZPKLoggingFormat("%@--read", identifier)),
       _logQueue(_filePath) {}
 
+// No task holds the channel any more, so nobody else writes.
+ZPILoggingChannel::~ZPILoggingChannel() { writePendingChunks(); }
+
 bool ZPILoggingChannel::openWithTimeout(double timeout, ZPKErrorPtr* error) {
   ZPILogFileHandlePtr handle;
-  _logQueue.runAndWait([&] { handle = openFile(error); });
+  _logQueue.runAndWait([&] {
+    writePendingChunks();  // they belong to the file before
+    handle = openFile(error);
+  });
   if (handle == nullptr) return false;
   setFileHandle(std::move(handle));
   return _channel->openWithTimeout(timeout, error);
 }
 
 bool ZPILoggingChannel::close(ZPKErrorPtr* error) {
-  hurry(true);
   _logQueue.runAndWait([this] {
     writePendingChunks();
     if (const ZPILogFileHandlePtr handle = fileHandle()) handle->close();
     setFileHandle(nullptr);
   });
-  hurry(false);
   return _channel->close(error);
 }
 
@@ -73,14 +73,12 @@ bool ZPILoggingChannel::write(const ZPKDataPtr& data, ZPKErrorPtr* error) {
 
 void ZPILoggingChannel::logData(const ZPKDataPtr& data, std::string_view identifier) {
   if (data == nullptr || data->length() == 0) return;
-  // Asked once: who adds the chunk to be gathered must queue the task, whatever changes meanwhile.
+  // Asked once: who adds the chunk that wants a task must queue it, whatever changes meanwhile.
   const bool isSynchronous = synchronousLogging();
   const bool needsTask =
       addPendingChunk(ZPILogChunk(ZPILogPrefix(identifier), data), !isSynchronous);
   if (isSynchronous) {
-    hurry(true);
     _logQueue.runAndWait([this] { writePendingChunks(); });
-    hurry(false);
   } else if (needsTask) {
     queueWriting();
   }
@@ -88,7 +86,7 @@ void ZPILoggingChannel::logData(const ZPKDataPtr& data, std::string_view identif
 
 void ZPILoggingChannel::queueWriting() {
   _logQueue.queue([channel = weak_from_this()] {
-    if (const auto strong = channel.lock()) strong->writeBusyTraffic();
+    if (const auto strong = channel.lock()) strong->writeQueuedChunks();
   });
 }
 
@@ -113,65 +111,45 @@ ZPILogFileHandlePtr ZPILoggingChannel::openFile(ZPKErrorPtr* error) {
   return handle;
 }
 
-// Returns whether a task is needed that gathers this chunk and its followers.
-bool ZPILoggingChannel::addPendingChunk(std::string_view chunk, bool isGathered) {
+// Returns whether a task must be queued that writes this chunk.
+bool ZPILoggingChannel::addPendingChunk(std::string_view chunk, bool wantsTask) {
   const std::lock_guard guard(_pendingMutex);
   _pending.add(chunk);
-  if (_pending.byteCount() - chunk.size() < kFullBatch && _pending.byteCount() >= kFullBatch) {
-    _pendingChanged.notify_all();
-  }
-  return isGathered && !std::exchange(_isGathering, true);
-}
-
-// Runs on the queue. Two batches take turns for as long as the traffic goes on; nothing is kept
-// when it pauses.
-void ZPILoggingChannel::writeBusyTraffic() {
-  ZPILogBatch batch;
-  while (gather(batch)) {
-    write(batch);
-    if (isHurried()) return queueWriting();  // behind the one who waits
-  }
-}
-
-// Waits a moment for more chunks to come and takes them all. False if there are none.
-bool ZPILoggingChannel::gather(ZPILogBatch& batch) {
-  batch.clear();
-  std::unique_lock lock(_pendingMutex);
-  _pendingChanged.wait_for(lock, kGatheringTime,
-                           [this] { return _hurriedBy > 0 || _pending.byteCount() >= kFullBatch; });
-  _isGathering = !_pending.isEmpty();
-  if (!_isGathering) batch.release();
-  std::swap(batch, _pending);
-  return _isGathering;
-}
-
-// A caller that waits for the queue does not wait for chunks to gather.
-void ZPILoggingChannel::hurry(bool isHurried) {
-  const std::lock_guard guard(_pendingMutex);
-  if (isHurried) {
-    ++_hurriedBy;
-    _pendingChanged.notify_all();
-  } else {
-    --_hurriedBy;
-  }
-}
-
-bool ZPILoggingChannel::isHurried() {
-  const std::lock_guard guard(_pendingMutex);
-  return _hurriedBy > 0;
+  return wantsTask && !std::exchange(_isTaskQueued, true);
 }
 
 // Runs on the queue.
-void ZPILoggingChannel::writePendingChunks() {
-  ZPILogBatch batch;
+void ZPILoggingChannel::writeQueuedChunks() {
   {
     const std::lock_guard guard(_pendingMutex);
-    std::swap(batch, _pending);
+    _isTaskQueued = false;
   }
-  write(batch);
+  writePendingChunks();
 }
 
-// Without a file the chunks are dropped.
+// Runs on the queue, and once: what comes meanwhile is the next task's, so that whoever waits for
+// the queue comes in between. While the traffic goes on two batches take turns; a pause gives their
+// room back.
+void ZPILoggingChannel::writePendingChunks() {
+  {
+    const std::lock_guard guard(_pendingMutex);
+    std::swap(_written, _pending);
+  }
+  write(_written);
+  _written.clear();
+  const std::lock_guard guard(_pendingMutex);
+  if (!_pending.isEmpty()) return;
+  _written.release();
+  _pending.release();
+}
+
+// Without a file the chunks are dropped, as they are without the memory to write them.
 void ZPILoggingChannel::write(const ZPILogBatch& batch) {
-  if (const ZPILogFileHandlePtr handle = fileHandle()) handle->append(batch.chunks());
+  const ZPILogFileHandlePtr handle = fileHandle();
+  if (handle == nullptr) return;
+  try {
+    handle->append(batch.chunks());
+  } catch (const std::bad_alloc&) {
+    return;
+  }
 }

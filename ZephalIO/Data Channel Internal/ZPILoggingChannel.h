@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -17,8 +16,9 @@
 /// results change, and a log that cannot be written fails nothing but the open.
 ///
 /// All file work is done in tasks of one serial queue; chunks are made on the thread of the
-/// traffic. A queued task holds the channel weakly: a channel that is dropped without close can
-/// lose chunks, and the task that runs meanwhile can be the one to destroy it.
+/// traffic. The first chunk after a pause goes out at once; what comes while it is written goes out
+/// together. A queued task holds the channel weakly, so that the task that runs while the channel
+/// is dropped can be the one to destroy it; whoever destroys it writes what is pending.
 class ZPILoggingChannel final : public ZPKDataChannel,
                                 public std::enable_shared_from_this<ZPILoggingChannel> {
   struct Key {
@@ -32,6 +32,10 @@ class ZPILoggingChannel final : public ZPKDataChannel,
 
   ZPILoggingChannel(Key, std::string filePath, const std::string& identifier,
                     ZPKDataChannelPtr channel);
+  ZPILoggingChannel(const ZPILoggingChannel&) = delete;
+  ZPILoggingChannel& operator=(const ZPILoggingChannel&) = delete;
+  /// Writes what is pending. The file is closed with the last reference to its handle.
+  ~ZPILoggingChannel() override;
 
   /// Opens the file, then the channel below. A file that cannot be made is a log line and no error,
   /// one that cannot be opened the system's error; the channel below stays closed. The file stays
@@ -58,14 +62,11 @@ class ZPILoggingChannel final : public ZPKDataChannel,
 
  private:
   ZPILogFileHandlePtr openFile(ZPKErrorPtr* error);
-  bool addPendingChunk(std::string_view chunk, bool isGathered);
+  bool addPendingChunk(std::string_view chunk, bool wantsTask);
   void queueWriting();
-  void writeBusyTraffic();
+  void writeQueuedChunks();
   void writePendingChunks();
   void write(const ZPILogBatch& batch);
-  bool gather(ZPILogBatch& batch);
-  void hurry(bool isHurried);
-  bool isHurried();
 
   const ZPKDataChannelPtr _channel;
   const std::string _filePath;
@@ -75,11 +76,10 @@ class ZPILoggingChannel final : public ZPKDataChannel,
   std::atomic<bool> _synchronousLogging{false};
   ZPKAtomic<ZPILogFileHandlePtr> _fileHandle;
 
-  // The chunks that wait for the file. One task at a time waits for them to become many, so that
-  // busy traffic is written in a few calls and wakes nobody for each chunk.
-  std::mutex _pendingMutex;  // guards the fields below
-  std::condition_variable _pendingChanged;
+  // The chunks that wait for the file. The first one queues a task, which takes all that came until
+  // it runs: busy traffic is written in a few calls, and wakes nobody for each chunk.
+  std::mutex _pendingMutex;  // guards the two fields below
   ZPILogBatch _pending;
-  bool _isGathering = false;
-  size_t _hurriedBy = 0;  // how many callers wait for the file
+  bool _isTaskQueued = false;
+  ZPILogBatch _written;  // belongs to what runs on the queue
 };

@@ -112,11 +112,12 @@ ZPK_EXPORT ZPKDataChannelPtr createEchoRemovalChannel(const ZPKDataChannelPtr& c
 /// If it cannot be made, open is false with a line in the log and no error; if it cannot be opened,
 /// with the system's error (domain "POSIX"; ENXIO for a FIFO that nobody reads). The channel below
 /// then stays closed. close closes the file, which then holds everything that was logged. A channel
-/// that is dropped without it can lose its last lines. Nothing is logged while the file is not
-/// open.
+/// that is dropped without it writes what is pending, too, but perhaps later. Nothing is logged
+/// while the file is not open.
 ///
 /// With `synchronousLogging` a read or write returns when its lines are in the file, otherwise they
-/// are written in the background, a millisecond later or when there are many of them. Several
+/// are written in the background: at once after a pause, together with others while the traffic is
+/// busy. A program that ends without close can thus lose what passed in its last moment. Several
 /// channels and processes can share one file, which each locks (flock(2)) for its lines. Whoever
 /// may read the file can lock it too: a write waits for the lock for a second at most, then goes on
 /// without, and the first time says so in the log. What the file does not take, on a full disk for

@@ -4,11 +4,10 @@
 #include <condition_variable>
 #include <list>
 #include <mutex>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 #include "Utility/ZPIBlockedSignals.h"
+#include "Utility/ZPIThreadHelpers.h"
 #include "Utility/ZPIThreadName.h"
 
 namespace {
@@ -84,11 +83,10 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
 
   bool startWorker() {
     const ZPIBlockedSignals blocked(signalsOfOthers());
-    try {
-      std::thread([self = shared_from_this()] { self->work(); }).detach();
-    } catch (const std::system_error&) {
-      return false;
-    }
+    pthread_t thread{};
+    newThreadWithBlock(&thread, [self = shared_from_this()] { self->work(); });
+    if (!isThread(thread)) return false;
+    pthread_detach(thread);
     return true;
   }
 
