@@ -883,19 +883,56 @@ TEST_F(ZPILoggingChannelTest, ChannelsCanBeDroppedInTheMiddleOfTheirTraffic) {
 
 // --- Threads.
 
-TEST_F(ZPILoggingChannelTest, AnIdleChannelHasNoThreadAndABusyOneIsNamedByItsFile) {
-  open();
+TEST_F(ZPILoggingChannelTest, AnOpenFileHasOneThreadNamedByIt) {
   EXPECT_EQ(threadsNamed(_path), 0U);
-  HeldWrite held;
-  write("ver");
-  EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 1; }));
-  held.release();
-  EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 0; }));
-  _channel->setSynchronousLogging(true);
-  write("mem");
-  EXPECT_EQ(threadsNamed(_path), 0U);
+  for (int i = 0; i < 2; ++i) {
+    open();
+    EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 1; }));
+  }
+  for (size_t i = 1; i <= 2; ++i) {
+    write("ver");
+    EXPECT_TRUE(waitFor([&] { return texts().size() == i; }));
+    EXPECT_EQ(threadsNamed(_path), 1U);
+  }
   _channel->close(nullptr);
-  EXPECT_THAT(texts(), ElementsAre("pre--write: ver", "pre--write: mem"));
+  EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 0; }));
+}
+
+TEST_F(ZPILoggingChannelTest, TheThreadOfADroppedChannelEnds) {
+  open();
+  _channel.reset();
+  EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 0; }));
+}
+
+TEST_F(ZPILoggingChannelTest, AFileThatCannotBeOpenedHasNoThread) {
+  EXPECT_FALSE(make(_folder.path())->openWithTimeout(1.0, nullptr));
+  EXPECT_EQ(threadsNamed(_folder.path()), 0U);
+}
+
+TEST_F(ZPILoggingChannelTest, SynchronousLoggingNeedsNoThreadUntilItIsTurnedOff) {
+  _channel->setSynchronousLogging(true);
+  open();
+  write("ver");
+  EXPECT_EQ(threadsNamed(_path), 0U);
+  _channel->setSynchronousLogging(false);
+  EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 1; }));
+  _channel->close(nullptr);
+  _channel->setSynchronousLogging(false);
+  EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 0; }));
+}
+
+TEST_F(ZPILoggingChannelTest, WithoutAThreadTheTrafficWritesAndStartsNone) {
+  {
+    const RefusedThreads refused;
+    open();
+  }
+  write("ver");
+  EXPECT_EQ(readOf("2.33")->view(), "2.33");
+  EXPECT_THAT(texts(), ElementsAre("pre--write: ver", "pre---read: 2.33"));
+  EXPECT_EQ(threadsNamed(_path), 0U);
+  open();
+  EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 1; }));
+  EXPECT_TRUE(_channel->close(nullptr));
 }
 
 // Writes as fast as it can until it is told to stop.

@@ -1,8 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -14,8 +12,8 @@
 #include <vector>
 
 #include "Support/EventWait.h"
-#include "Support/OrdinaryUser.h"
 #include "Support/ProcessThreads.h"
+#include "Support/ThreadCalls.h"
 #include "Utility/ZPISerialQueue.h"
 
 using namespace support;
@@ -49,10 +47,17 @@ std::string nameOfThisThread() {
   return name;
 }
 
+// A queue that has its thread.
+struct StartedQueue : ZPISerialQueue {
+  explicit StartedQueue(const std::string& label) : ZPISerialQueue(label) {
+    EXPECT_TRUE(startThread());
+  }
+};
+
 // Runs `task` on the thread of a queue with this label and gives its result.
 template <class Function>
 auto onQueueThread(const std::string& label, Function function) {
-  ZPISerialQueue queue(label);
+  StartedQueue queue(label);
   std::promise<decltype(function())> result;
   queue.queue([&] { result.set_value(function()); });
   auto future = result.get_future();
@@ -61,7 +66,7 @@ auto onQueueThread(const std::string& label, Function function) {
 }
 
 TEST(ZPISerialQueueTest, TasksRunInTheOrderInWhichTheyWereQueued) {
-  ZPISerialQueue queue("order");
+  StartedQueue queue("order");
   std::vector<int> order;
   for (int i = 0; i < 1000; ++i) queue.queue([&order, i] { order.push_back(i); });
   queue.runAndWait([] {});
@@ -70,7 +75,7 @@ TEST(ZPISerialQueueTest, TasksRunInTheOrderInWhichTheyWereQueued) {
 }
 
 TEST(ZPISerialQueueTest, QueueReturnsWhileAnEarlierTaskRuns) {
-  ZPISerialQueue queue("returns");
+  StartedQueue queue("returns");
   Gate gate;
   std::atomic<bool> hasRun{false};
   queue.queue(gate.task());
@@ -83,7 +88,7 @@ TEST(ZPISerialQueueTest, QueueReturnsWhileAnEarlierTaskRuns) {
 }
 
 TEST(ZPISerialQueueTest, AnAwaitedTaskRunsAfterAllThatWereQueuedBefore) {
-  ZPISerialQueue queue("awaited");
+  StartedQueue queue("awaited");
   Gate gate;
   std::vector<std::string> order;
   queue.queue(gate.task());
@@ -99,7 +104,7 @@ TEST(ZPISerialQueueTest, AnAwaitedTaskRunsAfterAllThatWereQueuedBefore) {
 }
 
 TEST(ZPISerialQueueTest, ATaskQueuedBehindAWaitingCallerRunsAfterIt) {
-  ZPISerialQueue queue("behind");
+  StartedQueue queue("behind");
   Gate gate;
   std::vector<std::string> order;
   std::future<void> caller;
@@ -124,7 +129,7 @@ TEST(ZPISerialQueueTest, AnAwaitedTaskRunsOnTheCallersThreadAndNeedsNoOther) {
 }
 
 TEST(ZPISerialQueueTest, TasksOfAllKindsAndThreadsNeverOverlap) {
-  ZPISerialQueue queue("overlap");
+  StartedQueue queue("overlap");
   std::atomic<int> inside{0};
   std::atomic<bool> overlapped{false};
   int runs = 0;  // no atomic: the queue is all that keeps the tasks apart
@@ -152,7 +157,7 @@ TEST(ZPISerialQueueTest, TasksOfAllKindsAndThreadsNeverOverlap) {
 }
 
 TEST(ZPISerialQueueTest, EachThreadsTasksKeepTheirOrder) {
-  ZPISerialQueue queue("producers");
+  StartedQueue queue("producers");
   std::vector<std::vector<int>> seen(3);
   std::vector<std::thread> threads;
   for (size_t i = 0; i < seen.size(); ++i) {
@@ -169,21 +174,101 @@ TEST(ZPISerialQueueTest, EachThreadsTasksKeepTheirOrder) {
 }
 
 TEST(ZPISerialQueueTest, ATaskCanQueueAnother) {
-  ZPISerialQueue queue("nested");
+  StartedQueue queue("nested");
   std::promise<void> done;
   queue.queue([&] { queue.queue([&] { done.set_value(); }); });
   EXPECT_EQ(done.get_future().wait_for(kPatience), std::future_status::ready);
 }
 
-TEST(ZPISerialQueueTest, TheThreadEndsWhenIdleAndComesBackWhenNeeded) {
-  ZPISerialQueue queue("zq-idle");
-  EXPECT_EQ(threadsNamed("zq-idle"), 0U);
+// --- The thread.
+
+TEST(ZPISerialQueueTest, TheThreadLivesFromItsStartToItsEnd) {
+  ZPISerialQueue queue("zq-life");
   for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(threadsNamed("zq-life"), 0U);
+    EXPECT_TRUE(queue.startThread());
+    EXPECT_TRUE(waitFor([] { return threadsNamed("zq-life") == 1; }));
     std::promise<std::string> name;
     queue.queue([&] { name.set_value(nameOfThisThread()); });
-    EXPECT_EQ(name.get_future().get(), "zq-idle");
-    EXPECT_TRUE(waitFor([] { return threadsNamed("zq-idle") == 0; }));
+    EXPECT_EQ(name.get_future().get(), "zq-life");
+    queue.endThread();
+    EXPECT_TRUE(waitFor([] { return threadsNamed("zq-life") == 0; }));
   }
+}
+
+TEST(ZPISerialQueueTest, StartingAgainKeepsTheOneThread) {
+  StartedQueue queue("again");
+  const auto threadOfATask = [&] {
+    std::promise<std::thread::id> thread;
+    queue.queue([&] { thread.set_value(std::this_thread::get_id()); });
+    return thread.get_future().get();
+  };
+  const std::thread::id first = threadOfATask();
+  EXPECT_TRUE(queue.startThread());
+  EXPECT_EQ(threadOfATask(), first);
+}
+
+TEST(ZPISerialQueueTest, AThreadThatIsToEndRunsWhatIsQueued) {
+  StartedQueue queue("zq-ending");
+  Gate gate;
+  std::promise<std::string> name;
+  queue.queue(gate.task());
+  queue.queue([&] { name.set_value(nameOfThisThread()); });
+  ASSERT_TRUE(gate.waitUntilEntered());
+  queue.endThread();
+  gate.release();
+  EXPECT_EQ(name.get_future().get(), "zq-ending");
+  EXPECT_TRUE(waitFor([] { return threadsNamed("zq-ending") == 0; }));
+}
+
+TEST(ZPISerialQueueTest, AThreadThatIsStartedBeforeItEndedStays) {
+  StartedQueue queue("zq-stays");
+  Gate gate;
+  queue.queue(gate.task());
+  ASSERT_TRUE(gate.waitUntilEntered());
+  const RefusedThreads refused;
+  queue.endThread();
+  EXPECT_TRUE(queue.startThread());
+  gate.release();
+  std::promise<std::string> name;
+  queue.queue([&] { name.set_value(nameOfThisThread()); });
+  EXPECT_EQ(name.get_future().get(), "zq-stays");
+}
+
+TEST(ZPISerialQueueTest, WithoutAThreadTheCallerRunsItsTasksAndStartsNone) {
+  ZPISerialQueue queue("zq-none");
+  const auto threadOfATask = [&] {
+    std::thread::id thread;
+    queue.queue([&] { thread = std::this_thread::get_id(); });
+    return thread;
+  };
+  EXPECT_EQ(threadOfATask(), std::this_thread::get_id());
+  {
+    const RefusedThreads refused;
+    EXPECT_FALSE(queue.startThread());
+  }
+  EXPECT_EQ(threadOfATask(), std::this_thread::get_id());
+  EXPECT_EQ(threadsNamed("zq-none"), 0U);
+  EXPECT_TRUE(queue.startThread());
+}
+
+// Whoever ends the thread does so beside others who queue, and nothing is lost.
+TEST(ZPISerialQueueTest, TasksRunInOrderWhileTheThreadComesAndGoes) {
+  ZPISerialQueue queue("comes and goes");
+  std::atomic<bool> isDone{false};
+  std::thread changer([&] {
+    while (!isDone) {
+      queue.startThread();
+      queue.endThread();
+    }
+  });
+  std::vector<int> order;
+  for (int i = 0; i < 2000; ++i) queue.queue([&order, i] { order.push_back(i); });
+  isDone = true;
+  changer.join();
+  queue.runAndWait([] {});
+  ASSERT_EQ(order.size(), 2000U);
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
 }
 
 TEST(ZPISerialQueueTest, TheLabelIsCutToWhatTheSystemTakes) {
@@ -224,7 +309,7 @@ TEST(ZPISerialQueueTest, StartingTheThreadLeavesTheCallersSignalsAlone) {
 }
 
 TEST(ZPISerialQueueTest, WhatATaskHoldsIsLetGoBeforeTheNextOneRuns) {
-  ZPISerialQueue queue("release");
+  StartedQueue queue("release");
   auto held = std::make_shared<int>(1);
   const std::weak_ptr<int> weak = held;
   queue.queue([held = std::move(held)] {});
@@ -232,7 +317,7 @@ TEST(ZPISerialQueueTest, WhatATaskHoldsIsLetGoBeforeTheNextOneRuns) {
 }
 
 TEST(ZPISerialQueueTest, DestroyingABusyQueueWaitsForNothingAndLosesNothing) {
-  auto queue = std::make_unique<ZPISerialQueue>("busy");
+  auto queue = std::make_unique<StartedQueue>("busy");
   Gate gate;
   std::promise<void> last;
   queue->queue(gate.task());
@@ -244,7 +329,7 @@ TEST(ZPISerialQueueTest, DestroyingABusyQueueWaitsForNothingAndLosesNothing) {
 }
 
 TEST(ZPISerialQueueTest, TheThreadOfADestroyedQueueEndsAtOnce) {
-  auto queue = std::make_unique<ZPISerialQueue>("zq-gone");
+  auto queue = std::make_unique<StartedQueue>("zq-gone");
   queue->queue([] {});
   queue.reset();
   EXPECT_TRUE(waitFor([] { return threadsNamed("zq-gone") == 0; }));
@@ -258,7 +343,7 @@ struct Owner {
   ~Owner() { destroyed->set_value(std::this_thread::get_id()); }
 
   std::promise<std::thread::id>* destroyed;
-  ZPISerialQueue queue{"owner"};
+  StartedQueue queue{"owner"};
 };
 
 TEST(ZPISerialQueueTest, AQueueCanBeDestroyedByItsOwnTask) {
@@ -301,24 +386,6 @@ TEST(ZPISerialQueueTest, ARaceForTheLastReferenceIsHarmless) {
     owner.reset();
     ASSERT_EQ(destroyed.get_future().wait_for(kPatience), std::future_status::ready);
   }
-}
-
-// In a program of its own, since only a process without threads may go on after a fork.
-TEST(ZPISerialQueueDeathTest, WithoutAThreadTheCallerRunsItsTasks) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto runWithoutThreads = [] {
-    const ChildResult result = runAsOrdinaryUser([](std::string* message) {
-      const rlimit none{0, 0};
-      ::setrlimit(RLIMIT_NPROC, &none);
-      ZPISerialQueue queue("none");
-      std::thread::id thread;
-      queue.queue([&] { thread = std::this_thread::get_id(); });
-      *message = "ran elsewhere";
-      return thread == std::this_thread::get_id() ? 0 : 1;
-    });
-    ::_exit(result.status);
-  };
-  EXPECT_EXIT(runWithoutThreads(), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

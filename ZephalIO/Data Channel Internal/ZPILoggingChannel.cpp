@@ -44,6 +44,7 @@ bool ZPILoggingChannel::openWithTimeout(double timeout, ZPKErrorPtr* error) {
   });
   if (handle == nullptr) return false;
   setFileHandle(std::move(handle));
+  startThreadIfNeeded();
   return _channel->openWithTimeout(timeout, error);
 }
 
@@ -53,6 +54,7 @@ bool ZPILoggingChannel::close(ZPKErrorPtr* error) {
     if (const ZPILogFileHandlePtr handle = fileHandle()) handle->close();
     setFileHandle(nullptr);
   });
+  _logQueue.endThread();
   return _channel->close(error);
 }
 
@@ -69,6 +71,16 @@ ZPKDataPtr ZPILoggingChannel::readWithTimeout(double timeout, ZPKErrorPtr* error
 bool ZPILoggingChannel::write(const ZPKDataPtr& data, ZPKErrorPtr* error) {
   logData(data, _identifierWrite);
   return _channel->write(data, error);
+}
+
+void ZPILoggingChannel::setSynchronousLogging(bool synchronous) {
+  _synchronousLogging.store(synchronous);
+  startThreadIfNeeded();
+}
+
+// Without one, if the system has none to give, whoever brings a chunk writes it.
+void ZPILoggingChannel::startThreadIfNeeded() {
+  if (!synchronousLogging() && fileHandle() != nullptr) _logQueue.startThread();
 }
 
 void ZPILoggingChannel::logData(const ZPKDataPtr& data, std::string_view identifier) {

@@ -117,12 +117,14 @@ ZPK_EXPORT ZPKDataChannelPtr createEchoRemovalChannel(const ZPKDataChannelPtr& c
 ///
 /// With `synchronousLogging` a read or write returns when its lines are in the file, otherwise they
 /// are written in the background: at once after a pause, together with others while the traffic is
-/// busy. A program that ends without close can thus lose what passed in its last moment. Several
-/// channels and processes can share one file, which each locks (flock(2)) for its lines. Whoever
-/// may read the file can lock it too: a write waits for the lock for a second at most, then goes on
-/// without, and the first time says so in the log. What the file does not take, on a full disk for
-/// instance, is lost without a word, and the traffic goes on. The file stays the one that was
-/// opened when somebody moves or removes it.
+/// busy. A program that ends without close can thus lose what passed in its last moment. A thread
+/// of the channel does that, which sleeps otherwise (8.5 KiB of resident memory); open starts it
+/// and close ends it. If the system has no thread to give, the open goes on, and a read or write
+/// returns when its lines are in the file. Several channels and processes can share one file, which
+/// each locks (flock(2)) for its lines. Whoever may read the file can lock it too: a write waits
+/// for the lock for a second at most, then goes on without, and the first time says so in the log.
+/// What the file does not take, on a full disk for instance, is lost without a word, and the
+/// traffic goes on. The file stays the one that was opened when somebody moves or removes it.
 ///
 /// Fails for a null channel, then for a null path, then for a null identifier.
 ZPK_EXPORT ZPKDataChannelPtr createLoggingChannel(const ZPKDataChannelPtr& channel,

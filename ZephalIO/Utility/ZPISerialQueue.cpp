@@ -1,5 +1,7 @@
 #include "Utility/ZPISerialQueue.h"
 
+#include <sched.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <list>
@@ -12,9 +14,8 @@
 
 namespace {
 
-// Longer than the gaps in a running conversation, so that it gets by with one thread; starting one
-// anew after a longer gap costs nothing that shows.
-constexpr std::chrono::milliseconds kIdleTime{100};
+// A thread that had nothing to do for less than this is in the middle of busy traffic.
+constexpr std::chrono::microseconds kShortPause{100};
 
 // All signals but those that a fault raises on the thread itself: blocked, they would bypass the
 // handlers of the host program.
@@ -31,28 +32,33 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
  public:
   explicit State(std::string label) : _label(std::move(label)) {}
 
+  bool startThread() {
+    const std::lock_guard guard(_mutex);
+    _isEnding = false;
+    if (!_hasThread) _hasThread = makeThread();
+    return _hasThread;
+  }
+
+  void endThread() {
+    const std::lock_guard guard(_mutex);
+    _isEnding = true;
+    _threadsTurn.notify_one();
+  }
+
   void queue(Task task) {
     std::unique_lock lock(_mutex);
-    if (!_hasWorker) _hasWorker = startWorker();
-    if (!_hasWorker) {
+    if (!_hasThread || _isEnding) {
       lock.unlock();
       runAndWait(task);
       return;
     }
     _waiting.push_back(std::move(task));
-    lock.unlock();
-    _changed.notify_all();
+    if (!_isBusy) passOn(lock);
   }
 
   void runAndWait(const Task& task) {
     const Turn turn(*this);
     task();
-  }
-
-  void noteQueueIsGone() {
-    const std::lock_guard guard(_mutex);
-    _queueIsGone = true;
-    _changed.notify_all();
   }
 
  private:
@@ -62,26 +68,35 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
     explicit Turn(State& state) : _state(state) {
       std::unique_lock lock(_state._mutex);
       const auto place = _state._waiting.emplace(_state._waiting.end());
-      _state._changed.wait(lock,
-                           [&] { return !_state._isBusy && _state._waiting.begin() == place; });
+      _state._callersTurn.wait(lock,
+                               [&] { return !_state._isBusy && _state._waiting.begin() == place; });
       _state._waiting.erase(place);
       _state._isBusy = true;
     }
     Turn(const Turn&) = delete;
     Turn& operator=(const Turn&) = delete;
     ~Turn() {
-      {
-        const std::lock_guard guard(_state._mutex);
-        _state._isBusy = false;
-      }
-      _state._changed.notify_all();
+      std::unique_lock lock(_state._mutex);
+      _state._isBusy = false;
+      _state.passOn(lock);
     }
 
    private:
     State& _state;
   };
 
-  bool startWorker() {
+  // Wakes whose turn it is, with the lock let go, which he needs.
+  void passOn(std::unique_lock<std::mutex>& lock) {
+    const bool isForThread = _waiting.empty() ? _isEnding : _waiting.front() != nullptr;
+    lock.unlock();
+    if (isForThread) {
+      _threadsTurn.notify_one();
+    } else {
+      _callersTurn.notify_all();
+    }
+  }
+
+  bool makeThread() {
     const ZPIBlockedSignals blocked(signalsOfOthers());
     pthread_t thread{};
     newThreadWithBlock(&thread, [self = shared_from_this()] { self->work(); });
@@ -102,34 +117,50 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
       task = nullptr;  // what the task held may destroy the queue here
       lock.lock();
       _isBusy = false;
-      _changed.notify_all();
+      if (!_waiting.empty() && _waiting.front() == nullptr) _callersTurn.notify_all();
     }
-    _hasWorker = false;
+    _hasThread = false;
   }
+
+  bool hasTask() const { return !_isBusy && !_waiting.empty() && _waiting.front() != nullptr; }
 
   // Whether there is a task to run; if not, the thread is to end.
   bool waitForTask(std::unique_lock<std::mutex>& lock) {
-    while (_isBusy || _waiting.empty() || _waiting.front() == nullptr) {
-      if (_queueIsGone && _waiting.empty()) return false;
-      const bool isIdle = _changed.wait_for(lock, kIdleTime) == std::cv_status::timeout;
-      if (isIdle && _waiting.empty()) return false;
-    }
-    return true;
+    if (!hasTask() && _lastPause < kShortPause) giveWay(lock);
+    if (hasTask()) return true;
+    const auto start = std::chrono::steady_clock::now();
+    _threadsTurn.wait(lock, [this] { return hasTask() || (_isEnding && _waiting.empty()); });
+    _lastPause = std::chrono::steady_clock::now() - start;
+    return hasTask();
+  }
+
+  // Lets others run before the thread goes to sleep. In busy traffic they bring the next task
+  // meanwhile, and do not have to wake the thread for it.
+  static void giveWay(std::unique_lock<std::mutex>& lock) {
+    lock.unlock();
+    ::sched_yield();
+    lock.lock();
   }
 
   const std::string _label;
   std::mutex _mutex;  // guards the fields below; never held while a task runs
-  std::condition_variable _changed;
+  std::condition_variable _threadsTurn;
+  std::condition_variable _callersTurn;
   std::list<Task> _waiting;
   bool _isBusy = false;  // a task runs, on whatever thread
-  bool _hasWorker = false;
-  bool _queueIsGone = false;
+  bool _hasThread = false;
+  bool _isEnding = false;  // the thread is to end, or there is none
+  std::chrono::steady_clock::duration _lastPause = kShortPause;  // the thread's own
 };
 
 ZPISerialQueue::ZPISerialQueue(std::string label)
     : _state(std::make_shared<State>(std::move(label))) {}
 
-ZPISerialQueue::~ZPISerialQueue() { _state->noteQueueIsGone(); }
+ZPISerialQueue::~ZPISerialQueue() { endThread(); }
+
+bool ZPISerialQueue::startThread() { return _state->startThread(); }
+
+void ZPISerialQueue::endThread() { _state->endThread(); }
 
 void ZPISerialQueue::queue(Task task) {
   const std::shared_ptr<State> state = _state;  // the task may destroy this queue
