@@ -1,7 +1,6 @@
 #include "Data Channel Internal/ZPILogChunk.h"
 
 #include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <mutex>
@@ -65,7 +64,7 @@ void appendLines(std::string_view text, size_t prefixLength, std::string& chunk)
 
 }  // namespace
 
-std::string ZPILogPrefix(std::string_view identifier) {
+std::string ZPILogPrefix(std::string_view identifier, pid_t process) {
   thread_local SecondText second;
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
@@ -74,7 +73,7 @@ std::string ZPILogPrefix(std::string_view identifier) {
   prefix.append(second.of(now.tv_sec)).push_back('.');
   appendMilliseconds(now.tv_nsec, prefix);
   prefix.append(" <").append(identifier).append(">[");
-  prefix.append(std::to_string(::getpid())).append("]: ");
+  prefix.append(std::to_string(process)).append("]: ");
   return prefix;
 }
 

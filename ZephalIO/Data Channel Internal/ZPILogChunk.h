@@ -8,6 +8,8 @@
 // feed first, so that a chunk which ends in a line break ends in a prefix with nothing after it.
 #pragma once
 
+#include <unistd.h>
+
 #include <string>
 #include <string_view>
 
@@ -15,7 +17,7 @@
 
 /// The prefix of a chunk that is made now: local time with milliseconds, the identifier, the
 /// process.
-std::string ZPILogPrefix(std::string_view identifier);
+std::string ZPILogPrefix(std::string_view identifier, pid_t process = ::getpid());
 
 /// The chunk of `data` as UTF-8: the prefix, then the readable text of the bytes (ZPKDataToString)
 /// with the prefix in place of every CR LF, CR and LF.

@@ -1,13 +1,16 @@
 #include "Data Channel Internal/ZPILoggingChannel.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <mutex>
 #include <new>
 #include <utility>
 
+#include "Data Channel Internal/ZPILogBatch.h"
 #include "Data Channel Internal/ZPILogChunk.h"
+#include "Utility/ZPISerialQueue.h"
 #include "Utility/ZPKReportFailure.h"
 
 namespace {
@@ -18,6 +21,32 @@ bool fileExists(const std::string& path) {
 }
 
 }  // namespace
+
+// What a channel has in one process. A fork copies it as it is at that moment: with locks that
+// other threads hold, and with chunks that the parent will write. So a child touches nothing of its
+// parent's but the file, and never destroys it, since threads seem to wait in it.
+struct ZPILoggingChannel::Log {
+  Log(const std::string& label, Log* ofParent) : parents(ofParent), logQueue(label) {
+    if (parents != nullptr) fileHandle = parents->fileHandle;
+  }
+
+  bool addPendingChunk(std::string_view chunk, bool wantsTask);
+  void writeQueuedChunks();
+  void writePendingChunks();
+  void closeFile();
+
+  const pid_t process = ::getpid();
+  Log* const parents;  // null in the process that made the channel
+  ZPISerialQueue logQueue;
+
+  // The chunks that wait for the file. The first one queues a task, which takes all that came until
+  // it runs: busy traffic is written in a few calls, and wakes nobody for each chunk.
+  std::mutex mutex;  // guards the three fields below
+  ZPILogFileHandlePtr fileHandle;
+  ZPILogBatch pending;
+  bool isTaskQueued = false;
+  ZPILogBatch written;  // belongs to what runs on the queue
+};
 
 std::shared_ptr<ZPILoggingChannel> ZPILoggingChannel::initWithLogFilePath(
     std::string filePath, const std::string& identifier, ZPKDataChannelPtr channel) {
@@ -31,15 +60,31 @@ ZPILoggingChannel::ZPILoggingChannel(Key, std::string filePath, const std::strin
       _filePath(std::move(filePath)),
       _identifierWrite(ZPKLoggingFormat("%@-write", identifier)),
       _identifierRead(ZPKLoggingFormat("%@--read", identifier)),
-      _logQueue(_filePath) {}
+      _log(new Log(_filePath, nullptr)) {}
 
-// No task holds the channel any more, so nobody else writes.
-ZPILoggingChannel::~ZPILoggingChannel() { writePendingChunks(); }
+ZPILoggingChannel::~ZPILoggingChannel() {
+  Log* log = _log.load();
+  if (log->process == ::getpid()) {
+    log->writePendingChunks();  // no task holds the channel any more, so nobody else writes
+    delete std::exchange(log, log->parents);
+  }
+  for (; log != nullptr; log = log->parents) log->fileHandle = nullptr;
+}
+
+// The log of this process. A child's first call makes it; of two that do, one prevails.
+ZPILoggingChannel::Log& ZPILoggingChannel::log() const {
+  Log* log = _log.load(std::memory_order_acquire);
+  if (log->process == ::getpid()) return *log;
+  auto own = std::make_unique<Log>(_filePath, log);
+  if (_log.compare_exchange_strong(log, own.get())) return *own.release();
+  return *log;
+}
 
 bool ZPILoggingChannel::openWithTimeout(double timeout, ZPKErrorPtr* error) {
   ZPILogFileHandlePtr handle;
-  _logQueue.runAndWait([&] {
-    writePendingChunks();  // they belong to the file before
+  Log& log = this->log();
+  log.logQueue.runAndWait([&] {
+    log.writePendingChunks();  // they belong to the file before
     handle = openFile(error);
   });
   if (handle == nullptr) return false;
@@ -49,12 +94,9 @@ bool ZPILoggingChannel::openWithTimeout(double timeout, ZPKErrorPtr* error) {
 }
 
 bool ZPILoggingChannel::close(ZPKErrorPtr* error) {
-  _logQueue.runAndWait([this] {
-    writePendingChunks();
-    if (const ZPILogFileHandlePtr handle = fileHandle()) handle->close();
-    setFileHandle(nullptr);
-  });
-  _logQueue.endThread();
+  Log& log = this->log();
+  log.logQueue.runAndWait([&log] { log.closeFile(); });
+  log.logQueue.endThread();
   return _channel->close(error);
 }
 
@@ -73,6 +115,18 @@ bool ZPILoggingChannel::write(const ZPKDataPtr& data, ZPKErrorPtr* error) {
   return _channel->write(data, error);
 }
 
+ZPILogFileHandlePtr ZPILoggingChannel::fileHandle() const {
+  Log& log = this->log();
+  const std::lock_guard guard(log.mutex);
+  return log.fileHandle;
+}
+
+void ZPILoggingChannel::setFileHandle(ZPILogFileHandlePtr handle) {
+  Log& log = this->log();
+  const std::lock_guard guard(log.mutex);
+  log.fileHandle.swap(handle);
+}
+
 void ZPILoggingChannel::setSynchronousLogging(bool synchronous) {
   _synchronousLogging.store(synchronous);
   startThreadIfNeeded();
@@ -80,25 +134,26 @@ void ZPILoggingChannel::setSynchronousLogging(bool synchronous) {
 
 // Without one, if the system has none to give, whoever brings a chunk writes it.
 void ZPILoggingChannel::startThreadIfNeeded() {
-  if (!synchronousLogging() && fileHandle() != nullptr) _logQueue.startThread();
+  if (!synchronousLogging() && fileHandle() != nullptr) log().logQueue.startThread();
 }
 
 void ZPILoggingChannel::logData(const ZPKDataPtr& data, std::string_view identifier) {
   if (data == nullptr || data->length() == 0) return;
   // Asked once: who adds the chunk that wants a task must queue it, whatever changes meanwhile.
   const bool isSynchronous = synchronousLogging();
-  const bool needsTask =
-      addPendingChunk(ZPILogChunk(ZPILogPrefix(identifier), data), !isSynchronous);
+  Log& log = this->log();
+  const std::string chunk = ZPILogChunk(ZPILogPrefix(identifier, log.process), data);
+  const bool needsTask = log.addPendingChunk(chunk, !isSynchronous);
   if (isSynchronous) {
-    _logQueue.runAndWait([this] { writePendingChunks(); });
+    log.logQueue.runAndWait([&log] { log.writePendingChunks(); });
   } else if (needsTask) {
-    queueWriting();
+    queueWriting(log);
   }
 }
 
-void ZPILoggingChannel::queueWriting() {
-  _logQueue.queue([channel = weak_from_this()] {
-    if (const auto strong = channel.lock()) strong->writeQueuedChunks();
+void ZPILoggingChannel::queueWriting(Log& log) {
+  log.logQueue.queue([&log, channel = weak_from_this()] {
+    if (const auto strong = channel.lock()) log.writeQueuedChunks();
   });
 }
 
@@ -124,44 +179,51 @@ ZPILogFileHandlePtr ZPILoggingChannel::openFile(ZPKErrorPtr* error) {
 }
 
 // Returns whether a task must be queued that writes this chunk.
-bool ZPILoggingChannel::addPendingChunk(std::string_view chunk, bool wantsTask) {
-  const std::lock_guard guard(_pendingMutex);
-  _pending.add(chunk);
-  return wantsTask && !std::exchange(_isTaskQueued, true);
+bool ZPILoggingChannel::Log::addPendingChunk(std::string_view chunk, bool wantsTask) {
+  const std::lock_guard guard(mutex);
+  pending.add(chunk);
+  return wantsTask && !std::exchange(isTaskQueued, true);
 }
 
 // Runs on the queue.
-void ZPILoggingChannel::writeQueuedChunks() {
+void ZPILoggingChannel::Log::writeQueuedChunks() {
   {
-    const std::lock_guard guard(_pendingMutex);
-    _isTaskQueued = false;
+    const std::lock_guard guard(mutex);
+    isTaskQueued = false;
   }
   writePendingChunks();
 }
 
-// Runs on the queue, and once: what comes meanwhile is the next task's, so that whoever waits for
-// the queue comes in between. While the traffic goes on two batches take turns; a pause gives their
-// room back.
-void ZPILoggingChannel::writePendingChunks() {
+// Runs on the queue, or at the end. Writes once: what comes meanwhile is the next task's, so that
+// whoever waits for the queue comes in between. Without a file the chunks are dropped, as they are
+// without the memory to write them. While the traffic goes on two batches take turns; a pause gives
+// their room back.
+void ZPILoggingChannel::Log::writePendingChunks() {
+  ZPILogFileHandlePtr handle;
   {
-    const std::lock_guard guard(_pendingMutex);
-    std::swap(_written, _pending);
+    const std::lock_guard guard(mutex);
+    std::swap(written, pending);
+    handle = fileHandle;
   }
-  write(_written);
-  _written.clear();
-  const std::lock_guard guard(_pendingMutex);
-  if (!_pending.isEmpty()) return;
-  _written.release();
-  _pending.release();
+  try {
+    if (handle != nullptr) handle->append(written.chunks());
+  } catch (const std::bad_alloc&) {
+    handle = nullptr;
+  }
+  written.clear();
+  const std::lock_guard guard(mutex);
+  if (!pending.isEmpty()) return;
+  written.release();
+  pending.release();
 }
 
-// Without a file the chunks are dropped, as they are without the memory to write them.
-void ZPILoggingChannel::write(const ZPILogBatch& batch) {
-  const ZPILogFileHandlePtr handle = fileHandle();
-  if (handle == nullptr) return;
-  try {
-    handle->append(batch.chunks());
-  } catch (const std::bad_alloc&) {
-    return;
+// Runs on the queue.
+void ZPILoggingChannel::Log::closeFile() {
+  writePendingChunks();
+  ZPILogFileHandlePtr handle;
+  {
+    const std::lock_guard guard(mutex);
+    handle.swap(fileHandle);
   }
+  if (handle != nullptr) handle->close();
 }

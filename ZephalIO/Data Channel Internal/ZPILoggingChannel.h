@@ -2,15 +2,11 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 
-#include "Data Channel Internal/ZPILogBatch.h"
 #include "Data Channel Internal/ZPILogFileHandle.h"
 #include "Data Channel/ZPKDataChannel.h"
-#include "Utility/ZPISerialQueue.h"
-#include "Utility/ZPKAtomic.h"
 
 /// Wraps a channel and copies what passes into a log file (see ZPILogChunk.h). Neither bytes nor
 /// results change, and a log that cannot be written fails nothing but the open.
@@ -26,6 +22,12 @@
 /// since a log line of its own can run a host program's sink, and the end of a dropped channel a
 /// caller's destructor. If the system has no thread to give, whoever brings a chunk writes what is
 /// pending, as in a synchronous call.
+///
+/// After a fork(2) the child has no such thread until it opens the file anew, and what the parent
+/// has not written yet stays the parent's. A child waits for no lock of its parent's, so that its
+/// calls come back whatever other threads did at the fork, but for one that was just opening or
+/// closing this file. The two share the file's lock: between them only the system's appending keeps
+/// chunks whole.
 class ZPILoggingChannel final : public ZPKDataChannel,
                                 public std::enable_shared_from_this<ZPILoggingChannel> {
   struct Key {
@@ -59,33 +61,24 @@ class ZPILoggingChannel final : public ZPKDataChannel,
   void logData(const ZPKDataPtr& data, std::string_view identifier);
 
   /// The open file, null while there is none. Safe on any thread.
-  ZPILogFileHandlePtr fileHandle() const { return _fileHandle.load(); }
-  void setFileHandle(ZPILogFileHandlePtr handle) { _fileHandle.store(std::move(handle)); }
+  ZPILogFileHandlePtr fileHandle() const;
+  void setFileHandle(ZPILogFileHandlePtr handle);
   /// Whether a read or write returns only after its chunk is in the file. Safe on any thread.
   bool synchronousLogging() const { return _synchronousLogging.load(); }
   void setSynchronousLogging(bool synchronous);
 
  private:
+  struct Log;
+
+  Log& log() const;
   ZPILogFileHandlePtr openFile(ZPKErrorPtr* error);
   void startThreadIfNeeded();
-  bool addPendingChunk(std::string_view chunk, bool wantsTask);
-  void queueWriting();
-  void writeQueuedChunks();
-  void writePendingChunks();
-  void write(const ZPILogBatch& batch);
+  void queueWriting(Log& log);
 
   const ZPKDataChannelPtr _channel;
   const std::string _filePath;
   const std::string _identifierWrite;
   const std::string _identifierRead;
-  ZPISerialQueue _logQueue;
   std::atomic<bool> _synchronousLogging{false};
-  ZPKAtomic<ZPILogFileHandlePtr> _fileHandle;
-
-  // The chunks that wait for the file. The first one queues a task, which takes all that came until
-  // it runs: busy traffic is written in a few calls, and wakes nobody for each chunk.
-  std::mutex _pendingMutex;  // guards the two fields below
-  ZPILogBatch _pending;
-  bool _isTaskQueued = false;
-  ZPILogBatch _written;  // belongs to what runs on the queue
+  mutable std::atomic<Log*> _log;  // this process's, or its parent's; never null
 };
