@@ -47,8 +47,9 @@ class PlainAggregator {
       _buffer = _buffer.substr(_width);
     }
     if (_expected == 0 || _buffer.size() < _expected) return "";
-    const std::string result = _buffer.substr(0, _expected);
-    _buffer = _buffer.substr(_expected);
+    const size_t length = static_cast<size_t>(_expected);
+    const std::string result = _buffer.substr(0, length);
+    _buffer = _buffer.substr(length);
     _expected = 0;
     return result;
   }

@@ -6,6 +6,7 @@
 #include "Support/ErrorExpectations.h"
 #include "Support/RegexSearches.h"
 #include "Support/SystemCalls.h"
+#include "Utility/ZPIRangeEnd.h"
 
 using namespace support;
 
@@ -27,7 +28,7 @@ std::string plainModifyData(std::string& buffer, const ZPKRegex& regex, const st
   buffer += chunk;
   const std::vector<ZPKRegexMatch> matches = regex.allMatches(buffer);
   if (matches.empty()) return "";
-  const size_t end = matches.back().range().location + matches.back().range().length;
+  const size_t end = ZPIRangeEnd(matches.back().range());
   const std::string result = buffer.substr(0, end);
   if (buffer.size() > end) buffer = buffer.substr(end);
   return result;

@@ -12,7 +12,7 @@ size_t processStatus(std::string_view name) {
   while (std::getline(file, line)) {
     const bool isWanted =
         line.starts_with(name) && line.size() > name.size() && line[name.size()] == ':';
-    if (isWanted) return std::strtoull(line.c_str() + name.size() + 1, nullptr, 10);
+    if (isWanted) return std::strtoul(line.c_str() + name.size() + 1, nullptr, 10);
   }
   return 0;
 }

@@ -256,7 +256,7 @@ int SimulatedDevice::millisecondsUntilNextStep() const {
   if (_line < 0 || _steps.empty()) return -1;
   const auto rest = _stepStart + _steps.front().pause - Clock::now();
   const auto whole = std::chrono::duration_cast<std::chrono::milliseconds>(rest).count();
-  return static_cast<int>(std::max<long>(0, whole) + 1);
+  return static_cast<int>(std::max<int64_t>(0, whole) + 1);
 }
 
 void SimulatedDevice::acceptPeer() {

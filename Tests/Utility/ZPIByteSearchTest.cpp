@@ -10,12 +10,12 @@
 
 namespace {
 
-size_t find(std::string_view text, std::string_view needle) {
+uint64_t find(std::string_view text, std::string_view needle) {
   return ZPIFindBytes(reinterpret_cast<const uint8_t*>(text.data()), text.size(),
                       reinterpret_cast<const uint8_t*>(needle.data()), needle.size());
 }
 
-size_t naiveFind(std::string_view text, std::string_view needle) {
+uint64_t naiveFind(std::string_view text, std::string_view needle) {
   if (needle.empty()) return ZPKNotFound;
   for (size_t at = 0; at + needle.size() <= text.size(); ++at) {
     if (text.substr(at, needle.size()) == needle) return at;

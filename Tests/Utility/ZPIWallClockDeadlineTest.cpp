@@ -2,6 +2,7 @@
 #include <sys/time.h>
 
 #include <cmath>
+#include <cstdint>
 #include <limits>
 
 #include "Utility/ZPIWallClockDeadline.h"
@@ -53,12 +54,14 @@ TEST(ZPIWallClockDeadlineTest, IsNowWithoutTimeToWait) {
 }
 
 TEST(ZPIWallClockDeadlineTest, LiesFarAheadForATimeoutThatFitsNoClock) {
-  constexpr time_t kThousandYears = 31556952000;
+  // A clock of 32 bits ends in 2038.
+  constexpr int64_t kYear = 31556952;
+  constexpr int64_t kFarAhead = sizeof(time_t) > 4 ? 1000 * kYear : kYear;
   for (const double timeout : {1e12, 1e18, 1e300, std::numeric_limits<double>::max(), kInfinity}) {
     timeval now{};
     ::gettimeofday(&now, nullptr);
     const timespec deadline = ZPIWallClockDeadline(timeout);
-    EXPECT_GT(deadline.tv_sec - now.tv_sec, kThousandYears) << timeout;
+    EXPECT_GT(int64_t{deadline.tv_sec} - now.tv_sec, kFarAhead) << timeout;
     EXPECT_GE(deadline.tv_nsec, 0) << timeout;
     EXPECT_LT(deadline.tv_nsec, 1000000000) << timeout;
   }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Support/SystemCalls.h"
+#include "Utility/ZPIRangeEnd.h"
 #include "Utility/ZPKMutableData.h"
 
 using namespace support;
@@ -36,7 +37,7 @@ ZPKMutableDataPtr growingBufferOf(std::string_view bytes) {
   return buffer;
 }
 
-size_t find(const ZPKMutableDataPtr& buffer, std::string_view pattern) {
+uint64_t find(const ZPKMutableDataPtr& buffer, std::string_view pattern) {
   return buffer->find(*ZPKData::dataWithString(pattern)).location;
 }
 
@@ -837,7 +838,7 @@ TEST(ZPKMutableDataTest, UnitsCutOffAGrowingBufferAreThoseOfTheStream) {
     at += count;
     for (ZPKRange found = buffer.find(*terminator); found.location != ZPKNotFound;
          found = buffer.find(*terminator)) {
-      const ZPKMutableDataPtr unit = buffer.takeFirst(found.location + found.length);
+      const ZPKMutableDataPtr unit = buffer.takeFirst(ZPIRangeEnd(found));
       ASSERT_EQ(unit->view().find("\na"), unit->length() - 2);
       joined += unit->view();
     }

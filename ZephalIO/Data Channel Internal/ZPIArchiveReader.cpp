@@ -139,7 +139,7 @@ class Checker {
     const size_t start = _at;
     _at += head.length;
     if (head.argument > remaining()) return failAt(start, ZPIArchiveError::TooShort);
-    const std::string_view content = _bytes.substr(_at, head.argument);
+    const std::string_view content = _bytes.substr(_at, static_cast<size_t>(head.argument));
     if (head.kind == ZPICBORKind::Text && !ZPIIsValidUTF8(content)) {
       return failAt(start, ZPIArchiveError::NotText);
     }
@@ -214,8 +214,9 @@ class Decoder {
     return head;
   }
 
+  // The check has seen this many bytes.
   std::string_view take(uint64_t length) {
-    const std::string_view taken = _rest.substr(0, length);
+    const std::string_view taken = _rest.substr(0, static_cast<size_t>(length));
     _rest.remove_prefix(taken.size());
     return taken;
   }

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "Utility/ZPIRangeEnd.h"
+
 namespace {
 
 // Moves every complete line out of the buffer. The buffer drops its front in constant time and
@@ -10,7 +12,7 @@ template <class Buffer, class Queue>
 void splitByDelimiterPushDelimitedOnQueue(Buffer& buffer, Queue& queue, const ZPKData& delimiter) {
   for (ZPKRange found = buffer.find(delimiter); found.location != ZPKNotFound;
        found = buffer.find(delimiter)) {
-    const size_t lineLength = found.location + found.length;
+    const size_t lineLength = ZPIRangeEnd(found);
     queue.emplace(buffer.view().substr(0, lineLength));
     buffer.dropFirst(lineLength);
   }

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "Utility/ZPIRangeEnd.h"
+
 ZPIDataAggregatorTransformerPtr ZPIDataAggregatorTransformer::initWithTerminator(
     const ZPKDataPtr& terminator, bool removeTerminator) {
   return std::make_shared<ZPIDataAggregatorTransformer>(
@@ -20,8 +22,9 @@ void ZPIDataAggregatorTransformer::modifyData(ZPKMutableData* data) {
   if (_data2Find == nullptr) return;
   const ZPKRange found = _buffer->find(*_data2Find);
   if (found.location == ZPKNotFound) return;
-  const size_t consumed = found.location + found.length;
-  data->append(_buffer->bytes(), _removeTerminator ? found.location : consumed);
+  const size_t consumed = ZPIRangeEnd(found);
+  data->append(_buffer->bytes(),
+               _removeTerminator ? static_cast<size_t>(found.location) : consumed);
   _buffer->dropFirst(consumed);
 }
 

@@ -4,6 +4,8 @@
 #include <string_view>
 #include <utility>
 
+#include "Utility/ZPIRangeEnd.h"
+
 ZPIEventGenerationTransformerPtr ZPIEventGenerationTransformer::initWithData(
     const ZPKDataPtr& pattern, Action action, bool removeData) {
   return std::make_shared<ZPIEventGenerationTransformer>(
@@ -32,8 +34,8 @@ void ZPIEventGenerationTransformer::__modifyData(ZPKMutableData* result) {
     handOut(_buffer.length() - heldAtTheEnd(), result);
     return;
   }
-  handOut(_removeData ? found.location : found.location + found.length, result);
-  if (_removeData) _buffer.dropFirst(found.length);
+  handOut(_removeData ? static_cast<size_t>(found.location) : ZPIRangeEnd(found), result);
+  if (_removeData) _buffer.dropFirst(_pattern->length());
   if (_action) _action();
 }
 

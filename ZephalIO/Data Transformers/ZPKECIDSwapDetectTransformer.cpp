@@ -55,8 +55,9 @@ std::optional<std::string_view> ZPKECIDSwapDetectTransformer::bytesBeforeDelimit
     const ZPKMutableData& chunk) const {
   const ZPKDataPtr delimiter = smileyDelimiter();
   if (delimiter == nullptr) return std::nullopt;
-  const size_t offset = chunk.find(*delimiter).location;
-  if (offset == ZPKNotFound || offset < kDelimiterOffset) return std::nullopt;
+  const ZPKRange found = chunk.find(*delimiter);
+  if (found.location == ZPKNotFound || found.location < kDelimiterOffset) return std::nullopt;
+  const size_t offset = static_cast<size_t>(found.location);
   return chunk.view().substr(offset - kDelimiterOffset, kECIDTextLength);
 }
 

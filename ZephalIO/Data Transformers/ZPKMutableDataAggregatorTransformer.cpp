@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "Utility/ZPIRangeEnd.h"
+
 ZPKMutableDataAggregatorTransformerPtr ZPKMutableDataAggregatorTransformer::initWithTerminator(
     const ZPKDataPtr& terminator) {
   return std::make_shared<ZPKMutableDataAggregatorTransformer>(
@@ -25,7 +27,7 @@ void ZPKMutableDataAggregatorTransformer::modifyData(ZPKMutableData* data) {
   }
   const ZPKRange found = _buffer->find(*terminator);
   if (found.location == ZPKNotFound) return;
-  _buffer->moveFirst(found.location + found.length, data);
+  _buffer->moveFirst(ZPIRangeEnd(found), data);
 }
 
 ZPKMutableDataPtr ZPKMutableDataAggregatorTransformer::takeHeldUnit() {
@@ -34,7 +36,7 @@ ZPKMutableDataPtr ZPKMutableDataAggregatorTransformer::takeHeldUnit() {
   if (terminator == nullptr) return nullptr;
   const ZPKRange found = _buffer->find(*terminator);
   if (found.location == ZPKNotFound) return nullptr;
-  return _buffer->takeFirst(found.location + found.length);
+  return _buffer->takeFirst(ZPIRangeEnd(found));
 }
 
 // The terminator for the length of one call, or null if there is none.
@@ -55,7 +57,7 @@ void ZPKMutableDataAggregatorTransformer::cutChunk(const ZPKData& terminator,
     _buffer->appendGivingUp(chunk);
     return;
   }
-  const size_t unitLength = found.location + found.length;
+  const size_t unitLength = ZPIRangeEnd(found);
   if (unitLength == chunk->length()) return;
   _buffer->swap(*chunk);
   _buffer->moveFirst(unitLength, chunk);

@@ -15,8 +15,8 @@ constexpr size_t kSlackBytes = 256;
 
 }  // namespace
 
-size_t ZPIFindBytes(const uint8_t* bytes, size_t length, const uint8_t* needle,
-                    size_t needleLength) {
+uint64_t ZPIFindBytes(const uint8_t* bytes, size_t length, const uint8_t* needle,
+                      size_t needleLength) {
   if (needleLength == 0 || needleLength > length) return ZPKNotFound;
   if (needleLength == 1) {
     const void* found = std::memchr(bytes, needle[0], length);

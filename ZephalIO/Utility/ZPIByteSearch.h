@@ -5,5 +5,5 @@
 #include <cstdint>
 
 /// The offset of the first `needle` in `bytes`, or ZPKNotFound. An empty needle is never found.
-size_t ZPIFindBytes(const uint8_t* bytes, size_t length, const uint8_t* needle,
-                    size_t needleLength);
+uint64_t ZPIFindBytes(const uint8_t* bytes, size_t length, const uint8_t* needle,
+                      size_t needleLength);

@@ -57,7 +57,7 @@ size_t ZPICodePointCount(std::string_view text) {
   return count;
 }
 
-size_t ZPIByteOffsetOfCodePoint(std::string_view text, size_t index) {
+size_t ZPIByteOffsetOfCodePoint(std::string_view text, uint64_t index) {
   size_t at = 0;
   for (; at < text.size(); ++at) {
     if (isContinuation(text[at])) continue;

@@ -14,7 +14,7 @@ size_t ZPICodePointCount(std::string_view text);
 
 /// The byte offset at which code point `index` of valid UTF-8 begins; the length of the text if it
 /// has no more than `index` code points.
-size_t ZPIByteOffsetOfCodePoint(std::string_view text, size_t index);
+size_t ZPIByteOffsetOfCodePoint(std::string_view text, uint64_t index);
 
 /// The part of valid UTF-8 that `range`, in code points, names; it is cut at the end of the text.
 std::string_view ZPITextInRange(std::string_view text, ZPKRange range);

@@ -66,16 +66,16 @@ size_t ZPKData::getBytes(void* buffer, size_t length) const {
 
 ZPKDataPtr ZPKData::subdata(ZPKRange range) const {
   if (range.location > _length || range.length > _length - range.location) return nullptr;
-  return dataWithBytes(bytes() + range.location, range.length);
+  return dataWithBytes(bytes() + range.location, static_cast<size_t>(range.length));
 }
 
 ZPKRange ZPKData::find(const ZPKData& pattern, ZPKRange range) const {
   if (range.location >= _length) return {};
-  const size_t length = std::min(range.length, _length - range.location);
-  const size_t offset =
-      ZPIFindBytes(bytes() + range.location, length, pattern.bytes(), pattern.length());
+  const size_t start = static_cast<size_t>(range.location);
+  const size_t length = static_cast<size_t>(std::min<uint64_t>(range.length, _length - start));
+  const uint64_t offset = ZPIFindBytes(bytes() + start, length, pattern.bytes(), pattern.length());
   if (offset == ZPKNotFound) return {};
-  return {range.location + offset, pattern.length()};
+  return {start + offset, pattern.length()};
 }
 
 std::optional<std::string> ZPKData::string() const {

@@ -142,8 +142,9 @@ void ZPKMutableData::setLength(size_t length) {
 void ZPKMutableData::zeroRange(ZPKRange range) {
   if (range.location >= _length) return;
   forgetSearch();
-  std::memset(_storage + _head + range.location, 0,
-              std::min(range.length, _length - range.location));
+  const size_t start = static_cast<size_t>(range.location);
+  const uint64_t count = std::min<uint64_t>(range.length, _length - start);
+  std::memset(_storage + _head + start, 0, static_cast<size_t>(count));
 }
 
 void ZPKMutableData::dropFirst(size_t count) {
@@ -199,7 +200,7 @@ ZPKRange ZPKMutableData::find(const ZPKData& pattern) {
     // An occurrence can still begin in the last bytes that were too few for the whole pattern.
     start = _searchedLength - std::min(_searchedLength, pattern.length() - 1);
   }
-  const size_t offset =
+  const uint64_t offset =
       ZPIFindBytes(bytes() + start, _length - start, pattern.bytes(), pattern.length());
   if (offset != ZPKNotFound) return {start + offset, pattern.length()};
   if (pattern.length() == 0 || !canRemember) return {};

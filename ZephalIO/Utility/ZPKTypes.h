@@ -20,14 +20,15 @@ using ZPKOptionsPtr = std::shared_ptr<ZPKOptions>;
 using ZPKRegexPtr = std::shared_ptr<ZPKRegex>;
 using ZPKURLPtr = std::shared_ptr<ZPKURL>;
 
-/// The location of something that was not found.
-inline constexpr size_t ZPKNotFound = 0x7fffffffffffffff;
+/// The location of something that was not found: the same number on every system, which a 32-bit
+/// size cannot hold.
+inline constexpr uint64_t ZPKNotFound = 0x7fffffffffffffff;
 
 /// A stretch of bytes or of code points; each user says which. A location of ZPKNotFound means that
 /// there is no such stretch.
 struct ZPKRange {
-  size_t location = ZPKNotFound;
-  size_t length = 0;
+  uint64_t location = ZPKNotFound;
+  uint64_t length = 0;
 
   friend bool operator==(const ZPKRange&, const ZPKRange&) = default;
 };
