@@ -4,6 +4,9 @@ include(CheckLinkerFlag)
 # alone is not enough: weak symbols of the standard library, such as instantiated templates, keep the
 # default visibility of their headers.
 function(zephalio_export_only target script)
+  if(zephalio_library_type STREQUAL "STATIC")
+    return()
+  endif()
   check_linker_flag(CXX "LINKER:--version-script=${script}" ZEPHALIO_HAS_VERSION_SCRIPTS)
   if(NOT ZEPHALIO_HAS_VERSION_SCRIPTS)
     return()

@@ -8,8 +8,17 @@ set(pkgconfig_folder /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 set(zephalio_prefix_from_pc /prefix)
 cmake_path(RELATIVE_PATH zephalio_prefix_from_pc BASE_DIRECTORY ${pkgconfig_folder})
 
+# What static libraries stand on is named for `pkg-config --static`. Shared ones have linked it
+# themselves, and a user of theirs need not have it installed.
 function(zephalio_install_pkgconfig name description)
-  string(REPLACE ";" " " requires "${ARGN}")
+  cmake_parse_arguments(PARSE_ARGV 2 "" "" "REQUIRES;STATIC_REQUIRES" "")
+  set(requires "${_REQUIRES}")
+  set(private_requires "")
+  set(private_libs "")
+  if(zephalio_library_type STREQUAL "STATIC")
+    set(private_requires "${_STATIC_REQUIRES}")
+    set(private_libs "-pthread")
+  endif()
   configure_file(${PROJECT_SOURCE_DIR}/CMake/Library.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endfunction()
@@ -20,7 +29,9 @@ function(zephalio_install_package)
   install(EXPORT ZephalIOTargets NAMESPACE ZephalIO:: DESTINATION ${zephalio_package_folder})
   write_basic_package_version_file(
     ${PROJECT_BINARY_DIR}/ZephalIOConfigVersion.cmake COMPATIBILITY SameMajorVersion)
-  install(FILES ${PROJECT_SOURCE_DIR}/CMake/ZephalIOConfig.cmake
+  configure_file(${PROJECT_SOURCE_DIR}/CMake/ZephalIOConfig.cmake.in
+                 ${PROJECT_BINARY_DIR}/ZephalIOConfig.cmake @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/ZephalIOConfig.cmake
                 ${PROJECT_BINARY_DIR}/ZephalIOConfigVersion.cmake
           DESTINATION ${zephalio_package_folder})
 endfunction()

@@ -1,0 +1,23 @@
+# What our targets are compiled and linked with; nobody who uses the library inherits it.
+
+# Every target. The presets make warnings errors (CMAKE_COMPILE_WARNING_AS_ERROR); a newer compiler
+# in somebody else's tree may warn of more without breaking his build.
+add_library(zephalio_warnings INTERFACE)
+target_compile_features(zephalio_warnings INTERFACE cxx_std_20)
+target_compile_options(zephalio_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor
+  # Optimising, g++ 12 raises these two in its own <string> and <functional>, where nothing is wrong.
+  $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized -Wno-restrict>)
+
+# What a user runs: the libraries and the programs.
+add_library(zephalio_shipped INTERFACE)
+
+# A build without a type is optimised, unless its flags say how.
+if(NOT CMAKE_CXX_FLAGS MATCHES "-O")
+  target_compile_options(zephalio_shipped INTERFACE $<$<CONFIG:>:-O2>)
+endif()
+
+# The same bytes from every folder. A debugger wants the real path, so Debug keeps it.
+target_compile_options(zephalio_shipped INTERFACE
+  "$<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>"
+  "$<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_BINARY_DIR}=.>")
