@@ -1,4 +1,7 @@
 # What our targets are compiled and linked with; nobody who uses the library inherits it.
+include(CheckLinkerFlag)
+include(CheckPIESupported)
+check_pie_supported(LANGUAGES CXX)
 
 # Every target. The presets make warnings errors (CMAKE_COMPILE_WARNING_AS_ERROR); a newer compiler
 # in somebody else's tree may warn of more without breaking his build.
@@ -9,8 +12,9 @@ target_compile_options(zephalio_warnings INTERFACE
   # Optimising, g++ 12 raises these two in its own <string> and <functional>, where nothing is wrong.
   $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized -Wno-restrict>)
 
-# What a user runs: the libraries and the programs.
+# What a user runs: the libraries and the programs. Executables become position-independent.
 add_library(zephalio_shipped INTERFACE)
+set_property(TARGET zephalio_shipped PROPERTY INTERFACE_POSITION_INDEPENDENT_CODE ON)
 
 # A build without a type is optimised, unless its flags say how.
 if(NOT CMAKE_CXX_FLAGS MATCHES "-O")
@@ -21,3 +25,19 @@ endif()
 target_compile_options(zephalio_shipped INTERFACE
   "$<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>"
   "$<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_BINARY_DIR}=.>")
+
+# Hardened as a distribution's own packages are. FORTIFY would hide errors from the sanitizers, and
+# does nothing but warn where nothing is optimised.
+if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
+  target_compile_options(zephalio_shipped INTERFACE
+    $<$<NOT:$<CONFIG:Debug>>:-fstack-protector-strong>)
+  if(NOT CMAKE_CXX_FLAGS MATCHES "_FORTIFY_SOURCE|-O0")
+    target_compile_options(zephalio_shipped INTERFACE
+      "$<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
+  endif()
+  check_linker_flag(CXX "LINKER:-z,relro,-z,now" ZEPHALIO_HAS_RELRO)
+  if(ZEPHALIO_HAS_RELRO)
+    target_link_options(zephalio_shipped INTERFACE
+      $<$<NOT:$<CONFIG:Debug>>:LINKER:-z,relro,-z,now>)
+  endif()
+endif()
