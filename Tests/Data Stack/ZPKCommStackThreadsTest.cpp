@@ -16,6 +16,7 @@
 #include "Data Stack/ZPKCommStack.h"
 #include "Support/EventWait.h"
 #include "Support/ScriptedStack.h"
+#include "Support/TransportPeer.h"
 #include "ZephalLogging.h"
 
 using namespace support;
@@ -203,6 +204,26 @@ TEST_F(ZPKCommStackThreadsTest, CloseWaitsForAWriteThatNobodyTakes) {
   channel->letGo.happen();
   writer.join();
   closing.join();
+}
+
+TEST_F(ZPKCommStackThreadsTest, ClosingTheBaseChannelEndsAWriteThatNobodyTakes) {
+  for (const bool readsAhead : {false, true}) {
+    TransportPeer peer(TransportPeer::Kind::kUnix);
+    const auto base = peer.makeChannel();
+    const auto stack = ZPKCommStack::init();
+    stack->setActiveChannelOnOff(readsAhead);
+    ASSERT_TRUE(stack->createStackWithBaseChannel(base));
+    ASSERT_TRUE(peer.open(stack->commChannel()));
+    std::atomic<pid_t> writer{0};
+    std::thread writing([&] {
+      writer = ::gettid();
+      EXPECT_FALSE(stack->writeString(std::string(8 << 20, 'x')));
+    });
+    EXPECT_TRUE(waitFor([&] { return writer != 0 && isAsleep(writer); }));
+    EXPECT_TRUE(base->close());
+    writing.join();
+    EXPECT_EQ(stack->isOpen(), 0);
+  }
 }
 
 TEST_F(ZPKCommStackThreadsTest, PlainAccessorsDoNotWaitForARead) {

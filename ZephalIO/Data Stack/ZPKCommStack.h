@@ -127,7 +127,8 @@ class ZPK_EXPORT ZPKCommStack {
 
   /// Writes the bytes and the line terminator; empty data sends the terminator alone. Null fails
   /// without an error. A write that fails leaves the stack open. There is no time limit: a peer
-  /// that does not read holds up the write, and with it every other operation.
+  /// that does not read holds up the write, and with it every other operation, until the base
+  /// channel is closed on another thread (see ZPKDataChannel.h).
   bool writeData(const ZPKDataPtr& data, ZPKErrorPtr* error = nullptr);
   /// Reads up to the delimiter, waiting for as long as `timeout` says and about a tenth of that
   /// longer at the most. A delimiter that is not null holds for this one read. Fails with code 305

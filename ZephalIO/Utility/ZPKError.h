@@ -18,9 +18,9 @@ inline constexpr std::string_view ZPKErrorLocationKey = "ErrorLocation";
 /// fills the slot if it was given one; it writes a line to the log in either case. Test the result,
 /// not the slot: a success leaves the slot as it was, and a few failures have no error.
 ///
-/// Four failures differ in their lines. A refused connection, and a log file that the system does
-/// not open, write none. The end of a connection during a read without a limit, and a read filter
-/// that is not hexadecimal, write two.
+/// A few failures write no line, such as a refused connection, a log file that the system does not
+/// open, and a null base channel or command. Two write two lines: the end of a connection during
+/// a read without a limit, and a read filter that is not hexadecimal.
 class ZPK_EXPORT ZPKError {
   struct Key {
     explicit Key() = default;
