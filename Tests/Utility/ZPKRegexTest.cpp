@@ -3,11 +3,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "Support/ErrorExpectations.h"
+#include "Utility/ZPIRangeEnd.h"
 #include "Utility/ZPKRegex.h"
 
 using namespace support;
@@ -50,9 +52,10 @@ std::vector<ZPKRange> allRanges(std::string_view pattern, std::string_view text,
   for (const ZPKRegexMatch& match : regex->allMatches(text, range)) ranges.push_back(match.range());
   EXPECT_EQ(regex->countMatches(text, range), ranges.size());
   if (range == ZPKRegex::wholeText()) {
-    size_t end = ZPKNotFound;
+    constexpr size_t kUntouched = SIZE_MAX;
+    size_t end = kUntouched;
     EXPECT_EQ(ZPICountMatches(*regex, text, &end), ranges.size());
-    EXPECT_EQ(end, ranges.empty() ? ZPKNotFound : ranges.back().location + ranges.back().length);
+    EXPECT_EQ(end, ranges.empty() ? kUntouched : ZPIRangeEnd(ranges.back()));
   }
   return ranges;
 }

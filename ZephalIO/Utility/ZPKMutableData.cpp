@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <new>
 #include <utility>
 
@@ -22,7 +23,7 @@ constexpr size_t kSparseFactor = 8;
 constexpr size_t kLongestWithinObject = kAlwaysKeptCapacity;
 
 // A searched length that says that somebody may hold a pointer from mutableBytes.
-constexpr size_t kCannotRemember = ZPKNotFound;
+constexpr size_t kCannotRemember = std::numeric_limits<size_t>::max();
 
 bool isSparse(size_t length, size_t capacity) {
   return capacity > kAlwaysKeptCapacity && length < capacity / kSparseFactor;
