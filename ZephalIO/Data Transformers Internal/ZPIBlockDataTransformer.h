@@ -29,6 +29,7 @@ class ZPIBlockDataTransformer final : public ZPKDataTransformer {
   /// Calls the reset callback. Fails without one: domain "zephal-communication", code 6.
   bool reset(ZPKErrorPtr* error = nullptr) override;
 
+  // Nothing in the library calls these four.
   DataBlock dataBlock() const { return *_dataBlock.load(); }
   void setDataBlock(DataBlock dataBlock) { _dataBlock.store(shared(std::move(dataBlock))); }
   ResetBlock resetBlock() const { return *_resetBlock.load(); }

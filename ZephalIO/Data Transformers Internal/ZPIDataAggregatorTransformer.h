@@ -28,6 +28,7 @@ class ZPIDataAggregatorTransformer final : public ZPKDataTransformer {
   /// The held bytes, until the next reset.
   ZPKMutableDataPtr buffer() const { return _buffer; }
   ZPKDataPtr data2Find() const { return _data2Find; }
+  /// Nothing in the library calls it.
   bool removeTerminator() const { return _removeTerminator; }
 
  private:

@@ -35,7 +35,7 @@ class ZPIEventGenerationTransformer final : public ZPKDataTransformer {
   /// Drops the held bytes; always true.
   bool reset(ZPKErrorPtr* error = nullptr) override;
 
-  /// Whether the pattern is cut out.
+  /// Whether the pattern is cut out. Nothing in the library calls these two.
   bool removeData() const { return _removeData; }
   Action action() const { return _action; }
 

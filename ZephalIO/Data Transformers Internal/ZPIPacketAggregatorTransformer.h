@@ -19,7 +19,8 @@
 /// signed number: one that is negative is never reached, and everything is held until reset. So it
 /// is while a size is due and the width is not 1 to 8, since no such field can be read.
 ///
-/// The accessors may be used on any thread; the buffer itself has no lock.
+/// The accessors may be used on any thread; the buffer itself has no lock. Nothing in the library
+/// calls setPacketLengthEncoding, readResults or those of the separator.
 class ZPIPacketAggregatorTransformer final : public ZPKDataTransformer {
   struct Key {
     explicit Key() = default;

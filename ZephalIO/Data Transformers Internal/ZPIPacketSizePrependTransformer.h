@@ -26,7 +26,7 @@ class ZPIPacketSizePrependTransformer final : public ZPKDataTransformer {
   /// Does nothing; always true.
   bool reset(ZPKErrorPtr* error = nullptr) override;
 
-  /// The width of the size field in bytes.
+  /// The width of the size field in bytes. Nothing in the library sets it later.
   int32_t packetLengthEncoding() const {
     return _packetLengthEncoding.load(std::memory_order_relaxed);
   }

@@ -21,6 +21,8 @@ using ZPIEventLoopPtr = std::shared_ptr<ZPIEventLoop>;
 ///     loop->run();                                  // returns when the device lets go, or on stop
 ///
 /// All operations except `run` may be called on any thread; none is called back with the lock held.
+///
+/// Only runBlockOnNewThreadWithRunLoop uses it, which nothing in the library calls.
 class ZPIEventLoop final : public std::enable_shared_from_this<ZPIEventLoop> {
   struct Key {
     explicit Key() = default;

@@ -33,7 +33,7 @@ void block_dispose(void* block);
 void buildConditionObjects(pthread_mutex_t* mutex, pthread_cond_t* condition);
 void destroyConditionObjects(pthread_mutex_t* mutex, pthread_cond_t* condition);
 
-/// Makes a mutex that is not recursive.
+/// Makes a mutex that is not recursive. Nothing in the library calls these two.
 void buildMutexObjects(pthread_mutex_t* mutex);
 void destroyMutexObjects(pthread_mutex_t* mutex);
 
@@ -57,4 +57,6 @@ class ZPIMutexHold {
 ///
 /// True if `block` returned true in time. Once the time is up the answer is false, although `block`
 /// goes on, and so does the thread if it then returns true.
+///
+/// Nothing in the library calls it.
 bool runBlockOnNewThreadWithRunLoop(std::function<bool()> block, double timeout);

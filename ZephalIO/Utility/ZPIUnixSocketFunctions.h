@@ -10,7 +10,7 @@
 /// listens on any more is removed first; one with a live listener, and a file of any other kind, is
 /// left alone. A failure is one line on standard output, which says "busy" for EADDRINUSE and
 /// "restricted" otherwise. A path longer than the platform's sun_path is cut; an empty one names
-/// nothing and fails with ENOENT.
+/// nothing and fails with ENOENT. Nothing in the library calls it.
 int passive_unix(const std::string& path);
 
 /// Connects to a path, cut likewise; returns the socket, or -1 with nothing printed. Whether a
