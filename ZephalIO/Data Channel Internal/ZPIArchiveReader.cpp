@@ -195,8 +195,8 @@ class Decoder {
       }
       ZPKObjectPtr object = makeLeaf(head);
       if (object == nullptr) return nullptr;
-      while (!_open.empty() && put(&object)) _open.pop();
-      if (_open.empty()) return object;
+      while (object != nullptr && !_open.empty()) object = put(std::move(object));
+      if (object != nullptr) return object;
     }
   }
 
@@ -234,17 +234,18 @@ class Decoder {
     --dictionary->left;
   }
 
-  // Puts an object where it belongs. If that completes the innermost dictionary, the object is
-  // replaced with it, and the result is true.
-  bool put(ZPKObjectPtr* object) {
+  // Puts an object into the innermost dictionary. The result is that dictionary if it is complete
+  // now, otherwise null.
+  ZPKObjectPtr put(ZPKObjectPtr object) {
     OpenDictionary& top = _open.top();
-    top.entries.back().value = std::move(*object);
+    top.entries.back().value = std::move(object);
     if (top.left > 0) {
       nextKey(&top);
-      return false;
+      return nullptr;
     }
-    *object = ZPKDictionary::init(std::move(top.entries));
-    return true;
+    ZPKObjectPtr dictionary = ZPKDictionary::init(std::move(top.entries));
+    _open.pop();
+    return dictionary;
   }
 
   ZPKObjectPtr makeLeaf(const ZPICBORHead& head) {
