@@ -961,14 +961,19 @@ std::future<bool> startLongWrite(Communication* communication, const SocketPair&
   return result;
 }
 
+// With a line the writer stays inside until its peer goes, so that it is surely the last one out.
+using RecordingLine = ZPIFileDescriptorCommunication<RecordingLinePolicy>;
+
 TEST_F(FileDescriptorCommunicationTest, ACloseLeavesTheSystemsCloseToAWriter) {
-  auto communication = openOne();
+  const SignalHandler noBrokenPipe(SIGPIPE);
+  RecordingLine communication(_pair.ours, RecordingLinePolicy(&_record));
   _record.isCloseGood = false;
   ZPKErrorPtr writeError;
   auto writer = startLongWrite(&communication, _pair, &writeError);
   EXPECT_TRUE(communication.close(&_error));
   EXPECT_FALSE(communication.isOpen());
   EXPECT_EQ(_error, olderError());
+  _pair.closePeer();
   EXPECT_FALSE(writer.get());
   expectFailure(writeError, _log, writeFailure(EBADF));
   EXPECT_THAT(_record.closed, ElementsAre(_pair.ours));
@@ -976,13 +981,15 @@ TEST_F(FileDescriptorCommunicationTest, ACloseLeavesTheSystemsCloseToAWriter) {
 }
 
 TEST_F(FileDescriptorCommunicationTest, AFailedReadLeavesTheSystemsCloseToAWriter) {
-  auto communication = openOne();
+  const SignalHandler noBrokenPipe(SIGPIPE);
+  RecordingLine communication(_pair.ours, RecordingLinePolicy(&_record));
   _record.isCloseGood = false;
   auto writer = startLongWrite(&communication, _pair, nullptr);
   ::shutdown(_pair.peers, SHUT_WR);
   EXPECT_EQ(communication.readWithTimeout(20.0, &_error), nullptr);
   expectError(_error, readFailure(0));
   EXPECT_FALSE(communication.isOpen());
+  _pair.closePeer();
   EXPECT_FALSE(writer.get());
   EXPECT_THAT(_record.closed, ElementsAre(_pair.ours));
   EXPECT_THAT(_record.closedWithSlot, ElementsAre(false));
@@ -991,8 +998,7 @@ TEST_F(FileDescriptorCommunicationTest, AFailedReadLeavesTheSystemsCloseToAWrite
 TEST_F(FileDescriptorCommunicationTest, AnOldWriterNeverReachesWhatIsOpenedNext) {
   const SignalHandler noBrokenPipe(SIGPIPE);
   SocketPair next;
-  ZPIFileDescriptorCommunication<RecordingLinePolicy> communication(_pair.ours,
-                                                                    RecordingLinePolicy(&_record));
+  RecordingLine communication(_pair.ours, RecordingLinePolicy(&_record));
   ZPKErrorPtr writeError;
   auto writer = startLongWrite(&communication, _pair, &writeError);
   EXPECT_TRUE(communication.close(nullptr));
