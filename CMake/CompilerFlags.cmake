@@ -36,8 +36,13 @@ if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
       "$<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
   endif()
   check_linker_flag(CXX "LINKER:-z,relro,-z,now" ZEPHALIO_HAS_RELRO)
-  if(ZEPHALIO_HAS_RELRO)
-    target_link_options(zephalio_shipped INTERFACE
-      $<$<NOT:$<CONFIG:Debug>>:LINKER:-z,relro,-z,now>)
-  endif()
 endif()
+
+# Goes with zephalio_shipped, which cannot bring it along: through a static library it would reach the
+# programs of its users.
+function(zephalio_harden_linking target)
+  get_target_property(type ${target} TYPE)
+  if(ZEPHALIO_HAS_RELRO AND NOT type STREQUAL "STATIC_LIBRARY")
+    target_link_options(${target} PRIVATE $<$<NOT:$<CONFIG:Debug>>:LINKER:-z,relro,-z,now>)
+  endif()
+endfunction()
