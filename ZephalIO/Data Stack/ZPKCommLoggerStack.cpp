@@ -93,6 +93,34 @@ bool ZPKCommLoggerStack::close(ZPKErrorPtr* error) {
   return ZPICloseChain(commChannel(), error);
 }
 
+ZPKDataChannelPtr ZPKCommLoggerStack::commChannel() const { return _commChannel.load(); }
+
+void ZPKCommLoggerStack::setCommChannel(ZPKDataChannelPtr channel) {
+  _commChannel.store(std::move(channel));
+}
+
+ZPKMutableDataAggregatorTransformerPtr ZPKCommLoggerStack::aggregator() const {
+  return _aggregator.load();
+}
+
+void ZPKCommLoggerStack::setAggregator(ZPKMutableDataAggregatorTransformerPtr aggregator) {
+  _aggregator.store(std::move(aggregator));
+}
+
+std::optional<std::string> ZPKCommLoggerStack::logFilePath() const { return _logFilePath.load(); }
+
+void ZPKCommLoggerStack::setLogFilePath(std::optional<std::string> path) {
+  _logFilePath.store(std::move(path));
+}
+
+std::optional<std::string> ZPKCommLoggerStack::preAggregatorLogFilePath() const {
+  return _preAggregatorLogFilePath.load();
+}
+
+void ZPKCommLoggerStack::setPreAggregatorLogFilePath(std::optional<std::string> path) {
+  _preAggregatorLogFilePath.store(std::move(path));
+}
+
 // The active channel stands on top, so that the aggregator and both logs see all that its thread
 // reads.
 ZPKDataChannelPtr ZPKCommLoggerStack::chainOn(ZPKDataChannelPtr channel, ZPKErrorPtr* error) const {

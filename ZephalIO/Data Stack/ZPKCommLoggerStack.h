@@ -90,24 +90,18 @@ class ZPK_EXPORT ZPKCommLoggerStack {
   // --- Plain accessors. Each is safe on any thread and changes the field alone.
 
   /// The top of the chain; null as long as none was created.
-  ZPKDataChannelPtr commChannel() const { return _commChannel.load(); }
-  void setCommChannel(ZPKDataChannelPtr channel) { _commChannel.store(std::move(channel)); }
+  ZPKDataChannelPtr commChannel() const;
+  void setCommChannel(ZPKDataChannelPtr channel);
   /// What cuts the stream; the chain holds the same object. A chain that is created without one
   /// records uncut, and its close, though it closes all, fails without an error.
-  ZPKMutableDataAggregatorTransformerPtr aggregator() const { return _aggregator.load(); }
-  void setAggregator(ZPKMutableDataAggregatorTransformerPtr aggregator) {
-    _aggregator.store(std::move(aggregator));
-  }
+  ZPKMutableDataAggregatorTransformerPtr aggregator() const;
+  void setAggregator(ZPKMutableDataAggregatorTransformerPtr aggregator);
   /// The path of the log of units; null for none.
-  std::optional<std::string> logFilePath() const { return _logFilePath.load(); }
-  void setLogFilePath(std::optional<std::string> path) { _logFilePath.store(std::move(path)); }
+  std::optional<std::string> logFilePath() const;
+  void setLogFilePath(std::optional<std::string> path);
   /// The path of the log of raw chunks; null for none.
-  std::optional<std::string> preAggregatorLogFilePath() const {
-    return _preAggregatorLogFilePath.load();
-  }
-  void setPreAggregatorLogFilePath(std::optional<std::string> path) {
-    _preAggregatorLogFilePath.store(std::move(path));
-  }
+  std::optional<std::string> preAggregatorLogFilePath() const;
+  void setPreAggregatorLogFilePath(std::optional<std::string> path);
 
  private:
   ZPKDataChannelPtr chainOn(ZPKDataChannelPtr channel, ZPKErrorPtr* error) const;

@@ -300,6 +300,79 @@ std::optional<std::string> ZPKCommStack::sendCommandStringWithEchoRemoval(
   return std::string(ZPITextInRange(*response, range));
 }
 
+bool ZPKCommStack::activeChannelOnOff() const { return _activeChannelOnOff; }
+
+void ZPKCommStack::setActiveChannelOnOff(bool onOff) { _activeChannelOnOff = onOff; }
+
+bool ZPKCommStack::timeoutIsException() const { return _timeoutIsException; }
+
+void ZPKCommStack::setTimeoutIsException(bool value) { _timeoutIsException = value; }
+
+ZPKDataChannelPtr ZPKCommStack::commChannel() const { return _commChannel.load(); }
+
+void ZPKCommStack::setCommChannel(ZPKDataChannelPtr channel) {
+  _commChannel.store(std::move(channel));
+}
+
+ZPKMutableDataAggregatorTransformerPtr ZPKCommStack::aggregator() const {
+  return _aggregator.load();
+}
+
+void ZPKCommStack::setAggregator(ZPKMutableDataAggregatorTransformerPtr aggregator) {
+  _aggregator.store(std::move(aggregator));
+}
+
+ZPKMutableDataAppendingTransformerPtr ZPKCommStack::appender() const { return _appender.load(); }
+
+void ZPKCommStack::setAppender(ZPKMutableDataAppendingTransformerPtr appender) {
+  _appender.store(std::move(appender));
+}
+
+std::optional<ZPKDataTransformerArray> ZPKCommStack::readFilterTransformers() const {
+  return _readFilterTransformers.load();
+}
+
+void ZPKCommStack::setReadFilterTransformers(std::optional<ZPKDataTransformerArray> transformers) {
+  _readFilterTransformers.store(std::move(transformers));
+}
+
+std::optional<ZPKDataTransformerArray> ZPKCommStack::readFilterHexTransformers() const {
+  return _readFilterHexTransformers.load();
+}
+
+void ZPKCommStack::setReadFilterHexTransformers(
+    std::optional<ZPKDataTransformerArray> transformers) {
+  _readFilterHexTransformers.store(std::move(transformers));
+}
+
+ZPKECIDSwapDetectTransformerPtr ZPKCommStack::ecidChecker() const { return _ecidChecker.load(); }
+
+void ZPKCommStack::setEcidChecker(ZPKECIDSwapDetectTransformerPtr checker) {
+  _ecidChecker.store(std::move(checker));
+}
+
+std::optional<std::string> ZPKCommStack::ecidSwapInformation() const {
+  return _ecidSwapInformation.load();
+}
+
+void ZPKCommStack::setEcidSwapInformation(std::optional<std::string> information) {
+  _ecidSwapInformation.store(std::move(information));
+}
+
+std::optional<std::string> ZPKCommStack::logFilePath() const { return _logFilePath.load(); }
+
+void ZPKCommStack::setLogFilePath(std::optional<std::string> path) {
+  _logFilePath.store(std::move(path));
+}
+
+std::optional<std::string> ZPKCommStack::preAggregatorLogFilePath() const {
+  return _preAggregatorLogFilePath.load();
+}
+
+void ZPKCommStack::setPreAggregatorLogFilePath(std::optional<std::string> path) {
+  _preAggregatorLogFilePath.store(std::move(path));
+}
+
 bool ZPKCommStack::refuseOnceCreated(ZPKErrorPtr* error, const ZPIFailureSite& site,
                                      const char* message) const {
   return ZPIRefuseOnceCreated(commChannel(), error, stackSite(site), message);

@@ -169,58 +169,38 @@ class ZPK_EXPORT ZPKCommStack {
   // --- Plain accessors. Each is safe on any thread and changes the field alone: nothing is
   // checked, and a chain that was created keeps what it was made of.
 
-  bool activeChannelOnOff() const { return _activeChannelOnOff; }
-  void setActiveChannelOnOff(bool onOff) { _activeChannelOnOff = onOff; }
-  bool timeoutIsException() const { return _timeoutIsException; }
-  void setTimeoutIsException(bool value) { _timeoutIsException = value; }
+  bool activeChannelOnOff() const;
+  void setActiveChannelOnOff(bool onOff);
+  bool timeoutIsException() const;
+  void setTimeoutIsException(bool value);
   /// The top of the chain; null as long as none was created.
-  ZPKDataChannelPtr commChannel() const { return _commChannel.load(); }
-  void setCommChannel(ZPKDataChannelPtr channel) { _commChannel.store(std::move(channel)); }
+  ZPKDataChannelPtr commChannel() const;
+  void setCommChannel(ZPKDataChannelPtr channel);
   /// What cuts the stream; the chain holds the same object.
-  ZPKMutableDataAggregatorTransformerPtr aggregator() const { return _aggregator.load(); }
-  void setAggregator(ZPKMutableDataAggregatorTransformerPtr aggregator) {
-    _aggregator.store(std::move(aggregator));
-  }
+  ZPKMutableDataAggregatorTransformerPtr aggregator() const;
+  void setAggregator(ZPKMutableDataAggregatorTransformerPtr aggregator);
   /// What ends every write; the chain holds the same object.
-  ZPKMutableDataAppendingTransformerPtr appender() const { return _appender.load(); }
-  void setAppender(ZPKMutableDataAppendingTransformerPtr appender) {
-    _appender.store(std::move(appender));
-  }
+  ZPKMutableDataAppendingTransformerPtr appender() const;
+  void setAppender(ZPKMutableDataAppendingTransformerPtr appender);
   /// The read filters made from text; null as long as none were set.
-  std::optional<ZPKDataTransformerArray> readFilterTransformers() const {
-    return _readFilterTransformers.load();
-  }
-  void setReadFilterTransformers(std::optional<ZPKDataTransformerArray> transformers) {
-    _readFilterTransformers.store(std::move(transformers));
-  }
+  std::optional<ZPKDataTransformerArray> readFilterTransformers() const;
+  void setReadFilterTransformers(std::optional<ZPKDataTransformerArray> transformers);
   /// The read filters made from hexadecimal text; null as long as none were set.
-  std::optional<ZPKDataTransformerArray> readFilterHexTransformers() const {
-    return _readFilterHexTransformers.load();
-  }
-  void setReadFilterHexTransformers(std::optional<ZPKDataTransformerArray> transformers) {
-    _readFilterHexTransformers.store(std::move(transformers));
-  }
+  std::optional<ZPKDataTransformerArray> readFilterHexTransformers() const;
+  void setReadFilterHexTransformers(std::optional<ZPKDataTransformerArray> transformers);
   /// The swap detector; the chain holds the same object.
-  ZPKECIDSwapDetectTransformerPtr ecidChecker() const { return _ecidChecker.load(); }
-  void setEcidChecker(ZPKECIDSwapDetectTransformerPtr checker) {
-    _ecidChecker.store(std::move(checker));
-  }
+  ZPKECIDSwapDetectTransformerPtr ecidChecker() const;
+  void setEcidChecker(ZPKECIDSwapDetectTransformerPtr checker);
   /// The text of a swap that was found; null if none was. Setting it to null is the one way to go
   /// on with a chain after a swap.
-  std::optional<std::string> ecidSwapInformation() const { return _ecidSwapInformation.load(); }
-  void setEcidSwapInformation(std::optional<std::string> information) {
-    _ecidSwapInformation.store(std::move(information));
-  }
+  std::optional<std::string> ecidSwapInformation() const;
+  void setEcidSwapInformation(std::optional<std::string> information);
   /// The path of the log of the chain's outer end; null for none.
-  std::optional<std::string> logFilePath() const { return _logFilePath.load(); }
-  void setLogFilePath(std::optional<std::string> path) { _logFilePath.store(std::move(path)); }
+  std::optional<std::string> logFilePath() const;
+  void setLogFilePath(std::optional<std::string> path);
   /// The path of the log of the chain's raw end; null for none.
-  std::optional<std::string> preAggregatorLogFilePath() const {
-    return _preAggregatorLogFilePath.load();
-  }
-  void setPreAggregatorLogFilePath(std::optional<std::string> path) {
-    _preAggregatorLogFilePath.store(std::move(path));
-  }
+  std::optional<std::string> preAggregatorLogFilePath() const;
+  void setPreAggregatorLogFilePath(std::optional<std::string> path);
 
  private:
   bool refuseOnceCreated(ZPKErrorPtr* error, const ZPIFailureSite& site, const char* message) const;
