@@ -163,6 +163,11 @@ void pinTo(int cpu) {
   ::sched_setaffinity(0, sizeof set, &set);
 }
 
+void letStandBack(pid_t process) {
+  const sched_param none{};
+  checked(::sched_setscheduler(process, SCHED_IDLE, &none), "sched_setscheduler");
+}
+
 Device::Device(Transport transport, int cpu, bool servesMany) : _transport(transport) {
   static int counter = 0;
   if (transport == Transport::Pty) {
@@ -206,6 +211,8 @@ Device::~Device() {
   if (_keptSlave >= 0) ::close(_keptSlave);
   if (_transport == Transport::Unix) ::unlink(_path.c_str());
 }
+
+void Device::standBack() const { letStandBack(_process); }
 
 int Device::connect() const {
   if (_transport == Transport::Pty) return openRaw(_path);

@@ -31,6 +31,9 @@ class Device {
 
   /// The URL of the device.
   const std::string& url() const { return _url; }
+  /// Lets the device run only when nobody else wants its processor: it never answers before its
+  /// client waits.
+  void standBack() const;
   /// A plain descriptor that talks to it, opened raw: for the loops that the library is measured
   /// against.
   int connect() const;
@@ -47,3 +50,5 @@ class Device {
 
 /// Pins the calling thread to one CPU; -1 frees it.
 void pinTo(int cpu);
+/// Lets a process run only when nobody else wants its processor; 0 is the calling one.
+void letStandBack(pid_t process);

@@ -1,0 +1,203 @@
+// Does one kind of work a given number of times, for Benchmarks/exact to count what it takes.
+//
+//     zephalio-exact WORK COUNT
+//
+// Instructions are counted from outside, as the difference of two runs of different length. The
+// works that count something themselves (faults, heap) print one number.
+#include <ZephalIO/ZephalIO.h>
+#include <malloc.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "../Device.h"
+#include "../MixedDictionary.h"
+#include "../Stack.h"
+#include "MemoryChannel.h"
+
+namespace {
+
+constexpr size_t kPiece = 65536;  // what a transport's read has room for
+constexpr double kSeconds = 10;
+
+void expect(bool condition) {
+  if (condition) return;
+  std::fputs("the work was not done\n", stderr);
+  std::exit(1);
+}
+
+ZPKCommStackPtr stackOn(const ZPKDataChannelPtr& channel) {
+  auto stack = ZPKCommStack::init();
+  stack->setDelimiter("\n");
+  expect(stack->createStackWithBaseChannel(channel));
+  if (!channel->isOpened()) expect(stack->openWithTimeout(std::nullopt));
+  return stack;
+}
+
+ZPKCommStackPtr stackOnMemory(const std::string& text) {
+  return stackOn(std::make_shared<MemoryChannel>(text, kPiece));
+}
+
+// As many lines as pieces end where lines end.
+std::string linesOf(size_t length) {
+  std::string text;
+  for (size_t i = 0; i < kPiece; ++i) text += std::string(length - 1, 'x') + "\n";
+  return text;
+}
+
+void readLines(size_t length, size_t count) {
+  const auto stack = stackOnMemory(linesOf(length));
+  for (size_t i = 0; i < count; ++i) {
+    const ZPKDataPtr line = stack->readDataWithTimeout(kSeconds, nullptr);
+    expect(line != nullptr && line->length() == length);
+  }
+}
+
+void readStrings(size_t count) {
+  constexpr size_t kLength = 16;
+  const auto stack = stackOnMemory(linesOf(kLength));
+  for (size_t i = 0; i < count; ++i) {
+    const auto line = stack->readStringWithTimeout(kSeconds, std::nullopt);
+    expect(line.has_value() && line->size() == kLength);
+  }
+}
+
+// With a device that answers when its client waits for it, so that each round trip takes the same
+// way through the library.
+struct Conversation {
+  Conversation() {
+    device.standBack();
+    pinTo(0);
+  }
+
+  const Device device{Transport::Unix, 0};
+  const ZPKCommStackPtr stack = openStack(device.url(), "> ");
+};
+
+void sendCommands(size_t count) {
+  const Conversation conversation;
+  const ZPKDataPtr command = ZPKData::dataWithString("ping");
+  for (size_t i = 0; i < count; ++i) {
+    const ZPKDataPtr response = conversation.stack->sendCommandData(command, kSeconds);
+    expect(response != nullptr && response->length() == 7);
+  }
+}
+
+void sendCommandStrings(size_t count) {
+  const Conversation conversation;
+  for (size_t i = 0; i < count; ++i) {
+    expect(conversation.stack->sendCommandString("ping", kSeconds).has_value());
+  }
+}
+
+// Filled anew each time: a search of bytes that were searched before would cost nothing.
+void filterLines(size_t count) {
+  const auto filter = createFilteringTransformer(ZPKData::dataWithString("\033[0m"));
+  const std::string text(80, 'x');
+  const auto chunk = ZPKMutableData::data();
+  for (size_t i = 0; i < count; ++i) {
+    chunk->setLength(0);
+    chunk->append(text.data(), text.size());
+    filter->modifyData(chunk.get());
+    expect(chunk->length() == text.size());
+  }
+}
+
+void writeArchives(size_t count) {
+  const auto dictionary = mixedDictionary();
+  const auto serializer = ZPKDataDefaultSerializer::init();
+  for (size_t i = 0; i < count; ++i) expect(serializer->serialize(dictionary) != nullptr);
+}
+
+void readArchives(size_t count) {
+  const auto serializer = ZPKDataDefaultSerializer::init();
+  const ZPKDataPtr archive = serializer->serialize(mixedDictionary());
+  for (size_t i = 0; i < count; ++i) expect(serializer->deserialize(archive) != nullptr);
+}
+
+long pageFaults() {
+  rusage usage{};
+  expect(::getrusage(RUSAGE_SELF, &usage) == 0);
+  return usage.ru_minflt;
+}
+
+// The end of a socket to which a process of its own writes `text` over and over, in one piece each
+// time, until it is closed.
+int flooded(const std::string& text) {
+  std::array<int, 2> ends{};
+  expect(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) == 0);
+  const pid_t process = ::fork();
+  expect(process >= 0);
+  ::close(ends[process == 0 ? 0 : 1]);
+  if (process != 0) return ends[0];
+  while (::send(ends[1], text.data(), text.size(), MSG_NOSIGNAL) > 0) continue;
+  ::_exit(0);
+}
+
+// Of a flood of `count` lines of 80 bytes. Both ends are on one processor and the device goes
+// first, so that each read meets a full socket: what a read gets does not depend on the machine's
+// load.
+void countPageFaults(size_t count) {
+  constexpr size_t kLength = 80;
+  pinTo(0);
+  const int socket = flooded(linesOf(kLength));
+  letStandBack(0);
+  const auto stack = stackOn(createActiveTCPChannelWithSocket(socket));
+  const long before = pageFaults();
+  for (size_t i = 0; i < count; ++i) {
+    const ZPKDataPtr line = stack->readDataWithTimeout(kSeconds, nullptr);
+    expect(line != nullptr && line->length() == kLength);
+  }
+  std::printf("%ld\n", pageFaults() - before);
+  stack->close();
+}
+
+// Of one open stack with its chain, on average over `count` of them.
+void countHeapBytes(size_t count) {
+  std::vector<ZPKCommStackPtr> stacks(count);
+  stacks[0] = stackOnMemory("x\n");  // and what is paid once for all of them
+  const size_t before = ::mallinfo2().uordblks;
+  for (size_t i = 1; i < count; ++i) stacks[i] = stackOnMemory("x\n");
+  std::printf("%zu\n", (::mallinfo2().uordblks - before) / (count - 1));
+}
+
+struct Work {
+  std::string_view name;
+  void (*run)(size_t count);
+};
+
+constexpr Work kWorks[] = {
+    {"line-16", [](size_t count) { readLines(16, count); }},
+    {"line-80", [](size_t count) { readLines(80, count); }},
+    {"line-1000", [](size_t count) { readLines(1000, count); }},
+    {"string-16", readStrings},
+    {"round-trip", sendCommands},
+    {"round-trip-string", sendCommandStrings},
+    {"filter", filterLines},
+    {"archive-write", writeArchives},
+    {"archive-read", readArchives},
+    {"page-faults", countPageFaults},
+    {"heap", countHeapBytes},
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const long count = argc == 3 ? std::atol(argv[2]) : 0;
+  for (const Work& work : kWorks) {
+    if (count <= 1 || work.name != argv[1]) continue;
+    work.run(static_cast<size_t>(count));
+    return 0;
+  }
+  std::fputs("usage: zephalio-exact WORK COUNT\nWORK is one of", stderr);
+  for (const Work& work : kWorks) std::fprintf(stderr, " %s", std::string(work.name).c_str());
+  std::fputs("\n", stderr);
+  return 2;
+}
