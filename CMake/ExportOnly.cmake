@@ -1,8 +1,8 @@
 include(CheckLinkerFlag)
 
-# Lets a shared library export what its version script names and nothing else. Hidden visibility
-# alone is not enough: weak symbols of the standard library, such as instantiated templates, keep the
-# default visibility of their headers.
+# Makes a shared library export only what its version script names. Hidden visibility is not enough:
+# weak symbols of the standard library, such as instantiated templates, keep the default visibility
+# of their headers.
 function(zephalio_export_only target script)
   if(zephalio_library_type STREQUAL "STATIC")
     return()

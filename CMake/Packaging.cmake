@@ -3,13 +3,13 @@ include(CMakePackageConfigHelpers)
 
 set(zephalio_package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/ZephalIO)
 
-# The prefix as seen from the pkg-config file, so that an installed tree can be moved.
+# The prefix relative to the pkg-config file, so that an installed tree can be moved.
 set(pkgconfig_folder /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 set(zephalio_prefix_from_pc /prefix)
 cmake_path(RELATIVE_PATH zephalio_prefix_from_pc BASE_DIRECTORY ${pkgconfig_folder})
 
-# What static libraries stand on is named for `pkg-config --static`. Shared ones have linked it
-# themselves, and a user of theirs need not have it installed.
+# `pkg-config --static` needs the names of the libraries that static ones depend on. Shared ones
+# have linked these themselves, and their users need not have them installed for development.
 function(zephalio_install_pkgconfig name description)
   cmake_parse_arguments(PARSE_ARGV 2 "" "" "REQUIRES;STATIC_REQUIRES" "")
   set(requires "${_REQUIRES}")

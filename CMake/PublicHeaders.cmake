@@ -1,10 +1,11 @@
-# Inside the tree a header is included by its folder, so that every include shows its layer. A user
-# of the library has one flat folder instead. This writes that folder at configure time: a copy of
-# each header, in which "Data Channel/ZPKDataChannel.h" has become "ZPKDataChannel.h".
+# Within the tree, headers are included with their folder, so that every include shows its layer.
+# Users of the library have a single flat folder instead. This function writes that folder at
+# configure time: a copy of each header, in which "Data Channel/ZPKDataChannel.h" becomes
+# "ZPKDataChannel.h".
 #
 #   zephalio_public_headers(<folder> <header>...)
 #
-# Configuring runs again when a header changes, and touches only the copies that come out different.
+# A changed header makes CMake configure again, which rewrites only the copies that differ.
 function(zephalio_public_headers folder)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${ARGN})
   file(GLOB stale "${folder}/*.h")
