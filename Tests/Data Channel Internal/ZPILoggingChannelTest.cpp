@@ -33,6 +33,7 @@
 #include "Support/Chunks.h"
 #include "Support/ErrorExpectations.h"
 #include "Support/EventWait.h"
+#include "Support/HeldLogWrite.h"
 #include "Support/LogFile.h"
 #include "Support/OpenDescriptors.h"
 #include "Support/OrdinaryUser.h"
@@ -60,35 +61,6 @@ mode_t permissionsOf(const std::string& path) {
   EXPECT_EQ(::stat(path.c_str(), &status), 0);
   return status.st_mode & 07777;
 }
-
-// Watches the system calls of all threads, and holds the next one that writes to a log until it is
-// let go.
-class HeldWrite {
- public:
-  HeldWrite() {
-    calls.before("writev", [this] {
-      _isHeld = true;
-      _released.get_future().wait_for(kPatience);
-    });
-  }
-  HeldWrite(const HeldWrite&) = delete;
-  HeldWrite& operator=(const HeldWrite&) = delete;
-  ~HeldWrite() { release(); }
-
-  bool waitUntilHeld() const {
-    return waitFor([this] { return _isHeld.load(); });
-  }
-  void release() {
-    if (!std::exchange(_isReleased, true)) _released.set_value();
-  }
-
-  SystemCalls calls{SystemCalls::Threads::kAll};
-
- private:
-  std::atomic<bool> _isHeld{false};
-  std::promise<void> _released;
-  bool _isReleased = false;
-};
 
 // A channel below that says when it is used and when it is destroyed.
 class HookedChannel final : public ZPKDataChannel {
@@ -279,7 +251,7 @@ TEST_F(ZPILoggingChannelTest, SynchronousLinesAreInTheFileWhenTheCallReturns) {
 TEST_F(ZPILoggingChannelTest, SynchronousLoggingWaitsForTheFile) {
   _channel->setSynchronousLogging(true);
   open();
-  HeldWrite held;
+  HeldLogWrite held;
   auto writing = std::async(std::launch::async, [this] { write("ver"); });
   EXPECT_TRUE(held.waitUntilHeld());
   EXPECT_THAT(_below->writes(), IsEmpty());
@@ -290,7 +262,7 @@ TEST_F(ZPILoggingChannelTest, SynchronousLoggingWaitsForTheFile) {
 
 TEST_F(ZPILoggingChannelTest, AsynchronousLoggingKeepsNobodyWaiting) {
   open();
-  HeldWrite held;
+  HeldLogWrite held;
   for (int i = 0; i < 100; ++i) EXPECT_TRUE(write("ver"));
   EXPECT_EQ(readOf("2.33")->view(), "2.33");
   EXPECT_EQ(contents(), "");
@@ -327,7 +299,7 @@ TEST_F(ZPILoggingChannelTest, ChunksKeepTheirOrderWhenTheModeChanges) {
 
 TEST_F(ZPILoggingChannelTest, ChunksThatWaitTogetherAreWrittenTogether) {
   open();
-  HeldWrite held;
+  HeldLogWrite held;
   write("first");
   EXPECT_TRUE(held.waitUntilHeld());
   for (int i = 0; i < 16; ++i) write("more");
@@ -843,7 +815,7 @@ TEST_F(ZPILoggingChannelTest, ATaskCanBeTheLastToHoldItsChannel) {
   ZPKDataChannelPtr channel =
       createLoggingChannel(channelThatTellsItsEnd(&destroyed), _path, "pre-", false);
   ASSERT_TRUE(channel->openWithTimeout(1.0));
-  HeldWrite held;
+  HeldLogWrite held;
   channel->write(dataOf("first"));
   EXPECT_TRUE(held.waitUntilHeld());
   channel->write(dataOf("second"));
@@ -1045,7 +1017,7 @@ TEST_F(ZPILoggingChannelTest, APauseGivesTheRoomOfBusyTrafficBack) {
   const std::string bytes(65536, 'x');
   open();
   const size_t before = allocatedBytes();
-  HeldWrite held;
+  HeldLogWrite held;
   for (size_t i = 0; i < kChunks; ++i) readOf(bytes);
   held.release();
   EXPECT_TRUE(waitFor([&] { return std::filesystem::file_size(_path) > kChunks * bytes.size(); }));
@@ -1081,7 +1053,7 @@ class ZPILoggingChannelForkTest : public ZPILoggingChannelTest {
   // it.
   ChildResult forkDuringAWrite(const ChildFunction& child) {
     open();
-    HeldWrite held;
+    HeldLogWrite held;
     write("first");
     EXPECT_TRUE(held.waitUntilHeld());
     write("second");

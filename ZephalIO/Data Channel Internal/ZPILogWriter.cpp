@@ -1,0 +1,163 @@
+#include "Data Channel Internal/ZPILogWriter.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <new>
+
+namespace {
+
+bool fileExists(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0;
+}
+
+bool makeFileIfMissing(const std::string& path) {
+  if (fileExists(path)) return true;
+  const int number = errno;
+  const std::string text = ZPKLoggingFormat("unable to open file at path [%@] with error (%d): %s",
+                                            path, number, ZPIErrorText(number));
+  if (ZPILogFileHandle::createFileAtPath(path)) return true;
+  ZPKLoggingLog(ZPKLogGetAnchor(), 0, "%@, unable to create file at path [%@]", text, path);
+  return false;
+}
+
+ZPILogFileHandlePtr openFileAtPath(const std::string& path, const ZPIFailureSite& site,
+                                   ZPKErrorPtr* error) {
+  if (!makeFileIfMissing(path)) return nullptr;
+  ZPILogFileHandlePtr handle = ZPILogFileHandle::fileHandleForWritingAtPath(path);
+  const int number = errno;
+  if (handle == nullptr && error != nullptr) *error = ZPISystemError(number, site);
+  return handle;
+}
+
+// Without a file the chunks are dropped, as they are without the memory to write them.
+void appendIfPossible(const ZPILogBatch& batch, const ZPILogFileHandlePtr& handle) {
+  if (handle == nullptr) return;
+  try {
+    handle->append(batch.chunks());
+  } catch (const std::bad_alloc&) {
+    return;
+  }
+}
+
+}  // namespace
+
+ZPILogWriter::ZPILogWriter(std::string filePath)
+    : _process(::getpid()), _parents(nullptr), _filePath(std::move(filePath)), _queue(_filePath) {}
+
+// Takes no lock of the parent's writer: after the fork nobody may be left to let go of it.
+ZPILogWriter::ZPILogWriter(ZPILogWriter* parents)
+    : _process(::getpid()),
+      _parents(parents),
+      _filePath(parents->_filePath),
+      _owner(parents->_owner),
+      _isSynchronous(parents->isSynchronous()),
+      _queue(_filePath),
+      _fileHandle(parents->_fileHandle) {}
+
+// No task holds the owner any more, so nobody else writes.
+ZPILogWriter::~ZPILogWriter() { writePendingChunks(); }
+
+bool ZPILogWriter::openFile(const ZPIFailureSite& site, ZPKErrorPtr* error) {
+  ZPILogFileHandlePtr handle;
+  _queue.runAndWait([&] {
+    writePendingChunks();
+    handle = openFileAtPath(_filePath, site, error);
+  });
+  if (handle == nullptr) return false;
+  setFileHandle(std::move(handle));
+  startThreadIfNeeded();
+  return true;
+}
+
+void ZPILogWriter::closeFile() {
+  _queue.runAndWait([this] {
+    writePendingChunks();
+    ZPILogFileHandlePtr handle;
+    {
+      const std::lock_guard guard(_mutex);
+      handle.swap(_fileHandle);
+    }
+    if (handle != nullptr) handle->close();
+  });
+  _queue.endThread();
+}
+
+void ZPILogWriter::addChunk(std::string_view chunk) {
+  // Asked once: whoever adds the chunk that wants a task must queue it, whatever changes meanwhile.
+  const bool isSynchronous = this->isSynchronous();
+  const bool needsTask = addPendingChunk(chunk, !isSynchronous);
+  if (isSynchronous) {
+    _queue.runAndWait([this] { writePendingChunks(); });
+  } else if (needsTask) {
+    queueWriting();
+  }
+}
+
+ZPILogFileHandlePtr ZPILogWriter::fileHandle() const {
+  const std::lock_guard guard(_mutex);
+  return _fileHandle;
+}
+
+void ZPILogWriter::setFileHandle(ZPILogFileHandlePtr handle) {
+  const std::lock_guard guard(_mutex);
+  _fileHandle.swap(handle);
+}
+
+void ZPILogWriter::setSynchronous(bool isSynchronous) {
+  _isSynchronous.store(isSynchronous);
+  startThreadIfNeeded();
+}
+
+void ZPILogWriter::abandon() {
+  _fileHandle = nullptr;
+  _owner.reset();
+}
+
+// If the system has no thread to give, whoever adds a chunk writes it.
+void ZPILogWriter::startThreadIfNeeded() {
+  if (!isSynchronous() && fileHandle() != nullptr) _queue.startThread();
+}
+
+// Returns whether a task must be queued that writes this chunk.
+bool ZPILogWriter::addPendingChunk(std::string_view chunk, bool wantsTask) {
+  const std::lock_guard guard(_mutex);
+  _pending.add(chunk);
+  return wantsTask && !std::exchange(_isTaskQueued, true);
+}
+
+void ZPILogWriter::queueWriting() {
+  _queue.queue([this, owner = _owner] {
+    if (const auto strong = owner.lock()) writeQueuedChunks();
+  });
+}
+
+// Runs on the queue.
+void ZPILogWriter::writeQueuedChunks() {
+  {
+    const std::lock_guard guard(_mutex);
+    _isTaskQueued = false;
+  }
+  writePendingChunks();
+}
+
+// Runs on the queue, or in the destructor. While the traffic goes on two batches take turns; a
+// pause gives their room back.
+void ZPILogWriter::writePendingChunks() {
+  const ZPILogFileHandlePtr handle = takePendingChunks();
+  appendIfPossible(_beingWritten, handle);
+  _beingWritten.clear();
+  const std::lock_guard guard(_mutex);
+  if (!_pending.isEmpty()) return;
+  _beingWritten.release();
+  _pending.release();
+}
+
+// Makes what is pending the batch that is being written, and returns the file for it.
+ZPILogFileHandlePtr ZPILogWriter::takePendingChunks() {
+  const std::lock_guard guard(_mutex);
+  std::swap(_beingWritten, _pending);
+  return _fileHandle;
+}

@@ -1,0 +1,24 @@
+#include "Data Channel Internal/ZPILogWritersByProcess.h"
+
+#include <unistd.h>
+
+#include <memory>
+#include <utility>
+
+ZPILogWritersByProcess::ZPILogWritersByProcess(std::string filePath)
+    : _latest(new ZPILogWriter(std::move(filePath))) {}
+
+ZPILogWritersByProcess::~ZPILogWritersByProcess() {
+  ZPILogWriter* writer = _latest.load();
+  if (writer->process() == ::getpid()) delete std::exchange(writer, writer->parents());
+  for (; writer != nullptr; writer = writer->parents()) writer->abandon();
+}
+
+// Of two threads that make the writer of a child, one prevails.
+ZPILogWriter& ZPILogWritersByProcess::ofThisProcess() const {
+  ZPILogWriter* writer = _latest.load(std::memory_order_acquire);
+  if (writer->process() == ::getpid()) return *writer;
+  auto own = std::make_unique<ZPILogWriter>(writer);
+  if (_latest.compare_exchange_strong(writer, own.get())) return *own.release();
+  return *writer;
+}
