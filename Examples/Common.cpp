@@ -24,7 +24,7 @@ namespace {
 constexpr int kHelpOption = 1;
 constexpr int kVersionOption = 2;
 
-// For clients that come all at once.
+// For clients that arrive all at once.
 constexpr int kBacklog = 32;
 
 std::vector<option> withCommonOptions(std::vector<option> options) {
@@ -46,8 +46,8 @@ std::string programName(std::string_view path) {
   return std::string(path.substr(path.rfind('/') + 1));
 }
 
-// How many bytes at the front make a character that a terminal obeys or hides behind, or none at
-// all: control characters, and the marks that break a line or turn its direction.
+// How many bytes at the front form a character that a terminal obeys or does not show, or no
+// character at all: control characters, and the marks that break a line or change its direction.
 size_t unprintableLength(std::string_view text, bool isUTF8) {
   const auto first = static_cast<uint8_t>(text[0]);
   if (first < 0x20 || first == 0x7F) return 1;
@@ -67,7 +67,7 @@ CommandLine::CommandLine(int count, char** words, const char* help, std::vector<
     : _count(count), _words(words), _help(help), _options(withCommonOptions(std::move(options))) {}
 
 int CommandLine::nextOption() {
-  // The plus ends the options at the first word that is none.
+  // The plus ends the options at the first word that is not one.
   const int option = ::getopt_long(_count, _words, "+", _options.data(), &_option);
   if (option == -1) return 0;
   if (option == kHelpOption) {
@@ -185,7 +185,7 @@ std::string printable(std::string_view text) {
 int listenOnLoopback(int port) {
   const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (listener < 0) return -1;
-  // A port whose last connections have ended just now may be taken again at once.
+  // A port whose last connections have only just ended may be reused at once.
   const int on = 1;
   ::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   sockaddr_in address{};

@@ -1,5 +1,5 @@
-// What the examples share: the command line, words about failures, and a listener that only this
-// machine reaches.
+// What the examples share: the command line, reasons for failures, and a listener that only this
+// machine can reach.
 #pragma once
 
 #include <ZephalIO/ZephalIO.h>
@@ -10,18 +10,18 @@
 #include <string_view>
 #include <vector>
 
-/// What every example leaves: all done; the device or the library said no; a wrong call.
+/// The exit status of every example: all done; the device or the library said no; wrong usage.
 enum ExitStatus { kDone = 0, kRefused = 1, kBadUsage = 2 };
 
-/// The words behind a program's name. Options go by getopt_long(3), so "--width 4" and "--width=4"
-/// are the same, and "--" ends them. A call that is wrong ends the program, as --help and --version
-/// do, which every program has.
+/// The words after a program's name. Options are parsed with getopt_long(3), so "--width 4" and
+/// "--width=4" are the same, and "--" ends them. A wrong word ends the program, as do --help and
+/// --version, which every program has.
 class CommandLine {
  public:
   /// `help` begins with "usage: NAME" on a line of its own.
   CommandLine(int count, char** words, const char* help, std::vector<option> options);
 
-  /// The `val` of the option that stands next; 0 if no option does.
+  /// The `val` of the next option; 0 if the next word is not an option.
   int nextOption();
 
   // The value of the option that was just taken.
@@ -31,13 +31,13 @@ class CommandLine {
   /// Zero or more.
   double seconds() const;
 
-  /// The next word; `name` is what it is called if it is missing.
+  /// The next word; `name` is what the complaint calls it if it is missing.
   std::string word(const char* name);
   int numberWord(const char* name, int lowest, int highest);
   bool hasWords() const;
   /// All words that are left, at least one.
   std::vector<std::string> words(const char* name);
-  /// Refuses a word that is left.
+  /// Rejects any word that is left.
   void end() const;
 
   [[noreturn]] void refuse(const std::string& complaint) const;
@@ -54,8 +54,7 @@ class CommandLine {
   int _option = 0;  // the index of the option that was just taken
 };
 
-/// Takes over the log lines of the library for as long as it lives, for a program that prints each
-/// failure itself.
+/// Captures the library's log lines while it lives, for a program that prints each failure itself.
 class QuietLog {
  public:
   QuietLog();
@@ -63,8 +62,8 @@ class QuietLog {
   QuietLog& operator=(const QuietLog&) = delete;
   ~QuietLog();
 
-  /// Why a call failed: its error. A failure without one has told the log why, as that of a log
-  /// file that cannot be made, or has left its reason in errno, as a refused connection does.
+  /// Why a call failed: its error. A failure without one has written its reason to the log, as for
+  /// a log file that cannot be created, or has left it in errno, as for a refused connection.
   std::string reasonOf(const ZPKErrorPtr& error, int number) const;
 
  private:
@@ -72,18 +71,19 @@ class QuietLog {
   std::string _lastLine;
 };
 
-/// The one exception that the library throws, out of an open, is a std::out_of_range about this.
+/// The one exception that the library throws, from an open, is a std::out_of_range about this.
 inline constexpr const char* kModeIsTooShort =
     "the serial mode is too short, it takes three characters such as 8N1";
 
-/// The end of a complaint about a URL that is only a path or only HOST:PORT; else empty.
+/// What to add to a complaint about a URL that is only a path or only HOST:PORT; otherwise empty.
 std::string hintAt(const std::string& url);
 
-/// Text from a stranger with what a terminal would obey, or what is no UTF-8, as "\x1b".
+/// Text from a stranger, with everything that a terminal would obey or that is not UTF-8 shown as
+/// "\x1b".
 std::string printable(std::string_view text);
 
-/// A TCP socket that listens on 127.0.0.1, so that only this machine reaches it; passive_tcp and
-/// startTCPServerOnPort listen on all interfaces. Port 0 lets the system choose. -1, and errno, if
+/// A TCP socket that listens on 127.0.0.1, so that only this machine can reach it; passive_tcp and
+/// startTCPServerOnPort listen on all interfaces. Port 0 lets the system choose. -1, with errno, if
 /// that fails.
 int listenOnLoopback(int port);
 

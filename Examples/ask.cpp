@@ -22,30 +22,30 @@ constexpr const char* kHelp =
 Sends each REQUEST to a server of objects and prints its answer.
 
 URL      tcp://HOST:PORT or unix:///PATH
-REQUEST  words KEY=VALUE, which make a dictionary: 'do=set rail=vbat volts=3.8'
+REQUEST  words KEY=VALUE, which form a dictionary: 'do=set rail=vbat volts=3.8'
 
   --help     print this
   --version  print the version
 
-What a terminal would obey in an answer is shown as "\u001b" or "\x7f".
-Exit status: 0 if every request was answered, 1 if not, 2 for a wrong call.
+Whatever a terminal would obey in an answer is shown as "\u001b" or "\x7f".
+Exit status: 0 if every request was answered, 1 if not, 2 for wrong usage.
 )";
 
 // How long an answer may take, in seconds.
 constexpr double kPatience = 30;
 
-// The size in front of each packet, as the server has it.
+// The size in front of each packet, as the server expects it.
 constexpr int32_t kSizeBytes = 2;
 constexpr size_t kLongestPacket = 0xFFFF;
 
-// From the connection up: whole packets, one a read, and a read that waits until there is one.
+// From the connection up: whole packets, one per read, and a read that waits until there is one.
 ZPKDataChannelPtr framed(const ZPKDataChannelPtr& connection) {
   return createPassiveChannel(createChannelTransformerWithPreCall(
       connection, {createPacketAggregatorTransformer(kSizeBytes)},
       {createPacketPrependTransformer(kSizeBytes)}));
 }
 
-// A number, where the text is one.
+// A number if the text is one.
 ZPKValue valueFrom(const std::string& text) {
   double number = 0;
   const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -53,7 +53,7 @@ ZPKValue valueFrom(const std::string& text) {
   return text;
 }
 
-// Null for what is no request.
+// Null if the text is not a request.
 ZPKDictionaryPtr requestFrom(const std::string& text) {
   ZPKDictionary::Entries entries;
   std::istringstream words(text);
@@ -92,7 +92,7 @@ void print(const char* margin, const ZPKObject& object) {
   std::fflush(stdout);
 }
 
-// Asks one question after the other.
+// Sends one request after another.
 int converse(const Call& call, ZPKDataChannel& channel) {
   ZPKDataDefaultSerializer serializer;
   for (const ZPKDictionaryPtr& request : call.requests) {
@@ -100,13 +100,13 @@ int converse(const Call& call, ZPKDataChannel& channel) {
     const ZPKDataPtr packet = serializer.serialize(request);
     if (packet == nullptr) return fail(call, "not UTF-8");
     if (packet->length() > kLongestPacket) return fail(call, "too long");
-    // Whether it got there shows in the answer, which can be a refusal from before the request.
+    // The answer shows whether it got there; a refusal may have been sent before the request.
     channel.write(packet);
     const ZPKDataPtr data = channel.readWithTimeout(kPatience);
     if (data == nullptr) return fail(call, "hung up");
     if (data->length() == 0) return fail(call, "no answer");
     const ZPKObjectPtr answer = serializer.deserialize(data);
-    if (answer == nullptr) return fail(call, "the answer is no object");
+    if (answer == nullptr) return fail(call, "the answer is not an object");
     print("    ", *answer);
   }
   return kDone;
@@ -130,8 +130,7 @@ int ask(const Call& call, const QuietLog& log) {
 
 int main(int count, char** words) {
   const Call call = callFrom(count, words);
-  // Every failure is printed once, by fail; the log would also tell of the end of each
-  // conversation.
+  // Every failure is printed once, by fail; the log would also report the end of each conversation.
   const QuietLog log;
   try {
     return ask(call, log);

@@ -1,6 +1,6 @@
-// A simulated device with a text console on a pseudo terminal, a TCP port and a unix socket, and
-// with a TCP port on which it only reports. Prints their URLs, one a line, and runs until it is
-// killed. It plays the device, so it talks through plain system calls.
+// A simulated device with a text console on a pseudo-terminal, a TCP port and a unix socket, and
+// with a TCP port on which it only reports. Prints their URLs, one per line, and runs until it is
+// killed. It plays the device, so it uses plain system calls.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -25,21 +25,20 @@ namespace {
 constexpr const char* kHelp =
     R"(usage: device [OPTION]... SOCKET_PATH
 
-Plays a device with a console on a pseudo terminal, a TCP port that is free and a
-unix socket at SOCKET_PATH. Its commands: version, temperature, status, identify,
-echo TEXT, silence. On another free TCP port it reports ten times a second, unasked.
-Prints the four URLs, one a line, and runs until it is killed. Only this machine
-reaches it. Each port and the socket take one client at a time; the next ones wait.
-The terminal keeps the mark of who held it exclusively, as talk does, so that only
-root can open it a second time.
-A client whose command is longer than 4096 bytes is sent away.
+Plays a device with a console on a pseudo-terminal, a free TCP port and a unix socket
+at SOCKET_PATH. Its commands: version, temperature, status, identify, echo TEXT,
+silence. On another free TCP port it reports ten times a second, unasked. Prints the
+four URLs, one per line, and runs until it is killed. Only this machine can reach it.
+Each port and the socket serve one client at a time; the next ones wait. Once a
+program has held the terminal exclusively, as talk does, only root can reopen it.
+A client whose command is longer than 4096 bytes is disconnected.
 
   --idle S   seconds after which a client on a port or the socket that sends nothing
-             to the console, or does not read, is sent away [300]
+             to the console, or does not read, is disconnected [300]
   --help     print this
   --version  print the version
 
-Exit status: 1 if it cannot listen, 2 for a wrong call.
+Exit status: 1 if it cannot listen, 2 for wrong usage.
 )";
 
 constexpr size_t kLongestCommand = 4096;
@@ -62,8 +61,8 @@ class Console {
  public:
   explicit Console(int descriptor) : _descriptor(descriptor) {}
 
-  /// Takes bytes as they come, however they are split, and answers each whole line. False ends the
-  /// session.
+  /// Takes bytes as they arrive, however they are split, and answers each whole line. False ends
+  /// the session.
   bool take(std::string_view bytes) {
     _held += bytes;
     for (size_t end = _held.find('\n'); end != std::string::npos; end = _held.find('\n')) {
@@ -79,7 +78,7 @@ class Console {
   std::string answerTo(const std::string& line) {
     if (line == "version") return "simulated device 1.0\n";
     if (line == "temperature") return "21.5 C\n";
-    // Green, as terminals take it.
+    // Green, in a terminal's escape sequences.
     if (line == "status") return "\x1B[32mready\x1B[0m\n";
     if (line.starts_with("echo ")) return line.substr(5) + "\n";
     if (line == "identify") {
@@ -94,7 +93,7 @@ class Console {
   std::string_view _prompt = kPlainPrompt;
 };
 
-// Talks until the other side is gone, or has been silent for so long; -1 is for ever.
+// Talks until the other side is gone, or has been silent for this long; -1 means forever.
 void talk(int descriptor, int idleMilliseconds) {
   Console console(descriptor);
   char bytes[4096];
@@ -127,7 +126,7 @@ void serveListener(int listener, int idleMilliseconds, void (*serveClient)(int, 
   }
 }
 
-// While nobody holds the other end of a pseudo terminal, reading this one fails; look again soon.
+// While nobody has the other end of a pseudo-terminal open, reading this one fails; try again soon.
 void serveTerminal(int terminal) {
   for (;;) {
     talk(terminal, -1);
@@ -145,7 +144,7 @@ int openTerminal(std::string* url) {
   termios settings{};
   if (terminal < 0 || ::grantpt(terminal) != 0 || ::unlockpt(terminal) != 0 ||
       ::tcgetattr(terminal, &settings) != 0) {
-    giveUp("cannot make a pseudo terminal");
+    giveUp("cannot create a pseudo-terminal");
   }
   // No echo, no line editing: a device's wire, not a user's keyboard.
   ::cfmakeraw(&settings);
@@ -187,7 +186,7 @@ int main(int count, char** words) {
   while (line.nextOption() != 0) idleSeconds = line.seconds();
   const std::string socketPath = line.word("SOCKET_PATH");
   line.end();
-  // A client who hangs up early costs a failed write, and not the program.
+  // A client that hangs up early costs a failed write, not the program.
   ::signal(SIGPIPE, SIG_IGN);
 
   std::string terminalURL;

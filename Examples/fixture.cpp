@@ -1,6 +1,6 @@
 // A test fixture's power rails, served over TCP to several clients at once. Requests and answers
 // are dictionaries: {"do": "set", "rail": "vbat", "volts": 3.8}. Prints its URL and serves until it
-// is told to end (SIGTERM, SIGINT). No client can keep it from that, nor fill its memory.
+// gets SIGTERM or SIGINT. No client can keep it from ending, or fill its memory.
 #include <ZephalIO/ZephalIO.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -30,25 +30,26 @@ using Seconds = std::chrono::duration<double>;
 constexpr const char* kHelp =
     R"(usage: fixture [OPTION]... [PORT]
 
-Plays a test fixture with the power rails 3V3 and vbat on a TCP port, by default one
-that is free, which only this machine reaches. Prints its URL and serves until it gets
-SIGTERM or SIGINT. Takes the requests {"do": "get", "rail": R} and {"do": "set",
+Plays a test fixture with the power rails 3V3 and vbat on a TCP port, by default a
+free one, which only this machine can reach. Prints its URL and serves until it gets
+SIGTERM or SIGINT. Accepts the requests {"do": "get", "rail": R} and {"do": "set",
 "rail": R, "volts": V}; both are answered with {"ok": true, "rail": R, "volts": V}, or
-with {"ok": false, "reason": W}. Serves 32 clients at once and refuses any more.
+with {"ok": false, "reason": W}. Serves 32 clients at once and refuses more.
 
   --idle S   seconds after which a client that has sent no whole request, or does not
-             read its answer, is sent away [300]
+             read its answer, is disconnected [300]
   --help     print this
   --version  print the version
 
-Exit status: 0 if it was told to end, 1 if it could not listen, 2 for a wrong call.
+Exit status: 0 if it was told to end, 1 if it could not listen, 2 for wrong usage.
 )";
 
 constexpr size_t kMostClients = 32;
 
-// What one client can make us hold: a packet, whose size takes two bytes; the objects in it, 4 MB
-// if they are nothing but nested dictionaries; and what the system held of the next packets.
-// Nothing reads ahead, so a client that does not read its answers is not read either.
+// What one client can make us buffer: a packet, whose size takes two bytes; the objects in it, 4 MB
+// if they are nothing but nested dictionaries; and what the system has buffered of the next
+// packets. Nothing reads ahead, so if a client does not read its answers, its requests are not read
+// either.
 constexpr int32_t kSizeBytes = 2;
 constexpr int kSystemBuffer = 64 * 1024;
 
@@ -59,8 +60,9 @@ ZPKDataChannelPtr framed(const ZPKDataChannelPtr& connection) {
                                              {createPacketPrependTransformer(kSizeBytes)});
 }
 
-/// A client as it is seen from outside its thread. The second descriptor of its socket is ours, so
-/// that cutting the connection off, which ends a read and a write at once, meets nobody else's.
+/// A client as seen from outside its thread. The second descriptor of its socket is ours, so
+/// cutting the connection off, which ends a read and a write at once, can never hit anybody else's
+/// socket.
 class Client {
  public:
   explicit Client(int socket) : _socket(::fcntl(socket, F_DUPFD_CLOEXEC, 0)) {}
@@ -80,12 +82,12 @@ class Client {
   Clock::time_point _lastRequest = Clock::now();
 };
 
-/// Serves all clients. It is the delegate of a manager for each of them, so its calls come on as
-/// many threads.
+/// Serves all clients. It is the delegate of one manager per client, so its functions are called on
+/// as many threads.
 class Fixture final : public ZPKDataChannelManagerDelegate,
                       public std::enable_shared_from_this<Fixture> {
  public:
-  /// Takes over a socket and begins to serve its client, on a thread of its own.
+  /// Takes over a socket and starts serving its client, on a thread of its own.
   void serve(int32_t socket) {
     const ZPKDataChannelPtr channel = framed(createActiveTCPChannelWithSocket(socket));
     const auto manager = ZPKDataChannelManager::managerWithDataChannel(channel, shared_from_this());
@@ -107,14 +109,14 @@ class Fixture final : public ZPKDataChannelManagerDelegate,
     }
   }
 
-  /// Hangs up on all clients; returns when the last one is done with.
+  /// Hangs up on all clients; returns when the last one has been dealt with.
   void disconnect() {
     std::unique_lock lock(_mutex);
     for (const auto& [manager, client] : _clients) client.cutOff();
     _hasChanged.wait(lock, [this] { return _clients.empty(); });
   }
 
-  /// Empty data are no failure: a part of a packet came, or nothing did for a long time.
+  /// Empty data is not a failure: part of a packet came, or nothing for a long time.
   bool shouldDeserializeData(const ZPKDataChannelManagerPtr& /*manager*/,
                              const ZPKDataChannelPtr& /*channel*/,
                              const ZPKDataPtr& data) override {
@@ -129,14 +131,14 @@ class Fixture final : public ZPKDataChannelManagerDelegate,
     if (send(channel, answer)) {
       noteRequest(manager);
     } else {
-      // Nobody reads the answers to the requests that are held.
+      // Nobody reads the answers to the requests that are still buffered.
       channel->close();
       channel->reset();
     }
   }
 
-  /// The client has gone, was sent away, or sent what is no object: in the last case its channel is
-  /// open still.
+  /// The client has gone, was sent away, or sent something that is not an object: in the last case
+  /// its channel is still open.
   void didDisconnect(const ZPKDataChannelManagerPtr& manager, const ZPKDataChannelPtr& channel,
                      const ZPKErrorPtr& /*error*/) override {
     if (channel->isOpened()) channel->close();
@@ -199,7 +201,7 @@ int fail(int port, const std::string& reason) {
   return kRefused;
 }
 
-// Listens; -1, and errno, if that fails. What it accepts has buffers of this size too.
+// Listens; -1, with errno, if that fails. Accepted sockets inherit these buffer sizes.
 int listenerWithSmallBuffers(int port) {
   const int listener = listenOnLoopback(port);
   if (listener < 0) return -1;
@@ -210,7 +212,7 @@ int listenerWithSmallBuffers(int port) {
 }
 
 int serve(const Call& call) {
-  // Every thread that is started from here on leaves these signals to the loop below.
+  // Every thread started from here on leaves these signals to the loop below.
   sigset_t ends;
   ::sigemptyset(&ends);
   ::sigaddset(&ends, SIGTERM);

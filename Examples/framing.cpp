@@ -1,5 +1,5 @@
-// Exchanges messages with packet framing: each goes out behind its size and comes in whole,
-// whatever is in it and however the line cuts it. Both ends are here, on a pair of unix sockets.
+// Exchanges messages with packet framing: each is sent after its size and arrives whole, whatever
+// it contains and however it is split on the line. Both ends are here, on a pair of unix sockets.
 #include <ZephalIO/ZephalIO.h>
 #include <sys/socket.h>
 
@@ -23,14 +23,14 @@ constexpr double kAnswerTimeout = 30;
 constexpr const char* kHelp =
     R"(usage: framing [OPTION]... MESSAGE...
 
-Sends each MESSAGE to an other end, which answers it in capitals, and prints the
-answers. All messages are on their way before the first answer is read.
+Sends each MESSAGE to another end, which answers it in capitals, and prints the
+answers. All messages are sent before the first answer is read.
 
-  --width N  bytes of the size in front of each message, 1 to 8 [2]
+  --width N  bytes in the size in front of each message, 1 to 8 [2]
   --help     print this
   --version  print the version
 
-Exit status: 0 if each message was answered, 1 if not, 2 for a wrong call.
+Exit status: 0 if each message was answered, 1 if not, 2 for wrong usage.
 )";
 
 struct Call {
@@ -55,8 +55,8 @@ std::string reasonOf(const ZPKErrorPtr& error) {
   return error == nullptr ? "the other end is silent" : error->description();
 }
 
-// The framing itself cannot fail: a message that is too long would go out without its size, and an
-// empty one could not be told from none.
+// The framing itself cannot fail: a message that is too long would be sent without its size, and an
+// empty one would look like no message.
 std::optional<std::string> objectionTo(const std::string& message, int32_t width) {
   if (message.empty()) return "an empty message cannot be framed";
   if (width < 8 && message.size() >> (8 * width) != 0) {
@@ -66,8 +66,8 @@ std::optional<std::string> objectionTo(const std::string& message, int32_t width
   return std::nullopt;
 }
 
-// From the line up: the packets, one a read even if several are held already, and then a channel
-// that reads on until there is one.
+// From the line up: the packets, one per read even if several are already buffered, and then a
+// channel that reads on until there is one.
 ZPKDataChannelPtr framedChannel(const ZPKDataChannelPtr& line, int32_t width, ZPKErrorPtr* error) {
   const ZPKDataTransformerPtr takePacket = createPacketAggregatorTransformer(width, error);
   const ZPKDataTransformerPtr addSize = createPacketPrependTransformer(width, error);
@@ -84,7 +84,7 @@ std::string inCapitals(std::string_view message) {
   return answer;
 }
 
-// The far end: answers until the other one is gone.
+// The far end: answers until the near end is gone.
 void answerAll(const ZPKDataChannelPtr& end) {
   while (const ZPKDataPtr message = end->readWithTimeout(ZEPHAL_COMMUNICATION_TIME_FOREVER)) {
     if (!end->write(ZPKData::dataWithString(inCapitals(message->view())))) break;
@@ -116,8 +116,8 @@ int run(const Call& call) {
   if (::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets) != 0) {
     return fail("no sockets: " + std::string(std::strerror(errno)));
   }
-  // A socket that is adopted is open, and so is all that is built on it. The near end reads ahead:
-  // with two ends that both write before they read, the line could fill up in both directions.
+  // An adopted socket is open, and so is everything built on it. The near end reads ahead: with two
+  // ends that both write before they read, the line could fill up in both directions.
   ZPKErrorPtr error;
   const ZPKDataChannelPtr farLine = createActiveTCPChannelWithSocket(sockets[1], &error);
   const ZPKDataChannelPtr nearLine =
@@ -138,7 +138,7 @@ int run(const Call& call) {
 
 int main(int count, char** words) {
   const Call call = callFrom(count, words);
-  // Every failure is printed once, by fail; the end of the far end is none.
+  // Every failure is printed once, by fail; the far end's end is not a failure.
   const QuietLog log;
   return run(call);
 }

@@ -1,4 +1,4 @@
-// Records what a device says by itself, until it is interrupted.
+// Records what a device says unasked, until it is interrupted.
 #include <ZephalIO/ZephalIO.h>
 #include <poll.h>
 #include <signal.h>
@@ -22,24 +22,24 @@ constexpr const char* kHelp =
     R"(usage: record [OPTION]... URL RAW_LOG CUT_LOG
 
 Records what a device says until it is interrupted (SIGINT or SIGTERM), then prints
-how much came, in bytes and in lines that ended. Sends nothing. A device that goes
-away is opened again as soon as it is back.
+how much arrived, in bytes and in complete lines. Sends nothing. A device that goes
+away is reopened as soon as it is back.
 
 URL      uart:///dev/ttyUSB0?baud=115200&mode=8N1, tcp://HOST:PORT or unix:///PATH
-RAW_LOG  the file that takes the bytes as they come, in the pieces in which they come
-CUT_LOG  the file that takes them cut at the delimiter, one entry for each line,
-         however many pieces it came in; a line without its end, the last one or
-         one that the device began before it went away, is left out
+RAW_LOG  the file for the raw bytes, in the pieces in which they arrive
+CUT_LOG  the file for the bytes split at the delimiter, one entry per line, however
+         many pieces it came in; an incomplete line, such as the last one or one
+         that the device began before it went away, is left out
 
   --delimiter D  where a line ends [a line feed]
   --help         print this
   --version      print the version
 
-Both files grow at their end. Exit status: 0 if the device was there to the end, 1 if
-it was not or nothing could be recorded, 2 for a wrong call.
+Both files are appended to. Exit status: 0 if the device was there to the end, 1 if
+it was not or nothing could be recorded, 2 for wrong usage.
 )";
 
-// Nothing but isOpen tells that a device has gone.
+// Only isOpen tells that a device has gone away.
 constexpr int kLookEveryMilliseconds = 100;
 constexpr int kOpenEveryMilliseconds = 500;
 
@@ -54,7 +54,7 @@ Call callFrom(int count, char** words) {
   Call call;
   CommandLine line(count, words, kHelp, {{"delimiter", required_argument, nullptr, 'd'}});
   while (line.nextOption() != 0) call.delimiter = line.text();
-  if (call.delimiter.empty()) line.refuse("--delimiter: an empty one ends no line");
+  if (call.delimiter.empty()) line.refuse("--delimiter: must not be empty");
   call.url = line.word("URL");
   call.rawLog = line.word("RAW_LOG");
   call.cutLog = line.word("CUT_LOG");
@@ -66,7 +66,7 @@ std::atomic<bool> isInterrupted{false};
 
 void interrupt(int /*signal*/) { isInterrupted = true; }
 
-// A second signal ends the program at once, should a connection take its time to fail.
+// A second signal ends the program at once, in case a connection takes its time to fail.
 void awaitInterrupts() {
   struct sigaction action {};
   action.sa_handler = interrupt;
@@ -83,7 +83,7 @@ struct Count {
   std::atomic<uint64_t> lines{0};
 };
 
-/// Counts one connection's lines, whose delimiters can come in pieces too.
+/// Counts one connection's lines, whose delimiters can be split between pieces too.
 class LineCounter {
  public:
   LineCounter(std::string delimiter, Count* count)
@@ -98,7 +98,7 @@ class LineCounter {
       ++_count->lines;
       next = at + _delimiter.size();
     }
-    // The rest may end in the beginning of a delimiter.
+    // The rest may end with the beginning of a delimiter.
     _held.erase(0, _held.size() - std::min(_held.size() - next, _delimiter.size() - 1));
   }
 
@@ -108,7 +108,7 @@ class LineCounter {
   std::string _held;
 };
 
-// The recording stack hands nothing out, so what passes is counted below it.
+// The recording stack returns no data, so the traffic is counted below it.
 ZPKDataChannelPtr countedChannel(const Call& call, Count* count, ZPKErrorPtr* error) {
   const ZPKDataChannelPtr channel = createBaseChannelWithTransport(call.url, error);
   if (channel == nullptr) return nullptr;
@@ -119,8 +119,8 @@ ZPKDataChannelPtr countedChannel(const Call& call, Count* count, ZPKErrorPtr* er
 }
 
 // A stack for one connection; null, with the reason, if the device is not there. Each connection
-// has a stack of its own: an old one would put half a line from before a hang-up ahead of the next
-// line.
+// has a stack of its own: an old one would put half a line from before a hang-up in front of the
+// next line.
 ZPKCommLoggerStackPtr openRecorder(const Call& call, const QuietLog& log, Count* count,
                                    std::string* reason) {
   ZPKCommLoggerStackPtr recorder = ZPKCommLoggerStack::init();
@@ -136,7 +136,7 @@ ZPKCommLoggerStackPtr openRecorder(const Call& call, const QuietLog& log, Count*
   return nullptr;
 }
 
-// Opens a device that has gone as often as it takes. False if it was away at the end.
+// Reopens a device that has gone away as often as necessary. False if it was away at the end.
 bool recordUntilInterrupted(ZPKCommLoggerStackPtr recorder, const Call& call, const QuietLog& log,
                             Count* count) {
   std::string reason;
@@ -171,7 +171,7 @@ int record(const Call& call, const QuietLog& log) {
 
 int main(int count, char** words) {
   const Call call = callFrom(count, words);
-  // The library's log is not shown, since the program says itself what fails.
+  // The library's log is not shown, since the program itself reports what fails.
   const QuietLog log;
   try {
     return record(call, log);

@@ -19,28 +19,28 @@ namespace {
 constexpr const char* kHelp =
     R"(usage: talk URL [OPTION]... COMMAND...
 
-Sends each COMMAND to a device and prints its response, delimiter included.
+Sends each COMMAND to a device and prints its response, including the delimiter.
 
 URL   uart:///dev/ttyUSB0?baud=115200&mode=8N1, tcp://HOST:PORT or unix:///PATH
 
   --delimiter D  where a response ends, such as the device's prompt ["> "]
   --timeout S    seconds to wait for each response, or "forever" [5]
-  --settle S     seconds of silence before the first command, in which whatever
-                 the device says by itself is printed and done with [0.3]; one
-                 that goes on talking is heard for as long as --timeout says
-  --ecid N       the chip identifier expected in the prompt; another one ends
-                 the conversation
-  --filter T     cuts each occurrence of a text out of the responses
+  --settle S     seconds of silence to wait for before the first command [0.3];
+                 whatever the device says until then is printed, and one that
+                 never stops is listened to for as long as --timeout says
+  --ecid N       the chip identifier expected in the prompt; a different one
+                 ends the conversation
+  --filter T     removes each occurrence of a text from the responses
   --filter-hex H the same for bytes in hexadecimal; both may be given several times
-  --read-ahead   takes what the device says at all times, on a thread of its own
-  --log FILE     logs the conversation: each command, and its response as it is printed
-  --raw-log FILE logs what really passes, in the pieces in which it passes
+  --read-ahead   reads from the device at all times, on a thread of its own
+  --log FILE     logs the conversation: each command, and its response as printed
+  --raw-log FILE logs the raw bytes, in the pieces in which they arrive and leave
   --help         print this
   --version      print the version
 
-Options stand before the first COMMAND; a "--" parts them from one that begins with "-".
+Options go before the first COMMAND; put "--" before a COMMAND that begins with "-".
 
-Exit status: 0 if every command was answered, 1 if not, 2 for a wrong call.
+Exit status: 0 if every command was answered, 1 if not, 2 for wrong usage.
 )";
 
 struct Call {
@@ -104,8 +104,7 @@ Call callFrom(int count, char** words) {
                     {"log", required_argument, nullptr, 'l'},
                     {"raw-log", required_argument, nullptr, 'r'}});
   Call call;
-  // Options stand on either side of the URL, but not behind a command, whose words are the
-  // device's.
+  // Options go on either side of the URL, but not after a command: those words are for the device.
   while (const int option = line.nextOption()) takeOption(option, line, &call);
   call.url = line.word("URL");
   while (const int option = line.nextOption()) takeOption(option, line, &call);
@@ -113,7 +112,7 @@ Call callFrom(int count, char** words) {
   return call;
 }
 
-// Test the result, not the slot: a connection that is refused, for one, leaves no error.
+// Test the result, not the slot: a refused connection, for one, leaves no error.
 int fail(const Call& call, const std::string& what, const std::string& reason) {
   std::fprintf(stderr, "talk: %s: %s: %s\n", call.url.c_str(), what.c_str(), reason.c_str());
   return kRefused;
@@ -124,9 +123,9 @@ void print(std::string_view text) {
   std::fflush(stdout);
 }
 
-// Takes what the device says before it is asked, until it is silent, so that no greeting is taken
-// for the first response. An empty delimiter lets all bytes through. A device that never stops
-// talking is listened to for as long as a response may take, which can be for ever.
+// Takes what the device says unasked, until it is silent, so that no greeting is taken for the
+// first response. An empty delimiter lets all bytes through. A device that never stops talking is
+// listened to for as long as a response may take, which can be forever.
 bool settle(ZPKCommStack& stack, const Call& call, ZPKErrorPtr* error) {
   using Clock = std::chrono::steady_clock;
   const bool isForever = call.timeout == ZEPHAL_COMMUNICATION_TIME_FOREVER;
@@ -164,7 +163,7 @@ int converse(const Call& call, const QuietLog& log) {
     const std::optional<std::string> response =
         stack->sendCommandString(command, call.timeout, &error);
     if (!response.has_value()) return fail(call, command, log.reasonOf(error, errno));
-    // A device that echoes shows the command itself.
+    // If the device echoes, the response begins with the command.
     if (!response->starts_with(command)) print(command + "\n");
     print(*response);
   }
