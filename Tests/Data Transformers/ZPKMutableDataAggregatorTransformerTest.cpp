@@ -7,6 +7,7 @@
 #include <cstring>
 #include <thread>
 
+#include "Data Transformers Internal/ZPITakeHeldUnit.h"
 #include "Data Transformers/ZPKMutableDataAggregatorTransformer.h"
 #include "Support/Chunks.h"
 #include "Support/ErrorExpectations.h"
@@ -309,6 +310,31 @@ TEST(ZPKMutableDataAggregatorTransformerTest, EveryCallDoesWhatThePlainStepsDo) 
       }
       ASSERT_EQ(held(*aggregator), plain.buffer());
     }
+  }
+}
+
+TEST(ZPKMutableDataAggregatorTransformerTest, AHeldUnitIsWhatAnEmptyChunkWouldBring) {
+  std::mt19937 random(8);
+  for (const std::string_view terminator : {";", "ab", "abc;"}) {
+    const auto asked = cuttingAt(terminator);
+    const auto fed = cuttingAt(terminator);
+    for (int call = 0; call < 1000; ++call) {
+      const std::string bytes = randomText(random, "abc;", random() % 20 == 0 ? 2000 : 7);
+      asked->buffer()->append(*dataOf(bytes));
+      fed->buffer()->append(*dataOf(bytes));
+      ASSERT_EQ(bytesOf(ZPITakeHeldUnit(*asked)).value_or(""), passed(*fed, ""));
+      ASSERT_EQ(held(*asked), held(*fed));
+    }
+  }
+}
+
+TEST(ZPKMutableDataAggregatorTransformerTest, WithoutATerminatorNoUnitIsHeld) {
+  for (const ZPKDataPtr& none : {ZPKDataPtr(), ZPKData::data()}) {
+    const auto aggregator = cuttingAt(";");
+    aggregator->buffer()->setContents(*dataOf("a;b"));
+    aggregator->setData2Find(none);
+    EXPECT_EQ(ZPITakeHeldUnit(*aggregator), nullptr);
+    EXPECT_EQ(held(*aggregator), "a;b");
   }
 }
 

@@ -126,6 +126,27 @@ TEST(OwnClassesTest, AChannelOfTheCallerBoundsWhatAPeerCanFill) {
   }
 }
 
+// The layers of the library hand held units up faster among themselves.
+TEST(OwnClassesTest, AChannelOfTheCallerBetweenTwoOfTheLibraryChangesNoResult) {
+  for (const bool isBetween : {false, true}) {
+    const auto echo = std::make_shared<EchoChannel>();
+    ZPKDataChannelPtr channel = createAggregatingTransformerChannel(
+        echo,
+        ZPKMutableDataAggregatorTransformer::initWithTerminator(ZPKData::dataWithString("> ")));
+    if (isBetween) channel = std::make_shared<BoundedChannel>(channel, 100);
+    channel = createPassiveChannel(channel);
+    ASSERT_TRUE(channel->openWithTimeout(0));
+    for (const char* text : {"one", "two", "three"}) {
+      ASSERT_TRUE(channel->write(ZPKData::dataWithString(text)));
+    }
+    EXPECT_EQ(channel->readWithTimeout(30)->string(), "one> ");
+    EXPECT_EQ(channel->readWithTimeout(30)->string(), "two> ");
+    EXPECT_EQ(channel->readWithTimeout(0)->string(), "three> ");
+    EXPECT_EQ(channel->readWithTimeout(0)->string(), "");
+    EXPECT_TRUE(channel->close());
+  }
+}
+
 TEST(OwnClassesTest, ATransformerOfTheCallerEditsWhatIsRead) {
   const auto upper = std::make_shared<UpperCase>();
   const auto channel = createChannelTransformer(std::make_shared<EchoChannel>(), {upper}, {});

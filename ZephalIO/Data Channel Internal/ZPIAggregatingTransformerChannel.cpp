@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "Data Channel Internal/ZPIResetWalk.h"
+#include "Data Transformers Internal/ZPITakeHeldUnit.h"
 
 std::shared_ptr<ZPIAggregatingTransformerChannel> ZPIAggregatingTransformerChannel::initWithChannel(
     ZPKDataChannelPtr channel, ZPKMutableDataAggregatorTransformerPtr aggregatingTransformer) {
@@ -46,5 +47,5 @@ bool ZPIAggregatingTransformerChannel::write(const ZPKDataPtr& data, ZPKErrorPtr
 }
 
 ZPKMutableDataPtr ZPIAggregatingTransformerChannel::takeHeldUnit() {
-  return _aggregator == nullptr ? nullptr : _aggregator->takeHeldUnit();
+  return _aggregator == nullptr ? nullptr : ZPITakeHeldUnit(*_aggregator);
 }

@@ -2,14 +2,14 @@
 
 #include <memory>
 
-#include "Data Channel Internal/ZPIUnitHolder.h"
+#include "Data Channel Internal/ZPIChannelAbilities.h"
 #include "Data Channel/ZPKDataChannel.h"
 #include "Data Transformers/ZPKMutableDataAggregatorTransformer.h"
 
 /// Wraps a channel and hands up what it reads in units of one aggregator, which its creator shares.
 /// Writes pass. Without an aggregator reads pass too, and reset fails without an error when it has
 /// reset the channel below. No lock: reads and reset touch the aggregator and must not overlap.
-class ZPIAggregatingTransformerChannel final : public ZPKDataChannel, public ZPIUnitHolder {
+class ZPIAggregatingTransformerChannel final : public ZPKDataChannel, public ZPIChannelAbilities {
   struct Key {
     explicit Key() = default;
   };

@@ -37,7 +37,7 @@ std::shared_ptr<ZPIPassiveChannel> ZPIPassiveChannel::initWithChannel(ZPKDataCha
 }
 
 ZPIPassiveChannel::ZPIPassiveChannel(Key, ZPKDataChannelPtr channel)
-    : _channel(std::move(channel)), _unitHolder(dynamic_cast<ZPIUnitHolder*>(_channel.get())) {}
+    : _channel(std::move(channel)), _abilitiesBelow(ZPIChannelAbilities::of(_channel.get())) {}
 
 bool ZPIPassiveChannel::openWithTimeout(double timeout, ZPKErrorPtr* error) {
   return _channel->openWithTimeout(timeout, error);
@@ -57,8 +57,8 @@ ZPKDataPtr ZPIPassiveChannel::readWithTimeout(double timeout, ZPKErrorPtr* error
     return nullptr;
   }
   // A unit that is there already needs no clock, which would cost more than the unit.
-  if (_unitHolder != nullptr) {
-    if (ZPKDataPtr unit = _unitHolder->takeHeldUnit()) return unit;
+  if (_abilitiesBelow != nullptr) {
+    if (ZPKDataPtr unit = _abilitiesBelow->takeHeldUnit()) return unit;
   }
   const bool timed = isTimed(timeout);
   const WallClock::time_point start = timed ? WallClock::now() : WallClock::time_point();

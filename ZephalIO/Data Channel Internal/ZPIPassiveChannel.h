@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "Data Channel Internal/ZPIUnitHolder.h"
+#include "Data Channel Internal/ZPIChannelAbilities.h"
 #include "Data Channel/ZPKDataChannel.h"
 
 /// Wraps a channel whose reads may come back empty early, and reads it again until the caller's
@@ -26,5 +26,5 @@ class ZPIPassiveChannel final : public ZPKDataChannel {
 
  private:
   const ZPKDataChannelPtr _channel;
-  ZPIUnitHolder* const _unitHolder;  // the channel below as such, or null
+  ZPIChannelAbilities* const _abilitiesBelow;  // null if the channel below has none
 };

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "Data Transformers Internal/ZPITakeHeldUnit.h"
 #include "Utility/ZPIRangeEnd.h"
 
 ZPKMutableDataAggregatorTransformerPtr ZPKMutableDataAggregatorTransformer::initWithTerminator(
@@ -28,15 +29,6 @@ void ZPKMutableDataAggregatorTransformer::modifyData(ZPKMutableData* data) {
   const ZPKRange found = _buffer->find(*terminator);
   if (found.location == ZPKNotFound) return;
   _buffer->moveFirst(ZPIRangeEnd(found), data);
-}
-
-ZPKMutableDataPtr ZPKMutableDataAggregatorTransformer::takeHeldUnit() {
-  if (_buffer->length() == 0) return nullptr;
-  const ZPKData* const terminator = currentTerminator();
-  if (terminator == nullptr) return nullptr;
-  const ZPKRange found = _buffer->find(*terminator);
-  if (found.location == ZPKNotFound) return nullptr;
-  return _buffer->takeFirst(ZPIRangeEnd(found));
 }
 
 // The terminator for the length of one call, or null if there is none.
@@ -66,4 +58,14 @@ void ZPKMutableDataAggregatorTransformer::cutChunk(const ZPKData& terminator,
 bool ZPKMutableDataAggregatorTransformer::reset(ZPKErrorPtr* /*error*/) {
   _buffer->setContents(*ZPKData::data());
   return true;
+}
+
+ZPKMutableDataPtr ZPITakeHeldUnit(ZPKMutableDataAggregatorTransformer& aggregator) {
+  ZPKMutableData& buffer = *aggregator._buffer;
+  if (buffer.length() == 0) return nullptr;
+  const ZPKData* const terminator = aggregator.currentTerminator();
+  if (terminator == nullptr) return nullptr;
+  const ZPKRange found = buffer.find(*terminator);
+  if (found.location == ZPKNotFound) return nullptr;
+  return buffer.takeFirst(ZPIRangeEnd(found));
 }

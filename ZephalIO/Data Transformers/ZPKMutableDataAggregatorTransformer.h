@@ -36,9 +36,6 @@ class ZPK_EXPORT ZPKMutableDataAggregatorTransformer final : public ZPKDataTrans
   /// The held bytes: always the same object, never null. Do not touch it while modifyData or reset
   /// runs.
   ZPKMutableDataPtr buffer() const { return _buffer; }
-  /// What modifyData leaves in an empty chunk while there is a terminator: the first complete unit
-  /// among the held bytes. Null if there is none.
-  ZPKMutableDataPtr takeHeldUnit();
 
   /// The terminator; may be null.
   ZPKDataPtr data2Find() const { return _data2Find.load(); }
@@ -47,6 +44,8 @@ class ZPK_EXPORT ZPKMutableDataAggregatorTransformer final : public ZPKDataTrans
   void setData2Find(ZPKDataPtr data2Find) { _data2Find.store(std::move(data2Find)); }
 
  private:
+  friend ZPKMutableDataPtr ZPITakeHeldUnit(ZPKMutableDataAggregatorTransformer& aggregator);
+
   const ZPKData* currentTerminator();
   void cutChunk(const ZPKData& terminator, ZPKMutableData* chunk);
 

@@ -1,0 +1,136 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "Data Channel Internal/ZPIChannelAbilities.h"
+#include "Data Channel/ZPKDataChannelDecorators.h"
+#include "Support/Chunks.h"
+#include "Support/ErrorExpectations.h"
+#include "Support/Errors.h"
+#include "Support/ScriptedChannel.h"
+
+using namespace support;
+
+namespace {
+
+using testing::ElementsAre;
+
+// A caller's own channel, which hands everything down.
+class CallersChannel final : public ZPKDataChannel {
+ public:
+  explicit CallersChannel(ZPKDataChannelPtr channel) : _channel(std::move(channel)) {}
+
+  bool openWithTimeout(double timeout, ZPKErrorPtr* error) override {
+    return _channel->openWithTimeout(timeout, error);
+  }
+  bool close(ZPKErrorPtr* error) override { return _channel->close(error); }
+  bool reset(ZPKErrorPtr* error) override { return _channel->reset(error); }
+  bool isOpened() const override { return _channel->isOpened(); }
+  ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) override {
+    ++reads;
+    return _channel->readWithTimeout(timeout, error);
+  }
+  bool write(const ZPKDataPtr& data, ZPKErrorPtr* error) override {
+    return _channel->write(data, error);
+  }
+
+  int reads = 0;
+
+ private:
+  const ZPKDataChannelPtr _channel;
+};
+
+// A passive channel over an aggregating one over a script, with or without a caller's channel
+// between the two.
+class Chain {
+ public:
+  explicit Chain(bool hasCallersChannel) {
+    ZPKDataChannelPtr channel = createAggregatingTransformerChannel(below, aggregator);
+    if (hasCallersChannel) channel = between = std::make_shared<CallersChannel>(channel);
+    top = createPassiveChannel(channel);
+  }
+
+  const std::shared_ptr<ScriptedChannel> below = ScriptedChannel::make();
+  const ZPKMutableDataAggregatorTransformerPtr aggregator =
+      ZPKMutableDataAggregatorTransformer::initWithTerminator(dataOf(";"));
+  std::shared_ptr<CallersChannel> between;
+  ZPKDataChannelPtr top;
+};
+
+TEST(ZPIChannelAbilitiesTest, AnAggregatingChannelHandsUpAHeldUnit) {
+  const Chain chain(false);
+  const auto channel = createAggregatingTransformerChannel(chain.below, chain.aggregator);
+  ZPIChannelAbilities* const abilities = ZPIChannelAbilities::of(channel.get());
+  ASSERT_NE(abilities, nullptr);
+  EXPECT_EQ(abilities->takeHeldUnit(), nullptr);
+  chain.aggregator->buffer()->setContents(*dataOf("a;b;c"));
+  EXPECT_EQ(bytesOf(abilities->takeHeldUnit()), "a;");
+  EXPECT_EQ(bytesOf(abilities->takeHeldUnit()), "b;");
+  EXPECT_EQ(abilities->takeHeldUnit(), nullptr);
+  EXPECT_EQ(chain.aggregator->buffer()->view(), "c");
+  EXPECT_THAT(chain.below->calls(), ElementsAre());
+}
+
+TEST(ZPIChannelAbilitiesTest, ACallersChannelHasNone) {
+  const Chain chain(true);
+  EXPECT_EQ(ZPIChannelAbilities::of(chain.below.get()), nullptr);
+  EXPECT_EQ(ZPIChannelAbilities::of(chain.between.get()), nullptr);
+}
+
+TEST(ZPIChannelAbilitiesTest, AHeldUnitComesThroughACallersChannelByARead) {
+  const Chain chain(true);
+  chain.below->addRead("a;b;");
+  EXPECT_EQ(bytesOf(chain.top->readWithTimeout(1000.0)), "a;");
+  EXPECT_EQ(bytesOf(chain.top->readWithTimeout(1000.0)), "b;");
+  EXPECT_EQ(chain.between->reads, 2);
+  EXPECT_THAT(chain.below->readTimeouts(), ElementsAre(100.0));
+}
+
+// One step of a script for both chains.
+class Step {
+ public:
+  explicit Step(std::mt19937& random) : _choice(random() % 20) {
+    _chunk = randomText(random, "abc;", random() % 10 == 0 ? 200 : 8);
+    _terminator = randomText(random, "ab;", 2);
+    const double kTimeouts[] = {ZEPHAL_COMMUNICATION_TIME_NOW, -0.5, -10.0};
+    _timeout = kTimeouts[random() % 3];
+  }
+
+  // What there is to be seen of the step.
+  std::string playOn(const Chain& chain) const {
+    if (_choice == 0) chain.aggregator->setData2Find(dataOf(_terminator));
+    if (_choice == 1) chain.aggregator->setData2Find(nullptr);
+    if (_choice == 2) chain.below->addFailedRead(errorWithCode(5));
+    if (_choice == 3) chain.below->addFailedRead(nullptr, false);
+    if (_choice == 4) chain.below->setOpened(false);
+    if (_choice > 12) chain.below->addRead(_chunk);
+    ZPKErrorPtr error = olderError();
+    const ZPKDataPtr data = chain.top->readWithTimeout(_timeout, &error);
+    const std::string seen = bytesOf(data).value_or("null") + ", error " +
+                             (error == nullptr ? "null" : std::to_string(error->code())) +
+                             ", held " + std::string(chain.aggregator->buffer()->view()) +
+                             (chain.top->isOpened() ? ", open" : ", closed");
+    chain.below->setOpened(true);
+    return seen;
+  }
+
+ private:
+  unsigned long _choice;
+  std::string _chunk;
+  std::string _terminator;
+  double _timeout;
+};
+
+TEST(ZPIChannelAbilitiesTest, WithAndWithoutThemEveryReadGivesTheSame) {
+  const Chain plain(true);
+  const Chain able(false);
+  std::mt19937 random(17);
+  for (int call = 0; call < 20'000; ++call) {
+    const Step step(random);
+    ASSERT_EQ(step.playOn(able), step.playOn(plain)) << "call " << call;
+  }
+  EXPECT_EQ(able.below->readTimeouts(), plain.below->readTimeouts());
+}
+
+}  // namespace
