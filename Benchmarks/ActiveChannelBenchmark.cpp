@@ -14,7 +14,7 @@ constexpr int kCommands = 20000;
 constexpr size_t kFloodLine = 4096;
 constexpr size_t kFloodBytes = 256 * 1024 * 1024;
 
-// Open; to be closed, or its thread keeps it.
+// Open; must be closed, or its thread keeps it alive.
 ZPKDataChannelPtr openActiveChannel(const Device& device) {
   const auto channel = createActiveChannel(createBaseChannelWithTransport(device.url()));
   if (channel == nullptr || !channel->openWithTimeout(10)) std::exit(1);
@@ -59,7 +59,7 @@ void ourCommands(ZPKDataChannel& channel) {
 void runRoundTrips(Transport transport, int deviceCPU, const char* placement, int rounds) {
   const Device rawDevice(transport, deviceCPU);
   const Device ourDevice(transport, deviceCPU);
-  pinTo(0);  // and so the reading threads, which are started below
+  pinTo(0);  // also pins the reading threads, which are started below
   RawReader reader(rawDevice.connect());
   const ZPKDataChannelPtr channel = openActiveChannel(ourDevice);
   const Contest contest = compare(

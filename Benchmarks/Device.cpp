@@ -71,7 +71,7 @@ void answer(int fd, const std::string& command) {
   writeInPieces(fd, response, second);
 }
 
-// Answers every complete line of what came; false when the peer has gone.
+// Answers every complete line that has arrived; false when the peer has gone.
 bool serve(int fd, std::string& held) {
   char buffer[4096];
   const ssize_t count = ::read(fd, buffer, sizeof buffer);
@@ -176,7 +176,7 @@ Device::Device(Transport transport, int cpu, bool servesMany) : _transport(trans
     ::unlockpt(_listener);
     _path = ::ptsname(_listener);
     _url = "uart://" + _path;
-    _keptSlave = openRaw(_path);  // a master without a slave reads as hung up
+    _keptSlave = openRaw(_path);  // reading a master without a slave reports a hang-up
   } else if (transport == Transport::Unix) {
     _path = "/tmp/zephalio-bench-" + std::to_string(::getpid()) + "-" + std::to_string(++counter);
     _url = "unix://" + _path;

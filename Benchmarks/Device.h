@@ -4,26 +4,26 @@
 
 #include <string>
 
-/// What a device sits on.
+/// What a device is attached to.
 enum class Transport { Tcp, Unix, Pty };
 
 const char* nameOf(Transport transport);
 
-/// A device in a process of its own, which answers every line that it gets:
+/// A device in a process of its own, which answers every line that it receives:
 ///
 /// - ping: "pong\n> "
 /// - note TEXT: nothing
-/// - flood W N: N lines of W bytes each, line feed included, in writes of about 4 KiB, the buffer
-///   of C's stdio
+/// - flood W N: N lines of W bytes each, including the line feed, in writes of about 4 KiB, the
+///   size of C's stdio buffer
 /// - big N P: N bytes and "> ", in writes of at most P bytes
 /// - stairs N P: the same, with every byte a ">" and a final " "
 ///
-/// It ends with the object.
+/// It ends when the object is destroyed.
 class Device {
  public:
   /// `cpu` pins the device; -1 leaves it free. A device on a socket serves one connection, the
   /// first, by blocking reads, so that a round trip costs it one read and one write; with
-  /// `servesMany` it serves all that come.
+  /// `servesMany` it serves all connections.
   Device(Transport transport, int cpu, bool servesMany = false);
   Device(const Device&) = delete;
   Device& operator=(const Device&) = delete;
@@ -31,11 +31,11 @@ class Device {
 
   /// The URL of the device.
   const std::string& url() const { return _url; }
-  /// Lets the device run only when nobody else wants its processor: it never answers before its
-  /// client waits.
+  /// Lets the device run only when nobody else wants its processor, so that it never answers before
+  /// its client waits.
   void standBack() const;
-  /// A plain descriptor that talks to it, opened raw: for the loops that the library is measured
-  /// against.
+  /// A plain file descriptor that talks to it, opened raw: for the loops that the library is
+  /// compared with.
   int connect() const;
 
  private:

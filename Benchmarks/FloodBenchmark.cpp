@@ -1,4 +1,4 @@
-// A device that talks without pause: cutting its lines.
+// A device that talks without pause: splitting its lines.
 #include <cstdlib>
 
 #include "Benchmarks.h"

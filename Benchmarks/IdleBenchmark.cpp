@@ -1,4 +1,4 @@
-// What an open active channel takes while nothing comes.
+// What an open active channel costs while nothing arrives.
 #include <ZephalIO/ZephalIO.h>
 #include <sys/resource.h>
 #include <time.h>

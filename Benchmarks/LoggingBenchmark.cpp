@@ -1,5 +1,5 @@
-// Traffic with both logs of a stack on. The logs are written in the background, so that the caller
-// can be done before them; closing waits for them and is counted in rows of its own.
+// Traffic with both logs of a stack on. The logs are written in the background, so the caller can
+// finish before them; closing waits for them and is counted in rows of its own.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -12,7 +12,7 @@
 
 namespace {
 
-// Two files that are removed with the object.
+// Two files, which are removed when the object is destroyed.
 class LogFiles {
  public:
   LogFiles() : _outer(pathOf("outer")), _raw(pathOf("raw")) {}
@@ -52,7 +52,7 @@ void readChunks(ZPKCommStack& stack, const Traffic& traffic) {
   }
 }
 
-// With a last round trip, which tells that the device has had them all.
+// With a final round trip, which shows that the device has received them all.
 void writeChunks(ZPKCommStack& stack, const Traffic& traffic) {
   std::string text = "note ";
   text.resize(traffic.width - 1, 'x');  // and the line terminator

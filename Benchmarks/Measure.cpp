@@ -40,7 +40,7 @@ Contest compareTimed(int rounds, const std::function<double()>& raw,
 
 void printHeader(const std::string& title) {
   std::printf("\n%s\n\n| What | Goal | Result |\n|---|---|---|\n", title.c_str());
-  std::fflush(stdout);  // a process that is forked must not print it again
+  std::fflush(stdout);  // a forked process must not print it again
 }
 
 void printRow(const std::string& what, const std::string& goal, const std::string& result) {

@@ -4,21 +4,21 @@
 #include <string>
 #include <vector>
 
-/// Seconds that `work` takes.
+/// The seconds that `work` takes.
 double secondsFor(const std::function<void()>& work);
 
 /// Two ways of doing the same work.
 struct Contest {
   double raw;    // median seconds of the raw loop
   double ours;   // median seconds of the library
-  double ratio;  // median of raw time by our time, round by round: 1 is level, less is slower
+  double ratio;  // median of raw time by our time, round by round: 1 is equal, less is slower
 };
 
 /// Runs both alternately, a warm-up and then `rounds` rounds, and takes medians.
 Contest compare(int rounds, const std::function<void()>& raw, const std::function<void()>& ours);
 
-/// As compare, for work that measures itself and gives its seconds: what it prepares and clears
-/// away is not counted.
+/// Like compare, for work that measures itself and returns its seconds: preparing and cleaning up
+/// are not counted.
 Contest compareTimed(int rounds, const std::function<double()>& raw,
                      const std::function<double()>& ours);
 

@@ -1,4 +1,4 @@
-// What an open stack keeps resident.
+// How much memory of an open stack is resident.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -37,7 +37,7 @@ void openStacks(const Device& device, bool isActive, size_t count,
 void measure(const Device& device, bool isActive) {
   std::vector<ZPKCommStackPtr> stacks;
   stacks.reserve(kStacks + 10);
-  openStacks(device, isActive, 10, stacks);  // what is paid once for all of them
+  openStacks(device, isActive, 10, stacks);  // costs that occur once for all of them
   const double before = residentBytes();
   openStacks(device, isActive, kStacks, stacks);
   const double each = (residentBytes() - before) / static_cast<double>(kStacks);
@@ -47,7 +47,7 @@ void measure(const Device& device, bool isActive) {
   ::_exit(0);  // closing 500 background readers takes a slice of time each
 }
 
-// In a process of its own: a heap that was used before would hide what the stacks take.
+// In a process of its own: a heap that was used before would hide the stacks' memory.
 void measureApart(bool isActive) {
   const Device device(Transport::Unix, -1, true);
   const pid_t process = ::fork();

@@ -1,5 +1,5 @@
 // Objects one way over a unix socket, from a thread that serializes and writes to a manager that
-// reads, cuts packets, deserializes and hands on.
+// reads, splits packets, deserializes and passes the objects on.
 #include <ZephalIO/ZephalIO.h>
 #include <ZephalLogging/ZephalLogging.h>
 #include <arpa/inet.h>
@@ -35,7 +35,7 @@ struct SocketPair {
   int reading;
 };
 
-// Of several fields, with an archive of exactly kMessageLength bytes.
+// Has several fields, and an archive of exactly kMessageLength bytes.
 ZPKDictionaryPtr message(ZPKDataSerializer& serializer) {
   for (size_t room = 0; room < kMessageLength; ++room) {
     auto result = ZPKDictionary::init(
@@ -45,7 +45,7 @@ ZPKDictionaryPtr message(ZPKDataSerializer& serializer) {
   std::exit(1);
 }
 
-// --- The plain loop: the same packets, each put in front of its size and cut out again by hand.
+// --- The plain loop: the same packets, prefixed with their size and extracted again by hand.
 
 void writeRaw(int fd, std::string_view payload) {
   const uint32_t size = htonl(static_cast<uint32_t>(payload.size()));
@@ -59,7 +59,7 @@ void writeRaw(int fd, std::string_view payload) {
   }
 }
 
-// Cuts the complete packets off the front, each into a heap block of its own.
+// Moves the complete packets from the front, each into a heap block of its own.
 size_t takePackets(std::string& held) {
   size_t count = 0;
   size_t head = 0;
@@ -105,7 +105,7 @@ class Receiver final : public ZPKDataChannelManagerDelegate {
   std::future<void> ended() { return _ended.get_future(); }
 
  private:
-  // Empty data is a packet that is not complete yet.
+  // Empty data means that a packet is not complete yet.
   bool shouldDeserializeData(const ZPKDataChannelManagerPtr& /*manager*/,
                              const ZPKDataChannelPtr& /*dataChannel*/,
                              const ZPKDataPtr& data) override {
@@ -162,7 +162,7 @@ double secondsOurs(ZPKDataSerializer& serializer, const ZPKObjectPtr& object, bo
     writer.join();
   });
   writing->close();
-  ended.get();  // the end of the other side ends the loop
+  ended.get();  // the loop ends when the other side does
   return seconds;
 }
 
@@ -183,7 +183,7 @@ void run(const char* what, bool isActive, int rounds) {
 
 void benchmarkMessages(int rounds) {
   printHeader("Messages of 100 bytes one way over a unix socket, rate against plain packets");
-  ZPKLoggingSetSink([](int, std::string_view) {});  // each round ends with a peer that has gone
+  ZPKLoggingSetSink([](int, std::string_view) {});  // each round ends with the peer hanging up
   run("manager on the socket", false, rounds);
   run("manager on an active channel", true, rounds);
   ZPKLoggingSetSink({});

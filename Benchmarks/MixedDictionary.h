@@ -2,5 +2,5 @@
 
 #include <ZephalIO/ZephalIO.h>
 
-/// 1,000 entries: texts, numbers of three kinds, bytes, and dictionaries of three entries.
+/// 1,000 entries: strings, numbers of three kinds, bytes, and dictionaries of three entries.
 ZPKDictionaryPtr mixedDictionary();

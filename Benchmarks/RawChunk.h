@@ -4,8 +4,8 @@
 
 #include <cstddef>
 
-/// A heap block, the caller's to free(3), of which `length` bytes were read; null if the time ran
-/// out.
+/// A heap block, which the caller releases with free(3), containing the `length` bytes that were
+/// read; null if the time ran out.
 struct RawChunk {
   char* bytes = nullptr;
   size_t length = 0;
@@ -13,5 +13,5 @@ struct RawChunk {
 };
 
 /// The system calls that the library makes for a read, in plain C style: FIONREAD, select and one
-/// read into a fresh heap block that is not zeroed. Ends the program if the peer has gone.
+/// read into a new heap block that is not zeroed. Ends the program if the peer has gone.
 RawChunk readRawChunk(int fd, timeval wait);

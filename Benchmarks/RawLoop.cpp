@@ -29,7 +29,7 @@ size_t RawLoop::readResponse() {
         const size_t unit =
             static_cast<size_t>(static_cast<const char*>(found) - (_buffer + _head)) +
             _delimiter.size();
-        if (unit == _length) {  // all of the buffer: it becomes the response
+        if (unit == _length) {  // the whole buffer: it becomes the response
           std::free(_buffer);
           _buffer = nullptr;
           _head = _length = _capacity = 0;

@@ -4,7 +4,7 @@
 #include <string_view>
 
 /// What a stack is compared with: the system calls that the library makes, in plain C style. A
-/// write and then raw chunks; the search begins where the last one ended.
+/// write and then raw chunks; each search begins where the previous one ended.
 class RawLoop {
  public:
   explicit RawLoop(int fd, std::string_view delimiter);
@@ -14,8 +14,8 @@ class RawLoop {
 
   /// Writes a command, in one write.
   void write(std::string_view command);
-  /// Reads up to the delimiter and gives the response a heap block of its own, which is freed at
-  /// once. Returns its length.
+  /// Reads up to the delimiter and copies the response into a heap block of its own, which is freed
+  /// at once. Returns its length.
   size_t readResponse();
 
  private:
@@ -23,7 +23,7 @@ class RawLoop {
 
   int _fd;
   std::string_view _delimiter;
-  char* _buffer = nullptr;  // bytes not handed out yet begin at _head
+  char* _buffer = nullptr;  // bytes not returned yet begin at _head
   size_t _head = 0;
   size_t _length = 0;
   size_t _capacity = 0;

@@ -8,10 +8,10 @@
 #include <vector>
 
 /// What an active channel is compared with: a thread that reads raw chunks in slices of 1/30 second
-/// into a vector, with a mutex and a condition.
+/// into a vector, with a mutex and a condition variable.
 class RawReader {
  public:
-  /// Takes the descriptor over.
+  /// Takes over the file descriptor.
   explicit RawReader(int fd);
   RawReader(const RawReader&) = delete;
   RawReader& operator=(const RawReader&) = delete;
@@ -19,7 +19,7 @@ class RawReader {
 
   /// Writes a command, in one write.
   void write(std::string_view command);
-  /// All that has come, as soon as there is anything; empty after ten seconds.
+  /// Everything that has arrived, as soon as there is anything; empty after ten seconds.
   std::vector<char> take();
 
  private:

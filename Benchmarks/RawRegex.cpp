@@ -36,7 +36,7 @@ size_t RawRegex::countMatches(std::string_view text) const {
   auto* matchData = static_cast<pcre2_match_data*>(_matchData);
   size_t count = 0;
   size_t start = 0;
-  uint32_t options = 0;  // the first search looks whether all of the text is UTF-8
+  uint32_t options = 0;  // the first search checks that the whole text is UTF-8
   while (pcre2_match(static_cast<pcre2_code*>(_code), codeUnits(text), text.size(), start, options,
                      matchData, nullptr) > 0) {
     ++count;

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <string_view>
 
-/// PCRE2 alone, compiled with what the library sets: UTF-8, any line end, the JIT.
+/// PCRE2 alone, with the options that the library sets: UTF-8, any line end, the JIT.
 class RawRegex {
  public:
   /// Ends the program if the pattern does not compile.
@@ -12,7 +12,7 @@ class RawRegex {
   RawRegex& operator=(const RawRegex&) = delete;
   ~RawRegex();
 
-  /// How many matches a text has, none of them empty.
+  /// How many matches a text has; none of them may be empty.
   size_t countMatches(std::string_view text) const;
 
  private:

@@ -1,4 +1,4 @@
-// One command and its response at a time: what the whole chain costs beside the system calls.
+// One command and its response at a time: what the whole chain costs on top of the system calls.
 #include <cstdio>
 #include <cstdlib>
 

@@ -21,7 +21,7 @@ double secondsEach(int count, const std::function<void()>& work) {
   return seconds / count;
 }
 
-// Into a heap block of its own, as an archive has.
+// Into a heap block of its own, like an archive.
 void copy(const ZPKData& data) {
   void* block = std::malloc(data.length());
   std::memcpy(block, data.bytes(), data.length());

@@ -1,4 +1,4 @@
-// Transformers on chunks in memory, against the least that such work can cost.
+// Transformers on chunks in memory, against the minimum that such work can cost.
 #include <ZephalIO/ZephalIO.h>
 
 #include <algorithm>
@@ -18,15 +18,15 @@
 namespace {
 
 constexpr size_t kBytes = 16 * 1024 * 1024;
-// Chunks are made in batches of this size, which stay in the cache of a processor, as bytes do that
-// were read a moment ago.
+// Chunks are made in batches of this size, which stay in the processor's cache, as bytes that have
+// just been read do.
 constexpr size_t kBatch = 256 * 1024;
 constexpr size_t kField = 4;  // the size in front of a packet
 
 using Pieces = std::vector<std::string_view>;
 using Work = std::function<void(ZPKMutableData& chunk)>;
 
-// Words of lower-case letters in lines, the same in every run.
+// Lines of lower-case words, the same in every run.
 std::string consoleText(size_t length) {
   std::minstd_rand random(1);
   std::string text(length, ' ');
@@ -37,7 +37,7 @@ std::string consoleText(size_t length) {
   return text;
 }
 
-// Writes `mark` into the text so that each `distance` bytes end in it and one more letter.
+// Writes `mark` into the text so that every `distance` bytes end in it and one more letter.
 void mark(std::string& text, size_t distance, std::string_view mark) {
   for (size_t end = distance; end <= text.size(); end += distance) {
     text.replace(end - 1 - mark.size(), mark.size(), mark);
@@ -50,8 +50,8 @@ Pieces cut(std::string_view text, size_t length) {
   return pieces;
 }
 
-// The seconds that the work takes for all pieces, each in a buffer of its own. Making the buffers
-// and letting go of them is not counted.
+// The seconds that the work takes for all pieces, each in a buffer of its own. Creating and
+// releasing the buffers is not counted.
 double secondsOver(const Pieces& pieces, const Work& work) {
   double seconds = 0;
   std::vector<ZPKMutableDataPtr> batch;
@@ -109,7 +109,7 @@ Work copying(size_t length) {
 
 void expect(bool condition) {
   if (condition) return;
-  std::fputs("a transformer did not do what is measured\n", stderr);
+  std::fputs("a transformer did not do the work that is measured\n", stderr);
   std::exit(1);
 }
 
@@ -131,7 +131,7 @@ void runEvents(size_t length, int rounds) {
   run({what, "memcpy", cut(text, length)}, rounds, copying(length), ours);
 }
 
-// Packets, each with its size in front.
+// Packets, each prefixed with its size.
 std::string packetStream(size_t payload) {
   const std::string text = consoleText(payload);
   std::string stream;

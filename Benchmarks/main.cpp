@@ -1,4 +1,4 @@
-// Measures the library against plain loops of the same system calls, as ratios within one run.
+// Compares the library with plain loops of the same system calls, as ratios within one run.
 //
 //     zephalio-benchmarks [NAME|all] [ROUNDS]
 //     zephalio-benchmarks idle [SECONDS]
@@ -19,7 +19,7 @@ struct Benchmark {
 };
 
 constexpr Benchmark kBenchmarks[] = {
-    // Memory first: a heap that other benchmarks have used would hide what the stacks take.
+    // Memory first: a heap that other benchmarks have used would hide the stacks' memory.
     {"memory", [](int /*rounds*/) { benchmarkMemory(); }},
     {"roundtrip", benchmarkRoundTrips},
     {"flood", benchmarkFlood},
@@ -44,7 +44,7 @@ int main(int argc, char** argv) {
   const std::string which = argc > 1 ? argv[1] : "all";
   const int number = argc > 2 ? std::atoi(argv[2]) : which == "idle" ? kIdleSeconds : kRounds;
   if (number < 1) return printUsage();
-  if (which == "idle") {  // takes a minute, so it is no part of "all"
+  if (which == "idle") {  // takes a minute, so it is not part of "all"
     benchmarkIdle(number);
     return 0;
   }

@@ -1,5 +1,5 @@
-// The reader of archives on arbitrary bytes: it refuses them, or they are the one archive of the
-// object that it gives. Its memory stays within what its documentation says.
+// The archive reader on arbitrary bytes: it refuses them, or they are the only archive of the
+// object that it returns. Its memory stays within the documented limit.
 #include <cstddef>
 #include <cstdint>
 
@@ -10,7 +10,8 @@
 namespace {
 
 constexpr size_t kMemoryFactor = 64;
-// For what does not grow with the input: the first blocks of two stacks, an error and a log line.
+// Allows for what does not grow with the input: the first blocks of two stacks, an error and a log
+// line.
 constexpr size_t kFixedMemory = 4096;
 
 ZPKObjectPtr readWithinBounds(const ZPKDataPtr& archive) {

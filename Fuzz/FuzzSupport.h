@@ -6,14 +6,14 @@
 
 #include "ZephalLogging.h"
 
-/// Ends the process if `holds` is false: what a fuzzer reports as a finding.
+/// Ends the process if `holds` is false, which a fuzzer reports as a finding.
 inline void require(bool holds, const char* what) {
   if (holds) return;
   std::fprintf(stderr, "Not so: %s\n", what);
   std::abort();
 }
 
-/// Drops the library's log lines, of which nearly every input gives one.
+/// Drops the library's log lines, since nearly every input causes one.
 inline void silenceLog() {
   static const bool isSilent = [] {
     ZPKLoggingSetSink([](int, std::string_view) {});

@@ -27,7 +27,7 @@ void release(void* block) noexcept {
 
 }  // namespace
 
-// Every form that a later delete cannot tell from the others.
+// Every form of operator new that a later delete cannot tell from the others.
 void* operator new(size_t size) { return allocate(size); }
 void* operator new[](size_t size) { return allocate(size); }
 void* operator new(size_t size, const std::nothrow_t&) noexcept { return allocate(size); }

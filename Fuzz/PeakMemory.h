@@ -5,9 +5,9 @@
 /// Counts what this process allocates with operator new, which it replaces. One thread at a time.
 class PeakMemory {
  public:
-  /// Begins to measure.
+  /// Starts measuring.
   PeakMemory();
-  /// The most bytes that were allocated at one time since then, beyond what was allocated before.
+  /// The most bytes that were allocated at one time since then, not counting earlier allocations.
   size_t peak() const;
 
  private:

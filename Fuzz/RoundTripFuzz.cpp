@@ -1,5 +1,5 @@
-// Objects of every shape, made from the input: what can be written and what can be read is what
-// the documentation says, and it comes back as it was.
+// Objects of every shape, made from the input: exactly those that the documentation names can be
+// written and read, and they come back unchanged.
 #include <algorithm>
 #include <bit>
 #include <cstddef>
@@ -16,7 +16,7 @@
 
 namespace {
 
-// Takes values off the input; beyond its end everything is 0 or empty.
+// Takes values from the input; beyond its end everything is 0 or empty.
 class Source {
  public:
   explicit Source(std::string_view input) : _input(input) {}
@@ -42,7 +42,7 @@ class Source {
   std::string_view _input;
 };
 
-// A machine with a stack: leaves are pushed, containers take what lies on top.
+// A stack machine: leaves are pushed, containers take what is on top.
 class Builder {
  public:
   explicit Builder(Source source) : _source(source) {}
