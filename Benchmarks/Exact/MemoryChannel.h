@@ -4,8 +4,8 @@
 
 #include <string>
 
-/// Hands out the same text over and over, in pieces, each in a block of its own as a transport
-/// does. It makes no system call, so that only the layers above it are counted.
+/// Returns the same text over and over, in pieces, each in a block of its own like a transport's.
+/// It makes no system call, so that only the layers above it are counted.
 class MemoryChannel final : public ZPKDataChannel {
  public:
   MemoryChannel(std::string text, size_t piece);

@@ -1,4 +1,4 @@
-// Does one kind of work a given number of times, for Benchmarks/exact to count what it takes.
+// Does one kind of work a given number of times, so that Benchmarks/exact can count what it takes.
 //
 //     zephalio-exact WORK COUNT
 //
@@ -24,7 +24,7 @@
 
 namespace {
 
-constexpr size_t kPiece = 65536;  // what a transport's read has room for
+constexpr size_t kPiece = 65536;  // the room in a transport's read
 constexpr double kSeconds = 10;
 
 void expect(bool condition) {
@@ -45,7 +45,7 @@ ZPKCommStackPtr stackOnMemory(const std::string& text) {
   return stackOn(std::make_shared<MemoryChannel>(text, kPiece));
 }
 
-// As many lines as pieces end where lines end.
+// As many lines as a piece has bytes, so that the text is a whole number of pieces.
 std::string linesOf(size_t length) {
   std::string text;
   for (size_t i = 0; i < kPiece; ++i) text += std::string(length - 1, 'x') + "\n";
@@ -69,8 +69,8 @@ void readStrings(size_t count) {
   }
 }
 
-// With a device that answers when its client waits for it, so that each round trip takes the same
-// way through the library.
+// With a device that answers only when its client waits for it, so that each round trip takes the
+// same path through the library.
 struct Conversation {
   Conversation() {
     device.standBack();
@@ -97,7 +97,7 @@ void sendCommandStrings(size_t count) {
   }
 }
 
-// Filled anew each time: a search of bytes that were searched before would cost nothing.
+// Refilled each time: searching bytes that were searched before would cost nothing.
 void filterLines(size_t count) {
   const auto filter = createFilteringTransformer(ZPKData::dataWithString("\033[0m"));
   const std::string text(80, 'x');
@@ -128,7 +128,7 @@ long pageFaults() {
   return usage.ru_minflt;
 }
 
-// The end of a socket to which a process of its own writes `text` over and over, in one piece each
+// The end of a socket to which a separate process writes `text` over and over, in one piece each
 // time, until it is closed.
 int flooded(const std::string& text) {
   std::array<int, 2> ends{};
@@ -141,8 +141,8 @@ int flooded(const std::string& text) {
   ::_exit(0);
 }
 
-// Of a flood of `count` lines of 80 bytes. Both ends are on one processor and the device goes
-// first, so that each read meets a full socket: what a read gets does not depend on the machine's
+// For a flood of `count` lines of 80 bytes. Both ends are on one processor and the device goes
+// first, so that each read finds a full socket: what a read gets does not depend on the machine's
 // load.
 void countPageFaults(size_t count) {
   constexpr size_t kLength = 80;
@@ -159,10 +159,10 @@ void countPageFaults(size_t count) {
   stack->close();
 }
 
-// Of one open stack with its chain, on average over `count` of them.
+// For one open stack with its chain, on average over `count` of them.
 void countHeapBytes(size_t count) {
   std::vector<ZPKCommStackPtr> stacks(count);
-  stacks[0] = stackOnMemory("x\n");  // and what is paid once for all of them
+  stacks[0] = stackOnMemory("x\n");  // also pays the costs that occur once for all of them
   const size_t before = ::mallinfo2().uordblks;
   for (size_t i = 1; i < count; ++i) stacks[i] = stackOnMemory("x\n");
   std::printf("%zu\n", (::mallinfo2().uordblks - before) / (count - 1));
