@@ -1,8 +1,8 @@
 #include "Data Channel/ZPKDataChannel.h"
 
-#include "Data Channel Internal/ZPIBaseChannelForURL.h"
 #include "Data Channel Internal/ZPIEndpointSocket.h"
 #include "Data Channel Internal/ZPIUARTChannel.h"
+#include "Data Channel/ZPIBaseChannelForURL.h"
 #include "Utility/ZPKReportFailure.h"
 
 ZPKDataChannelPtr createUARTChannel(const ZPKURLPtr& url, const ZPKOptionsPtr& options,

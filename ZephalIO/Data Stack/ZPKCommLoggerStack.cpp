@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "Data Channel Internal/ZPIAggregatingTransformerChannel.h"
-#include "Data Channel Internal/ZPIBaseChannelForURL.h"
+#include "Data Channel/ZPIAggregatingChannel.h"
+#include "Data Channel/ZPIBaseChannelForURL.h"
 #include "Data Channel/ZPKDataChannelDecorators.h"
 #include "Data Stack/ZPIStackSupport.h"
 #include "Utility/ZPKReportFailure.h"
@@ -128,9 +128,8 @@ ZPKDataChannelPtr ZPKCommLoggerStack::chainOn(ZPKDataChannelPtr channel, ZPKErro
   if (channel == nullptr) return nullptr;
   const ZPKMutableDataAggregatorTransformerPtr cutter = aggregator();
   if (cutter != nullptr) cutter->buffer()->setLength(0);
-  // Not by its factory, which would refuse a null aggregator: a recorder then records uncut.
-  channel = ZPIAggregatingTransformerChannel::initWithChannel(channel, cutter);
-  channel = ZPIWithLog(channel, logFilePath(), "post", error);
+  // Not by the factory, which would refuse a null aggregator: a recorder then records uncut.
+  channel = ZPIWithLog(ZPIAggregatingChannel(channel, cutter), logFilePath(), "post", error);
   if (channel == nullptr) return nullptr;
   return createActiveNullChannel(channel, error);
 }

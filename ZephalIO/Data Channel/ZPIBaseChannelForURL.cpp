@@ -1,4 +1,4 @@
-#include "Data Channel Internal/ZPIBaseChannelForURL.h"
+#include "Data Channel/ZPIBaseChannelForURL.h"
 
 #include <string>
 

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "Data Channel Internal/ZPIBaseChannelForURL.h"
+#include "Data Channel/ZPIBaseChannelForURL.h"
 #include "Support/ErrorExpectations.h"
 
 using namespace support;
