@@ -12,12 +12,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-ZPIStackSite testSite() { return {kZPICommChannelDomain, {"theFunction"}}; }
-
-ExpectedFailure failure(int code, const char* description) {
-  return {"zephal-commchannel", code, description, "theFunction", "ZPIStackSupportTest.cpp"};
-}
-
 std::shared_ptr<ScriptedChannel> closedChain() {
   auto chain = ScriptedChannel::make();
   chain->setOpened(false);
@@ -61,44 +55,6 @@ TEST(ZPIStackSupportTest, ANullChainIsNotOpen) {
   EXPECT_FALSE(ZPIIsOpened(nullptr));
   EXPECT_TRUE(ZPIIsOpened(ScriptedChannel::make()));
   EXPECT_FALSE(ZPIIsOpened(closedChain()));
-}
-
-TEST(ZPIStackSupportTest, ASettingIsRefusedOnceThereIsAChain) {
-  LogCapture log;
-  ZPKErrorPtr error = olderError();
-  EXPECT_FALSE(ZPIRefuseOnceCreated(nullptr, &error, testSite(), "refused"));
-  EXPECT_EQ(error, olderError());
-  EXPECT_THAT(log.lines(), IsEmpty());
-  EXPECT_TRUE(ZPIRefuseOnceCreated(closedChain(), &error, testSite(), "refused"));
-  expectFailure(error, log, failure(302, "refused"));
-}
-
-TEST(ZPIStackSupportTest, OpeningWithoutAChainFailsWithCode301) {
-  LogCapture log;
-  ZPKErrorPtr error;
-  EXPECT_FALSE(ZPIOpenChain(nullptr, 1.0, &error, testSite()));
-  expectFailure(error, log,
-                failure(301,
-                        "UART port stack not created, please call \"createStackWithURL\" before "
-                        "calling open"));
-}
-
-TEST(ZPIStackSupportTest, OpeningAnOpenChainFailsWithCode303AndDoesNotReachIt) {
-  LogCapture log;
-  ZPKErrorPtr error;
-  auto chain = ScriptedChannel::make();
-  EXPECT_FALSE(ZPIOpenChain(chain, 1.0, &error, testSite()));
-  expectFailure(
-      error, log,
-      failure(303,
-              "UART port cannot already be open, please call \"close\" before calling open again"));
-  EXPECT_THAT(chain->calls(), IsEmpty());
-}
-
-TEST(ZPIStackSupportTest, OpeningHandsTheTimeoutDown) {
-  auto chain = closedChain();
-  EXPECT_TRUE(ZPIOpenChain(chain, 2.5, nullptr, testSite()));
-  EXPECT_THAT(chain->openTimeouts(), ElementsAre(2.5));
 }
 
 TEST(ZPIStackSupportTest, AGoodCloseResetsTheChain) {

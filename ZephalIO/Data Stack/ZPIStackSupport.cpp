@@ -1,6 +1,7 @@
 #include "Data Stack/ZPIStackSupport.h"
 
 #include "Data Channel/ZPKDataChannelDecorators.h"
+#include "ZephalLogging.h"
 
 double ZPISecondsOf(const std::optional<ZPKNumber>& timeout) {
   return timeout.has_value() ? timeout->doubleValue() : ZEPHAL_COMMUNICATION_TIME_FOREVER;
@@ -23,33 +24,6 @@ ZPKDataChannelPtr ZPIWithLog(const ZPKDataChannelPtr& channel,
 }
 
 bool ZPIIsOpened(const ZPKDataChannelPtr& chain) { return chain != nullptr && chain->isOpened(); }
-
-bool ZPIRefuseOnceCreated(const ZPKDataChannelPtr& chain, ZPKErrorPtr* error,
-                          const ZPIStackSite& site, const char* message) {
-  if (chain == nullptr) return false;
-  ZPKReportFailure(error, site.domain, 302, site.site, message);
-  return true;
-}
-
-bool ZPIRefuseWhileOpen(const ZPKDataChannelPtr& chain, ZPKErrorPtr* error,
-                        const ZPIStackSite& site) {
-  if (!ZPIIsOpened(chain)) return false;
-  ZPKReportFailure(
-      error, site.domain, 303, site.site,
-      "UART port cannot already be open, please call \"close\" before calling open again");
-  return true;
-}
-
-bool ZPIOpenChain(const ZPKDataChannelPtr& chain, double timeout, ZPKErrorPtr* error,
-                  const ZPIStackSite& site) {
-  if (chain == nullptr) {
-    ZPKReportFailure(error, site.domain, 301, site.site,
-                     "UART port stack not created, please call \"createStackWithURL\" before "
-                     "calling open");
-    return false;
-  }
-  return !ZPIRefuseWhileOpen(chain, error, site) && chain->openWithTimeout(timeout, error);
-}
 
 bool ZPICloseChain(const ZPKDataChannelPtr& chain, ZPKErrorPtr* error) {
   return chain != nullptr && chain->close(error) && chain->reset(error);

@@ -1,5 +1,5 @@
-// What the two stacks do alike with a chain of channels. Each takes the chain's top, which may be
-// null, and is called with the stack's lock held, ZPICloseAbandonedChain excepted.
+// What the two stacks do alike with their arguments and, where nothing is refused, with a chain of
+// channels. A chain is given as its top, which may be null.
 #pragma once
 
 #include <optional>
@@ -7,14 +7,8 @@
 #include <string_view>
 
 #include "Data Channel/ZPKDataChannel.h"
+#include "Utility/ZPKError.h"
 #include "Utility/ZPKNumber.h"
-#include "Utility/ZPKReportFailure.h"
-
-/// The domain and the place in whose name a failure is reported.
-struct ZPIStackSite {
-  const char* domain;
-  ZPIFailureSite site;
-};
 
 /// A timeout as the chain takes it; null is ZEPHAL_COMMUNICATION_TIME_FOREVER.
 double ZPISecondsOf(const std::optional<ZPKNumber>& timeout);
@@ -33,18 +27,6 @@ ZPKDataChannelPtr ZPIWithLog(const ZPKDataChannelPtr& channel,
 
 /// False for a null chain.
 bool ZPIIsOpened(const ZPKDataChannelPtr& chain);
-
-/// Reports code 302 with `message`, and says so, if there is a chain.
-bool ZPIRefuseOnceCreated(const ZPKDataChannelPtr& chain, ZPKErrorPtr* error,
-                          const ZPIStackSite& site, const char* message);
-
-/// Reports code 303, and says so, if the chain is open.
-bool ZPIRefuseWhileOpen(const ZPKDataChannelPtr& chain, ZPKErrorPtr* error,
-                        const ZPIStackSite& site);
-
-/// Opens the chain: code 301 if there is none, 303 if it is open.
-bool ZPIOpenChain(const ZPKDataChannelPtr& chain, double timeout, ZPKErrorPtr* error,
-                  const ZPIStackSite& site);
 
 /// Closes the chain and, if that went well, resets it. False without an error for a null chain.
 bool ZPICloseChain(const ZPKDataChannelPtr& chain, ZPKErrorPtr* error);

@@ -5,6 +5,7 @@
 #include "Data Channel/ZPIAggregatingChannel.h"
 #include "Data Channel/ZPIBaseChannelForURL.h"
 #include "Data Channel/ZPKDataChannelDecorators.h"
+#include "Data Stack/ZPIStackCall.h"
 #include "Data Stack/ZPIStackSupport.h"
 #include "Utility/ZPKReportFailure.h"
 
@@ -12,7 +13,9 @@ namespace {
 
 using Guard = std::lock_guard<std::recursive_mutex>;
 
-ZPIStackSite stackSite(const ZPIFailureSite& site) { return {kZPICommLoggerChannelDomain, site}; }
+ZPIStackCall callOn(ZPKDataChannelPtr chain, ZPKErrorPtr* error, const ZPIFailureSite& site) {
+  return ZPIStackCall(kZPICommLoggerChannelDomain, std::move(chain), error, site);
+}
 
 }  // namespace
 
@@ -30,10 +33,10 @@ bool ZPKCommLoggerStack::setLogFilePath(std::optional<std::string_view> path,
                                         std::optional<std::string_view> preAggregatorPath,
                                         ZPKErrorPtr* error) {
   const Guard guard(_lock);
-  if (ZPIRefuseOnceCreated(
-          commChannel(), error,
-          stackSite({"-[ZPKCommLoggerStack setLogFilePath:preAggregatorLogFilePath:error:]"}),
-          "Cannot enable log file while comm stack is already created/opened")) {
+  const auto call =
+      callOn(commChannel(), error,
+             {"-[ZPKCommLoggerStack setLogFilePath:preAggregatorLogFilePath:error:]"});
+  if (call.refuseOnceCreated("Cannot enable log file while comm stack is already created/opened")) {
     return false;
   }
   setLogFilePath(ZPIStringOf(path));
@@ -63,8 +66,8 @@ bool ZPKCommLoggerStack::createStackWithURL(std::optional<std::string_view> url,
 bool ZPKCommLoggerStack::createStackWithBaseChannel(const ZPKDataChannelPtr& channel,
                                                     ZPKErrorPtr* error) {
   const Guard guard(_lock);
-  if (ZPIRefuseWhileOpen(commChannel(), error,
-                         stackSite({"-[ZPKCommLoggerStack createStackWithBaseChannel:error:]"}))) {
+  if (callOn(commChannel(), error, {"-[ZPKCommLoggerStack createStackWithBaseChannel:error:]"})
+          .refuseWhileOpen()) {
     return false;
   }
   if (channel == nullptr) return false;
@@ -79,8 +82,8 @@ bool ZPKCommLoggerStack::open(ZPKErrorPtr* error) { return openWithTimeout(std::
 bool ZPKCommLoggerStack::openWithTimeout(std::optional<ZPKNumber> timeout, ZPKErrorPtr* error) {
   const double seconds = ZPISecondsOf(timeout);
   const Guard guard(_lock);
-  return ZPIOpenChain(commChannel(), seconds, error,
-                      stackSite({"-[ZPKCommLoggerStack openWithTimeout:error:]"}));
+  return callOn(commChannel(), error, {"-[ZPKCommLoggerStack openWithTimeout:error:]"})
+      .open(seconds);
 }
 
 ZPKNumber ZPKCommLoggerStack::isOpen(ZPKErrorPtr* /*error*/) const {

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "Data Channel/ZPKDataChannelDecorators.h"
+#include "Data Stack/ZPIStackCall.h"
 #include "Data Stack/ZPIStackSupport.h"
 #include "Utility/ZPIText.h"
 #include "Utility/ZPKDataConversionFunctions.h"
@@ -12,11 +13,21 @@ namespace {
 
 using Guard = std::lock_guard<std::recursive_mutex>;
 
-ZPIStackSite stackSite(const ZPIFailureSite& site) { return {kZPICommChannelDomain, site}; }
+ZPIStackCall callOn(ZPKDataChannelPtr chain, ZPKErrorPtr* error, const ZPIFailureSite& site) {
+  return ZPIStackCall(kZPICommChannelDomain, std::move(chain), error, site);
+}
 
 // The number that a timeout message shows: the caller's own.
 ZPKNumber limitOf(const std::optional<ZPKNumber>& timeout) {
   return timeout.value_or(ZEPHAL_COMMUNICATION_TIME_FOREVER);
+}
+
+// Reports code 309, and says so, if another device was found.
+bool reportSwap(const std::optional<std::string>& swap, ZPKErrorPtr* error,
+                const ZPIFailureSite& site) {
+  if (!swap.has_value()) return false;
+  ZPKReportFailure(error, kZPICommChannelDomain, 309, site, "%@", *swap);
+  return true;
 }
 
 // The response as text, or null with code 306 at the caller's site.
@@ -97,8 +108,10 @@ ZPKCommStack::~ZPKCommStack() { ZPICloseAbandonedChain(commChannel()); }
 bool ZPKCommStack::enableECIDSwapDetectionWithECID(std::optional<ZPKNumber> ecid,
                                                    ZPKErrorPtr* error) {
   const Guard guard(_lock);
-  if (refuseOnceCreated(error, {"-[ZPKCommStack enableECIDSwapDetectionWithECID:error:]"},
-                        "Cannot enable ecid swap detection while uart stack is already created")) {
+  const auto call =
+      callOn(commChannel(), error, {"-[ZPKCommStack enableECIDSwapDetectionWithECID:error:]"});
+  if (call.refuseOnceCreated(
+          "Cannot enable ecid swap detection while uart stack is already created")) {
     return false;
   }
   setEcidSwapInformation(std::nullopt);
@@ -127,9 +140,8 @@ bool ZPKCommStack::setLineTerminator(std::optional<std::string_view> terminator,
 
 bool ZPKCommStack::setReadFiltersHex(const std::vector<std::string>& filters, ZPKErrorPtr* error) {
   const Guard guard(_lock);
-  if (refuseOnceCreated(error, {"-[ZPKCommStack setReadFiltersHex:error:]"}, kFiltersRefused)) {
-    return false;
-  }
+  const auto call = callOn(commChannel(), error, {"-[ZPKCommStack setReadFiltersHex:error:]"});
+  if (call.refuseOnceCreated(kFiltersRefused)) return false;
   std::optional<ZPKDataTransformerArray> transformers = filtersOf(
       filters, [](const std::string& text) { return ZPKDataFromHexString(text); }, error);
   if (!transformers.has_value()) return false;
@@ -139,9 +151,8 @@ bool ZPKCommStack::setReadFiltersHex(const std::vector<std::string>& filters, ZP
 
 bool ZPKCommStack::setReadFilters(const std::vector<std::string>& filters, ZPKErrorPtr* error) {
   const Guard guard(_lock);
-  if (refuseOnceCreated(error, {"-[ZPKCommStack setReadFilters:error:]"}, kFiltersRefused)) {
-    return false;
-  }
+  const auto call = callOn(commChannel(), error, {"-[ZPKCommStack setReadFilters:error:]"});
+  if (call.refuseOnceCreated(kFiltersRefused)) return false;
   std::optional<ZPKDataTransformerArray> transformers = filtersOf(
       filters, [](const std::string& text) { return ZPKData::dataWithString(text); }, error);
   if (!transformers.has_value()) return false;
@@ -153,8 +164,9 @@ bool ZPKCommStack::setLogFilePath(std::optional<std::string_view> path,
                                   std::optional<std::string_view> preAggregatorPath,
                                   ZPKErrorPtr* error) {
   const Guard guard(_lock);
-  if (refuseOnceCreated(error, {"-[ZPKCommStack setLogFilePath:preAggregatorLogFilePath:error:]"},
-                        "Cannot enable log file while comm stack is already created/opened")) {
+  const auto call = callOn(commChannel(), error,
+                           {"-[ZPKCommStack setLogFilePath:preAggregatorLogFilePath:error:]"});
+  if (call.refuseOnceCreated("Cannot enable log file while comm stack is already created/opened")) {
     return false;
   }
   setLogFilePath(ZPIStringOf(path));
@@ -164,8 +176,8 @@ bool ZPKCommStack::setLogFilePath(std::optional<std::string_view> path,
 
 bool ZPKCommStack::setActiveChannelOnOff(std::optional<ZPKNumber> onOff, ZPKErrorPtr* error) {
   const Guard guard(_lock);
-  if (refuseOnceCreated(
-          error, {"-[ZPKCommStack setActiveChannelOnOff:error:]"},
+  const auto call = callOn(commChannel(), error, {"-[ZPKCommStack setActiveChannelOnOff:error:]"});
+  if (call.refuseOnceCreated(
           "Cannot change active channel on/off when comm stack is already created/opened")) {
     return false;
   }
@@ -182,8 +194,8 @@ bool ZPKCommStack::createStackWithURL(std::optional<std::string_view> url, ZPKEr
 bool ZPKCommStack::createStackWithBaseChannel(const ZPKDataChannelPtr& channel,
                                               ZPKErrorPtr* error) {
   const Guard guard(_lock);
-  if (ZPIRefuseWhileOpen(commChannel(), error,
-                         stackSite({"-[ZPKCommStack createStackWithBaseChannel:error:]"}))) {
+  if (callOn(commChannel(), error, {"-[ZPKCommStack createStackWithBaseChannel:error:]"})
+          .refuseWhileOpen()) {
     return false;
   }
   if (channel == nullptr) return false;
@@ -196,8 +208,7 @@ bool ZPKCommStack::createStackWithBaseChannel(const ZPKDataChannelPtr& channel,
 bool ZPKCommStack::openWithTimeout(std::optional<ZPKNumber> timeout, ZPKErrorPtr* error) {
   const double seconds = ZPISecondsOf(timeout);
   const Guard guard(_lock);
-  return ZPIOpenChain(commChannel(), seconds, error,
-                      stackSite({"-[ZPKCommStack openWithTimeout:error:]"}));
+  return callOn(commChannel(), error, {"-[ZPKCommStack openWithTimeout:error:]"}).open(seconds);
 }
 
 ZPKNumber ZPKCommStack::isOpen(ZPKErrorPtr* /*error*/) const {
@@ -212,8 +223,8 @@ bool ZPKCommStack::close(ZPKErrorPtr* error) {
 
 bool ZPKCommStack::writeData(const ZPKDataPtr& data, ZPKErrorPtr* error) {
   const Guard guard(_lock);
-  const ZPKDataChannelPtr channel = openChannel(error, {"-[ZPKCommStack writeData:error:]"});
-  return channel != nullptr && channel->write(data, error);
+  const auto call = callOn(_currentChannel.current(), error, {"-[ZPKCommStack writeData:error:]"});
+  return !call.refuseUnlessOpen() && call.chain()->write(data, error);
 }
 
 ZPKDataPtr ZPKCommStack::readDataWithTimeout(std::optional<ZPKNumber> timeout,
@@ -221,10 +232,10 @@ ZPKDataPtr ZPKCommStack::readDataWithTimeout(std::optional<ZPKNumber> timeout,
   constexpr const char* kSite = "-[ZPKCommStack readDataWithTimeout:delimiter:error:]";
   const double seconds = ZPISecondsOf(timeout);
   const Guard guard(_lock);
-  const ZPKDataChannelPtr channel = openChannel(error, {kSite});
-  if (channel == nullptr) return nullptr;
-  ZPKDataPtr data = readWithDelimiter(*channel, seconds, delimiter, error);
-  if (reportSwap(error, {kSite})) return nullptr;
+  const auto call = callOn(_currentChannel.current(), error, {kSite});
+  if (call.refuseUnlessOpen()) return nullptr;
+  ZPKDataPtr data = readWithDelimiter(*call.chain(), seconds, delimiter, error);
+  if (reportSwap(_currentSwap.current(), error, {kSite})) return nullptr;
   if (isTimeout(data)) {
     ZPKReportFailure(error, kZPICommChannelDomain, 305, {kSite},
                      "Timed out trying to read after %@ sec", limitOf(timeout));
@@ -238,10 +249,10 @@ ZPKDataPtr ZPKCommStack::sendCommandData(const ZPKDataPtr& command,
   constexpr const char* kSite = "-[ZPKCommStack sendCommandData:timeout:error:]";
   const double seconds = ZPISecondsOf(timeout);
   const Guard guard(_lock);
-  const ZPKDataChannelPtr channel = openChannel(error, {kSite});
-  if (channel == nullptr || !channel->write(command, error)) return nullptr;
-  ZPKDataPtr response = channel->readWithTimeout(seconds, error);
-  if (reportSwap(error, {kSite})) return nullptr;
+  const auto call = callOn(_currentChannel.current(), error, {kSite});
+  if (call.refuseUnlessOpen() || !call.chain()->write(command, error)) return nullptr;
+  ZPKDataPtr response = call.chain()->readWithTimeout(seconds, error);
+  if (reportSwap(_currentSwap.current(), error, {kSite})) return nullptr;
   if (isTimeout(response)) {
     ZPKReportFailure(error, kZPICommChannelDomain, 305, {kSite},
                      "Timed out waiting for response for command '%@' after %@ sec",
@@ -373,11 +384,6 @@ void ZPKCommStack::setPreAggregatorLogFilePath(std::optional<std::string> path) 
   _preAggregatorLogFilePath.store(std::move(path));
 }
 
-bool ZPKCommStack::refuseOnceCreated(ZPKErrorPtr* error, const ZPIFailureSite& site,
-                                     const char* message) const {
-  return ZPIRefuseOnceCreated(commChannel(), error, stackSite(site), message);
-}
-
 // The chain of the settings on `channel`, or null with the error of the factory that failed.
 ZPKDataChannelPtr ZPKCommStack::chainOn(ZPKDataChannelPtr channel, ZPKErrorPtr* error) const {
   channel = ZPIWithLog(channel, preAggregatorLogFilePath(), "pre-", error);
@@ -403,22 +409,6 @@ ZPKDataTransformerArray ZPKCommStack::readTransformers() const {
     }
   }
   return transformers;
-}
-
-ZPKDataChannelPtr ZPKCommStack::openChannel(ZPKErrorPtr* error, const ZPIFailureSite& site) {
-  ZPKDataChannelPtr channel = _currentChannel.current();
-  if (ZPIIsOpened(channel)) return channel;
-  ZPKReportFailure(error, kZPICommChannelDomain, 304, site,
-                   "UART port not open, please call \"open\" before calling functions that talk "
-                   "over UART");
-  return nullptr;
-}
-
-bool ZPKCommStack::reportSwap(ZPKErrorPtr* error, const ZPIFailureSite& site) {
-  const std::optional<std::string>& swap = _currentSwap.current();
-  if (!swap.has_value()) return false;
-  ZPKReportFailure(error, kZPICommChannelDomain, 309, site, "%@", *swap);
-  return true;
 }
 
 bool ZPKCommStack::isTimeout(const ZPKDataPtr& data) const {

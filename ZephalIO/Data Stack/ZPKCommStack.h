@@ -17,8 +17,6 @@
 #include "Utility/ZPKNumber.h"
 #include "Utility/ZPKRegex.h"
 
-struct ZPIFailureSite;
-
 /// Talks to a device: gives a command and gets the response, which ends at the device's prompt.
 ///
 ///     ZPKErrorPtr error;
@@ -203,11 +201,8 @@ class ZPK_EXPORT ZPKCommStack {
   void setPreAggregatorLogFilePath(std::optional<std::string> path);
 
  private:
-  bool refuseOnceCreated(ZPKErrorPtr* error, const ZPIFailureSite& site, const char* message) const;
   ZPKDataChannelPtr chainOn(ZPKDataChannelPtr channel, ZPKErrorPtr* error) const;
   ZPKDataTransformerArray readTransformers() const;
-  ZPKDataChannelPtr openChannel(ZPKErrorPtr* error, const ZPIFailureSite& site);
-  bool reportSwap(ZPKErrorPtr* error, const ZPIFailureSite& site);
   bool isTimeout(const ZPKDataPtr& data) const;
   ZPKDataPtr readWithDelimiter(ZPKDataChannel& channel, double timeout, const ZPKDataPtr& delimiter,
                                ZPKErrorPtr* error);
