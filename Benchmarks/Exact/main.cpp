@@ -128,26 +128,29 @@ long pageFaults() {
   return usage.ru_minflt;
 }
 
-// The end of a socket to which a separate process writes `text` over and over, in one piece each
-// time, until it is closed.
-int flooded(const std::string& text) {
+// The end of a socket to which a separate process writes lines without end, until it is closed.
+// That process makes the lines: freeing so large a string here would teach malloc to keep large
+// blocks, and hide what the library's blocks cost.
+int flooded(size_t length) {
   std::array<int, 2> ends{};
   expect(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) == 0);
   const pid_t process = ::fork();
   expect(process >= 0);
   ::close(ends[process == 0 ? 0 : 1]);
   if (process != 0) return ends[0];
+  const std::string text = linesOf(length);
   while (::send(ends[1], text.data(), text.size(), MSG_NOSIGNAL) > 0) continue;
   ::_exit(0);
 }
 
 // For a flood of `count` lines of 80 bytes. Both ends are on one processor and the device goes
 // first, so that each read finds a full socket: what a read gets does not depend on the machine's
-// load.
+// load. What it gets ends in the middle of a line, so that the rest of one block is held while the
+// next one is read.
 void countPageFaults(size_t count) {
   constexpr size_t kLength = 80;
   pinTo(0);
-  const int socket = flooded(linesOf(kLength));
+  const int socket = flooded(kLength);
   letStandBack(0);
   const auto stack = stackOn(createActiveTCPChannelWithSocket(socket));
   const long before = pageFaults();
