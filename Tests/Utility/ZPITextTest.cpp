@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Utility/ZPIText.h"
@@ -20,6 +22,47 @@ std::string encoded(uint32_t codePoint) {
   }
   return {byte(0xF0 | codePoint >> 18), byte(0x80 | (codePoint >> 12 & 0x3F)),
           byte(0x80 | (codePoint >> 6 & 0x3F)), byte(0x80 | (codePoint & 0x3F))};
+}
+
+// The code point whose bits are in `sequence`, well formed or not.
+uint32_t decoded(std::string_view sequence) {
+  const uint32_t leadBits[] = {0, 0x7F, 0x1F, 0x0F, 0x07};
+  uint32_t codePoint = static_cast<uint8_t>(sequence[0]) & leadBits[sequence.size()];
+  for (const char byte : sequence.substr(1)) {
+    codePoint = codePoint << 6 | (static_cast<uint8_t>(byte) & 0x3F);
+  }
+  return codePoint;
+}
+
+size_t plainSequenceLength(std::string_view text) {
+  for (size_t length = 1; length <= std::min<size_t>(text.size(), 4); ++length) {
+    const uint32_t codePoint = decoded(text.substr(0, length));
+    const bool isSurrogate = codePoint >= 0xD800 && codePoint <= 0xDFFF;
+    if (isSurrogate || codePoint > 0x10FFFF) continue;
+    if (text.starts_with(encoded(codePoint)) && encoded(codePoint).size() == length) return length;
+  }
+  return 0;
+}
+
+// The check without words or blocks: one sequence after the other.
+bool isPlainlyValid(std::string_view text) {
+  while (!text.empty()) {
+    const size_t length = plainSequenceLength(text);
+    if (length == 0) return false;
+    text.remove_prefix(length);
+  }
+  return true;
+}
+
+// At each of eight alignments, so that the words begin everywhere in the text. The bytes around it
+// are not UTF-8, so a check that looks at one of them fails.
+void expectPlainResult(const std::string& text) {
+  const bool expected = isPlainlyValid(text);
+  for (size_t alignment = 0; alignment < 8; ++alignment) {
+    const std::string around = std::string(8 + alignment, '\xFF') + text + std::string(8, '\xFF');
+    const auto view = std::string_view(around).substr(8 + alignment, text.size());
+    ASSERT_EQ(ZPIIsValidUTF8(view), expected) << testing::PrintToString(text) << alignment;
+  }
 }
 
 TEST(ZPITextTest, TheEncodingOfEveryCodePointIsValidButThatOfASurrogate) {
@@ -74,6 +117,52 @@ TEST(ZPITextTest, AnInvalidByteIsSeenAtEveryPlaceOfALongText) {
     EXPECT_FALSE(ZPIIsValidUTF8(text)) << at;
     text.replace(at, 1, "\xE2\x82\xAC");
     EXPECT_TRUE(ZPIIsValidUTF8(text)) << at;
+  }
+}
+
+TEST(ZPITextTest, EverySequenceIsJudgedAtEveryPlaceOfEveryLength) {
+  // Well formed; continuations alone; cut short; overlong; surrogates; too large; never a lead.
+  const std::vector<std::string> sequences{"a",
+                                           "\xC3\xA9",
+                                           "\xE2\x82\xAC",
+                                           "\xF0\x9F\x98\x80",
+                                           "\x80",
+                                           "\xBF\xBF",
+                                           "\xC3",
+                                           "\xE2\x82",
+                                           "\xE2",
+                                           "\xF0\x9F\x98",
+                                           "\xF0\x9F",
+                                           "\xC1\xBF",
+                                           "\xE0\x9F\xBF",
+                                           "\xF0\x8F\xBF\xBF",
+                                           "\xED\xA0\x80",
+                                           "\xED\xBF\xBF",
+                                           "\xF4\x90\x80\x80",
+                                           "\xF8\x88\x80\x80\x80",
+                                           "\xFF"};
+  for (size_t length = 0; length <= 44; ++length) {
+    for (const std::string& sequence : sequences) {
+      for (size_t at = 0; at + sequence.size() <= length; ++at) {
+        std::string text(length, 'a');
+        expectPlainResult(text.replace(at, sequence.size(), sequence));
+      }
+    }
+  }
+}
+
+TEST(ZPITextTest, RandomBytesAreJudgedAsOneByOne) {
+  constexpr std::string_view kBytes = "aaaaaaaa\x80\x9F\xA0\xAC\xBF\xC2\xE0\xE2\xED\xF0\xF4";
+  std::mt19937 random(12);
+  for (int round = 0; round < 20'000; ++round) {
+    std::string text;
+    for (size_t i = random() % 50; i > 0; --i) {
+      const bool isWhole = random() % 4 != 0;
+      text += isWhole ? encoded(std::vector<uint32_t>{0x41, 0xE9, 0x20AC, 0x1F600}[random() % 4])
+                      : std::string(1, kBytes[random() % kBytes.size()]);
+      if (random() % 20 == 0) text += std::string(random() % 40, 'b');
+    }
+    expectPlainResult(text);
   }
 }
 

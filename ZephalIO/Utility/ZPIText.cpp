@@ -7,23 +7,58 @@ namespace {
 
 bool isContinuation(char byte) { return (static_cast<uint8_t>(byte) & 0xC0) == 0x80; }
 
-// How many bytes at the start of `text` are ASCII, counted in whole blocks.
-size_t asciiBlocks(std::string_view text) {
-  constexpr size_t kBlock = 32;
+constexpr uint64_t kHighBits = 0x8080808080808080ULL;
+
+template <class Word>
+Word load(const char* bytes) {
+  Word word;
+  std::memcpy(&word, bytes, sizeof word);
+  return word;
+}
+
+bool isASCII(char byte) { return static_cast<uint8_t>(byte) < 0x80; }
+
+// Whether a text of 1 to 7 bytes is ASCII. Loads that overlap take fewer steps than a loop.
+bool isShortASCII(std::string_view text) {
+  const char* const end = text.data() + text.size();
+  if (text.size() < sizeof(uint32_t)) {
+    return isASCII(static_cast<char>(text.front() | text[text.size() / 2] | text.back()));
+  }
+  return ((load<uint32_t>(text.data()) | load<uint32_t>(end - sizeof(uint32_t))) & kHighBits) == 0;
+}
+
+// Whether the last bytes of `text`, fewer than a word from `at` on, are ASCII.
+bool endsInASCII(std::string_view text, size_t at) {
+  if (at == text.size()) return true;
+  if (text.size() < sizeof(uint64_t)) return isShortASCII(text);
+  // The word that ends with the text; what it has from before `at` is ASCII.
+  return (load<uint64_t>(text.data() + text.size() - sizeof(uint64_t)) & kHighBits) == 0;
+}
+
+// How many bytes at the start of `text` are ASCII.
+size_t asciiLength(std::string_view text) {
+  constexpr size_t kWord = sizeof(uint64_t);
+  constexpr size_t kBlock = 4 * kWord;
   size_t at = 0;
   for (; text.size() - at >= kBlock; at += kBlock) {
-    uint64_t words[kBlock / sizeof(uint64_t)];
-    std::memcpy(words, text.data() + at, kBlock);
-    if (((words[0] | words[1] | words[2] | words[3]) & 0x8080808080808080ULL) != 0) break;
+    const char* const block = text.data() + at;
+    const uint64_t first = load<uint64_t>(block) | load<uint64_t>(block + kWord);
+    const uint64_t second = load<uint64_t>(block + 2 * kWord) | load<uint64_t>(block + 3 * kWord);
+    if (((first | second) & kHighBits) != 0) break;
   }
+  for (; text.size() - at >= kWord; at += kWord) {
+    if ((load<uint64_t>(text.data() + at) & kHighBits) != 0) break;
+  }
+  if (text.size() - at < kWord && endsInASCII(text, at)) return text.size();
+  while (isASCII(text[at])) ++at;  // there is another byte
   return at;
 }
 
-// The length of the well-formed sequence at the start of `text` (RFC 3629, section 4), or 0.
+// The length of the well-formed sequence, longer than a byte, at the start of `text` (RFC 3629,
+// section 4), or 0.
 size_t sequenceLength(std::string_view text) {
   const auto byteAt = [text](size_t index) { return static_cast<uint8_t>(text[index]); };
   const uint8_t lead = byteAt(0);
-  if (lead < 0x80) return 1;
   if (lead < 0xC2 || lead > 0xF4) return 0;
   const size_t length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
   if (text.size() < length) return 0;
@@ -42,9 +77,7 @@ size_t sequenceLength(std::string_view text) {
 
 bool ZPIIsValidUTF8(std::string_view text) {
   while (!text.empty()) {
-    text.remove_prefix(asciiBlocks(text));
-    if (text.empty()) return true;
-    const size_t length = sequenceLength(text);
+    const size_t length = isASCII(text[0]) ? asciiLength(text) : sequenceLength(text);
     if (length == 0) return false;
     text.remove_prefix(length);
   }
