@@ -1,5 +1,6 @@
-// A property that the program and the shared library use at the same time, each with its own copy
-// of the inlined code. Whoever waits for a property on one side must be woken from the other.
+// A property that the program sets while the shared library reads it. Whoever waits for it must be
+// woken: a wake is lost if the two have their own copy of the waiting code, and inlining one of the
+// accessors would bring that about.
 #include <ZephalIO/ZephalIO.h>
 #include <ZephalLogging/ZephalLogging.h>
 #include <gtest/gtest.h>

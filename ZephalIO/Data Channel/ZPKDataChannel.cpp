@@ -5,6 +5,8 @@
 #include "Data Channel/ZPIBaseChannelForURL.h"
 #include "Utility/ZPKReportFailure.h"
 
+ZPKDataChannel::~ZPKDataChannel() = default;
+
 ZPKDataChannelPtr createUARTChannel(const ZPKURLPtr& url, const ZPKOptionsPtr& options,
                                     ZPKErrorPtr* error) {
   if (!ZPIUARTChannel::checkURL(url)) {

@@ -35,7 +35,7 @@
 ///     ZPKDataPtr bytes = channel->readWithTimeout(1.0, &error);
 class ZPK_EXPORT ZPKDataChannel {
  public:
-  virtual ~ZPKDataChannel() = default;
+  virtual ~ZPKDataChannel();
 
   /// Opens this channel and everything below it. The timeout, in seconds, is handed down and
   /// ignored at the bottom: a transport connects in its own time. Fails with domain

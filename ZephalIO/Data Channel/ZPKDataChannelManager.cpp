@@ -21,6 +21,24 @@ constexpr const char* kLoopThreadName = "zephalbench.ZPKdataChannelManager.recv"
 
 }  // namespace
 
+ZPKDataChannelManagerDelegate::~ZPKDataChannelManagerDelegate() = default;
+
+bool ZPKDataChannelManagerDelegate::implements(Operation /*operation*/) const { return true; }
+
+bool ZPKDataChannelManagerDelegate::shouldDeserializeData(
+    const ZPKDataChannelManagerPtr& /*manager*/, const ZPKDataChannelPtr& /*dataChannel*/,
+    const ZPKDataPtr& /*data*/) {
+  return true;
+}
+
+void ZPKDataChannelManagerDelegate::didReceiveMessage(const ZPKDataChannelManagerPtr& /*manager*/,
+                                                      const ZPKDataChannelPtr& /*dataChannel*/,
+                                                      const ZPKObjectPtr& /*message*/) {}
+
+void ZPKDataChannelManagerDelegate::didDisconnect(const ZPKDataChannelManagerPtr& /*manager*/,
+                                                  const ZPKDataChannelPtr& /*dataChannel*/,
+                                                  const ZPKErrorPtr& /*error*/) {}
+
 ZPKDataChannelManagerPtr ZPKDataChannelManager::managerWithDataChannel(
     const ZPKDataChannelPtr& dataChannel, const ZPKDataChannelManagerDelegatePtr& delegate,
     bool option, ZPKErrorPtr* error, const ZPKDataSerializerPtr& deserializer) {
@@ -66,6 +84,8 @@ ZPKDataChannelManagerPtr ZPKDataChannelManager::init() {
 ZPKDataChannelManager::ZPKDataChannelManager(Key)
     : _deserializer(ZPKDataDefaultSerializer::init()) {}
 
+ZPKDataChannelManager::~ZPKDataChannelManager() = default;
+
 bool ZPKDataChannelManager::listen(ZPKErrorPtr* /*error*/) {
   if (started()) return false;
   const auto loop = [self = shared_from_this()] { self->receive_loop(); };
@@ -92,6 +112,30 @@ std::string ZPKDataChannelManager::description() const {
   std::snprintf(text.data(), text.size(), "<%s %p>", "ZPKDataChannelManager",
                 static_cast<const void*>(this));
   return text.data();
+}
+
+std::string ZPKDataChannelManager::debugDescription() const { return description(); }
+
+ZPKDataChannelPtr ZPKDataChannelManager::dataChannel() const { return _dataChannel.load(); }
+
+void ZPKDataChannelManager::setDataChannel(ZPKDataChannelPtr channel) {
+  _dataChannel.store(std::move(channel));
+}
+
+ZPKDataChannelManagerDelegatePtr ZPKDataChannelManager::delegate() const {
+  return _delegate.load().lock();
+}
+
+void ZPKDataChannelManager::setDelegate(const ZPKDataChannelManagerDelegatePtr& delegate) {
+  _delegate.store(delegate);
+}
+
+ZPKDataSerializerPtr ZPKDataChannelManager::deserializer() const { return _deserializer.load(); }
+
+bool ZPKDataChannelManager::started() const { return _started.load(std::memory_order_acquire); }
+
+void ZPKDataChannelManager::setStarted(bool started) {
+  _started.store(started, std::memory_order_release);
 }
 
 bool ZPKDataChannelManager::ZPKdataChannelManagerReceiveUndetached() const {

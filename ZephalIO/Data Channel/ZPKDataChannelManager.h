@@ -23,32 +23,27 @@ class ZPK_EXPORT ZPKDataChannelManagerDelegate {
  public:
   enum class Operation { ShouldDeserializeData, DidReceiveMessage, DidDisconnect };
 
-  virtual ~ZPKDataChannelManagerDelegate() = default;
+  virtual ~ZPKDataChannelManagerDelegate();
 
   /// Whether the delegate takes an operation. The manager asks before each call and makes none if
   /// the answer is false. For a delegate that passes calls on and knows only while it runs which of
   /// them somebody wants; any other leaves it alone.
-  virtual bool implements(Operation /*operation*/) const { return true; }
+  virtual bool implements(Operation operation) const;
 
   /// Whether the result of a read, which may be null or empty, is to be deserialized; false drops
   /// it, and the manager reads again. A delegate that goes on to say false to the null of a dead
   /// channel lets the loop spin.
-  virtual bool shouldDeserializeData(const ZPKDataChannelManagerPtr& /*manager*/,
-                                     const ZPKDataChannelPtr& /*dataChannel*/,
-                                     const ZPKDataPtr& /*data*/) {
-    return true;
-  }
+  virtual bool shouldDeserializeData(const ZPKDataChannelManagerPtr& manager,
+                                     const ZPKDataChannelPtr& dataChannel, const ZPKDataPtr& data);
 
   /// An object arrived; never null.
-  virtual void didReceiveMessage(const ZPKDataChannelManagerPtr& /*manager*/,
-                                 const ZPKDataChannelPtr& /*dataChannel*/,
-                                 const ZPKObjectPtr& /*message*/) {}
+  virtual void didReceiveMessage(const ZPKDataChannelManagerPtr& manager,
+                                 const ZPKDataChannelPtr& dataChannel, const ZPKObjectPtr& message);
 
   /// The loop ended, for whatever reason; `started` is false already, so that the delegate may
   /// listen again from here. The error is always null.
-  virtual void didDisconnect(const ZPKDataChannelManagerPtr& /*manager*/,
-                             const ZPKDataChannelPtr& /*dataChannel*/,
-                             const ZPKErrorPtr& /*error*/) {}
+  virtual void didDisconnect(const ZPKDataChannelManagerPtr& manager,
+                             const ZPKDataChannelPtr& dataChannel, const ZPKErrorPtr& error);
 };
 
 using ZPKDataChannelManagerDelegatePtr = std::shared_ptr<ZPKDataChannelManagerDelegate>;
@@ -111,6 +106,9 @@ class ZPK_EXPORT ZPKDataChannelManager final
   static ZPKDataChannelManagerPtr init();
 
   explicit ZPKDataChannelManager(Key);
+  ZPKDataChannelManager(const ZPKDataChannelManager&) = delete;
+  ZPKDataChannelManager& operator=(const ZPKDataChannelManager&) = delete;
+  ~ZPKDataChannelManager();
 
   /// Starts the loop on a detached thread of its own and returns at once; with
   /// ZPKdataChannelManagerReceiveUndetached it runs on this thread, which is named after it and
@@ -141,22 +139,22 @@ class ZPK_EXPORT ZPKDataChannelManager final
 
   /// "<ZPKDataChannelManager 0x...>", with the address.
   std::string description() const;
-  std::string debugDescription() const { return description(); }
+  std::string debugDescription() const;
 
   // Properties, each read afresh by the loop whenever it needs it.
 
-  ZPKDataChannelPtr dataChannel() const { return _dataChannel.load(); }
-  void setDataChannel(ZPKDataChannelPtr channel) { _dataChannel.store(std::move(channel)); }
+  ZPKDataChannelPtr dataChannel() const;
+  void setDataChannel(ZPKDataChannelPtr channel);
   /// Held weakly: null once nobody else holds it.
-  ZPKDataChannelManagerDelegatePtr delegate() const { return _delegate.load().lock(); }
-  void setDelegate(const ZPKDataChannelManagerDelegatePtr& delegate) { _delegate.store(delegate); }
+  ZPKDataChannelManagerDelegatePtr delegate() const;
+  void setDelegate(const ZPKDataChannelManagerDelegatePtr& delegate);
   bool ZPKdataChannelManagerReceiveUndetached() const;
   void setZPKdataChannelManagerReceiveUndetached(bool undetached);
-  ZPKDataSerializerPtr deserializer() const { return _deserializer.load(); }
+  ZPKDataSerializerPtr deserializer() const;
   void setDeserializer(ZPKDataSerializerPtr deserializer);
   /// Whether a loop runs.
-  bool started() const { return _started.load(std::memory_order_acquire); }
-  void setStarted(bool started) { _started.store(started, std::memory_order_release); }
+  bool started() const;
+  void setStarted(bool started);
   /// The caller's own to use; the manager does not look at it.
   std::vector<ZPKDataChannelPtr> managed_dataChannels() const;
   void setManaged_dataChannels(std::vector<ZPKDataChannelPtr> channels);

@@ -22,6 +22,10 @@ ZPKDataDefaultSerializerPtr ZPKDataDefaultSerializer::init() {
   return std::make_shared<ZPKDataDefaultSerializer>();
 }
 
+ZPKDataDefaultSerializer::ZPKDataDefaultSerializer() = default;
+
+ZPKDataDefaultSerializer::~ZPKDataDefaultSerializer() = default;
+
 ZPKDataPtr ZPKDataDefaultSerializer::serialize(const ZPKObjectPtr& object) {
   auto writer = ZPIArchiveWriter::initRequiringSecureCoding();
   writer.encodeObjectForKey(object, kArchiveKey);

@@ -19,6 +19,9 @@ class ZPK_EXPORT ZPKDataDefaultSerializer final : public ZPKDataSerializer {
  public:
   static ZPKDataDefaultSerializerPtr init();
 
+  ZPKDataDefaultSerializer();
+  ~ZPKDataDefaultSerializer() override;
+
   /// The archive of an object. Writing is wider than reading: a ZPKArray, and null, can be written,
   /// but an archive that holds one is refused by deserialize. A part that is held in several places
   /// is written in each.

@@ -23,7 +23,7 @@ using ZPKClassSet = std::set<std::type_index>;
 /// implementation without state needs nothing more to be safe.
 class ZPK_EXPORT ZPKDataSerializer {
  public:
-  virtual ~ZPKDataSerializer() = default;
+  virtual ~ZPKDataSerializer();
 
   /// The object's bytes, or null on failure. Null is a legal argument.
   virtual ZPKDataPtr serialize(const ZPKObjectPtr& object) = 0;

@@ -8,7 +8,7 @@
 /// What listens for connections until it is stopped.
 class ZPK_EXPORT ZPKDataServer {
  public:
-  virtual ~ZPKDataServer() = default;
+  virtual ~ZPKDataServer();
 
   /// Ends the listening. True for success; the slot is touched on failure only.
   virtual bool stop(ZPKErrorPtr* error = nullptr) = 0;

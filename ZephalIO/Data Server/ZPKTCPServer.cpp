@@ -70,6 +70,26 @@ bool ZPKTCPServer::stop(ZPKErrorPtr* error) {
   return true;
 }
 
+pthread_t ZPKTCPServer::listenThread() const { return _listenThread; }
+
+void ZPKTCPServer::setListenThread(pthread_t thread) { _listenThread = thread; }
+
+int32_t ZPKTCPServer::handle() const { return _handle.load(std::memory_order_relaxed); }
+
+void ZPKTCPServer::setHandle(int32_t handle) { _handle.store(handle, std::memory_order_relaxed); }
+
+bool ZPKTCPServer::isListening() const { return _isListening.load(std::memory_order_relaxed); }
+
+void ZPKTCPServer::setIsListening(bool listening) {
+  _isListening.store(listening, std::memory_order_relaxed);
+}
+
+bool ZPKTCPServer::shouldCancel() const { return _shouldCancel.load(std::memory_order_relaxed); }
+
+void ZPKTCPServer::setShouldCancel(bool cancel) {
+  _shouldCancel.store(cancel, std::memory_order_relaxed);
+}
+
 ZPKTCPServer::ResponseBlock ZPKTCPServer::responseBlock() const {
   const auto block = _responseBlock.load();
   return block != nullptr ? *block : nullptr;

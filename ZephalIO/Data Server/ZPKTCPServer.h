@@ -109,18 +109,18 @@ class ZPK_EXPORT ZPKTCPServer final : public ZPKDataServer,
   // Accessors. Who sets one behind the server's back knows what that does to the loop.
 
   /// The accept thread; zero if there is none to wait for.
-  pthread_t listenThread() const { return _listenThread; }
-  void setListenThread(pthread_t thread) { _listenThread = thread; }
+  pthread_t listenThread() const;
+  void setListenThread(pthread_t thread);
   /// The listening socket: 0 before the first start, -1 after a failed one and after stop.
-  int32_t handle() const { return _handle.load(std::memory_order_relaxed); }
-  void setHandle(int32_t handle) { _handle.store(handle, std::memory_order_relaxed); }
+  int32_t handle() const;
+  void setHandle(int32_t handle);
   /// False, also while the server listens. A caller who sets it has every start refused.
-  bool isListening() const { return _isListening.load(std::memory_order_relaxed); }
-  void setIsListening(bool listening) { _isListening.store(listening, std::memory_order_relaxed); }
+  bool isListening() const;
+  void setIsListening(bool listening);
   /// Whether the accept thread is to end, once the accept or callback that it is in has returned.
   /// Set by stop, cleared by nobody.
-  bool shouldCancel() const { return _shouldCancel.load(std::memory_order_relaxed); }
-  void setShouldCancel(bool cancel) { _shouldCancel.store(cancel, std::memory_order_relaxed); }
+  bool shouldCancel() const;
+  void setShouldCancel(bool cancel);
   /// What an accepted socket is handed to; null before the first start and after stop.
   ResponseBlock responseBlock() const;
   void setResponseBlock(ResponseBlock block);

@@ -42,6 +42,8 @@ void prependTo(ZPKMutableData* chunk, const ZPKData& bytes) {
 
 }  // namespace
 
+ZPKDataTransformer::~ZPKDataTransformer() = default;
+
 ZPKDataTransformerPtr createPrependingTransformer(const ZPKDataPtr& prepend, ZPKErrorPtr* error) {
   if (prepend == nullptr) {
     return refused(error, kBadArgument, {"createPrependingTransformer"}, "prepend can not be nil");

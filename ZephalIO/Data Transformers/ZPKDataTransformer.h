@@ -24,7 +24,7 @@
 ///     };
 class ZPK_EXPORT ZPKDataTransformer {
  public:
-  virtual ~ZPKDataTransformer() = default;
+  virtual ~ZPKDataTransformer();
 
   /// Edits `data`, which stays the caller's; afterwards it holds what is to be handed on. It may
   /// grow, shrink, change or become empty, and empty means only that nothing is to be handed on

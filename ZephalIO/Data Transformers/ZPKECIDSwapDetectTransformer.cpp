@@ -37,6 +37,8 @@ ZPKECIDSwapDetectTransformer::ZPKECIDSwapDetectTransformer(Key, SwapAction swapA
       _expectedECIDString(std::string()),
       _expected(_expectedECIDString) {}
 
+ZPKECIDSwapDetectTransformer::~ZPKECIDSwapDetectTransformer() = default;
+
 void ZPKECIDSwapDetectTransformer::modifyData(ZPKMutableData* data) {
   const std::optional<std::string>& current = _expected.current();
   if (data == nullptr || !current.has_value() || current->empty()) return;
@@ -91,4 +93,38 @@ ZPKNumber ZPKECIDSwapDetectTransformer::expectedECID() const {
   const auto [end, problem] = std::from_chars(rest.data(), rest.data() + rest.size(), value, 16);
   if (problem == std::errc::result_out_of_range) return UINT64_MAX;
   return value;
+}
+
+bool ZPKECIDSwapDetectTransformer::dropResponseWhenECIDSwapDetected() const {
+  return _dropResponseWhenECIDSwapDetected.load(std::memory_order_relaxed);
+}
+
+void ZPKECIDSwapDetectTransformer::setDropResponseWhenECIDSwapDetected(bool drop) {
+  _dropResponseWhenECIDSwapDetected.store(drop, std::memory_order_relaxed);
+}
+
+ZPKECIDSwapDetectTransformer::SwapAction ZPKECIDSwapDetectTransformer::swapAction() const {
+  return _swapAction.load();
+}
+
+void ZPKECIDSwapDetectTransformer::setSwapAction(SwapAction swapAction) {
+  _swapAction.store(std::move(swapAction));
+}
+
+ZPKDataPtr ZPKECIDSwapDetectTransformer::smileyDelimiter() const { return _smileyDelimiter.load(); }
+
+void ZPKECIDSwapDetectTransformer::setSmileyDelimiter(ZPKDataPtr delimiter) {
+  _smileyDelimiter.store(std::move(delimiter));
+}
+
+ZPKRegexPtr ZPKECIDSwapDetectTransformer::regex() const { return _regex.load(); }
+
+void ZPKECIDSwapDetectTransformer::setRegex(ZPKRegexPtr regex) { _regex.store(std::move(regex)); }
+
+std::optional<std::string> ZPKECIDSwapDetectTransformer::expectedECIDString() const {
+  return _expectedECIDString.load();
+}
+
+void ZPKECIDSwapDetectTransformer::setExpectedECIDString(std::optional<std::string> text) {
+  _expectedECIDString.store(std::move(text));
 }

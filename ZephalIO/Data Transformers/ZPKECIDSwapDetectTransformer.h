@@ -36,6 +36,7 @@ class ZPK_EXPORT ZPKECIDSwapDetectTransformer final : public ZPKDataTransformer 
   static std::shared_ptr<ZPKECIDSwapDetectTransformer> initWithSwapAction(SwapAction swapAction);
 
   ZPKECIDSwapDetectTransformer(Key, SwapAction swapAction);
+  ~ZPKECIDSwapDetectTransformer() override;
 
   /// Looks for a prompt in the chunk, and empties the chunk on a swap unless told to keep it. A
   /// null chunk holds no prompt.
@@ -49,32 +50,26 @@ class ZPK_EXPORT ZPKECIDSwapDetectTransformer final : public ZPKDataTransformer 
   ZPKNumber expectedECID() const;
 
   /// Whether a swap empties the chunk; true at first.
-  bool dropResponseWhenECIDSwapDetected() const {
-    return _dropResponseWhenECIDSwapDetected.load(std::memory_order_relaxed);
-  }
-  void setDropResponseWhenECIDSwapDetected(bool drop) {
-    _dropResponseWhenECIDSwapDetected.store(drop, std::memory_order_relaxed);
-  }
+  bool dropResponseWhenECIDSwapDetected() const;
+  void setDropResponseWhenECIDSwapDetected(bool drop);
 
   /// What a swap calls. A new action, which must not be null when a swap is found, counts from the
   /// next swap on.
-  SwapAction swapAction() const { return _swapAction.load(); }
-  void setSwapAction(SwapAction swapAction) { _swapAction.store(std::move(swapAction)); }
+  SwapAction swapAction() const;
+  void setSwapAction(SwapAction swapAction);
 
   /// The bytes that mark a prompt, "] :-) " at first. The ECID text ends with their first byte,
   /// whatever they are. Null or empty bytes are never found.
-  ZPKDataPtr smileyDelimiter() const { return _smileyDelimiter.load(); }
-  void setSmileyDelimiter(ZPKDataPtr delimiter) { _smileyDelimiter.store(std::move(delimiter)); }
+  ZPKDataPtr smileyDelimiter() const;
+  void setSmileyDelimiter(ZPKDataPtr delimiter);
 
   /// The form of an ECID text. Null never matches.
-  ZPKRegexPtr regex() const { return _regex.load(); }
-  void setRegex(ZPKRegexPtr regex) { _regex.store(std::move(regex)); }
+  ZPKRegexPtr regex() const;
+  void setRegex(ZPKRegexPtr regex);
 
   /// The expected text, as in "[0000BEEF:0BADF00D]"; null or empty while detection is off.
-  std::optional<std::string> expectedECIDString() const { return _expectedECIDString.load(); }
-  void setExpectedECIDString(std::optional<std::string> text) {
-    _expectedECIDString.store(std::move(text));
-  }
+  std::optional<std::string> expectedECIDString() const;
+  void setExpectedECIDString(std::optional<std::string> text);
 
  private:
   std::optional<std::string_view> bytesBeforeDelimiter(const ZPKMutableData& chunk) const;

@@ -14,6 +14,8 @@ ZPKMutableDataAggregatorTransformerPtr ZPKMutableDataAggregatorTransformer::init
 ZPKMutableDataAggregatorTransformer::ZPKMutableDataAggregatorTransformer(Key, ZPKDataPtr terminator)
     : _buffer(ZPKMutableData::data()), _data2Find(std::move(terminator)), _terminator(_data2Find) {}
 
+ZPKMutableDataAggregatorTransformer::~ZPKMutableDataAggregatorTransformer() = default;
+
 void ZPKMutableDataAggregatorTransformer::modifyData(ZPKMutableData* data) {
   if (data == nullptr) return;
   const ZPKData* const terminator = currentTerminator();
@@ -58,6 +60,14 @@ void ZPKMutableDataAggregatorTransformer::cutChunk(const ZPKData& terminator,
 bool ZPKMutableDataAggregatorTransformer::reset(ZPKErrorPtr* /*error*/) {
   _buffer->setContents(*ZPKData::data());
   return true;
+}
+
+ZPKMutableDataPtr ZPKMutableDataAggregatorTransformer::buffer() const { return _buffer; }
+
+ZPKDataPtr ZPKMutableDataAggregatorTransformer::data2Find() const { return _data2Find.load(); }
+
+void ZPKMutableDataAggregatorTransformer::setData2Find(ZPKDataPtr data2Find) {
+  _data2Find.store(std::move(data2Find));
 }
 
 ZPKMutableDataPtr ZPITakeHeldUnit(ZPKMutableDataAggregatorTransformer& aggregator) {

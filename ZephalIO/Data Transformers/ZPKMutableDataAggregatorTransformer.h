@@ -26,6 +26,7 @@ class ZPK_EXPORT ZPKMutableDataAggregatorTransformer final : public ZPKDataTrans
       const ZPKDataPtr& terminator);
 
   ZPKMutableDataAggregatorTransformer(Key, ZPKDataPtr terminator);
+  ~ZPKMutableDataAggregatorTransformer() override;
 
   /// Adds the chunk to what is held and leaves the first complete unit in it, or nothing. A null
   /// chunk changes nothing, not even when a complete unit is held.
@@ -35,13 +36,13 @@ class ZPK_EXPORT ZPKMutableDataAggregatorTransformer final : public ZPKDataTrans
 
   /// The held bytes: always the same object, never null. Do not touch it while modifyData or reset
   /// runs.
-  ZPKMutableDataPtr buffer() const { return _buffer; }
+  ZPKMutableDataPtr buffer() const;
 
   /// The terminator; may be null.
-  ZPKDataPtr data2Find() const { return _data2Find.load(); }
+  ZPKDataPtr data2Find() const;
   /// Replaces the terminator, keeping the reference it is given. Nothing is searched or handed out
   /// before the next modifyData.
-  void setData2Find(ZPKDataPtr data2Find) { _data2Find.store(std::move(data2Find)); }
+  void setData2Find(ZPKDataPtr data2Find);
 
  private:
   friend ZPKMutableDataPtr ZPITakeHeldUnit(ZPKMutableDataAggregatorTransformer& aggregator);

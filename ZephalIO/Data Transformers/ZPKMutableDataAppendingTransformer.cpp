@@ -11,6 +11,8 @@ ZPKMutableDataAppendingTransformerPtr ZPKMutableDataAppendingTransformer::initWi
 ZPKMutableDataAppendingTransformer::ZPKMutableDataAppendingTransformer(Key, ZPKDataPtr dataToAppend)
     : _dataToAppend(std::move(dataToAppend)) {}
 
+ZPKMutableDataAppendingTransformer::~ZPKMutableDataAppendingTransformer() = default;
+
 void ZPKMutableDataAppendingTransformer::modifyData(ZPKMutableData* data) {
   if (data == nullptr) return;
   const ZPKDataPtr bytes = _dataToAppend.load();
@@ -18,3 +20,9 @@ void ZPKMutableDataAppendingTransformer::modifyData(ZPKMutableData* data) {
 }
 
 bool ZPKMutableDataAppendingTransformer::reset(ZPKErrorPtr* /*error*/) { return true; }
+
+ZPKDataPtr ZPKMutableDataAppendingTransformer::dataToAppend() const { return _dataToAppend.load(); }
+
+void ZPKMutableDataAppendingTransformer::setDataToAppend(ZPKDataPtr dataToAppend) {
+  _dataToAppend.store(std::move(dataToAppend));
+}

@@ -18,6 +18,7 @@ class ZPK_EXPORT ZPKMutableDataAppendingTransformer final : public ZPKDataTransf
       const ZPKDataPtr& dataToAppend);
 
   ZPKMutableDataAppendingTransformer(Key, ZPKDataPtr dataToAppend);
+  ~ZPKMutableDataAppendingTransformer() override;
 
   /// Adds the bytes. A null chunk is left alone.
   void modifyData(ZPKMutableData* data) override;
@@ -25,9 +26,9 @@ class ZPK_EXPORT ZPKMutableDataAppendingTransformer final : public ZPKDataTransf
   bool reset(ZPKErrorPtr* error = nullptr) override;
 
   /// The bytes; may be null.
-  ZPKDataPtr dataToAppend() const { return _dataToAppend.load(); }
+  ZPKDataPtr dataToAppend() const;
   /// Replaces the bytes, keeping the reference it is given, from the next chunk on.
-  void setDataToAppend(ZPKDataPtr dataToAppend) { _dataToAppend.store(std::move(dataToAppend)); }
+  void setDataToAppend(ZPKDataPtr dataToAppend);
 
  private:
   ZPKAtomic<ZPKDataPtr> _dataToAppend;

@@ -12,7 +12,15 @@ ZPKArrayPtr ZPKArray::init(Elements elements) {
   return std::make_shared<const ZPKArray>(Key(), std::move(elements));
 }
 
+ZPKArray::ZPKArray(Key, Elements elements) : _elements(std::move(elements)) {}
+
 ZPKArray::~ZPKArray() { ZPIReleaseWithoutRecursion(std::move(_elements)); }
+
+size_t ZPKArray::count() const { return _elements.size(); }
+
+ZPKArray::Elements::const_iterator ZPKArray::begin() const { return _elements.begin(); }
+
+ZPKArray::Elements::const_iterator ZPKArray::end() const { return _elements.end(); }
 
 ZPKObjectPtr ZPKArray::object(size_t index) const {
   return index < _elements.size() ? _elements[index] : nullptr;

@@ -23,17 +23,17 @@ class ZPK_EXPORT ZPKArray final : public ZPKObject {
   static ZPKArrayPtr init(std::initializer_list<ZPKValue> elements = {});
   static ZPKArrayPtr init(Elements elements);
 
-  ZPKArray(Key, Elements elements) : _elements(std::move(elements)) {}
+  ZPKArray(Key, Elements elements);
   ZPKArray(const ZPKArray&) = delete;
   ZPKArray& operator=(const ZPKArray&) = delete;
   ~ZPKArray() override;
 
-  size_t count() const { return _elements.size(); }
+  size_t count() const;
   /// The element at a position; null beyond the last.
   ZPKObjectPtr object(size_t index) const;
 
-  Elements::const_iterator begin() const { return _elements.begin(); }
-  Elements::const_iterator end() const { return _elements.end(); }
+  Elements::const_iterator begin() const;
+  Elements::const_iterator end() const;
 
   /// Equal elements in the same order.
   bool isEqual(const ZPKObject& other) const override;

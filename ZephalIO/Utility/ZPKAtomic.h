@@ -1,3 +1,8 @@
+// A property that one thread may read while another sets it.
+//
+// These classes are in the public headers only because exported classes have them as fields. A
+// caller's program neither runs their code nor depends on their size, and nothing of them is
+// exported: all of it may change.
 #pragma once
 
 #include <atomic>
@@ -5,15 +10,13 @@
 #include <mutex>
 #include <utility>
 
-#include "Utility/ZPKExport.h"
-
 /// A mutex of four bytes: objects here have up to a dozen properties each, and a station holds
 /// hundreds of objects. A waiter sleeps in the system; nothing spins without limit.
 ///
-/// The standard library counts the waiters of an atomic in a table of its own, and the shared
-/// library and its user may each have one. So whoever waits or wakes does it in the shared library:
-/// a wake that looks into another table than the waiter's is lost.
-class ZPK_EXPORT ZPKSmallMutex {
+/// Only code of the shared library may lock it. The standard library counts the waiters of an
+/// atomic in a table of its own, of which the shared library and its user may each have one, and a
+/// wake that looks into another table than the waiter's is lost.
+class ZPKSmallMutex {
  public:
   void lock() {
     uint32_t expected = kFree;

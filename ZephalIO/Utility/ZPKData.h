@@ -16,6 +16,7 @@
 /// Null and empty are two different things everywhere in this library: a null pointer is "no data",
 /// an empty instance is "data of length 0". All operations may run on any thread at the same time,
 /// as long as the object is not a ZPKMutableData that somebody edits.
+// Frozen: callers' programs are compiled with its layout. See CONTRIBUTING, The binary interface.
 class ZPK_EXPORT ZPKData : public ZPKObject {
   struct Key {
     explicit Key() = default;

@@ -45,7 +45,15 @@ ZPKDictionaryPtr ZPKDictionary::init(Entries entries) {
   return std::make_shared<const ZPKDictionary>(Key(), std::move(entries));
 }
 
+ZPKDictionary::ZPKDictionary(Key, Entries entries) : _entries(std::move(entries)) {}
+
 ZPKDictionary::~ZPKDictionary() { ZPIReleaseWithoutRecursion(std::move(_entries)); }
+
+size_t ZPKDictionary::count() const { return _entries.size(); }
+
+ZPKDictionary::Entries::const_iterator ZPKDictionary::begin() const { return _entries.begin(); }
+
+ZPKDictionary::Entries::const_iterator ZPKDictionary::end() const { return _entries.end(); }
 
 ZPKObjectPtr ZPKDictionary::object(std::string_view key) const {
   const auto found = std::lower_bound(_entries.begin(), _entries.end(), key,
@@ -56,42 +64,46 @@ ZPKObjectPtr ZPKDictionary::object(std::string_view key) const {
 }
 
 std::optional<std::string> ZPKDictionary::string(std::string_view key) const {
-  const auto string = objectOf<ZPKString>(key);
+  const auto string = ZPKObjectCast<ZPKString>(object(key));
   if (string == nullptr) return std::nullopt;
   return string->value();
 }
 
 std::optional<ZPKNumber> ZPKDictionary::number(std::string_view key) const {
-  const auto number = objectOf<ZPKNumber>(key);
+  const auto number = ZPKObjectCast<ZPKNumber>(object(key));
   if (number == nullptr) return std::nullopt;
   return *number;
 }
 
 std::optional<int64_t> ZPKDictionary::integer(std::string_view key) const {
-  const auto number = objectOf<ZPKNumber>(key);
+  const auto number = ZPKObjectCast<ZPKNumber>(object(key));
   if (number == nullptr || *number != ZPKNumber(number->integerValue())) return std::nullopt;
   return number->integerValue();
 }
 
 std::optional<double> ZPKDictionary::real(std::string_view key) const {
-  const auto number = objectOf<ZPKNumber>(key);
+  const auto number = ZPKObjectCast<ZPKNumber>(object(key));
   if (number == nullptr) return std::nullopt;
   return number->doubleValue();
 }
 
 std::optional<bool> ZPKDictionary::boolean(std::string_view key) const {
-  const auto number = objectOf<ZPKNumber>(key);
+  const auto number = ZPKObjectCast<ZPKNumber>(object(key));
   if (number == nullptr) return std::nullopt;
   return number->boolValue();
 }
 
-ZPKDataPtr ZPKDictionary::data(std::string_view key) const { return objectOf<ZPKData>(key); }
-
-ZPKDictionaryPtr ZPKDictionary::dictionary(std::string_view key) const {
-  return objectOf<ZPKDictionary>(key);
+ZPKDataPtr ZPKDictionary::data(std::string_view key) const {
+  return ZPKObjectCast<ZPKData>(object(key));
 }
 
-ZPKArrayPtr ZPKDictionary::array(std::string_view key) const { return objectOf<ZPKArray>(key); }
+ZPKDictionaryPtr ZPKDictionary::dictionary(std::string_view key) const {
+  return ZPKObjectCast<ZPKDictionary>(object(key));
+}
+
+ZPKArrayPtr ZPKDictionary::array(std::string_view key) const {
+  return ZPKObjectCast<ZPKArray>(object(key));
+}
 
 bool ZPKDictionary::isEqual(const ZPKObject& other) const {
   return ZPIObjectTreesAreEqual(*this, other);

@@ -44,12 +44,12 @@ class ZPK_EXPORT ZPKDictionary final : public ZPKObject {
   static ZPKDictionaryPtr init(std::initializer_list<ZPKDictionaryEntry> entries = {});
   static ZPKDictionaryPtr init(Entries entries);
 
-  ZPKDictionary(Key, Entries entries) : _entries(std::move(entries)) {}
+  ZPKDictionary(Key, Entries entries);
   ZPKDictionary(const ZPKDictionary&) = delete;
   ZPKDictionary& operator=(const ZPKDictionary&) = delete;
   ~ZPKDictionary() override;
 
-  size_t count() const { return _entries.size(); }
+  size_t count() const;
 
   /// The value of a key, of whatever class.
   ZPKObjectPtr object(std::string_view key) const;
@@ -68,8 +68,8 @@ class ZPK_EXPORT ZPKDictionary final : public ZPKObject {
   /// The entries: shorter keys first, keys of one length by their bytes.
   ///
   ///     for (const auto& [key, value] : *message) show(key, value->debugDescription());
-  Entries::const_iterator begin() const { return _entries.begin(); }
-  Entries::const_iterator end() const { return _entries.end(); }
+  Entries::const_iterator begin() const;
+  Entries::const_iterator end() const;
 
   /// Equal keys with equal values.
   bool isEqual(const ZPKObject& other) const override;
@@ -77,11 +77,6 @@ class ZPK_EXPORT ZPKDictionary final : public ZPKObject {
   std::string debugDescription() const override;
 
  private:
-  template <class T>
-  std::shared_ptr<const T> objectOf(std::string_view key) const {
-    return ZPKObjectCast<T>(object(key));
-  }
-
-  Entries
-      _entries;  // in the order of begin(), each key once, no null; changed by the destructor alone
+  // In the order of begin(), each key once, no null; changed by the destructor alone.
+  Entries _entries;
 };

@@ -33,23 +33,26 @@ class ZPK_EXPORT ZPKError {
   static ZPKErrorPtr init(std::string domain, int code, UserInfo userInfo);
 
   ZPKError(Key, std::string domain, int code, UserInfo userInfo);
+  ZPKError(const ZPKError&) = delete;
+  ZPKError& operator=(const ZPKError&) = delete;
+  ~ZPKError();
 
   /// Which part of the system reports: "zephalbench." and one of "zephal-communication" (channels,
   /// transformers, factories, services), "zephal-commchannel" (ZPKCommStack),
   /// "zephal-commloggerchannel" (ZPKCommLoggerStack), "zephal-dataconversion". An error that comes
   /// from the system itself has the domain "POSIX" (the code is the errno) or "PCRE2", and the log
   /// line of an unreadable archive shows one of the domain "CBOR".
-  const std::string& domain() const { return _domain; }
+  const std::string& domain() const;
   /// What went wrong, as a number within the domain; every operation names its own.
-  int code() const { return _code; }
+  int code() const;
   /// The texts by their keys: an error of the library has exactly the two above.
-  const UserInfo& userInfo() const { return _userInfo; }
+  const UserInfo& userInfo() const;
 
   /// The message, the value of ZPKErrorDescriptionKey; empty if there is none.
-  std::string description() const { return valueForKey(ZPKErrorDescriptionKey); }
+  std::string description() const;
   /// The library's version and the site's file, function and line, the value of
   /// ZPKErrorLocationKey; empty if there is none.
-  std::string location() const { return valueForKey(ZPKErrorLocationKey); }
+  std::string location() const;
   /// Domain, code and description in one line, as a log shows an error.
   std::string debugDescription() const;
 

@@ -13,6 +13,7 @@
 /// so that a timeout can be written 2, 0.5 or -1. One that may be null is a
 /// std::optional<ZPKNumber>. A plain value: copies are independent. As an object it is shared, like
 /// any other.
+// Frozen: callers' programs are compiled with its layout. See CONTRIBUTING, The binary interface.
 class ZPK_EXPORT ZPKNumber final : public ZPKObject {
  public:
   ZPKNumber() : _value(int64_t{0}) {}

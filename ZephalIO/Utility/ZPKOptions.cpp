@@ -18,6 +18,10 @@ bool isWord(std::string_view text, std::string_view word) {
 
 ZPKOptionsPtr ZPKOptions::init() { return std::make_shared<ZPKOptions>(Key()); }
 
+ZPKOptions::ZPKOptions(Key) {}
+
+ZPKOptions::~ZPKOptions() = default;
+
 std::optional<ZPKOptions::Value> ZPKOptions::get(std::string_view key) const {
   const auto found = _values.find(key);
   if (found == _values.end()) return std::nullopt;
@@ -59,6 +63,8 @@ void ZPKOptions::merge(const ZPKOptionsPtr& other) {
   if (other == nullptr) return;
   for (const auto& [key, value] : other->_values) _values.insert_or_assign(key, value);
 }
+
+size_t ZPKOptions::size() const { return _values.size(); }
 
 int64_t ZPKIntegerFromString(std::optional<std::string_view> text) {
   if (!text.has_value()) return 0;

@@ -24,7 +24,10 @@ class ZPK_EXPORT ZPKOptions {
   /// An empty dictionary.
   static ZPKOptionsPtr init();
 
-  explicit ZPKOptions(Key) {}
+  explicit ZPKOptions(Key);
+  ZPKOptions(const ZPKOptions&) = delete;
+  ZPKOptions& operator=(const ZPKOptions&) = delete;
+  ~ZPKOptions();
 
   /// The value of a key, or null.
   std::optional<Value> get(std::string_view key) const;
@@ -47,7 +50,7 @@ class ZPK_EXPORT ZPKOptions {
   void remove(std::string_view key);
   /// Adds all of `other`, whose values win. Null adds nothing.
   void merge(const ZPKOptionsPtr& other);
-  size_t size() const { return _values.size(); }
+  size_t size() const;
 
  private:
   std::map<std::string, Value, std::less<>> _values;

@@ -267,6 +267,8 @@ ZPKRegex::ZPKRegex(Key, std::string pattern, void* code)
 
 ZPKRegex::~ZPKRegex() { pcre2_code_free(static_cast<pcre2_code*>(_code)); }
 
+const std::string& ZPKRegex::pattern() const { return _pattern; }
+
 std::optional<ZPKRegexMatch> ZPKRegex::firstMatch(std::string_view text, ZPKRange range) const {
   std::optional<ZPKRegexMatch> match;
   forEachMatch(_code, _pattern, text, range, [&](const Search& search, CodePointCounter& counter) {

@@ -36,7 +36,7 @@ class ZPK_EXPORT ZPKRegex {
   ~ZPKRegex();
 
   /// The source text.
-  const std::string& pattern() const { return _pattern; }
+  const std::string& pattern() const;
 
   /// The whole of a text, however long it is.
   static constexpr ZPKRange wholeText() { return {0, ZPKNotFound}; }

@@ -16,14 +16,17 @@ class ZPK_EXPORT ZPKString final : public ZPKObject {
  public:
   static ZPKStringPtr init(std::string value);
 
-  ZPKString(Key, std::string value) : _value(std::move(value)) {}
+  ZPKString(Key, std::string value);
+  ZPKString(const ZPKString&) = delete;
+  ZPKString& operator=(const ZPKString&) = delete;
+  ~ZPKString() override;
 
   /// The text; valid for as long as the object lives.
-  const std::string& value() const { return _value; }
+  const std::string& value() const;
 
   bool isEqual(const ZPKObject& other) const override;
   /// The text as it is.
-  std::string debugDescription() const override { return _value; }
+  std::string debugDescription() const override;
 
  private:
   const std::string _value;

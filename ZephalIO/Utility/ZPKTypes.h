@@ -26,6 +26,7 @@ inline constexpr uint64_t ZPKNotFound = 0x7fffffffffffffff;
 
 /// A stretch of bytes or of code points; each user says which. A location of ZPKNotFound means that
 /// there is no such stretch.
+// Frozen: callers' programs are compiled with its layout. See CONTRIBUTING, The binary interface.
 struct ZPKRange {
   uint64_t location = ZPKNotFound;
   uint64_t length = 0;

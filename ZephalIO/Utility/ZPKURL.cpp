@@ -87,6 +87,24 @@ ZPKURLPtr ZPKURL::initWithString(std::optional<std::string_view> string) {
   return url->parse(url->_absoluteString) ? url : nullptr;
 }
 
+ZPKURL::ZPKURL(Key) {}
+
+ZPKURL::~ZPKURL() = default;
+
+const std::optional<std::string>& ZPKURL::scheme() const { return _scheme; }
+
+const std::optional<std::string>& ZPKURL::host() const { return _host; }
+
+std::optional<int64_t> ZPKURL::port() const { return _port; }
+
+const std::string& ZPKURL::path() const { return _path; }
+
+const std::vector<ZPKURLQueryItem>& ZPKURL::queryItems() const { return _queryItems; }
+
+const std::string& ZPKURL::absoluteString() const { return _absoluteString; }
+
+std::string ZPKURL::debugDescription() const { return _absoluteString; }
+
 // The split of RFC 3986, appendix B: scheme, authority, path, query, fragment.
 bool ZPKURL::parse(std::string_view rest) {
   std::string_view candidate = rest;

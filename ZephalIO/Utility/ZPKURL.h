@@ -32,23 +32,26 @@ class ZPK_EXPORT ZPKURL {
   /// name, and the system would cut it there.
   static ZPKURLPtr initWithString(std::optional<std::string_view> string);
 
-  explicit ZPKURL(Key) {}
+  explicit ZPKURL(Key);
+  ZPKURL(const ZPKURL&) = delete;
+  ZPKURL& operator=(const ZPKURL&) = delete;
+  ~ZPKURL();
 
   /// The scheme as it is written; null for a relative reference.
-  const std::optional<std::string>& scheme() const { return _scheme; }
+  const std::optional<std::string>& scheme() const;
   /// The host, without the brackets of an IPv6 literal; null if the URL has no authority. It may be
   /// empty.
-  const std::optional<std::string>& host() const { return _host; }
+  const std::optional<std::string>& host() const;
   /// The port; null if none is given. A number of more than 63 bits becomes the largest of that
   /// size.
-  std::optional<int64_t> port() const { return _port; }
+  std::optional<int64_t> port() const;
   /// The path; it may be empty.
-  const std::string& path() const { return _path; }
+  const std::string& path() const;
   /// The query's items in their order, one more than it has "&"; none for an empty query.
-  const std::vector<ZPKURLQueryItem>& queryItems() const { return _queryItems; }
+  const std::vector<ZPKURLQueryItem>& queryItems() const;
   /// The whole URL as it was given.
-  const std::string& absoluteString() const { return _absoluteString; }
-  std::string debugDescription() const { return _absoluteString; }
+  const std::string& absoluteString() const;
+  std::string debugDescription() const;
 
  private:
   bool parse(std::string_view rest);

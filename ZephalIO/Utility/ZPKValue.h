@@ -22,25 +22,29 @@ struct ZPKDictionaryEntry;
 /// Data that can be edited are copied, so that what is built stays as it is. A null pointer gives a
 /// null object.
 class ZPK_EXPORT ZPKValue {
+  struct AnyObject {
+    explicit AnyObject() = default;
+  };
+
  public:
-  ZPKValue(std::nullptr_t) {}
+  ZPKValue(std::nullptr_t);
   ZPKValue(const char* text);
-  ZPKValue(std::string_view text) : ZPKValue(std::string(text)) {}
+  ZPKValue(std::string_view text);
   ZPKValue(std::string text);
-  ZPKValue(const ZPKNumber& number) : _object(std::make_shared<const ZPKNumber>(number)) {}
+  ZPKValue(const ZPKNumber& number);
   template <class T>
   requires std::is_arithmetic_v<T> ZPKValue(T number) : ZPKValue(ZPKNumber(number)) {}
   template <class T>
   requires std::derived_from<T, ZPKObject> ZPKValue(std::shared_ptr<T> object)
-      : _object(frozen(std::move(object))) {}
+      : ZPKValue(AnyObject(), std::move(object)) {}
   ZPKValue(std::initializer_list<ZPKDictionaryEntry> entries);
 
   /// The object, or null.
-  const ZPKObjectPtr& object() const { return _object; }
-  operator ZPKObjectPtr() const { return _object; }
+  const ZPKObjectPtr& object() const;
+  operator ZPKObjectPtr() const;
 
  private:
-  static ZPKObjectPtr frozen(ZPKObjectPtr object);
+  ZPKValue(AnyObject, ZPKObjectPtr object);
 
   ZPKObjectPtr _object;
 };

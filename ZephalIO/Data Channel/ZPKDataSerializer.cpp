@@ -1,0 +1,3 @@
+#include "Data Channel/ZPKDataSerializer.h"
+
+ZPKDataSerializer::~ZPKDataSerializer() = default;

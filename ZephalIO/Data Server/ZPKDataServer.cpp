@@ -1,0 +1,3 @@
+#include "Data Server/ZPKDataServer.h"
+
+ZPKDataServer::~ZPKDataServer() = default;
