@@ -10,7 +10,6 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <future>
 #include <optional>
@@ -20,8 +19,8 @@
 #include <vector>
 
 #include "Data Channel Internal/ZPILogFileHandle.h"
+#include "Support/Files.h"
 #include "Support/LogCapture.h"
-#include "Support/LogFile.h"
 #include "Support/OpenDescriptors.h"
 #include "Support/OrdinaryUser.h"
 #include "Support/SignalMask.h"
@@ -34,16 +33,6 @@ namespace {
 
 using testing::ElementsAre;
 using Chunks = std::vector<std::string_view>;
-
-void writeFile(const std::string& path, std::string_view contents) {
-  std::ofstream(path, std::ios::binary) << contents;
-}
-
-mode_t permissionsOf(const std::string& path) {
-  struct stat status {};
-  EXPECT_EQ(::stat(path.c_str(), &status), 0);
-  return status.st_mode & 07777;
-}
 
 class ZPILogFileHandleTest : public testing::Test {
  protected:
@@ -65,7 +54,7 @@ TEST_F(ZPILogFileHandleTest, ANewFileIsEmptyAndHasThePermissions0666LessTheUmask
     ::umask(mask);
     const std::string path = _folder.pathOf(std::to_string(mask));
     EXPECT_TRUE(ZPILogFileHandle::createFileAtPath(path));
-    EXPECT_EQ(permissionsOf(path), 0666 & ~mask);
+    EXPECT_EQ(permissionsOfFile(path), 0666 & ~mask);
     EXPECT_EQ(contentsOfFile(path), "");
   }
   ::umask(before);
@@ -101,7 +90,7 @@ TEST_F(ZPILogFileHandleTest, AnExistingFileKeepsItsContentsAndPermissions) {
   ASSERT_NE(handle, nullptr);
   handle->append(Chunks{"new"});
   EXPECT_EQ(contents(), "oldnew");
-  EXPECT_EQ(permissionsOf(_path), mode_t{0640});
+  EXPECT_EQ(permissionsOfFile(_path), mode_t{0640});
 }
 
 TEST_F(ZPILogFileHandleTest, AProgramThatIsStartedMeanwhileDoesNotGetTheDescriptor) {

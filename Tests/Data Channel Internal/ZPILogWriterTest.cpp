@@ -1,23 +1,41 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <filesystem>
+#include <future>
 #include <memory>
+#include <semaphore>
 #include <set>
 #include <string>
+#include <thread>
 
 #include "Data Channel Internal/ZPILogWriter.h"
+#include "Support/BusyWriter.h"
+#include "Support/EventWait.h"
+#include "Support/Files.h"
 #include "Support/HeldLogWrite.h"
-#include "Support/LogFile.h"
 #include "Support/OpenDescriptors.h"
+#include "Support/ProcessStatus.h"
+#include "Support/ProcessThreads.h"
+#include "Support/SystemCalls.h"
 #include "Support/TemporaryFolder.h"
 #include "Support/ThreadCalls.h"
 
 using namespace support;
 
 namespace {
+
+size_t allocatedBytes() {
+  const auto info = ::mallinfo2();
+  return info.uordblks + info.hblkhd;
+}
 
 class ZPILogWriterTest : public testing::Test {
  protected:
@@ -29,12 +47,16 @@ class ZPILogWriterTest : public testing::Test {
     open();
   }
   std::string contents() const { return contentsOfFile(_path); }
+  // How many chunks are in the file, if each is one letter.
+  size_t writtenLetters() const { return contents().size(); }
 
   const TemporaryFolder _folder;
   const std::string _path = _folder.pathOf("log");
   std::shared_ptr<int> _owner = std::make_shared<int>();
   std::unique_ptr<ZPILogWriter> _writer = std::make_unique<ZPILogWriter>(_path);
 };
+
+// --- The file.
 
 TEST_F(ZPILogWriterTest, ANewWriterIsClosedAndNotSynchronous) {
   EXPECT_EQ(_writer->fileHandle(), nullptr);
@@ -76,6 +98,8 @@ TEST_F(ZPILogWriterTest, AnErrorOfTheSystemIsAtTheCallersSite) {
   EXPECT_THAT(error->location(), testing::HasSubstr("ZPILogWriterTest.cpp:theCaller:"));
 }
 
+// --- The owner.
+
 TEST_F(ZPILogWriterTest, WithoutItsOwnerOnlyTheDestructorWrites) {
   openWithoutThread();
   _writer->addChunk("one ");
@@ -97,6 +121,156 @@ TEST_F(ZPILogWriterTest, ATaskHoldsTheOwnerWhileItWrites) {
   held.release();
   _writer->closeFile();
   EXPECT_EQ(_owner.use_count(), 1);
+}
+
+// --- Chunks that come faster than they are written.
+
+TEST_F(ZPILogWriterTest, ChunksThatWaitTogetherAreWrittenTogether) {
+  open();
+  HeldLogWrite held;
+  _writer->addChunk("1");
+  EXPECT_TRUE(held.waitUntilHeld());
+  for (int i = 0; i < 16; ++i) _writer->addChunk("2");
+  held.release();
+  _writer->closeFile();
+  EXPECT_EQ(held.calls.count("writev"), 2U);
+  EXPECT_EQ(contents(), "1" + std::string(16, '2'));
+}
+
+// The shortest of many delays, since each of them may be long on a busy machine.
+TEST_F(ZPILogWriterTest, TheFirstChunkWaitsForNoOther) {
+  using Clock = std::chrono::steady_clock;
+  Clock::duration shortest = Clock::duration::max();
+  for (int i = 0; i < 50; ++i) {
+    open();
+    std::promise<Clock::time_point> written;
+    SystemCalls calls(SystemCalls::Threads::kAll);
+    calls.before("writev", [&] { written.set_value(Clock::now()); });
+    const auto start = Clock::now();
+    _writer->addChunk("chunk");
+    auto time = written.get_future();
+    ASSERT_EQ(time.wait_for(kPatience), std::future_status::ready);
+    shortest = std::min(shortest, time.get() - start);
+    _writer->closeFile();
+  }
+  EXPECT_LT(shortest, std::chrono::milliseconds(1));
+}
+
+// Every write brings the next chunk, so that the traffic never pauses by itself.
+TEST_F(ZPILogWriterTest, AnOpenComesInBetweenBusyTraffic) {
+  open();
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  std::atomic<bool> isBusy{true};
+  SystemCalls calls(SystemCalls::Threads::kAll);
+  const auto bringAnother = [&] {
+    if (std::chrono::steady_clock::now() > end) isBusy = false;
+    if (isBusy) _writer->addChunk("more");
+  };
+  calls.before("writev", bringAnother, 0, SIZE_MAX);
+  _writer->addChunk("first");
+  open();
+  EXPECT_TRUE(isBusy.exchange(false));
+  _writer->closeFile();
+}
+
+TEST_F(ZPILogWriterTest, APauseFreesTheMemoryOfBusyTraffic) {
+  constexpr size_t kChunks = 64;
+  const std::string chunk(65536, 'x');
+  open();
+  const size_t before = allocatedBytes();
+  HeldLogWrite held;
+  for (size_t i = 0; i < kChunks; ++i) _writer->addChunk(chunk);
+  held.release();
+  EXPECT_TRUE(waitFor([&] { return std::filesystem::file_size(_path) == kChunks * chunk.size(); }));
+  if (isMemoryComparable()) {
+    EXPECT_TRUE(waitFor([&] { return allocatedBytes() < before + chunk.size(); }));
+  }
+  _writer->closeFile();
+}
+
+TEST_F(ZPILogWriterTest, NoChunkWaitsForAnotherWhileTheModeChangesOnAnotherThread) {
+  constexpr size_t kRounds = 2000;
+  open();
+  std::atomic<bool> isDone{false};
+  std::thread changer([&] {
+    while (!isDone) _writer->setSynchronous(!_writer->isSynchronous());
+  });
+  for (size_t i = 0; i < kRounds; ++i) _writer->addChunk("x");
+  isDone = true;
+  changer.join();
+  _writer->setSynchronous(false);
+  _writer->addChunk("y");
+  // Nobody closes: the chunks get there by themselves.
+  EXPECT_TRUE(waitFor([this] { return writtenLetters() == kRounds + 1; }));
+  EXPECT_EQ(contents().back(), 'y');
+  _writer->closeFile();
+}
+
+// --- The thread.
+
+TEST_F(ZPILogWriterTest, AnOpenFileHasOneThreadNamedByIt) {
+  EXPECT_EQ(threadsNamed(_path), 0U);
+  for (int i = 0; i < 2; ++i) {
+    open();
+    EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 1; }));
+  }
+  for (size_t i = 1; i <= 2; ++i) {
+    _writer->addChunk("x");
+    EXPECT_TRUE(waitFor([&] { return writtenLetters() == i; }));
+    EXPECT_EQ(threadsNamed(_path), 1U);
+  }
+  _writer->closeFile();
+  EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 0; }));
+}
+
+TEST_F(ZPILogWriterTest, AFileThatCannotBeOpenedHasNoThread) {
+  EXPECT_FALSE(ZPILogWriter(_folder.path()).openFile({"open"}, nullptr));
+  EXPECT_EQ(threadsNamed(_folder.path()), 0U);
+}
+
+TEST_F(ZPILogWriterTest, ASynchronousWriterNeedsNoThreadUntilThatIsTurnedOff) {
+  _writer->setSynchronous(true);
+  open();
+  _writer->addChunk("x");
+  EXPECT_EQ(threadsNamed(_path), 0U);
+  _writer->setSynchronous(false);
+  EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 1; }));
+  _writer->closeFile();
+  _writer->setSynchronous(false);
+  EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 0; }));
+}
+
+TEST_F(ZPILogWriterTest, WithoutAThreadWritersAndAnotherThreadsCloseComeBack) {
+  for (int i = 0; i < 20; ++i) {
+    const RefusedThreads refused;
+    open();
+    BusyWriter busy([this](size_t) { _writer->addChunk("x"); }, false);
+    _writer->closeFile();
+    busy.stop();
+  }
+}
+
+// Each write of this thread makes the other one bring a chunk.
+TEST_F(ZPILogWriterTest, WithoutAThreadACallWritesOnceWhileOthersKeepWriting) {
+  const RefusedThreads refused;
+  open();
+  std::counting_semaphore<> wanted(0);
+  std::atomic<bool> isDone{false};
+  std::thread other([&] {
+    const RefusedThreads refusedToo;
+    for (wanted.acquire(); !isDone; wanted.acquire()) _writer->addChunk("other");
+  });
+  for (int i = 0; i < 20; ++i) {
+    SystemCalls calls;
+    calls.before(
+        "writev", [&] { wanted.release(); }, 0, 100);
+    _writer->addChunk("own");
+    EXPECT_LE(calls.count("writev"), 1U);
+  }
+  isDone = true;
+  wanted.release();
+  other.join();
+  _writer->closeFile();
 }
 
 // --- The writer of a child, made by hand in the same process.

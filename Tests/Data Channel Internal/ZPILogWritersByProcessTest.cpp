@@ -6,7 +6,7 @@
 #include <string>
 
 #include "Data Channel Internal/ZPILogWritersByProcess.h"
-#include "Support/LogFile.h"
+#include "Support/Files.h"
 #include "Support/OpenDescriptors.h"
 #include "Support/OrdinaryUser.h"
 #include "Support/TemporaryFolder.h"

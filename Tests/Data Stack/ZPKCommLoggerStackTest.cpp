@@ -10,6 +10,7 @@
 #include "Data Stack/ZPKCommStack.h"
 #include "Support/ErrorExpectations.h"
 #include "Support/EventWait.h"
+#include "Support/Files.h"
 #include "Support/LogFile.h"
 #include "Support/OpenDescriptors.h"
 #include "Support/ScriptedStack.h"

@@ -6,6 +6,7 @@
 
 #include "Data Stack/ZPKCommLoggerStack.h"
 #include "Stacks/CommStackFixture.h"
+#include "Support/Files.h"
 #include "Support/LogFile.h"
 #include "Support/OpenDescriptors.h"
 #include "Support/ScriptedStack.h"

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "Stacks/CommStackFixture.h"
+#include "Support/Files.h"
 #include "Support/LogFile.h"
 #include "Support/OpenDescriptors.h"
 #include "Support/ScriptedStack.h"

@@ -3,19 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
 #include <regex>
 #include <sstream>
-#include <utility>
+
+#include "Support/Files.h"
 
 namespace support {
-
-std::string contentsOfFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream all;
-  all << file.rdbuf();
-  return std::move(all).str();
-}
 
 std::vector<LogFileLine> linesOfLog(const std::string& path) {
   static const std::regex kPrefix(

@@ -7,9 +7,6 @@
 
 namespace support {
 
-/// All bytes of a file; "" if there is none.
-std::string contentsOfFile(const std::string& path);
-
 /// One line of a log file: what stands behind a prefix, up to the next one.
 struct LogFileLine {
   std::string timestamp;  // "2024-05-01 12:00:00.250"

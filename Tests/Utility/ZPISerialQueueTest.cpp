@@ -22,7 +22,7 @@ namespace {
 
 using testing::ElementsAre;
 
-// A task that says when it runs and then waits to be let go.
+// A task that says when it runs and then waits to be released.
 class Gate {
  public:
   ZPISerialQueue::Task task() {
@@ -103,8 +103,8 @@ TEST(ZPISerialQueueTest, AnAwaitedTaskRunsAfterAllThatWereQueuedBefore) {
   EXPECT_THAT(order, ElementsAre("queued", "awaited", "returned"));
 }
 
-TEST(ZPISerialQueueTest, ATaskQueuedBehindAWaitingCallerRunsAfterIt) {
-  StartedQueue queue("behind");
+TEST(ZPISerialQueueTest, ATaskQueuedAfterAWaitingCallerRunsAfterIt) {
+  StartedQueue queue("after");
   Gate gate;
   std::vector<std::string> order;
   std::future<void> caller;
@@ -252,7 +252,7 @@ TEST(ZPISerialQueueTest, WithoutAThreadTheCallerRunsItsTasksAndStartsNone) {
   EXPECT_TRUE(queue.startThread());
 }
 
-// Whoever ends the thread does so beside others who queue, and nothing is lost.
+// The thread ends while others queue tasks, and nothing is lost.
 TEST(ZPISerialQueueTest, TasksRunInOrderWhileTheThreadComesAndGoes) {
   ZPISerialQueue queue("comes and goes");
   std::atomic<bool> isDone{false};
@@ -335,7 +335,7 @@ TEST(ZPISerialQueueTest, TheThreadOfADestroyedQueueEndsAtOnce) {
   EXPECT_TRUE(waitFor([] { return threadsNamed("zq-gone") == 0; }));
 }
 
-// What a channel is to its queue: an owner that a task can be the last to hold.
+// What a channel is to its queue: an owner whose last reference a task can hold.
 struct Owner {
   explicit Owner(std::promise<std::thread::id>* destroyedOn) : destroyed(destroyedOn) {}
   Owner(const Owner&) = delete;
@@ -374,7 +374,7 @@ TEST(ZPISerialQueueTest, AnAwaitedTaskCanDestroyItsQueue) {
   EXPECT_EQ(destroyed.get_future().get(), std::this_thread::get_id());
 }
 
-// Whoever is last, the task or the caller, lets go of the queue; both orders occur.
+// The task or the caller destroys the queue, whichever is last; both orders occur.
 TEST(ZPISerialQueueTest, ARaceForTheLastReferenceIsHarmless) {
   for (int i = 0; i < 300; ++i) {
     std::promise<std::thread::id> destroyed;

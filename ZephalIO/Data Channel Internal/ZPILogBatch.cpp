@@ -10,8 +10,8 @@ void ZPILogBatch::clear() {
   _ends.clear();
 }
 
-// A swap, since assigning an empty string keeps the room.
-void ZPILogBatch::release() {
+// A swap, since assigning an empty string keeps the memory.
+void ZPILogBatch::clearAndFree() {
   std::string().swap(_text);
   std::vector<size_t>().swap(_ends);
 }

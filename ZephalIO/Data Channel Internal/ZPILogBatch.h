@@ -9,13 +9,12 @@
 class ZPILogBatch final {
  public:
   void add(std::string_view chunk);
-  /// Drops the chunks and keeps the room.
+  /// Drops the chunks and keeps the memory for others.
   void clear();
-  /// Drops the chunks and the room.
-  void release();
+  /// Drops the chunks and their memory.
+  void clearAndFree();
 
   bool isEmpty() const { return _ends.empty(); }
-  size_t byteCount() const { return _text.size(); }
   /// The chunks, valid until the next change.
   std::vector<std::string_view> chunks() const;
 

@@ -23,8 +23,8 @@ constexpr size_t kChunksPerWrite = 16;
 
 // How long the chunks of one call wait for the file's lock.
 constexpr std::chrono::seconds kLockPatience{1};
-// Pauses between two looks at the lock: who writes holds it for some microseconds, who copies the
-// file for longer.
+// Pauses between two attempts at the lock: a writer holds it for some microseconds, somebody who
+// copies the file for longer.
 constexpr std::chrono::microseconds kFirstPause{20};
 constexpr std::chrono::microseconds kLongestPause{1000};
 
@@ -41,10 +41,10 @@ int openWithFlags(const std::string& path, int flags) {
   return retryOnInterrupt([&] { return ::open(path.c_str(), kFlags | flags, kPermissions); });
 }
 
-// A FIFO without a reader is ENXIO, instead of a wait for one. Only the open itself is that way.
+// A FIFO without a reader is ENXIO, instead of a wait for one. Only the open itself does not block.
 int openFile(const std::string& path, int flags) {
   const int descriptor = openWithFlags(path, flags | O_NONBLOCK);
-  // A file server's lease on a file: the system asks for it back, and waits if it may.
+  // A file server has a lease on the file: the system asks for it back, and a blocking open waits.
   if (descriptor == -1 && errno == EWOULDBLOCK) return openWithFlags(path, flags);
   if (descriptor == -1 || ::fcntl(descriptor, F_SETFL, O_APPEND) == 0) return descriptor;
   const int number = errno;
@@ -53,10 +53,10 @@ int openFile(const std::string& path, int flags) {
   return -1;
 }
 
-// The chunks of one locked write that are not out yet.
-class Rest {
+// What is not written yet of the chunks that share a lock.
+class UnwrittenChunks {
  public:
-  explicit Rest(std::span<const std::string_view> chunks) : _end(chunks.size()) {
+  explicit UnwrittenChunks(std::span<const std::string_view> chunks) : _end(chunks.size()) {
     for (size_t i = 0; i < chunks.size(); ++i) {
       _parts[i] = {const_cast<char*>(chunks[i].data()), chunks[i].size()};
     }
@@ -66,8 +66,8 @@ class Rest {
   const iovec* parts() const { return &_parts[_begin]; }
   int count() const { return static_cast<int>(_end - _begin); }
 
-  void dropChunk() { ++_begin; }
-  void dropBytes(size_t count) {
+  void removeFirstChunk() { ++_begin; }
+  void removeFirstBytes(size_t count) {
     while (!isEmpty() && count >= _parts[_begin].iov_len) count -= _parts[_begin++].iov_len;
     if (isEmpty()) return;
     iovec& part = _parts[_begin];
@@ -82,15 +82,15 @@ class Rest {
 
 void writeAll(int descriptor, std::span<const std::string_view> chunks,
               ZPIWithoutSignalsOfWriting& signals) {
-  Rest rest(chunks);
-  while (!rest.isEmpty()) {
-    const ssize_t written =
-        retryOnInterrupt([&] { return ::writev(descriptor, rest.parts(), rest.count()); });
+  UnwrittenChunks unwritten(chunks);
+  while (!unwritten.isEmpty()) {
+    const ssize_t written = retryOnInterrupt(
+        [&] { return ::writev(descriptor, unwritten.parts(), unwritten.count()); });
     if (written > 0) {
-      rest.dropBytes(static_cast<size_t>(written));
+      unwritten.removeFirstBytes(static_cast<size_t>(written));
     } else {
       if (written == -1) signals.discardSignalOf(errno);
-      rest.dropChunk();
+      unwritten.removeFirstChunk();
     }
   }
 }
@@ -122,19 +122,19 @@ void ZPILogFileHandle::append(std::span<const std::string_view> chunks) {
   bool wasLockTaken = false;
   while (!chunks.empty()) {
     const size_t count = std::min(chunks.size(), kChunksPerWrite);
-    const bool isLocked = lock(deadline);
+    const bool isLocked = lockBefore(deadline);
     wasLockTaken = wasLockTaken || _isLockTaken;
     // O_APPEND makes every write begin at the end of the file.
     writeAll(_descriptor, chunks.first(count), signals);
     if (isLocked) ::flock(_descriptor, LOCK_UN);
     chunks = chunks.subspan(count);
   }
-  if (wasLockTaken) tellOfTakenLock();
+  if (wasLockTaken) logOnceThatLockIsTaken();
 }
 
-// Whether the lock is ours. It is asked for again and again, since flock(2) knows no time limit;
-// once it could not be had in time, only once for each write, until it can be had again.
-bool ZPILogFileHandle::lock(std::chrono::steady_clock::time_point deadline) {
+// Returns whether the lock is ours. It tries again and again, since flock(2) has no time limit.
+// After a lock that did not come in time, it tries once for each write, until one succeeds.
+bool ZPILogFileHandle::lockBefore(std::chrono::steady_clock::time_point deadline) {
   const auto tryLock = [this] { return ::flock(_descriptor, LOCK_EX | LOCK_NB); };
   auto pause = kFirstPause;
   int result = retryOnInterrupt(tryLock);
@@ -148,8 +148,8 @@ bool ZPILogFileHandle::lock(std::chrono::steady_clock::time_point deadline) {
   return result == 0;
 }
 
-void ZPILogFileHandle::tellOfTakenLock() {
-  if (std::exchange(_hasToldOfTakenLock, true)) return;
+void ZPILogFileHandle::logOnceThatLockIsTaken() {
+  if (std::exchange(_hasLoggedThatLockIsTaken, true)) return;
   ZPKLoggingLog(ZPKLogGetAnchor(), 0,
                 "unable to lock file at path [%@] within a second, writing without the lock",
                 _path);

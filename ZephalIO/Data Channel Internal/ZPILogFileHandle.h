@@ -22,7 +22,7 @@ class ZPILogFileHandle final {
   static std::shared_ptr<ZPILogFileHandle> fileHandleForWritingAtPath(const std::string& path);
 
   /// Makes an empty file with the permissions 0666, less the process's umask; a file that another
-  /// process made a moment ago keeps its contents. Whether that went well.
+  /// process made a moment ago keeps its contents. Returns whether that succeeded.
   static bool createFileAtPath(const std::string& path);
 
   ZPILogFileHandle(Key, std::string path, int descriptor);
@@ -30,26 +30,27 @@ class ZPILogFileHandle final {
   ZPILogFileHandle& operator=(const ZPILogFileHandle&) = delete;
   ~ZPILogFileHandle();
 
-  /// Writes the chunks at the end of the file, each unbroken by what others write who take the same
-  /// lock (flock(2)). Waits for that lock for a second at most, all chunks together; then it writes
-  /// without, and the first time says so in a log line. It waits again once the lock was free.
+  /// Writes the chunks at the end of the file. Writers that take the same lock (flock(2)) do not
+  /// break into each other's chunks. Waits for that lock for a second at most, for all chunks
+  /// together; then it writes without the lock, and says so in a log line the first time. Once the
+  /// lock has been free again, the next call waits for it again.
   ///
-  /// No failure is reported: of a chunk that the file does not take, on a full disk for instance,
-  /// the part that did fit stays, the rest is dropped, and the next chunk is tried again. No signal
-  /// comes of that (SIGXFSZ, SIGPIPE). Nothing is written once the handle is closed.
+  /// No failure is reported. If a chunk does not fit, on a full disk for instance, the part that
+  /// did fit stays, the remainder is dropped, and the next chunk is tried. No signal is raised
+  /// (SIGXFSZ, SIGPIPE). Nothing is written once the handle is closed.
   void append(std::span<const std::string_view> chunks);
 
   /// Closes the file; a second close does nothing.
   void close();
 
  private:
-  bool lock(std::chrono::steady_clock::time_point deadline);
-  void tellOfTakenLock();
+  bool lockBefore(std::chrono::steady_clock::time_point deadline);
+  void logOnceThatLockIsTaken();
 
   const std::string _path;
   int _descriptor;            // -1 once closed
-  bool _isLockTaken = false;  // by somebody who did not let go in time
-  bool _hasToldOfTakenLock = false;
+  bool _isLockTaken = false;  // by somebody who did not release it in time
+  bool _hasLoggedThatLockIsTaken = false;
 };
 
 using ZPILogFileHandlePtr = std::shared_ptr<ZPILogFileHandle>;

@@ -151,8 +151,8 @@ void ZPILogWriter::writePendingChunks() {
   _beingWritten.clear();
   const std::lock_guard guard(_mutex);
   if (!_pending.isEmpty()) return;
-  _beingWritten.release();
-  _pending.release();
+  _beingWritten.clearAndFree();
+  _pending.clearAndFree();
 }
 
 // Makes what is pending the batch that is being written, and returns the file for it.

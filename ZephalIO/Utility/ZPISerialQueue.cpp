@@ -17,9 +17,9 @@ namespace {
 // A thread that had nothing to do for less than this is in the middle of busy traffic.
 constexpr std::chrono::microseconds kShortPause{100};
 
-// All signals but those that a fault raises on the thread itself: blocked, they would bypass the
-// handlers of the host program.
-sigset_t signalsOfOthers() {
+// All signals but those that a fault raises on the thread itself: if these were blocked, they would
+// bypass the handlers of the host program.
+sigset_t allSignalsButFaults() {
   sigset_t signals;
   ::sigfillset(&signals);
   for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP}) ::sigdelset(&signals, fault);
@@ -53,19 +53,20 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
       return;
     }
     _waiting.push_back(std::move(task));
-    if (!_isBusy) passOn(lock);
+    if (!_isBusy) wakeNext(lock);
   }
 
   void runAndWait(const Task& task) {
-    const Turn turn(*this);
+    const CallersTurn turn(*this);
     task();
   }
 
  private:
-  // A caller's turn: waits for it in the row of tasks, where an empty one holds the caller's place.
-  class Turn {
+  // The turn of a caller that runs its own task. It waits among the tasks, where an empty one keeps
+  // the caller's place.
+  class CallersTurn {
    public:
-    explicit Turn(State& state) : _state(state) {
+    explicit CallersTurn(State& state) : _state(state) {
       std::unique_lock lock(_state._mutex);
       const auto place = _state._waiting.emplace(_state._waiting.end());
       _state._callersTurn.wait(lock,
@@ -73,20 +74,20 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
       _state._waiting.erase(place);
       _state._isBusy = true;
     }
-    Turn(const Turn&) = delete;
-    Turn& operator=(const Turn&) = delete;
-    ~Turn() {
+    CallersTurn(const CallersTurn&) = delete;
+    CallersTurn& operator=(const CallersTurn&) = delete;
+    ~CallersTurn() {
       std::unique_lock lock(_state._mutex);
       _state._isBusy = false;
-      _state.passOn(lock);
+      _state.wakeNext(lock);
     }
 
    private:
     State& _state;
   };
 
-  // Wakes whose turn it is, with the lock let go, which he needs.
-  void passOn(std::unique_lock<std::mutex>& lock) {
+  // Wakes whoever has the next turn, after unlocking: the one that wakes needs the lock.
+  void wakeNext(std::unique_lock<std::mutex>& lock) {
     const bool isForThread = _waiting.empty() ? _isEnding : _waiting.front() != nullptr;
     lock.unlock();
     if (isForThread) {
@@ -97,15 +98,15 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
   }
 
   bool makeThread() {
-    const ZPIBlockedSignals blocked(signalsOfOthers());
+    const ZPIBlockedSignals blocked(allSignalsButFaults());
     pthread_t thread{};
-    newThreadWithBlock(&thread, [self = shared_from_this()] { self->work(); });
+    newThreadWithBlock(&thread, [self = shared_from_this()] { self->runTasks(); });
     if (!isThread(thread)) return false;
     pthread_detach(thread);
     return true;
   }
 
-  void work() {
+  void runTasks() {
     ZPINameThisThread(_label);
     std::unique_lock lock(_mutex);
     while (waitForTask(lock)) {
@@ -124,9 +125,9 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
 
   bool hasTask() const { return !_isBusy && !_waiting.empty() && _waiting.front() != nullptr; }
 
-  // Whether there is a task to run; if not, the thread is to end.
+  // Returns whether there is a task to run; if not, the thread must end.
   bool waitForTask(std::unique_lock<std::mutex>& lock) {
-    if (!hasTask() && _lastPause < kShortPause) giveWay(lock);
+    if (!hasTask() && _lastPause < kShortPause) letOthersRun(lock);
     if (hasTask()) return true;
     const auto start = std::chrono::steady_clock::now();
     _threadsTurn.wait(lock, [this] { return hasTask() || (_isEnding && _waiting.empty()); });
@@ -134,9 +135,9 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
     return hasTask();
   }
 
-  // Lets others run before the thread goes to sleep. In busy traffic they bring the next task
-  // meanwhile, and do not have to wake the thread for it.
-  static void giveWay(std::unique_lock<std::mutex>& lock) {
+  // Before the thread goes to sleep. In busy traffic others queue the next task meanwhile, and do
+  // not have to wake the thread for it.
+  static void letOthersRun(std::unique_lock<std::mutex>& lock) {
     lock.unlock();
     ::sched_yield();
     lock.lock();
@@ -149,7 +150,7 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
   std::list<Task> _waiting;
   bool _isBusy = false;  // a task runs, on whatever thread
   bool _hasThread = false;
-  bool _isEnding = false;  // the thread is to end, or there is none
+  bool _isEnding = false;  // the thread must end once nothing is queued, or there is none
   std::chrono::steady_clock::duration _lastPause = kShortPause;  // the thread's own
 };
 

@@ -7,7 +7,7 @@
 /// Runs tasks one at a time, in the order in which they came.
 ///
 /// Tasks that somebody waits for run on the waiting thread. The others run on a thread of the queue
-/// while it has one, and otherwise on whoever brings them:
+/// while it has one, and otherwise on the thread that queues them:
 ///
 ///     none --startThread--> asleep --queue--> running
 ///      ^                     | ^----nothing left---'
