@@ -5,10 +5,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <future>
 #include <memory>
@@ -23,6 +21,7 @@
 #include "Support/LogCapture.h"
 #include "Support/SimulatedDevice.h"
 #include "Support/SystemCalls.h"
+#include "Support/TestClock.h"
 #include "Support/TransportPeer.h"
 #include "Utility/ZPKReportFailure.h"
 
@@ -32,7 +31,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using Kind = SimulatedDevice::Kind;
-using testing::Each;
 
 constexpr double kNow = 0.0;
 constexpr double kForever = -1.0;
@@ -148,13 +146,17 @@ TEST_P(ZPIActiveChannelDeviceTest, ItClosesInTheMiddleOfAFlood) {
 }
 
 TEST_P(ZPIActiveChannelDeviceTest, ItCanBeOpenedAgain) {
+  TestClock clock;
   SimulatedDevice device(GetParam(), {.responses = {{"version", "1.0\n"}}});
   const ZPKDataChannelPtr chain = chainOver(activeOver(device));
   for (int round = 0; round < 5; ++round) {
     ASSERT_TRUE(chain->openWithTimeout(1.0));
     ASSERT_TRUE(write(chain, "version\n"));
     EXPECT_EQ(read(chain, kLong), "1.0\n=> ");
-    EXPECT_TRUE(chain->close());
+    {
+      const SkippedWaits skipped(clock);
+      EXPECT_TRUE(chain->close());
+    }
     EXPECT_TRUE(chain->reset());
     if (GetParam() == Kind::kTerminal) device.liftExclusiveHold();
   }
@@ -220,24 +222,23 @@ TEST_P(ZPIActiveChannelDeviceTest, AnIdleChannelDoesNothingBetweenItsSlices) {
   constexpr size_t kSlices = 8;
   SimulatedDevice device(GetParam());
   const ZPKDataChannelPtr channel = activeOver(device);
+  TestClock clock;
   ASSERT_TRUE(channel->openWithTimeout(1.0));
-  {
-    // The reader's thread has begun when it waits.
-    const SystemCalls beginning(SystemCalls::Threads::kAll);
-    ASSERT_TRUE(waitFor([&] { return beginning.count("select") > 1; }));
-  }
+  // The reader's thread has begun when it waits.
+  ASSERT_TRUE(waitFor([&] { return clock.waits() == 1; }));
   SystemCalls calls(SystemCalls::Threads::kAll);
-  const Clock::time_point start = Clock::now();
-  ASSERT_TRUE(waitFor([&] { return calls.count("select") > kSlices; }));
-  const auto elapsed = Clock::now() - start;
-  const std::vector<std::string> texts = calls.texts();
+  for (size_t slice = 0; slice < kSlices; ++slice) {
+    EXPECT_EQ(calls.texts().size(), 2 * slice);
+    clock.advance(std::chrono::microseconds(33333));
+    ASSERT_TRUE(waitFor([&] { return calls.texts().size() >= 2 * slice + 2; }));
+  }
   EXPECT_EQ(calls.allocations(), 0U);
-  EXPECT_THAT(texts, Each(testing::AnyOf("ioctl FIONREAD", "select 0.033333")));
-  const auto ioctls = std::count(texts.begin(), texts.end(), "ioctl FIONREAD");
-  const auto selects = std::count(texts.begin(), texts.end(), "select 0.033333");
-  EXPECT_LE(std::abs(ioctls - selects), 1);
-  // Between the starts of nine waits lie eight whole ones; a little less, since clocks differ.
-  EXPECT_GE(elapsed, std::chrono::milliseconds(30) * (kSlices - 1));
+  std::vector<std::string> expected;
+  for (size_t slice = 0; slice < kSlices; ++slice) {
+    expected.insert(expected.end(), {"ioctl FIONREAD", "select 0.033333"});
+  }
+  EXPECT_EQ(calls.texts(), expected);
+  const SkippedWaits skipped(clock);
   EXPECT_TRUE(channel->close());
 }
 
@@ -267,13 +268,14 @@ TEST(ZPIActiveChannelSocketTest, MemoryThatRunsOutIsAFailedRead) {
                             std::to_string(ENOMEM) + ")";
   for (const size_t goodAllocations : {1U, 2U}) {
     TransportPeer peer(TransportPeer::Kind::kUnix);
+    TestClock clock;
     const ZPKDataChannelPtr transport = peer.makeChannel();
     const ZPKDataChannelPtr channel = createActiveChannel(transport);
     ASSERT_TRUE(peer.open(channel));
     const LogCapture log;
     {
+      ASSERT_TRUE(waitFor([&] { return clock.waits() == 1; }));
       SystemCalls calls(SystemCalls::Threads::kAll);
-      ASSERT_TRUE(waitFor([&] { return calls.count("select") > 1; }));
       const int line = peer.descriptor();
       calls.failAllocation(goodAllocations);
       const ssize_t sent = ::write(line, "x", 1);
@@ -289,6 +291,7 @@ TEST(ZPIActiveChannelSocketTest, MemoryThatRunsOutIsAFailedRead) {
     ASSERT_TRUE(peer.open(channel));
     peer.send("again");
     EXPECT_EQ(read(channel, kLong), "again");
+    const SkippedWaits skipped(clock);
     EXPECT_TRUE(channel->close());
   }
 }

@@ -19,6 +19,7 @@
 #include "Support/EventWait.h"
 #include "Support/LogCapture.h"
 #include "Support/ProcessStatus.h"
+#include "Support/TestClock.h"
 #include "Support/WaitingChannel.h"
 
 using namespace support;
@@ -48,6 +49,7 @@ std::shared_ptr<ZPIActiveChannel> openOver(const ZPKDataChannelPtr& line, bool b
 
 // Waits without a pause between two looks: for what happens thousands of times.
 bool spinUntil(const std::function<bool()>& condition) {
+  const RealTime realTime;
   const Clock::time_point deadline = Clock::now() + kPatience;
   while (!condition()) {
     if (Clock::now() >= deadline) return false;
@@ -81,6 +83,8 @@ class MortalLine final : public ZPKDataChannel {
 // --- Letting go
 
 TEST(ZPIActiveChannelLifeTest, AnOpenChannelThatWasDroppedLivesOn) {
+  TestClock clock;
+  const SkippedWaits skipped(clock);
   const auto line = WaitingChannel::make();
   std::shared_ptr<ZPIActiveChannel> channel = openOver(line);
   const std::weak_ptr<ZPIActiveChannel> weak = channel;
@@ -319,9 +323,12 @@ bool readUntilItStops(const std::shared_ptr<ZPIActiveChannel>& channel) {
   }
 }
 
+// Without a pause between its slices, the thread is met at any instant.
 TEST(ZPIActiveChannelLifeTest, ACloseMeetsAReadThatWaitsForever) {
   const LogCapture log;
   const Clock::time_point deadline = Clock::now() + kLimit;
+  TestClock clock;
+  const SkippedWaits skipped(clock);
   const auto line = WaitingChannel::make();
   const auto channel = ZPIActiveChannel::initWithChannel(line, true);
   for (int round = 0; round < 100; ++round) {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <future>
 #include <limits>
@@ -12,6 +13,7 @@
 #include "Data Channel/ZPKDataChannelDecorators.h"
 #include "Support/ErrorExpectations.h"
 #include "Support/EventWait.h"
+#include "Support/TestClock.h"
 #include "Support/ThreadCalls.h"
 #include "Support/WaitingChannel.h"
 #include "Utility/ZPKMutableData.h"
@@ -53,7 +55,7 @@ std::optional<std::string> textOf(const ZPKDataPtr& data) {
 class ZPIActiveChannelTest : public testing::Test {
  protected:
   ~ZPIActiveChannelTest() override {
-    if (_channel != nullptr && _channel->isOpened()) _channel->close(nullptr);
+    if (_channel != nullptr && _channel->isOpened()) close();
   }
 
   void makeNeverOpened(bool bufferData = true) {
@@ -74,7 +76,13 @@ class ZPIActiveChannelTest : public testing::Test {
 
   void makeClosed(bool bufferData = true) {
     makeRunning(bufferData);
-    ASSERT_TRUE(_channel->close(nullptr));
+    ASSERT_TRUE(close());
+  }
+
+  // Does not wait for the end of the slice that the thread is in.
+  bool close(ZPKErrorPtr* error = nullptr) {
+    const SkippedWaits skipped(_clock);
+    return _channel->close(error);
   }
 
   // The error is stored a moment after the channel is seen to be closed.
@@ -174,6 +182,16 @@ class ZPIActiveChannelTest : public testing::Test {
     _line->setResetResult(true);
   }
 
+  // Each time that the clock moves by a slice, one more.
+  void expectReadsInSlices() {
+    for (size_t reads = 1; reads < 4; ++reads) {
+      ASSERT_TRUE(waitFor([&] { return _line->reads() == reads && _line->isBeingRead(); }));
+      _clock.advance(std::chrono::nanoseconds(33333334));
+    }
+    ASSERT_TRUE(waitFor([&] { return _line->reads() == 4; }));
+    EXPECT_THAT(_line->readTimeouts(), ElementsAre(kSlice));
+  }
+
   void expectOpens() {
     const LogCapture log;
     ZPKErrorPtr error = olderError();
@@ -211,6 +229,7 @@ class ZPIActiveChannelTest : public testing::Test {
     EXPECT_EQ(_line->count("close"), closes);
   }
 
+  TestClock _clock;
   std::shared_ptr<WaitingChannel> _line;
   std::shared_ptr<ZPIActiveChannel> _channel;
 };
@@ -282,8 +301,7 @@ TEST_F(ZPIActiveChannelTest, RunningItIsOpen) {
 
 TEST_F(ZPIActiveChannelTest, RunningItReadsBelowInSlicesWithoutBeingAsked) {
   makeRunning();
-  EXPECT_TRUE(waitFor([&] { return _line->reads() >= 3; }));
-  EXPECT_THAT(_line->readTimeouts(), ElementsAre(kSlice));
+  expectReadsInSlices();
 }
 
 TEST_F(ZPIActiveChannelTest, RunningItPassesWrites) {
@@ -319,7 +337,7 @@ TEST_F(ZPIActiveChannelTest, RunningItClosesItsThreadAndThenBelow) {
   ASSERT_TRUE(waitFor([&] { return _line->isBeingRead(); }));
   const LogCapture log;
   ZPKErrorPtr error = olderError();
-  EXPECT_TRUE(_channel->close(&error));
+  EXPECT_TRUE(close(&error));
   EXPECT_EQ(error, olderError());
   EXPECT_THAT(log.lines(), IsEmpty());
   EXPECT_FALSE(_channel->isOpened());
@@ -335,7 +353,7 @@ TEST_F(ZPIActiveChannelTest, TheResultOfTheCloseBelowIsTheResult) {
   _line->setCloseResult(false, deviceError());
   const LogCapture log;
   ZPKErrorPtr error = olderError();
-  EXPECT_FALSE(_channel->close(&error));
+  EXPECT_FALSE(close(&error));
   EXPECT_EQ(error, deviceError());
   EXPECT_THAT(log.lines(), IsEmpty());
   EXPECT_FALSE(_channel->isOpened());
@@ -373,7 +391,7 @@ TEST_F(ZPIActiveChannelTest, FailedWithoutAnErrorItCannotBeClosed) {
 TEST_F(ZPIActiveChannelTest, FailedItOpensAfreshAndForgetsTheError) {
   makeFailed();
   expectOpens();
-  EXPECT_TRUE(_channel->close(nullptr));
+  EXPECT_TRUE(close());
   expectCloseRefused();
 }
 
@@ -485,7 +503,7 @@ TEST_F(ZPIActiveChannelTest, ClosedItOpensWithANewQueueAndANewThread) {
   makeRunning();
   _line->deliver("of the last time");
   ASSERT_TRUE(_line->waitUntilAllIsHandedOn());
-  ASSERT_TRUE(_channel->close(nullptr));
+  ASSERT_TRUE(close());
   EXPECT_TRUE(_channel->reset(nullptr));
   ASSERT_TRUE(_channel->openWithTimeout(1.0, nullptr));
   EXPECT_EQ(textOf(_channel->readWithTimeout(kNow, nullptr)), "");
@@ -497,7 +515,7 @@ TEST_F(ZPIActiveChannelTest, ItOpensAndClosesManyTimes) {
   for (int round = 0; round < 50; ++round) {
     ASSERT_TRUE(_channel->openWithTimeout(1.0, nullptr));
     expectDelivers("round");
-    ASSERT_TRUE(_channel->close(nullptr));
+    ASSERT_TRUE(close());
   }
   EXPECT_EQ(_line->count("close"), 50U);
 }
@@ -528,7 +546,11 @@ TEST_F(ZPIActiveChannelTest, ATimeoutGivesEmptyDataAndIsNoFailure) {
   makeRunning();
   const LogCapture log;
   ZPKErrorPtr error = olderError();
-  EXPECT_EQ(textOf(_channel->readWithTimeout(0.02, &error)), "");
+  {
+    const SkippedWaits skipped(_clock);
+    EXPECT_EQ(textOf(_channel->readWithTimeout(2.5, &error)), "");
+  }
+  EXPECT_GE(_clock.passed(), std::chrono::milliseconds(2500));
   EXPECT_EQ(error, olderError());
   EXPECT_THAT(log.lines(), IsEmpty());
   EXPECT_TRUE(_channel->isOpened());
@@ -543,7 +565,7 @@ TEST_F(ZPIActiveChannelTest, AReadReturnsAsSoonAsThereIsAnyByte) {
     ASSERT_EQ(read.wait_for(kPatience), std::future_status::ready) << timeout;
     EXPECT_EQ(textOf(read.get()), "x") << timeout;
     EXPECT_EQ(error, olderError());
-    ASSERT_TRUE(_channel->close(nullptr));
+    ASSERT_TRUE(close());
   }
 }
 
@@ -596,7 +618,7 @@ TEST_F(ZPIActiveChannelTest, ACleanCloseWakesTheReadThatWaitsForeverWithNullAndN
   const LogCapture log;
   ZPKErrorPtr error = olderError();
   std::future<ZPKDataPtr> read = readForeverElsewhere(&error);
-  EXPECT_TRUE(_channel->close(nullptr));
+  EXPECT_TRUE(close());
   ASSERT_EQ(read.wait_for(kPatience), std::future_status::ready);
   EXPECT_EQ(read.get(), nullptr);
   EXPECT_EQ(error, nullptr);
@@ -607,7 +629,7 @@ TEST_F(ZPIActiveChannelTest, ACleanCloseStopsAReadWithTimeLeftWithNullAndNoError
   for (const int waitResult : {0, ETIMEDOUT}) {
     makeRunning();
     const ReplacedWaits wait([&] {
-      EXPECT_TRUE(_channel->close(nullptr));
+      EXPECT_TRUE(close());
       return waitResult;
     });
     const LogCapture log;
@@ -653,7 +675,7 @@ TEST_F(ZPIActiveChannelTest, OverAnOpenLineItRunsAtOnce) {
   expectOpenRefused();
   expectResetRefused();
   expectDelivers("at once");
-  EXPECT_TRUE(_channel->close(nullptr));
+  EXPECT_TRUE(close());
   EXPECT_FALSE(_line->isOpened());
   expectOpens();
 }
@@ -673,8 +695,7 @@ TEST_F(ZPIActiveChannelTest, TheNullFormRefusesToTalkInEveryState) {
 
 TEST_F(ZPIActiveChannelTest, TheNullFormReadsBelowAllTheSame) {
   makeRunning(false);
-  EXPECT_THAT(waitFor([&] { return _line->reads() >= 3; }), true);
-  EXPECT_THAT(_line->readTimeouts(), ElementsAre(kSlice));
+  expectReadsInSlices();
   expectDelivers("dropped", false);
 }
 
@@ -687,7 +708,7 @@ TEST_F(ZPIActiveChannelTest, TheNullFormOpensClosesAndResetsAsTheOther) {
   EXPECT_TRUE(_channel->isOpened());
   expectOpenRefused();
   expectResetRefused();
-  EXPECT_TRUE(_channel->close(nullptr));
+  EXPECT_TRUE(close());
   EXPECT_FALSE(_line->isOpened());
   expectCloseRefused();
 }
@@ -785,7 +806,7 @@ TEST_F(ZPIActiveChannelTest, WithoutAThreadItFailsToOpenAndClosesBelow) {
   expectTalkRefusedAsClosed();
   expectResetForwarded();
   const LogCapture log;
-  EXPECT_FALSE(_channel->close(&error));
+  EXPECT_FALSE(close(&error));
   EXPECT_EQ(error->code(), 2);
   EXPECT_EQ(error->description(), "Failed to start thread");
   EXPECT_THAT(log.lines(), IsEmpty());
@@ -799,7 +820,7 @@ TEST_F(ZPIActiveChannelTest, WithoutAThreadItOpensAfreshOnceThereIsOne) {
     EXPECT_FALSE(_channel->openWithTimeout(1.0, nullptr));
   }
   expectOpens();
-  EXPECT_TRUE(_channel->close(nullptr));
+  EXPECT_TRUE(close());
   expectCloseRefused();
 }
 
@@ -815,7 +836,7 @@ TEST_F(ZPIActiveChannelTest, WithoutAThreadAnOpenLineStaysOpen) {
   EXPECT_TRUE(_line->isOpened());
   expectTalkRefusedAsClosed();
   ZPKErrorPtr error;
-  EXPECT_FALSE(_channel->close(&error));
+  EXPECT_FALSE(close(&error));
   EXPECT_EQ(error->code(), 2);
   EXPECT_EQ(error->description(), "Failed to start thread");
   _channel = ZPIActiveChannel::initWithChannel(_line, true);

@@ -5,14 +5,18 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
+#include <future>
 
 #include "Data Channel Internal/ZPIInterCharacterDelayChannel.h"
 #include "Support/Chunks.h"
 #include "Support/ErrorExpectations.h"
 #include "Support/Errors.h"
+#include "Support/EventWait.h"
 #include "Support/ScriptedChannel.h"
 #include "Support/SystemCalls.h"
+#include "Support/TestClock.h"
 
 using namespace support;
 
@@ -152,6 +156,22 @@ TEST_F(DelayOverASocketTest, WhenAByteFailsThoseBeforeItHaveGoneOutAndNoneAfterI
   EXPECT_EQ(calls.count("usleep"), 2U);
   EXPECT_EQ(received(), "a");
   EXPECT_TRUE(channel->isOpened());
+}
+
+TEST_F(DelayOverASocketTest, EachByteComesItsDelayAfterTheOneBefore) {
+  TestClock clock;
+  std::future<bool> written =
+      std::async(std::launch::async, [this] { return channel->write(dataOf("ab"), nullptr); });
+  ASSERT_TRUE(waitFor([&] { return clock.waits() == 1; }));
+  EXPECT_EQ(received(), "");
+  clock.advance(std::chrono::microseconds(700));
+  ASSERT_TRUE(waitUntilReadable(ends[1]));
+  EXPECT_EQ(received(), "a");
+  ASSERT_TRUE(waitFor([&] { return clock.waits() == 1; }));
+  clock.advance(std::chrono::microseconds(700));
+  ASSERT_EQ(written.wait_for(kPatience), std::future_status::ready);
+  EXPECT_TRUE(written.get());
+  EXPECT_EQ(received(), "b");
 }
 
 TEST_F(DelayOverASocketTest, ARealPauseLetsTheBytesThrough) {

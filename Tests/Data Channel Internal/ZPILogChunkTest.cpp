@@ -3,6 +3,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <future>
 #include <optional>
@@ -11,8 +12,8 @@
 #include <string_view>
 
 #include "Data Channel Internal/ZPILogChunk.h"
-#include "Support/EventWait.h"
 #include "Support/ProcessorTime.h"
+#include "Support/TestClock.h"
 #include "Utility/ZPKData.h"
 #include "Utility/ZPKDataConversionFunctions.h"
 
@@ -159,20 +160,14 @@ class TimeZone {
   std::optional<std::string> _before;
 };
 
-int64_t millisecondsNow() {
-  timespec now{};
-  ::clock_gettime(CLOCK_REALTIME, &now);
-  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+// 2024-05-01 at noon, and so many microseconds.
+std::chrono::system_clock::time_point noonAnd(int64_t microseconds) {
+  constexpr std::chrono::seconds kNoon{1714564800};
+  return std::chrono::system_clock::time_point(kNoon + std::chrono::microseconds(microseconds));
 }
 
-// The time that a prefix tells, read as UTC.
-int64_t millisecondsOf(const std::string& prefix) {
-  tm time{};
-  const char* rest = ::strptime(prefix.c_str(), "\n%Y-%m-%d %H:%M:%S.", &time);
-  EXPECT_NE(rest, nullptr) << prefix;
-  if (rest == nullptr) return 0;
-  return int64_t{::timegm(&time)} * 1000 + std::stoi(std::string(rest, 3));
-}
+// The time that a prefix tells.
+std::string timeOf(const std::string& prefix) { return prefix.substr(1, 23); }
 
 TEST(ZPILogPrefixTest, HasTheFormOfTheLog) {
   EXPECT_THAT(ZPILogPrefix("pre--write"),
@@ -188,39 +183,36 @@ TEST(ZPILogPrefixTest, TakesTheIdentifierAsItIs) {
   }
 }
 
-// Goes on until a moment came whose milliseconds begin with a zero.
-TEST(ZPILogPrefixTest, TellsThePresentTimeInMilliseconds) {
+TEST(ZPILogPrefixTest, TellsThePresentTimeInWholeMilliseconds) {
   const TimeZone zone("UTC0");
-  EXPECT_TRUE(waitFor([] {
-    const int64_t before = millisecondsNow();
-    const std::string prefix = ZPILogPrefix("id");
-    const int64_t told = millisecondsOf(prefix);
-    EXPECT_LE(before, told);
-    EXPECT_LE(told, millisecondsNow());
-    return prefix[21] == '0' || testing::Test::HasFailure();
-  }));
+  TestClock clock;
+  clock.setWallTime(noonAnd(45999));
+  EXPECT_EQ(timeOf(ZPILogPrefix("id")), "2024-05-01 12:00:00.045");
+  clock.advance(std::chrono::microseconds(1));
+  EXPECT_EQ(timeOf(ZPILogPrefix("id")), "2024-05-01 12:00:00.046");
+  clock.advance(std::chrono::hours(12));
+  EXPECT_EQ(timeOf(ZPILogPrefix("id")), "2024-05-02 00:00:00.046");
 }
 
 TEST(ZPILogPrefixTest, TellsTheLocalTime) {
   const TimeZone zone("AAA-05:30");
-  constexpr int64_t kAhead = (5 * 60 + 30) * 60 * 1000;
+  TestClock clock;
+  clock.setWallTime(noonAnd(1000));
   // A thread of its own, whose last second is not from another zone.
   std::async(std::launch::async, [] {
-    const int64_t before = millisecondsNow();
-    const int64_t told = millisecondsOf(ZPILogPrefix("id")) - kAhead;
-    EXPECT_LE(before, told);
-    EXPECT_LE(told, millisecondsNow());
+    EXPECT_EQ(timeOf(ZPILogPrefix("id")), "2024-05-01 17:30:00.001");
   }).get();
 }
 
 TEST(ZPILogPrefixTest, AChangedTimeZoneShowsWithTheNextSecond) {
   TimeZone zone("UTC0");
-  EXPECT_TRUE(
-      waitFor([] { return millisecondsOf(ZPILogPrefix("id")) >= millisecondsNow() - 60000; }));
+  TestClock clock;
+  clock.setWallTime(noonAnd(10999000));
+  EXPECT_EQ(timeOf(ZPILogPrefix("id")), "2024-05-01 12:00:10.999");
   zone.set("AAA-9");
-  constexpr int64_t kAhead = 9 * 60 * 60 * 1000;
-  EXPECT_TRUE(waitFor(
-      [] { return millisecondsOf(ZPILogPrefix("id")) >= millisecondsNow() + kAhead - 60000; }));
+  EXPECT_EQ(timeOf(ZPILogPrefix("id")), "2024-05-01 12:00:10.999");
+  clock.advance(std::chrono::milliseconds(1));
+  EXPECT_EQ(timeOf(ZPILogPrefix("id")), "2024-05-01 21:00:11.000");
 }
 
 TEST(ZPILogPrefixTest, NeverGoesBackWithinOneThread) {

@@ -12,6 +12,7 @@
 
 #include "Data Channel Internal/databufferchannel_t.h"
 #include "Support/EventWait.h"
+#include "Support/TestClock.h"
 #include "Support/ThreadCalls.h"
 
 using namespace support;
@@ -89,11 +90,30 @@ TEST(DataBufferChannelTest, WhatWasSentInPiecesComesAsOneStream) {
 }
 
 TEST(DataBufferChannelTest, APositiveTimeoutLastsItsTimeAndThenTimesOut) {
+  TestClock clock;
+  const SkippedWaits skipped(clock);
   Queue queue;
-  const Clock::time_point start = Clock::now();
-  EXPECT_EQ(receive(&queue, 0.05), (Received{false, ETIMEDOUT, ""}));
-  // Less a little, since the wait goes by the wall clock, which may be slewed.
-  EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(45));
+  EXPECT_EQ(receive(&queue, 2.5), (Received{false, ETIMEDOUT, ""}));
+  EXPECT_EQ(clock.passed(), std::chrono::milliseconds(2500));
+}
+
+TEST(DataBufferChannelTest, ARealTimeoutComesNoEarlierThanItsTime) {
+  Queue queue;
+  const auto start = std::chrono::system_clock::now();
+  EXPECT_EQ(receive(&queue, 0.02), (Received{false, ETIMEDOUT, ""}));
+  // Less a microsecond, in which that clock counts where the queue asks it.
+  EXPECT_GE(std::chrono::system_clock::now() - start, std::chrono::microseconds(19999));
+}
+
+TEST(DataBufferChannelTest, BytesAreTakenInTheLastInstantOfAWait) {
+  TestClock clock;
+  Queue queue;
+  std::future<Received> received = receiveElsewhere(&queue, 2.0);
+  ASSERT_TRUE(waitFor([&] { return clock.waits() > 0; }));
+  clock.advance(std::chrono::milliseconds(1999));
+  send(&queue, "first");
+  ASSERT_EQ(received.wait_for(kPatience), std::future_status::ready);
+  EXPECT_EQ(received.get(), (Received{true, 0, "first"}));
 }
 
 TEST(DataBufferChannelTest, AWaitEndsWithTheFirstBytes) {

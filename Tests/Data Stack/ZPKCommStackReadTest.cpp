@@ -8,6 +8,7 @@
 #include "Data Channel/ZPKDataChannelDecorators.h"
 #include "Data Stack/ZPKCommStack.h"
 #include "Support/ScriptedStack.h"
+#include "Support/TestClock.h"
 #include "Support/TransportPeer.h"
 #include "ZephalLogging.h"
 
@@ -329,11 +330,19 @@ TEST_F(ZPKCommStackReadTest, ATimeoutComesNoEarlierThanItsTime) {
   const ScriptedStack made;
   const auto start = std::chrono::system_clock::now();
   ZPKErrorPtr error;
-  EXPECT_EQ(made->readDataWithTimeout(0.05, nullptr, &error), nullptr);
+  EXPECT_EQ(made->readDataWithTimeout(0.02, nullptr, &error), nullptr);
   const auto passed = std::chrono::system_clock::now() - start;
   EXPECT_EQ(codeOf(error), 305);
-  EXPECT_GE(passed, std::chrono::milliseconds(50));
+  EXPECT_GE(passed, std::chrono::milliseconds(20));
   EXPECT_LT(passed, std::chrono::minutes(1));
+}
+
+TEST_F(ZPKCommStackReadTest, ATimeoutIsOverAsSoonAsItsTimeIs) {
+  TestClock clock;
+  const ScriptedStack made;
+  made.base->setOnRead([&clock](double) { clock.advance(std::chrono::milliseconds(500)); });
+  EXPECT_EQ(made->readDataWithTimeout(2, nullptr), nullptr);
+  EXPECT_EQ(clock.passed(), std::chrono::seconds(2));
 }
 
 TEST_F(ZPKCommStackReadTest, ATimeoutNamesTheCallersNumberAsItIs) {

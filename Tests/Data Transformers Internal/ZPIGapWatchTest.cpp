@@ -1,24 +1,26 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
 #include <limits>
 #include <vector>
 
 #include "Data Transformers Internal/ZPIGapWatch.h"
+#include "Support/TestClock.h"
+
+using namespace support;
 
 namespace {
 
 using testing::ElementsAre;
 
-// A watch on a clock that stands still until it is set.
 class WatchAtWill {
  public:
-  explicit WatchAtWill(double timeout)
-      : _watch(
-            timeout, [this] { _firings.push_back(_now); }, [this] { return timePoint(); }) {}
+  explicit WatchAtWill(double timeout) : _watch(timeout, [this] { _firings.push_back(_now); }) {}
 
   void callAt(double seconds) {
+    _clock.advance(nanoseconds(seconds) - _clock.passed());
     _now = seconds;
     _watch.noteCall();
   }
@@ -27,12 +29,12 @@ class WatchAtWill {
   const std::vector<double>& firings() const { return _firings; }
 
  private:
-  ZPIGapWatch::TimePoint timePoint() const {
-    const std::chrono::duration<double> time(1000.0 + _now);
-    return ZPIGapWatch::TimePoint(
-        std::chrono::duration_cast<ZPIGapWatch::TimePoint::duration>(time));
+  static std::chrono::nanoseconds nanoseconds(double seconds) {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+        std::chrono::duration<double>(seconds));
   }
 
+  TestClock _clock;
   double _now = 0;
   std::vector<double> _firings;
   ZPIGapWatch _watch;
@@ -80,22 +82,28 @@ TEST(ZPIGapWatchTest, AnInfiniteTimeoutNeverFires) {
 }
 
 TEST(ZPIGapWatchTest, TheGapIsOverWhenTheCallbackRuns) {
-  int depth = 0;
+  TestClock clock;
   int firings = 0;
   ZPIGapWatch* inner = nullptr;
-  ZPIGapWatch::TimePoint now{};
-  ZPIGapWatch watch(
-      1.0,
-      [&] {
-        ++firings;
-        if (++depth == 1) inner->noteCall();
-      },
-      [&] { return now; });
+  ZPIGapWatch watch(1.0, [&] {
+    if (++firings == 1) inner->noteCall();
+  });
   inner = &watch;
   watch.noteCall();
-  now += std::chrono::seconds(2);
+  clock.advance(std::chrono::seconds(2));
   watch.noteCall();
   EXPECT_EQ(firings, 1);
+}
+
+// A user who sets the time of the machine back, or ahead, ends no gap by it.
+TEST(ZPIGapWatchTest, TheWallClockIsNoConcernOfIt) {
+  TestClock clock;
+  int firings = 0;
+  ZPIGapWatch watch(1.0, [&firings] { ++firings; });
+  watch.noteCall();
+  clock.setWallTime(std::chrono::system_clock::now() + std::chrono::hours(1));
+  watch.noteCall();
+  EXPECT_EQ(firings, 0);
 }
 
 }  // namespace

@@ -4,13 +4,29 @@
 
 #include <thread>
 
+#include "Support/TestClock.h"
+
 namespace support {
 
+namespace {
+
+std::chrono::steady_clock::time_point now() {
+  const RealTime realTime;
+  return std::chrono::steady_clock::now();
+}
+
+void pause() {
+  const RealTime realTime;
+  std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+}  // namespace
+
 bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
+  const auto deadline = now() + limit;
   while (!condition()) {
-    if (std::chrono::steady_clock::now() >= deadline) return condition();
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (now() >= deadline) return condition();
+    pause();
   }
   return true;
 }

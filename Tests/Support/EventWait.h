@@ -10,7 +10,8 @@ namespace support {
 /// enough for a loaded machine under a sanitizer.
 inline constexpr std::chrono::seconds kPatience{30};
 
-/// Waits until `condition` holds; false if it still does not when the time is up.
+/// Waits until `condition` holds; false if it still does not when the time is up. The limit is one
+/// of the real time, also where a TestClock stands still.
 bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit = kPatience);
 
 /// Waits until `descriptor` can be read, or its peer has gone; false when the time is up.

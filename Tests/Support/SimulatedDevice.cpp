@@ -23,6 +23,7 @@
 
 #include "Support/CheckedCalls.h"
 #include "Support/SystemCalls.h"
+#include "Support/TestClock.h"
 
 namespace support {
 
@@ -213,6 +214,7 @@ void SimulatedDevice::liftExclusiveHold() {
 
 void SimulatedDevice::run() {
   SystemCalls::exemptThisThread();
+  const RealTime realTime;
   // Signals that a test sends are for the code under test.
   sigset_t all;
   sigfillset(&all);
@@ -378,6 +380,7 @@ SimulatedDevice::Step SimulatedDevice::endingStep(Ending ending) {
 }
 
 void SimulatedDevice::addStep(Step step) {
+  const RealTime realTime;
   if (_steps.empty()) _stepStart = Clock::now();
   _steps.push_back(std::move(step));
 }
@@ -389,6 +392,7 @@ void SimulatedDevice::wake() const {
 }
 
 bool SimulatedDevice::waitOn(const std::function<bool()>& condition) const {
+  const RealTime realTime;
   std::unique_lock lock(_mutex);
   return _changed.wait_for(lock, kPatience, condition);
 }

@@ -27,6 +27,7 @@
 #include <thread>
 
 #include "Support/TerminalState.h"
+#include "Support/TestClock.h"
 
 namespace support {
 
@@ -41,7 +42,6 @@ namespace support {
 
 // The linker's names for the calls themselves.
 extern "C" {
-int __real_select(int, fd_set*, fd_set*, fd_set*, timeval*);
 ssize_t __real_read(int, void*, size_t);
 ssize_t __real_write(int, const void*, size_t);
 ssize_t __real_writev(int, const iovec*, int);
@@ -63,7 +63,6 @@ int __real_accept4(int, sockaddr*, socklen_t*, int);
 int __real_shutdown(int, int);
 int __real_lstat(const char*, struct stat*);
 int __real_unlink(const char*);
-int __real_usleep(useconds_t);
 void* __real_malloc(size_t);
 void* __real_calloc(size_t, size_t);
 void* __real_realloc(void*, size_t);
@@ -458,7 +457,7 @@ extern "C" {
 
 int __wrap_select(int count, fd_set* readable, fd_set* writable, fd_set* odd, timeval* time) {
   return intercept([&] { return detailed("select", timeText(time), -1, count); }, count,
-                   [&](int64_t) { return __real_select(count, readable, writable, odd, time); });
+                   [&](int64_t) { return selectByClock(count, readable, writable, odd, time); });
 }
 
 ssize_t __wrap_read(int descriptor, void* buffer, size_t count) {
@@ -626,7 +625,7 @@ int __wrap_unlink(const char* path) {
 
 int __wrap_usleep(useconds_t time) {
   return intercept([&] { return detailed("usleep", std::to_string(time), -1); }, 0,
-                   [&](int64_t) { return __real_usleep(time); });
+                   [&](int64_t) { return usleepByClock(time); });
 }
 
 void* __wrap_malloc(size_t size) {

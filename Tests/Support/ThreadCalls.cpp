@@ -4,13 +4,14 @@
 #include <cerrno>
 #include <utility>
 
+#include "Support/TestClock.h"
+
 namespace support {
 
 // The linker's names for the calls themselves.
 extern "C" {
 int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 int __real_pthread_cond_wait(pthread_cond_t*, pthread_mutex_t*);
-int __real_pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec*);
 }
 
 namespace {
@@ -61,7 +62,7 @@ int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mu
                                   const timespec* deadline) {
   if (replacedWait) return waitReplaced(mutex);
   ++limitedWaitCount;
-  return __real_pthread_cond_timedwait(condition, mutex, deadline);
+  return timedWaitByClock(condition, mutex, deadline);
 }
 
 }  // extern "C"

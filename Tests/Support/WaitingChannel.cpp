@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "Support/EventWait.h"
+#include "Support/TestClock.h"
 
 namespace support {
 
@@ -84,6 +85,7 @@ bool WaitingChannel::isBeingRead() const {
 }
 
 bool WaitingChannel::waitUntilAllIsHandedOn() const {
+  const RealTime realTime;
   std::unique_lock lock(_mutex);
   return _changed.wait_until(lock, std::chrono::system_clock::now() + kPatience,
                              [this] { return _steps.empty() && _isBeingRead; });

@@ -2,11 +2,11 @@
 
 #include <utility>
 
-ZPIGapWatch::ZPIGapWatch(double timeout, std::function<void()> blk, Clock clock)
-    : _timeout(timeout), _blk(std::move(blk)), _clock(std::move(clock)) {}
+ZPIGapWatch::ZPIGapWatch(double timeout, std::function<void()> blk)
+    : _timeout(timeout), _blk(std::move(blk)) {}
 
 void ZPIGapWatch::noteCall() {
-  const TimePoint now = _clock();
+  const auto now = std::chrono::steady_clock::now();
   const std::chrono::duration<double> elapsed = now - _lastTime.value_or(now);
   if (elapsed.count() >= _timeout) {
     _lastTime.reset();

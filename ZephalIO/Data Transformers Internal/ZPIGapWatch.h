@@ -8,13 +8,9 @@
 /// is no timer: nothing happens during a gap. No lock.
 class ZPIGapWatch final {
  public:
-  using TimePoint = std::chrono::steady_clock::time_point;
-  using Clock = std::function<TimePoint()>;
-
   /// `blk` runs at the end of every gap of `timeout` seconds or more; for a timeout that is not a
   /// number, never.
-  ZPIGapWatch(double timeout, std::function<void()> blk,
-              Clock clock = std::chrono::steady_clock::now);
+  ZPIGapWatch(double timeout, std::function<void()> blk);
 
   /// One call. The first never ends a gap, and neither does the first one after a gap: what is
   /// measured begins there.
@@ -23,6 +19,5 @@ class ZPIGapWatch final {
  private:
   const double _timeout;
   const std::function<void()> _blk;
-  const Clock _clock;
-  std::optional<TimePoint> _lastTime;
+  std::optional<std::chrono::steady_clock::time_point> _lastTime;
 };
