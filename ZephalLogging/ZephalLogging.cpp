@@ -10,8 +10,9 @@ using Sink = std::function<void(int, std::string_view)>;
 
 namespace {
 
-// Lets the calling thread write to a pipe or a socket without a reader and get EPIPE alone: whoever
-// stops listening to the log must not end the process. A SIGPIPE that was waiting before stays.
+// Lets the calling thread write to a pipe or a socket without a reader and get only EPIPE, not the
+// signal: the process must not end because nobody reads its log any more. A SIGPIPE that was
+// pending before stays pending.
 class WithoutSigpipe {
  public:
   WithoutSigpipe() : _wasPending(isPending()) {
@@ -21,7 +22,7 @@ class WithoutSigpipe {
   WithoutSigpipe& operator=(const WithoutSigpipe&) = delete;
   ~WithoutSigpipe() { ::pthread_sigmask(SIG_SETMASK, &_before, nullptr); }
 
-  // To be called after a write that failed with EPIPE, and so has raised the signal.
+  // Call after a write that failed with EPIPE and so raised the signal.
   void discardSignal() const {
     int taken = 0;
     if (!_wasPending && isPending()) ::sigwait(&sigpipe(), &taken);
@@ -64,16 +65,16 @@ class ZPKLogAnchor {
   }
 
  private:
-  // Whether there is a sink.
+  // Returns whether there is a sink.
   bool writeToSink(int level, std::string_view line) {
-    std::shared_ptr<const Sink> sink;  // held here, since a sink may replace itself while it runs
+    std::shared_ptr<const Sink> sink;  // keeps alive a sink that replaces itself while it runs
     const std::lock_guard guard(_sinkMutex);
     sink = _sink;
     if (sink != nullptr) (*sink)(level, line);
     return sink != nullptr;
   }
 
-  // One write per line, so that lines of several threads or processes do not cut into each other.
+  // One write per line, so that the lines of several threads or processes do not mix.
   void writeToStandardError(std::string line) {
     if (!line.ends_with('\n')) line.push_back('\n');
     const std::lock_guard guard(_standardErrorMutex);
@@ -91,8 +92,8 @@ class ZPKLogAnchor {
   // Held while a sink runs. Recursive: a sink may itself log or change the sink.
   std::recursive_mutex _sinkMutex;
   std::shared_ptr<const Sink> _sink;  // null for standard error
-  // Apart from the other: a standard error that nobody drains stops those who write to it, and must
-  // not stop who sends the lines elsewhere.
+  // A mutex of its own: a standard error that nobody drains blocks the threads that write to it,
+  // and must not block the threads that log to a sink or set one.
   std::mutex _standardErrorMutex;
 };
 
@@ -129,8 +130,8 @@ std::string ZPKLoggingFormatArguments(const char* format,
       ++at;
       continue;
     }
-    const bool known = directive == '@' || directive == 's' || directive == 'd';
-    if (!known || next == arguments.size()) {
+    const bool isKnown = directive == '@' || directive == 's' || directive == 'd';
+    if (!isKnown || next == arguments.size()) {
       text.push_back('%');
       continue;
     }
@@ -143,7 +144,7 @@ std::string ZPKLoggingFormatArguments(const char* format,
 void ZPKLoggingLogArguments(const ZPKLogAnchorPtr& anchor, int level, const char* format,
                             std::span<const ZPKLogArgument> arguments) {
   if (anchor == nullptr) return;
-  const int savedErrno = errno;  // a log line must not disturb what its caller looks at next
+  const int savedErrno = errno;  // logging must not change the errno that its caller reads next
   anchor->write(level, ZPKLoggingFormatArguments(format, arguments));
   errno = savedErrno;
 }

@@ -1,12 +1,12 @@
-// ZephalLogging: where the lines of ZephalIO go.
+// ZephalLogging: where the log lines of ZephalIO go.
 //
 // A log site fetches the anchor and writes one line:
 //
 //     ZPKLoggingLog(ZPKLogGetAnchor(), 0, "Error opening %@ - %s(%d)", path, text, number);
 //
-// By default a line goes to standard error, and is lost without a word, and without a SIGPIPE, if
-// that takes it no more. A host program that has a logger of its own takes the lines over with
-// ZPKLoggingSetSink. Everything here may be called from any thread.
+// By default a line goes to standard error. If standard error no longer accepts it, the line is
+// lost, with no message and no SIGPIPE. A host program that has a logger of its own captures the
+// lines with ZPKLoggingSetSink. Everything here may be called from any thread.
 #pragma once
 
 #include <array>
@@ -33,14 +33,14 @@
 class ZPKLogAnchor;
 using ZPKLogAnchorPtr = std::shared_ptr<ZPKLogAnchor>;
 
-/// An object that a "%@" can show: it gives its usual text.
+/// An object that "%@" can show, by its debugDescription().
 template <class T>
 concept ZPKLogDescribable = requires(const T& object) {
   { object.debugDescription() } -> std::convertible_to<std::string>;
 };
 
-/// One argument of a format, made implicitly from what the call site has at hand. Text given as a
-/// `const char*` or a view is not copied; the argument lives no longer than the call.
+/// One argument of a format, converted implicitly from whatever the call site has at hand. Text
+/// passed as a `const char*` or a view is not copied, so an argument must not outlive the call.
 class ZPKLogArgument {
  public:
   ZPKLogArgument(std::nullptr_t) : _value(std::monostate{}) {}
@@ -73,24 +73,24 @@ class ZPKLogArgument {
     if (object != nullptr) _value = object->debugDescription();
   }
 
-  /// Adds this argument's text to `line`; a null object or string shows as "(null)".
+  /// Appends this argument's text to `line`; a null object or string shows as "(null)".
   ZPK_LOGGING_EXPORT void appendTo(std::string& line) const;
 
  private:
   std::variant<std::monostate, int64_t, uint64_t, std::string_view, std::string> _value;
 };
 
-/// The process's anchor. Call it afresh at every log site.
+/// The process's anchor. Call this anew at every log site.
 ZPK_LOGGING_EXPORT ZPKLogAnchorPtr ZPKLogGetAnchor();
 
 /// Formats `format` with the arguments. The directives are "%@" (an object), "%s" (text), "%d" (an
-/// integer) and "%%"; each takes the next argument and shows that argument's own text, so that a
-/// wrong pairing can neither crash nor print garbage. A directive without an argument, and any
-/// other percent sign, stands as it is written.
+/// integer) and "%%". Each of the first three uses the next argument and shows that argument's own
+/// text, so a wrong pairing can neither crash nor print garbage. A directive without an argument,
+/// and any other percent sign, is kept as written.
 ZPK_LOGGING_EXPORT std::string ZPKLoggingFormatArguments(const char* format,
                                                          std::span<const ZPKLogArgument> arguments);
 
-/// Writes one line. The worker behind ZPKLoggingLog.
+/// Writes one line; does the work of ZPKLoggingLog. A null anchor writes nothing.
 ZPK_LOGGING_EXPORT void ZPKLoggingLogArguments(const ZPKLogAnchorPtr& anchor, int level,
                                                const char* format,
                                                std::span<const ZPKLogArgument> arguments);
@@ -102,8 +102,8 @@ std::string ZPKLoggingFormat(const char* format, const Arguments&... arguments) 
   return ZPKLoggingFormatArguments(format, list);
 }
 
-/// Writes one line at `level`: 0 for failures, 1 for notices. Never fails; may be called from any
-/// thread, also from several at once.
+/// Writes one line at `level`: 0 for failures, 1 for notices. Never fails, and leaves errno as it
+/// was. May be called from any thread, also from several at the same time.
 template <class... Arguments>
 void ZPKLoggingLog(const ZPKLogAnchorPtr& anchor, int level, const char* format,
                    const Arguments&... arguments) {
@@ -112,13 +112,13 @@ void ZPKLoggingLog(const ZPKLogAnchorPtr& anchor, int level, const char* format,
 }
 
 /// Sends every later line to `sink` instead of standard error; an empty function restores the
-/// default. The line comes without a line feed of its own. The sink is called on the thread that
-/// logs, one call at a time. It may log itself, and may replace itself. A sink must not call
-/// ZephalIO, which may log while it holds a lock, and must not throw.
+/// default. No line feed is added to the line. The sink is called on the thread that logs, one call
+/// at a time. A sink may itself log, and may replace itself. It must not throw, and must not call
+/// ZephalIO, which may log while it holds a lock.
 ///
-/// ZPKLoggingSetSink waits until a call of the old sink that is under way has returned, except when
-/// the old sink makes it, and the old sink is not called any more once it has returned. It never
-/// waits for standard error: a line that was on its way there still goes there, whenever that
-/// takes it.
+/// ZPKLoggingSetSink waits until a running call of the old sink has returned, unless the old sink
+/// itself replaces it. After that the old sink is not called any more. ZPKLoggingSetSink never
+/// waits for standard error: a line that is already on its way there is still written there, as
+/// soon as standard error accepts it.
 ZPK_LOGGING_EXPORT void ZPKLoggingSetSink(
     std::function<void(int level, std::string_view line)> sink);

@@ -16,11 +16,11 @@
 
 namespace {
 
-// What is read when nothing waits yet: as much as a device can have sent by the time that the wait
-// is over, and little enough to come from the heap's fast path.
+// The read size if no bytes wait yet: as much as a device can have sent by the end of the wait, and
+// small enough for the heap's fast path.
 constexpr size_t kReadSize = 65536;
 
-// The longest finite wait; beyond it a timeval could overflow, and no process lives that long.
+// The longest finite wait: a longer one could overflow a timeval, and no process lives that long.
 constexpr double kLongestWait = 1.0e12;
 
 constexpr timeval kUnselectablePause{0, 100000};
@@ -41,8 +41,8 @@ int bytesWaiting(int descriptor) {
   return count;
 }
 
-// True once the descriptor can be read; false on a timeout. A failed select is reported and leaves
-// `hasFailed` set.
+// True as soon as the descriptor can be read; false on a timeout. If select fails, this reports it
+// and sets `hasFailed`.
 bool waitUntilReadable(int descriptor, double timeout, bool* hasFailed, ZPKErrorPtr* error) {
   fd_set set;
   FD_ZERO(&set);
@@ -65,12 +65,11 @@ bool waitUntilReadable(int descriptor, double timeout, bool* hasFailed, ZPKError
 
 using Use = ZPIHeldDescriptor::Use;
 
-// A buffer of malloc that nobody has taken over.
-struct Freed {
+struct FreeDeleter {
   void operator()(void* buffer) const { std::free(buffer); }
 };
 
-// Whether a descriptor was given up; one without a use, which is its caller's own, never is.
+// Whether the descriptor was given up. Without a use it belongs to the caller and never is.
 bool isGivenUp(const Use* use) { return use != nullptr && !use->isHeld(); }
 
 ZPKDataPtr reportFailedRead(int number, ZPKErrorPtr* error) {
@@ -97,8 +96,8 @@ ZPKDataPtr readFrom(int descriptor, const Use* use, double timeout, ZPKErrorPtr*
     if (isGivenUp(use)) return reportFailedRead(EBADF, error);
     if (!isReadable) return ZPKData::data();
   }
-  // Not zeroed: read overwrites what is handed on. A failed allocation shows as a failed read.
-  std::unique_ptr<void, Freed> buffer(std::malloc(size));
+  // Not zeroed: read overwrites the bytes that are returned. A failed allocation fails the read.
+  std::unique_ptr<void, FreeDeleter> buffer(std::malloc(size));
   const auto [count, number] = read_with_retry(descriptor, buffer.get(), size);
   if (count <= 0) return reportFailedRead(number, error);
   ZPKDataPtr data =
@@ -124,7 +123,7 @@ bool writeAll(const Use* use, const ZPKDataPtr& data, ZPKErrorPtr* error, WriteC
 }
 
 bool writeToAny(int descriptor, const Use* use, const ZPKDataPtr& data, ZPKErrorPtr* error) {
-  std::optional<ZPIWithoutSignalsOfWriting> signals;  // for what turns out to be no socket
+  std::optional<ZPIWithoutSignalsOfWriting> signals;  // set if this turns out not to be a socket
   return writeAll(use, data, error, [&](const uint8_t* bytes, size_t count) {
     if (!signals.has_value()) {
       const ssize_t sent = ::send(descriptor, bytes, count, MSG_NOSIGNAL);

@@ -1,4 +1,4 @@
-// The lowest layer: the only code that reads from and writes to the descriptor of a channel.
+// The lowest layer: the only code that reads from and writes to the file descriptor of a channel.
 #pragma once
 
 #include <sys/select.h>
@@ -16,44 +16,45 @@
 /// What a system call returned, and the errno straight after it.
 using ZPICallResult = std::pair<int64_t, int>;
 
-/// select(2) on a read set, again on EAGAIN and EINTR, with the same timeval. A null timeout waits
-/// without limit. A count beyond FD_SETSIZE is cut there, since the set holds no more; so on Linux,
-/// whose select counts the timeval down, a restarted wait lasts what remains.
+/// Calls select(2) on a read set, and again on EAGAIN and EINTR. A null timeout waits without
+/// limit. A restart passes the same timeval: Linux counts it down, so there the wait continues for
+/// the time that is left. `nfds` is limited to FD_SETSIZE, the size of the set.
 ZPICallResult select_with_retry(int nfds, fd_set* readSet, timeval* timeout);
 
-/// read(2), again on EAGAIN. EINTR is not restarted: the count is then 0.
+/// Calls read(2), and again on EAGAIN. EINTR does not restart it: the count is then 0.
 ZPICallResult read_with_retry(int descriptor, void* buffer, size_t count);
 
-/// One read of at most what was waiting at entry, or of 65536 bytes if nothing was, waiting for at
-/// most `timeout` seconds.
+/// Waits up to `timeout` seconds for bytes (select(2)) and reads one time (read(2)): at most as
+/// many bytes as were waiting at entry, or 65536 if there were none.
 ///
 /// - bytes arrived: non-empty data, which may be a ZPKMutableData;
-/// - the time ran out, or nothing waits under ZEPHAL_COMMUNICATION_TIME_NOW: empty data;
+/// - the timeout expired, or no bytes wait under ZEPHAL_COMMUNICATION_TIME_NOW: empty data;
 /// - select or read failed, read was interrupted, or end of file (errno 0): null, domain
 ///   "zephal-communication", code 5. The descriptor stays open.
 ///
-/// The slot is touched in the last case only. A descriptor of FD_SETSIZE or above cannot be waited
-/// for: the time passes and the result is empty data. With no limit to the time, that is a tenth of
-/// a second, so that a caller who asks again neither spins nor goes deaf.
+/// Only the last case touches the slot. select cannot wait for a descriptor of FD_SETSIZE or above:
+/// the timeout passes and the result is empty data. Without a time limit this takes a tenth of a
+/// second, so that a caller that loops neither spins nor blocks for ever.
 ZPKDataPtr zephal_communication_read(int descriptor, double timeout, ZPKErrorPtr* error);
 
-/// The same on a descriptor that may be given up meanwhile: what is given up when the wait is over
-/// is not read any more, which fails with EBADF.
+/// The same on a descriptor that may be given up in the meantime. If it has been by the end of the
+/// wait, it is not read, and the call fails with EBADF.
 ZPKDataPtr zephal_communication_read(const ZPIHeldDescriptor::Use& use, double timeout,
                                      ZPKErrorPtr* error);
 
-/// Writes all bytes, in as many calls as the system asks for. Empty and null data succeed with no
-/// system call. A call that writes nothing, EINTR and EAGAIN included, is a failure: false, domain
-/// "zephal-communication", code 5, and what went out before stays out. A peer that has gone gives
-/// EPIPE and no signal, whether the descriptor is a socket or a pipe.
+/// Writes all bytes (write(2), send(2)), in as many calls as the system needs. Empty and null data
+/// succeed without a system call. A call that writes nothing, EINTR and EAGAIN included, is a
+/// failure: false, domain "zephal-communication", code 5; the bytes that were written before it are
+/// sent. If the peer has gone away, the write fails with EPIPE and raises no signal, on a socket
+/// and on a pipe.
 bool zephal_communication_write(int descriptor, const ZPKDataPtr& data, ZPKErrorPtr* error);
 
-/// The same on a descriptor that may be given up meanwhile: what then remains stays unsent, which
-/// fails with EBADF.
+/// The same on a descriptor that may be given up in the meantime: the rest is then not sent, and
+/// the call fails with EBADF.
 bool zephal_communication_write(const ZPIHeldDescriptor::Use& use, const ZPKDataPtr& data,
                                 ZPKErrorPtr* error);
 
-/// As zephal_communication_write, for a descriptor that is known to be neither a socket nor a pipe.
+/// Like zephal_communication_write, for a descriptor that is known not to be a socket or a pipe.
 bool zephal_communication_write_no_socket(int descriptor, const ZPKDataPtr& data,
                                           ZPKErrorPtr* error);
 bool zephal_communication_write_no_socket(const ZPIHeldDescriptor::Use& use, const ZPKDataPtr& data,
@@ -62,24 +63,23 @@ bool zephal_communication_write_no_socket(const ZPIHeldDescriptor::Use& use, con
 /// The state machine of a channel over one descriptor, closed (-1) or open.
 ///
 /// `Policy` holds what an endpoint needs for opening and provides
-///   bool acquire(int* descriptor, ZPKErrorPtr* error): opens; may leave a descriptor behind when
-///     it fails, which is then closed here;
+///   bool acquire(int* descriptor, ZPKErrorPtr* error): opens; if it fails, it may leave a
+///     descriptor, which is then closed here;
 ///   bool close(int descriptor, ZPKErrorPtr* error): closes;
 ///   static constexpr bool kIsSocket: whether its descriptors can be sockets.
 ///
-/// One thread may read while another writes, and a third may close beside both; open must not run
-/// beside any of them. A failed read closes the descriptor, a failed write does not, and neither
-/// does the destructor.
+/// One thread may read while another writes, and a third may close at the same time; open must not
+/// run at the same time as any of them. A failed read closes the descriptor. A failed write does
+/// not, and neither does the destructor.
 ///
-/// Whoever closes while others are in a call on the descriptor gives it up: the state is closed at
-/// once, a socket is shut down, so that they come out, and the last of them calls the policy's
-/// close. Until then the number stays taken, so nothing that they still do can reach another file.
-/// There is no lock; see ZPIHeldDescriptor.
+/// A close during other threads' calls on the descriptor gives it up: the state becomes closed
+/// immediately, a socket is shut down so that those calls return, and the last of them calls the
+/// policy's close. The number stays in use until then, so those calls cannot reach a different
+/// file. There is no lock; see ZPIHeldDescriptor.
 template <class Policy>
 class ZPIFileDescriptorCommunication {
  public:
-  /// Begins with `descriptor`: -1 for closed, one of 0 or above for a descriptor that is taken
-  /// over.
+  /// Starts closed for a `descriptor` of -1; otherwise starts open and takes over `descriptor`.
   ZPIFileDescriptorCommunication(int descriptor, Policy initialPolicy)
       : fd(descriptor),
         policy(std::move(initialPolicy)),
@@ -88,7 +88,8 @@ class ZPIFileDescriptorCommunication {
 
   bool isOpen() const { return fd.isHeld(); }
 
-  /// Opens. The timeout is ignored: an endpoint opens in its own time.
+  /// Opens. The timeout is ignored: opening takes as long as it takes. Fails with domain
+  /// "zephal-communication", code 1 if it is open, or with the error of the policy.
   bool openWithTimeout(double /*timeout*/, ZPKErrorPtr* error) {
     if (isOpen()) {
       ZPKReportFailure(error, kZPICommunicationDomain, 1, {"openWithTimeout"},
@@ -98,37 +99,39 @@ class ZPIFileDescriptorCommunication {
     int32_t descriptor = -1;
     const bool isAcquired = policy.acquire(&descriptor, error);
     if (!isAcquired && descriptor >= 0) {
-      policy.close(descriptor, nullptr);  // no slot: the error of the failed step stands
+      policy.close(descriptor, nullptr);  // no slot: keep the error of the step that failed
       descriptor = -1;
     }
     fd.hold(descriptor);
     return isAcquired;
   }
 
-  /// Closes. The state is closed afterwards even if the system's close fails. True, whatever comes
-  /// of the system's close, if that is left to somebody who is in a call; a failure is then logged.
+  /// Closes. The state is closed afterwards even if the system's close fails. If a thread that is
+  /// still in a call is left to do the system's close, the result is true, and a failure of that
+  /// close is only logged. Fails with code 2 if it is closed already.
   bool close(ZPKErrorPtr* error) {
-    Turn turn(this);
-    return turn.giveUp(error);
+    ScopedUse scope(this);
+    return scope.giveUp(error);
   }
 
-  /// Reads as zephal_communication_read does, and closes the descriptor when that fails.
+  /// Reads like zephal_communication_read, and closes the descriptor if that fails. Fails with code
+  /// 2 if it is closed and with code 3 for a timeout that is negative or not a number.
   ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) {
-    Turn turn(this);
-    if (!turn.use) {
+    ScopedUse scope(this);
+    if (!scope.use) {
       ZPKReportFailure(error, kZPICommunicationDomain, 2, {"readWithTimeout"},
                        "Cannot communicate with closed devices");
       return nullptr;
     }
-    // Written so that not-a-number is refused too.
+    // Written so that not-a-number is rejected too.
     if (!(timeout >= 0.0) && timeout != time_forever && timeout != time_now) {
       ZPKReportFailure(error, kZPICommunicationDomain, 3, {"readWithTimeout"},
                        "time out has an invalid value");
       return nullptr;
     }
-    ZPKDataPtr data = zephal_communication_read(turn.use, timeout, error);
+    ZPKDataPtr data = zephal_communication_read(scope.use, timeout, error);
     if (data != nullptr) return data;
-    turn.giveUp(error);
+    scope.giveUp(error);
     if (timeout == time_forever) {
       ZPKReportFailure(error, kZPICommunicationDomain, 5, {"readWithTimeout"},
                        "Client disconnected");
@@ -136,32 +139,33 @@ class ZPIFileDescriptorCommunication {
     return nullptr;
   }
 
-  /// Writes as zephal_communication_write does. A failure leaves the descriptor open.
+  /// Writes like zephal_communication_write. A failure leaves the descriptor open. Fails with code
+  /// 2 if it is closed.
   bool write(const ZPKDataPtr& data, ZPKErrorPtr* error) {
-    const Turn turn(this);
-    if (!turn.use) {
+    const ScopedUse scope(this);
+    if (!scope.use) {
       ZPKReportFailure(error, kZPICommunicationDomain, 2, {"write"},
                        "Cannot communicate with closed devices");
       return false;
     }
     if constexpr (Policy::kIsSocket) {
-      return zephal_communication_write(turn.use, data, error);
+      return zephal_communication_write(scope.use, data, error);
     } else {
-      return zephal_communication_write_no_socket(turn.use, data, error);
+      return zephal_communication_write_no_socket(scope.use, data, error);
     }
   }
 
  private:
-  // A use of the descriptor for the length of a scope, whichever way that is left.
-  struct Turn {
-    explicit Turn(ZPIFileDescriptorCommunication* user) : owner(user), use(user->fd.use()) {}
-    Turn(const Turn&) = delete;
-    Turn& operator=(const Turn&) = delete;
-    ~Turn() {
+  // A use of the descriptor that ends with its scope.
+  struct ScopedUse {
+    explicit ScopedUse(ZPIFileDescriptorCommunication* user) : owner(user), use(user->fd.use()) {}
+    ScopedUse(const ScopedUse&) = delete;
+    ScopedUse& operator=(const ScopedUse&) = delete;
+    ~ScopedUse() {
       if (use && use.leave()) owner->policy.close(use.descriptor(), nullptr);
     }
 
-    // Ends the use, and the state of being open; the result is that of a close.
+    // Ends the use and closes; the result is that of close().
     bool giveUp(ZPKErrorPtr* error) {
       if (!use || !use.giveUp()) {
         ZPKReportFailure(error, kZPICommunicationDomain, 2, {"close"}, "Device Already Closed");

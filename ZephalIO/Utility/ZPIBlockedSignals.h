@@ -2,8 +2,8 @@
 
 #include <csignal>
 
-/// Keeps signals from the calling thread for as long as it lives. A thread that is started
-/// meanwhile never gets them. Must be destroyed on the thread that made it.
+/// Blocks signals on the calling thread during its lifetime (pthread_sigmask(3)). A thread that is
+/// started in the meantime never gets them. Must be destroyed on the thread that created it.
 class ZPIBlockedSignals {
  public:
   explicit ZPIBlockedSignals(const sigset_t& signals) {

@@ -14,7 +14,7 @@ void ZPIEventLoop::perform(Task task) {
 }
 
 ZPIEventLoop::Source ZPIEventLoop::attachSource() {
-  // Weak: a task in the queue may hold the source, and would otherwise hold its own loop.
+  // Weak: a task in the queue may hold the source, and would otherwise keep its own loop alive.
   const std::weak_ptr<ZPIEventLoop> weakLoop = weak_from_this();
   {
     const std::lock_guard guard(_mutex);
@@ -36,7 +36,7 @@ void ZPIEventLoop::run() {
     _tasks.pop_front();
     lock.unlock();
     task();
-    task = nullptr;  // what it captured may call the loop again
+    task = nullptr;  // without the lock: the destructors of its captures may call the loop
     lock.lock();
   }
   _isStopped = false;

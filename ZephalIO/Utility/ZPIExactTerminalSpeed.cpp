@@ -1,6 +1,6 @@
 #include "Utility/ZPIExactTerminalSpeed.h"
 
-// A source of its own: the kernel's termios2 and the C library's termios.h cannot be included
+// A separate source file: the kernel's termios2 and the C library's termios.h cannot be included
 // together.
 #if __has_include(<asm/termbits.h>)
 #include <asm/termbits.h>
@@ -16,7 +16,7 @@ namespace {
 
 constexpr tcflag_t kInputSpeed = CBAUD << IBSHIFT;
 
-// A line tolerates a difference of some per cent.
+// In per cent: a serial line still works with a difference of this size.
 constexpr uint64_t kTolerance = 3;
 
 bool isClose(uint64_t actual, uint64_t rate) {
@@ -24,11 +24,11 @@ bool isClose(uint64_t actual, uint64_t rate) {
   return difference * 100 <= rate * kTolerance;
 }
 
-// A driver may accept a rate that it cannot make and stay at another: 0 if it took this one.
+// A driver may accept a rate that it cannot produce and keep a different one. 0 if it set this one.
 int checkSpeeds(int descriptor, uint64_t rate) {
   termios2 actual{};
   if (::ioctl(descriptor, TCGETS2, &actual) == -1) return -1;
-  // Without bits of its own the input follows the output.
+  // If the input has no bits of its own, it runs at the output's rate.
   const bool hasInputSpeed = (actual.c_cflag & kInputSpeed) != 0;
   const speed_t input = hasInputSpeed ? actual.c_ispeed : actual.c_ospeed;
   if (isClose(actual.c_ospeed, rate) && isClose(input, rate)) return 0;
@@ -50,7 +50,7 @@ int ZPISetExactTerminalSpeed(int descriptor, uint64_t rate) {
   attributes.c_ispeed = static_cast<speed_t>(rate);
   attributes.c_ospeed = static_cast<speed_t>(rate);
   if (::ioctl(descriptor, TCSETS2, &attributes) == -1) return -1;
-  // Zero hangs up, and says nothing of the speed that is kept.
+  // Zero hangs up the line and sets no rate, so there is nothing to check.
   return rate == 0 ? 0 : checkSpeeds(descriptor, rate);
 }
 

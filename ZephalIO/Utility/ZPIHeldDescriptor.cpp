@@ -35,8 +35,8 @@ ZPIHeldDescriptor::Use ZPIHeldDescriptor::use() {
   return Use();
 }
 
-// Most often the only one there is: another is made while a writer still is in a call on what was
-// given up.
+// There is usually only one place. Another one is created only if a thread is still in a call on
+// the descriptor that was given up.
 ZPIHeldDescriptor::Place* ZPIHeldDescriptor::takeFreePlace() {
   for (Place* place = _newest.load(std::memory_order_acquire); place != nullptr;
        place = place->older) {
@@ -46,13 +46,13 @@ ZPIHeldDescriptor::Place* ZPIHeldDescriptor::takeFreePlace() {
       return place;
     }
   }
-  auto* const made = new Place;
-  made->state.store(kTaken, std::memory_order_relaxed);
-  made->older = _newest.load(std::memory_order_relaxed);
-  while (!_newest.compare_exchange_weak(made->older, made, std::memory_order_release,
+  auto* const added = new Place;
+  added->state.store(kTaken, std::memory_order_relaxed);
+  added->older = _newest.load(std::memory_order_relaxed);
+  while (!_newest.compare_exchange_weak(added->older, added, std::memory_order_release,
                                         std::memory_order_relaxed)) {
   }
-  return made;
+  return added;
 }
 
 bool ZPIHeldDescriptor::Use::isHeld() const {

@@ -3,33 +3,33 @@
 #include <atomic>
 #include <cstdint>
 
-/// The descriptor that a channel holds, and how many threads are in a system call on it.
+/// The file descriptor that a channel holds, and the number of threads in a system call on it.
 ///
-/// One thread may give a descriptor up while another uses it. If its number were free at that
-/// moment, the next file that the process opens would get it, and the rest of a write with it. So
-/// uses are counted, and the last one out, whoever that is, closes the descriptor.
+/// One thread may give up a descriptor while another uses it. If the number became free at that
+/// moment, the next file that the process opens would get it, and would receive the rest of a
+/// running write. So uses are counted, and the thread that ends the last one closes the descriptor.
 ///
-/// No lock, and no allocation but for holding a new descriptor while the last one, given up long
-/// ago, is still used. Any thread may call anything at any time.
+/// There is no lock. Memory is allocated only to hold a new descriptor while the previous one,
+/// although given up, is still in use. Any thread may call anything at any time.
 class ZPIHeldDescriptor {
   struct Place;
 
  public:
-  /// One use of one descriptor, from use() until leave(), which must be called exactly once. One
-  /// thread's own.
+  /// One thread's use of one descriptor, from use() until leave(), which must be called exactly one
+  /// time.
   class Use {
    public:
-    /// False: nothing was held. Nothing else may then be asked.
+    /// False if no descriptor was held. Nothing else may then be called.
     explicit operator bool() const { return _place != nullptr; }
     int32_t descriptor() const { return _descriptor; }
-    /// Whether the descriptor is still held; to be asked ahead of each call on it.
+    /// Whether the descriptor is still held; ask before each system call on it.
     bool isHeld() const;
     /// Whether there are other uses.
     bool isShared() const;
-    /// Ends the holding of the descriptor. False if that had ended before.
+    /// Gives up the descriptor. False if it had been given up before.
     bool giveUp();
-    /// Ends this use. True if the descriptor was given up and this was the last: the caller is to
-    /// close it.
+    /// Ends this use. True if the descriptor was given up and this was its last use: the caller
+    /// must then close it.
     bool leave();
 
     Use() = default;
@@ -46,23 +46,24 @@ class ZPIHeldDescriptor {
   explicit ZPIHeldDescriptor(int32_t descriptor);
   ZPIHeldDescriptor(const ZPIHeldDescriptor&) = delete;
   ZPIHeldDescriptor& operator=(const ZPIHeldDescriptor&) = delete;
-  /// Closes nothing. No use may be left.
+  /// Closes nothing. There must be no uses left.
   ~ZPIHeldDescriptor();
 
-  /// Whether a descriptor is held. Who sees that it was given up sees all that was done before.
+  /// Whether a descriptor is held. A thread that sees that it was given up also sees everything
+  /// that was done before that.
   bool isHeld() const;
-  /// Holds `descriptor` from here on; nothing if it is negative. What was held must have been given
-  /// up.
+  /// Holds `descriptor` from now on; nothing if it is negative. The previous one must have been
+  /// given up.
   void hold(int32_t descriptor);
-  /// A use of what is held.
+  /// A use of the descriptor that is held.
   Use use();
 
  private:
-  // Of one descriptor at a time. A place is taken again once its descriptor is given up and nobody
-  // uses it; it lives as long as the object, so that whoever still looks at it may.
+  // The place of one descriptor at a time. It is reused once its descriptor is given up and has no
+  // uses left. It lives as long as the object, so a thread may look at it at any time.
   struct Place {
-    std::atomic<uint32_t> state{0};  // the number of uses, and kHeld
-    int32_t descriptor = -1;         // changed while `state` is kTaken alone
+    std::atomic<uint32_t> state{0};  // the number of uses, plus kHeld
+    int32_t descriptor = -1;         // changed only while `state` is kTaken
     Place* older = nullptr;
   };
 

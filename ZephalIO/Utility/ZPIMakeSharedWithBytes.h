@@ -5,13 +5,13 @@
 #include <memory>
 #include <new>
 
-/// The allocator behind ZPIMakeSharedWithBytes: every block has `extra` bytes more at its end.
+/// The allocator of ZPIMakeSharedWithBytes: every block has `extra` additional bytes at its end.
 template <class T>
 class ZPITrailingBytesAllocator {
  public:
   using value_type = T;
 
-  /// allocate tells in `*trailing`, which must live until then, where the extra bytes are.
+  /// allocate stores the address of the extra bytes in `*trailing`, which must live until then.
   ZPITrailingBytesAllocator(size_t extra, uint8_t** trailing)
       : _extra(extra), _trailing(trailing) {}
   template <class U>
@@ -39,9 +39,9 @@ class ZPITrailingBytesAllocator {
   uint8_t** _trailing;
 };
 
-/// An object made of `arguments` together with `length` bytes of its own, in one block of memory.
-/// The bytes begin at
-/// `*bytes`, hold nothing yet, and go with the object.
+/// Creates an object from `arguments` together with `length` bytes of its own, in one block of
+/// memory. The bytes begin at `*bytes`, are not initialised, and are freed with the object. Throws
+/// std::bad_alloc if memory cannot be allocated.
 template <class T, class... Arguments>
 std::shared_ptr<T> ZPIMakeSharedWithBytes(size_t length, uint8_t** bytes, Arguments... arguments) {
   return std::allocate_shared<T>(ZPITrailingBytesAllocator<T>(length, bytes), arguments...);

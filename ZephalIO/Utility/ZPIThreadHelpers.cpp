@@ -21,7 +21,7 @@ bool isPast(const timespec& deadline) {
   return now.tv_usec * 1000 >= deadline.tv_nsec;
 }
 
-// What the two sides of a set-up share; each may let go first.
+// What the two sides of a set-up share; either may release it first.
 class SetUp {
  public:
   SetUp() { buildConditionObjects(&_mutex, &_condition); }
@@ -30,7 +30,7 @@ class SetUp {
   ~SetUp() { destroyConditionObjects(&_mutex, &_condition); }
 
   void finish(bool result) {
-    _result = result;  // no lock: nobody looks before `_done` says so
+    _result = result;  // no lock: it is not read before `_done` is set
     const ZPIMutexHold hold(&_mutex);
     _done = true;
     pthread_cond_signal(&_condition);
@@ -64,7 +64,7 @@ void newThreadWithBlock(pthread_t* thread, std::function<void()> block) {
   pthread_attr_setscope(&attributes, PTHREAD_SCOPE_SYSTEM);
   auto copy = std::make_unique<Block>(std::move(block));
   if (pthread_create(thread, &attributes, block_start__, copy.get()) == 0) {
-    static_cast<void>(copy.release());  // the thread's from here on
+    static_cast<void>(copy.release());  // now owned by the thread
   } else {
     *thread = pthread_t();
   }
@@ -74,7 +74,7 @@ void* block_start__(void* block) {
   static std::once_flag once;
   static pthread_key_t block_key;
   std::call_once(once, [] { pthread_key_create(&block_key, block_dispose); });
-  // The key's destructor releases the copy, so that pthread_exit and a cancellation do too.
+  // The key's destructor releases the copy, also after pthread_exit and a cancellation.
   pthread_setspecific(block_key, block);
   (*static_cast<Block*>(block))();
   return nullptr;

@@ -2,6 +2,6 @@
 
 #include <string>
 
-/// Names the calling thread (pthread_setname_np), cut to what the system takes, between two
-/// characters.
+/// Names the calling thread (pthread_setname_np(3)). A name that is too long for the system is
+/// truncated between two characters.
 void ZPINameThisThread(const std::string& name);

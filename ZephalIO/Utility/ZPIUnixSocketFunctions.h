@@ -1,4 +1,4 @@
-// Unix-domain stream sockets (unix(7)), the siblings of the exported TCP functions and under the
+// Unix-domain stream sockets (unix(7)): the counterparts of the exported TCP functions, with the
 // same rules.
 #pragma once
 
@@ -6,13 +6,14 @@
 
 #include "Utility/ZPISocket.h"
 
-/// Listens on a path, with a backlog of 5; returns the socket or -1. A socket file that nobody
-/// listens on any more is removed first; one with a live listener, and a file of any other kind, is
-/// left alone. A failure is one line on standard output, which says "busy" for EADDRINUSE and
-/// "restricted" otherwise. A path longer than the platform's sun_path is cut; an empty one names
-/// nothing and fails with ENOENT. Nothing in the library calls it.
+/// Listens on a path, with a backlog of 5; returns the socket, which the caller owns, or -1. If the
+/// path is a socket file without a live listener, it is removed first; one that has a listener, or
+/// any other kind of file, is left alone. A failure prints one line on standard output, which says
+/// "busy" for EADDRINUSE and "restricted" otherwise. A path longer than the platform's sun_path is
+/// truncated; an empty one fails with ENOENT. Nothing in the library calls it.
 int passive_unix(const std::string& path);
 
-/// Connects to a path, cut likewise; returns the socket, or -1 with nothing printed. Whether a
-/// program that is started inherits it, and what becomes of SIGPIPE, depends on `owner`.
+/// Connects to a path, truncated likewise; returns the socket, which the caller owns, or -1 with
+/// errno, and prints nothing. `owner` decides whether programs that are started inherit the socket,
+/// and how SIGPIPE is avoided.
 int active_unix(const std::string& path, ZPISocketOwner owner = ZPISocketOwner::kUser);

@@ -8,7 +8,7 @@
 
 namespace {
 
-// The longest finite wait, some 30,000 years; beyond it the arithmetic could overflow.
+// The longest finite wait, some 30,000 years: with a longer one the arithmetic could overflow.
 constexpr double kLongestWait = 1.0e12;
 constexpr int64_t kNanosPerSecond = 1000000000;
 constexpr auto kLastSecond = std::numeric_limits<time_t>::max();
@@ -24,7 +24,7 @@ timespec ZPIWallClockDeadline(double timeout) {
   const int64_t nanos = fraction + static_cast<int64_t>(now.tv_usec) * 1000;
   timespec deadline{};
   const int64_t end = seconds + now.tv_sec + nanos / kNanosPerSecond;
-  // A clock of 32 bits ends in 2038, and so does the longest wait.
+  // A 32-bit clock ends in 2038, and with it the longest wait.
   deadline.tv_sec = static_cast<time_t>(std::min<int64_t>(end, kLastSecond));
   deadline.tv_nsec = static_cast<long>(nanos % kNanosPerSecond);
   return deadline;

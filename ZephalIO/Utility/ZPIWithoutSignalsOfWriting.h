@@ -4,17 +4,16 @@
 
 #include "Utility/ZPIBlockedSignals.h"
 
-/// Lets writes of the calling thread fail with their errno alone, for as long as it lives: the
-/// default action of the signals that may come with a failure ends the process. They are SIGPIPE,
-/// of a pipe without a reader, and SIGXFSZ, of a file at its size limit. Must be destroyed on the
-/// thread that made it.
+/// During its lifetime a write of the calling thread that fails only sets errno. Otherwise the
+/// signals that can come with such a failure would end the process: SIGPIPE for a pipe without a
+/// reader, SIGXFSZ for a file at its size limit. Must be destroyed on the thread that created it.
 class ZPIWithoutSignalsOfWriting {
  public:
   ZPIWithoutSignalsOfWriting();
 
-  /// Takes away the signal that a write which failed with `errorNumber` has just raised on this
-  /// thread. One that was waiting before is somebody else's and stays. To be called after each
-  /// failed write.
+  /// Discards the signal that a write on this thread has just raised when it failed with
+  /// `errorNumber`. A signal that was pending before is not this write's and stays pending. Call it
+  /// after each failed write.
   void discardSignalOf(int errorNumber);
 
  private:
