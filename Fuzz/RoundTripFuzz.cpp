@@ -100,7 +100,7 @@ class Expectation final : public ZPIObjectVisitor {
     return true;
   }
   void endArray() override {}
-  bool leaf(const ZPKObject* object) override {
+  bool leaf(ZPIObjectKind /*kind*/, const ZPKObject* object) override {
     if (object == nullptr) isReadable = false;
     const auto* string = dynamic_cast<const ZPKString*>(object);
     return string == nullptr || note(string->value());

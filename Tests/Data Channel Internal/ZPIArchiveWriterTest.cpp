@@ -7,11 +7,17 @@
 #include "Data Channel Internal/ZPIArchiveWriter.h"
 #include "Utility/ZPKDataConversionFunctions.h"
 #include "Utility/ZPKDictionary.h"
+#include "Utility/ZPKMutableData.h"
 #include "Utility/ZPKString.h"
 
 namespace {
 
 class Plain final : public ZPKObject {};
+
+class DerivedData final : public ZPKData {
+ public:
+  DerivedData() : ZPKData(false) {}
+};
 
 ZPKDataPtr write(const ZPKObjectPtr& object, std::string_view key = "k") {
   auto writer = ZPIArchiveWriter::initRequiringSecureCoding();
@@ -80,6 +86,13 @@ TEST(ZPIArchiveWriterTest, AClassOfACallersOwnCannotBeWritten) {
   const ZPKObjectPtr plain = std::make_shared<const Plain>();
   EXPECT_EQ(write(plain), nullptr);
   EXPECT_EQ(write(ZPKDictionary::init({{"a", 1}, {"b", {{"c", plain}}}})), nullptr);
+}
+
+TEST(ZPIArchiveWriterTest, DataOfADerivedClassAreWritten) {
+  const auto data = std::make_shared<ZPKMutableData>();
+  data->append("\xff", 1);
+  EXPECT_EQ(write(data)->view(), "\xa1\x61k\x41\xff");
+  EXPECT_EQ(write(std::make_shared<const DerivedData>())->view(), "\xa1\x61k\x40");
 }
 
 TEST(ZPIArchiveWriterTest, HasNoBytesBeforeItWroteAndAfterItFinished) {

@@ -45,7 +45,7 @@ class Recorder final : public ZPIObjectVisitor {
   void endDictionary() override { record("}"); }
   bool beginArray(const ZPKArray&) override { return record("["); }
   void endArray() override { record("]"); }
-  bool leaf(const ZPKObject* object) override {
+  bool leaf(ZPIObjectKind /*kind*/, const ZPKObject* object) override {
     return record(object == nullptr ? "null" : object->debugDescription());
   }
 

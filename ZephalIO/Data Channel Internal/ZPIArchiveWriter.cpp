@@ -28,24 +28,20 @@ class Encoder final : public ZPIObjectVisitor {
 
   void endArray() override {}
 
-  bool leaf(const ZPKObject* object) override {
-    if (object == nullptr) {
-      ZPIAppendCBORSimple(kZPICBORNull, _out);
-      return true;
+  bool leaf(ZPIObjectKind kind, const ZPKObject* object) override {
+    switch (kind) {
+      case ZPIObjectKind::Null: ZPIAppendCBORSimple(kZPICBORNull, _out); return true;
+      case ZPIObjectKind::Number: return appendNumber(*static_cast<const ZPKNumber*>(object));
+      case ZPIObjectKind::String: return appendText(static_cast<const ZPKString*>(object)->value());
+      case ZPIObjectKind::Data:
+        return appendSized(ZPICBORKind::Bytes, static_cast<const ZPKData*>(object)->view());
+      default: return false;
     }
-    if (const auto* number = dynamic_cast<const ZPKNumber*>(object)) return appendNumber(*number);
-    if (const auto* string = dynamic_cast<const ZPKString*>(object)) {
-      return appendText(string->value());
-    }
-    const auto* data = dynamic_cast<const ZPKData*>(object);
-    return data != nullptr && appendBytes(*data);
   }
 
   bool appendText(std::string_view text) {
     if (!ZPIIsValidUTF8(text)) return false;
-    ZPIAppendCBORHead(ZPICBORKind::Text, text.size(), _out);
-    _out->append(text.data(), text.size());
-    return true;
+    return appendSized(ZPICBORKind::Text, text);
   }
 
  private:
@@ -63,9 +59,9 @@ class Encoder final : public ZPIObjectVisitor {
     return true;
   }
 
-  bool appendBytes(const ZPKData& data) {
-    ZPIAppendCBORHead(ZPICBORKind::Bytes, data.length(), _out);
-    _out->append(data);
+  bool appendSized(ZPICBORKind kind, std::string_view bytes) {
+    ZPIAppendCBORHead(kind, bytes.size(), _out);
+    _out->append(bytes.data(), bytes.size());
     return true;
   }
 

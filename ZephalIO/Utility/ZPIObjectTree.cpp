@@ -43,15 +43,18 @@ class Walk {
 
  private:
   bool enter(const ZPKObject* object) {
-    if (const auto* dictionary = dynamic_cast<const ZPKDictionary*>(object)) {
+    const ZPIObjectKind kind = ZPIKindOf(object);
+    if (kind == ZPIObjectKind::Dictionary) {
+      const auto* dictionary = static_cast<const ZPKDictionary*>(object);
       _open.push({dictionary, nullptr, 0});
       return _visitor->beginDictionary(*dictionary);
     }
-    if (const auto* array = dynamic_cast<const ZPKArray*>(object)) {
+    if (kind == ZPIObjectKind::Array) {
+      const auto* array = static_cast<const ZPKArray*>(object);
       _open.push({nullptr, array, 0});
       return _visitor->beginArray(*array);
     }
-    return _visitor->leaf(object);
+    return _visitor->leaf(kind, object);
   }
 
   bool step(OpenContainer* top) {
@@ -132,10 +135,10 @@ class Describer final : public ZPIObjectVisitor {
   void endDictionary() override { end('}'); }
   bool beginArray(const ZPKArray&) override { return begin('['); }
   void endArray() override { end(']'); }
-  bool leaf(const ZPKObject* object) override {
+  bool leaf(ZPIObjectKind kind, const ZPKObject* object) override {
     separate();
-    if (const auto* string = dynamic_cast<const ZPKString*>(object)) {
-      appendQuoted(string->value());
+    if (kind == ZPIObjectKind::String) {
+      appendQuoted(static_cast<const ZPKString*>(object)->value());
     } else {
       _text += object == nullptr ? "null" : object->debugDescription();
     }

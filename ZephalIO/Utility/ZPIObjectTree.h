@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "Utility/ZPIObjectKind.h"
 #include "Utility/ZPKArray.h"
 #include "Utility/ZPKDictionary.h"
 
@@ -17,8 +18,8 @@ class ZPIObjectVisitor {
   virtual void endDictionary() = 0;
   virtual bool beginArray(const ZPKArray& array) = 0;
   virtual void endArray() = 0;
-  /// Anything else; may be null.
-  virtual bool leaf(const ZPKObject* object) = 0;
+  /// An object of any other kind, null included.
+  virtual bool leaf(ZPIObjectKind kind, const ZPKObject* object) = 0;
 
  protected:
   ~ZPIObjectVisitor() = default;
