@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <limits>
 #include <string>
 #include <vector>
@@ -8,10 +9,16 @@
 
 namespace {
 
+using Bytes = ZPIHeapVector<uint8_t>;
+
+std::string textOf(const Bytes& bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
 std::string written(ZPICBORKind kind, uint64_t argument) {
-  ZPKMutableData out;
+  Bytes out;
   ZPIAppendCBORHead(kind, argument, &out);
-  return std::string(out.view());
+  return textOf(out);
 }
 
 std::string bytes(std::initializer_list<int> values) {
@@ -59,12 +66,12 @@ TEST(ZPICBORHeadTest, TheKindIsInTheTopBits) {
 }
 
 TEST(ZPICBORHeadTest, SimpleValuesAndDoublesHaveTheirOwnForms) {
-  ZPKMutableData out;
+  Bytes out;
   ZPIAppendCBORSimple(kZPICBORFalse, &out);
   ZPIAppendCBORSimple(kZPICBORTrue, &out);
   ZPIAppendCBORSimple(kZPICBORNull, &out);
   ZPIAppendCBORDouble(1.5, &out);
-  EXPECT_EQ(out.view(), bytes({0xF4, 0xF5, 0xF6, 0xFB, 0x3F, 0xF8, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(textOf(out), bytes({0xF4, 0xF5, 0xF6, 0xFB, 0x3F, 0xF8, 0, 0, 0, 0, 0, 0}));
 }
 
 TEST(ZPICBORHeadTest, WhatIsWrittenIsReadBack) {

@@ -57,6 +57,16 @@ TEST(ZPIHeapVectorTest, GrowsInFewSteps) {
   EXPECT_LE(calls.allocations(), 20U);
 }
 
+TEST(ZPIHeapVectorTest, ExtendsByValuesThatTheCallerSets) {
+  Bytes vector;
+  append(&vector, "ab");
+  for (int round = 0; round < 20; ++round) std::memcpy(vector.extend(3), "xyz", 3);
+  ASSERT_EQ(vector.size(), 62U);
+  EXPECT_TRUE(textOf(vector).starts_with("abxyzxyz"));
+  EXPECT_EQ(vector.extend(1), vector.data() + 62);
+  EXPECT_EQ(vector.size(), 63U);
+}
+
 TEST(ZPIHeapVectorTest, SwapsWithoutACopy) {
   Bytes left;
   Bytes right;

@@ -4,8 +4,8 @@
 #include <new>
 #include <utility>
 
+#include "Utility/ZPIDataGivingUp.h"
 #include "Utility/ZPIThreadHelpers.h"
-#include "Utility/ZPKMutableData.h"
 #include "Utility/ZPKReportFailure.h"
 
 namespace {
@@ -23,14 +23,6 @@ bool isValidTimeout(double timeout) {
 
 void report(ZPKErrorPtr* error, int code, const ZPIFailureSite& site, const char* message) {
   ZPKReportFailure(error, kZPICommunicationDomain, code, site, message);
-}
-
-// Mutable data, so that a layer above edits these bytes and need not copy them.
-ZPKDataPtr dataGivingUp(ZPIHeapVector<uint8_t>* bytes) {
-  if (bytes->empty()) return ZPKData::data();
-  const size_t length = bytes->size();
-  const size_t capacity = bytes->capacity();
-  return ZPKMutableData::dataWithBytesNoCopy(bytes->release(), length, capacity);
 }
 
 }  // namespace
@@ -112,7 +104,7 @@ ZPKDataPtr ZPIActiveChannel::readWithTimeout(double timeout, ZPKErrorPtr* error)
     if (error != nullptr) *error = handover->_readError.load();
     return nullptr;
   }
-  if (isReceived || reason == ETIMEDOUT) return dataGivingUp(&bytes);
+  if (isReceived || reason == ETIMEDOUT) return ZPIDataGivingUp(&bytes);
   ZPKReportFailure(error, kZPICommunicationDomain, 5, {kReadSite}, "read failed with error %s (%d)",
                    ZPIErrorText(reason), reason);
   return nullptr;

@@ -1,16 +1,16 @@
 #include "Data Channel Internal/ZPIArchiveWriter.h"
 
 #include "Data Channel Internal/ZPICBORHead.h"
+#include "Utility/ZPIDataGivingUp.h"
 #include "Utility/ZPIObjectTree.h"
 #include "Utility/ZPIText.h"
-#include "Utility/ZPKMutableData.h"
 #include "Utility/ZPKString.h"
 
 namespace {
 
 class Encoder final : public ZPIObjectVisitor {
  public:
-  explicit Encoder(ZPKMutableData* out) : _out(out) {}
+  explicit Encoder(ZPIHeapVector<uint8_t>* out) : _out(out) {}
 
   bool beginDictionary(const ZPKDictionary& dictionary) override {
     ZPIAppendCBORHead(ZPICBORKind::Map, dictionary.count(), _out);
@@ -61,19 +61,19 @@ class Encoder final : public ZPIObjectVisitor {
 
   bool appendSized(ZPICBORKind kind, std::string_view bytes) {
     ZPIAppendCBORHead(kind, bytes.size(), _out);
-    _out->append(bytes.data(), bytes.size());
+    _out->append(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
     return true;
   }
 
-  ZPKMutableData* const _out;
+  ZPIHeapVector<uint8_t>* const _out;
 };
 
 }  // namespace
 
 void ZPIArchiveWriter::encodeObjectForKey(const ZPKObjectPtr& object, std::string_view key) {
-  const ZPKMutableDataPtr out = ZPKMutableData::data();
-  Encoder encoder(out.get());
-  ZPIAppendCBORHead(ZPICBORKind::Map, 1, out.get());
+  ZPIHeapVector<uint8_t> out;
+  Encoder encoder(&out);
+  ZPIAppendCBORHead(ZPICBORKind::Map, 1, &out);
   const bool isWritten = encoder.appendText(key) && ZPIWalkObjectTree(object.get(), &encoder);
-  _data = isWritten ? out : nullptr;
+  _data = isWritten ? ZPIDataGivingUp(&out) : nullptr;
 }

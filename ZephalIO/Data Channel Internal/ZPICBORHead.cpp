@@ -1,6 +1,5 @@
 #include "Data Channel Internal/ZPICBORHead.h"
 
-#include <array>
 #include <bit>
 #include <limits>
 
@@ -48,15 +47,18 @@ ZPICBORHeadResult checkForm(const ZPICBORHead& head) {
   return head.information > kEightBytes ? ZPICBORHeadResult::NotAllowed : ZPICBORHeadResult::Good;
 }
 
-void appendWithInformation(ZPICBORKind kind, uint8_t information, uint64_t argument,
-                           ZPKMutableData* out) {
-  const size_t width = information < kOneByte ? 0 : widthOf(information);
-  std::array<uint8_t, 9> bytes{
-      static_cast<uint8_t>(static_cast<unsigned>(kind) << kInformationBits | information)};
+uint8_t firstByte(ZPICBORKind kind, uint8_t information) {
+  return static_cast<uint8_t>(static_cast<unsigned>(kind) << kInformationBits | information);
+}
+
+void appendWide(ZPICBORKind kind, uint8_t information, uint64_t argument,
+                ZPIHeapVector<uint8_t>* out) {
+  const size_t width = widthOf(information);
+  uint8_t* const bytes = out->extend(1 + width);
+  bytes[0] = firstByte(kind, information);
   for (size_t i = 0; i < width; ++i) {
     bytes[width - i] = static_cast<uint8_t>(argument >> (8 * i));
   }
-  out->append(bytes.data(), 1 + width);
 }
 
 }  // namespace
@@ -79,19 +81,20 @@ ZPICBORHeadResult ZPIReadCBORHead(std::string_view bytes, ZPICBORHead* head) {
                                                          : ZPICBORHeadResult::Good;
 }
 
-void ZPIAppendCBORHead(ZPICBORKind kind, uint64_t argument, ZPKMutableData* out) {
-  auto information = static_cast<uint8_t>(argument);
-  if (argument >= kOneByte) {
-    information = kEightBytes;
-    while (argument < smallestFor(information)) --information;
+void ZPIAppendCBORHead(ZPICBORKind kind, uint64_t argument, ZPIHeapVector<uint8_t>* out) {
+  if (argument < kOneByte) {
+    *out->extend(1) = firstByte(kind, static_cast<uint8_t>(argument));
+    return;
   }
-  appendWithInformation(kind, information, argument, out);
+  uint8_t information = kEightBytes;
+  while (argument < smallestFor(information)) --information;
+  appendWide(kind, information, argument, out);
 }
 
-void ZPIAppendCBORSimple(uint8_t value, ZPKMutableData* out) {
-  appendWithInformation(ZPICBORKind::Simple, value, 0, out);
+void ZPIAppendCBORSimple(uint8_t value, ZPIHeapVector<uint8_t>* out) {
+  *out->extend(1) = firstByte(ZPICBORKind::Simple, value);
 }
 
-void ZPIAppendCBORDouble(double value, ZPKMutableData* out) {
-  appendWithInformation(ZPICBORKind::Simple, kZPICBORDouble, std::bit_cast<uint64_t>(value), out);
+void ZPIAppendCBORDouble(double value, ZPIHeapVector<uint8_t>* out) {
+  appendWide(ZPICBORKind::Simple, kZPICBORDouble, std::bit_cast<uint64_t>(value), out);
 }

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "Utility/ZPKMutableData.h"
+#include "Utility/ZPIHeapVector.h"
 
 enum class ZPICBORKind : uint8_t {
   Unsigned = 0,
@@ -46,10 +46,10 @@ enum class ZPICBORHeadResult {
 ZPICBORHeadResult ZPIReadCBORHead(std::string_view bytes, ZPICBORHead* head);
 
 /// Writes a head in its shortest form.
-void ZPIAppendCBORHead(ZPICBORKind kind, uint64_t argument, ZPKMutableData* out);
+void ZPIAppendCBORHead(ZPICBORKind kind, uint64_t argument, ZPIHeapVector<uint8_t>* out);
 
 /// Writes kZPICBORFalse, kZPICBORTrue or kZPICBORNull.
-void ZPIAppendCBORSimple(uint8_t value, ZPKMutableData* out);
+void ZPIAppendCBORSimple(uint8_t value, ZPIHeapVector<uint8_t>* out);
 
 /// Writes a double, always in 64 bits.
-void ZPIAppendCBORDouble(double value, ZPKMutableData* out);
+void ZPIAppendCBORDouble(double value, ZPIHeapVector<uint8_t>* out);

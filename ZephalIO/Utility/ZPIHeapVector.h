@@ -32,9 +32,16 @@ class ZPIHeapVector {
   /// Adds copies of `count` values, which are not the vector's own, at the end.
   void append(const T* values, size_t count) {
     if (count == 0) return;
+    std::memcpy(extend(count), values, count * sizeof(T));
+  }
+
+  /// Adds `count` values at the end that hold nothing yet, and returns the first of them for the
+  /// caller to set; valid until the next addition.
+  T* extend(size_t count) {
     if (count > _capacity - _size) grow(count);
-    std::memcpy(_values + _size, values, count * sizeof(T));
+    T* const added = _values + _size;
     _size += count;
+    return added;
   }
 
   /// Exchanges the contents of two vectors, without a copy.

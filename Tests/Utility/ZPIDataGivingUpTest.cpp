@@ -1,0 +1,45 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string_view>
+
+#include "Support/SystemCalls.h"
+#include "Utility/ZPIDataGivingUp.h"
+#include "Utility/ZPKMutableData.h"
+
+using namespace support;
+
+namespace {
+
+void append(ZPIHeapVector<uint8_t>* vector, std::string_view text) {
+  vector->append(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+}
+
+TEST(ZPIDataGivingUpTest, TheBytesStayWhereTheyAre) {
+  ZPIHeapVector<uint8_t> vector;
+  append(&vector, "given up");
+  const uint8_t* const storage = vector.data();
+  const ZPKDataPtr data = ZPIDataGivingUp(&vector);
+  EXPECT_EQ(data->view(), "given up");
+  EXPECT_EQ(data->bytes(), storage);
+  EXPECT_TRUE(vector.empty());
+  EXPECT_EQ(vector.capacity(), 0U);
+}
+
+TEST(ZPIDataGivingUpTest, TheRoomBehindTheBytesIsUsedByAnEdit) {
+  ZPIHeapVector<uint8_t> vector;
+  append(&vector, "short");
+  ASSERT_GE(vector.capacity(), 8U);
+  const ZPKMutableDataPtr data = ZPKMutableData::mutableCopyGivingUp(ZPIDataGivingUp(&vector));
+  const SystemCalls calls;
+  data->append("er", 2);
+  EXPECT_EQ(calls.allocations(), 0U);
+  EXPECT_EQ(data->view(), "shorter");
+}
+
+TEST(ZPIDataGivingUpTest, AnEmptyVectorGivesTheEmptyInstance) {
+  ZPIHeapVector<uint8_t> vector;
+  EXPECT_EQ(ZPIDataGivingUp(&vector), ZPKData::data());
+}
+
+}  // namespace
