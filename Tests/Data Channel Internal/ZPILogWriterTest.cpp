@@ -188,7 +188,7 @@ TEST_F(ZPILogWriterTest, APauseFreesTheMemoryOfBusyTraffic) {
   _writer->closeFile();
 }
 
-TEST_F(ZPILogWriterTest, NoChunkWaitsForAnotherWhileTheModeChangesOnAnotherThread) {
+TEST_F(ZPILogWriterTest, NoChunkWaitsForAnotherWhileTheModeChanges) {
   constexpr size_t kRounds = 2000;
   open();
   std::atomic<bool> isDone{false};
@@ -228,7 +228,7 @@ TEST_F(ZPILogWriterTest, AFileThatCannotBeOpenedHasNoThread) {
   EXPECT_EQ(threadsNamed(_folder.path()), 0U);
 }
 
-TEST_F(ZPILogWriterTest, ASynchronousWriterNeedsNoThreadUntilThatIsTurnedOff) {
+TEST_F(ZPILogWriterTest, ASynchronousWriterHasNoThreadUntilItIsAsynchronous) {
   _writer->setSynchronous(true);
   open();
   _writer->addChunk("x");
@@ -251,7 +251,7 @@ TEST_F(ZPILogWriterTest, WithoutAThreadWritersAndAnotherThreadsCloseComeBack) {
 }
 
 // Each write of this thread makes the other one bring a chunk.
-TEST_F(ZPILogWriterTest, WithoutAThreadACallWritesOnceWhileOthersKeepWriting) {
+TEST_F(ZPILogWriterTest, WithoutAThreadACallWritesOnceWhileOthersWrite) {
   const RefusedThreads refused;
   open();
   std::counting_semaphore<> wanted(0);
@@ -275,7 +275,7 @@ TEST_F(ZPILogWriterTest, WithoutAThreadACallWritesOnceWhileOthersKeepWriting) {
 
 // --- The writer of a child, made by hand in the same process.
 
-TEST_F(ZPILogWriterTest, AChildsWriterHasFileModeAndOwnerOfItsParents) {
+TEST_F(ZPILogWriterTest, AChildsWriterTakesOverFileModeAndOwner) {
   const RefusedThreads refused;
   open();
   _writer->setSynchronous(true);

@@ -39,7 +39,7 @@ using ZPILoggingChannelFileTest = LoggingChannelFixture;
 
 // --- A file that cannot be opened.
 
-TEST_F(ZPILoggingChannelFileTest, InAMissingFolderOpenFailsWithALineAndNoError) {
+TEST_F(ZPILoggingChannelFileTest, AMissingFolderIsALogLineAndNoError) {
   const std::string path = _folder.pathOf("missing/log");
   _below->setOpened(false);
   ZPKErrorPtr error = olderError();
@@ -74,7 +74,7 @@ TEST_F(ZPILoggingChannelFileTest, AnEmptyPathNamesNoFile) {
                           "directory, unable to create file at path []"));
 }
 
-TEST_F(ZPILoggingChannelFileTest, AFolderInPlaceOfTheFileIsTheSystemsError) {
+TEST_F(ZPILoggingChannelFileTest, AFolderAtThePathIsTheSystemsError) {
   std::filesystem::create_directory(_path);
   _below->setOpened(false);
   ZPKErrorPtr error = olderError();
@@ -91,7 +91,7 @@ TEST_F(ZPILoggingChannelFileTest, AFolderInPlaceOfTheFileIsTheSystemsError) {
   EXPECT_EQ(_channel->fileHandle(), nullptr);
 }
 
-TEST_F(ZPILoggingChannelFileTest, WithoutASlotAFileThatCannotBeOpenedIsAFailureAllTheSame) {
+TEST_F(ZPILoggingChannelFileTest, OpenAlsoFailsWithoutASlot) {
   std::filesystem::create_directory(_path);
   EXPECT_FALSE(_channel->openWithTimeout(1.0, nullptr));
   EXPECT_THAT(_log.lines(), IsEmpty());
@@ -108,7 +108,7 @@ TEST_F(ZPILoggingChannelFileTest, AFailedOpenKeepsTheFileOfAnEarlierOne) {
   EXPECT_THAT(textsOfLog(_path + ".1"), ElementsAre("pre--write: ver"));
 }
 
-TEST_F(ZPILoggingChannelFileTest, AFileThatTheUserMayNotWriteIsTheSystemsError) {
+TEST_F(ZPILoggingChannelFileTest, AReadOnlyFileIsTheSystemsError) {
   writeFile(_path, "old");
   ::chmod(_path.c_str(), 0444);
   const ChildResult result = runAsOrdinaryUser([this](std::string* message) {
@@ -124,7 +124,7 @@ TEST_F(ZPILoggingChannelFileTest, AFileThatTheUserMayNotWriteIsTheSystemsError) 
   EXPECT_EQ(contents(), "old");
 }
 
-TEST_F(ZPILoggingChannelFileTest, AFolderThatTheUserMayNotWriteIsALineAndNoError) {
+TEST_F(ZPILoggingChannelFileTest, AReadOnlyFolderIsALineAndNoError) {
   const std::string folder = _folder.pathOf("closed");
   std::filesystem::create_directory(folder);
   ::chmod(folder.c_str(), 0555);
@@ -141,7 +141,7 @@ TEST_F(ZPILoggingChannelFileTest, AFolderThatTheUserMayNotWriteIsALineAndNoError
                                 folder + "/log]");
 }
 
-TEST_F(ZPILoggingChannelFileTest, AFolderThatTheUserMayNotEnterIsALineAndNoError) {
+TEST_F(ZPILoggingChannelFileTest, ALockedFolderIsALineAndNoError) {
   const std::string folder = _folder.pathOf("closed");
   std::filesystem::create_directory(folder);
   ::chmod(folder.c_str(), 0);
@@ -176,7 +176,7 @@ TEST_F(ZPILoggingChannelFileTest, TheNullDeviceIsALogLikeAnyOther) {
   EXPECT_TRUE(channel->close(nullptr));
 }
 
-TEST_F(ZPILoggingChannelFileTest, WhoHoldsTheLockForGoodDoesNotHoldAnyCall) {
+TEST_F(ZPILoggingChannelFileTest, ALockThatNobodyReleasesHoldsUpNoCall) {
   open();
   const int reader = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_EQ(::flock(reader, LOCK_SH), 0);
@@ -202,8 +202,8 @@ TEST_F(ZPILoggingChannelFileTest, AFullDiskStopsTheLogAndNotTheTraffic) {
   EXPECT_THAT(_log.lines(), IsEmpty());
 }
 
-// Room for the first prefix and three bytes behind it.
-TEST_F(ZPILoggingChannelFileTest, AFileAtItsSizeLimitCutsTheLogAndNotTheTraffic) {
+// Room for the first prefix and three bytes after it.
+TEST_F(ZPILoggingChannelFileTest, ASizeLimitCutsTheLogAndNotTheTraffic) {
   const ChildResult result = runInChild([this](std::string*) {
     _channel->setSynchronousLogging(true);
     if (!_channel->openWithTimeout(1.0, nullptr)) return 1;
@@ -226,7 +226,7 @@ TEST_F(ZPILoggingChannelFileTest, AFileAtItsSizeLimitCutsTheLogAndNotTheTraffic)
 // The same on the channel's own thread, in a program of its own: a forked one may start no thread.
 // The limit holds for what the program prints too, so it is far off, and the log, full of nothing,
 // is just below it.
-TEST(ZPILoggingChannelFileDeathTest, AFileAtItsSizeLimitEndsNoProcessFromTheBackgroundEither) {
+TEST(ZPILoggingChannelFileDeathTest, ASizeLimitEndsNoProcessFromTheBackgroundEither) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const auto logIntoALimitedFile = [] {
     constexpr rlim_t kLimit = 1U << 30;
@@ -248,7 +248,7 @@ TEST(ZPILoggingChannelFileDeathTest, AFileAtItsSizeLimitEndsNoProcessFromTheBack
   EXPECT_EXIT(logIntoALimitedFile(), testing::ExitedWithCode(0), "");
 }
 
-TEST_F(ZPILoggingChannelFileTest, AFileThatIsMovedStaysTheLogUntilTheNextOpen) {
+TEST_F(ZPILoggingChannelFileTest, AMovedFileStaysTheLogUntilTheNextOpen) {
   _channel->setSynchronousLogging(true);
   open();
   write("one");
@@ -262,7 +262,7 @@ TEST_F(ZPILoggingChannelFileTest, AFileThatIsMovedStaysTheLogUntilTheNextOpen) {
   EXPECT_THAT(texts(), ElementsAre("pre--write: three"));
 }
 
-TEST_F(ZPILoggingChannelFileTest, AFileThatIsRemovedStopsNoTraffic) {
+TEST_F(ZPILoggingChannelFileTest, ARemovedFileStopsNoTraffic) {
   open();
   std::filesystem::remove(_path);
   EXPECT_TRUE(write("ver"));

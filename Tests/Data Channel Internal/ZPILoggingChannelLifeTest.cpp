@@ -59,7 +59,7 @@ TEST_F(ZPILoggingChannelLifeTest, ANewFileHasThePermissions0666LessTheUmask) {
   EXPECT_EQ(permissionsOfFile(_path), mode_t{0640});
 }
 
-TEST_F(ZPILoggingChannelLifeTest, AnExistingFileGrowsAtItsEndAndKeepsItsPermissions) {
+TEST_F(ZPILoggingChannelLifeTest, AnExistingFileIsAppendedToAndKeepsItsPermissions) {
   writeFile(_path, "\n2024-01-01 00:00:00.000 <old>[1]: old");
   ::chmod(_path.c_str(), 0600);
   open();
@@ -69,7 +69,7 @@ TEST_F(ZPILoggingChannelLifeTest, AnExistingFileGrowsAtItsEndAndKeepsItsPermissi
   EXPECT_EQ(permissionsOfFile(_path), mode_t{0600});
 }
 
-TEST_F(ZPILoggingChannelLifeTest, AFileThroughALinkIsTheOneThatItNames) {
+TEST_F(ZPILoggingChannelLifeTest, ALinkStandsForTheFileThatItNames) {
   std::filesystem::create_symlink(_folder.pathOf("target"), _path);
   open();
   write("ver");
@@ -86,7 +86,7 @@ TEST_F(ZPILoggingChannelLifeTest, OneFileCollectsSeveralOpenTimes) {
   EXPECT_THAT(texts(), ElementsAre("pre--write: one", "pre--write: two"));
 }
 
-TEST_F(ZPILoggingChannelLifeTest, IfTheChannelBelowDoesNotOpenTheFileStaysOpen) {
+TEST_F(ZPILoggingChannelLifeTest, TheFileStaysOpenIfTheOpenBelowFails) {
   const ZPKErrorPtr fromBelow = ZPKError::init("below", 4, {});
   _below->setOpened(false);
   _below->setOpenResult(false, fromBelow);
@@ -100,7 +100,7 @@ TEST_F(ZPILoggingChannelLifeTest, IfTheChannelBelowDoesNotOpenTheFileStaysOpen) 
   EXPECT_THAT(texts(), ElementsAre("pre--write: ver"));
 }
 
-TEST_F(ZPILoggingChannelLifeTest, ASecondOpenReplacesTheFileAndLeavesTheRestToTheChannelBelow) {
+TEST_F(ZPILoggingChannelLifeTest, ASecondOpenReplacesTheFileAndOpensBelowAgain) {
   const std::set<int> before = openDescriptors();
   open();
   const std::weak_ptr<ZPILogFileHandle> first = _channel->fileHandle();
@@ -144,7 +144,7 @@ TEST_F(ZPILoggingChannelLifeTest, TheFileIsClosedEvenIfTheCloseBelowFails) {
   EXPECT_THAT(texts(), ElementsAre("pre--write: ver"));
 }
 
-TEST_F(ZPILoggingChannelLifeTest, CloseOfAClosedChannelIsLeftToTheChannelBelow) {
+TEST_F(ZPILoggingChannelLifeTest, ClosingAClosedChannelIsLeftToTheChannelBelow) {
   EXPECT_TRUE(_channel->close(nullptr));
   EXPECT_THAT(_below->calls(), ElementsAre("close"));
 }
@@ -173,12 +173,12 @@ TEST_F(ZPILoggingChannelLifeTest, ATaskCanBeTheLastToHoldItsChannel) {
   held.release();
   EXPECT_NE(end.get(), std::this_thread::get_id());
   EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 0; }));
-  // The task's thread wrote the chunk behind the first one too, as it destroyed the channel.
+  // The task's thread wrote the second chunk too, when it destroyed the channel.
   EXPECT_THAT(texts(), ElementsAre("pre--write: first", "pre--write: second"));
   EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST_F(ZPILoggingChannelLifeTest, ADroppedChannelClosesItsFileAndNotTheChannelBelow) {
+TEST_F(ZPILoggingChannelLifeTest, ADroppedChannelClosesItsFileButNothingBelow) {
   const std::set<int> before = openDescriptors();
   _channel->setSynchronousLogging(true);
   open();
@@ -199,7 +199,7 @@ TEST_F(ZPILoggingChannelLifeTest, ChannelsCanBeDroppedInTheMiddleOfTheirTraffic)
     channel.reset();
     ASSERT_EQ(destroyed.get_future().wait_for(kPatience), std::future_status::ready);
   }
-  // Whoever let go of it last has written what was pending.
+  // Whoever released it last has written what was pending.
   EXPECT_EQ(texts(), std::vector<std::string>(600, "pre--write: version"));
 }
 

@@ -46,7 +46,7 @@ TEST_F(ZPILoggingChannelTest, ReadsAndWritesAreLoggedWithTheirDirection) {
   }
 }
 
-TEST_F(ZPILoggingChannelTest, AChunkHasThePrefixAtEveryLineAndAtItsEnd) {
+TEST_F(ZPILoggingChannelTest, APrefixStartsEveryLineAndEndsTheChunk) {
   open();
   write("A\r\nB\rC\n");
   _channel->close(nullptr);
@@ -59,7 +59,7 @@ TEST_F(ZPILoggingChannelTest, AChunkHasThePrefixAtEveryLineAndAtItsEnd) {
   EXPECT_EQ(timestamps.size(), 1U);
 }
 
-TEST_F(ZPILoggingChannelTest, ALineThatComesInTwoPiecesShowsAsTwoLines) {
+TEST_F(ZPILoggingChannelTest, ALineInTwoPiecesShowsAsTwoLines) {
   open();
   readOf("2.");
   readOf("33\n");
@@ -67,7 +67,7 @@ TEST_F(ZPILoggingChannelTest, ALineThatComesInTwoPiecesShowsAsTwoLines) {
   EXPECT_THAT(texts(), ElementsAre("pre---read: 2.", "pre---read: 33", "pre---read: "));
 }
 
-TEST_F(ZPILoggingChannelTest, BytesThatAreNoTextShowInHexadecimalAndPassUnchanged) {
+TEST_F(ZPILoggingChannelTest, BinaryBytesShowInHexadecimalAndPassUnchanged) {
   open();
   const std::string bytes("\xFF\0%@ %n\xFE", 8);
   EXPECT_EQ(readOf(bytes)->view(), bytes);
@@ -86,7 +86,7 @@ TEST_F(ZPILoggingChannelTest, ATimedOutReadLeavesNoTrace) {
   EXPECT_EQ(contents(), "");
 }
 
-TEST_F(ZPILoggingChannelTest, EmptyAndNullWritesLeaveNoTraceAndReachTheChannelBelow) {
+TEST_F(ZPILoggingChannelTest, EmptyAndNullWritesAreForwardedAndNotLogged) {
   open();
   EXPECT_TRUE(_channel->write(ZPKData::data(), nullptr));
   EXPECT_TRUE(_channel->write(nullptr, nullptr));
@@ -118,7 +118,7 @@ TEST_F(ZPILoggingChannelTest, AFailedWriteHasBeenLogged) {
   EXPECT_THAT(texts(), ElementsAre("pre--write: ver"));
 }
 
-TEST_F(ZPILoggingChannelTest, TheLineComesBeforeTheDataLeavesAndAfterItCame) {
+TEST_F(ZPILoggingChannelTest, AWriteIsLoggedBeforehandAndAReadAfterwards) {
   const auto below = std::make_shared<HookedChannel>();
   const auto channel = ZPILoggingChannel::initWithLogFilePath(_path, "pre-", below);
   channel->setSynchronousLogging(true);
@@ -254,7 +254,7 @@ TEST_F(ZPILoggingChannelTest, WithoutAThreadTheTrafficWritesAndStartsNone) {
 
 // --- Reset.
 
-TEST_F(ZPILoggingChannelTest, ResetIsThatOfTheChannelBelowAndLeavesTheFileAlone) {
+TEST_F(ZPILoggingChannelTest, ResetIsForwardedAndLeavesTheFileAlone) {
   open();
   write("ver");
   EXPECT_TRUE(_channel->reset(nullptr));
@@ -270,7 +270,7 @@ TEST_F(ZPILoggingChannelTest, ResetIsThatOfTheChannelBelowAndLeavesTheFileAlone)
 
 // --- A reader and a writer at the same time.
 
-TEST_F(ZPILoggingChannelTest, AReaderAndAWriterCanRunAtTheSameTime) {
+TEST_F(ZPILoggingChannelTest, AReaderAndAWriterCanRunTogether) {
   constexpr int kCount = 500;
   open();
   for (int i = 0; i < kCount; ++i) _below->addRead("in " + std::to_string(i));

@@ -120,7 +120,7 @@ TEST(ZPISerialQueueTest, ATaskQueuedAfterAWaitingCallerRunsAfterIt) {
   EXPECT_THAT(order, ElementsAre("one", "two"));
 }
 
-TEST(ZPISerialQueueTest, AnAwaitedTaskRunsOnTheCallersThreadAndNeedsNoOther) {
+TEST(ZPISerialQueueTest, AnAwaitedTaskNeedsNoThreadButTheCallers) {
   ZPISerialQueue queue("zq-caller");
   std::thread::id thread;
   queue.runAndWait([&] { thread = std::this_thread::get_id(); });
@@ -235,7 +235,7 @@ TEST(ZPISerialQueueTest, AThreadThatIsStartedBeforeItEndedStays) {
   EXPECT_EQ(name.get_future().get(), "zq-stays");
 }
 
-TEST(ZPISerialQueueTest, WithoutAThreadTheCallerRunsItsTasksAndStartsNone) {
+TEST(ZPISerialQueueTest, WithoutAThreadTheCallerRunsTasksAndStartsNone) {
   ZPISerialQueue queue("zq-none");
   const auto threadOfATask = [&] {
     std::thread::id thread;
@@ -308,7 +308,7 @@ TEST(ZPISerialQueueTest, StartingTheThreadLeavesTheCallersSignalsAlone) {
   }
 }
 
-TEST(ZPISerialQueueTest, WhatATaskHoldsIsLetGoBeforeTheNextOneRuns) {
+TEST(ZPISerialQueueTest, ATaskReleasesWhatItHoldsBeforeTheNextRuns) {
   StartedQueue queue("release");
   auto held = std::make_shared<int>(1);
   const std::weak_ptr<int> weak = held;

@@ -47,7 +47,7 @@ void appendIfPossible(const ZPILogBatch& batch, const ZPILogFileHandlePtr& handl
 ZPILogWriter::ZPILogWriter(std::string filePath)
     : _process(::getpid()), _parents(nullptr), _filePath(std::move(filePath)), _queue(_filePath) {}
 
-// Takes no lock of the parent's writer: after the fork nobody may be left to let go of it.
+// Takes no lock of the parent's writer: after the fork there may be nobody left to release it.
 ZPILogWriter::ZPILogWriter(ZPILogWriter* parents)
     : _process(::getpid()),
       _parents(parents),
