@@ -1,6 +1,11 @@
 #pragma once
 
+#include <pthread.h>
+
 #include <csignal>
+#include <functional>
+
+#include "Support/EventWait.h"
 
 namespace support {
 
@@ -22,5 +27,15 @@ class SignalHandler {
   const int _signal;
   struct sigaction _before {};
 };
+
+/// Sends SIGUSR1 to a thread, again and again, until something has happened; false when the time is
+/// up.
+inline bool signalUntil(pthread_t thread, const std::function<bool()>& hasHappened) {
+  return waitFor([&] {
+    if (hasHappened()) return true;
+    ::pthread_kill(thread, SIGUSR1);
+    return false;
+  });
+}
 
 }  // namespace support

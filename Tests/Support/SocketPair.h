@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace support {
+
+/// A pair of connected stream sockets: ours and the peer's. Closes what is still open.
+class SocketPair {
+ public:
+  SocketPair();
+  SocketPair(const SocketPair&) = delete;
+  SocketPair& operator=(const SocketPair&) = delete;
+  ~SocketPair();
+
+  /// Sends from the peer's end.
+  void send(std::string_view text) const;
+  /// What waits at the peer's end, 4096 bytes at most; "" if nothing does.
+  std::string receive() const;
+  void closePeer();
+
+  int ours = -1;
+  int peers = -1;  // -1 once closed
+};
+
+}  // namespace support
