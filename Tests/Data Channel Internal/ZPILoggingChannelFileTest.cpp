@@ -20,6 +20,7 @@
 #include "Support/ErrorExpectations.h"
 #include "Support/EventWait.h"
 #include "Support/Files.h"
+#include "Support/LocationPrefix.h"
 #include "Support/LogCapture.h"
 #include "Support/LogFile.h"
 #include "Support/LoggingChannelFixture.h"
@@ -84,7 +85,7 @@ TEST_F(ZPILoggingChannelFileTest, AFolderAtThePathIsTheSystemsError) {
   EXPECT_EQ(error->code(), EISDIR);
   EXPECT_EQ(error->description(), "Is a directory");
   EXPECT_TRUE(error->location().starts_with(
-      "[Zephal-2.33.3.1] ZPILoggingChannel.cpp:-[ZPILoggingChannel openWithTimeout:error:]:"))
+      locationPrefix() + "ZPILoggingChannel.cpp:-[ZPILoggingChannel openWithTimeout:error:]:"))
       << error->location();
   EXPECT_THAT(_log.lines(), IsEmpty());
   EXPECT_THAT(_below->calls(), IsEmpty());

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "Support/LocationPrefix.h"
+
 namespace support {
 
 namespace {
@@ -22,7 +24,7 @@ void expectError(const ZPKErrorPtr& error, const ExpectedFailure& expected) {
   EXPECT_EQ(error->code(), expected.code);
   EXPECT_EQ(error->description(), expected.description);
   EXPECT_EQ(error->userInfo().size(), 2U);
-  const std::string start = "[Zephal-2.33.3.1] " + expected.file + ":" + expected.function + ":";
+  const std::string start = locationPrefix() + expected.file + ":" + expected.function + ":";
   const std::string location = error->location();
   ASSERT_TRUE(location.starts_with(start)) << location << "\ndoes not begin with\n" << start;
   EXPECT_TRUE(isLineNumber(location.substr(start.size()))) << location;

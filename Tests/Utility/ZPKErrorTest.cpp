@@ -8,7 +8,7 @@ namespace {
 ZPKErrorPtr exampleError() {
   return ZPKError::init("zephalbench.zephal-communication", 2,
                         {{"Description", "Device Already Closed"},
-                         {"ErrorLocation", "[Zephal-2.33.3.1] a.cpp:f:1"},
+                         {"ErrorLocation", "[Zephal-1.2.3.4] a.cpp:f:1"},
                          {"Other", "kept"}});
 }
 
@@ -23,7 +23,7 @@ TEST(ZPKErrorTest, ItGivesBackWhatItWasMadeFrom) {
 TEST(ZPKErrorTest, DescriptionAndLocationComeFromTheUserInformation) {
   const ZPKErrorPtr error = exampleError();
   EXPECT_EQ(error->description(), "Device Already Closed");
-  EXPECT_EQ(error->location(), "[Zephal-2.33.3.1] a.cpp:f:1");
+  EXPECT_EQ(error->location(), "[Zephal-1.2.3.4] a.cpp:f:1");
   EXPECT_EQ(error->userInfo().at(std::string(ZPKErrorDescriptionKey)), error->description());
   EXPECT_EQ(error->userInfo().at(std::string(ZPKErrorLocationKey)), error->location());
 }

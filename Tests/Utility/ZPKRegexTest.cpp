@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Support/ErrorExpectations.h"
+#include "Support/LocationPrefix.h"
 #include "Utility/ZPIRangeEnd.h"
 #include "Utility/ZPKRegex.h"
 
@@ -88,8 +89,9 @@ TEST(ZPKRegexTest, ABadPatternGivesNullAndAnErrorAndLogsNothing) {
   EXPECT_EQ(error->domain(), "PCRE2");
   EXPECT_EQ(error->code(), 114);
   EXPECT_EQ(error->description(), "missing closing parenthesis at offset 3");
-  EXPECT_THAT(error->location(), testing::StartsWith("[Zephal-2.33.3.1] ZPKRegex.cpp:+[ZPKRegex "
-                                                     "initWithPattern:error:]:"));
+  EXPECT_THAT(
+      error->location(),
+      testing::StartsWith(locationPrefix() + "ZPKRegex.cpp:+[ZPKRegex initWithPattern:error:]:"));
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Support/ErrorExpectations.h"
+#include "Support/LocationPrefix.h"
 #include "Utility/ZPKReportFailure.h"
 
 using namespace support;
@@ -75,8 +76,8 @@ TEST(ZPKReportFailureTest, TheLocationNamesVersionFileFunctionAndLine) {
   ZPKErrorPtr error;
   const int line = __LINE__ + 1;
   ZPKReportFailure(&error, kZPICommunicationDomain, 1, {"createUARTChannel"}, "text");
-  EXPECT_EQ(error->location(),
-            "[Zephal-2.33.3.1] ZPKReportFailureTest.cpp:createUARTChannel:" + std::to_string(line));
+  EXPECT_EQ(error->location(), locationPrefix() + "ZPKReportFailureTest.cpp:createUARTChannel:" +
+                                   std::to_string(line));
 }
 
 TEST(ZPKReportFailureTest, ColonsOfAFunctionNameAreNotEscaped) {
@@ -84,18 +85,18 @@ TEST(ZPKReportFailureTest, ColonsOfAFunctionNameAreNotEscaped) {
   ZPKErrorPtr error;
   ZPKReportFailure(&error, kZPICommChannelDomain, 1, {"-[ZPKCommStack writeData:error:]"}, "text");
   EXPECT_THAT(error->location(),
-              testing::StartsWith("[Zephal-2.33.3.1] "
+              testing::StartsWith(locationPrefix() +
                                   "ZPKReportFailureTest.cpp:-[ZPKCommStack writeData:error:]:"));
 }
 
 TEST(ZPKReportFailureTest, TheFileIsItsBaseNameWithTheExtension) {
   EXPECT_EQ(ZPIErrorLocation({"f", "/a/Data Channel Internal/b.cpp", 12}),
-            "[Zephal-2.33.3.1] b.cpp:f:12");
-  EXPECT_EQ(ZPIErrorLocation({"f", "b.mm", 1}), "[Zephal-2.33.3.1] b.mm:f:1");
+            locationPrefix() + "b.cpp:f:12");
+  EXPECT_EQ(ZPIErrorLocation({"f", "b.mm", 1}), locationPrefix() + "b.mm:f:1");
 }
 
 TEST(ZPKReportFailureTest, PercentSignsInTheLocationAreNoDirectives) {
-  EXPECT_EQ(ZPIErrorLocation({"%@%s", "%d.cpp", 3}), "[Zephal-2.33.3.1] %d.cpp:%@%s:3");
+  EXPECT_EQ(ZPIErrorLocation({"%@%s", "%d.cpp", 3}), locationPrefix() + "%d.cpp:%@%s:3");
 }
 
 TEST(ZPKReportFailureTest, TheUserInformationHasTwoEntries) {
@@ -177,7 +178,7 @@ TEST(ZPKReportFailureTest, ASystemErrorHasThePOSIXDomainAndLogsNothing) {
   EXPECT_EQ(error->code(), EACCES);
   EXPECT_EQ(error->description(), std::strerror(EACCES));
   EXPECT_THAT(error->location(),
-              testing::StartsWith("[Zephal-2.33.3.1] ZPKReportFailureTest.cpp:open:"));
+              testing::StartsWith(locationPrefix() + "ZPKReportFailureTest.cpp:open:"));
   EXPECT_TRUE(log.lines().empty());
 }
 

@@ -6,8 +6,6 @@
 
 namespace {
 
-constexpr const char* kRunningVersion = "2.33.3.1";
-
 std::string_view baseName(std::string_view path) {
   const size_t slash = path.rfind('/');
   return slash == std::string_view::npos ? path : path.substr(slash + 1);
@@ -32,7 +30,7 @@ ZPKErrorPtr makeError(std::string domain, int code, const ZPIFailureSite& site,
 }  // namespace
 
 std::string ZPIErrorLocation(const ZPIFailureSite& site) {
-  return ZPKLoggingFormat("[Zephal-%s] %s:%s:%s", kRunningVersion, baseName(site.file),
+  return ZPKLoggingFormat("[Zephal-%s] %s:%s:%s", ZEPHALIO_VERSION, baseName(site.file),
                           site.function, std::to_string(site.line));
 }
 
