@@ -72,6 +72,15 @@ TEST(ZPITextTest, TheEncodingOfEveryCodePointIsValidButThatOfASurrogate) {
   }
 }
 
+TEST(ZPITextTest, EveryByteOfACodePointButTheFirstContinuesIt) {
+  for (const uint32_t codePoint :
+       {0x0U, 0x7FU, 0x80U, 0x7FFU, 0x800U, 0xFFFFU, 0x10000U, 0x10FFFFU}) {
+    const std::string text = encoded(codePoint);
+    EXPECT_FALSE(ZPIIsContinuationByte(text.front())) << codePoint;
+    for (const char byte : text.substr(1)) EXPECT_TRUE(ZPIIsContinuationByte(byte)) << codePoint;
+  }
+}
+
 TEST(ZPITextTest, NothingAboveTheLastCodePointIsValid) {
   for (uint32_t codePoint = 0x110000; codePoint < 0x200000; codePoint += 0x3FF) {
     ASSERT_FALSE(ZPIIsValidUTF8(encoded(codePoint))) << codePoint;

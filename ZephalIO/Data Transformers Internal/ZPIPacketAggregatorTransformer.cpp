@@ -4,11 +4,10 @@
 #include <cstdlib>
 #include <utility>
 
+#include "Data Transformers Internal/ZPIPacketSizeField.h"
 #include "Utility/ZPKReportFailure.h"
 
 namespace {
-
-constexpr int32_t kWidestField = sizeof(uint64_t);
 
 void assertThat(bool condition, const char* text, const ZPIFailureSite& site) {
   if (condition) return;
@@ -55,7 +54,7 @@ void ZPIPacketAggregatorTransformer::modifyData(ZPKMutableData* data) {
 
 void ZPIPacketAggregatorTransformer::readSizeField(ZPKMutableData& buffer) {
   const int32_t width = packetLengthEncoding();
-  if (width < 1 || width > kWidestField) return;
+  if (!ZPIIsSizeFieldWidth(width)) return;
   const auto fieldLength = static_cast<size_t>(width);
   if (buffer.length() < fieldLength) return;
   const int64_t size = readExpectedSizeAndSwap(buffer, fieldLength);

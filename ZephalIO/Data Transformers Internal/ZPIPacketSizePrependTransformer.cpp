@@ -2,16 +2,16 @@
 
 #include <array>
 
+#include "Data Transformers Internal/ZPIPacketSizeField.h"
+
 namespace {
 
-constexpr int32_t kWidestField = sizeof(uint64_t);
-
 uint64_t largestSize(int32_t width) {
-  return width == kWidestField ? UINT64_MAX : (uint64_t{1} << (8 * width)) - 1;
+  return width == kZPIWidestSizeField ? UINT64_MAX : (uint64_t{1} << (8 * width)) - 1;
 }
 
-std::array<uint8_t, kWidestField> bigEndian(uint64_t value) {
-  std::array<uint8_t, kWidestField> bytes{};
+std::array<uint8_t, kZPIWidestSizeField> bigEndian(uint64_t value) {
+  std::array<uint8_t, kZPIWidestSizeField> bytes{};
   for (auto byte = bytes.rbegin(); byte != bytes.rend(); ++byte, value >>= 8) {
     *byte = static_cast<uint8_t>(value);
   }
@@ -31,7 +31,7 @@ ZPIPacketSizePrependTransformer::ZPIPacketSizePrependTransformer(Key, int32_t pa
 void ZPIPacketSizePrependTransformer::modifyData(ZPKMutableData* data) {
   if (data == nullptr) return;
   const int32_t width = packetLengthEncoding();
-  if (width < 1 || width > kWidestField) return;
+  if (!ZPIIsSizeFieldWidth(width)) return;
   const uint64_t size = data->length();
   if (size > largestSize(width)) return;
   const auto fieldLength = static_cast<size_t>(width);

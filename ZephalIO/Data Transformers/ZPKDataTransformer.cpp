@@ -7,6 +7,7 @@
 #include "Data Transformers Internal/ZPIEventGenerationTransformer.h"
 #include "Data Transformers Internal/ZPIGapWatch.h"
 #include "Data Transformers Internal/ZPIPacketAggregatorTransformer.h"
+#include "Data Transformers Internal/ZPIPacketSizeField.h"
 #include "Data Transformers Internal/ZPIPacketSizePrependTransformer.h"
 #include "Data Transformers Internal/ZPIRegularExpressionTransformer.h"
 #include "Utility/ZPKReportFailure.h"
@@ -18,9 +19,6 @@ constexpr const char* kNoCallback = "blk cannot be nil";
 
 constexpr int kBadArgument = 3;
 constexpr int kNotCreated = 12;
-
-// A size is a word of 8 bytes.
-constexpr int32_t kWidestSizeField = 8;
 
 ZPKDataTransformerPtr refused(ZPKErrorPtr* error, int code, const ZPIFailureSite& site,
                               const char* message) {
@@ -82,7 +80,7 @@ ZPKDataTransformerPtr createAggregatingTransformer(const ZPKDataPtr& pattern, bo
 
 ZPKDataTransformerPtr createPacketAggregatorTransformer(int32_t packetLengthEncoding,
                                                         ZPKErrorPtr* error) {
-  if (packetLengthEncoding > kWidestSizeField) {
+  if (packetLengthEncoding > kZPIWidestSizeField) {
     return refused(error, kNotCreated, {"createPacketAggregatorTransformer"},
                    "error initializing packet aggregator transformer");
   }
@@ -91,7 +89,7 @@ ZPKDataTransformerPtr createPacketAggregatorTransformer(int32_t packetLengthEnco
 
 ZPKDataTransformerPtr createPacketPrependTransformer(int32_t packetLengthEncoding,
                                                      ZPKErrorPtr* error) {
-  if (packetLengthEncoding > kWidestSizeField) {
+  if (packetLengthEncoding > kZPIWidestSizeField) {
     return refused(error, kNotCreated, {"createPacketPrependTransformer"},
                    "error initializing packet prepend transformer");
   }

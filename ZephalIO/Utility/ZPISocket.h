@@ -13,6 +13,10 @@ enum class ZPISocketOwner {
   kLibrary,
 };
 
+/// How many connections may wait at a listener of ours; the headers of the functions that make one
+/// promise this number.
+inline constexpr int kZPIBacklog = 5;
+
 /// A new stream socket (socket(2)), or -1. What the library owns is closed by exec(2) from the
 /// start, so that nothing leaks into a program that another thread starts at this moment.
 int ZPIMakeSocket(int family, ZPISocketOwner owner);

@@ -15,8 +15,6 @@
 
 namespace {
 
-constexpr int kBacklog = 5;
-
 void switchOn(int fd, int option) {
   const int32_t value = 1;
   ::setsockopt(fd, SOL_SOCKET, option, &value, sizeof value);
@@ -59,7 +57,7 @@ int ZPIPassiveTCP(int port, bool reuse, ZPISocketOwner owner) {
     errno = number;
     return -1;
   }
-  ::listen(fd, kBacklog);
+  ::listen(fd, kZPIBacklog);
   ZPIAvoidSigpipe(fd, owner);
   tcp_nodelay(fd);
   return fd;

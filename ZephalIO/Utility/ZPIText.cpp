@@ -5,8 +5,6 @@
 
 namespace {
 
-bool isContinuation(char byte) { return (static_cast<uint8_t>(byte) & 0xC0) == 0x80; }
-
 constexpr uint64_t kHighBits = 0x8080808080808080ULL;
 
 template <class Word>
@@ -63,7 +61,7 @@ size_t sequenceLength(std::string_view text) {
   const size_t length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
   if (text.size() < length) return 0;
   for (size_t i = 1; i < length; ++i) {
-    if (!isContinuation(text[i])) return 0;
+    if (!ZPIIsContinuationByte(text[i])) return 0;
   }
   const uint8_t second = byteAt(1);
   if (lead == 0xE0 && second < 0xA0) return 0;  // overlong
@@ -86,14 +84,14 @@ bool ZPIIsValidUTF8(std::string_view text) {
 
 size_t ZPICodePointCount(std::string_view text) {
   size_t count = 0;
-  for (const char byte : text) count += isContinuation(byte) ? 0 : 1;
+  for (const char byte : text) count += ZPIIsContinuationByte(byte) ? 0 : 1;
   return count;
 }
 
 size_t ZPIByteOffsetOfCodePoint(std::string_view text, uint64_t index) {
   size_t at = 0;
   for (; at < text.size(); ++at) {
-    if (isContinuation(text[at])) continue;
+    if (ZPIIsContinuationByte(text[at])) continue;
     if (index == 0) return at;
     --index;
   }

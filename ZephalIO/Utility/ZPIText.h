@@ -6,6 +6,11 @@
 
 #include "Utility/ZPKTypes.h"
 
+/// Whether `byte` continues a code point, rather than beginning one.
+inline bool ZPIIsContinuationByte(char byte) {
+  return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
+}
+
 /// Whether `text` is valid UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
 bool ZPIIsValidUTF8(std::string_view text);
 

@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include "Utility/ZPIText.h"
+
 namespace {
 
 // What Linux takes, the terminating zero aside; no system takes less.
@@ -20,6 +22,6 @@ constexpr size_t kShortestLimit = 15;
 void ZPINameThisThread(const std::string& name) {
   if (nameWith(pthread_setname_np, name.c_str()) || name.size() <= kShortestLimit) return;
   size_t end = kShortestLimit;
-  while (end > 0 && (name[end] & 0xC0) == 0x80) --end;  // not within a UTF-8 sequence
+  while (end > 0 && ZPIIsContinuationByte(name[end])) --end;  // not within a UTF-8 sequence
   nameWith(pthread_setname_np, name.substr(0, end).c_str());
 }

@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr int kBacklog = 5;
-
 // Calls connect or bind with the address of a path.
 template <class Call>
 int callWithAddress(Call call, int fd, const std::string& path) {
@@ -45,7 +43,7 @@ int passive_unix__internal(const std::string& path, int* saved_errno) {
     closeKeepingErrno(fd);
     return -1;
   }
-  ::listen(fd, kBacklog);
+  ::listen(fd, kZPIBacklog);
   return fd;
 }
 

@@ -222,7 +222,7 @@ class Search {
     }
     do {
       ++_start;
-    } while (_start < _text.size() && (static_cast<uint8_t>(_text[_start]) & 0xC0) == 0x80);
+    } while (_start < _text.size() && ZPIIsContinuationByte(_text[_start]));
   }
 
   const pcre2_code* const _code;

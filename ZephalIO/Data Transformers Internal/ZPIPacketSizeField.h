@@ -1,0 +1,12 @@
+// The size in front of a packet, a big-endian number.
+#pragma once
+
+#include <cstdint>
+
+/// The most bytes that a size field has: a size is a 64-bit number.
+inline constexpr int32_t kZPIWidestSizeField = sizeof(uint64_t);
+
+/// Whether there is a size field of `width` bytes.
+inline bool ZPIIsSizeFieldWidth(int32_t width) {
+  return width >= 1 && width <= kZPIWidestSizeField;
+}
