@@ -5,12 +5,12 @@
 #include "Utility/ZPKExport.h"
 #include "Utility/ZPKTypes.h"
 
-/// What listens for connections until it is stopped.
+/// Listens for connections until it is stopped.
 class ZPK_EXPORT ZPKDataServer {
  public:
   virtual ~ZPKDataServer();
 
-  /// Ends the listening. True for success; the slot is touched on failure only.
+  /// Stops listening. True for success; only a failure touches the slot.
   virtual bool stop(ZPKErrorPtr* error = nullptr) = 0;
 };
 

@@ -18,7 +18,7 @@ bool reportFailedStart(ZPKErrorPtr* error, const ZPIFailureSite& site) {
   return false;
 }
 
-// Null stays null, so that the loop knows that nobody takes its connections.
+// Null stays null, so that the loop knows that there is nobody to hand its connections to.
 ZPKTCPServer::ResponseBlock makeChannelsFor(ZPKTCPServer::ConnectionBlock onConnection) {
   if (!onConnection) return nullptr;
   return [onConnection = std::move(onConnection)](int32_t connection) {
@@ -58,8 +58,8 @@ bool ZPKTCPServer::startWithSocket(int32_t socket, ResponseBlock onConnection, Z
 bool ZPKTCPServer::stop(ZPKErrorPtr* error) {
   if (!checkHandleValidWithError(error)) return false;
   if (wasNeverStarted()) return reportFailedStart(error, {"-[ZPKTCPServer stop:]"});
-  // On Linux a close does not wake a thread in accept; this does, with EINVAL. Where a close does,
-  // a listening socket may refuse the shutdown, which is fine.
+  // On Linux close does not wake a thread in accept; shutdown does, with EINVAL. Where close does,
+  // the system may refuse to shut down a listening socket, which is fine.
   ::shutdown(handle(), SHUT_RDWR);
   ::close(handle());
   setShouldCancel(true);
@@ -112,7 +112,7 @@ bool ZPKTCPServer::checkHandleValidWithError(ZPKErrorPtr* error) const {
   return reportFailedStart(error, {"-[ZPKTCPServer checkHandleValidWithError:]"});
 }
 
-// A new server's handle is 0, which is somebody's standard input and not to be closed.
+// A new server's handle is 0. That number is standard input and must not be closed.
 bool ZPKTCPServer::wasNeverStarted() const { return handle() == 0 && !isThread(_listenThread); }
 
 void ZPKTCPServer::waitForConnection() {
@@ -120,7 +120,7 @@ void ZPKTCPServer::waitForConnection() {
   newThreadWithBlock(&_listenThread, [self = shared_from_this(), listener = handle()] {
     self->acceptOn(listener);
   });
-  // The start has succeeded as far as its caller learns, so this is no failure with an error.
+  // The caller is told that the start succeeded, so this failure has no error.
   if (!isThread(_listenThread)) ZPKLoggingLog(ZPKLogGetAnchor(), 0, "Failed to start thread");
 }
 

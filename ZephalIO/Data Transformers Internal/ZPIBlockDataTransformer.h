@@ -7,7 +7,7 @@
 #include "Data Transformers/ZPKDataTransformer.h"
 #include "Utility/ZPKAtomic.h"
 
-/// Hands each chunk to a callback, which edits it. The callbacks run on the thread that called and
+/// Passes each chunk to a callback, which edits it. The callbacks run on the calling thread and
 /// must not call the transformer; they may be replaced on any thread.
 class ZPIBlockDataTransformer final : public ZPKDataTransformer {
   struct Key {
@@ -18,8 +18,8 @@ class ZPIBlockDataTransformer final : public ZPKDataTransformer {
   using DataBlock = std::function<void(ZPKMutableData* data)>;
   using ResetBlock = std::function<void()>;
 
-  /// A null reset callback is legal and makes reset fail. The data callback must not be null when a
-  /// chunk comes; the factory sees to that.
+  /// A null reset callback is legal and makes reset fail. The data callback must not be null when
+  /// modifyData is called; the factory makes sure of that.
   static std::shared_ptr<ZPIBlockDataTransformer> initWithDataBlock(
       DataBlock dataBlock, ResetBlock andResetBlock = nullptr);
 
@@ -36,7 +36,7 @@ class ZPIBlockDataTransformer final : public ZPKDataTransformer {
   void setResetBlock(ResetBlock resetBlock) { _resetBlock.store(shared(std::move(resetBlock))); }
 
  private:
-  // Never null. Shared, so that a call costs a reference and not a copy of what is captured.
+  // Never null. Shared, so that a call costs a reference and not a copy of the captures.
   template <class Block>
   using Shared = std::shared_ptr<const Block>;
 

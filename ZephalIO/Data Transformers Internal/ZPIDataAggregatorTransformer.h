@@ -4,11 +4,12 @@
 
 #include "Data Transformers/ZPKDataTransformer.h"
 
-/// Cuts a stream of bytes into units that end in a fixed terminator, and can cut the terminator off
-/// as well. One call hands out one unit; an empty chunk is enough for the next one. No lock.
+/// Splits a stream of bytes into units that end with a fixed terminator, and can remove the
+/// terminator. Each call outputs one unit; an empty chunk is enough to get the next one. Not
+/// thread-safe.
 ///
-/// With the terminator cut off an empty unit looks like no unit. A null or empty terminator, which
-/// the factory refuses, is never found.
+/// If terminators are removed, an empty unit looks like no unit. A null or empty terminator, which
+/// the factory rejects, is never found.
 class ZPIDataAggregatorTransformer final : public ZPKDataTransformer {
   struct Key {
     explicit Key() = default;
@@ -22,10 +23,10 @@ class ZPIDataAggregatorTransformer final : public ZPKDataTransformer {
   ZPIDataAggregatorTransformer(Key, ZPKDataPtr terminator, bool removeTerminator);
 
   void modifyData(ZPKMutableData* data) override;
-  /// Holds a new, empty buffer afterwards; always true.
+  /// Replaces the buffer by a new, empty one; always true.
   bool reset(ZPKErrorPtr* error = nullptr) override;
 
-  /// The held bytes, until the next reset.
+  /// The buffered bytes; the next reset replaces the object.
   ZPKMutableDataPtr buffer() const { return _buffer; }
   ZPKDataPtr data2Find() const { return _data2Find; }
   /// Nothing in the library calls it.

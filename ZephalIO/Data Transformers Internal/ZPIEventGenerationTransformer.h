@@ -5,16 +5,18 @@
 
 #include "Data Transformers/ZPKDataTransformer.h"
 
-/// Searches a stream for a pattern of bytes, calls an action at each occurrence, and can cut the
-/// pattern out.
+/// Searches a stream for a pattern of bytes, calls an action at each occurrence, and can remove the
+/// pattern.
 ///
-/// What could be the start of an occurrence is held until later bytes settle it; nothing times out.
-/// Of several starts that the end of a chunk could be, the shortest alone is held, unless all that
-/// there is is a start: behind other bytes an occurrence of a pattern whose start repeats can thus
-/// go unnoticed when it is split ("xaa" and then "b" for "aab").
+/// Bytes that could begin an occurrence are held back until later bytes decide; there is no
+/// timeout. If the end of the buffered bytes could be several starts of the pattern, only the
+/// shortest is held back, unless all the buffered bytes are such a start. So after other bytes a
+/// split occurrence of a pattern whose start repeats can go unnoticed ("xaa" and then "b" for
+/// "aab").
 ///
-/// No lock. The action runs on the thread that called, with the bytes before the occurrence already
-/// in the chunk (and the pattern, unless it is cut out), and must not call the transformer.
+/// Not thread-safe. The action runs on the calling thread and must not call the transformer. At
+/// that time the bytes before the occurrence are already in the chunk, and so is the pattern unless
+/// it is removed.
 class ZPIEventGenerationTransformer final : public ZPKDataTransformer {
   struct Key {
     explicit Key() = default;
@@ -23,8 +25,9 @@ class ZPIEventGenerationTransformer final : public ZPKDataTransformer {
  public:
   using Action = std::function<void()>;
 
-  /// Keeps a copy of `pattern`. A null action is not called; a null pattern is an empty one, which
-  /// counts as found once a call, at the start of the held bytes, and holds all of them.
+  /// Keeps a copy of `pattern`. A null action is not called. A null pattern is like an empty one,
+  /// which counts as found once per call, at the start of the buffered bytes, and holds back all of
+  /// them.
   static std::shared_ptr<ZPIEventGenerationTransformer> initWithData(const ZPKDataPtr& pattern,
                                                                      Action action,
                                                                      bool removeData);
@@ -32,10 +35,10 @@ class ZPIEventGenerationTransformer final : public ZPKDataTransformer {
   ZPIEventGenerationTransformer(Key, ZPKDataPtr pattern, Action action, bool removeData);
 
   void modifyData(ZPKMutableData* data) override;
-  /// Drops the held bytes; always true.
+  /// Drops the buffered bytes; always true.
   bool reset(ZPKErrorPtr* error = nullptr) override;
 
-  /// Whether the pattern is cut out. Nothing in the library calls these two.
+  /// Whether the pattern is removed. Nothing in the library calls these two.
   bool removeData() const { return _removeData; }
   Action action() const { return _action; }
 
@@ -45,7 +48,7 @@ class ZPIEventGenerationTransformer final : public ZPKDataTransformer {
   size_t heldAtTheEnd() const;
 
   const ZPKDataPtr _pattern;  // never null
-  // Between calls a proper start of the pattern, or nothing.
+  // Between calls this contains the start of a possible occurrence, or nothing.
   ZPKMutableData _buffer;
   const bool _removeData;
   const Action _action;

@@ -8,19 +8,20 @@
 #include "Data Transformers/ZPKDataTransformer.h"
 #include "Utility/ZPKAtomic.h"
 
-/// Takes a stream of packets, each a big-endian size of `packetLengthEncoding` bytes and then that
-/// many bytes, and hands out the payloads, one a call.
+/// Unpacks a stream of packets, each a big-endian size of `packetLengthEncoding` bytes followed by
+/// that many bytes of payload. Each call outputs one payload.
 ///
 ///     waiting for a size field --(a size other than 0)--> collecting a payload
 ///                ^                                                |
 ///                +-----------(the payload is complete)------------+
 ///
-/// A packet of size 0 is consumed and looks like none. Only the low 32 bits of a size count, as a
-/// signed number: one that is negative is never reached, and everything is held until reset. So it
-/// is while a size is due and the width is not 1 to 8, since no such field can be read.
+/// A packet of size 0 is consumed and looks like no packet. Only the low 32 bits of a size count,
+/// as a signed number; a negative size is never reached, so everything is held back until reset.
+/// The same happens while a size field is awaited and the width is not 1 to 8, since no such field
+/// can be read.
 ///
-/// The accessors may be used on any thread; the buffer itself has no lock. Nothing in the library
-/// calls setPacketLengthEncoding, readResults or those of the separator.
+/// The accessors may be used on any thread; the buffer itself is not thread-safe. Nothing in the
+/// library calls setPacketLengthEncoding, readResults or the accessors of the separator.
 class ZPIPacketAggregatorTransformer final : public ZPKDataTransformer {
   struct Key {
     explicit Key() = default;
@@ -33,7 +34,7 @@ class ZPIPacketAggregatorTransformer final : public ZPKDataTransformer {
   ZPIPacketAggregatorTransformer(Key, int32_t packetLengthEncoding);
 
   void modifyData(ZPKMutableData* data) override;
-  /// Drops the held bytes and waits for a size field; always true.
+  /// Drops the buffered bytes and waits for a size field; always true.
   bool reset(ZPKErrorPtr* error = nullptr) override;
 
   /// The width of the size field in bytes, from the next field on.
@@ -44,7 +45,7 @@ class ZPIPacketAggregatorTransformer final : public ZPKDataTransformer {
     _packetLengthEncoding.store(width, std::memory_order_relaxed);
   }
 
-  /// The held bytes, without a size field that was already read.
+  /// The buffered bytes, without a size field that was already read.
   ZPKMutableDataPtr buffer() const { return _buffer.load(); }
   void setBuffer(ZPKMutableDataPtr buffer) { _buffer.store(std::move(buffer)); }
 
@@ -77,12 +78,12 @@ class ZPIPacketAggregatorTransformer final : public ZPKDataTransformer {
 
 using ZPIPacketAggregatorTransformerPtr = std::shared_ptr<ZPIPacketAggregatorTransformer>;
 
-// The two steps of the source, declared for the test of what they assert. A failed assertion is
-// written to standard error and ends the process.
+// Two steps of the source, declared so that a test can check their assertions. A failed assertion
+// is written to standard error and ends the process.
 
-/// The size field of `sizeAllocated` bytes, 8 at the most, at the start of `dataIn`: the low 32
-/// bits of the number in it. Asserts that `dataIn` is long enough.
+/// Reads the size field of `sizeAllocated` bytes, at most 8, at the start of `dataIn`: the low 32
+/// bits of its number. Asserts that `dataIn` is long enough.
 int32_t readExpectedSizeAndSwap(const ZPKData& dataIn, size_t sizeAllocated);
 
-/// Drops the first `n` bytes of `dataIn`. Asserts that there are so many.
+/// Drops the first `n` bytes of `dataIn`. Asserts that there are that many.
 void truncateFirstNBytes(ZPKMutableData& dataIn, size_t n);

@@ -6,10 +6,10 @@
 
 #include "Data Transformers/ZPKDataTransformer.h"
 
-/// Puts the size of each chunk in front of it: a big-endian number of `packetLengthEncoding` bytes
-/// that counts the chunk alone. An empty chunk gets a size of 0.
+/// Puts the size of each chunk in front of it: a big-endian number of `packetLengthEncoding` bytes,
+/// which does not count itself. An empty chunk gets a size of 0.
 ///
-/// A chunk that is too long for the field goes out as it is. So does every chunk while the width is
+/// A chunk that is too long for the field passes unchanged. So does every chunk while the width is
 /// not 1 to 8. Nothing is kept between calls; the width may be changed on any thread.
 class ZPIPacketSizePrependTransformer final : public ZPKDataTransformer {
   struct Key {
@@ -26,7 +26,7 @@ class ZPIPacketSizePrependTransformer final : public ZPKDataTransformer {
   /// Does nothing; always true.
   bool reset(ZPKErrorPtr* error = nullptr) override;
 
-  /// The width of the size field in bytes. Nothing in the library sets it later.
+  /// The width of the size field in bytes. Nothing in the library changes it later.
   int32_t packetLengthEncoding() const {
     return _packetLengthEncoding.load(std::memory_order_relaxed);
   }

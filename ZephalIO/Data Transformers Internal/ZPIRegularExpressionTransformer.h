@@ -5,17 +5,17 @@
 #include "Data Transformers/ZPKDataTransformer.h"
 #include "Utility/ZPKRegex.h"
 
-/// Holds a stream back until an expression matches, and then hands out everything up to the end of
-/// the last match. All held bytes are searched again on every call that changed them: what is held
-/// long and comes in many pieces costs the square of its length. No lock.
+/// Holds back a stream until an expression matches, and then outputs everything up to the end of
+/// the last match. Every call that changes the buffered bytes searches all of them again, so a long
+/// response that arrives in many pieces costs the square of its length. Not thread-safe.
 ///
-/// Two habits that callers have come to rely on:
-/// - a match that ends where the held bytes end is handed out and stays held, so that it comes out
-///   again with the next match, until reset;
-/// - the end of a match, counted in code points, is used as a number of bytes: behind text that is
-///   not ASCII the cut falls short of the match's end.
+/// Callers have come to rely on two habits:
+/// - if a match ends at the end of the buffered bytes, they are output and stay buffered, so they
+///   are output again with the next match, until reset;
+/// - the end of a match is counted in code points but used as a number of bytes: after text that is
+///   not ASCII, the output ends before the match does.
 ///
-/// Held bytes that are not valid UTF-8 have no match.
+/// Buffered bytes that are not valid UTF-8 have no match.
 class ZPIRegularExpressionTransformer final : public ZPKDataTransformer {
   struct Key {
     explicit Key() = default;
@@ -28,7 +28,7 @@ class ZPIRegularExpressionTransformer final : public ZPKDataTransformer {
   ZPIRegularExpressionTransformer(Key, ZPKRegexPtr regex);
 
   void modifyData(ZPKMutableData* data) override;
-  /// Drops the held bytes; always true.
+  /// Drops the buffered bytes; always true.
   bool reset(ZPKErrorPtr* error = nullptr) override;
 
  private:
@@ -37,7 +37,7 @@ class ZPIRegularExpressionTransformer final : public ZPKDataTransformer {
   const ZPKMutableDataPtr _buffer;
   const ZPKRegexPtr _regex;
 
-  // What the last search of the held bytes found, for as long as they are the same.
+  // The result of the last search, valid until the buffered bytes change.
   bool _isSearched = false;
   size_t _matches = 0;
   size_t _end = 0;  // of the last match, in code points

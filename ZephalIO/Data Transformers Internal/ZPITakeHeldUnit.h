@@ -2,6 +2,7 @@
 
 #include "Data Transformers/ZPKMutableDataAggregatorTransformer.h"
 
-/// What modifyData would leave in an empty chunk while there is a terminator: the first whole unit
-/// among the held bytes, or null if there is none. Spares the chunk and the move into it.
+/// Removes and returns the first whole unit of the buffered bytes; null if there is none, or no
+/// terminator. This is what modifyData would put into an empty chunk, without the cost of the chunk
+/// and of the move into it.
 ZPKMutableDataPtr ZPITakeHeldUnit(ZPKMutableDataAggregatorTransformer& aggregator);

@@ -12,7 +12,7 @@ namespace {
 constexpr size_t kECIDTextLength = 19;
 constexpr size_t kDelimiterOffset = kECIDTextLength - 1;
 
-// Both are immutable and the same for every detector, so all share one.
+// Both are immutable and the same for every detector, so all detectors share them.
 const ZPKDataPtr& initialDelimiter() {
   static const ZPKDataPtr delimiter = ZPKData::dataWithString("] :-) ");
   return delimiter;
@@ -43,7 +43,7 @@ void ZPKECIDSwapDetectTransformer::modifyData(ZPKMutableData* data) {
   const std::optional<std::string>& current = _expected.current();
   if (data == nullptr || !current.has_value() || current->empty()) return;
   const std::optional<std::string_view> bytes = bytesBeforeDelimiter(*data);
-  // The usual prompt is the expected one: it needs no look at its form.
+  // Usually the prompt is the expected one, and its form need not be checked.
   if (!bytes.has_value() || *bytes == *current || !hasECIDForm(*bytes)) return;
   const std::string expected = *current;
   const std::string read(*bytes);
@@ -51,8 +51,8 @@ void ZPKECIDSwapDetectTransformer::modifyData(ZPKMutableData* data) {
   swapAction()(expected, read);
 }
 
-// Where an ECID text belongs: up to the first byte of the chunk's first delimiter. Null if there is
-// no delimiter, or no room in front of it.
+// The bytes where an ECID text belongs: up to and including the first byte of the chunk's first
+// delimiter. Null if there is no delimiter, or not enough bytes in front of it.
 std::optional<std::string_view> ZPKECIDSwapDetectTransformer::bytesBeforeDelimiter(
     const ZPKMutableData& chunk) const {
   const ZPKDataPtr delimiter = smileyDelimiter();

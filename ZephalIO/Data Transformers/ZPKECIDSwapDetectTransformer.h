@@ -12,14 +12,14 @@
 #include "Utility/ZPKNumber.h"
 #include "Utility/ZPKRegex.h"
 
-/// Notices that another device answers: compares the chip identifier (ECID) in a device's prompt,
-/// "[0000BEEF:0BADF00D] :-) ", with the expected one.
+/// Detects that a different device answers: compares the chip identifier (ECID) in a device's
+/// prompt, "[0000BEEF:0BADF00D] :-) ", with the expected one.
 ///
-/// Each chunk is looked at alone, and only its first "] :-) " counts. A prompt whose 19 characters
-/// of ECID differ from the expected text calls the swap action, once a chunk, and by default
-/// empties the chunk. The comparison is case sensitive and the expected text is in upper case, so a
-/// device that prints its ECID in lower case counts as swapped. Nothing is remembered between
-/// calls.
+/// Each chunk is examined on its own, and only its first "] :-) " counts. If the 19 characters of
+/// the prompt's ECID differ from the expected text, the transformer calls the swap action, once per
+/// chunk, and by default empties the chunk. The comparison is case-sensitive and the expected text
+/// is in upper case, so a device that prints its ECID in lower case counts as swapped. Nothing is
+/// remembered between calls.
 ///
 /// Off until an ECID is expected. All accessors may be used on any thread while modifyData runs.
 class ZPK_EXPORT ZPKECIDSwapDetectTransformer final : public ZPKDataTransformer {
@@ -28,46 +28,46 @@ class ZPK_EXPORT ZPKECIDSwapDetectTransformer final : public ZPKDataTransformer 
   };
 
  public:
-  /// Gets the expected and then the read ECID text, on the thread that called modifyData.
+  /// Gets the expected ECID text and then the one that was read, on the thread that called
+  /// modifyData.
   using SwapAction =
       std::function<void(const std::string& expectedECID, const std::string& readECID)>;
 
-  /// A detector, off at first. The action must not be null when a swap is found.
+  /// A detector, initially off. The action must not be null when a swap is found.
   static std::shared_ptr<ZPKECIDSwapDetectTransformer> initWithSwapAction(SwapAction swapAction);
 
   ZPKECIDSwapDetectTransformer(Key, SwapAction swapAction);
   ~ZPKECIDSwapDetectTransformer() override;
 
-  /// Looks for a prompt in the chunk, and empties the chunk on a swap unless told to keep it. A
-  /// null chunk holds no prompt.
+  /// Looks for a prompt in the chunk, and empties the chunk on a swap if
+  /// dropResponseWhenECIDSwapDetected. Does nothing for a null chunk.
   void modifyData(ZPKMutableData* data) override;
   /// Does nothing; always true. The expected ECID stays.
   bool reset(ZPKErrorPtr* error = nullptr) override;
 
   /// Expects the device with this ECID, read as an unsigned 64-bit value; null turns detection off.
   void setExpectedECID(std::optional<ZPKNumber> ecid);
-  /// The expected ECID; 0 also while detection is off, and for a text that is no ECID.
+  /// The expected ECID; 0 also while detection is off, and for a text that is not an ECID.
   ZPKNumber expectedECID() const;
 
   /// Whether a swap empties the chunk; true at first.
   bool dropResponseWhenECIDSwapDetected() const;
   void setDropResponseWhenECIDSwapDetected(bool drop);
 
-  /// What a swap calls. A new action, which must not be null when a swap is found, counts from the
-  /// next swap on.
+  /// The action of a swap. A new one takes effect with the next swap and must not be null then.
   SwapAction swapAction() const;
   void setSwapAction(SwapAction swapAction);
 
-  /// The bytes that mark a prompt, "] :-) " at first. The ECID text ends with their first byte,
-  /// whatever they are. Null or empty bytes are never found.
+  /// The bytes that mark a prompt, initially "] :-) ". The ECID text always ends with their first
+  /// byte. Null or empty bytes are never found.
   ZPKDataPtr smileyDelimiter() const;
   void setSmileyDelimiter(ZPKDataPtr delimiter);
 
-  /// The form of an ECID text. Null never matches.
+  /// The form of an ECID text. Null matches nothing.
   ZPKRegexPtr regex() const;
   void setRegex(ZPKRegexPtr regex);
 
-  /// The expected text, as in "[0000BEEF:0BADF00D]"; null or empty while detection is off.
+  /// The expected text, such as "[0000BEEF:0BADF00D]"; null or empty while detection is off.
   std::optional<std::string> expectedECIDString() const;
   void setExpectedECIDString(std::optional<std::string> text);
 

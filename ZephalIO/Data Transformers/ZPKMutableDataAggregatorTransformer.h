@@ -5,43 +5,44 @@
 #include "Data Transformers/ZPKDataTransformer.h"
 #include "Utility/ZPKAtomic.h"
 
-/// Cuts a stream of bytes into units that end in a terminator, which can be changed at any time.
+/// Splits a stream of bytes into units that end with a terminator, which can be changed at any
+/// time.
 ///
-/// Bytes are held until the terminator has come; one call hands out one unit, terminator included.
-/// A second complete unit comes out with the next call, for which an empty chunk is enough. The
-/// whole of the held bytes counts on every call, so a terminator is found however it was split, and
-/// bytes that came under an old terminator are cut at the new one. No terminator, null or empty,
-/// lets everything through. Nothing limits what is held.
+/// Bytes are buffered until the terminator arrives; each call outputs one unit, terminator
+/// included. The next call outputs the second complete unit; an empty chunk is enough for that.
+/// Every call considers all buffered bytes, so a terminator is found however it was split, and
+/// bytes that arrived under an old terminator are split at the new one. Without a terminator (null
+/// or empty) everything passes. Nothing limits the buffer.
 ///
 /// The terminator may be changed on any thread, also during modifyData, which then finishes with
-/// the old one; everything else belongs to one thread at a time.
+/// the old one. Use everything else on one thread at a time.
 class ZPK_EXPORT ZPKMutableDataAggregatorTransformer final : public ZPKDataTransformer {
   struct Key {
     explicit Key() = default;
   };
 
  public:
-  /// An aggregator that cuts at a copy of `terminator`, which may be null or empty.
+  /// An aggregator that splits at a copy of `terminator`, which may be null or empty.
   static std::shared_ptr<ZPKMutableDataAggregatorTransformer> initWithTerminator(
       const ZPKDataPtr& terminator);
 
   ZPKMutableDataAggregatorTransformer(Key, ZPKDataPtr terminator);
   ~ZPKMutableDataAggregatorTransformer() override;
 
-  /// Adds the chunk to what is held and leaves the first complete unit in it, or nothing. A null
-  /// chunk changes nothing, not even when a complete unit is held.
+  /// Adds the chunk to the buffered bytes and leaves the first complete unit in it, or nothing. A
+  /// null chunk changes nothing, even if a complete unit is buffered.
   void modifyData(ZPKMutableData* data) override;
-  /// Drops the held bytes. Always true; the terminator stays.
+  /// Drops the buffered bytes and keeps the terminator; always true.
   bool reset(ZPKErrorPtr* error = nullptr) override;
 
-  /// The held bytes: always the same object, never null. Do not touch it while modifyData or reset
-  /// runs.
+  /// The buffered bytes: always the same object, never null. Do not touch it while modifyData or
+  /// reset runs.
   ZPKMutableDataPtr buffer() const;
 
   /// The terminator; may be null.
   ZPKDataPtr data2Find() const;
-  /// Replaces the terminator, keeping the reference it is given. Nothing is searched or handed out
-  /// before the next modifyData.
+  /// Replaces the terminator; keeps the reference, not a copy. Nothing is searched or output before
+  /// the next modifyData.
   void setData2Find(ZPKDataPtr data2Find);
 
  private:

@@ -5,8 +5,8 @@
 #include "Data Transformers/ZPKDataTransformer.h"
 #include "Utility/ZPKAtomic.h"
 
-/// Adds bytes, such as a line terminator, to the end of every chunk, an empty one included. The
-/// bytes may be changed on any thread at any time; nothing else is kept between calls.
+/// Appends bytes, such as a line terminator, to every chunk, an empty one included. The bytes may
+/// be changed on any thread at any time; nothing else is kept between calls.
 class ZPK_EXPORT ZPKMutableDataAppendingTransformer final : public ZPKDataTransformer {
   struct Key {
     explicit Key() = default;
@@ -20,14 +20,14 @@ class ZPK_EXPORT ZPKMutableDataAppendingTransformer final : public ZPKDataTransf
   ZPKMutableDataAppendingTransformer(Key, ZPKDataPtr dataToAppend);
   ~ZPKMutableDataAppendingTransformer() override;
 
-  /// Adds the bytes. A null chunk is left alone.
+  /// Appends the bytes. Does nothing for a null chunk.
   void modifyData(ZPKMutableData* data) override;
   /// Does nothing; always true.
   bool reset(ZPKErrorPtr* error = nullptr) override;
 
   /// The bytes; may be null.
   ZPKDataPtr dataToAppend() const;
-  /// Replaces the bytes, keeping the reference it is given, from the next chunk on.
+  /// Replaces the bytes from the next chunk on; keeps the reference, not a copy.
   void setDataToAppend(ZPKDataPtr dataToAppend);
 
  private:

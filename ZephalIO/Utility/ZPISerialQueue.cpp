@@ -14,11 +14,11 @@
 
 namespace {
 
-// A thread that had nothing to do for less than this is in the middle of busy traffic.
+// A thread that was idle for less than this is in the middle of busy traffic.
 constexpr std::chrono::microseconds kShortPause{100};
 
-// All signals but those that a fault raises on the thread itself: if these were blocked, they would
-// bypass the handlers of the host program.
+// All signals except those that a fault raises on the thread itself: if these were blocked, the
+// handlers of the host program would not run.
 sigset_t allSignalsButFaults() {
   sigset_t signals;
   ::sigfillset(&signals);
@@ -62,8 +62,8 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
   }
 
  private:
-  // The turn of a caller that runs its own task. It waits among the tasks, where an empty one keeps
-  // the caller's place.
+  // The turn of a caller that runs its own task. While the caller waits, an empty task keeps its
+  // place in the queue.
   class CallersTurn {
    public:
     explicit CallersTurn(State& state) : _state(state) {
@@ -86,7 +86,7 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
     State& _state;
   };
 
-  // Wakes whoever has the next turn, after unlocking: the one that wakes needs the lock.
+  // Wakes the thread whose turn is next, after releasing the lock, which that thread needs.
   void wakeNext(std::unique_lock<std::mutex>& lock) {
     const bool isForThread = _waiting.empty() ? _isEnding : _waiting.front() != nullptr;
     lock.unlock();
@@ -115,7 +115,7 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
       _isBusy = true;
       lock.unlock();
       task();
-      task = nullptr;  // what the task held may destroy the queue here
+      task = nullptr;  // destroying the task's captures may destroy the queue here
       lock.lock();
       _isBusy = false;
       if (!_waiting.empty() && _waiting.front() == nullptr) _callersTurn.notify_all();
@@ -125,7 +125,7 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
 
   bool hasTask() const { return !_isBusy && !_waiting.empty() && _waiting.front() != nullptr; }
 
-  // Returns whether there is a task to run; if not, the thread must end.
+  // Waits for a task to run. Returns false if the thread must end instead.
   bool waitForTask(std::unique_lock<std::mutex>& lock) {
     if (!hasTask() && _lastPause < kShortPause) letOthersRun(lock);
     if (hasTask()) return true;
@@ -135,8 +135,8 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
     return hasTask();
   }
 
-  // Before the thread goes to sleep. In busy traffic others queue the next task meanwhile, and do
-  // not have to wake the thread for it.
+  // Lets other threads run before this one goes to sleep. In busy traffic they add the next task in
+  // the meantime, and then need not wake this thread for it.
   static void letOthersRun(std::unique_lock<std::mutex>& lock) {
     lock.unlock();
     ::sched_yield();
@@ -148,7 +148,7 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
   std::condition_variable _threadsTurn;
   std::condition_variable _callersTurn;
   std::list<Task> _waiting;
-  bool _isBusy = false;  // a task runs, on whatever thread
+  bool _isBusy = false;  // a task is running, on any thread
   bool _hasThread = false;
   bool _isEnding = false;  // the thread must end once nothing is queued, or there is none
   std::chrono::steady_clock::duration _lastPause = kShortPause;  // the thread's own

@@ -10,7 +10,7 @@
 
 namespace {
 
-// A connect that a signal interrupts goes on in the system, which tells the outcome once.
+// If a signal interrupts connect, the system continues to connect and reports the outcome one time.
 int waitForConnection(int fd) {
   pollfd entry{fd, POLLOUT, 0};
   while (::poll(&entry, 1, -1) == -1) {
@@ -39,8 +39,8 @@ int ZPIMakeSocket(int family, ZPISocketOwner owner) {
 
 int ZPIConnect(int fd, const sockaddr* address, socklen_t length) {
   int result = ::connect(fd, address, length);
-  // A unix socket waits for room in the backlog, and has not begun to connect before that: poll
-  // would call it writable, with no error.
+  // A unix socket that waits for room in the backlog has not begun to connect: poll would report it
+  // as writable, with no error.
   while (result == -1 && errno == EINTR && address->sa_family == AF_UNIX) {
     result = ::connect(fd, address, length);
   }
@@ -56,7 +56,7 @@ void ZPIAvoidSigpipe(int fd, [[maybe_unused]] ZPISocketOwner owner) {
 }
 
 int ZPIAccept(int listener) {
-  sockaddr address{};  // nobody looks at it
+  sockaddr address{};  // not used
   socklen_t length = sizeof address;
 #ifdef SOCK_CLOEXEC
   return ::accept4(listener, &address, &length, SOCK_CLOEXEC);

@@ -10,8 +10,8 @@
 class ZPKArray;
 using ZPKArrayPtr = std::shared_ptr<const ZPKArray>;
 
-/// A list of objects, nulls among them or not. The default serializer writes one and refuses to
-/// read one.
+/// A list of objects, any of which may be null. The default serializer writes arrays but does not
+/// read them.
 class ZPK_EXPORT ZPKArray final : public ZPKObject {
   struct Key {
     explicit Key() = default;
@@ -29,7 +29,7 @@ class ZPK_EXPORT ZPKArray final : public ZPKObject {
   ~ZPKArray() override;
 
   size_t count() const;
-  /// The element at a position; null beyond the last.
+  /// The element at `index`, counted from 0; null after the last.
   ZPKObjectPtr object(size_t index) const;
 
   Elements::const_iterator begin() const;
@@ -41,5 +41,5 @@ class ZPK_EXPORT ZPKArray final : public ZPKObject {
   std::string debugDescription() const override;
 
  private:
-  Elements _elements;  // changed by the destructor alone
+  Elements _elements;  // changed only by the destructor
 };

@@ -1,8 +1,8 @@
 // A property that one thread may read while another sets it.
 //
-// These classes are in the public headers only because exported classes have them as fields. A
-// caller's program neither runs their code nor depends on their size, and nothing of them is
-// exported: all of it may change.
+// These classes are in the public headers only because exported classes have fields of them. A
+// caller's program neither runs their code nor depends on their size, and none of it is exported,
+// so everything here may change.
 #pragma once
 
 #include <atomic>
@@ -10,12 +10,12 @@
 #include <mutex>
 #include <utility>
 
-/// A mutex of four bytes: objects here have up to a dozen properties each, and a station holds
+/// A mutex of four bytes: objects here have up to a dozen properties each, and a station has
 /// hundreds of objects. A waiter sleeps in the system; nothing spins without limit.
 ///
 /// Only code of the shared library may lock it. The standard library counts the waiters of an
-/// atomic in a table of its own, of which the shared library and its user may each have one, and a
-/// wake that looks into another table than the waiter's is lost.
+/// atomic in a table of its own. The shared library and the program may each have such a table, and
+/// a wake that looks into a different table than the waiter's is lost.
 class ZPKSmallMutex {
  public:
   void lock() {
@@ -59,11 +59,11 @@ class ZPKAtomic {
       std::swap(_value, value);
       _version.fetch_add(1, std::memory_order_release);
     }
-    // The old value goes here, outside the lock: its destructor may run a caller's code.
+    // The old value is destroyed here, outside the lock: its destructor may run a caller's code.
   }
 
-  /// A reader's own copy of a property, renewed only when the property was replaced: a read of an
-  /// unchanged property costs one atomic load. Belongs to one thread at a time.
+  /// A reader's own copy of a property, renewed only when the property was replaced: reading an
+  /// unchanged property costs one atomic load. For one thread at a time.
   class Snapshot {
    public:
     explicit Snapshot(const ZPKAtomic& property)
@@ -71,14 +71,14 @@ class ZPKAtomic {
           _version(property._version.load(std::memory_order_relaxed)),
           _value(property.load()) {}
 
-    /// The property's present value; the reference holds until the next call.
+    /// The property's present value; the reference is valid until the next call.
     const T& current() {
       if (_property._version.load(std::memory_order_acquire) != _version) renew();
       return _value;
     }
 
    private:
-    // The version first: a store in between makes the next read renew once more.
+    // Reads the version first: after a store in between, the next read renews the copy again.
     void renew() {
       _version = _property._version.load(std::memory_order_acquire);
       _value = _property.load();
@@ -90,8 +90,8 @@ class ZPKAtomic {
   };
 
   /// The same for a property that is a shared pointer, without keeping its object alive: each read
-  /// hands out a reference of its own, and an object that the property gave up goes with the last
-  /// of them. Belongs to one thread at a time.
+  /// returns a reference of its own, and an object that the property has released is destroyed with
+  /// the last of them. For one thread at a time.
   class WeakSnapshot {
    public:
     explicit WeakSnapshot(const ZPKAtomic& property) : _property(property) { renewed(); }
@@ -105,7 +105,7 @@ class ZPKAtomic {
     }
 
    private:
-    // The version first, as above.
+    // Reads the version first, as above.
     T renewed() {
       _version = _property._version.load(std::memory_order_acquire);
       T object = _property.load();

@@ -9,7 +9,7 @@ namespace {
 constexpr std::string_view kPrefix = "0x";
 constexpr std::string_view kHexDigits = "0123456789ABCDEFabcdef";
 
-// One pass from the left: an occurrence that the removal brings together stays.
+// One pass from the left: an occurrence that only the removal of another brings about stays.
 std::string withoutEvery(std::string_view part, std::string_view text) {
   std::string kept;
   for (size_t at = text.find(part); at != std::string_view::npos; at = text.find(part)) {

@@ -24,7 +24,7 @@ bool isInOrder(const ZPKDictionary::Entries& entries) {
   return std::adjacent_find(entries.begin(), entries.end(), isNotBefore) == entries.end();
 }
 
-// Of equal keys the last is kept.
+// Keeps the last of several equal keys.
 void sortAndDropRepeats(ZPKDictionary::Entries* entries) {
   std::stable_sort(entries->begin(), entries->end(), isEntryBefore);
   const auto firstKept =

@@ -30,7 +30,8 @@ struct ZPK_EXPORT ZPKDictionaryEntry {
 ///     const auto message = ZPKDictionary::init({{"name", "dut-7"}, {"slot", 3}, {"ok", true}});
 ///     const int64_t slot = message->integer("slot").value_or(-1);
 ///
-/// The getters never fail: a key that is missing, or whose value is of another class, is null.
+/// The getters never fail: they return null for a key that is missing or whose value is of a
+/// different class.
 class ZPK_EXPORT ZPKDictionary final : public ZPKObject {
   struct Key {
     explicit Key() = default;
@@ -39,8 +40,8 @@ class ZPK_EXPORT ZPKDictionary final : public ZPKObject {
  public:
   using Entries = std::vector<ZPKDictionaryEntry>;
 
-  /// A dictionary of these entries. Of a key that occurs more than once the last counts, and an
-  /// entry whose value is null is left out.
+  /// A dictionary of these entries. If a key occurs more than once, its last entry counts. An entry
+  /// whose value is null is left out.
   static ZPKDictionaryPtr init(std::initializer_list<ZPKDictionaryEntry> entries = {});
   static ZPKDictionaryPtr init(Entries entries);
 
@@ -51,21 +52,21 @@ class ZPK_EXPORT ZPKDictionary final : public ZPKObject {
 
   size_t count() const;
 
-  /// The value of a key, of whatever class.
+  /// The value of a key, of any class.
   ZPKObjectPtr object(std::string_view key) const;
   std::optional<std::string> string(std::string_view key) const;
   std::optional<ZPKNumber> number(std::string_view key) const;
-  /// A number that is exactly a signed 64-bit integer, of whatever kind: 2 and 2.0, but not 2.5.
+  /// A number of any kind whose value is exactly a signed 64-bit integer: 2 and 2.0, but not 2.5.
   std::optional<int64_t> integer(std::string_view key) const;
-  /// Any number, as ZPKNumber::doubleValue.
+  /// Any number, converted by ZPKNumber::doubleValue.
   std::optional<double> real(std::string_view key) const;
-  /// Any number, as ZPKNumber::boolValue.
+  /// Any number, converted by ZPKNumber::boolValue.
   std::optional<bool> boolean(std::string_view key) const;
   ZPKDataPtr data(std::string_view key) const;
   ZPKDictionaryPtr dictionary(std::string_view key) const;
   ZPKArrayPtr array(std::string_view key) const;
 
-  /// The entries: shorter keys first, keys of one length by their bytes.
+  /// The entries: shorter keys first, keys of equal length by their bytes.
   ///
   ///     for (const auto& [key, value] : *message) show(key, value->debugDescription());
   Entries::const_iterator begin() const;
@@ -77,6 +78,6 @@ class ZPK_EXPORT ZPKDictionary final : public ZPKObject {
   std::string debugDescription() const override;
 
  private:
-  // In the order of begin(), each key once, no null; changed by the destructor alone.
+  // In the order of begin(), without repeated keys and nulls; changed only by the destructor.
   Entries _entries;
 };

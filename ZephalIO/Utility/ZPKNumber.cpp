@@ -31,7 +31,7 @@ std::string shortest(auto value, Form... form) {
   return std::string(buffer.data(), end);
 }
 
-// Plain digits for every size that a reader takes in at a glance, an exponent beyond.
+// Plain digits for every size that is easy to read, an exponent for the others.
 std::string shortestReal(double value) {
   const double size = std::fabs(value);
   const bool isPlain = size == 0.0 || (size >= 1e-4 && size < 1e16);

@@ -9,10 +9,10 @@
 #include "Utility/ZPKExport.h"
 #include "Utility/ZPKObject.h"
 
-/// A number of any kind: an integer of either sign, a double or a bool. Made implicitly from each,
-/// so that a timeout can be written 2, 0.5 or -1. One that may be null is a
-/// std::optional<ZPKNumber>. A plain value: copies are independent. As an object it is shared, like
-/// any other.
+/// A number of any kind: a signed or unsigned integer, a double or a bool. It converts implicitly
+/// from each, so that a timeout can be written as 2, 0.5 or -1. A number that may be null is a
+/// std::optional<ZPKNumber>. A plain value: copies are independent. As a ZPKObject it is shared,
+/// like any other object.
 // Frozen: callers' programs are compiled with its layout. See CONTRIBUTING, The binary interface.
 class ZPK_EXPORT ZPKNumber final : public ZPKObject {
  public:
@@ -27,28 +27,28 @@ class ZPK_EXPORT ZPKNumber final : public ZPKObject {
   bool isDouble() const { return std::holds_alternative<double>(_value); }
   bool isInteger() const { return !isBool() && !isDouble(); }
 
-  /// The value as a double, rounded to the nearest where it has more digits.
+  /// The value as a double, rounded to the nearest if it has more digits.
   double doubleValue() const;
   /// False for 0 and 0.0, true for everything else.
   bool boolValue() const;
-  /// The value as a signed integer: a fraction is cut off, what lies outside the type's range
-  /// becomes its nearest end, and not-a-number becomes 0.
+  /// The value as a signed integer: a fraction is truncated, a value outside the type's range
+  /// becomes the nearer end of the range, and not-a-number becomes 0.
   int64_t integerValue() const;
-  /// The value as an unsigned integer, cut and limited likewise, except that a negative integer
-  /// keeps its 64 bits.
+  /// The value as an unsigned integer, truncated and limited likewise, except that a negative
+  /// integer keeps its 64 bits.
   uint64_t unsignedIntegerValue() const;
   explicit operator bool() const { return boolValue(); }
 
-  /// In decimal, in the shortest form that reads back as the same value: 1, 0.5, -1. Only a double
-  /// from 1e16 up or below 1e-4 has an exponent. A bool is 1 or 0.
+  /// The value in decimal, in the shortest form that reads back as the same value: 1, 0.5, -1. Only
+  /// a double of 1e16 or more, or below 1e-4, has an exponent. A bool is 1 or 0.
   std::string stringValue() const;
   std::string debugDescription() const override { return stringValue(); }
 
-  /// Whether two numbers as objects are equal: as for ==, except that not-a-number equals itself.
+  /// Like ==, except that not-a-number equals itself. False for an object of a different class.
   bool isEqual(const ZPKObject& other) const override;
 
-  /// Whether two numbers have exactly the same value, whatever kinds they are of: 1, 1.0 and true
-  /// are equal. Not-a-number equals nothing.
+  /// Whether two numbers, of any kind, have exactly the same value: 1, 1.0 and true are equal.
+  /// Not-a-number equals nothing.
   friend ZPK_EXPORT bool operator==(const ZPKNumber& left, const ZPKNumber& right);
 
  private:

@@ -9,18 +9,18 @@
 class ZPKObject;
 using ZPKObjectPtr = std::shared_ptr<const ZPKObject>;
 
-/// The root of what a serializer carries: ZPKDictionary, ZPKString, ZPKNumber, ZPKData, ZPKArray,
-/// and classes of a caller's own, for a caller's own serializer.
+/// The base class of everything that a serializer carries: ZPKDictionary, ZPKString, ZPKNumber,
+/// ZPKData, ZPKArray, and a caller's own classes for a caller's own serializer.
 ///
-/// Objects are immutable and shared: a copy of any object, however large, is a copy of its pointer,
-/// and every thread may read it. Comparing and destroying take no recursion, so nesting has no
-/// limit.
+/// Objects are immutable and shared: to copy any object, however large, copy its pointer. Every
+/// thread may read it. Comparing and destroying do not recurse, so nesting has no limit.
 class ZPK_EXPORT ZPKObject {
  public:
   virtual ~ZPKObject();
 
-  /// Whether `other` has the same value. Numbers compare as ZPKNumber does, except that
-  /// not-a-number equals itself here. A class that does not override it equals itself alone.
+  /// Whether `other` has the same value. Numbers compare like ZPKNumber's ==, except that here
+  /// not-a-number equals itself. An object of a class that does not override this equals only
+  /// itself.
   virtual bool isEqual(const ZPKObject& other) const;
 
   /// One line for a log or a debugger.
@@ -28,15 +28,15 @@ class ZPK_EXPORT ZPKObject {
 
  protected:
   ZPKObject() = default;
-  // For derived classes that are plain values; a ZPKObject alone is never copied.
+  // For derived classes that are plain values; a ZPKObject on its own is never copied.
   ZPKObject(const ZPKObject&) = default;
   ZPKObject& operator=(const ZPKObject&) = default;
 };
 
-/// isEqual for objects that may be null: null equals null alone.
+/// isEqual for objects that may be null: null equals only null.
 ZPK_EXPORT bool ZPKObjectsAreEqual(const ZPKObjectPtr& left, const ZPKObjectPtr& right);
 
-/// `object` as a `T`, or null if it is of another class, or null:
+/// `object` as a `T`; null if it is of a different class, or null:
 ///
 ///     if (const auto message = ZPKObjectCast<ZPKDictionary>(object)) use(message->string("name"));
 template <std::derived_from<ZPKObject> T>

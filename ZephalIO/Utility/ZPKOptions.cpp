@@ -6,8 +6,8 @@
 
 namespace {
 
-// Whether a text is a word of lower-case letters, in any case. Not by the locale, which may know
-// other letters.
+// Whether `text` is `word`, which is in lower case, in any mixture of cases. Does not ask the
+// locale, which may have other letters.
 bool isWord(std::string_view text, std::string_view word) {
   return std::equal(text.begin(), text.end(), word.begin(), word.end(), [](char one, char other) {
     return (one >= 'A' && one <= 'Z' ? one - 'A' + 'a' : one) == other;
@@ -72,7 +72,7 @@ int64_t ZPKIntegerFromString(std::optional<std::string_view> text) {
   rest.remove_prefix(std::min(rest.find_first_not_of(" \t\n\v\f\r"), rest.size()));
   const bool isNegative = rest.starts_with('-');
   if (isNegative || rest.starts_with('+')) rest.remove_prefix(1);
-  // Counted downwards, since the negative range is the larger one.
+  // Counts downwards, since the negative range is the larger one.
   constexpr int64_t kLowest = std::numeric_limits<int64_t>::min();
   int64_t negated = 0;
   for (const char character : rest) {

@@ -11,8 +11,8 @@
 #include "Utility/ZPKNumber.h"
 #include "Utility/ZPKTypes.h"
 
-/// A dictionary from strings to numbers and strings, such as the options of a serial port. Not safe
-/// to change on one thread while another uses it; channels take a copy.
+/// A dictionary from strings to numbers and strings, such as the options of a serial port. Do not
+/// change it on one thread while another uses it; channels keep a copy.
 class ZPK_EXPORT ZPKOptions {
   struct Key {
     explicit Key() = default;
@@ -31,14 +31,13 @@ class ZPK_EXPORT ZPKOptions {
 
   /// The value of a key, or null.
   std::optional<Value> get(std::string_view key) const;
-  /// The value as a number: a string is read as a decimal integer from its start, as by
-  /// ZPKIntegerFromString. Null for a missing key.
+  /// The value as a number; a string is converted by ZPKIntegerFromString. Null for a missing key.
   std::optional<ZPKNumber> number(std::string_view key) const;
   /// The value as a bool. A number is false if it is 0. A string is true if it is "true" or "yes",
   /// in any case, or if it begins with a number that is not 0, such as "1"; anything else, "no" and
   /// "on" included, is false. Null for a missing key.
   std::optional<bool> boolean(std::string_view key) const;
-  /// The value as a string: a number in decimal. Null for a missing key.
+  /// The value as a string; a number in decimal. Null for a missing key.
   std::optional<std::string> string(std::string_view key) const;
 
   /// Sets a key, or replaces its value.
@@ -46,9 +45,9 @@ class ZPK_EXPORT ZPKOptions {
   void set(std::string_view key, std::same_as<std::string_view> auto text) {
     set(key, Value(std::string(text)));
   }
-  /// Takes a key away, if it is there.
+  /// Removes a key, if it is there.
   void remove(std::string_view key);
-  /// Adds all of `other`, whose values win. Null adds nothing.
+  /// Adds everything in `other`, whose values replace those here. Null adds nothing.
   void merge(const ZPKOptionsPtr& other);
   size_t size() const;
 
@@ -56,7 +55,7 @@ class ZPK_EXPORT ZPKOptions {
   std::map<std::string, Value, std::less<>> _values;
 };
 
-/// The decimal integer at the start of a text: leading white space is skipped, a sign is taken, and
-/// the first character that is no digit ends it. 0 if there are no digits or no text; a number that
-/// does not fit becomes the nearest end of the type's range.
+/// The decimal integer at the start of a text: leading white space is skipped, a sign is allowed,
+/// and the first character that is not a digit ends it. 0 if there are no digits, or for null. A
+/// number that does not fit becomes the nearer end of the type's range.
 ZPK_EXPORT int64_t ZPKIntegerFromString(std::optional<std::string_view> text);

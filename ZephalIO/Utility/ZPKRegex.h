@@ -11,22 +11,22 @@
 
 /// A compiled regular expression, in the dialect of pcre2pattern(3).
 ///
-/// The text is UTF-8 and no other option is set. CR, LF and CR LF all end a line, so that "." never
-/// takes one: what is searched is console text. Ranges count code points; "\C", which cuts one in
-/// two, does not compile.
+/// The text is UTF-8, and no other option is set. CR, LF and CR LF all end a line, so "." matches
+/// none of them: the library searches console text. Ranges count code points; "\C", which could
+/// split one, does not compile.
 ///
-/// A search that backtracks for more than about a second, or needs more than 256 MiB, is given up,
-/// which counts as no match; the same goes for a text that is not valid UTF-8. Nothing is thrown
-/// and no stack overflows, however long the text is. Immutable, so it may be used on any thread,
-/// also by several at once.
+/// A search that backtracks for more than about a second, or needs more than 256 MiB, is abandoned
+/// and counts as no match. So does a text that is not valid UTF-8. Nothing is thrown and no stack
+/// overflows, however long the text is. Immutable, so it may be used on any thread, also on several
+/// at the same time.
 class ZPK_EXPORT ZPKRegex {
   struct Key {
     explicit Key() = default;
   };
 
  public:
-  /// The compiled expression; null, with an error of domain "PCRE2" in the slot and nothing in the
-  /// log, if the pattern does not compile or is null.
+  /// The compiled expression. Null, with an error of the domain "PCRE2" in the slot and nothing in
+  /// the log, if the pattern does not compile or is null.
   static ZPKRegexPtr initWithPattern(std::optional<std::string_view> pattern,
                                      ZPKErrorPtr* error = nullptr);
 
@@ -41,19 +41,18 @@ class ZPK_EXPORT ZPKRegex {
   /// The whole of a text, however long it is.
   static constexpr ZPKRange wholeText() { return {0, ZPKNotFound}; }
 
-  /// The first match that lies in `range`. The part of the text in the range is searched as a text
-  /// of its own, its ends being the ends of a text for "^" and "$"; the range is cut at the end of
-  /// the text.
+  /// The first match within `range`. That part of the text is searched like a text of its own: "^"
+  /// and "$" match at its ends. The range is limited to the end of the text.
   std::optional<ZPKRegexMatch> firstMatch(std::string_view text,
                                           ZPKRange range = wholeText()) const;
-  /// All matches in `range`, from left to right, none overlapping another.
+  /// All matches within `range`, from left to right and without overlap.
   std::vector<ZPKRegexMatch> allMatches(std::string_view text, ZPKRange range = wholeText()) const;
-  /// How many matches allMatches gives.
+  /// The number of matches that allMatches returns.
   size_t countMatches(std::string_view text, ZPKRange range = wholeText()) const;
 
  private:
-  // Counts the matches in a whole text and tells, in code points, where the last of them ends;
-  // without a match `end` stays as it is.
+  // Counts the matches in a whole text, and sets `end` to the end of the last one, in code points.
+  // Without a match `end` stays unchanged.
   friend size_t ZPICountMatches(const ZPKRegex& regex, std::string_view text, size_t* end);
 
   const std::string _pattern;

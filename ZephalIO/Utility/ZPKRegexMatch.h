@@ -9,13 +9,13 @@
 /// that was searched, from its start.
 class ZPKRegexMatch {
  public:
-  /// `groups` holds the whole match first and then every capture group by its number.
+  /// `groups` contains the whole match first, then the capture groups by their numbers.
   explicit ZPKRegexMatch(std::vector<ZPKRange> groups) : _groups(std::move(groups)) {}
 
   /// The whole match.
   ZPKRange range() const { return groupRange(0); }
-  /// Capture group `group`, counted from 1; 0 is the whole match. The location is ZPKNotFound for a
-  /// group that took no part in the match, and for one that the pattern does not have.
+  /// Capture group `group`, counted from 1; 0 is the whole match. The location is ZPKNotFound if
+  /// the group took no part in the match, or if the pattern has no such group.
   ZPKRange groupRange(size_t group) const {
     return group < _groups.size() ? _groups[group] : ZPKRange{};
   }

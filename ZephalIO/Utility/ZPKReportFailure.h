@@ -1,4 +1,4 @@
-// The one error site of the library.
+// The one place that reports the library's errors.
 //
 //     ZPKReportFailure(error, kZPICommunicationDomain, 3, {"createPassiveChannel"},
 //                      "channel cannot be nil");
@@ -17,10 +17,11 @@ inline constexpr const char* kZPICommChannelDomain = "zephal-commchannel";
 inline constexpr const char* kZPICommLoggerChannelDomain = "zephal-commloggerchannel";
 inline constexpr const char* kZPIDataConversionDomain = "zephal-dataconversion";
 
-/// Where a failure was detected. Only the function is given; file and line are those of the braces.
+/// Where a failure was detected. The caller names only the function; file and line are those of the
+/// braces.
 struct ZPIFailureSite {
-  // Implicit, so that a site names its function and nothing else. clang 14 has no
-  // std::source_location; both compilers have these builtins.
+  // Implicit, so that a call site only names its function. clang 14 has no std::source_location,
+  // but both compilers have these builtins.
   ZPIFailureSite(const char* functionName, const char* sourceFile = __builtin_FILE(),
                  int sourceLine = __builtin_LINE())
       : function(functionName), file(sourceFile), line(sourceLine) {}
@@ -33,28 +34,28 @@ struct ZPIFailureSite {
 /// The "ErrorLocation" text of a site.
 std::string ZPIErrorLocation(const ZPIFailureSite& site);
 
-/// Fills the slot, unless it is null, replacing what was there.
+/// Creates an error and stores it in the slot, which must not be null.
 void ZPIStoreFailure(ZPKErrorPtr* errorSlot, const char* shortDomain, int code,
                      const ZPIFailureSite& site, const char* format,
                      std::span<const ZPKLogArgument> arguments);
 
-/// Fills the slot, if the caller gave one, and writes one log line at level 0 in any case, with the
-/// same text. Takes no lock of the library. An errno is passed by value, saved straight after the
+/// Fills the slot if the caller passed one, and in any case writes one log line at level 0 with the
+/// same text. Takes no lock of the library. Pass an errno by value, saved immediately after the
 /// call that set it.
 template <class... Arguments>
 void ZPKReportFailure(ZPKErrorPtr* errorSlot, const char* shortDomain, int code,
                       const ZPIFailureSite& site, const char* format,
                       const Arguments&... arguments) {
   const std::array<ZPKLogArgument, sizeof...(Arguments)> list{ZPKLogArgument(arguments)...};
-  // An argument may be a text of the error that is replaced, which the log line still shows.
+  // Keeps the old error alive: an argument may be a text of it, which the log line still shows.
   const ZPKErrorPtr replaced = errorSlot != nullptr ? *errorSlot : nullptr;
   if (errorSlot != nullptr) ZPIStoreFailure(errorSlot, shortDomain, code, site, format, list);
   ZPKLoggingLogArguments(ZPKLogGetAnchor(), 0, format, list);
 }
 
-/// The system's text for an error number (strerror(3)), from its thread-safe form.
+/// The system's text for an error number (strerror_r(3)). Safe on any thread.
 std::string ZPIErrorText(int number);
 
-/// An error of the system's own, domain "POSIX" with the errno as its code. It is not logged: who
-/// passes it on decides what the log is told.
+/// An error of the system itself: domain "POSIX", with the errno as its code. It is not logged; the
+/// caller that passes it on decides what to log.
 ZPKErrorPtr ZPISystemError(int number, const ZPIFailureSite& site);

@@ -21,14 +21,14 @@ bool isDefault(const struct sigaction& action) {
   return (action.sa_flags & SA_SIGINFO) == 0 && action.sa_handler == SIG_DFL;
 }
 
-// Looks at every call, since a host may set the default back.
+// Checks at every call, since the host program may have restored the default.
 void ignoreSigpipeUnlessHandled() {
   struct sigaction before {};
   if (::sigaction(SIGPIPE, nullptr, &before) != 0 || !isDefault(before)) return;
   struct sigaction ignore {};
   ignore.sa_handler = SIG_IGN;
   if (::sigaction(SIGPIPE, &ignore, &before) != 0) return;
-  // Another thread has set a handler in between.
+  // Another thread has set a handler in the meantime.
   if (!isDefault(before)) ::sigaction(SIGPIPE, &before, nullptr);
 }
 #endif

@@ -7,7 +7,7 @@
 class ZPKString;
 using ZPKStringPtr = std::shared_ptr<const ZPKString>;
 
-/// Text as an object. It should be UTF-8; what is not can be held, but not serialized.
+/// Text as an object. It should be UTF-8; other text can be held but not serialized.
 class ZPK_EXPORT ZPKString final : public ZPKObject {
   struct Key {
     explicit Key() = default;
@@ -21,11 +21,11 @@ class ZPK_EXPORT ZPKString final : public ZPKObject {
   ZPKString& operator=(const ZPKString&) = delete;
   ~ZPKString() override;
 
-  /// The text; valid for as long as the object lives.
+  /// The text; valid while the object lives.
   const std::string& value() const;
 
   bool isEqual(const ZPKObject& other) const override;
-  /// The text as it is.
+  /// The text unchanged.
   std::string debugDescription() const override;
 
  private:

@@ -1,4 +1,4 @@
-// Small types that every layer shares, and the pointer alias of each class that is passed around.
+// Small types that every layer uses, and the pointer aliases of the classes that are passed around.
 #pragma once
 
 #include <cstddef>
@@ -20,12 +20,12 @@ using ZPKOptionsPtr = std::shared_ptr<ZPKOptions>;
 using ZPKRegexPtr = std::shared_ptr<ZPKRegex>;
 using ZPKURLPtr = std::shared_ptr<ZPKURL>;
 
-/// The location of something that was not found: the same number on every system, which a 32-bit
-/// size cannot hold.
+/// The location of something that was not found. The same number on every system, hence 64 bits: a
+/// 32-bit size_t could not hold it.
 inline constexpr uint64_t ZPKNotFound = 0x7fffffffffffffff;
 
-/// A stretch of bytes or of code points; each user says which. A location of ZPKNotFound means that
-/// there is no such stretch.
+/// A range of bytes or of code points; each use says which. A location of ZPKNotFound means that
+/// there is no such range.
 // Frozen: callers' programs are compiled with its layout. See CONTRIBUTING, The binary interface.
 struct ZPKRange {
   uint64_t location = ZPKNotFound;

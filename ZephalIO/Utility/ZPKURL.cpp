@@ -65,13 +65,13 @@ bool isFutureAddress(std::string_view text) {
          text.size() > version.size() + 1 && hasNoneOf("%[", text);
 }
 
-// What may stand between the brackets of a host.
+// Whether `text` may be in the brackets of a host.
 bool isAddressLiteral(std::string_view text) {
   in6_addr address{};
   return ::inet_pton(AF_INET6, std::string(text).c_str(), &address) == 1 || isFutureAddress(text);
 }
 
-// What stands in front of the first of `marks`, taken off `rest`.
+// Removes from `rest` everything in front of the first of `marks`, and returns it.
 std::string_view takeUpTo(std::string_view marks, std::string_view& rest) {
   const std::string_view taken = rest.substr(0, std::min(rest.find_first_of(marks), rest.size()));
   rest.remove_prefix(taken.size());

@@ -24,12 +24,12 @@ class ZPK_EXPORT ZPKURL {
   };
 
  public:
-  /// The parsed URL, or null if the text is null or breaks the RFC's grammar: a character that must
-  /// be escaped (a blank, a control, a byte above 0x7E, or one of "<>\^`{|}), a "%" without two
-  /// hexadecimal digits, a scheme of other characters, a port that is no number, brackets around
-  /// anything but an IP address and anywhere else, a second "@" or "#", a first path segment with a
-  /// colon and no scheme. An escaped NUL is refused as well: no device and no socket has such a
-  /// name, and the system would cut it there.
+  /// The parsed URL; null if the text is null or breaks the RFC's grammar: a character that must be
+  /// escaped (a blank, a control character, a byte above 0x7E, or one of "<>\^`{|}), a "%" without
+  /// two hexadecimal digits, a wrong character in the scheme, a port that is not a number, brackets
+  /// around anything except an IP address or anywhere else, a second "@" or "#", or a colon in the
+  /// first path segment without a scheme. An escaped NUL is rejected too: no device or socket has
+  /// such a name, and the system would truncate it there.
   static ZPKURLPtr initWithString(std::optional<std::string_view> string);
 
   explicit ZPKURL(Key);
@@ -37,19 +37,19 @@ class ZPK_EXPORT ZPKURL {
   ZPKURL& operator=(const ZPKURL&) = delete;
   ~ZPKURL();
 
-  /// The scheme as it is written; null for a relative reference.
+  /// The scheme as written; null for a relative reference.
   const std::optional<std::string>& scheme() const;
   /// The host, without the brackets of an IPv6 literal; null if the URL has no authority. It may be
   /// empty.
   const std::optional<std::string>& host() const;
-  /// The port; null if none is given. A number of more than 63 bits becomes the largest of that
-  /// size.
+  /// The port; null if none is given. A number of more than 63 bits becomes the largest 63-bit
+  /// number.
   std::optional<int64_t> port() const;
   /// The path; it may be empty.
   const std::string& path() const;
-  /// The query's items in their order, one more than it has "&"; none for an empty query.
+  /// The query's items in order, one more than there are "&"; none for an empty query.
   const std::vector<ZPKURLQueryItem>& queryItems() const;
-  /// The whole URL as it was given.
+  /// The whole URL as written.
   const std::string& absoluteString() const;
   std::string debugDescription() const;
 

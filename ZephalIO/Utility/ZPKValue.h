@@ -14,12 +14,12 @@
 
 struct ZPKDictionaryEntry;
 
-/// What stands for an object where one is built, made implicitly from text, a number, a bool, any
-/// object, or a list of entries in braces, which makes a dictionary:
+/// Stands for an object where objects are built. It converts implicitly from text, a number, a
+/// bool, any object, or a list of entries in braces, which becomes a dictionary:
 ///
 ///     const ZPKObjectPtr message = ZPKValue{{"name", "dut-7"}, {"limits", {{"low", 1}}}};
 ///
-/// Data that can be edited are copied, so that what is built stays as it is. A null pointer gives a
+/// A ZPKMutableData is copied, so that the object does not change with it. A null pointer becomes a
 /// null object.
 class ZPK_EXPORT ZPKValue {
   struct AnyObject {
