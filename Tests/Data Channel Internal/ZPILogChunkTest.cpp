@@ -51,7 +51,7 @@ TEST(ZPILogChunkTest, EveryLineBreakOfAnyKindBecomesThePrefix) {
   EXPECT_EQ(chunkOf("A\r\nB\rC\n"), "\n|A\n|B\n|C\n|");
 }
 
-TEST(ZPILogChunkTest, CarriageReturnAndLineFeedAreOneBreakTheOtherOrderIsTwo) {
+TEST(ZPILogChunkTest, CRLFIsOneBreakAndLFCRAreTwo) {
   EXPECT_EQ(chunkOf("A\r\nB"), "\n|A\n|B");
   EXPECT_EQ(chunkOf("A\n\rB"), "\n|A\n|\n|B");
   EXPECT_EQ(chunkOf("A\r\r\nB"), "\n|A\n|\n|B");
@@ -69,7 +69,7 @@ TEST(ZPILogChunkTest, EmptyAndNullDataGiveThePrefixAlone) {
   EXPECT_EQ(ZPILogChunk("\n|", nullptr), "\n|");
 }
 
-TEST(ZPILogChunkTest, ValidTextStaysAsItIsControlCharactersAndZeroBytesIncluded) {
+TEST(ZPILogChunkTest, ValidTextStaysAsItIsWithItsControlCharacters) {
   const std::string text("\0 a\x1B[0m \t\u00e9 \xF0\x9F\x98\x80 %@ %s <>", 25);
   EXPECT_EQ(chunkOf(text), "\n|" + text);
 }
@@ -81,7 +81,7 @@ TEST(ZPILogChunkTest, BytesThatAreNoTextShowInHexadecimal) {
   EXPECT_EQ(chunkOf("\xFF\r\n\xFE\n\r\xFD"), "\n|<ff>\n|<fe>\n|\n|<fd>");
 }
 
-TEST(ZPILogChunkTest, WhereOneByteIsNoTextZeroAndAccentsShowInHexadecimalToo) {
+TEST(ZPILogChunkTest, OneInvalidByteShowsZeroAndAccentsInHexadecimalToo) {
   EXPECT_EQ(chunkOf(std::string_view("\u00e9\0x\xFF", 5)), "\n|<c3a900>x<ff>");
 }
 
@@ -93,7 +93,7 @@ TEST(ZPILogChunkTest, ALineFeedInThePrefixIsLeftAlone) {
   EXPECT_EQ(chunkOf("A\nB\n", "\nid\nrest\r"), "\nid\nrest\rA\nid\nrest\rB\nid\nrest\r");
 }
 
-TEST(ZPILogChunkTest, EveryShortRowOfBytesComesOutAsTheStepsSay) {
+TEST(ZPILogChunkTest, EveryShortSequenceComesOutAsTheStepsSay) {
   constexpr std::string_view kBytes = "A\r\n\xFF";
   for (size_t length = 0; length <= 6; ++length) {
     for (size_t number = 0; number < size_t{1} << (2 * length); ++number) {

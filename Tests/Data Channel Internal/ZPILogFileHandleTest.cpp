@@ -49,7 +49,7 @@ class ZPILogFileHandleTest : public testing::Test {
 
 // --- Making and opening.
 
-TEST_F(ZPILogFileHandleTest, ANewFileIsEmptyAndHasThePermissions0666LessTheUmask) {
+TEST_F(ZPILogFileHandleTest, ANewFileHasThePermissions0666LessTheUmask) {
   const mode_t before = ::umask(0);
   for (const mode_t mask : {mode_t{0}, mode_t{022}, mode_t{077}}) {
     ::umask(mask);
@@ -94,7 +94,7 @@ TEST_F(ZPILogFileHandleTest, AnExistingFileKeepsItsContentsAndPermissions) {
   EXPECT_EQ(permissionsOfFile(_path), mode_t{0640});
 }
 
-TEST_F(ZPILogFileHandleTest, AProgramThatIsStartedMeanwhileDoesNotGetTheDescriptor) {
+TEST_F(ZPILogFileHandleTest, AStartedProgramDoesNotGetTheDescriptor) {
   const std::set<int> before = openDescriptors();
   const auto handle = create();
   int found = 0;
@@ -124,7 +124,7 @@ std::optional<int> errnoOfOpeningFIFO(const std::string& path, const std::functi
   return isDone ? std::optional(number) : std::nullopt;
 }
 
-TEST_F(ZPILogFileHandleTest, OpeningWaitsForNoReaderOfAFIFO) {
+TEST_F(ZPILogFileHandleTest, OpeningAFIFOWaitsForNoReader) {
   ASSERT_EQ(::mkfifo(_path.c_str(), 0666), 0);
   const auto open = [this] {
     return ZPILogFileHandle::fileHandleForWritingAtPath(_path) != nullptr;
@@ -188,7 +188,7 @@ TEST_F(ZPILogFileHandleTest, CloseGivesTheDescriptorBackOnce) {
   EXPECT_EQ(calls.count("close"), 0U);
 }
 
-TEST_F(ZPILogFileHandleTest, AClosedHandleWritesNothingToWhoHasItsDescriptorNow) {
+TEST_F(ZPILogFileHandleTest, AClosedHandleWritesNothingToItsDescriptorsNextOwner) {
   const auto handle = create();
   handle->close();
   const auto other = ZPILogFileHandle::fileHandleForWritingAtPath(_path);
@@ -256,7 +256,7 @@ TEST_F(ZPILogFileHandleTest, AnInterruptedLockOrWriteIsTriedAgain) {
   EXPECT_EQ(calls.count("flock LOCK_EX|LOCK_NB"), 4U);
 }
 
-TEST_F(ZPILogFileHandleTest, AFailedLockDoesNotKeepTheChunkFromTheFile) {
+TEST_F(ZPILogFileHandleTest, AFailedLockKeepsNoChunkFromTheFile) {
   const auto handle = create();
   SystemCalls calls;
   calls.fail("flock LOCK_EX|LOCK_NB", ENOLCK);
@@ -264,7 +264,7 @@ TEST_F(ZPILogFileHandleTest, AFailedLockDoesNotKeepTheChunkFromTheFile) {
   EXPECT_EQ(contents(), "chunk");
 }
 
-TEST_F(ZPILogFileHandleTest, AChunkThatIsNotTakenIsDroppedAndTheNextIsTried) {
+TEST_F(ZPILogFileHandleTest, ARefusedChunkIsDroppedAndTheNextIsTried) {
   const auto handle = create();
   SystemCalls calls;
   calls.fail("writev", ENOSPC);
@@ -272,7 +272,7 @@ TEST_F(ZPILogFileHandleTest, AChunkThatIsNotTakenIsDroppedAndTheNextIsTried) {
   EXPECT_EQ(contents(), "twothree");
 }
 
-TEST_F(ZPILogFileHandleTest, OfAChunkThatIsTakenInPartTheRestIsDropped) {
+TEST_F(ZPILogFileHandleTest, WhatDoesNotFitOfAChunkIsDropped) {
   const auto handle = create();
   SystemCalls calls;
   calls.shorten("writev", 5);
@@ -299,7 +299,7 @@ TEST_F(ZPILogFileHandleTest, AFullDeviceIsNoFailure) {
 
 // --- A file that others have a hand in.
 
-TEST_F(ZPILogFileHandleTest, AFileThatIsMovedOrRemovedStaysTheOneThatWasOpened) {
+TEST_F(ZPILogFileHandleTest, AMovedOrRemovedFileStaysTheOpenOne) {
   const auto handle = create();
   handle->append(Chunks{"one"});
   std::filesystem::rename(_path, _path + ".1");
@@ -310,7 +310,7 @@ TEST_F(ZPILogFileHandleTest, AFileThatIsMovedOrRemovedStaysTheOneThatWasOpened) 
   EXPECT_TRUE(std::filesystem::is_empty(_folder.path()));
 }
 
-TEST_F(ZPILogFileHandleTest, AFileThatIsCutMeanwhileGrowsFromItsNewEnd) {
+TEST_F(ZPILogFileHandleTest, ATruncatedFileGrowsFromItsNewEnd) {
   const auto handle = create();
   handle->append(Chunks{"one"});
   std::filesystem::resize_file(_path, 0);
@@ -334,7 +334,7 @@ TEST_F(ZPILogFileHandleTest, AWriteWaitsForWhoHoldsTheLock) {
 }
 
 // Everybody who may read a file can lock it.
-TEST_F(ZPILogFileHandleTest, AWriteWaitsASecondAtMostAndSaysSoOnce) {
+TEST_F(ZPILogFileHandleTest, AWriteWaitsASecondAtMostAndSaysSo) {
   const LogCapture log;
   const auto handle = create();
   const int other = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -361,7 +361,7 @@ TEST_F(ZPILogFileHandleTest, AWriteWaitsASecondAtMostAndSaysSoOnce) {
   EXPECT_EQ(log.lines(), once);
 }
 
-TEST_F(ZPILogFileHandleTest, AfterALockThatWasTakenTheNextOneIsWaitedForAgain) {
+TEST_F(ZPILogFileHandleTest, OnceTheLockWasFreeItIsWaitedForAgain) {
   const LogCapture log;
   const auto handle = create();
   const int other = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -424,7 +424,7 @@ TEST_F(ZPILogFileHandleTest, AFileAtItsSizeLimitEndsNoProcess) {
   EXPECT_EQ(result.message, "12345678ab");
 }
 
-TEST_F(ZPILogFileHandleTest, ASizeSignalLeavesNoTraceWhereTheCallerBlocksIt) {
+TEST_F(ZPILogFileHandleTest, ABlockedSizeSignalLeavesNoTrace) {
   const ChildResult result = runInChild([&](std::string*) {
     const auto handle = create();
     limitFileSize(0);

@@ -46,7 +46,7 @@ TEST_F(FileDescriptorCommunicationTest, DescriptorZeroIsOpen) {
   EXPECT_THAT(_record.closed, ElementsAre(0));
 }
 
-TEST_F(FileDescriptorCommunicationTest, AFailedOpenClosesWhatItLeftAndKeepsTheError) {
+TEST_F(FileDescriptorCommunicationTest, AFailedOpenClosesItsDescriptorAndKeepsTheError) {
   auto communication = closedOne();
   _record.descriptor = 77;
   _record.isAcquireGood = false;

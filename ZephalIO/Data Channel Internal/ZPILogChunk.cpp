@@ -11,18 +11,18 @@
 
 namespace {
 
-// The text of the last second that a thread asked for: breaking a time down into local time costs
-// more than all else in a short chunk. Derived anew every second, so that a changed time zone
-// shows.
-class SecondText {
+// Keeps the text of the last second that a thread asked for: converting a time to local time costs
+// more than everything else in a short chunk. Each new second is formatted anew, so that a changed
+// time zone shows.
+class LastSecond {
  public:
-  std::string_view of(time_t second) {
-    if (_length == 0 || _second != second) derive(second);
+  std::string_view textOf(time_t second) {
+    if (_length == 0 || _second != second) format(second);
     return {_text, _length};
   }
 
  private:
-  void derive(time_t second) {
+  void format(time_t second) {
     // tzset(3) writes the zone of the whole process: one thread at a time.
     static std::mutex mutex;
     const std::lock_guard guard(mutex);
@@ -65,12 +65,12 @@ void appendLines(std::string_view text, size_t prefixLength, std::string& chunk)
 }  // namespace
 
 std::string ZPILogPrefix(std::string_view identifier, pid_t process) {
-  thread_local SecondText second;
+  thread_local LastSecond lastSecond;
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
   std::string prefix("\n");
   prefix.reserve(64 + identifier.size());
-  prefix.append(second.of(now.tv_sec)).push_back('.');
+  prefix.append(lastSecond.textOf(now.tv_sec)).push_back('.');
   appendMilliseconds(now.tv_nsec, prefix);
   prefix.append(" <").append(identifier).append(">[");
   prefix.append(std::to_string(process)).append("]: ");
@@ -80,7 +80,7 @@ std::string ZPILogPrefix(std::string_view identifier, pid_t process) {
 std::string ZPILogChunk(std::string_view prefix, const ZPKDataPtr& data) {
   std::string chunk;
   if (data == nullptr) return chunk.append(prefix);
-  // Room for console text with its prefixes; what has more lines than that grows.
+  // Room for console text with its prefixes; a chunk with more lines than that grows.
   chunk.reserve(2 * prefix.size() + data->length() + data->length() / 2);
   chunk.append(prefix);
   if (ZPIIsValidUTF8(data->view())) {
