@@ -10,12 +10,13 @@
 
 namespace {
 
-// How long a close may have to wait for the thread, against how often an idle thread wakes up.
+// A compromise: close may have to wait this long for the thread, and an idle thread wakes up this
+// often.
 constexpr double kReadSlice = 1.0 / 30.0;
 
 constexpr const char* kReadSite = "-[ZPIActiveChannel readWithTimeout:error:]";
 
-// Written so that not-a-number is refused too.
+// Written so that not-a-number is rejected too.
 bool isValidTimeout(double timeout) {
   return timeout >= 0.0 || timeout == ZEPHAL_COMMUNICATION_TIME_FOREVER ||
          timeout == ZEPHAL_COMMUNICATION_TIME_NOW;
@@ -40,8 +41,8 @@ std::shared_ptr<ZPIActiveChannel> ZPIActiveChannel::initWithChannel(ZPKDataChann
 ZPIActiveChannel::ZPIActiveChannel(Key, ZPKDataChannelPtr channel, bool bufferData)
     : _buffer(bufferData), _commChannel(std::move(channel)) {}
 
-// The thread of a failed channel, which may be this very thread, is never joined: detached, it
-// gives its stack back by itself.
+// The thread of a failed channel is never joined, since it may be this very thread. Once detached
+// it frees its stack by itself.
 ZPIActiveChannel::~ZPIActiveChannel() {
   if (isThread(_thread)) pthread_detach(_thread);
 }
@@ -130,8 +131,8 @@ bool ZPIActiveChannel::isOpen_unsafe() const {
 }
 
 void ZPIActiveChannel::detach_read_loop__unsafe(pthread_t* thread) {
-  // The thread of the last opening has failed, or is about to: it must neither be joined, nor read
-  // on from what is open anew.
+  // The thread of the last opening has failed or is about to. It must not be joined, and must not
+  // continue to read what is now open again.
   if (const HandoverPtr last = _chan.load()) last->_queue.Close();
   if (isThread(*thread)) pthread_detach(*thread);
   const auto handover = std::make_shared<Handover>();
@@ -140,7 +141,7 @@ void ZPIActiveChannel::detach_read_loop__unsafe(pthread_t* thread) {
   if (!isThread(*thread)) failWithoutThread(*handover);
 }
 
-// Nobody will ever read below for this opening.
+// Marks this opening as failed, since no thread will read below.
 void ZPIActiveChannel::failWithoutThread(Handover& handover) {
   ZPKErrorPtr error;
   report(&error, 5, {"detach_read_loop__unsafe"}, "Failed to start thread");
@@ -148,25 +149,25 @@ void ZPIActiveChannel::failWithoutThread(Handover& handover) {
   handover._readError.store(std::move(error));
 }
 
-// Closes below what was opened for a thread that could not be started: it could not be opened again
-// otherwise, once there are threads.
+// Closes the channel below again after the thread could not be started. Otherwise a later open,
+// when there are threads again, would fail.
 void ZPIActiveChannel::closeUnread_unsafe(ZPKErrorPtr* error) {
   _commChannel->close(nullptr);
   if (error != nullptr) *error = _chan.load()->_readError.load();
 }
 
-// Waits for the thread, which has been told to end; a slice at the most.
+// Waits for the thread, which has been told to end, for at most one slice.
 void ZPIActiveChannel::endThread_unsafe() {
   const pthread_t thread = std::exchange(_thread, pthread_t());
   if (!isThread(thread)) return;
   if (pthread_equal(thread, pthread_self()) != 0) {
-    pthread_detach(thread);  // called up from the read below, on the thread itself
+    pthread_detach(thread);  // a callback of the read below calls close on the thread itself
   } else {
     pthread_join(thread, nullptr);
   }
 }
 
-// The body of the thread. It knows its own handover only: `_chan` may have moved on.
+// The body of the thread. It uses only its own handover, since `_chan` may have been replaced.
 void ZPIActiveChannel::readBelow(Handover& handover) const {
   while (!handover._queue.isClosed()) {
     ZPKErrorPtr error;
@@ -176,8 +177,8 @@ void ZPIActiveChannel::readBelow(Handover& handover) const {
   }
 }
 
-// One read and what becomes of its bytes; false if it failed. It also fails for want of memory,
-// which would otherwise end the process.
+// Reads one time and queues the bytes; false if the read failed or there is no memory. An exception
+// would end the process here.
 bool ZPIActiveChannel::readSlice(databufferchannel_t<uint8_t>* queue, ZPKErrorPtr* error) const {
   try {
     const ZPKDataPtr data = _commChannel->readWithTimeout(kReadSlice, error);
@@ -189,8 +190,8 @@ bool ZPIActiveChannel::readSlice(databufferchannel_t<uint8_t>* queue, ZPKErrorPt
   }
 }
 
-// Leaves below what a failed read of a transport leaves: a closed channel. If there is no memory
-// even for that, or for the error, there is nothing left to tell it with.
+// Closes the channel below, as a failed read of a transport would have done. If there is no memory
+// even for that, or for the error, nothing can be reported.
 void ZPIActiveChannel::closeOutOfMemory(ZPKErrorPtr* error) const {
   try {
     if (_commChannel->isOpened()) _commChannel->close(nullptr);
@@ -201,8 +202,8 @@ void ZPIActiveChannel::closeOutOfMemory(ZPKErrorPtr* error) const {
   }
 }
 
-// The error with which the thread ended, under the code of a closed device; it was logged when it
-// happened.
+// Fails with the error of the thread, under the code of a closed device. The error was logged when
+// it happened.
 bool ZPIActiveChannel::closeFailed(ZPKErrorPtr* error) const {
   const HandoverPtr handover = _chan.load();
   const ZPKErrorPtr readError = handover == nullptr ? nullptr : handover->_readError.load();

@@ -6,9 +6,10 @@
 #include "Data Channel/ZPKDataChannel.h"
 #include "Data Transformers/ZPKMutableDataAggregatorTransformer.h"
 
-/// Wraps a channel and hands up what it reads in units of one aggregator, which its creator shares.
-/// Writes pass. Without an aggregator reads pass too, and reset fails without an error when it has
-/// reset the channel below. No lock: reads and reset touch the aggregator and must not overlap.
+/// Wraps a channel and returns the bytes it reads in units of one aggregator, which is shared with
+/// its creator. Writes pass. Without an aggregator reads pass too, and reset resets the channel
+/// below and then fails without an error. There is no lock: reads and reset touch the aggregator
+/// and must not overlap.
 class ZPIAggregatingTransformerChannel final : public ZPKDataChannel, public ZPIChannelAbilities {
   struct Key {
     explicit Key() = default;
@@ -28,7 +29,7 @@ class ZPIAggregatingTransformerChannel final : public ZPKDataChannel, public ZPI
   ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) override;
   bool write(const ZPKDataPtr& data, ZPKErrorPtr* error) override;
 
-  /// Without a terminator there is none: held bytes come up together with those of a read.
+  /// Null without a terminator: the buffered bytes are then returned with those of the next read.
   ZPKMutableDataPtr takeHeldUnit() override;
 
  private:

@@ -17,7 +17,7 @@ class Encoder final : public ZPIObjectVisitor {
     return true;
   }
 
-  // A dictionary has its keys in the order in which an archive must have them.
+  // A dictionary already has its keys in the order that an archive needs.
   bool key(const std::string& key) override { return appendText(key); }
   void endDictionary() override {}
 
@@ -51,7 +51,7 @@ class Encoder final : public ZPIObjectVisitor {
     } else if (number.isDouble()) {
       ZPIAppendCBORDouble(number.doubleValue(), _out);
     } else if (number.integerValue() < 0) {
-      // -1 is written as 0, -2 as 1, and so on: the complement.
+      // -1 is written as 0, -2 as 1, and so on: the bitwise complement.
       ZPIAppendCBORHead(ZPICBORKind::Negative, ~number.unsignedIntegerValue(), _out);
     } else {
       ZPIAppendCBORHead(ZPICBORKind::Unsigned, number.unsignedIntegerValue(), _out);

@@ -5,20 +5,20 @@
 #include "Utility/ZPKData.h"
 #include "Utility/ZPKObject.h"
 
-/// Writes a keyed archive: Documentation/archive-format.md describes the bytes. One thread at a
+/// Writes a keyed archive: Documentation/archive-format.md describes the bytes. For one thread at a
 /// time.
 class ZPIArchiveWriter {
  public:
-  /// A writer in its secure mode, the only one: it takes ZPKDictionary, ZPKString, ZPKNumber,
-  /// ZPKData, ZPKArray and null, and no class of anybody else's.
+  /// A writer in its secure mode, the only one: it accepts ZPKDictionary, ZPKString, ZPKNumber,
+  /// ZPKData, ZPKArray and null, and no other class.
   static ZPIArchiveWriter initRequiringSecureCoding() { return {}; }
 
-  /// Writes one object under a key. What cannot be written, in any part of it, leaves the writer
-  /// without bytes for good: text that is not UTF-8, and objects of other classes.
+  /// Writes one object under a key, and replaces what was written before. If a part of it cannot be
+  /// written, the writer has no bytes afterwards: text that is not UTF-8, and other classes.
   void encodeObjectForKey(const ZPKObjectPtr& object, std::string_view key);
-  /// The archive; null if something could not be written, or nothing was.
+  /// The archive; null if something could not be written, or if nothing was written.
   ZPKDataPtr encodedData() const { return _data; }
-  /// Lets go of the bytes.
+  /// Releases the bytes.
   void finishEncoding() { _data = nullptr; }
 
  private:

@@ -1,7 +1,7 @@
 #include "Data Channel Internal/ZPIChannelAbilities.h"
 
-// The one place that asks what a channel is. By the time two channels meet, in a factory, nothing
-// but the pointer to the contract is left of the type of the lower one.
+// The one place that asks what a channel is. When a factory puts a channel on top of another, all
+// that it knows of the lower one's type is the contract.
 ZPIChannelAbilities* ZPIChannelAbilities::of(ZPKDataChannel* channel) {
   return dynamic_cast<ZPIChannelAbilities*>(channel);
 }

@@ -5,9 +5,9 @@
 #include "Data Channel/ZPKDataChannel.h"
 #include "Data Transformers/ZPKDataTransformer.h"
 
-/// Wraps a channel and runs transformers on what passes: one list on reads, one on writes. Holds no
-/// bytes of its own; what is held back is held in the transformers. No lock: the read path touches
-/// the read list alone, the write path the write list.
+/// Wraps a channel and runs transformers on the traffic: one list on reads, one on writes. It
+/// buffers no bytes itself, only its transformers do. There is no lock: a read uses only the read
+/// list, and a write only the write list.
 class ZPIChannelTransformer final : public ZPKDataChannel {
   struct Key {
     explicit Key() = default;

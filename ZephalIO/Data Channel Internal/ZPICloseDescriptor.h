@@ -4,6 +4,6 @@
 
 #include "Utility/ZPKReportFailure.h"
 
-/// close(2), with its failure reported at `site` with code 4. Nothing is flushed, drained or
-/// restored first.
+/// Calls close(2) and reports a failure at `site`: domain "zephal-communication", code 4. Nothing
+/// is flushed, drained or restored first.
 bool ZPICloseDescriptor(int32_t descriptor, ZPKErrorPtr* error, const ZPIFailureSite& site);

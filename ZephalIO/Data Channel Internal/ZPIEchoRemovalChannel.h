@@ -8,12 +8,12 @@
 #include "Data Channel/ZPKDataChannel.h"
 #include "Utility/ZPKMutableData.h"
 
-/// Wraps a channel and takes the echoes of written lines out of what is read. A line is a run of
-/// bytes up to and including the delimiter; it is an echo if it equals, byte for byte, the oldest
-/// written line whose echo has not come yet.
+/// Wraps a channel and removes the echoes of written lines from the bytes that are read. A line is
+/// a run of bytes up to and including the delimiter. A line is an echo if it equals, byte for byte,
+/// the oldest written line whose echo has not arrived yet.
 ///
-/// `_readWriteMutex` guards the buffers and queues. It is never held across a call to the channel
-/// below, so that a reader who waits there does not hold up a writer.
+/// `_readWriteMutex` guards the buffers and queues. It is never held during a call to the channel
+/// below, so a read that waits there does not block a writer.
 class ZPIEchoRemovalChannel final : public ZPKDataChannel {
   struct Key {
     explicit Key() = default;
@@ -38,10 +38,10 @@ class ZPIEchoRemovalChannel final : public ZPKDataChannel {
   void moveLinesWithoutEcho(ZPKMutableData* output);
 
   const ZPKDataChannelPtr _channel;
-  ZPKMutableData _readBuffer;   // read, no delimiter yet
-  ZPKMutableData _writeBuffer;  // written, no delimiter yet
+  ZPKMutableData _readBuffer;   // bytes that were read, without a delimiter yet
+  ZPKMutableData _writeBuffer;  // bytes that were written, without a delimiter yet
   const ZPKDataPtr _delimiter;  // an immutable copy, never empty
-  LineQueue _readQueue;         // lines read; empty between two reads
-  LineQueue _writeQueue;        // lines written whose echo has not come
+  LineQueue _readQueue;         // lines that were read; empty between two reads
+  LineQueue _writeQueue;        // lines that were written and whose echo has not arrived
   std::mutex _readWriteMutex;
 };

@@ -6,12 +6,12 @@ namespace {
 
 constexpr uint32_t kLargestPort = 65535;
 
-void note(const char* line) { ZPKLoggingLog(ZPKLogGetAnchor(), 0, line); }
+void writeLogLine(const char* line) { ZPKLoggingLog(ZPKLogGetAnchor(), 0, line); }
 
 void checkTCP(const ZPKURL& url) {
   const auto port = static_cast<uint32_t>(url.port().value_or(0));
-  if (port > kLargestPort) note("Invalid TCP port specification");
-  if (url.host().value_or("").empty()) note("Invalid TCP host");
+  if (port > kLargestPort) writeLogLine("Invalid TCP port specification");
+  if (url.host().value_or("").empty()) writeLogLine("Invalid TCP host");
 }
 
 }  // namespace
@@ -57,7 +57,7 @@ bool ZPIEndpointSocket::checkURL(const ZPKURLPtr& url) {
   if (url->scheme() == "tcp") {
     checkTCP(*url);
   } else if (url->scheme() == "unix") {
-    if (url->path().empty()) note("Invalid unix path");
+    if (url->path().empty()) writeLogLine("Invalid unix path");
   } else {
     ZPKLoggingLog(ZPKLogGetAnchor(), 0, "Unsupported scheme '%@' for URL %@", url->scheme(),
                   url->absoluteString());

@@ -6,8 +6,9 @@
 #include "Data Channel/ZPKDataChannel.h"
 #include "Utility/DescriptorOperation.h"
 
-/// The base channel over one connected socket. Begins closed for a URL, open for an adopted socket,
-/// which has no way back once it is closed. No lock; see ZPIFileDescriptorCommunication.
+/// The base channel over one connected socket. With a URL it starts closed; with an adopted socket
+/// it starts open, and cannot be opened again after close. There is no lock; see
+/// ZPIFileDescriptorCommunication.
 class ZPIEndpointSocket final : public ZPKDataChannel {
   struct Key {
     explicit Key() = default;
@@ -16,8 +17,8 @@ class ZPIEndpointSocket final : public ZPKDataChannel {
  public:
   /// A channel to the URL's peer; null for a null URL.
   static std::shared_ptr<ZPIEndpointSocket> initForURL(const ZPKURLPtr& url);
-  /// A channel that takes over `socket`, without any test and without setting any option. No
-  /// program that is started inherits it any more, except for standard input, output and error.
+  /// A channel that takes over `socket`. It does not check it and sets no option of it. Programs
+  /// that are started no longer inherit it, unless it is standard input, output or error.
   static std::shared_ptr<ZPIEndpointSocket> initWithSocket(int32_t socket);
 
   ZPIEndpointSocket(Key, int32_t socket, const ZPKURLPtr& url);
@@ -29,7 +30,7 @@ class ZPIEndpointSocket final : public ZPKDataChannel {
   ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) override;
   bool write(const ZPKDataPtr& data, ZPKErrorPtr* error) override;
 
-  /// False for a null URL alone. What will not connect is only logged.
+  /// False only for a null URL. A URL that cannot be connected to is only logged.
   static bool checkURL(const ZPKURLPtr& url);
 
  private:

@@ -5,8 +5,8 @@
 
 #include "Data Channel/ZPKDataChannel.h"
 
-/// Wraps a channel and writes to it one byte at a time, with a pause before each. No lock: a second
-/// writer can get its bytes in between.
+/// Wraps a channel and writes to it one byte at a time, with a pause before each (usleep(3)). There
+/// is no lock: the bytes of a second writer can get in between.
 class ZPIInterCharacterDelayChannel final : public ZPKDataChannel {
   struct Key {
     explicit Key() = default;

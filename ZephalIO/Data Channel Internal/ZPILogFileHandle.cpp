@@ -17,14 +17,14 @@
 
 namespace {
 
-// Chunks per lock and call: what writev(2) takes on every system. Enough to make short ones cheap,
-// and few enough that nobody else waits long for the lock.
+// Chunks per lock and call: as many as writev(2) accepts on every system. Enough to make short
+// chunks cheap, and few enough that no other writer waits long for the lock.
 constexpr size_t kChunksPerWrite = 16;
 
 // How long the chunks of one call wait for the file's lock.
 constexpr std::chrono::seconds kLockPatience{1};
-// Pauses between two attempts at the lock: a writer holds it for some microseconds, somebody who
-// copies the file for longer.
+// Pauses between two attempts at the lock: a writer holds it for some microseconds, but a program
+// that copies the file may hold it for longer.
 constexpr std::chrono::microseconds kFirstPause{20};
 constexpr std::chrono::microseconds kLongestPause{1000};
 
@@ -41,10 +41,10 @@ int openWithFlags(const std::string& path, int flags) {
   return retryOnInterrupt([&] { return ::open(path.c_str(), kFlags | flags, kPermissions); });
 }
 
-// A FIFO without a reader is ENXIO, instead of a wait for one. Only the open itself does not block.
+// A FIFO without a reader fails with ENXIO instead of waiting for one. Later writes block as usual.
 int openFile(const std::string& path, int flags) {
   const int descriptor = openWithFlags(path, flags | O_NONBLOCK);
-  // A file server has a lease on the file: the system asks for it back, and a blocking open waits.
+  // A file server has a lease on the file. The system asks for it back; a blocking open waits.
   if (descriptor == -1 && errno == EWOULDBLOCK) return openWithFlags(path, flags);
   if (descriptor == -1 || ::fcntl(descriptor, F_SETFL, O_APPEND) == 0) return descriptor;
   const int number = errno;
@@ -53,7 +53,7 @@ int openFile(const std::string& path, int flags) {
   return -1;
 }
 
-// What is not written yet of the chunks that share a lock.
+// The part of the chunks under one lock that is not written yet.
 class UnwrittenChunks {
  public:
   explicit UnwrittenChunks(std::span<const std::string_view> chunks) : _end(chunks.size()) {
@@ -132,8 +132,8 @@ void ZPILogFileHandle::append(std::span<const std::string_view> chunks) {
   if (wasLockTaken) logOnceThatLockIsTaken();
 }
 
-// Returns whether the lock is ours. It tries again and again, since flock(2) has no time limit.
-// After a lock that did not come in time, it tries once for each write, until one succeeds.
+// Returns whether it got the lock. It tries repeatedly, since flock(2) has no time limit. If it did
+// not get the lock in time, it then tries only once per write, until an attempt succeeds.
 bool ZPILogFileHandle::lockBefore(std::chrono::steady_clock::time_point deadline) {
   const auto tryLock = [this] { return ::flock(_descriptor, LOCK_EX | LOCK_NB); };
   auto pause = kFirstPause;

@@ -32,7 +32,7 @@ ZPILogFileHandlePtr openFileAtPath(const std::string& path, const ZPIFailureSite
   return handle;
 }
 
-// Without a file the chunks are dropped, as they are without the memory to write them.
+// Drops the chunks if there is no file, or no memory to write them.
 void appendIfPossible(const ZPILogBatch& batch, const ZPILogFileHandlePtr& handle) {
   if (handle == nullptr) return;
   try {
@@ -57,7 +57,7 @@ ZPILogWriter::ZPILogWriter(ZPILogWriter* parents)
       _queue(_filePath),
       _fileHandle(parents->_fileHandle) {}
 
-// No task holds the owner any more, so nobody else writes.
+// No task holds the owner any more, so no other thread writes.
 ZPILogWriter::~ZPILogWriter() { writePendingChunks(); }
 
 bool ZPILogWriter::openFile(const ZPIFailureSite& site, ZPKErrorPtr* error) {
@@ -86,7 +86,8 @@ void ZPILogWriter::closeFile() {
 }
 
 void ZPILogWriter::addChunk(std::string_view chunk) {
-  // Asked once: whoever adds the chunk that wants a task must queue it, whatever changes meanwhile.
+  // Read only one time: a thread that adds a chunk which needs a task must also queue that task,
+  // even if the mode changes in between.
   const bool isSynchronous = this->isSynchronous();
   const bool needsTask = addPendingChunk(chunk, !isSynchronous);
   if (isSynchronous) {
@@ -116,7 +117,7 @@ void ZPILogWriter::abandon() {
   _owner.reset();
 }
 
-// If the system has no thread to give, whoever adds a chunk writes it.
+// If the system cannot start the thread, addChunk writes on its caller's thread.
 void ZPILogWriter::startThreadIfNeeded() {
   if (!isSynchronous() && fileHandle() != nullptr) _queue.startThread();
 }
@@ -143,8 +144,8 @@ void ZPILogWriter::writeQueuedChunks() {
   writePendingChunks();
 }
 
-// Runs on the queue, or in the destructor. While the traffic goes on two batches take turns; a
-// pause gives their room back.
+// Runs on the queue, or in the destructor. During traffic two batches take turns; in a pause their
+// memory is freed.
 void ZPILogWriter::writePendingChunks() {
   const ZPILogFileHandlePtr handle = takePendingChunks();
   appendIfPossible(_beingWritten, handle);
@@ -155,7 +156,7 @@ void ZPILogWriter::writePendingChunks() {
   _pending.clearAndFree();
 }
 
-// Makes what is pending the batch that is being written, and returns the file for it.
+// Makes the pending chunks the batch that is being written, and returns its file.
 ZPILogFileHandlePtr ZPILogWriter::takePendingChunks() {
   const std::lock_guard guard(_mutex);
   std::swap(_beingWritten, _pending);

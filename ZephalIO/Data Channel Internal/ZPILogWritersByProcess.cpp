@@ -14,7 +14,7 @@ ZPILogWritersByProcess::~ZPILogWritersByProcess() {
   for (; writer != nullptr; writer = writer->parents()) writer->abandon();
 }
 
-// Of two threads that make the writer of a child, one prevails.
+// If two threads create the writer of a child at the same time, one writer is kept.
 ZPILogWriter& ZPILogWritersByProcess::ofThisProcess() const {
   ZPILogWriter* writer = _latest.load(std::memory_order_acquire);
   if (writer->process() == ::getpid()) return *writer;

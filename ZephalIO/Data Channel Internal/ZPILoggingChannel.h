@@ -7,13 +7,14 @@
 #include "Data Channel Internal/ZPILogWritersByProcess.h"
 #include "Data Channel/ZPKDataChannel.h"
 
-/// Wraps a channel and copies what passes into a log file (see ZPILogChunk.h and ZPILogWriter.h).
-/// Neither bytes nor results change, and a log that cannot be written fails nothing but the open.
+/// Wraps a channel and copies the traffic into a log file (see ZPILogChunk.h and ZPILogWriter.h).
+/// Neither bytes nor results change, and if a log cannot be written, only the open fails.
 ///
-/// Chunks are made on the thread of the traffic, and written on a thread that lives while the file
-/// is open, unless logging is synchronous. Whoever destroys the channel writes what is pending,
-/// which can be that thread. A forked child has no such thread until it opens the file anew, and
-/// what the parent has not written yet stays the parent's (see ZPILogWritersByProcess.h).
+/// The thread that reads or writes creates the chunks. A thread that lives while the file is open
+/// writes them, unless logging is synchronous. The thread that destroys the channel writes the
+/// pending chunks; it can be that same thread. A forked child has no such thread until it opens the
+/// file again, and chunks that the parent has not written yet are left to the parent (see
+/// ZPILogWritersByProcess.h).
 class ZPILoggingChannel final : public ZPKDataChannel {
   struct Key {
     explicit Key() = default;
@@ -27,11 +28,12 @@ class ZPILoggingChannel final : public ZPKDataChannel {
   ZPILoggingChannel(Key, std::string filePath, const std::string& identifier,
                     ZPKDataChannelPtr channel);
 
-  /// Opens the file, then the channel below. A file that cannot be made is a log line and no error,
-  /// one that cannot be opened the system's error; the channel below stays closed. The file stays
-  /// open if the channel below does not open, and a later open replaces it.
+  /// Opens the file, then the channel below. If the file cannot be created, it fails with a log
+  /// line and no error; if it cannot be opened, with the system's error (domain "POSIX"). The
+  /// channel below then stays closed. If the channel below does not open, the file stays open, and
+  /// a later open replaces it.
   bool openWithTimeout(double timeout, ZPKErrorPtr* error) override;
-  /// Closes the file, with everything logged so far in it, then the channel below.
+  /// Closes the file after writing everything logged so far, then closes the channel below.
   bool close(ZPKErrorPtr* error) override;
   bool reset(ZPKErrorPtr* error) override;
   bool isOpened() const override;
@@ -41,7 +43,7 @@ class ZPILoggingChannel final : public ZPKDataChannel {
   /// Adds a chunk to the file, if the file is open and there are any bytes.
   void logData(const ZPKDataPtr& data, std::string_view identifier);
 
-  /// The open file, null while there is none. Safe on any thread.
+  /// The open file; null while there is none. Safe on any thread.
   ZPILogFileHandlePtr fileHandle() const;
   void setFileHandle(ZPILogFileHandlePtr handle);
   /// Whether a read or write returns only after its chunk is in the file. Safe on any thread.
@@ -53,5 +55,5 @@ class ZPILoggingChannel final : public ZPKDataChannel {
   const std::string _identifierWrite;
   const std::string _identifierRead;
   const ZPILogWritersByProcess
-      _writers;  // the last field: the end of a channel begins with its log
+      _writers;  // the last field, so that the log is finished before the rest is destroyed
 };

@@ -13,20 +13,20 @@ double secondsSince(WallClock::time_point start) {
   return std::chrono::duration<double>(WallClock::now() - start).count();
 }
 
-// Whether the clock decides when a read ends. NOW is over after one try, FOREVER never.
+// Whether the clock decides when a read ends. NOW ends after one attempt, FOREVER never.
 bool isTimed(double timeout) {
   return timeout != ZEPHAL_COMMUNICATION_TIME_NOW && timeout != ZEPHAL_COMMUNICATION_TIME_FOREVER;
 }
 
-// A tenth of the timeout. A negative one is to be refused below, so it must not become NOW or
-// FOREVER on its way there.
+// A tenth of the timeout. The channel below must reject a negative timeout, so it must not become
+// NOW or FOREVER on its way there.
 double sliceOf(double timeout) {
   if (!isTimed(timeout)) return timeout;
   const double slice = timeout / 10.0;
   return timeout > 0.0 || isTimed(slice) ? slice : timeout;
 }
 
-void store(ZPKErrorPtr* slot, ZPKErrorPtr error) {
+void setSlot(ZPKErrorPtr* slot, ZPKErrorPtr error) {
   if (slot != nullptr) *slot = std::move(error);
 }
 
@@ -56,25 +56,25 @@ ZPKDataPtr ZPIPassiveChannel::readWithTimeout(double timeout, ZPKErrorPtr* error
                      "Cannot communicate with closed device");
     return nullptr;
   }
-  // A unit that is there already needs no clock, which would cost more than the unit.
+  // A unit that is already buffered needs no clock, which would cost more than the unit.
   if (_abilitiesBelow != nullptr) {
     if (ZPKDataPtr unit = _abilitiesBelow->takeHeldUnit()) return unit;
   }
-  const bool timed = isTimed(timeout);
-  const WallClock::time_point start = timed ? WallClock::now() : WallClock::time_point();
+  const bool hasTimeLimit = isTimed(timeout);
+  const WallClock::time_point start = hasTimeLimit ? WallClock::now() : WallClock::time_point();
   const double slice = sliceOf(timeout);
   for (;;) {
     ZPKErrorPtr readError;
     ZPKDataPtr data = _channel->readWithTimeout(slice, &readError);
     if (data == nullptr) {
-      store(error, std::move(readError));
+      setSlot(error, std::move(readError));
       return nullptr;
     }
     if (data->length() != 0) return data;
     if (timeout == ZEPHAL_COMMUNICATION_TIME_NOW) return ZPKData::data();
-    if (timed && !(secondsSince(start) < timeout)) return ZPKData::data();
+    if (hasTimeLimit && !(secondsSince(start) < timeout)) return ZPKData::data();
     if (!_channel->isOpened()) {
-      store(error, nullptr);
+      setSlot(error, nullptr);
       return nullptr;
     }
   }

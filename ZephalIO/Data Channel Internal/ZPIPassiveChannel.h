@@ -5,8 +5,8 @@
 #include "Data Channel Internal/ZPIChannelAbilities.h"
 #include "Data Channel/ZPKDataChannel.h"
 
-/// Wraps a channel whose reads may come back empty early, and reads it again until the caller's
-/// time is up. No state, no lock: everything about a read lives in the call.
+/// Wraps a channel whose reads may return empty data early, and reads it again until the caller's
+/// timeout expires. It has no state and no lock: everything about a read lives in the call.
 class ZPIPassiveChannel final : public ZPKDataChannel {
   struct Key {
     explicit Key() = default;

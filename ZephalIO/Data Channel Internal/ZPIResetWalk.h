@@ -4,7 +4,7 @@
 
 #include "Utility/ZPKTypes.h"
 
-/// Resets one object after another, whatever fails, and keeps the first failure.
+/// Resets one object after another, even after a failure, and keeps the first failure.
 class ZPIResetWalk {
  public:
   /// Resets a channel or a transformer.
@@ -14,10 +14,11 @@ class ZPIResetWalk {
     if (!member.reset(&error)) fail(std::move(error));
   }
 
-  /// For a member that is not there: a failure without an error.
+  /// Records a missing member: a failure without an error.
   void resetNothing() { fail(nullptr); }
 
-  /// Whether all succeeded; if not, the slot gets the first failure's error, which may be null.
+  /// Returns whether all succeeded. If not, the slot gets the error of the first failure, which may
+  /// be null.
   bool finish(ZPKErrorPtr* error) const {
     if (!_isGood && error != nullptr) *error = _firstError;
     return _isGood;

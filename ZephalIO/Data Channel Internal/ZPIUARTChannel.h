@@ -6,15 +6,15 @@
 #include "Data Channel/ZPKDataChannel.h"
 #include "Utility/DescriptorOperation.h"
 
-/// The base channel over a serial device. No lock; see ZPIFileDescriptorCommunication.
+/// The base channel over a serial device. There is no lock; see ZPIFileDescriptorCommunication.
 class ZPIUARTChannel final : public ZPKDataChannel {
   struct Key {
     explicit Key() = default;
   };
 
  public:
-  /// A channel to the device that the URL's path names, with the caller's options, which may be
-  /// null, over the defaults; null for a null URL. No system call is made.
+  /// A channel to the device that the URL's path names. The caller's options, which may be null,
+  /// are copied and replace the defaults. Null for a null URL. No system call is made.
   static std::shared_ptr<ZPIUARTChannel> initForURL(const ZPKURLPtr& url,
                                                     const ZPKOptionsPtr& options);
 
@@ -29,7 +29,7 @@ class ZPIUARTChannel final : public ZPKDataChannel {
 
   /// True only for a URL whose scheme is exactly "uart". Logs nothing.
   static bool checkURL(const ZPKURLPtr& url);
-  /// A new dictionary with the defaults: 115200, "8N1", exclusive.
+  /// A new dictionary with the defaults: 115200 baud, "8N1", exclusive.
   static ZPKOptionsPtr defaultConfig();
 
  private:

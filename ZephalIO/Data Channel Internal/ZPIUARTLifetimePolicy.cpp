@@ -32,13 +32,13 @@ bool reportMode(ZPKErrorPtr* error, const ZPIFailureSite& site, const char* mess
 }
 
 // Whether termios can express the rate. Some rates of the standard list have no constant, and
-// cfsetspeed refuses those.
+// cfsetspeed rejects those.
 bool setStandardSpeed(termios* attributes, int64_t rate) {
   const bool isStandard =
       std::find(kStandardSpeeds.begin(), kStandardSpeeds.end(), rate) != kStandardSpeeds.end();
   if (!isStandard || ::cfsetspeed(attributes, static_cast<speed_t>(rate)) != 0) return false;
 #ifdef CIBAUD
-  // An input speed that an earlier program set apart outlives cfsetspeed.
+  // cfsetspeed does not clear a separate input rate that an earlier program has set.
   attributes->c_cflag &= ~static_cast<tcflag_t>(CIBAUD);
 #endif
   return true;
@@ -73,7 +73,7 @@ bool ZPIUARTLifetimePolicy::openPortWithError__no_cleanup(int32_t* descriptor, c
                                                           ZPKErrorPtr* error) {
   constexpr const char* kSite = "openPortWithError__no_cleanup";
   const std::string& path = url->path();
-  // O_NONBLOCK keeps open from waiting for a carrier; it goes again below.
+  // O_NONBLOCK keeps open from waiting for a carrier; it is cleared again below.
   *descriptor = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
   if (*descriptor < 0) {
     return reportStep(error, {kSite}, "Error opening serial port %@ - %s(%d).", path, errno);

@@ -7,22 +7,23 @@
 #include "Utility/ZPKOptions.h"
 #include "Utility/ZPKURL.h"
 
-/// How a serial device comes and goes. All the serial knowledge of the library is here.
+/// How a serial device is opened, set up and closed. No other class sets up serial lines.
 class ZPIUARTLifetimePolicy {
  public:
   static constexpr bool kIsSocket = false;
 
-  /// `portOptions` holds all three options and is not changed any more.
+  /// `portOptions` contains all three options and must not change any more.
   ZPIUARTLifetimePolicy(ZPKURLPtr device, ZPKOptionsPtr portOptions)
       : url(std::move(device)), options(std::move(portOptions)) {}
 
   bool acquire(int32_t* descriptor, ZPKErrorPtr* error) const;
 
-  /// Opens the device raw and, by default, exclusively held, with its speed and mode. Fills
-  /// `descriptor` as soon as the device is open and closes nothing when a later step fails.
+  /// Opens the device raw, with its baud rate and mode, and by default takes an exclusive hold
+  /// (termios(3), TIOCEXCL in ioctl_tty(2)). Fills `descriptor` as soon as the device is open, and
+  /// closes nothing if a later step fails.
   ///
-  /// Fails with domain "zephal-communication", code 4 for a system call and 3 for a bad mode. A
-  /// mode shorter than three characters throws std::out_of_range, with the device left open.
+  /// Fails with domain "zephal-communication", code 4 for a system call and code 3 for a bad mode.
+  /// A mode shorter than three characters throws std::out_of_range and leaves the device open.
   static bool openPortWithError__no_cleanup(int32_t* descriptor, const ZPKURLPtr& url,
                                             const ZPKOptionsPtr& options, ZPKErrorPtr* error);
 

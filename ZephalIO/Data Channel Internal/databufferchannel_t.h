@@ -12,14 +12,15 @@
 #include "Utility/ZPIWallClockDeadline.h"
 #include "Utility/ZPKConstants.h"
 
-/// A one-way hand-over of a stream of plain values from one producer thread to one consumer thread.
-/// It keeps no boundaries between what was sent, has no bound on its length, and is closed once and
-/// for good, by either side; what was not received by then never is.
+/// Hands over a stream of plain values from one producer thread to one consumer thread. It keeps no
+/// boundaries between the values of two sends and has no length limit. Either side closes it, one
+/// time and for good; values that were not received by then never are.
 ///
-/// One consumer: a signal wakes one waiter, and a second one could sleep through the close. The
-/// mutex is held for an append or for a swap of two vectors, never for a copy out.
+/// There may be only one consumer: a signal wakes one waiter, and a second could sleep through the
+/// close. The mutex is held during an append or the swap of two vectors, never while values are
+/// copied out.
 ///
-/// Why an operation ended is told in errno, and nowhere else.
+/// Only errno says why an operation ended.
 template <class T>
 class databufferchannel_t {
  public:
@@ -36,20 +37,20 @@ class databufferchannel_t {
     pthread_cond_destroy(&condition);
   }
 
-  /// Takes all that is queued, by swapping it with `output`, as soon as there is anything. Waits at
-  /// most `timeout` seconds against the wall clock; ZEPHAL_COMMUNICATION_TIME_NOW does not wait,
-  /// ZEPHAL_COMMUNICATION_TIME_FOREVER waits for as long as it takes.
+  /// Takes all queued values as soon as there are any, by swapping them with `output`. Waits for at
+  /// most `timeout` seconds by the wall clock; ZEPHAL_COMMUNICATION_TIME_NOW does not wait, and
+  /// ZEPHAL_COMMUNICATION_TIME_FOREVER waits without limit.
   ///
   /// - true, errno 0: `output` has the values;
-  /// - false, ETIMEDOUT: nothing came in time, or the queue was closed meanwhile. Values that come
-  ///   in the instant in which the time runs out stay for the next call;
+  /// - false, ETIMEDOUT: nothing arrived in time, or the queue was closed during the wait. Values
+  ///   that arrive in the instant in which the time is up stay for the next call;
   /// - false, ECANCELED: the queue was closed in the instant in which the wait ended by itself;
-  /// - false, EINVAL: the timeout is negative and not FOREVER, with an empty `output`, or it is not
-  ///   a number;
-  /// - false, any other: the wait failed;
-  /// - false, errno as it was: the queue was closed before the call.
+  /// - false, EINVAL: the timeout is negative and not FOREVER, and `output` is empty; or the
+  ///   timeout is not a number;
+  /// - false, any other errno: the wait failed;
+  /// - false, errno unchanged: the queue was closed before the call.
   ///
-  /// `output` is as it was unless the result is true.
+  /// `output` is unchanged unless the result is true.
   bool TryReceive(double timeout, Vector& output) {
     if (isRefused(timeout, output)) {
       errno = EINVAL;
@@ -66,8 +67,9 @@ class databufferchannel_t {
     return reason == 0;
   }
 
-  /// Queues copies of `count` values and wakes the consumer. Nothing is queued, and errno stays, if
-  /// `count` is 0 or the queue is closed; otherwise errno is what waking the consumer returned.
+  /// Queues copies of `count` values and wakes the consumer. If `count` is 0 or the queue is
+  /// closed, it queues nothing and leaves errno unchanged; otherwise errno is the result of waking
+  /// the consumer. Throws std::bad_alloc if memory cannot be allocated.
   void Send(const T* values, size_t count) {
     if (count == 0) return;
     int result = 0;
@@ -80,14 +82,15 @@ class databufferchannel_t {
     errno = result;
   }
 
-  /// Closes, and wakes the consumer. What is queued stays where it is, for nobody.
+  /// Closes the queue and wakes the consumer. Queued values can no longer be received.
   void Close() {
     const ZPIMutexHold hold(&mutex);
     closed.store(true, std::memory_order_release);
     pthread_cond_signal(&condition);
   }
 
-  /// Any thread may ask, without a lock. A true answer orders what was done before the close.
+  /// Any thread may ask, without a lock. A thread that gets true also sees everything that was done
+  /// before the close.
   bool isClosed() const { return closed.load(std::memory_order_acquire); }
 
  private:
@@ -96,7 +99,7 @@ class databufferchannel_t {
     return timeout < 0.0 && timeout != ZEPHAL_COMMUNICATION_TIME_FOREVER && output.empty();
   }
 
-  // 0 once there are values, otherwise the reason why there are none. Needs `mutex`.
+  // 0 as soon as there are values, otherwise the reason why there are none. Call with `mutex` held.
   int waitForValues(double timeout) {
     const timespec deadline = ZPIWallClockDeadline(timeout);
     if (!buffer.empty()) return 0;

@@ -3,8 +3,8 @@
 #include "Data Channel/ZPKDataChannel.h"
 #include "Data Transformers/ZPKMutableDataAggregatorTransformer.h"
 
-/// As createAggregatingTransformerChannel, except that nothing is refused: without an aggregator
-/// reads come uncut, and a reset that has reset the channel below fails without an error. A
-/// recorder, whose aggregator anybody may take away, records on in that way.
+/// Like createAggregatingTransformerChannel, except that it rejects nothing: without an aggregator
+/// reads are not split, and reset resets the channel below and then fails without an error. This
+/// way a recorder keeps recording even if its aggregator was set to null.
 ZPKDataChannelPtr ZPIAggregatingChannel(const ZPKDataChannelPtr& channel,
                                         const ZPKMutableDataAggregatorTransformerPtr& aggregator);

@@ -16,7 +16,7 @@ namespace {
 
 constexpr const char* kNullChannel = "channel cannot be nil";
 
-// In C++ every element is of the right type already; what is left to refuse is null.
+// In C++ every element already has the right type; only null is left to reject.
 bool isHomogenousDataTransformerArray(const ZPKDataTransformerArray& transformers) {
   return std::all_of(transformers.begin(), transformers.end(),
                      [](const ZPKDataTransformerPtr& element) { return element != nullptr; });

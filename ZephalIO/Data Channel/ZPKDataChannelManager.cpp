@@ -159,7 +159,7 @@ void ZPKDataChannelManager::setManaged_dataChannels(std::vector<ZPKDataChannelPt
 }
 
 void ZPKDataChannelManager::receive_loop() {
-  // A delegate may let go of the caller's last reference.
+  // A delegate may release the caller's last reference.
   const auto self = shared_from_this();
   ZPINameThisThread(kLoopThreadName);
   setStarted(true);
@@ -171,7 +171,7 @@ void ZPKDataChannelManager::receive_loop() {
   }
 }
 
-// One read and what becomes of it; false if that ends the loop.
+// Reads one time and passes the object on; false if this ends the loop.
 bool ZPKDataChannelManager::receiveOne() {
   const ZPKDataPtr data = read();
   if (!shouldDeserialize(data)) return true;

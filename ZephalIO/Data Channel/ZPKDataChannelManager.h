@@ -14,25 +14,26 @@
 class ZPKDataChannelManager;
 using ZPKDataChannelManagerPtr = std::shared_ptr<ZPKDataChannelManager>;
 
-/// What a ZPKDataChannelManager tells. All operations are optional: override those that matter.
+/// Gets the objects and events of a ZPKDataChannelManager. All operations are optional: override
+/// the ones you need.
 ///
-/// All calls come on the thread of the manager's loop, one at a time, and while one runs no read is
-/// made. The manager, its delegate and its channel may be replaced, disconnected or let go of in
-/// any of them. An operation must not throw.
+/// The thread of the manager's loop makes all calls, one at a time, and does not read during a
+/// call. In any of them the manager, its delegate and its channel may be replaced, disconnected or
+/// released. An operation must not throw.
 class ZPK_EXPORT ZPKDataChannelManagerDelegate {
  public:
   enum class Operation { ShouldDeserializeData, DidReceiveMessage, DidDisconnect };
 
   virtual ~ZPKDataChannelManagerDelegate();
 
-  /// Whether the delegate takes an operation. The manager asks before each call and makes none if
-  /// the answer is false. For a delegate that passes calls on and knows only while it runs which of
-  /// them somebody wants; any other leaves it alone.
+  /// Whether the delegate implements an operation. The manager asks before each call, and does not
+  /// call if the answer is false. Override it only in a delegate that passes calls on and learns at
+  /// run time which of them are needed.
   virtual bool implements(Operation operation) const;
 
-  /// Whether the result of a read, which may be null or empty, is to be deserialized; false drops
-  /// it, and the manager reads again. A delegate that goes on to say false to the null of a dead
-  /// channel lets the loop spin.
+  /// Whether to deserialize the result of a read, which may be null or empty. False drops it, and
+  /// the manager reads again. If a delegate keeps returning false for the null of a dead channel,
+  /// the loop spins.
   virtual bool shouldDeserializeData(const ZPKDataChannelManagerPtr& manager,
                                      const ZPKDataChannelPtr& dataChannel, const ZPKDataPtr& data);
 
@@ -40,30 +41,29 @@ class ZPK_EXPORT ZPKDataChannelManagerDelegate {
   virtual void didReceiveMessage(const ZPKDataChannelManagerPtr& manager,
                                  const ZPKDataChannelPtr& dataChannel, const ZPKObjectPtr& message);
 
-  /// The loop ended, for whatever reason; `started` is false already, so that the delegate may
-  /// listen again from here. The error is always null.
+  /// The loop ended, for any reason. `started` is already false, so the delegate may call listen
+  /// again from here. The error is always null.
   virtual void didDisconnect(const ZPKDataChannelManagerPtr& manager,
                              const ZPKDataChannelPtr& dataChannel, const ZPKErrorPtr& error);
 };
 
 using ZPKDataChannelManagerDelegatePtr = std::shared_ptr<ZPKDataChannelManagerDelegate>;
 
-/// Turns a channel into a stream of objects for a delegate: it reads in a loop, deserializes each
-/// read and hands the object on.
+/// Turns a channel into a stream of objects for a delegate: it reads in a loop, deserializes the
+/// result of each read and passes the object on.
 ///
-/// Each read is taken to hold exactly one serialized object. A byte stream needs framing below the
-/// manager for that: createPacketAggregatorTransformer for the reads of a createChannelTransformer,
-/// and createPacketPrependTransformer for the writes of the other end.
+/// Each read must return exactly one serialized object. For a byte stream this needs framing below
+/// the manager: createPacketAggregatorTransformer for the reads of a createChannelTransformer, and
+/// createPacketPrependTransformer for the writes of the peer.
 ///
-/// What ends the loop is a read that does not deserialize, and nothing else: a closed or failed
-/// channel, 1000 seconds without a byte, damaged data, or the empty data that a packet gives which
-/// is not yet whole, or empty. For packets put createPassiveChannel on top, which reads on. Why the
-/// loop ended, nobody is told; the log line of the serializer is the only trace.
+/// The loop ends only when the result of a read does not deserialize: after a closed or failed
+/// channel, 1000 seconds without a byte, damaged data, or the empty data that stands for an empty
+/// or incomplete packet. For packets, put createPassiveChannel on top, which keeps reading. The
+/// delegate does not learn why the loop ended; only the log line of the serializer shows it.
 ///
-/// The channel is the caller's to open. The manager holds it strongly, its delegate weakly: with a
-/// delegate that is gone the loop goes on and drops what it reads. The thread of a loop holds the
-/// manager for as long as it runs, so that letting go of a manager does not stop it; disconnect
-/// does.
+/// The caller opens the channel. The manager holds it strongly and the delegate weakly: if the
+/// delegate is gone, the loop continues and drops what it reads. The thread of a loop holds the
+/// manager while it runs, so releasing a manager does not stop it; disconnect does.
 ///
 ///     class Printer final : public ZPKDataChannelManagerDelegate {
 ///       void didReceiveMessage(const ZPKDataChannelManagerPtr&, const ZPKDataChannelPtr&,
@@ -83,8 +83,8 @@ class ZPK_EXPORT ZPKDataChannelManager final
   };
 
  public:
-  /// A manager of an open channel. With `option`, listen runs the loop on its caller's thread. A
-  /// null deserializer is legal; the loop then ends after its first read.
+  /// A manager of a channel that the caller has opened. With `option`, listen runs the loop on its
+  /// caller's thread. A null deserializer is legal; the loop then ends after its first read.
   ///
   /// Null for a null channel, then for a null delegate; domain "zephal-communication", code 9.
   static ZPKDataChannelManagerPtr managerWithDataChannel(
@@ -110,42 +110,42 @@ class ZPK_EXPORT ZPKDataChannelManager final
   ZPKDataChannelManager& operator=(const ZPKDataChannelManager&) = delete;
   ~ZPKDataChannelManager();
 
-  /// Starts the loop on a detached thread of its own and returns at once; with
-  /// ZPKdataChannelManagerReceiveUndetached it runs on this thread, which is named after it and
-  /// stays so, and listen returns when the loop has ended.
+  /// Starts the loop on a detached thread of its own and returns immediately. With
+  /// ZPKdataChannelManagerReceiveUndetached the loop runs on the calling thread, which gets the
+  /// loop's name and keeps it, and listen returns when the loop has ended.
   ///
-  /// False while a loop runs, and if the system has no thread to give; true otherwise. The slot is
-  /// never touched. `started` is set by the loop itself: of two calls in quick succession both may
-  /// start one, and few channels allow that two threads read them. So call it once, and again when
-  /// the delegate was told of the end. A loop that is started from there on the same thread runs
-  /// within that call.
+  /// False while a loop runs, and if the system cannot start a thread; true otherwise. The slot is
+  /// never touched. The loop itself sets `started`, so two calls in quick succession may both start
+  /// a loop, and few channels allow two threads to read them. So call it only one time, and again
+  /// after didDisconnect. A loop that didDisconnect starts on the same thread runs within that
+  /// call.
   bool listen(ZPKErrorPtr* error = nullptr);
 
-  /// The loop itself, on the calling thread: reads and hands on until a read does not deserialize,
-  /// then tells the delegate and returns. It names the thread, which keeps that name, and holds the
-  /// manager. Whether another loop runs it does not ask; listen does.
+  /// Runs the loop on the calling thread: reads and passes objects on until the result of a read
+  /// does not deserialize, then tells the delegate and returns. It names the thread, which keeps
+  /// that name, and holds the manager. Unlike listen, it does not check whether a loop runs.
   void receive_loop();
 
-  /// Closes the channel, whatever comes of it, and returns without waiting: the loop then ends by
-  /// itself, at its next read at the latest, and the delegate is told.
+  /// Closes the channel, ignores a failure of that, and returns without waiting. The loop then ends
+  /// by itself, at its next read at the latest, and the delegate is told.
   ///
-  /// On another thread than the loop's, the channel must allow a close during a read. A base
-  /// channel does: over a socket the loop ends at once, over a serial port with the device's next
-  /// byte, or when the read's 1000 seconds are up. Decorators on a base channel do not. With an
-  /// active channel on the transport, below whatever else there is, the loop ends within a fraction
-  /// of a second in every case. On the loop's own thread, in a call to the delegate, any channel
-  /// will do.
+  /// On a thread other than the loop's, the channel must allow a close during a read. A base
+  /// channel does: over a socket the loop ends immediately, over a serial port with the device's
+  /// next byte, or after the read's 1000 seconds. Decorators on a base channel do not. With an
+  /// active channel directly on the transport, below all others, the loop always ends within a
+  /// fraction of a second. On the loop's own thread, in a call to the delegate, any channel allows
+  /// it.
   void disconnect();
 
   /// "<ZPKDataChannelManager 0x...>", with the address.
   std::string description() const;
   std::string debugDescription() const;
 
-  // Properties, each read afresh by the loop whenever it needs it.
+  // Properties. The loop reads each one anew whenever it needs it.
 
   ZPKDataChannelPtr dataChannel() const;
   void setDataChannel(ZPKDataChannelPtr channel);
-  /// Held weakly: null once nobody else holds it.
+  /// Held weakly: null when nobody else holds it any more.
   ZPKDataChannelManagerDelegatePtr delegate() const;
   void setDelegate(const ZPKDataChannelManagerDelegatePtr& delegate);
   bool ZPKdataChannelManagerReceiveUndetached() const;
@@ -155,7 +155,7 @@ class ZPK_EXPORT ZPKDataChannelManager final
   /// Whether a loop runs.
   bool started() const;
   void setStarted(bool started);
-  /// The caller's own to use; the manager does not look at it.
+  /// For the caller's own use; the manager does not look at it.
   std::vector<ZPKDataChannelPtr> managed_dataChannels() const;
   void setManaged_dataChannels(std::vector<ZPKDataChannelPtr> channels);
 
@@ -168,7 +168,8 @@ class ZPK_EXPORT ZPKDataChannelManager final
       ZPKDataChannelManagerDelegate::Operation operation) const;
 
   std::atomic<bool> _ZPKdataChannelManagerReceiveUndetached = false;
-  // Set and cleared by the loop alone. Who sees it cleared sees all that the loop did.
+  // Set and cleared only by the loop. A thread that sees it cleared also sees everything that the
+  // loop did.
   std::atomic<bool> _started = false;
   ZPKAtomic<ZPKDataChannelPtr> _dataChannel;
   ZPKAtomic<std::weak_ptr<ZPKDataChannelManagerDelegate>> _delegate;

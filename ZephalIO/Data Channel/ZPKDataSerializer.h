@@ -13,29 +13,29 @@
 /// A set of classes of objects, each by its `typeid`.
 using ZPKClassSet = std::set<std::type_index>;
 
-/// What turns one object into bytes and back. A caller's own serializer can carry classes of the
-/// caller's own, which derive from ZPKObject.
+/// Turns one object into bytes and back. A caller's own serializer can carry the caller's own
+/// classes, which derive from ZPKObject.
 ///
 /// A class that implements this also has a static operation `supportedClasses()`, the set of the
-/// classes that its format may carry; see ZPKDataSerializerClass.
+/// classes that its format may contain; see ZPKDataSerializerClass.
 ///
-/// A manager calls deserialize on its own thread, and one serializer may serve several managers: an
-/// implementation without state needs nothing more to be safe.
+/// A manager calls deserialize on its own thread, and several managers may share one serializer. An
+/// implementation without state is safe for that.
 class ZPK_EXPORT ZPKDataSerializer {
  public:
   virtual ~ZPKDataSerializer();
 
   /// The object's bytes, or null on failure. Null is a legal argument.
   virtual ZPKDataPtr serialize(const ZPKObjectPtr& object) = 0;
-  /// The object that the bytes hold, or null on failure. Null and empty data are legal arguments.
+  /// The object in the bytes, or null on failure. Null and empty data are legal arguments.
   virtual ZPKObjectPtr deserialize(const ZPKDataPtr& data) = 0;
-  /// The name of the format, by which two ends can tell whether they speak the same one.
+  /// The name of the format. Two ends can compare it to check that they use the same one.
   virtual std::string formatName() const = 0;
 };
 
 using ZPKDataSerializerPtr = std::shared_ptr<ZPKDataSerializer>;
 
-/// A class that is a serializer in full, its static operation included.
+/// A class that is a complete serializer, including its static operation.
 template <class T>
 concept ZPKDataSerializerClass = std::derived_from<T, ZPKDataSerializer> && requires {
   { T::supportedClasses() } -> std::convertible_to<ZPKClassSet>;

@@ -5,13 +5,13 @@
 #include "Data Channel/ZPKDataChannel.h"
 #include "Utility/ZPKReportFailure.h"
 
-/// One call of a stack, on its chain: refuses what the chain's state does not allow, and reports it
-/// in the name of the stack's function. A stack makes one within the function, with its lock held.
-/// Everything is inline but the report, since each command and each read goes through here.
+/// One call of a stack on its chain: rejects what the chain's state does not allow, and reports it
+/// in the name of the stack's function. A stack creates one within that function, with its lock
+/// held. Everything except the report is inline, since each command and each read goes through it.
 class ZPIStackCall final {
  public:
-  /// `chain` is the chain's top, null if none was created. Failures go to `error`, if it is not
-  /// null, and to the log, in `domain` and at `site`.
+  /// `chain` is the top of the chain; null if none was created. Failures are stored in `error`,
+  /// unless it is null, and logged, with `domain` and `site`.
   ZPIStackCall(const char* domain, ZPKDataChannelPtr chain, ZPKErrorPtr* error,
                const ZPIFailureSite& site)
       : _domain(domain), _chain(std::move(chain)), _error(error), _site(site) {}
@@ -20,19 +20,19 @@ class ZPIStackCall final {
 
   const ZPKDataChannelPtr& chain() const { return _chain; }
 
-  /// True, with code 302 and `message` reported, if there is a chain.
+  /// If there is a chain, reports code 302 with `message` and returns true.
   bool refuseOnceCreated(const char* message) const {
     return _chain != nullptr && refuse(302, message);
   }
 
-  /// True, with code 303 reported, if the chain is open.
+  /// If the chain is open, reports code 303 and returns true.
   bool refuseWhileOpen() const { return isOpened() && refuse(303, kAlreadyOpen); }
 
-  /// True, with code 304 reported, if the chain is not open, also if there is none.
+  /// If the chain is not open, or there is none, reports code 304 and returns true.
   bool refuseUnlessOpen() const { return !isOpened() && refuse(304, kNotOpen); }
 
-  /// Opens the chain. Fails with code 301 if there is none, with 303 if it is open, and with what
-  /// the chain reports.
+  /// Opens the chain. Fails with code 301 if there is none, with code 303 if it is open, and with
+  /// the error of the chain.
   bool open(double timeout) const {
     if (_chain == nullptr) return !refuse(301, kNotCreated);
     return !refuseWhileOpen() && _chain->openWithTimeout(timeout, _error);
@@ -48,7 +48,7 @@ class ZPIStackCall final {
 
   bool isOpened() const { return _chain != nullptr && _chain->isOpened(); }
 
-  bool refuse(int code, const char* message) const;  // reports, and is true
+  bool refuse(int code, const char* message) const;  // reports, and returns true
 
   const char* const _domain;
   const ZPKDataChannelPtr _chain;

@@ -59,7 +59,7 @@ bool ZPKCommLoggerStack::createStackWithURL(std::optional<std::string_view> url,
     ZPKReportFailure(error, kZPICommLoggerChannelDomain, 300,
                      {"-[ZPKCommLoggerStack createStackWithURL:error:]"}, "Invalid URL scheme");
   }
-  // Without a channel as well: an open stack says so first of all.
+  // Called without a channel too: an open stack always fails with code 303.
   return createStackWithBaseChannel(channel.value_or(nullptr), error);
 }
 
@@ -124,14 +124,15 @@ void ZPKCommLoggerStack::setPreAggregatorLogFilePath(std::optional<std::string> 
   _preAggregatorLogFilePath.store(std::move(path));
 }
 
-// The active channel stands on top, so that the aggregator and both logs see all that its thread
+// The active channel is on top, so that the aggregator and both logs see everything that its thread
 // reads.
 ZPKDataChannelPtr ZPKCommLoggerStack::chainOn(ZPKDataChannelPtr channel, ZPKErrorPtr* error) const {
   channel = ZPIWithLog(channel, preAggregatorLogFilePath(), "pre-", error);
   if (channel == nullptr) return nullptr;
   const ZPKMutableDataAggregatorTransformerPtr cutter = aggregator();
   if (cutter != nullptr) cutter->buffer()->setLength(0);
-  // Not by the factory, which would refuse a null aggregator: a recorder then records uncut.
+  // Does not use the factory, which rejects a null aggregator: without one, a recorder records the
+  // stream without splitting it.
   channel = ZPIWithLog(ZPIAggregatingChannel(channel, cutter), logFilePath(), "post", error);
   if (channel == nullptr) return nullptr;
   return createActiveNullChannel(channel, error);

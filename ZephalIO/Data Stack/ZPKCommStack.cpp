@@ -17,12 +17,12 @@ ZPIStackCall callOn(ZPKDataChannelPtr chain, ZPKErrorPtr* error, const ZPIFailur
   return ZPIStackCall(kZPICommChannelDomain, std::move(chain), error, site);
 }
 
-// The number that a timeout message shows: the caller's own.
-ZPKNumber limitOf(const std::optional<ZPKNumber>& timeout) {
+// The number that a timeout message shows, in the form in which the caller passed it.
+ZPKNumber timeoutToShow(const std::optional<ZPKNumber>& timeout) {
   return timeout.value_or(ZEPHAL_COMMUNICATION_TIME_FOREVER);
 }
 
-// Reports code 309, and says so, if another device was found.
+// If a different device was found, reports code 309 and returns true.
 bool reportSwap(const std::optional<std::string>& swap, ZPKErrorPtr* error,
                 const ZPIFailureSite& site) {
   if (!swap.has_value()) return false;
@@ -30,9 +30,9 @@ bool reportSwap(const std::optional<std::string>& swap, ZPKErrorPtr* error,
   return true;
 }
 
-// The response as text, or null with code 306 at the caller's site.
-std::optional<std::string> decoded(const ZPKDataPtr& response, ZPKErrorPtr* error,
-                                   const ZPIFailureSite& site) {
+// The response as text; null, with code 306 reported at `site`, if it is not UTF-8.
+std::optional<std::string> textOf(const ZPKDataPtr& response, ZPKErrorPtr* error,
+                                  const ZPIFailureSite& site) {
   if (response == nullptr) return std::nullopt;
   std::optional<std::string> text = response->string();
   if (!text.has_value()) {
@@ -42,11 +42,11 @@ std::optional<std::string> decoded(const ZPKDataPtr& response, ZPKErrorPtr* erro
   return text;
 }
 
-// The same for the filters of both kinds.
+// The message is the same for both kinds of filters.
 constexpr const char* kFiltersRefused =
     "Cannot update read filters hex while uart stack is already created";
 
-// One filter for each text, or nothing if one of them cannot be made.
+// One filter for each text, or nothing if one of them cannot be created.
 template <class BytesOf>
 std::optional<ZPKDataTransformerArray> filtersOf(const std::vector<std::string>& texts,
                                                  BytesOf bytesOf, ZPKErrorPtr* error) {
@@ -61,7 +61,7 @@ std::optional<ZPKDataTransformerArray> filtersOf(const std::vector<std::string>&
   return filters;
 }
 
-// Another delimiter for one read, put back whatever becomes of the read.
+// Sets a different delimiter during one read and restores the old one after it.
 class DelimiterSwap {
  public:
   DelimiterSwap(ZPKMutableDataAggregatorTransformerPtr aggregator, const ZPKDataPtr& delimiter)
@@ -238,7 +238,7 @@ ZPKDataPtr ZPKCommStack::readDataWithTimeout(std::optional<ZPKNumber> timeout,
   if (reportSwap(_currentSwap.current(), error, {kSite})) return nullptr;
   if (isTimeout(data)) {
     ZPKReportFailure(error, kZPICommChannelDomain, 305, {kSite},
-                     "Timed out trying to read after %@ sec", limitOf(timeout));
+                     "Timed out trying to read after %@ sec", timeoutToShow(timeout));
     return nullptr;
   }
   return data;
@@ -256,7 +256,7 @@ ZPKDataPtr ZPKCommStack::sendCommandData(const ZPKDataPtr& command,
   if (isTimeout(response)) {
     ZPKReportFailure(error, kZPICommChannelDomain, 305, {kSite},
                      "Timed out waiting for response for command '%@' after %@ sec",
-                     ZPKDataToString(command), limitOf(timeout));
+                     ZPKDataToString(command), timeoutToShow(timeout));
     return nullptr;
   }
   return response;
@@ -269,15 +269,15 @@ bool ZPKCommStack::writeString(std::optional<std::string_view> string, ZPKErrorP
 std::optional<std::string> ZPKCommStack::readStringWithTimeout(
     std::optional<ZPKNumber> timeout, std::optional<std::string_view> delimiter,
     ZPKErrorPtr* error) {
-  return decoded(readDataWithTimeout(timeout, ZPKData::dataWithString(delimiter), error), error,
-                 {"-[ZPKCommStack readStringWithTimeout:delimiter:error:]"});
+  return textOf(readDataWithTimeout(timeout, ZPKData::dataWithString(delimiter), error), error,
+                {"-[ZPKCommStack readStringWithTimeout:delimiter:error:]"});
 }
 
 std::optional<std::string> ZPKCommStack::sendCommandString(std::optional<std::string_view> command,
                                                            std::optional<ZPKNumber> timeout,
                                                            ZPKErrorPtr* error) {
-  return decoded(sendCommandData(ZPKData::dataWithString(command), timeout, error), error,
-                 {"-[ZPKCommStack sendCommandString:timeout:error:]"});
+  return textOf(sendCommandData(ZPKData::dataWithString(command), timeout, error), error,
+                {"-[ZPKCommStack sendCommandString:timeout:error:]"});
 }
 
 std::optional<std::string> ZPKCommStack::sendCommandStringWithEchoRemoval(
@@ -384,7 +384,8 @@ void ZPKCommStack::setPreAggregatorLogFilePath(std::optional<std::string> path) 
   _preAggregatorLogFilePath.store(std::move(path));
 }
 
-// The chain of the settings on `channel`, or null with the error of the factory that failed.
+// Builds the chain of the current settings on `channel`; null, with the error of the factory that
+// failed, if a part cannot be created.
 ZPKDataChannelPtr ZPKCommStack::chainOn(ZPKDataChannelPtr channel, ZPKErrorPtr* error) const {
   channel = ZPIWithLog(channel, preAggregatorLogFilePath(), "pre-", error);
   if (channel != nullptr && activeChannelOnOff()) channel = createActiveChannel(channel, error);
@@ -400,7 +401,8 @@ ZPKDataChannelPtr ZPKCommStack::chainOn(ZPKDataChannelPtr channel, ZPKErrorPtr* 
   return ZPIWithLog(channel, logFilePath(), "post", error);
 }
 
-// The detector first, so that it sees what the device sent; then the hex filters, then the others.
+// The detector is first, so that it sees everything the device sent; then come the hex filters,
+// then the others.
 ZPKDataTransformerArray ZPKCommStack::readTransformers() const {
   ZPKDataTransformerArray transformers{ecidChecker()};
   for (const auto& filters : {readFilterHexTransformers(), readFilterTransformers()}) {

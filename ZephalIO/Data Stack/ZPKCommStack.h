@@ -17,7 +17,7 @@
 #include "Utility/ZPKNumber.h"
 #include "Utility/ZPKRegex.h"
 
-/// Talks to a device: gives a command and gets the response, which ends at the device's prompt.
+/// Talks to a device: sends a command and gets the response, which ends with the device's prompt.
 ///
 ///     ZPKErrorPtr error;
 ///     auto stack = ZPKCommStack::init();
@@ -26,26 +26,27 @@
 ///         !stack->openWithTimeout(std::nullopt, &error)) return report(error);
 ///     std::optional<std::string> answer = stack->sendCommandString("version", 2.0, &error);
 ///
-/// Three steps, in this order. Configure: make it and call the setters. Create: a chain of channels
-/// is built from the settings. Open: the chain opens from the top down. close ends the last step
-/// and leaves the chain, which can be opened again. A failed read closes the transport, so an open
-/// stack can fall back to closed by itself; the next call that talks then fails with code 304, and
-/// close with code 2 from below. To reconnect create the stack again: the old chain may be opened
-/// too, but it keeps a part of a response, with which the next one then begins.
+/// There are three steps, in this order. Configure: call init and the setters. Create: the stack
+/// builds a chain of channels from the settings. Open: the chain opens from the top down. close
+/// undoes only the last step; the chain stays and can be opened again. A failed read closes the
+/// transport, so an open stack can become closed by itself. Then the next call that talks fails
+/// with code 304, and close with code 2 from below. To reconnect, create the stack again: you may
+/// also open the old chain, but if it has buffered a part of a response, the next response begins
+/// with that.
 ///
-/// Errors are in the domain "zephal-commchannel" unless told otherwise, or come up from the chain
-/// in "zephal-communication". Test the result and not the slot: a few failures have no error.
+/// Errors are in the domain "zephal-commchannel" unless stated otherwise, or are passed up from the
+/// chain in "zephal-communication". Test the result and not the slot: a few failures have no error.
 /// Timeouts are in seconds: ZEPHAL_COMMUNICATION_TIME_NOW, any positive number, or
-/// ZEPHAL_COMMUNICATION_TIME_FOREVER, which null stands for. Any other negative number is refused
-/// where the read waits, with code 3 of "zephal-communication"; a response that is already held
-/// comes out before that. Strings are UTF-8.
+/// ZEPHAL_COMMUNICATION_TIME_FOREVER, which null stands for. Any other negative number is rejected
+/// when the read would wait, with code 3 of "zephal-communication"; a response that is already
+/// buffered is returned before that. Strings are UTF-8.
 ///
-/// Threads: one recursive lock is held over the whole of every operation, a blocking read included.
-/// While one thread waits in a read, or in a write to a peer that does not read, every other
-/// operation of the stack waits for it, close and isOpen too; closing does not cancel a read. A
-/// command and its response cannot interleave with another thread's. The plain accessors at the end
-/// take no lock and are safe on any thread. The stack must not be destroyed while a thread is
-/// inside it; an open chain is closed then, and what a failed close says goes to the log.
+/// Threads: every operation holds one recursive lock from start to end, even during a blocking
+/// read. While one thread waits in a read, or in a write to a peer that does not read, all other
+/// operations of the stack wait for it, including close and isOpen; closing does not cancel a read.
+/// A command and its response cannot interleave with another thread's. The plain accessors at the
+/// end take no lock and are safe on any thread. Do not destroy the stack while a thread is inside
+/// it. Destroying it closes an open chain and logs the error of a failed close.
 class ZPK_EXPORT ZPKCommStack {
   struct Key {
     explicit Key() = default;
@@ -63,140 +64,145 @@ class ZPK_EXPORT ZPKCommStack {
   // --- Configure.
 
   /// Expects the device with this ECID (an unsigned 64-bit value; null turns detection off) and
-  /// forgets an earlier swap. Fails with code 302 once a chain was created.
+  /// forgets an earlier swap. Fails with code 302 after a chain was created.
   bool enableECIDSwapDetectionWithECID(std::optional<ZPKNumber> ecid, ZPKErrorPtr* error = nullptr);
-  /// Whether a read that yields no bytes in its time is an error (code 305) or empty data; null
+  /// Sets whether a read without bytes at its timeout is an error (code 305) or empty data; null
   /// counts as false. Always true.
   bool setTimeoutIsException(std::optional<ZPKNumber> value, ZPKErrorPtr* error);
-  /// Where a response ends. Works on an open stack too, from the next read on, and covers bytes
-  /// that are held already. Null and "" let all bytes through uncut. Always true.
+  /// Sets the delimiter that ends a response. It also applies to an open stack, from the next read
+  /// on, and to bytes that are already buffered. With null and "" the bytes pass without being
+  /// split. Always true.
   bool setDelimiter(std::optional<std::string_view> delimiter, ZPKErrorPtr* error = nullptr);
-  /// What ends every write. Works on an open stack too. Null and "" add nothing. Always true.
+  /// Sets the line terminator that ends every write. It also applies to an open stack. Null and ""
+  /// add nothing. Always true.
   bool setLineTerminator(std::optional<std::string_view> terminator, ZPKErrorPtr* error = nullptr);
 
-  // The settings of the optional layers. Each fails with code 302 once a chain was created.
+  // The settings of the optional layers. Each fails with code 302 after a chain was created.
 
-  /// What is cut out of every response, each text wherever it stands: the bytes that hexadecimal
-  /// texts name (see ZPKDataFromHexString). They replace the filters of an earlier call; none
-  /// clears them. Fails without an error for a text that is not hexadecimal, and with code 3 of
-  /// "zephal-communication" for an empty one; the earlier filters stay then.
+  /// Sets the bytes that are removed wherever they appear in a response. Each text stands for bytes
+  /// in hexadecimal (see ZPKDataFromHexString). They replace the filters of an earlier call; an
+  /// empty list clears them. Fails without an error for a text that is not hexadecimal, and with
+  /// code 3 of "zephal-communication" for an empty one; the earlier filters then stay.
   bool setReadFiltersHex(const std::vector<std::string>& filters, ZPKErrorPtr* error = nullptr);
-  /// As setReadFiltersHex, with the texts' own bytes. They are cut out after those.
+  /// Like setReadFiltersHex, with the texts' own bytes. These filters run after the others.
   bool setReadFilters(const std::vector<std::string>& filters, ZPKErrorPtr* error = nullptr);
-  /// The files that log the conversation as the caller sees it, command and response, and the bytes
-  /// as they pass on the wire, in the chunks in which they come. Null means none. Both are opened
-  /// by openWithTimeout alone, grow at their end and may be the same file; see
-  /// createLoggingChannel.
+  /// Sets the files of the two logs. The first gets the conversation as the caller sees it, command
+  /// and response; the second gets the bytes on the wire, in the chunks in which they pass. Null
+  /// means no log. Only openWithTimeout opens the files. They grow at their end and may be the same
+  /// file; see createLoggingChannel.
   bool setLogFilePath(std::optional<std::string_view> path,
                       std::optional<std::string_view> preAggregatorPath,
                       ZPKErrorPtr* error = nullptr);
-  /// Whether a background thread reads the device all the time that the stack is open, whatever the
-  /// caller is doing; see createActiveChannel. A response that is followed at once by a hang-up may
-  /// be lost with it. Null counts as false, the default.
+  /// Sets whether a background thread reads the device while the stack is open, whatever the caller
+  /// is doing; see createActiveChannel. A response that is immediately followed by a hang-up may
+  /// then be lost. Null counts as false, the default.
   bool setActiveChannelOnOff(std::optional<ZPKNumber> onOff, ZPKErrorPtr* error);
 
   // --- Create and open.
 
-  /// Builds the chain on the base channel that createBaseChannelWithTransport makes of the URL,
-  /// whose errors it passes on.
+  /// Builds the chain on the base channel that createBaseChannelWithTransport creates for the URL,
+  /// and passes on the errors of that function.
   bool createStackWithURL(std::optional<std::string_view> url, ZPKErrorPtr* error = nullptr);
-  /// Builds the chain on `channel`, which is shared with the caller. A chain that is closed is
-  /// replaced, and bytes held from it go; one that is open fails with code 303. Null fails without
-  /// an error. A channel that is open already gives a stack that is open, and that writes no logs.
+  /// Builds the chain on `channel`, which is shared with the caller. A closed chain is replaced and
+  /// its buffered bytes are dropped; if the chain is open, this fails with code 303. Null fails
+  /// without an error. If the channel is already open, so is the stack, but it writes no logs.
   bool createStackWithBaseChannel(const ZPKDataChannelPtr& channel, ZPKErrorPtr* error = nullptr);
-  /// Opens the chain. The timeout is handed down and ignored at the bottom: a transport connects in
-  /// its own time. Fails with code 301 without a chain, with 303 if it is open, and with what the
-  /// layers report. A connection that is refused gives no error: errno(3) says why straight after
-  /// the call, and logs that were opened stay open. May be tried again at once.
+  /// Opens the chain. The timeout is passed down and ignored at the bottom: connecting takes as
+  /// long as the system needs. Fails with code 301 without a chain, with code 303 if it is open,
+  /// and with the error of a layer. A refused connection has no error: errno(3) holds the reason
+  /// immediately after the call, and logs that were opened stay open. You may try again
+  /// immediately.
   bool openWithTimeout(std::optional<ZPKNumber> timeout, ZPKErrorPtr* error = nullptr);
   /// 1 if the chain is open, otherwise 0. Never touches the slot.
   ZPKNumber isOpen(ZPKErrorPtr* error = nullptr) const;
-  /// Closes the chain and, if that went well, resets it, which drops bytes that are held. Without a
-  /// chain it fails without an error.
+  /// Closes the chain and, if that succeeds, resets it, which drops buffered bytes. Without a chain
+  /// it fails without an error.
   bool close(ZPKErrorPtr* error = nullptr);
 
-  // --- Talk. Each fails with code 304 if the chain is not open, also if there is none.
+  // --- Talk. Each fails with code 304 if the chain is not open, or if there is none.
   //
-  // A response ends with its delimiter, which is not taken off. Bytes behind the delimiter, and a
-  // part of a response that was there when the time ran out, are kept and begin the next response;
-  // so a late response answers the next command. Reads and commands fail with code 309 from the
-  // moment that another device was found at the line, with the two ECIDs as the description;
-  // closing and reopening does not change that.
+  // A response ends with its delimiter, which is kept. Bytes after the delimiter, and a part of a
+  // response that had arrived when the timeout expired, are buffered and begin the next response;
+  // so a late response answers the next command. After a different device was detected on the line,
+  // reads and commands fail with code 309 and the two ECIDs as the description; closing and
+  // reopening does not change that.
 
-  /// Writes the bytes and the line terminator; empty data sends the terminator alone. Null fails
-  /// without an error. A write that fails leaves the stack open. There is no time limit: a peer
-  /// that does not read holds up the write, and with it every other operation, until the base
-  /// channel is closed on another thread (see ZPKDataChannel.h).
+  /// Writes the bytes and the line terminator; for empty data only the terminator. Null fails
+  /// without an error. A failed write leaves the stack open. There is no time limit: until the peer
+  /// reads, the write and with it every other operation waits, unless the base channel is closed on
+  /// another thread (see ZPKDataChannel.h).
   bool writeData(const ZPKDataPtr& data, ZPKErrorPtr* error = nullptr);
-  /// Reads up to the delimiter, waiting for as long as `timeout` says and about a tenth of that
-  /// longer at the most. A delimiter that is not null holds for this one read. Fails with code 305
-  /// if no whole response came in time, unless timeouts are no errors: the result is empty data
-  /// then. A response that a filter removes whole counts as none, at once. With an empty delimiter
-  /// a read first waits for new bytes, without a limit if it has none, though others are held.
+  /// Reads up to the delimiter, and waits for up to `timeout` and at most about a tenth of it
+  /// longer. A delimiter that is not null applies to this read only. If no whole response arrives
+  /// in time, it fails with code 305, or returns empty data if timeouts are not errors. A response
+  /// that a filter removes completely counts as none, without waiting for the timeout. With an
+  /// empty delimiter a read first waits for new bytes even if others are buffered, under FOREVER
+  /// without limit.
   ZPKDataPtr readDataWithTimeout(std::optional<ZPKNumber> timeout, const ZPKDataPtr& delimiter,
                                  ZPKErrorPtr* error = nullptr);
-  /// Writes the command, then reads its response as readDataWithTimeout does. The text of its code
-  /// 305, and the line in the log, show the command, be it a password. A command that cannot be
-  /// written fails with what the transport reports; a null one without an error.
+  /// Writes the command, then reads its response like readDataWithTimeout. The text of code 305 and
+  /// its log line show the command, even if it is a password. If the command cannot be written, it
+  /// fails with the error of the transport; a null command fails without an error.
   ZPKDataPtr sendCommandData(const ZPKDataPtr& command, std::optional<ZPKNumber> timeout,
                              ZPKErrorPtr* error = nullptr);
 
-  /// As writeData, with the string's bytes.
+  /// Like writeData, with the string's bytes.
   bool writeString(std::optional<std::string_view> string, ZPKErrorPtr* error = nullptr);
-  /// As readDataWithTimeout. Fails with code 306, and the bytes are lost, if they are not UTF-8.
+  /// Like readDataWithTimeout. If the bytes are not UTF-8, it fails with code 306 and they are
+  /// lost.
   std::optional<std::string> readStringWithTimeout(std::optional<ZPKNumber> timeout,
                                                    std::optional<std::string_view> delimiter,
                                                    ZPKErrorPtr* error = nullptr);
-  /// As sendCommandData, with code 306 as above.
+  /// Like sendCommandData, with code 306 as above.
   std::optional<std::string> sendCommandString(std::optional<std::string_view> command,
                                                std::optional<ZPKNumber> timeout,
                                                ZPKErrorPtr* error = nullptr);
-  /// As sendCommandString, for a device that echoes: the first occurrence of the command with its
-  /// line terminator is removed from the response, wherever it stands. An echo with another line
-  /// end stays: a console that echoes CR LF, as most do, wants setLineTerminator("\r").
+  /// Like sendCommandString, for a device that echoes: the first occurrence of the command with its
+  /// line terminator is removed from the response, wherever it is. An echo with a different line
+  /// break is kept: a console that echoes CR LF, as most do, needs setLineTerminator("\r").
   std::optional<std::string> sendCommandStringWithEchoRemoval(
       std::optional<std::string_view> command, std::optional<ZPKNumber> timeout,
       ZPKErrorPtr* error = nullptr);
-  /// As above, and then the part of the response that `regex` picks: the first capture group of its
-  /// first match, or the whole match if there is no such group or it took no part. A null regex
-  /// picks all. Fails with code 308 if there is no match.
+  /// Like the function above, but returns only the part of the response that `regex` selects: the
+  /// first capture group of its first match, or the whole match if there is no such group or it
+  /// took no part. A null regex selects everything. Fails with code 308 if there is no match.
   std::optional<std::string> sendCommandStringWithEchoRemoval(
       std::optional<std::string_view> command, const ZPKRegexPtr& regex,
       std::optional<ZPKNumber> timeout, ZPKErrorPtr* error = nullptr);
 
-  // --- Plain accessors. Each is safe on any thread and changes the field alone: nothing is
-  // checked, and a chain that was created keeps what it was made of.
+  // --- Plain accessors. Each is safe on any thread and changes only the field: nothing is checked,
+  // and a chain that was already created keeps its parts.
 
   bool activeChannelOnOff() const;
   void setActiveChannelOnOff(bool onOff);
   bool timeoutIsException() const;
   void setTimeoutIsException(bool value);
-  /// The top of the chain; null as long as none was created.
+  /// The top of the chain; null until one is created.
   ZPKDataChannelPtr commChannel() const;
   void setCommChannel(ZPKDataChannelPtr channel);
-  /// What cuts the stream; the chain holds the same object.
+  /// The aggregator that splits the stream; the chain holds the same object.
   ZPKMutableDataAggregatorTransformerPtr aggregator() const;
   void setAggregator(ZPKMutableDataAggregatorTransformerPtr aggregator);
-  /// What ends every write; the chain holds the same object.
+  /// The appender that ends every write; the chain holds the same object.
   ZPKMutableDataAppendingTransformerPtr appender() const;
   void setAppender(ZPKMutableDataAppendingTransformerPtr appender);
-  /// The read filters made from text; null as long as none were set.
+  /// The read filters created from text; null until some are set.
   std::optional<ZPKDataTransformerArray> readFilterTransformers() const;
   void setReadFilterTransformers(std::optional<ZPKDataTransformerArray> transformers);
-  /// The read filters made from hexadecimal text; null as long as none were set.
+  /// The read filters created from hexadecimal text; null until some are set.
   std::optional<ZPKDataTransformerArray> readFilterHexTransformers() const;
   void setReadFilterHexTransformers(std::optional<ZPKDataTransformerArray> transformers);
   /// The swap detector; the chain holds the same object.
   ZPKECIDSwapDetectTransformerPtr ecidChecker() const;
   void setEcidChecker(ZPKECIDSwapDetectTransformerPtr checker);
-  /// The text of a swap that was found; null if none was. Setting it to null is the one way to go
-  /// on with a chain after a swap.
+  /// The text of a swap that was detected; null if there was none. The only way to continue with a
+  /// chain after a swap is to set this to null.
   std::optional<std::string> ecidSwapInformation() const;
   void setEcidSwapInformation(std::optional<std::string> information);
-  /// The path of the log of the chain's outer end; null for none.
+  /// The path of the log at the chain's outer end; null for none.
   std::optional<std::string> logFilePath() const;
   void setLogFilePath(std::optional<std::string> path);
-  /// The path of the log of the chain's raw end; null for none.
+  /// The path of the log at the chain's raw end; null for none.
   std::optional<std::string> preAggregatorLogFilePath() const;
   void setPreAggregatorLogFilePath(std::optional<std::string> path);
 
@@ -220,8 +226,8 @@ class ZPK_EXPORT ZPKCommStack {
   ZPKAtomic<std::optional<std::string>> _logFilePath;
   ZPKAtomic<std::optional<std::string>> _preAggregatorLogFilePath;
 
-  // What every command looks at, read without a lock of its own and, of the chain, without keeping
-  // it alive. Guarded by _lock.
+  // The stack's own copies of two properties that every command reads, so that a read takes no lock
+  // of the property. The one of the chain does not keep it alive. Guarded by _lock.
   ZPKAtomic<ZPKDataChannelPtr>::WeakSnapshot _currentChannel;
   ZPKAtomic<std::optional<std::string>>::Snapshot _currentSwap;
 };

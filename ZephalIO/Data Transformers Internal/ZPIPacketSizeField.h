@@ -3,10 +3,10 @@
 
 #include <cstdint>
 
-/// The most bytes that a size field has: a size is a 64-bit number.
+/// The largest width of a size field in bytes: a size is a 64-bit number.
 inline constexpr int32_t kZPIWidestSizeField = sizeof(uint64_t);
 
-/// Whether there is a size field of `width` bytes.
+/// Whether a size field can have `width` bytes.
 inline bool ZPIIsSizeFieldWidth(int32_t width) {
   return width >= 1 && width <= kZPIWidestSizeField;
 }

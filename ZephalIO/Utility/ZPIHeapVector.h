@@ -9,10 +9,11 @@
 #include <type_traits>
 #include <utility>
 
-/// A vector of plain values whose storage, one malloc(3) block, can be given away: bytes that were
-/// collected in it become a ZPKMutableData without a copy. It grows by realloc(3), which moves the
-/// pages of a long block instead of copying them, and initialises nothing that is then overwritten.
-/// No lock. Memory that cannot be had throws std::bad_alloc and leaves the vector as it was.
+/// A vector of plain values whose storage, one malloc(3) block, can be given away: bytes collected
+/// in it become a ZPKMutableData without a copy. It grows by realloc(3), which moves the pages of a
+/// long block instead of copying them, and does not initialise bytes that will be overwritten. Not
+/// thread-safe. If memory cannot be allocated, it throws std::bad_alloc and leaves the vector
+/// unchanged.
 template <class T>
 class ZPIHeapVector {
   static_assert(std::is_trivially_copyable_v<T> && std::is_trivially_destructible_v<T>);
@@ -29,14 +30,14 @@ class ZPIHeapVector {
   size_t capacity() const { return _capacity; }
   bool empty() const { return _size == 0; }
 
-  /// Adds copies of `count` values, which are not the vector's own, at the end.
+  /// Appends copies of `count` values, which must not lie in the vector itself.
   void append(const T* values, size_t count) {
     if (count == 0) return;
     std::memcpy(extend(count), values, count * sizeof(T));
   }
 
-  /// Adds `count` values at the end that hold nothing yet, and returns the first of them for the
-  /// caller to set; valid until the next addition.
+  /// Appends `count` uninitialised values and returns a pointer to the first of them for the caller
+  /// to set; valid until the next addition.
   T* extend(size_t count) {
     if (count > _capacity - _size) grow(count);
     T* const added = _values + _size;
@@ -44,14 +45,15 @@ class ZPIHeapVector {
     return added;
   }
 
-  /// Exchanges the contents of two vectors, without a copy.
+  /// Exchanges the contents of two vectors without copying them.
   void swap(ZPIHeapVector& other) noexcept {
     std::swap(_values, other._values);
     std::swap(_size, other._size);
     std::swap(_capacity, other._capacity);
   }
 
-  /// Gives the storage away and leaves the vector empty. The caller frees it with free(3).
+  /// Returns the storage, which the caller frees with free(3), and leaves the vector empty. Null if
+  /// nothing was appended.
   T* release() noexcept {
     _size = 0;
     _capacity = 0;
@@ -59,11 +61,11 @@ class ZPIHeapVector {
   }
 
  private:
-  // Room for a short answer of a device at the first append.
+  // The first append allocates room for a short response of a device.
   static constexpr size_t kSmallestCapacity = 32;
   static constexpr size_t kLargestCapacity = std::numeric_limits<ptrdiff_t>::max() / sizeof(T);
 
-  // Doubles, so that appending costs amortised constant time.
+  // Doubles, so that an append takes amortised constant time.
   void grow(size_t count) {
     if (count > kLargestCapacity - _size) throw std::bad_alloc();
     const size_t capacity = std::max({_size + count, _size * 2, kSmallestCapacity});

@@ -8,8 +8,8 @@
 
 namespace {
 
-// A cast takes many times the instructions, but it recognises what derives from ZPKData too, and a
-// class whose description a program has more than once, as it can after dlopen(3).
+// A cast takes many times the instructions, but it also recognises classes that derive from
+// ZPKData, and a class that has several type_info objects, as it can after dlopen(3).
 ZPIObjectKind kindByCast(const ZPKObject& object) {
   if (dynamic_cast<const ZPKDictionary*>(&object) != nullptr) return ZPIObjectKind::Dictionary;
   if (dynamic_cast<const ZPKArray*>(&object) != nullptr) return ZPIObjectKind::Array;
@@ -23,7 +23,7 @@ ZPIObjectKind kindByCast(const ZPKObject& object) {
 
 ZPIObjectKind ZPIKindOf(const ZPKObject* object) {
   if (object == nullptr) return ZPIObjectKind::Null;
-  // By address: operator== compares the names of two different classes.
+  // Compares addresses: for two different classes operator== would also compare their names.
   const std::type_info* const type = &typeid(*object);
   if (type == &typeid(ZPKNumber)) return ZPIObjectKind::Number;
   if (type == &typeid(ZPKString)) return ZPIObjectKind::String;

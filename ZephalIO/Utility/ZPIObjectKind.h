@@ -1,4 +1,4 @@
-// Which class an object is of, asked once where every class has its own way.
+// The class of an object, for code that treats every class differently and asks only one time.
 #pragma once
 
 #include <cstdint>
@@ -11,9 +11,9 @@ enum class ZPIObjectKind : uint8_t {
   Array,       // ZPKArray
   String,      // ZPKString
   Number,      // ZPKNumber
-  Data,        // ZPKData, and what derives from it
-  Other,       // a class of a caller's own
+  Data,        // ZPKData, or a class that derives from it
+  Other,       // a caller's own class
 };
 
-/// What `object`, which may be null, can be cast to.
+/// The kind of `object`, which may be null. It can be cast to the class of that kind.
 ZPIObjectKind ZPIKindOf(const ZPKObject* object);

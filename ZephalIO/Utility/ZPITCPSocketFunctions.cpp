@@ -44,7 +44,7 @@ int ZPIPassiveTCP(int port, bool reuse, ZPISocketOwner owner) {
     switchOn(fd, SO_REUSEADDR);
     switchOn(fd, SO_REUSEPORT);
   }
-  // The family stays 0, which bind(2) takes for AF_INET when the address is INADDR_ANY.
+  // The family stays 0, which bind(2) treats as AF_INET if the address is INADDR_ANY.
   const sockaddr_in address = addressOnPort(port);
   if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     const int number = errno;
@@ -66,7 +66,7 @@ int ZPIPassiveTCP(int port, bool reuse, ZPISocketOwner owner) {
 int ZPIActiveTCP(const char* host, int port, int* out_fd, ZPISocketOwner owner) {
   sockaddr_in address = addressOnPort(port);
   address.sin_family = AF_INET;
-  // A zeroed address would reach this very machine, so an unresolved host must not get to connect.
+  // A zero address would reach this machine, so connect must not be called for an unresolved host.
   const bool isResolved = resolve(host, &address.sin_addr);
   int fd = ZPIMakeSocket(AF_INET, owner);
   if (out_fd != nullptr) *out_fd = fd;

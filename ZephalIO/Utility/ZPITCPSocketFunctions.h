@@ -1,5 +1,5 @@
-// What the exported TCP functions do, for the library's own use too. The rules of
-// ZPKSocketFunctions.h hold, except for what ZPISocketOwner says.
+// The work of the exported TCP functions, for the library's own use too. The rules of
+// ZPKSocketFunctions.h hold, except for the differences that ZPISocketOwner describes.
 #pragma once
 
 #include "Utility/ZPISocket.h"

@@ -16,7 +16,7 @@ Word load(const char* bytes) {
 
 bool isASCII(char byte) { return static_cast<uint8_t>(byte) < 0x80; }
 
-// Whether a text of 1 to 7 bytes is ASCII. Loads that overlap take fewer steps than a loop.
+// Whether a text of 1 to 7 bytes is ASCII. Overlapping loads take fewer steps than a loop.
 bool isShortASCII(std::string_view text) {
   const char* const end = text.data() + text.size();
   if (text.size() < sizeof(uint32_t)) {
@@ -25,15 +25,16 @@ bool isShortASCII(std::string_view text) {
   return ((load<uint32_t>(text.data()) | load<uint32_t>(end - sizeof(uint32_t))) & kHighBits) == 0;
 }
 
-// Whether the last bytes of `text`, fewer than a word from `at` on, are ASCII.
+// Whether the bytes of `text` from `at` on, which are fewer than a word, are ASCII. Those before
+// `at` are.
 bool endsInASCII(std::string_view text, size_t at) {
   if (at == text.size()) return true;
   if (text.size() < sizeof(uint64_t)) return isShortASCII(text);
-  // The word that ends with the text; what it has from before `at` is ASCII.
+  // The last word of the text; its bytes before `at` are ASCII.
   return (load<uint64_t>(text.data() + text.size() - sizeof(uint64_t)) & kHighBits) == 0;
 }
 
-// How many bytes at the start of `text` are ASCII.
+// The number of ASCII bytes at the start of `text`.
 size_t asciiLength(std::string_view text) {
   constexpr size_t kWord = sizeof(uint64_t);
   constexpr size_t kBlock = 4 * kWord;
@@ -48,12 +49,12 @@ size_t asciiLength(std::string_view text) {
     if ((load<uint64_t>(text.data() + at) & kHighBits) != 0) break;
   }
   if (text.size() - at < kWord && endsInASCII(text, at)) return text.size();
-  while (isASCII(text[at])) ++at;  // there is another byte
+  while (isASCII(text[at])) ++at;  // ends: there is a byte that is not ASCII
   return at;
 }
 
-// The length of the well-formed sequence, longer than a byte, at the start of `text` (RFC 3629,
-// section 4), or 0.
+// The length of the well-formed sequence of two or more bytes at the start of `text` (RFC 3629,
+// section 4); 0 if there is none.
 size_t sequenceLength(std::string_view text) {
   const auto byteAt = [text](size_t index) { return static_cast<uint8_t>(text[index]); };
   const uint8_t lead = byteAt(0);

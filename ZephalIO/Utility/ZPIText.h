@@ -1,4 +1,4 @@
-// UTF-8 text (RFC 3629): validity, and code points counted in bytes and back.
+// UTF-8 text (RFC 3629): its validity, and the number and positions of its code points.
 #pragma once
 
 #include <cstddef>
@@ -6,7 +6,7 @@
 
 #include "Utility/ZPKTypes.h"
 
-/// Whether `byte` continues a code point, rather than beginning one.
+/// Whether `byte` continues a code point instead of beginning one.
 inline bool ZPIIsContinuationByte(char byte) {
   return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
 }
@@ -21,5 +21,5 @@ size_t ZPICodePointCount(std::string_view text);
 /// has no more than `index` code points.
 size_t ZPIByteOffsetOfCodePoint(std::string_view text, uint64_t index);
 
-/// The part of valid UTF-8 that `range`, in code points, names; it is cut at the end of the text.
+/// The part of valid UTF-8 in `range`, which counts code points and is limited to the text.
 std::string_view ZPITextInRange(std::string_view text, ZPKRange range);

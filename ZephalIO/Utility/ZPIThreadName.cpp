@@ -6,10 +6,10 @@
 
 namespace {
 
-// What Linux takes, the terminating zero aside; no system takes less.
+// The longest name that Linux accepts, without the terminating zero; no system has a lower limit.
 constexpr size_t kShortestLimit = 15;
 
-// The two forms of the call: most systems name any thread, some the calling one alone.
+// The two forms of the call: most systems can name any thread, some only the calling one.
 [[maybe_unused]] bool nameWith(int (*setName)(pthread_t, const char*), const char* name) {
   return setName(pthread_self(), name) == 0;
 }
@@ -22,6 +22,6 @@ constexpr size_t kShortestLimit = 15;
 void ZPINameThisThread(const std::string& name) {
   if (nameWith(pthread_setname_np, name.c_str()) || name.size() <= kShortestLimit) return;
   size_t end = kShortestLimit;
-  while (end > 0 && ZPIIsContinuationByte(name[end])) --end;  // not within a UTF-8 sequence
+  while (end > 0 && ZPIIsContinuationByte(name[end])) --end;  // do not split a UTF-8 sequence
   nameWith(pthread_setname_np, name.substr(0, end).c_str());
 }

@@ -15,14 +15,14 @@ namespace {
 // Calls connect or bind with the address of a path.
 template <class Call>
 int callWithAddress(Call call, int fd, const std::string& path) {
-  // On Linux an empty name is an abstract one, which any process may have taken.
+  // On Linux an empty name is an abstract one, and any process may be listening on it.
   if (path.empty()) {
     errno = ENOENT;
     return -1;
   }
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  // Cut silently, with room for the zero that ends it.
+  // Truncated silently, with room for the terminating zero.
   std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
   return call(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
 }

@@ -15,20 +15,22 @@
 
 namespace {
 
-// A search first runs the plain compiled form, which is fast but counts its backtracking for each
-// start position afresh. So it gets a share of this sum, by the length of the text, and what needs
-// more than its share, or more stack, is searched again with care.
+// A search first runs the plain compiled form, which is fast but counts its backtracking anew for
+// each start position. So each start position gets a share of this sum, according to the length of
+// the text. If a search needs more than its share, or more stack, the careful form repeats it.
 constexpr size_t kQuickSteps = 256 * 1024 * 1024;
-constexpr size_t kLeastStepsAStart = 64;
-// About a second of fruitless backtracking, far above what a useful pattern needs on a response of
-// some megabytes. It holds for a whole walk over the matches of a text.
+constexpr size_t kLeastStepsPerStart = 64;
+// About a second of fruitless backtracking, far more than a useful pattern needs on a response of
+// some megabytes. It is the limit of a whole walk over the matches of a text.
 constexpr size_t kCarefulSteps = 100'000'000;
-// A repeated character is one step, however far it runs: this many of them cost as much as one.
-constexpr size_t kCharactersAStep = 16;
-// For each start position of a careful search, and the most that the two sums above can give.
+// A repetition counts as one step however many characters it covers; this many characters take
+// about as long as one step.
+constexpr size_t kCharactersPerStep = 16;
+// The limit for each start position: the largest share of a quick search, and PCRE2's own limit in
+// a careful one.
 constexpr uint32_t kMatchLimit = 10'000'000;
-// Backtracking points are kept on a stack of this many bytes, which is had only for a careful
-// search and filled as needed, or where there is no JIT on a heap of as many.
+// Backtracking points are kept on a stack of up to this many bytes, which is allocated only for a
+// careful search and grows as needed, or without JIT on a heap of the same size.
 constexpr size_t kLargestStack = 256 * 1024 * 1024;
 constexpr size_t kFirstStack = 32 * 1024;
 
@@ -47,7 +49,7 @@ const uint8_t* codeUnits(std::string_view text) {
   return reinterpret_cast<const uint8_t*>(text.data() != nullptr ? text.data() : "");
 }
 
-// The compiled form, or null with the number and the place of the mistake.
+// The compiled form, or null with the number and the offset of the mistake.
 Owned<pcre2_code> compile(std::string_view pattern, uint32_t options, int* number, size_t* offset) {
   const Owned<pcre2_compile_context> context(pcre2_compile_context_create(nullptr));
   if (context == nullptr) {
@@ -55,11 +57,11 @@ Owned<pcre2_code> compile(std::string_view pattern, uint32_t options, int* numbe
     return nullptr;
   }
   pcre2_set_newline(context.get(), PCRE2_NEWLINE_ANYCRLF);
-  // Positions are code points, so no match may end within one.
+  // Positions count code points, so no match may end within one.
   options |= PCRE2_UTF | PCRE2_NEVER_BACKSLASH_C;
   Owned<pcre2_code> code(
       pcre2_compile(codeUnits(pattern), pattern.size(), options, number, offset, context.get()));
-  // Where the machine has no JIT this fails, and matching goes through the interpreter.
+  // If the machine has no JIT, this fails, and the interpreter does the matching.
   if (code != nullptr) pcre2_jit_compile(code.get(), PCRE2_JIT_COMPLETE);
   return code;
 }
@@ -75,7 +77,7 @@ ZPKErrorPtr compileError(int number, size_t offset) {
   return ZPKError::init("PCRE2", number, std::move(userInfo));
 }
 
-// Turns ascending byte offsets into code points, walking the text once.
+// Turns ascending byte offsets into code points while walking the text one time.
 class CodePointCounter {
  public:
   explicit CodePointCounter(std::string_view text, size_t first) : _text(text), _count(first) {}
@@ -101,8 +103,8 @@ Owned<pcre2_match_context> makeContext(size_t matchLimit) {
   return context;
 }
 
-// A pattern compiled to call back before each of its items, which makes it several times slower,
-// but able to count its steps over all start positions and to stop when they are too many.
+// A pattern that is compiled to call back before each of its items. This makes it several times
+// slower, but it can count its steps over all start positions and stop when there are too many.
 class CarefulForm {
  public:
   explicit CarefulForm(std::string_view pattern)
@@ -133,7 +135,7 @@ class CarefulForm {
     const size_t walked =
         position > self->_position ? position - self->_position : self->_position - position;
     self->_position = position;
-    self->_steps += 1 + walked / kCharactersAStep;
+    self->_steps += 1 + walked / kCharactersPerStep;
     return self->_steps > kCarefulSteps ? PCRE2_ERROR_CALLOUT : 0;
   }
 
@@ -152,16 +154,16 @@ class Search {
         _pattern(pattern),
         _text(text),
         _context(makeContext(
-            std::clamp<size_t>(kQuickSteps / (text.size() + 1), kLeastStepsAStart, kMatchLimit))),
+            std::clamp<size_t>(kQuickSteps / (text.size() + 1), kLeastStepsPerStart, kMatchLimit))),
         _matchData(pcre2_match_data_create_from_pattern(code, nullptr)) {}
 
-  // Finds the next match; false when there is none, or when the search was given up.
+  // Finds the next match; false if there is none, or if the search was abandoned.
   bool next() {
     if (_context == nullptr || _matchData == nullptr || _done) return false;
     while (_start <= _text.size()) {
       const uint32_t options = _afterEmptyMatch ? PCRE2_NOTEMPTY_ATSTART | PCRE2_ANCHORED : 0;
       const int result = match(options | PCRE2_NO_UTF_CHECK);
-      if (result > 0 && isNews()) {
+      if (result > 0 && isNewMatch()) {
         _afterEmptyMatch = begin() == end();
         _start = end();
         return true;
@@ -183,7 +185,7 @@ class Search {
     return ZPKRegexMatch(std::move(groups));
   }
 
-  // Of the current match, in bytes.
+  // Where the current match ends, in bytes.
   size_t end() const { return offset(1); }
 
  private:
@@ -199,11 +201,11 @@ class Search {
 
   size_t offset(size_t index) const { return pcre2_get_ovector_pointer(_matchData.get())[index]; }
 
-  // \K in a lookaround can make a match begin in what was walked already, or hide from PCRE2
-  // that it is empty; both would hold the walk up.
-  bool isNews() const { return begin() >= _start && (end() > _start || !_afterEmptyMatch); }
+  // Because of \K in a lookaround, a match can begin before the place that the walk has reached, or
+  // be empty without PCRE2 noticing. In both cases the walk would not get any further.
+  bool isNewMatch() const { return begin() >= _start && (end() > _start || !_afterEmptyMatch); }
 
-  // Of the whole match; \K in a lookahead can put the begin behind the end.
+  // Where the whole match begins; \K in a lookahead can put PCRE2's start after its end.
   size_t begin() const { return std::min(offset(0), offset(1)); }
 
   ZPKRange range(uint32_t group, CodePointCounter& counter) const {
@@ -214,7 +216,7 @@ class Search {
     return {first, counter.at(to) - first};
   }
 
-  // CR LF is one line end, so the walk must not stop between the two.
+  // CR LF is one line break, so the walk must not stop between the two.
   void stepOverOneCharacter() {
     if (_text.substr(_start).starts_with("\r\n")) {
       _start += 2;
@@ -230,7 +232,7 @@ class Search {
   const std::string_view _text;
   const Owned<pcre2_match_context> _context;
   const Owned<pcre2_match_data> _matchData;
-  std::optional<CarefulForm> _careful;  // made when it is first needed
+  std::optional<CarefulForm> _careful;  // created when it is first needed
   size_t _start = 0;
   bool _afterEmptyMatch = false;
   bool _done = false;
