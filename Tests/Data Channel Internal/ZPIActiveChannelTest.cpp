@@ -756,34 +756,6 @@ TEST(CreateActiveNullChannelTest, MakesTheFormThatOnlyDrains) {
   EXPECT_EQ(error->code(), 6);
 }
 
-TEST(CreateActiveChannelTest, ANullChannelIsCode3) {
-  {
-    const LogCapture log;
-    ZPKErrorPtr error = olderError();
-    EXPECT_EQ(createActiveChannel(nullptr, &error), nullptr);
-    expectFailure(error, log,
-                  {"zephal-communication", 3, "channel cannot be nil", "createActiveChannel",
-                   "ZPKDataChannelDecorators.cpp"});
-  }
-  const LogCapture log;
-  EXPECT_EQ(createActiveChannel(nullptr), nullptr);
-  EXPECT_THAT(log.lines(), ElementsAre(LogLine{0, "channel cannot be nil"}));
-}
-
-TEST(CreateActiveNullChannelTest, ANullChannelIsCode3) {
-  {
-    const LogCapture log;
-    ZPKErrorPtr error = olderError();
-    EXPECT_EQ(createActiveNullChannel(nullptr, &error), nullptr);
-    expectFailure(error, log,
-                  {"zephal-communication", 3, "channel cannot be nil", "createActiveNullChannel",
-                   "ZPKDataChannelDecorators.cpp"});
-  }
-  const LogCapture log;
-  EXPECT_EQ(createActiveNullChannel(nullptr), nullptr);
-  EXPECT_THAT(log.lines(), ElementsAre(LogLine{0, "channel cannot be nil"}));
-}
-
 // --- Without a thread
 
 const ExpectedFailure kNoThread{"zephal-communication", 5, "Failed to start thread",

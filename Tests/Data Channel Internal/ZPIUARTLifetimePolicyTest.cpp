@@ -1,22 +1,19 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <termios.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <limits>
-#include <optional>
-#include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "Data Channel Internal/ZPIUARTLifetimePolicy.h"
 #include "Support/ErrorExpectations.h"
-#include "Support/OpenDescriptors.h"
-#include "Support/OrdinaryUser.h"
+#include "Support/SerialPortFixture.h"
 #include "Support/SystemCalls.h"
 #include "Support/TerminalState.h"
 #include "Support/TransportPeer.h"
@@ -30,45 +27,8 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using Speeds = std::pair<uint32_t, uint32_t>;
 
-constexpr const char* kFile = "ZPIUARTLifetimePolicy.cpp";
-constexpr const char* kOpen = "openPortWithError__no_cleanup";
-
-ZPKOptionsPtr optionsOf(ZPKNumber baud, const std::string& mode, bool isExclusive = true) {
-  auto options = ZPKOptions::init();
-  options->set(ZEPHAL_COMMUNICATION_UART_BAUD, baud);
-  options->set(ZEPHAL_COMMUNICATION_UART_MODE, mode);
-  options->set(ZEPHAL_COMMUNICATION_UART_EXCLUSIVE_LOCK, isExclusive);
-  return options;
-}
-
-std::string numbered(int number) {
-  return std::string(std::strerror(number)) + "(" + std::to_string(number) + ")";
-}
-
-// A port under test: what an open left behind is closed at the end.
-class Port {
- public:
-  Port() = default;
-  Port(const Port&) = delete;
-  Port& operator=(const Port&) = delete;
-  ~Port() {
-    if (descriptor >= 0) ::close(descriptor);
-  }
-
-  bool open(const std::string& url, const ZPKOptionsPtr& options, ZPKErrorPtr* error = nullptr) {
-    return ZPIUARTLifetimePolicy::openPortWithError__no_cleanup(
-        &descriptor, ZPKURL::initWithString(url), options, error);
-  }
-
-  int32_t descriptor = -1;
-};
-
-class ZPIUARTLifetimePolicyTest : public testing::Test {
+class ZPIUARTLifetimePolicyTest : public SerialPortFixture {
  protected:
-  bool open(ZPKNumber baud, const std::string& mode, bool isExclusive = true) {
-    return _port.open(_peer.url(), optionsOf(baud, mode, isExclusive), &_error);
-  }
-
   // The attributes that went to tcsetattr: a pseudo-terminal does not keep all of them.
   static termios attributesSet(const SystemCalls& calls) {
     termios attributes{};
@@ -80,16 +40,6 @@ class ZPIUARTLifetimePolicyTest : public testing::Test {
     }
     return attributes;
   }
-
-  ExpectedFailure stepFailure(const std::string& text, int number, const char* end = "") const {
-    return {"zephal-communication", 4, text + _peer.path() + " - " + numbered(number) + end, kOpen,
-            kFile};
-  }
-
-  TransportPeer _peer{TransportPeer::Kind::kTerminal};
-  LogCapture _log;
-  ZPKErrorPtr _error = olderError();
-  Port _port;
 };
 
 // --- The order of the calls
@@ -333,311 +283,6 @@ TEST_F(ZPIUARTLifetimePolicyTest, ThePathIsDecoded) {
   const TemporaryFolder folder;
   std::filesystem::create_symlink(_peer.path(), folder.pathOf("a port"));
   EXPECT_TRUE(_port.open("uart://" + folder.path() + "/a%20port", optionsOf(115200, "8N1")));
-}
-
-// --- What goes wrong
-
-TEST_F(ZPIUARTLifetimePolicyTest, ADeviceThatIsNotThereFailsAtOpen) {
-  _error = olderError();
-  EXPECT_FALSE(_port.open("uart:///no/such/%25d/device", optionsOf(9600, "8N1"), &_error));
-  expectFailure(
-      _error, _log,
-      {"zephal-communication", 4,
-       "Error opening serial port /no/such/%d/device - " + numbered(ENOENT) + ".", kOpen, kFile});
-  EXPECT_EQ(_port.descriptor, -1);
-}
-
-TEST_F(ZPIUARTLifetimePolicyTest, AnEmptyPathFailsAtOpen) {
-  EXPECT_FALSE(_port.open("uart://host", optionsOf(9600, "8N1"), &_error));
-  EXPECT_EQ(_error->description(), "Error opening serial port  - " + numbered(ENOENT) + ".");
-}
-
-TEST_F(ZPIUARTLifetimePolicyTest, AFailedOpenMakesNoFurtherCall) {
-  SystemCalls calls;
-  calls.fail("open", EBUSY);
-  EXPECT_FALSE(open(9600, "8N1"));
-  expectFailure(_error, _log, stepFailure("Error opening serial port ", EBUSY, "."));
-  EXPECT_EQ(calls.all().size(), 1U);
-}
-
-TEST_F(ZPIUARTLifetimePolicyTest, AFailureToTakeTheExclusiveHold) {
-  SystemCalls calls;
-  calls.fail("ioctl TIOCEXCL", EIO);
-  EXPECT_FALSE(open(9600, "8N1"));
-  expectFailure(_error, _log, stepFailure("Error setting TIOCEXCL on ", EIO));
-  EXPECT_EQ(calls.texts().back(), "ioctl TIOCEXCL");
-  EXPECT_TRUE(isOpenDescriptor(_port.descriptor));
-}
-
-TEST_F(ZPIUARTLifetimePolicyTest, AFailureToClearTheNonblockingFlag) {
-  SystemCalls calls;
-  calls.fail("fcntl", EIO);
-  EXPECT_FALSE(open(9600, "8N1"));
-  expectFailure(_error, _log, stepFailure("Error clearing O_NONBLOCK ", EIO));
-  EXPECT_EQ(calls.texts().back(), "fcntl F_SETFL 0");
-  EXPECT_TRUE(isOpenDescriptor(_port.descriptor));
-}
-
-TEST_F(ZPIUARTLifetimePolicyTest, AFailureToGetTheAttributes) {
-  SystemCalls calls;
-  calls.fail("tcgetattr", EIO);
-  EXPECT_FALSE(open(9600, "8N1"));
-  expectFailure(_error, _log, stepFailure("Error getting tty attributes ", EIO));
-  EXPECT_EQ(calls.texts().back(), "tcgetattr");
-  EXPECT_TRUE(isOpenDescriptor(_port.descriptor));
-}
-
-TEST_F(ZPIUARTLifetimePolicyTest, AFailureToSetTheAttributes) {
-  SystemCalls calls;
-  calls.fail("tcsetattr", EIO);
-  EXPECT_FALSE(open(1000000, "8N1"));
-  expectFailure(_error, _log, stepFailure("Error setting tty attributes ", EIO));
-  EXPECT_EQ(calls.texts().back(), "tcsetattr TCSANOW");
-  EXPECT_TRUE(isOpenDescriptor(_port.descriptor));
-}
-
-TEST_F(ZPIUARTLifetimePolicyTest, AFailureToSetTheExactSpeed) {
-  SystemCalls calls;
-  calls.fail("ioctl TCSETS2", EIO);
-  EXPECT_FALSE(open(1000000, "8N1"));
-  expectFailure(
-      _error, _log,
-      {"zephal-communication", 4, "Error 5 calling ioctl( ..., ZSSIOSPEED, ... )", kOpen, kFile});
-  EXPECT_TRUE(isOpenDescriptor(_port.descriptor));
-}
-
-TEST_F(ZPIUARTLifetimePolicyTest, EveryFailureIsLoggedOnceWithoutASlotToo) {
-  struct Case {
-    const char* call;
-    const char* text;
-    const char* end;
-  };
-  for (const Case& step : {Case{"open", "Error opening serial port ", "."},
-                           Case{"ioctl TIOCEXCL", "Error setting TIOCEXCL on ", ""},
-                           Case{"fcntl", "Error clearing O_NONBLOCK ", ""},
-                           Case{"tcgetattr", "Error getting tty attributes ", ""},
-                           Case{"tcsetattr", "Error setting tty attributes ", ""}}) {
-    LogCapture log;
-    TransportPeer peer(TransportPeer::Kind::kTerminal);
-    Port port;
-    SystemCalls calls;
-    calls.fail(step.call, EIO);
-    EXPECT_FALSE(port.open(peer.url(), optionsOf(9600, "8N1", true), nullptr)) << step.call;
-    const std::string line = step.text + peer.path() + " - " + numbered(EIO) + step.end;
-    EXPECT_THAT(log.lines(), ElementsAre(LogLine{0, line}));
-    EXPECT_EQ(port.descriptor >= 0, std::string(step.call) != "open");
-  }
-}
-
-TEST_F(ZPIUARTLifetimePolicyTest, AFailureToSetTheExactSpeedIsLoggedOnceWithoutASlotToo) {
-  SystemCalls calls;
-  calls.fail("ioctl TCSETS2", EIO);
-  EXPECT_FALSE(_port.open(_peer.url(), optionsOf(12345, "8N1"), nullptr));
-  EXPECT_THAT(_log.lines(),
-              ElementsAre(LogLine{0, "Error 5 calling ioctl( ..., ZSSIOSPEED, ... )"}));
-  EXPECT_TRUE(isOpenDescriptor(_port.descriptor));
-}
-
-TEST_F(ZPIUARTLifetimePolicyTest, ABadModeIsLoggedOnceWithoutASlotToo) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"9N1", "Invalid Character Size (Use 5, 6, 7, or 8)"},
-      {"8n1", "Invalid parity (Use N, O, or E)"},
-      {"8N3", "Invalid stop but (Use 1, or 2)"}};
-  for (const auto& [mode, line] : cases) {
-    LogCapture log;
-    Port port;
-    EXPECT_FALSE(port.open(_peer.url(), optionsOf(9600, mode, false), nullptr)) << mode;
-    EXPECT_THAT(log.lines(), ElementsAre(LogLine{0, line}));
-  }
-}
-
-TEST_F(ZPIUARTLifetimePolicyTest, AFileThatIsNoTerminal) {
-  const TemporaryFolder folder;
-  const std::string path = folder.pathOf("file");
-  std::ofstream(path) << "x";
-  for (const bool isExclusive : {true, false}) {
-    LogCapture log;
-    Port port;
-    ZPKErrorPtr error;
-    EXPECT_FALSE(port.open("uart://" + path, optionsOf(9600, "8N1", isExclusive), &error));
-    const std::string step =
-        isExclusive ? "Error setting TIOCEXCL on " : "Error getting tty attributes ";
-    expectFailure(
-        error, log,
-        {"zephal-communication", 4, step + path + " - " + numbered(ENOTTY), kOpen, kFile});
-  }
-}
-
-// --- Modes
-
-TEST_F(ZPIUARTLifetimePolicyTest, ABadModeIsFoundAfterTheDeviceWasOpenedAndHeld) {
-  struct Case {
-    const char* mode;
-    const char* text;
-    const char* function;
-  };
-  for (const Case& bad :
-       {Case{"9N1", "Invalid Character Size (Use 5, 6, 7, or 8)", "setCharacterSizeSpecifier"},
-        Case{"4N1", "Invalid Character Size (Use 5, 6, 7, or 8)", "setCharacterSizeSpecifier"},
-        Case{"9X3", "Invalid Character Size (Use 5, 6, 7, or 8)", "setCharacterSizeSpecifier"},
-        Case{"8n1", "Invalid parity (Use N, O, or E)", "setParityMaskSpecifier"},
-        Case{"8M3", "Invalid parity (Use N, O, or E)", "setParityMaskSpecifier"},
-        Case{"8N0", "Invalid stop but (Use 1, or 2)", "setStopBitSpecifier"},
-        Case{"8N3", "Invalid stop but (Use 1, or 2)", "setStopBitSpecifier"}}) {
-    LogCapture log;
-    Port port;
-    ZPKErrorPtr error = olderError();
-    TransportPeer peer(TransportPeer::Kind::kTerminal);
-    const termios before = terminalAttributes(peer.nearEnd());
-    SystemCalls calls;
-    EXPECT_FALSE(port.open(peer.url(), optionsOf(9600, bad.mode), &error));
-    expectFailure(error, log, {"zephal-communication", 3, bad.text, bad.function, kFile});
-    EXPECT_EQ(calls.count("ioctl TIOCEXCL"), 1U);
-    EXPECT_EQ(calls.count("tcsetattr"), 0U);
-    EXPECT_EQ(terminalAttributes(peer.nearEnd()).c_lflag, before.c_lflag);
-    EXPECT_TRUE(isOpenDescriptor(port.descriptor));
-  }
-}
-
-TEST_F(ZPIUARTLifetimePolicyTest, AModeThatIsTooShortThrowsWithTheDeviceOpen) {
-  for (const char* const mode : {"", "8", "8N"}) {
-    Port port;
-    ZPKErrorPtr error = olderError();
-    EXPECT_THROW(port.open(_peer.url(), optionsOf(9600, mode, false), &error), std::out_of_range);
-    EXPECT_TRUE(isOpenDescriptor(port.descriptor));
-    EXPECT_EQ(error, olderError());
-  }
-  EXPECT_THAT(_log.lines(), IsEmpty());
-}
-
-TEST_F(ZPIUARTLifetimePolicyTest, ABadCharacterAheadOfTheMissingOneIsReported) {
-  EXPECT_FALSE(open(9600, "9"));
-  EXPECT_EQ(_error->description(), "Invalid Character Size (Use 5, 6, 7, or 8)");
-}
-
-TEST(ZPIUARTModeTest, EachSizeReplacesTheOneBefore) {
-  const std::pair<char, tcflag_t> sizes[] = {{'5', CS5}, {'6', CS6}, {'7', CS7}, {'8', CS8}};
-  for (const auto& [character, bits] : sizes) {
-    for (const tcflag_t before : {tcflag_t{0}, tcflag_t{CSIZE}, ~tcflag_t{0}}) {
-      termios attributes{};
-      attributes.c_cflag = before;
-      ZPKErrorPtr error = olderError();
-      EXPECT_TRUE(ZPIUARTLifetimePolicy::setCharacterSizeSpecifier(&attributes, character, &error));
-      EXPECT_EQ(attributes.c_cflag, (before & ~tcflag_t{CSIZE}) | bits);
-      EXPECT_EQ(error, olderError());
-    }
-  }
-}
-
-TEST(ZPIUARTModeTest, ABadSizeHasClearedTheSizeAllTheSame) {
-  LogCapture log;
-  termios attributes{};
-  attributes.c_cflag = ~tcflag_t{0};
-  ZPKErrorPtr error;
-  EXPECT_FALSE(ZPIUARTLifetimePolicy::setCharacterSizeSpecifier(&attributes, '\0', &error));
-  EXPECT_EQ(attributes.c_cflag, ~tcflag_t{CSIZE});
-  EXPECT_FALSE(ZPIUARTLifetimePolicy::setCharacterSizeSpecifier(&attributes, '9', nullptr));
-  EXPECT_EQ(log.lines().size(), 2U);
-}
-
-TEST(ZPIUARTModeTest, EachParityTouchesItsBitsAlone) {
-  const auto both = static_cast<tcflag_t>(PARENB | PARODD);
-  for (const tcflag_t before : {tcflag_t{0}, ~tcflag_t{0}, tcflag_t{PARODD}, tcflag_t{PARENB}}) {
-    termios attributes{};
-    attributes.c_cflag = before;
-    EXPECT_TRUE(ZPIUARTLifetimePolicy::setParityMaskSpecifier(&attributes, 'N', nullptr));
-    EXPECT_EQ(attributes.c_cflag, before & ~tcflag_t{PARENB});
-    attributes.c_cflag = before;
-    EXPECT_TRUE(ZPIUARTLifetimePolicy::setParityMaskSpecifier(&attributes, 'O', nullptr));
-    EXPECT_EQ(attributes.c_cflag, before | both);
-    attributes.c_cflag = before;
-    EXPECT_TRUE(ZPIUARTLifetimePolicy::setParityMaskSpecifier(&attributes, 'E', nullptr));
-    EXPECT_EQ(attributes.c_cflag, (before & ~both) | PARENB);
-    attributes.c_cflag = before;
-    LogCapture log;
-    EXPECT_FALSE(ZPIUARTLifetimePolicy::setParityMaskSpecifier(&attributes, 'e', nullptr));
-    EXPECT_EQ(attributes.c_cflag, before);
-    EXPECT_THAT(log.texts(), ElementsAre("Invalid parity (Use N, O, or E)"));
-  }
-}
-
-TEST(ZPIUARTModeTest, EachNumberOfStopBitsTouchesItsBitAlone) {
-  for (const tcflag_t before : {tcflag_t{0}, ~tcflag_t{0}}) {
-    termios attributes{};
-    attributes.c_cflag = before;
-    EXPECT_TRUE(ZPIUARTLifetimePolicy::setStopBitSpecifier(&attributes, '1', nullptr));
-    EXPECT_EQ(attributes.c_cflag, before & ~tcflag_t{CSTOPB});
-    EXPECT_TRUE(ZPIUARTLifetimePolicy::setStopBitSpecifier(&attributes, '2', nullptr));
-    EXPECT_EQ(attributes.c_cflag, before | CSTOPB);
-    LogCapture log;
-    EXPECT_FALSE(ZPIUARTLifetimePolicy::setStopBitSpecifier(&attributes, '3', nullptr));
-    EXPECT_THAT(log.texts(), ElementsAre("Invalid stop but (Use 1, or 2)"));
-  }
-}
-
-// --- The exclusive hold. Root passes it, so the second opener is an ordinary user.
-
-class ZPIUARTHoldTest : public testing::Test {
- protected:
-  ZPIUARTHoldTest() { ::chmod(_peer.path().c_str(), 0666); }
-
-  // Opens the port as an ordinary user: 0 if that works and 1 if not, with the error and the calls
-  // as the message.
-  ChildResult openElsewhere(bool isExclusive) {
-    return runAsOrdinaryUser([this, isExclusive](std::string* message) {
-      LogCapture log;
-      Port port;
-      ZPKErrorPtr error;
-      const SystemCalls calls;
-      const bool isOpen = port.open(_peer.url(), optionsOf(9600, "8N1", isExclusive), &error);
-      if (error != nullptr) *message = error->description();
-      for (const std::string& text : calls.texts({"ioctl"})) *message += ", " + text;
-      return isOpen ? 0 : 1;
-    });
-  }
-
-  TransportPeer _peer{TransportPeer::Kind::kTerminal};
-  Port _port;
-};
-
-TEST_F(ZPIUARTHoldTest, ADeviceThatIsHeldFailsAtOpenAndItsHoldIsNotAskedFor) {
-  ASSERT_TRUE(_port.open(_peer.url(), optionsOf(9600, "8N1", true)));
-  const ChildResult result = openElsewhere(true);
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.message,
-            "Error opening serial port " + _peer.path() + " - " + numbered(EBUSY) + ".");
-}
-
-// The terminal stays held for as long as anybody has it open, as the far end does here.
-TEST_F(ZPIUARTHoldTest, AHoldOutlivesItsCloseWhileAnybodyHasTheDeviceOpen) {
-  ASSERT_TRUE(_port.open(_peer.url(), optionsOf(9600, "8N1", true)));
-  ::close(std::exchange(_port.descriptor, -1));
-  for (const bool isExclusive : {true, false}) {
-    const ChildResult result = openElsewhere(isExclusive);
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.message,
-              "Error opening serial port " + _peer.path() + " - " + numbered(EBUSY) + ".");
-  }
-}
-
-TEST_F(ZPIUARTHoldTest, WithoutTheHoldAClosedDeviceCanBeOpenedAgain) {
-  ASSERT_TRUE(_port.open(_peer.url(), optionsOf(9600, "8N1", false)));
-  ::close(std::exchange(_port.descriptor, -1));
-  EXPECT_EQ(openElsewhere(false).status, 0);
-}
-
-TEST_F(ZPIUARTHoldTest, WithoutTheHoldTwoProcessesShareTheDevice) {
-  ASSERT_TRUE(_port.open(_peer.url(), optionsOf(9600, "8N1", false)));
-  const ChildResult result = openElsewhere(false);
-  EXPECT_EQ(result.status, 0) << result.message;
-  EXPECT_EQ(result.message, "");
-}
-
-TEST_F(ZPIUARTHoldTest, ASecondOpenerMayTakeAHoldThatTheFirstLeft) {
-  ASSERT_TRUE(_port.open(_peer.url(), optionsOf(9600, "8N1", false)));
-  const ChildResult result = openElsewhere(true);
-  EXPECT_EQ(result.status, 0) << result.message;
-  EXPECT_EQ(result.message, ", ioctl TIOCEXCL");
 }
 
 // --- The policy's own operations

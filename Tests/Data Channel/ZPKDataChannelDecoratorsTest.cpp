@@ -98,6 +98,11 @@ const RefusedDecorator kRefusedDecorators[] = {
        return createChannelTransformer__internal(nullptr, {}, {}, true, error);
      },
      "createChannelTransformer__internal", kNullChannel},
+    {"ActiveNullChannel", [](ZPKErrorPtr* error) { return createActiveChannel(nullptr, error); },
+     "createActiveChannel", kNullChannel},
+    {"ActiveNullFormNullChannel",
+     [](ZPKErrorPtr* error) { return createActiveNullChannel(nullptr, error); },
+     "createActiveNullChannel", kNullChannel},
     {"PassiveNullChannel", [](ZPKErrorPtr* error) { return createPassiveChannel(nullptr, error); },
      "createPassiveChannel", kNullChannel},
     {"EchoRemovalNullChannel",
