@@ -2,6 +2,7 @@
 
 #include <bit>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <optional>
 #include <stack>
@@ -116,8 +117,7 @@ class Checker {
   // Canonical order is the order of the keys' encoded bytes. No encoded key is the beginning of
   // another, so comparing to the end of the second, at most, settles it.
   bool isBefore(size_t earlierKey, size_t laterKey) const {
-    const size_t length = _at - laterKey;
-    return _bytes.substr(earlierKey, length) < _bytes.substr(laterKey, length);
+    return std::memcmp(_bytes.data() + earlierKey, _bytes.data() + laterKey, _at - laterKey) < 0;
   }
 
   bool checkValue() {
@@ -230,7 +230,7 @@ class Decoder {
   }
 
   void nextKey(OpenDictionary* dictionary) {
-    dictionary->entries.emplace_back(readKey(), nullptr);
+    dictionary->entries.emplace_back(readKey(), _noValue);
     --dictionary->left;
   }
 
@@ -269,15 +269,17 @@ class Decoder {
   }
 
   static ZPKObjectPtr makeNumber(const ZPICBORHead& head) {
-    if (head.kind == ZPICBORKind::Unsigned) return ZPKValue(head.argument);
-    if (head.kind == ZPICBORKind::Negative) return ZPKValue(static_cast<int64_t>(~head.argument));
+    const auto number = [](auto value) { return std::make_shared<const ZPKNumber>(value); };
+    if (head.kind == ZPICBORKind::Unsigned) return number(head.argument);
+    if (head.kind == ZPICBORKind::Negative) return number(static_cast<int64_t>(~head.argument));
     if (head.information == kZPICBORNull) return nullptr;
-    if (head.information == kZPICBORDouble) return ZPKValue(std::bit_cast<double>(head.argument));
-    return ZPKValue(head.information == kZPICBORTrue);
+    if (head.information == kZPICBORDouble) return number(std::bit_cast<double>(head.argument));
+    return number(head.information == kZPICBORTrue);
   }
 
   std::string_view _rest;
   std::stack<OpenDictionary> _open;
+  const ZPKValue _noValue{nullptr};  // what an entry has until its value has been read
   const bool _takesDictionaries;
   const bool _takesStrings;
   const bool _takesNumbers;
