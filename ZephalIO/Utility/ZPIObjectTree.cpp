@@ -17,11 +17,16 @@ namespace {
 
 // A dictionary or an array that the walk is inside of.
 struct OpenContainer {
-  const ZPKDictionary* dictionary = nullptr;
-  const ZPKArray* array = nullptr;
-  size_t next = 0;
+  explicit OpenContainer(const ZPKDictionary& dictionary)
+      : isDictionary(true), entry(dictionary.begin()), lastEntry(dictionary.end()) {}
+  explicit OpenContainer(const ZPKArray& array)
+      : isDictionary(false), element(array.begin()), lastElement(array.end()) {}
 
-  size_t count() const { return dictionary != nullptr ? dictionary->count() : array->count(); }
+  bool isAtEnd() const { return isDictionary ? entry == lastEntry : element == lastElement; }
+
+  const bool isDictionary;
+  ZPKDictionary::Entries::const_iterator entry, lastEntry;
+  ZPKArray::Elements::const_iterator element, lastElement;
 };
 
 class Walk {
@@ -32,7 +37,7 @@ class Walk {
     if (!enter(root)) return false;
     while (!_open.empty()) {
       OpenContainer& top = _open.top();
-      if (top.next == top.count()) {
+      if (top.isAtEnd()) {
         leave();
       } else if (!step(&top)) {
         return false;
@@ -46,26 +51,25 @@ class Walk {
     const ZPIObjectKind kind = ZPIKindOf(object);
     if (kind == ZPIObjectKind::Dictionary) {
       const auto* dictionary = static_cast<const ZPKDictionary*>(object);
-      _open.push({dictionary, nullptr, 0});
+      _open.emplace(*dictionary);
       return _visitor->beginDictionary(*dictionary);
     }
     if (kind == ZPIObjectKind::Array) {
       const auto* array = static_cast<const ZPKArray*>(object);
-      _open.push({nullptr, array, 0});
+      _open.emplace(*array);
       return _visitor->beginArray(*array);
     }
     return _visitor->leaf(kind, object);
   }
 
   bool step(OpenContainer* top) {
-    const auto index = static_cast<std::ptrdiff_t>(top->next++);
-    if (top->array != nullptr) return enter(top->array->begin()[index].get());
-    const ZPKDictionaryEntry& entry = top->dictionary->begin()[index];
+    if (!top->isDictionary) return enter((top->element++)->get());
+    const ZPKDictionaryEntry& entry = *top->entry++;
     return _visitor->key(entry.key) && enter(entry.value.get());
   }
 
   void leave() {
-    const bool isDictionary = _open.top().dictionary != nullptr;
+    const bool isDictionary = _open.top().isDictionary;
     _open.pop();
     if (isDictionary) {
       _visitor->endDictionary();
