@@ -84,6 +84,32 @@ TEST(ZPICBORHeadTest, WhatIsWrittenIsReadBack) {
   }
 }
 
+TEST(ZPICBORHeadTest, EveryKindIsReadBackInEveryForm) {
+  for (const auto kind : {ZPICBORKind::Unsigned, ZPICBORKind::Negative, ZPICBORKind::Bytes,
+                          ZPICBORKind::Text, ZPICBORKind::Array, ZPICBORKind::Map}) {
+    for (const auto& [argument, encoded] : kForms) {
+      ZPICBORHead head;
+      ASSERT_EQ(ZPIReadCBORHead(written(kind, argument), &head), ZPICBORHeadResult::Good);
+      EXPECT_EQ(head.kind, kind);
+      EXPECT_EQ(head.argument, argument);
+      EXPECT_EQ(head.length, encoded.size());
+    }
+  }
+}
+
+// Each byte of the number has its own value, so that none can change places unnoticed.
+TEST(ZPICBORHeadTest, NumbersAreBigEndian) {
+  for (const auto& [argument, encoded] :
+       {Form{0xA1, bytes({24, 0xA1})}, Form{0xA1B2, bytes({25, 0xA1, 0xB2})},
+        Form{0xA1B2C3D4, bytes({26, 0xA1, 0xB2, 0xC3, 0xD4})},
+        Form{0xA1B2C3D4E5F60718, bytes({27, 0xA1, 0xB2, 0xC3, 0xD4, 0xE5, 0xF6, 0x07, 0x18})}}) {
+    ZPICBORHead head;
+    EXPECT_EQ(ZPIReadCBORHead(encoded, &head), ZPICBORHeadResult::Good);
+    EXPECT_EQ(head.argument, argument);
+    EXPECT_EQ(written(ZPICBORKind::Unsigned, argument), encoded);
+  }
+}
+
 TEST(ZPICBORHeadTest, AHeadThatIsCutIsTooShortAtEveryByte) {
   for (const auto& [argument, encoded] : kForms) {
     for (size_t length = 0; length < encoded.size(); ++length) {

@@ -7,10 +7,8 @@ namespace {
 
 // In the low five bits of the first byte: below 24 the number itself, 24 to 27 the width of the
 // number that follows, 31 an indefinite length.
-constexpr uint8_t kOneByte = 24;
+constexpr uint8_t kOneByte = kZPICBORFirstLongForm;
 constexpr uint8_t kEightBytes = 27;
-constexpr unsigned kInformationBits = 5;
-constexpr uint8_t kInformationMask = 0x1F;
 
 constexpr size_t widthOf(uint8_t information) { return size_t{1} << (information - kOneByte); }
 
@@ -24,10 +22,24 @@ constexpr uint64_t smallestFor(uint8_t information) {
   }
 }
 
+uint64_t bigEndian16(std::string_view bytes) {
+  return static_cast<unsigned>(static_cast<uint8_t>(bytes[0]) << 8 |
+                               static_cast<uint8_t>(bytes[1]));
+}
+
+uint64_t bigEndian32(std::string_view bytes) {
+  return bigEndian16(bytes) << 16 | bigEndian16(bytes.substr(2));
+}
+
+// Of 1, 2, 4 or 8 bytes. Written out, since the compiler makes single loads of this and not of a
+// loop.
 uint64_t bigEndian(std::string_view bytes) {
-  uint64_t number = 0;
-  for (const char byte : bytes) number = number << 8 | static_cast<uint8_t>(byte);
-  return number;
+  switch (bytes.size()) {
+    case 1: return static_cast<uint8_t>(bytes[0]);
+    case 2: return bigEndian16(bytes);
+    case 4: return bigEndian32(bytes);
+    default: return bigEndian32(bytes) << 32 | bigEndian32(bytes.substr(4));
+  }
 }
 
 // For the kind Simple, the widths are not those of one number: 25 to 27 are floats, and one byte
@@ -48,7 +60,7 @@ ZPICBORHeadResult checkForm(const ZPICBORHead& head) {
 }
 
 uint8_t firstByte(ZPICBORKind kind, uint8_t information) {
-  return static_cast<uint8_t>(static_cast<unsigned>(kind) << kInformationBits | information);
+  return static_cast<uint8_t>(static_cast<unsigned>(kind) << kZPICBORInformationBits | information);
 }
 
 void appendWide(ZPICBORKind kind, uint8_t information, uint64_t argument,
@@ -63,13 +75,7 @@ void appendWide(ZPICBORKind kind, uint8_t information, uint64_t argument,
 
 }  // namespace
 
-ZPICBORHeadResult ZPIReadCBORHead(std::string_view bytes, ZPICBORHead* head) {
-  if (bytes.empty()) return ZPICBORHeadResult::TooShort;
-  const auto first = static_cast<uint8_t>(bytes[0]);
-  head->kind = static_cast<ZPICBORKind>(first >> kInformationBits);
-  head->information = first & kInformationMask;
-  head->argument = head->information;
-  head->length = 1;
+ZPICBORHeadResult ZPIReadCBORHeadAfterFirstByte(std::string_view bytes, ZPICBORHead* head) {
   if (const auto form = checkForm(*head); form != ZPICBORHeadResult::Good) return form;
   if (head->information < kOneByte) return ZPICBORHeadResult::Good;
   const size_t width = widthOf(head->information);

@@ -42,8 +42,28 @@ enum class ZPICBORHeadResult {
   NotCanonical,  // the number would fit a shorter form
 };
 
-/// Reads the head at the start of `bytes`. `head` is set if the result is Good.
-ZPICBORHeadResult ZPIReadCBORHead(std::string_view bytes, ZPICBORHead* head);
+// How many low bits of a first byte follow those of the kind, and from which value on they are not
+// the number itself.
+inline constexpr unsigned kZPICBORInformationBits = 5;
+inline constexpr uint8_t kZPICBORFirstLongForm = 24;
+
+/// The part of ZPIReadCBORHead for what is not simply a number in the first byte. `head` has what
+/// that byte says.
+ZPICBORHeadResult ZPIReadCBORHeadAfterFirstByte(std::string_view bytes, ZPICBORHead* head);
+
+/// Reads the head at the start of `bytes`. `head` is set if the result is Good. Inline, since most
+/// heads are a number in one byte.
+inline ZPICBORHeadResult ZPIReadCBORHead(std::string_view bytes, ZPICBORHead* head) {
+  if (bytes.empty()) return ZPICBORHeadResult::TooShort;
+  const auto first = static_cast<uint8_t>(bytes[0]);
+  head->kind = static_cast<ZPICBORKind>(first >> kZPICBORInformationBits);
+  head->information = first & ((1U << kZPICBORInformationBits) - 1);
+  head->argument = head->information;
+  head->length = 1;
+  const bool isShort =
+      head->information < kZPICBORFirstLongForm && head->kind != ZPICBORKind::Simple;
+  return isShort ? ZPICBORHeadResult::Good : ZPIReadCBORHeadAfterFirstByte(bytes, head);
+}
 
 /// Writes a head in its shortest form.
 void ZPIAppendCBORHead(ZPICBORKind kind, uint64_t argument, ZPIHeapVector<uint8_t>* out);
