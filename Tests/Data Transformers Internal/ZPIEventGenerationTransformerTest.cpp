@@ -101,6 +101,24 @@ TEST_F(ZPIEventGenerationTransformerTest, APatternInTheMiddleVanishesAndTheActio
   EXPECT_EQ(actions, 1);
 }
 
+TEST_F(ZPIEventGenerationTransformerTest, AChunkWithoutThePatternStaysWhereItLies) {
+  const auto transformer = removing("abc");
+  const ZPKMutableDataPtr chunk = chunkOf("nothing of it");
+  const uint8_t* const bytes = chunk->bytes();
+  transformer->modifyData(chunk.get());
+  EXPECT_EQ(chunk->view(), "nothing of it");
+  EXPECT_EQ(chunk->bytes(), bytes);
+  EXPECT_EQ(actions, 0);
+}
+
+// [ab] [x] [y]: what is held comes first, and only then do chunks pass as they are.
+TEST_F(ZPIEventGenerationTransformerTest, NoChunkOvertakesAHeldStart) {
+  const auto transformer = removing("abc");
+  EXPECT_EQ(passed(*transformer, "ab"), "");
+  EXPECT_EQ(passed(*transformer, "x"), "abx");
+  EXPECT_EQ(passed(*transformer, "y"), "y");
+}
+
 TEST_F(ZPIEventGenerationTransformerTest, APatternStaysInTheStreamUnlessItIsToBeRemoved) {
   EXPECT_EQ(passed(*marking("--"), "be--fore"), "be--fore");
   EXPECT_EQ(actions, 1);

@@ -17,7 +17,7 @@ ZPIEventGenerationTransformer::ZPIEventGenerationTransformer(Key, ZPKDataPtr pat
     : _pattern(std::move(pattern)), _removeData(removeData), _action(std::move(action)) {}
 
 void ZPIEventGenerationTransformer::modifyData(ZPKMutableData* data) {
-  if (data == nullptr) return;
+  if (data == nullptr || passesAsItIs(*data)) return;
   _buffer.appendGivingUp(data);
   size_t heldBefore = 0;
   do {
@@ -26,12 +26,19 @@ void ZPIEventGenerationTransformer::modifyData(ZPKMutableData* data) {
   } while (_buffer.length() != heldBefore);
 }
 
+// Whether a chunk goes on without a pass: nothing is held, nothing is found, nothing would be held.
+bool ZPIEventGenerationTransformer::passesAsItIs(const ZPKMutableData& chunk) const {
+  if (_buffer.length() > 0 || _pattern->length() == 0) return false;
+  return chunk.find(*_pattern, {0, chunk.length()}).location == ZPKNotFound &&
+         heldAtTheEnd(chunk.view()) == 0;
+}
+
 // One pass: up to the first occurrence, or, without one, all that cannot begin one.
 void ZPIEventGenerationTransformer::__modifyData(ZPKMutableData* result) {
   const bool isEverywhere = _pattern->length() == 0 && _buffer.length() > 0;
   const ZPKRange found = isEverywhere ? ZPKRange{0, 0} : _buffer.find(*_pattern);
   if (found.location == ZPKNotFound) {
-    handOut(_buffer.length() - heldAtTheEnd(), result);
+    handOut(_buffer.length() - heldAtTheEnd(_buffer.view()), result);
     return;
   }
   handOut(_removeData ? static_cast<size_t>(found.location) : ZPIRangeEnd(found), result);
@@ -46,15 +53,16 @@ void ZPIEventGenerationTransformer::handOut(size_t count, ZPKMutableData* result
   _buffer.dropFirst(count);
 }
 
-// How many bytes at the end of the buffer, which has no occurrence in it, are kept for the next
+// How many bytes at the end of `bytes`, which have no occurrence in them, are kept for the next
 // chunk: all of them if they begin the pattern, otherwise the shortest end that does.
-size_t ZPIEventGenerationTransformer::heldAtTheEnd() const {
-  const std::string_view held = _buffer.view();
+size_t ZPIEventGenerationTransformer::heldAtTheEnd(std::string_view bytes) const {
   const std::string_view pattern = _pattern->view();
-  if (pattern.starts_with(held)) return held.size();
-  const size_t longest = std::min(held.size(), pattern.size());
+  if (pattern.starts_with(bytes)) return bytes.size();
+  const size_t longest = std::min(bytes.size(), pattern.size());
   for (size_t count = 1; count <= longest; ++count) {
-    if (pattern[count - 1] == held.back() && held.ends_with(pattern.substr(0, count))) return count;
+    if (pattern[count - 1] == bytes.back() && bytes.ends_with(pattern.substr(0, count))) {
+      return count;
+    }
   }
   return 0;
 }

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <memory>
+#include <string_view>
 
 #include "Data Transformers/ZPKDataTransformer.h"
 
@@ -45,7 +46,8 @@ class ZPIEventGenerationTransformer final : public ZPKDataTransformer {
  private:
   void __modifyData(ZPKMutableData* result);
   void handOut(size_t count, ZPKMutableData* result);
-  size_t heldAtTheEnd() const;
+  bool passesAsItIs(const ZPKMutableData& chunk) const;
+  size_t heldAtTheEnd(std::string_view bytes) const;
 
   const ZPKDataPtr _pattern;  // never null
   // Between calls this contains the start of a possible occurrence, or nothing.
