@@ -48,7 +48,7 @@ class Checker {
 
   size_t position() const { return _at; }
 
-  // What is wrong at position(), or nothing.
+  // Returns what is wrong at position(), or nothing.
   std::optional<ZPIArchiveError> run() {
     if (!startsWithMap()) return _problem;
     while (!_open.empty()) {
@@ -65,14 +65,14 @@ class Checker {
   }
 
  private:
-  // An array or map that is not yet at its end. Small, since an array costs one byte to open.
+  // An array or map that has more items to come. Small, since one byte is enough to open an array.
   struct Container {
     static constexpr size_t kArray = std::numeric_limits<size_t>::max();
-    static constexpr size_t kNoKey = 0;  // where the archive's own head stands
+    static constexpr size_t kNoKey = 0;  // the position of the archive's own head
 
     bool isArray() const { return lastKey == kArray; }
 
-    size_t left;     // elements, or pairs
+    size_t left;     // the number of elements or pairs
     size_t lastKey;  // where the last key begins
   };
 
@@ -115,7 +115,7 @@ class Checker {
   }
 
   // Canonical order is the order of the keys' encoded bytes. No encoded key is the beginning of
-  // another, so comparing to the end of the second, at most, settles it.
+  // another, so it is enough to compare as many bytes as the later key has.
   bool isBefore(size_t earlierKey, size_t laterKey) const {
     return std::memcmp(_bytes.data() + earlierKey, _bytes.data() + laterKey, _at - laterKey) < 0;
   }
@@ -147,7 +147,7 @@ class Checker {
     return true;
   }
 
-  // Every item takes a byte at least, so a count can be told to be too large at once.
+  // Every item takes at least one byte, so a count that is too large is detected immediately.
   bool open(const ZPICBORHead& head, size_t bytesPerItem, size_t lastKey) {
     const size_t start = _at;
     _at += head.length;
@@ -180,12 +180,12 @@ class Decoder {
         _takesNumbers(classes.contains(typeid(ZPKNumber))),
         _takesData(classes.contains(typeid(ZPKData))) {}
 
-  // How many pairs the archive's own map has.
+  // Reads the head of the archive's own map and returns its number of pairs.
   size_t readMap() { return static_cast<size_t>(readHead().argument); }
 
   std::string_view readKey() { return take(readHead().argument); }
 
-  // Null if a part of the object is of a class that is not taken.
+  // Null if a part of the object is of a class that is not accepted.
   ZPKObjectPtr readObject() {
     for (;;) {
       const ZPICBORHead head = readHead();
@@ -214,7 +214,7 @@ class Decoder {
     return head;
   }
 
-  // The check has seen this many bytes.
+  // The check has made sure that there are this many bytes.
   std::string_view take(uint64_t length) {
     const std::string_view taken = _rest.substr(0, static_cast<size_t>(length));
     _rest.remove_prefix(taken.size());
@@ -222,10 +222,9 @@ class Decoder {
   }
 
   void open(uint64_t count) {
-    // The check has seen this many pairs.
     OpenDictionary& dictionary = _open.emplace();
     dictionary.left = static_cast<size_t>(count);
-    dictionary.entries.reserve(dictionary.left);
+    dictionary.entries.reserve(dictionary.left);  // the check has seen this many pairs
     nextKey(&dictionary);
   }
 
@@ -234,8 +233,8 @@ class Decoder {
     --dictionary->left;
   }
 
-  // Puts an object into the innermost dictionary. The result is that dictionary if it is complete
-  // now, otherwise null.
+  // Puts an object into the innermost dictionary. Returns that dictionary if this completes it,
+  // otherwise null.
   ZPKObjectPtr put(ZPKObjectPtr object) {
     OpenDictionary& top = _open.top();
     top.entries.back().value = std::move(object);
@@ -279,7 +278,7 @@ class Decoder {
 
   std::string_view _rest;
   std::stack<OpenDictionary> _open;
-  const ZPKValue _noValue{nullptr};  // what an entry has until its value has been read
+  const ZPKValue _noValue{nullptr};  // the value of an entry until its own has been read
   const bool _takesDictionaries;
   const bool _takesStrings;
   const bool _takesNumbers;

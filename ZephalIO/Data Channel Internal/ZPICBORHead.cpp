@@ -5,8 +5,8 @@
 
 namespace {
 
-// In the low five bits of the first byte: below 24 the number itself, 24 to 27 the width of the
-// number that follows, 31 an indefinite length.
+// The meaning of the low five bits of the first byte: below 24 the number itself, 24 to 27 the
+// width of the number that follows, 31 an indefinite length.
 constexpr uint8_t kOneByte = kZPICBORFirstLongForm;
 constexpr uint8_t kEightBytes = 27;
 
@@ -31,8 +31,8 @@ uint64_t bigEndian32(std::string_view bytes) {
   return bigEndian16(bytes) << 16 | bigEndian16(bytes.substr(2));
 }
 
-// Of 1, 2, 4 or 8 bytes. Written out, since the compiler makes single loads of this and not of a
-// loop.
+// Reads 1, 2, 4 or 8 bytes. Without a loop, so that the compiler turns each case into a single
+// load.
 uint64_t bigEndian(std::string_view bytes) {
   switch (bytes.size()) {
     case 1: return static_cast<uint8_t>(bytes[0]);
@@ -42,8 +42,8 @@ uint64_t bigEndian(std::string_view bytes) {
   }
 }
 
-// For the kind Simple, the widths are not those of one number: 25 to 27 are floats, and one byte
-// holds values that an archive has no use for.
+// For the kind Simple, these are not the widths of a number: 25 to 27 are floats, and an archive
+// has no use for the values in one byte.
 ZPICBORHeadResult checkSimple(uint8_t information) {
   switch (information) {
     case kZPICBORFalse:

@@ -1,5 +1,5 @@
-// The head of an item of CBOR (RFC 8949, section 3): its kind, and a number that is its value, its
-// length, or how many items it holds.
+// The head of a CBOR item (RFC 8949, section 3): its kind, and a number that is its value, its
+// length or its number of items.
 #pragma once
 
 #include <cstddef>
@@ -19,7 +19,7 @@ enum class ZPICBORKind : uint8_t {
   Simple = 7
 };
 
-// What the low five bits of a first byte say for ZPICBORKind::Simple.
+// The values of the low five bits of the first byte for ZPICBORKind::Simple.
 inline constexpr uint8_t kZPICBORFalse = 20;
 inline constexpr uint8_t kZPICBORTrue = 21;
 inline constexpr uint8_t kZPICBORNull = 22;
@@ -42,17 +42,17 @@ enum class ZPICBORHeadResult {
   NotCanonical,  // the number would fit a shorter form
 };
 
-// How many low bits of a first byte follow those of the kind, and from which value on they are not
-// the number itself.
+// The number of low bits in the first byte, after those of the kind, and the smallest value of them
+// that is not the number itself.
 inline constexpr unsigned kZPICBORInformationBits = 5;
 inline constexpr uint8_t kZPICBORFirstLongForm = 24;
 
-/// The part of ZPIReadCBORHead for what is not simply a number in the first byte. `head` has what
-/// that byte says.
+/// The part of ZPIReadCBORHead for heads that are more than a number in the first byte. `head` must
+/// already contain what that byte says.
 ZPICBORHeadResult ZPIReadCBORHeadAfterFirstByte(std::string_view bytes, ZPICBORHead* head);
 
-/// Reads the head at the start of `bytes`. `head` is set if the result is Good. Inline, since most
-/// heads are a number in one byte.
+/// Reads the head at the start of `bytes`. `head` is valid only if the result is Good. Inline,
+/// since most heads are a number in one byte.
 inline ZPICBORHeadResult ZPIReadCBORHead(std::string_view bytes, ZPICBORHead* head) {
   if (bytes.empty()) return ZPICBORHeadResult::TooShort;
   const auto first = static_cast<uint8_t>(bytes[0]);

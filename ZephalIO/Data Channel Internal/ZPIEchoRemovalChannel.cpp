@@ -6,8 +6,9 @@
 
 namespace {
 
-// Moves every complete line out of the buffer. The buffer drops its front in constant time and
-// remembers how far it was searched, so that every byte is looked at once, however the lines come.
+// Moves every complete line from the buffer to the queue. The buffer drops its front in constant
+// time and remembers how far it was searched, so every byte is searched one time, however the lines
+// arrive.
 template <class Buffer, class Queue>
 void splitByDelimiterPushDelimitedOnQueue(Buffer& buffer, Queue& queue, const ZPKData& delimiter) {
   for (ZPKRange found = buffer.find(delimiter); found.location != ZPKNotFound;
@@ -18,7 +19,7 @@ void splitByDelimiterPushDelimitedOnQueue(Buffer& buffer, Queue& queue, const ZP
   }
 }
 
-// Empties the buffer and gives its room back.
+// Empties the buffer and frees its memory.
 void clear(ZPKMutableData& buffer) { buffer.dropFirst(buffer.length()); }
 
 void append(const std::string& line, ZPKMutableData* output) {
@@ -75,7 +76,7 @@ bool ZPIEchoRemovalChannel::write(const ZPKDataPtr& data, ZPKErrorPtr* error) {
   return true;
 }
 
-// What was read leaves its buffers, except for a tail that may be the beginning of an echo.
+// Moves everything that was read to the output, except echoes and a tail that may begin an echo.
 void ZPIEchoRemovalChannel::moveLinesWithoutEcho(ZPKMutableData* output) {
   while (!_writeQueue.empty()) {
     if (_readQueue.empty()) return;

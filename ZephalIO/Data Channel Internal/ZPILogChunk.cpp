@@ -12,8 +12,8 @@
 namespace {
 
 // Keeps the text of the last second that a thread asked for: converting a time to local time costs
-// more than everything else in a short chunk. Each new second is formatted anew, so that a changed
-// time zone shows.
+// more than everything else in a short chunk. Each new second is formatted again, so that a change
+// of the time zone shows.
 class LastSecond {
  public:
   std::string_view textOf(time_t second) {
@@ -23,7 +23,7 @@ class LastSecond {
 
  private:
   void format(time_t second) {
-    // tzset(3) writes the zone of the whole process: one thread at a time.
+    // tzset(3) sets the time zone of the whole process, so only one thread at a time may call it.
     static std::mutex mutex;
     const std::lock_guard guard(mutex);
     tm local{};
@@ -56,7 +56,7 @@ void appendLines(std::string_view text, size_t prefixLength, std::string& chunk)
     start = end + 1;
     if (end == carriageReturn) {
       carriageReturn = text.find('\r', start);
-      if (lineFeed == start) ++start;  // the second half of a CR LF
+      if (lineFeed == start) ++start;  // the second byte of a CR LF
     }
     if (lineFeed < start) lineFeed = text.find('\n', start);
   }

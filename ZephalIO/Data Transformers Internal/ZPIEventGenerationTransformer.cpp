@@ -26,14 +26,16 @@ void ZPIEventGenerationTransformer::modifyData(ZPKMutableData* data) {
   } while (_buffer.length() != heldBefore);
 }
 
-// Whether a chunk goes on without a pass: nothing is held, nothing is found, nothing would be held.
+// Whether a chunk passes unchanged: no bytes are buffered, the pattern does not occur, and no bytes
+// need to be held back.
 bool ZPIEventGenerationTransformer::passesAsItIs(const ZPKMutableData& chunk) const {
   if (_buffer.length() > 0 || _pattern->length() == 0) return false;
   return chunk.find(*_pattern, {0, chunk.length()}).location == ZPKNotFound &&
          heldAtTheEnd(chunk.view()) == 0;
 }
 
-// One pass: up to the first occurrence, or, without one, all that cannot begin one.
+// Makes one pass: outputs the bytes up to the first occurrence or, if there is none, all the bytes
+// that cannot begin one.
 void ZPIEventGenerationTransformer::__modifyData(ZPKMutableData* result) {
   const bool isEverywhere = _pattern->length() == 0 && _buffer.length() > 0;
   const ZPKRange found = isEverywhere ? ZPKRange{0, 0} : _buffer.find(*_pattern);
@@ -46,15 +48,16 @@ void ZPIEventGenerationTransformer::__modifyData(ZPKMutableData* result) {
   if (_action) _action();
 }
 
-// Moves the first bytes of the buffer to the end of the result. Dropping at the front takes no
-// time, so that many occurrences in a long chunk cost no more than their bytes.
+// Moves the first bytes of the buffer to the end of the result. Dropping at the front takes
+// constant time, so many occurrences in a long chunk cost no more than their bytes.
 void ZPIEventGenerationTransformer::handOut(size_t count, ZPKMutableData* result) {
   result->append(_buffer.bytes(), count);
   _buffer.dropFirst(count);
 }
 
-// How many bytes at the end of `bytes`, which have no occurrence in them, are kept for the next
-// chunk: all of them if they begin the pattern, otherwise the shortest end that does.
+// The number of bytes at the end of `bytes`, in which the pattern does not occur, that are held
+// back for the next chunk: all of them if they begin the pattern, otherwise the shortest end that
+// does.
 size_t ZPIEventGenerationTransformer::heldAtTheEnd(std::string_view bytes) const {
   const std::string_view pattern = _pattern->view();
   if (pattern.starts_with(bytes)) return bytes.size();

@@ -20,8 +20,8 @@ constexpr const char* kNoCallback = "blk cannot be nil";
 constexpr int kBadArgument = 3;
 constexpr int kNotCreated = 12;
 
-ZPKDataTransformerPtr refused(ZPKErrorPtr* error, int code, const ZPIFailureSite& site,
-                              const char* message) {
+ZPKDataTransformerPtr fail(ZPKErrorPtr* error, int code, const ZPIFailureSite& site,
+                           const char* message) {
   ZPKReportFailure(error, kZPICommunicationDomain, code, site, message);
   return nullptr;
 }
@@ -44,7 +44,7 @@ ZPKDataTransformer::~ZPKDataTransformer() = default;
 
 ZPKDataTransformerPtr createPrependingTransformer(const ZPKDataPtr& prepend, ZPKErrorPtr* error) {
   if (prepend == nullptr) {
-    return refused(error, kBadArgument, {"createPrependingTransformer"}, "prepend can not be nil");
+    return fail(error, kBadArgument, {"createPrependingTransformer"}, "prepend can not be nil");
   }
   return ZPIBlockDataTransformer::initWithDataBlock(
       [bytes = prepend->copy()](ZPKMutableData* chunk) { prependTo(chunk, *bytes); },
@@ -53,7 +53,7 @@ ZPKDataTransformerPtr createPrependingTransformer(const ZPKDataPtr& prepend, ZPK
 
 ZPKDataTransformerPtr createAppendingTransformer(const ZPKDataPtr& data, ZPKErrorPtr* error) {
   if (data == nullptr) {
-    return refused(error, kBadArgument, {"createAppendingTransformer"}, "data can not be nil");
+    return fail(error, kBadArgument, {"createAppendingTransformer"}, "data can not be nil");
   }
   return ZPIBlockDataTransformer::initWithDataBlock(
       [bytes = data->copy()](ZPKMutableData* chunk) {
@@ -65,7 +65,7 @@ ZPKDataTransformerPtr createAppendingTransformer(const ZPKDataPtr& data, ZPKErro
 ZPKDataTransformerPtr createBlockTransformer(std::function<void(ZPKMutableData*)> dataBlock,
                                              std::function<void()> resetBlock, ZPKErrorPtr* error) {
   if (dataBlock == nullptr) {
-    return refused(error, kBadArgument, {"createBlockTransformer"}, "dataBlock cannot be nil");
+    return fail(error, kBadArgument, {"createBlockTransformer"}, "dataBlock cannot be nil");
   }
   return ZPIBlockDataTransformer::initWithDataBlock(std::move(dataBlock), std::move(resetBlock));
 }
@@ -73,7 +73,7 @@ ZPKDataTransformerPtr createBlockTransformer(std::function<void(ZPKMutableData*)
 ZPKDataTransformerPtr createAggregatingTransformer(const ZPKDataPtr& pattern, bool removeTerminator,
                                                    ZPKErrorPtr* error) {
   if (isNullOrEmpty(pattern)) {
-    return refused(error, kBadArgument, {"createAggregatingTransformer"}, kNoPattern);
+    return fail(error, kBadArgument, {"createAggregatingTransformer"}, kNoPattern);
   }
   return ZPIDataAggregatorTransformer::initWithTerminator(pattern, removeTerminator);
 }
@@ -81,8 +81,8 @@ ZPKDataTransformerPtr createAggregatingTransformer(const ZPKDataPtr& pattern, bo
 ZPKDataTransformerPtr createPacketAggregatorTransformer(int32_t packetLengthEncoding,
                                                         ZPKErrorPtr* error) {
   if (packetLengthEncoding > kZPIWidestSizeField) {
-    return refused(error, kNotCreated, {"createPacketAggregatorTransformer"},
-                   "error initializing packet aggregator transformer");
+    return fail(error, kNotCreated, {"createPacketAggregatorTransformer"},
+                "error initializing packet aggregator transformer");
   }
   return ZPIPacketAggregatorTransformer::initWithPacketLengthEncoding(packetLengthEncoding);
 }
@@ -90,15 +90,15 @@ ZPKDataTransformerPtr createPacketAggregatorTransformer(int32_t packetLengthEnco
 ZPKDataTransformerPtr createPacketPrependTransformer(int32_t packetLengthEncoding,
                                                      ZPKErrorPtr* error) {
   if (packetLengthEncoding > kZPIWidestSizeField) {
-    return refused(error, kNotCreated, {"createPacketPrependTransformer"},
-                   "error initializing packet prepend transformer");
+    return fail(error, kNotCreated, {"createPacketPrependTransformer"},
+                "error initializing packet prepend transformer");
   }
   return ZPIPacketSizePrependTransformer::initWithPacketLengthEncoding(packetLengthEncoding);
 }
 
 ZPKDataTransformerPtr createFilteringTransformer(const ZPKDataPtr& pattern, ZPKErrorPtr* error) {
   if (isNullOrEmpty(pattern)) {
-    return refused(error, kBadArgument, {"createFilteringTransformer"}, kNoPattern);
+    return fail(error, kBadArgument, {"createFilteringTransformer"}, kNoPattern);
   }
   return ZPIEventGenerationTransformer::initWithData(pattern, nullptr, true);
 }
@@ -107,10 +107,10 @@ ZPKDataTransformerPtr createEventGeneratorTransformer(const ZPKDataPtr& pattern,
                                                       std::function<void()> blk,
                                                       ZPKErrorPtr* error) {
   if (isNullOrEmpty(pattern)) {
-    return refused(error, kBadArgument, {"createEventGeneratorTransformer"}, kNoPattern);
+    return fail(error, kBadArgument, {"createEventGeneratorTransformer"}, kNoPattern);
   }
   if (blk == nullptr) {
-    return refused(error, kBadArgument, {"createEventGeneratorTransformer"}, kNoCallback);
+    return fail(error, kBadArgument, {"createEventGeneratorTransformer"}, kNoCallback);
   }
   return ZPIEventGenerationTransformer::initWithData(pattern, std::move(blk), removeData);
 }
@@ -118,11 +118,11 @@ ZPKDataTransformerPtr createEventGeneratorTransformer(const ZPKDataPtr& pattern,
 ZPKDataTransformerPtr createTimeTransformer(double timeout, std::function<void()> blk,
                                             ZPKErrorPtr* error) {
   if (timeout <= 0.0) {
-    return refused(error, kBadArgument, {"createTimeTransformer"},
-                   "timeout cannot be less than or equal to zero");
+    return fail(error, kBadArgument, {"createTimeTransformer"},
+                "timeout cannot be less than or equal to zero");
   }
   if (blk == nullptr) {
-    return refused(error, kBadArgument, {"createTimeTransformer"}, kNoCallback);
+    return fail(error, kBadArgument, {"createTimeTransformer"}, kNoCallback);
   }
   return ZPIBlockDataTransformer::initWithDataBlock(
       [watch = std::make_shared<ZPIGapWatch>(timeout, std::move(blk))](ZPKMutableData* /*chunk*/) {
@@ -135,8 +135,8 @@ ZPKDataTransformerPtr createRegExpTransformer(std::optional<std::string_view> pa
                                               ZPKErrorPtr* error) {
   const ZPKRegexPtr regex = ZPKRegex::initWithPattern(pattern, error);
   if (regex == nullptr) {
-    return refused(error, kBadArgument, {"createRegExpTransformer"},
-                   "Invalid ZSRegularExpression pattern string");
+    return fail(error, kBadArgument, {"createRegExpTransformer"},
+                "Invalid ZSRegularExpression pattern string");
   }
   return ZPIRegularExpressionTransformer::initWithRegularExpression(regex);
 }

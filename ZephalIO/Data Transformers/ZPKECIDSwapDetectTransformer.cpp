@@ -8,7 +8,7 @@
 
 namespace {
 
-// "[", eight digits, ":", eight digits, "]": the delimiter begins with that last character.
+// "[", eight digits, ":", eight digits, "]". The last character is also the first of the delimiter.
 constexpr size_t kECIDTextLength = 19;
 constexpr size_t kDelimiterOffset = kECIDTextLength - 1;
 

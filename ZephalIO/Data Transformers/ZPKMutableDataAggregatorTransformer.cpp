@@ -33,7 +33,7 @@ void ZPKMutableDataAggregatorTransformer::modifyData(ZPKMutableData* data) {
   _buffer->moveFirst(ZPIRangeEnd(found), data);
 }
 
-// The terminator for the length of one call, or null if there is none.
+// The terminator to use during one call; null if there is none.
 const ZPKData* ZPKMutableDataAggregatorTransformer::currentTerminator() {
   const ZPKDataPtr& current = _terminator.current();
   if (current == nullptr || current->length() == 0) return nullptr;
@@ -42,8 +42,8 @@ const ZPKData* ZPKMutableDataAggregatorTransformer::currentTerminator() {
   return _terminatorCopy.get();
 }
 
-// With nothing held, the chunk is the whole buffer: a unit that fills it, the usual response, is
-// handed on as it lies.
+// Splits a chunk while no bytes are buffered. If one unit fills the chunk, as a response usually
+// does, the chunk stays unchanged.
 void ZPKMutableDataAggregatorTransformer::cutChunk(const ZPKData& terminator,
                                                    ZPKMutableData* chunk) {
   const ZPKRange found = chunk->find(terminator);

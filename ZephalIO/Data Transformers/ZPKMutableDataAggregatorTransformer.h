@@ -54,7 +54,7 @@ class ZPK_EXPORT ZPKMutableDataAggregatorTransformer final : public ZPKDataTrans
   const ZPKMutableDataPtr _buffer;
   ZPKAtomic<ZPKDataPtr> _data2Find;
   ZPKAtomic<ZPKDataPtr>::Snapshot _terminator;  // modifyData's own view of _data2Find
-  ZPKDataPtr _terminatorCopy;  // what a call works with if the terminator is a ZPKMutableData
+  ZPKDataPtr _terminatorCopy;  // used during a call if the terminator is a ZPKMutableData
 };
 
 using ZPKMutableDataAggregatorTransformerPtr = std::shared_ptr<ZPKMutableDataAggregatorTransformer>;

@@ -15,7 +15,7 @@ namespace {
 
 // --- Walking.
 
-// A dictionary or an array that the walk is inside of.
+// A dictionary or an array that the walk has entered and not yet left.
 struct OpenContainer {
   explicit OpenContainer(const ZPKDictionary& dictionary)
       : isDictionary(true), entry(dictionary.begin()), lastEntry(dictionary.end()) {}
@@ -87,8 +87,8 @@ class Walk {
 using Pair = std::pair<const ZPKObject*, const ZPKObject*>;
 
 bool pushPairs(const ZPKDictionary& left, const ZPKDictionary& right, std::vector<Pair>* pairs) {
-  const auto haveOneKey = [](const auto& one, const auto& other) { return one.key == other.key; };
-  if (!std::equal(left.begin(), left.end(), right.begin(), right.end(), haveOneKey)) return false;
+  const auto haveSameKey = [](const auto& one, const auto& other) { return one.key == other.key; };
+  if (!std::equal(left.begin(), left.end(), right.begin(), right.end(), haveSameKey)) return false;
   for (auto one = left.begin(), other = right.begin(); one != left.end(); ++one, ++other) {
     pairs->emplace_back(one->value.get(), other->value.get());
   }
@@ -109,6 +109,7 @@ bool pushPairsOf(const Container& left, const ZPKObject& right, std::vector<Pair
   return other != nullptr && pushPairs(left, *other, pairs);
 }
 
+// Whether the two objects match, apart from their parts, which are pushed to be compared later.
 bool matches(const Pair& pair, std::vector<Pair>* pairs) {
   const auto [left, right] = pair;
   if (left == right) return true;
@@ -173,7 +174,7 @@ class Describer final : public ZPIObjectVisitor {
     _text += '"';
   }
 
-  // Control characters too, so that a description stays on its line.
+  // Control characters are escaped too, so that a description stays on one line.
   void appendEscaped(char character) {
     if (const auto code = static_cast<uint8_t>(character); code < 0x20) {
       std::array<char, 8> escape{};
@@ -193,13 +194,13 @@ class Describer final : public ZPIObjectVisitor {
 
 using Parts = std::variant<ZPKDictionary::Entries, ZPKArray::Elements>;
 
-// The parts that wait for the outermost release on this thread, while there is one.
+// The parts that wait for the outermost release on this thread; null if none is running.
 thread_local std::vector<Parts>* waitingParts = nullptr;
 
 ZPKObjectPtr take(ZPKDictionaryEntry* entry) { return std::move(entry->value); }
 ZPKObjectPtr take(ZPKObjectPtr* element) { return std::move(*element); }
 
-// The last of the waiting parts, which no longer waits when this returns.
+// Removes the last of the waiting parts and returns it.
 ZPKObjectPtr takeLast(std::vector<Parts>* waiting) {
   ZPKObjectPtr last;
   const bool isUsedUp = std::visit(
@@ -222,7 +223,7 @@ void release(Parts parts) {
   waiting.push_back(std::move(parts));
   waitingParts = &waiting;
   while (!waiting.empty()) {
-    // Destroyed at the end of the round, which may add to what waits.
+    // Destroyed at the end of this pass, which may add to `waiting`.
     const ZPKObjectPtr last = takeLast(&waiting);
   }
   waitingParts = nullptr;
