@@ -20,6 +20,7 @@
 #include "Support/EventWait.h"
 #include "Support/LogCapture.h"
 #include "Support/SimulatedDevice.h"
+#include "Support/SocketPair.h"
 #include "Support/SystemCalls.h"
 #include "Support/TestClock.h"
 #include "Support/TransportPeer.h"
@@ -301,20 +302,19 @@ TEST(ZPIActiveChannelSocketTest, ACloseMeetsTheEndOfTheConnection) {
   const LogCapture log;
   const Clock::time_point deadline = Clock::now() + kLimit;
   for (int round = 0; round < 200; ++round) {
-    int ends[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    SocketPair pair;
     const ZPKDataChannelPtr channel =
-        createActiveChannel(createActiveTCPChannelWithSocket(ends[0]));
+        createActiveChannel(createActiveTCPChannelWithSocket(pair.takeOurs()));
     std::future<bool> reader = std::async(std::launch::async, [&channel] {
       while (channel->readWithTimeout(kForever) != nullptr) {
       }
       return true;
     });
-    std::thread peer([end = ends[1]] {
+    std::thread peer([&pair] {
       // Nobody hears it if the channel's close came first.
-      const ssize_t sent = ::send(end, "bye", 3, MSG_NOSIGNAL);
+      const ssize_t sent = ::send(pair.peers, "bye", 3, MSG_NOSIGNAL);
       EXPECT_TRUE(sent == 3 || (sent < 0 && errno == EPIPE));
-      ::close(end);
+      pair.closePeer();
     });
     ZPKErrorPtr error;
     if (!channel->close(&error)) {

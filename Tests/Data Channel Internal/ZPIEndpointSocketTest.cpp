@@ -18,6 +18,7 @@
 #include "Support/OpenDescriptors.h"
 #include "Support/OrdinaryUser.h"
 #include "Support/SimulatedDevice.h"
+#include "Support/SocketPair.h"
 #include "Support/SystemCalls.h"
 #include "Support/TransportPeer.h"
 #include "Utility/ZPIUnixSocketFunctions.h"
@@ -118,13 +119,13 @@ TEST(ZPIEndpointSocketTest, BeginsClosedAndMakesNoSystemCall) {
 }
 
 TEST(ZPIEndpointSocketTest, AnAdoptedSocketIsOpenAtOnceAndNoOptionIsSet) {
-  int ends[2];
-  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+  SocketPair pair;
+  const int socket = pair.takeOurs();
   LogCapture log;
   ZPKErrorPtr error = olderError();
   {
     const SystemCalls calls;
-    const auto channel = ZPIEndpointSocket::initWithSocket(ends[0]);
+    const auto channel = ZPIEndpointSocket::initWithSocket(socket);
     // A flag of the descriptor, not an option of the socket.
     EXPECT_THAT(calls.texts(), ElementsAre("fcntl F_SETFD 1"));
     EXPECT_TRUE(channel->isOpened());
@@ -135,8 +136,7 @@ TEST(ZPIEndpointSocketTest, AnAdoptedSocketIsOpenAtOnceAndNoOptionIsSet) {
     EXPECT_TRUE(channel->isOpened());
     EXPECT_TRUE(channel->close(nullptr));
   }
-  EXPECT_FALSE(isOpenDescriptor(ends[0]));
-  ::close(ends[1]);
+  EXPECT_FALSE(isOpenDescriptor(socket));
 }
 
 TEST(ZPIEndpointSocketTest, AdoptedStandardDescriptorsAreStillInherited) {
@@ -186,12 +186,9 @@ TEST(ZPIEndpointSocketTest, MinusOneGivesAClosedChannelThatCanNeverBeOpened) {
 }
 
 TEST(ZPIEndpointSocketTest, IsDestroyedWithoutAClose) {
-  int ends[2];
-  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-  ZPIEndpointSocket::initWithSocket(ends[0]).reset();
-  EXPECT_TRUE(isOpenDescriptor(ends[0]));
-  ::close(ends[0]);
-  ::close(ends[1]);
+  const SocketPair pair;
+  ZPIEndpointSocket::initWithSocket(pair.ours).reset();
+  EXPECT_TRUE(isOpenDescriptor(pair.ours));
 }
 
 // --- Opening

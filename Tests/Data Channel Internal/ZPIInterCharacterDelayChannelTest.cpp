@@ -1,9 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -15,6 +12,7 @@
 #include "Support/Errors.h"
 #include "Support/EventWait.h"
 #include "Support/ScriptedChannel.h"
+#include "Support/SocketPair.h"
 #include "Support/SystemCalls.h"
 #include "Support/TestClock.h"
 
@@ -113,25 +111,11 @@ TEST(ZPIInterCharacterDelayChannelLengthTest, TheLengthIsReadAnewAheadOfEachByte
 // Over a real socket: the pause comes ahead of each byte, the first included.
 class DelayOverASocketTest : public testing::Test {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
-    transport = createActiveTCPChannelWithSocket(ends[0]);
-    channel = ZPIInterCharacterDelayChannel::initWithChannel(transport, 700);
-  }
-  void TearDown() override {
-    transport->close();
-    ::close(ends[1]);
-  }
+  ~DelayOverASocketTest() override { transport->close(); }
 
-  std::string received() const {
-    std::array<char, 16> buffer{};
-    const ssize_t count = ::recv(ends[1], buffer.data(), buffer.size(), MSG_DONTWAIT);
-    return std::string(buffer.data(), count < 0 ? 0 : static_cast<size_t>(count));
-  }
-
-  std::array<int, 2> ends{};
-  ZPKDataChannelPtr transport;
-  ZPKDataChannelPtr channel;
+  SocketPair pair;
+  const ZPKDataChannelPtr transport = createActiveTCPChannelWithSocket(pair.takeOurs());
+  const ZPKDataChannelPtr channel = ZPIInterCharacterDelayChannel::initWithChannel(transport, 700);
 };
 
 TEST_F(DelayOverASocketTest, EachByteFollowsItsPause) {
@@ -140,7 +124,7 @@ TEST_F(DelayOverASocketTest, EachByteFollowsItsPause) {
   EXPECT_TRUE(channel->write(dataOf("ab"), nullptr));
   EXPECT_THAT(calls.texts({"usleep", "send", "write"}),
               ElementsAre("usleep 700", "send", "usleep 700", "send"));
-  EXPECT_EQ(received(), "ab");
+  EXPECT_EQ(pair.receive(), "ab");
 }
 
 TEST_F(DelayOverASocketTest, WhenAByteFailsThoseBeforeItHaveGoneOutAndNoneAfterIt) {
@@ -154,7 +138,7 @@ TEST_F(DelayOverASocketTest, WhenAByteFailsThoseBeforeItHaveGoneOutAndNoneAfterI
   EXPECT_EQ(error->code(), 5);
   EXPECT_EQ(log.lines().size(), 1U);
   EXPECT_EQ(calls.count("usleep"), 2U);
-  EXPECT_EQ(received(), "a");
+  EXPECT_EQ(pair.receive(), "a");
   EXPECT_TRUE(channel->isOpened());
 }
 
@@ -163,20 +147,20 @@ TEST_F(DelayOverASocketTest, EachByteComesItsDelayAfterTheOneBefore) {
   std::future<bool> written =
       std::async(std::launch::async, [this] { return channel->write(dataOf("ab"), nullptr); });
   ASSERT_TRUE(waitFor([&] { return clock.waits() == 1; }));
-  EXPECT_EQ(received(), "");
+  EXPECT_EQ(pair.receive(), "");
   clock.advance(std::chrono::microseconds(700));
-  ASSERT_TRUE(waitUntilReadable(ends[1]));
-  EXPECT_EQ(received(), "a");
+  ASSERT_TRUE(waitUntilReadable(pair.peers));
+  EXPECT_EQ(pair.receive(), "a");
   ASSERT_TRUE(waitFor([&] { return clock.waits() == 1; }));
   clock.advance(std::chrono::microseconds(700));
   ASSERT_EQ(written.wait_for(kPatience), std::future_status::ready);
   EXPECT_TRUE(written.get());
-  EXPECT_EQ(received(), "b");
+  EXPECT_EQ(pair.receive(), "b");
 }
 
 TEST_F(DelayOverASocketTest, ARealPauseLetsTheBytesThrough) {
   EXPECT_TRUE(channel->write(dataOf("abc"), nullptr));
-  EXPECT_EQ(received(), "abc");
+  EXPECT_EQ(pair.receive(), "abc");
 }
 
 }  // namespace

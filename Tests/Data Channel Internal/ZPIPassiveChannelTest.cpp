@@ -1,9 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <array>
 #include <chrono>
 #include <cmath>
 #include <limits>
@@ -17,6 +14,7 @@
 #include "Support/Errors.h"
 #include "Support/EventWait.h"
 #include "Support/ScriptedChannel.h"
+#include "Support/SocketPair.h"
 #include "Support/SystemCalls.h"
 #include "Support/TestClock.h"
 
@@ -273,25 +271,22 @@ TEST(ZPIPassiveChannelOverASocketTest, EveryNegativeTimeoutButForeverIsRefused) 
   for (const double timeout :
        {-10.0, -9.99, -10.01, -0.5, -std::numeric_limits<double>::denorm_min(),
         -std::numeric_limits<double>::infinity()}) {
-    std::array<int, 2> ends{};
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
-    const ZPKDataChannelPtr transport = createActiveTCPChannelWithSocket(ends[0]);
+    SocketPair pair;
+    const ZPKDataChannelPtr transport = createActiveTCPChannelWithSocket(pair.takeOurs());
     const ZPKDataChannelPtr channel = ZPIPassiveChannel::initWithChannel(transport);
-    ASSERT_EQ(::write(ends[1], "x", 1), 1);
+    pair.send("x");
     ZPKErrorPtr error;
     EXPECT_EQ(channel->readWithTimeout(timeout, &error), nullptr) << timeout;
     EXPECT_TRUE(error != nullptr && error->code() == 3) << timeout;
     EXPECT_EQ(channel->readWithTimeout(ZEPHAL_COMMUNICATION_TIME_NOW, nullptr)->view(), "x");
     EXPECT_TRUE(transport->close());
-    ::close(ends[1]);
   }
 }
 
 // Over a transport that waits: every slice is one select.
 TEST(ZPIPassiveChannelOverASocketTest, ATimeoutIsTenSlicesAndThenEmptyData) {
-  std::array<int, 2> ends{};
-  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
-  const ZPKDataChannelPtr transport = createActiveTCPChannelWithSocket(ends[0]);
+  SocketPair pair;
+  const ZPKDataChannelPtr transport = createActiveTCPChannelWithSocket(pair.takeOurs());
   const ZPKDataChannelPtr channel = ZPIPassiveChannel::initWithChannel(transport);
   TestClock clock;
   const SkippedWaits skipped(clock);
@@ -304,19 +299,16 @@ TEST(ZPIPassiveChannelOverASocketTest, ATimeoutIsTenSlicesAndThenEmptyData) {
   }
   EXPECT_EQ(clock.passed(), std::chrono::seconds(2));
   EXPECT_TRUE(transport->close());
-  ::close(ends[1]);
 }
 
 TEST(ZPIPassiveChannelOverASocketTest, ARealTimeoutComesNoEarlierThanItsTime) {
-  std::array<int, 2> ends{};
-  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
-  const ZPKDataChannelPtr transport = createActiveTCPChannelWithSocket(ends[0]);
+  SocketPair pair;
+  const ZPKDataChannelPtr transport = createActiveTCPChannelWithSocket(pair.takeOurs());
   const ZPKDataChannelPtr channel = ZPIPassiveChannel::initWithChannel(transport);
   const auto start = std::chrono::system_clock::now();
   EXPECT_EQ(channel->readWithTimeout(0.02, nullptr)->length(), 0U);
   EXPECT_GE(std::chrono::system_clock::now() - start, std::chrono::milliseconds(20));
   EXPECT_TRUE(transport->close());
-  ::close(ends[1]);
 }
 
 }  // namespace

@@ -2,13 +2,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <array>
 
 #include "Data Stack/ZPKCommStack.h"
 #include "Support/ScriptedStack.h"
+#include "Support/SocketPair.h"
 
 using namespace support;
 
@@ -28,24 +25,12 @@ void holdBytes(const ScriptedStack& made, std::string_view bytes) {
   ASSERT_EQ(bytesOf(made->aggregator()->buffer()), bytes);
 }
 
-// A stack over one end of a socket pair, whose other end is a plain descriptor.
+// A stack over one end of a socket pair.
 struct SocketStack {
-  SocketStack() {
-    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
-    base = createActiveTCPChannelWithSocket(ends[0]);
-    EXPECT_TRUE(stack->createStackWithBaseChannel(base));
-  }
-  SocketStack(const SocketStack&) = delete;
-  SocketStack& operator=(const SocketStack&) = delete;
-  ~SocketStack() { hangUp(); }
+  SocketStack() { EXPECT_TRUE(stack->createStackWithBaseChannel(base)); }
 
-  void hangUp() {
-    if (ends[1] >= 0) ::close(ends[1]);
-    ends[1] = -1;
-  }
-
-  std::array<int, 2> ends{-1, -1};
-  ZPKDataChannelPtr base;
+  SocketPair pair;
+  ZPKDataChannelPtr base = createActiveTCPChannelWithSocket(pair.takeOurs());
   ZPKCommStackPtr stack = ZPKCommStack::init();
 };
 
@@ -337,12 +322,10 @@ TEST_F(ZPKCommStackLifecycleTest, IsOpenGivesAnIntegerAndNeverTouchesTheSlot) {
 TEST_F(ZPKCommStackLifecycleTest, AStackOnAnAdoptedSocketIsOpenAtOnce) {
   const SocketStack made;
   EXPECT_EQ(made.stack->isOpen(), 1);
-  ASSERT_EQ(::write(made.ends[1], "hello> ", 7), 7);
+  made.pair.send("hello> ");
   EXPECT_EQ(made.stack->readStringWithTimeout(30, std::nullopt), "hello> ");
   EXPECT_TRUE(made.stack->writeString("bye"));
-  std::array<char, 8> got{};
-  EXPECT_EQ(::read(made.ends[1], got.data(), got.size()), 4);
-  EXPECT_STREQ(got.data(), "bye\n");
+  EXPECT_EQ(made.pair.receive(), "bye\n");
 
   log.clear();
   ZPKErrorPtr error;
@@ -421,8 +404,8 @@ TEST_F(ZPKCommStackLifecycleTest, AFailedResetFailsTheCloseThoughTheChainIsClose
 
 TEST_F(ZPKCommStackLifecycleTest, AStackWhoseTransportFellIsClosedAndItsCloseFails) {
   SocketStack made;
-  ASSERT_EQ(::write(made.ends[1], "half", 4), 4);
-  made.hangUp();
+  made.pair.send("half");
+  made.pair.closePeer();
   EXPECT_EQ(made.stack->readDataWithTimeout(30, nullptr), nullptr);
   EXPECT_EQ(made.stack->isOpen(), 0);
   EXPECT_NE(made.stack->commChannel(), nullptr);

@@ -2,15 +2,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <array>
 #include <chrono>
 
 #include "Data Channel/ZPKDataChannelDecorators.h"
 #include "Data Stack/ZPKCommStack.h"
 #include "Support/ScriptedStack.h"
+#include "Support/SocketPair.h"
 
 using namespace support;
 
@@ -143,10 +141,10 @@ TEST_F(ZPKCommStackTalkTest, AChainThatClosesCleanlyUnderAReadGivesNullAndANullE
 }
 
 TEST_F(ZPKCommStackTalkTest, ABadTimeoutIsRefusedByTheTransportWhichStaysOpen) {
-  std::array<int, 2> ends{};
-  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
+  SocketPair pair;
   const auto stack = ZPKCommStack::init();
-  ASSERT_TRUE(stack->createStackWithBaseChannel(createActiveTCPChannelWithSocket(ends[0])));
+  const ZPKDataChannelPtr base = createActiveTCPChannelWithSocket(pair.takeOurs());
+  ASSERT_TRUE(stack->createStackWithBaseChannel(base));
   log.clear();
   ZPKErrorPtr error = olderError();
   EXPECT_EQ(stack->sendCommandString("ask", -0.5, &error), std::nullopt);
@@ -154,7 +152,6 @@ TEST_F(ZPKCommStackTalkTest, ABadTimeoutIsRefusedByTheTransportWhichStaysOpen) {
                 {"zephal-communication", 3, "time out has an invalid value", "readWithTimeout",
                  "DescriptorOperation.h"});
   EXPECT_EQ(stack->isOpen(), 1);
-  ::close(ends[1]);
 }
 
 // --- Commands.

@@ -2,7 +2,6 @@
 // descriptors of its own.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -14,9 +13,9 @@
 #include <vector>
 
 #include "Data Stack/ZPKCommStack.h"
-#include "Support/CheckedCalls.h"
 #include "Support/EventWait.h"
 #include "Support/LogCapture.h"
+#include "Support/SocketPair.h"
 #include "Support/TransportPeer.h"
 
 using namespace support;
@@ -35,22 +34,9 @@ bool hasOnly(char number, std::string_view bytes) {
 // Connections of the program's own, on which nobody ever sends anything.
 class SilentConnections {
  public:
-  SilentConnections() {
-    for (auto& ends : _pairs) {
-      checked(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), "socketpair");
-    }
-  }
-  SilentConnections(const SilentConnections&) = delete;
-  SilentConnections& operator=(const SilentConnections&) = delete;
-  ~SilentConnections() {
-    for (auto& ends : _pairs) {
-      for (int& end : ends) closeIfOpen(&end);
-    }
-  }
-
   bool areSilent() const {
-    return std::all_of(_pairs.begin(), _pairs.end(), [](const std::array<int, 2>& ends) {
-      return isSilent(ends[0]) && isSilent(ends[1]);
+    return std::all_of(_pairs.begin(), _pairs.end(), [](const SocketPair& pair) {
+      return isSilent(pair.ours) && isSilent(pair.peers);
     });
   }
 
@@ -60,7 +46,7 @@ class SilentConnections {
     return ::recv(end, &byte, 1, MSG_DONTWAIT) < 0;
   }
 
-  std::array<std::array<int, 2>, 4> _pairs{};
+  std::array<SocketPair, 4> _pairs;
 };
 
 // Every command to a device is made of the device's number. The device takes the beginning of one,

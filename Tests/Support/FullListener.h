@@ -19,7 +19,7 @@ class FullListener {
   ~FullListener();
 
   /// "tcp://127.0.0.1:40123" or "unix:///tmp/...".
-  std::string url() const;
+  const std::string& url() const { return _url; }
   int port() const { return _port; }
   std::string path() const { return _folder.pathOf("full"); }
 
@@ -29,8 +29,8 @@ class FullListener {
   void goAway();
 
  private:
-  const Kind _kind;
   TemporaryFolder _folder;
+  std::string _url;
   int _port = 0;
   int _listener = -1;
   int _filling = -1;

@@ -1,6 +1,5 @@
 #include "Support/SimulatedDevice.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -9,19 +8,17 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <system_error>
 #include <utility>
 
 #include "Support/CheckedCalls.h"
+#include "Support/LineEnds.h"
 #include "Support/SystemCalls.h"
 #include "Support/TestClock.h"
 
@@ -30,14 +27,6 @@ namespace support {
 namespace {
 
 void makeNonblocking(int descriptor) { checked(::fcntl(descriptor, F_SETFL, O_NONBLOCK), "fcntl"); }
-
-std::string nameOfNearEnd(int farEnd) {
-  char name[64] = "";
-  if (::ptsname_r(farEnd, name, sizeof name) != 0) {
-    throw std::system_error(errno, std::generic_category(), "ptsname_r");
-  }
-  return name;
-}
 
 void makeRaw(int terminal) {
   termios attributes{};
@@ -81,40 +70,24 @@ SimulatedDevice::~SimulatedDevice() {
 }
 
 void SimulatedDevice::makeTerminal() {
-  _line = checked(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC), "posix_openpt");
-  checked(::grantpt(_line), "grantpt");
-  checked(::unlockpt(_line), "unlockpt");
-  _path = nameOfNearEnd(_line);
-  _url = "uart://" + _path;
+  const Terminal terminal = openTerminal();
+  _line = terminal.farEnd;
+  _slave = terminal.nearEnd;
+  _path = terminal.path;
+  _url = terminal.url();
   ::chmod(_path.c_str(), 0666);
-  _slave = checked(::open(_path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC), "open");
   makeRaw(_slave);
   makeNonblocking(_line);
 }
 
 void SimulatedDevice::makeListener() {
-  const int family = _kind == Kind::kTCP ? AF_INET : AF_UNIX;
-  _listener = checked(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
-  if (_kind == Kind::kTCP) {
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto* const plain = reinterpret_cast<sockaddr*>(&address);
-    checked(::bind(_listener, plain, length), "bind");
-    checked(::getsockname(_listener, plain, &length), "getsockname");
-    _port = ntohs(address.sin_port);
-    _url = "tcp://127.0.0.1:" + std::to_string(_port);
-  } else {
-    _path = _folder.pathOf("device");
-    _url = "unix://" + _path;
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, _path.c_str(), sizeof address.sun_path - 1);
-    checked(::bind(_listener, reinterpret_cast<sockaddr*>(&address), sizeof address), "bind");
-    ::chmod(_path.c_str(), 0666);
-  }
-  checked(::listen(_listener, 5), "listen");
+  const bool isTCP = _kind == Kind::kTCP;
+  const Listener listener = isTCP ? listenOverTCP() : listenAt(_folder.pathOf("device"));
+  _listener = listener.descriptor;
+  _port = listener.port;
+  _path = listener.path;
+  _url = listener.url();
+  if (!isTCP) ::chmod(_path.c_str(), 0666);
   makeNonblocking(_listener);
 }
 

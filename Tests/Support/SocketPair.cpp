@@ -2,9 +2,10 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
+
+#include "Support/CheckedCalls.h"
 
 namespace support {
 
@@ -16,8 +17,8 @@ SocketPair::SocketPair() {
 }
 
 SocketPair::~SocketPair() {
-  ::close(ours);
-  closePeer();
+  closeIfOpen(&ours);
+  closeIfOpen(&peers);
 }
 
 void SocketPair::send(std::string_view text) const {
@@ -31,9 +32,6 @@ std::string SocketPair::receive() const {
   return count < 0 ? "" : std::string(buffer.data(), static_cast<size_t>(count));
 }
 
-void SocketPair::closePeer() {
-  if (peers >= 0) ::close(peers);
-  peers = -1;
-}
+void SocketPair::closePeer() { closeIfOpen(&peers); }
 
 }  // namespace support

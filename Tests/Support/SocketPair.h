@@ -2,6 +2,7 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace support {
 
@@ -13,14 +14,18 @@ class SocketPair {
   SocketPair& operator=(const SocketPair&) = delete;
   ~SocketPair();
 
+  /// For a caller who closes it himself, such as a channel.
+  int takeOurs() { return std::exchange(ours, -1); }
+  int takePeers() { return std::exchange(peers, -1); }
+
   /// Sends from the peer's end.
   void send(std::string_view text) const;
   /// What waits at the peer's end, 4096 bytes at most; "" if nothing does.
   std::string receive() const;
   void closePeer();
 
-  int ours = -1;
-  int peers = -1;  // -1 once closed
+  int ours = -1;   // -1 once taken
+  int peers = -1;  // -1 once taken or closed
 };
 
 }  // namespace support

@@ -1,22 +1,19 @@
 #include "Support/TransportPeer.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <system_error>
 
 #include "Support/CheckedCalls.h"
 #include "Support/EventWait.h"
+#include "Support/LineEnds.h"
+#include "Support/SocketPair.h"
 
 namespace support {
 
@@ -24,10 +21,9 @@ TransportPeer::TransportPeer(Kind kind) : _kind(kind) {
   if (kind == Kind::kTerminal) {
     makeTerminal();
   } else if (kind == Kind::kAdopted) {
-    int ends[2];
-    checked(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), "socketpair");
-    _line = ends[0];
-    _nearEnd = ends[1];
+    SocketPair pair;
+    _line = pair.takePeers();
+    _nearEnd = pair.takeOurs();
   } else {
     makeListener();
   }
@@ -40,35 +36,17 @@ TransportPeer::~TransportPeer() {
 }
 
 void TransportPeer::makeTerminal() {
-  _line = checked(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC), "posix_openpt");
-  checked(::grantpt(_line), "grantpt");
-  checked(::unlockpt(_line), "unlockpt");
-  char name[64] = "";
-  if (::ptsname_r(_line, name, sizeof name) != 0) throw std::runtime_error("ptsname_r");
-  _url = std::string("uart://") + name;
-  _nearEnd = checked(::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC), "open");
+  const Terminal terminal = openTerminal();
+  _line = terminal.farEnd;
+  _nearEnd = terminal.nearEnd;
+  _url = terminal.url();
 }
 
 void TransportPeer::makeListener() {
   const bool isTCP = _kind == Kind::kTCP;
-  _listener = checked(::socket(isTCP ? AF_INET : AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
-  if (isTCP) {
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto* const plain = reinterpret_cast<sockaddr*>(&address);
-    checked(::bind(_listener, plain, length), "bind");
-    checked(::getsockname(_listener, plain, &length), "getsockname");
-    _url = "tcp://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-  } else {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, _folder.pathOf("peer").c_str(), sizeof address.sun_path - 1);
-    checked(::bind(_listener, reinterpret_cast<sockaddr*>(&address), sizeof address), "bind");
-    _url = "unix://" + _folder.pathOf("peer");
-  }
-  checked(::listen(_listener, 5), "listen");
+  const Listener listener = isTCP ? listenOverTCP() : listenAt(_folder.pathOf("peer"));
+  _listener = listener.descriptor;
+  _url = listener.url();
 }
 
 ZPKDataChannelPtr TransportPeer::makeChannel() {
@@ -88,7 +66,7 @@ bool TransportPeer::open(const ZPKDataChannelPtr& channel) {
 void TransportPeer::takeConnection() {
   if (_listener < 0) return;
   closeIfOpen(&_line);
-  _line = checked(::accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC), "accept4");
+  _line = acceptFrom(_listener);
   const int on = 1;
   if (_kind == Kind::kTCP) ::setsockopt(_line, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
