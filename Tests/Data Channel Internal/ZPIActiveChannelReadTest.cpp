@@ -1,0 +1,177 @@
+// What a read of an active channel gives, and when.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <future>
+#include <limits>
+#include <string>
+#include <string_view>
+
+#include "Support/ActiveChannelFixture.h"
+#include "Support/ThreadCalls.h"
+#include "Utility/ZPKMutableData.h"
+#include "Utility/ZPKReportFailure.h"
+
+using namespace support;
+
+namespace {
+
+using testing::IsEmpty;
+
+constexpr double kNow = 0.0;
+constexpr double kForever = -1.0;
+
+class ZPIActiveChannelReadTest : public ActiveChannelFixture {};
+
+// --- Reading
+
+TEST_F(ZPIActiveChannelReadTest, NowOnAnEmptyQueueGivesEmptyDataAtOnce) {
+  makeRunning();
+  const LogCapture log;
+  ZPKErrorPtr error = olderError();
+  EXPECT_EQ(bytesOf(_channel->readWithTimeout(kNow, &error)), "");
+  EXPECT_EQ(bytesOf(_channel->readWithTimeout(-0.0, &error)), "");
+  EXPECT_EQ(error, olderError());
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(ZPIActiveChannelReadTest, NowTakesWhatIsQueued) {
+  makeRunning();
+  _line->deliver("queued");
+  ASSERT_TRUE(_line->waitUntilAllIsHandedOn());
+  ZPKErrorPtr error = olderError();
+  EXPECT_EQ(bytesOf(_channel->readWithTimeout(kNow, &error)), "queued");
+  EXPECT_EQ(error, olderError());
+  EXPECT_EQ(bytesOf(_channel->readWithTimeout(kNow, &error)), "");
+}
+
+TEST_F(ZPIActiveChannelReadTest, ATimeoutGivesEmptyDataAndIsNoFailure) {
+  makeRunning();
+  const LogCapture log;
+  ZPKErrorPtr error = olderError();
+  {
+    const SkippedWaits skipped(_clock);
+    EXPECT_EQ(bytesOf(_channel->readWithTimeout(2.5, &error)), "");
+  }
+  EXPECT_GE(_clock.passed(), std::chrono::milliseconds(2500));
+  EXPECT_EQ(error, olderError());
+  EXPECT_THAT(log.lines(), IsEmpty());
+  EXPECT_TRUE(_channel->isOpened());
+}
+
+TEST_F(ZPIActiveChannelReadTest, AReadReturnsAsSoonAsThereIsAnyByte) {
+  for (const double timeout :
+       {kForever, kLongTimeout, 1e300, std::numeric_limits<double>::infinity()}) {
+    makeRunning();
+    ZPKErrorPtr error = olderError();
+    std::future<ZPKDataPtr> read = readElsewhere(timeout, &error);
+    _line->deliver("x");
+    ASSERT_EQ(read.wait_for(kPatience), std::future_status::ready) << timeout;
+    EXPECT_EQ(bytesOf(read.get()), "x") << timeout;
+    EXPECT_EQ(error, olderError());
+    ASSERT_TRUE(close());
+  }
+}
+
+TEST_F(ZPIActiveChannelReadTest, BytesOfSeveralReadsBelowComeAsOnePiece) {
+  makeRunning();
+  _line->deliver("one ");
+  _line->deliver("two ");
+  _line->deliver("");
+  _line->deliver(std::string_view("th\0ree", 6));
+  ASSERT_TRUE(_line->waitUntilAllIsHandedOn());
+  EXPECT_EQ(bytesOf(_channel->readWithTimeout(kLongTimeout, nullptr)),
+            std::string("one two th\0ree", 14));
+}
+
+TEST_F(ZPIActiveChannelReadTest, WhatNobodyReadsIsKeptInFull) {
+  makeRunning();
+  std::string all;
+  for (int index = 0; index < 200; ++index) {
+    all += std::string(10000, static_cast<char>('a' + index % 26));
+    _line->deliver(std::string_view(all).substr(all.size() - 10000));
+  }
+  ASSERT_TRUE(_line->waitUntilAllIsHandedOn());
+  const ZPKDataPtr data = _channel->readWithTimeout(kNow, nullptr);
+  ASSERT_NE(data, nullptr);
+  EXPECT_TRUE(data->view() == all);
+}
+
+TEST_F(ZPIActiveChannelReadTest, TheBytesCanBeEditedAboveWithoutACopy) {
+  makeRunning();
+  _line->deliver("bytes");
+  ASSERT_TRUE(_line->waitUntilAllIsHandedOn());
+  ZPKDataPtr data = _channel->readWithTimeout(kLongTimeout, nullptr);
+  const uint8_t* const bytes = data->bytes();
+  const ZPKMutableDataPtr edited = ZPKMutableData::mutableCopyGivingUp(std::move(data));
+  EXPECT_EQ(edited->bytes(), bytes);
+  edited->append(" and more", 9);
+  EXPECT_EQ(edited->view(), "bytes and more");
+}
+
+TEST_F(ZPIActiveChannelReadTest, ABadTimeoutIsRefusedAndTheChannelGoesOn) {
+  makeRunning();
+  for (const double timeout : {-0.5, -1.0000001, -2.0, -1e300, std::nan("")}) {
+    expectReadRefused(timeout, 3, "time out has an invalid value");
+  }
+  EXPECT_TRUE(_channel->isOpened());
+  expectDelivers("still here");
+}
+
+TEST_F(ZPIActiveChannelReadTest, ACleanCloseWakesTheReadThatWaitsForeverWithNullAndNoError) {
+  makeRunning();
+  const LogCapture log;
+  ZPKErrorPtr error = olderError();
+  std::future<ZPKDataPtr> read = readForeverElsewhere(&error);
+  EXPECT_TRUE(close());
+  ASSERT_EQ(read.wait_for(kPatience), std::future_status::ready);
+  EXPECT_EQ(read.get(), nullptr);
+  EXPECT_EQ(error, nullptr);
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(ZPIActiveChannelReadTest, ACleanCloseStopsAReadWithTimeLeftWithNullAndNoError) {
+  for (const int waitResult : {0, ETIMEDOUT}) {
+    makeRunning();
+    const ReplacedWaits wait([&] {
+      EXPECT_TRUE(close());
+      return waitResult;
+    });
+    const LogCapture log;
+    ZPKErrorPtr error = olderError();
+    EXPECT_EQ(_channel->readWithTimeout(kLongTimeout, &error), nullptr);
+    EXPECT_EQ(error, nullptr);
+    EXPECT_THAT(log.lines(), IsEmpty());
+  }
+}
+
+TEST_F(ZPIActiveChannelReadTest, AWaitThatTheSystemRefusesIsCode5) {
+  makeRunning();
+  const std::string text =
+      "read failed with error " + ZPIErrorText(EPERM) + " (" + std::to_string(EPERM) + ")";
+  {
+    const ReplacedWaits wait([] { return EPERM; });
+    expectReadRefused(kLongTimeout, 5, text.c_str());
+  }
+  EXPECT_TRUE(_channel->isOpened());
+  expectDelivers("still here");
+}
+
+TEST_F(ZPIActiveChannelReadTest, BytesThatComeAsTheTimeEndsAreForTheNextRead) {
+  makeRunning();
+  {
+    const ReplacedWaits wait([&] {
+      _line->deliver("late");
+      EXPECT_TRUE(_line->waitUntilAllIsHandedOn());
+      return ETIMEDOUT;
+    });
+    EXPECT_EQ(bytesOf(_channel->readWithTimeout(kLongTimeout, nullptr)), "");
+  }
+  EXPECT_EQ(bytesOf(_channel->readWithTimeout(kNow, nullptr)), "late");
+}
+
+}  // namespace
