@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr int kCommands = 20000;
+constexpr size_t kCommands = 20000;
 constexpr size_t kFloodLine = 4096;
 constexpr size_t kFloodBytes = 256 * 1024 * 1024;
 
@@ -42,7 +42,7 @@ void takeOurs(ZPKDataChannel& channel, size_t length) {
 }
 
 void rawCommands(RawReader& reader) {
-  for (int i = 0; i < kCommands; ++i) {
+  for (size_t i = 0; i < kCommands; ++i) {
     reader.write("ping\n");
     takeRaw(reader, 7);
   }
@@ -50,30 +50,27 @@ void rawCommands(RawReader& reader) {
 
 void ourCommands(ZPKDataChannel& channel) {
   const ZPKDataPtr command = ZPKData::dataWithString("ping\n");
-  for (int i = 0; i < kCommands; ++i) {
+  for (size_t i = 0; i < kCommands; ++i) {
     if (!channel.write(command)) std::exit(1);
     takeOurs(channel, 7);
   }
 }
 
-void runRoundTrips(Transport transport, int deviceCPU, const char* placement, int rounds) {
-  const Device rawDevice(transport, deviceCPU);
-  const Device ourDevice(transport, deviceCPU);
-  pinTo(0);  // also pins the reading threads, which are started below
+void runRoundTrips(Transport transport, int rounds) {
+  const Device rawDevice(transport, kClientCPU);
+  const Device ourDevice(transport, kClientCPU);
   RawReader reader(rawDevice.connect());
   const ZPKDataChannelPtr channel = openActiveChannel(ourDevice);
   const Contest contest = compare(
       rounds, [&] { rawCommands(reader); }, [&] { ourCommands(*channel); });
   channel->close();
-  pinTo(-1);
-  printRow(std::string("round trip, ") + nameOf(transport) + ", " + placement, "0.95",
-           number(contest.ratio, 3) + " (raw " + number(contest.raw / kCommands * 1e6, 2) +
-               " us, channel " + number(contest.ours / kCommands * 1e6, 2) + " us)");
+  printRow(std::string("round trip, ") + nameOf(transport), "0.95",
+           eachOf(contest, kCommands, "raw", "channel"));
 }
 
 void runFlood(int rounds) {
-  const Device rawDevice(Transport::Unix, -1);
-  const Device ourDevice(Transport::Unix, -1);
+  const Device rawDevice(Transport::Unix, kClientCPU);
+  const Device ourDevice(Transport::Unix, kClientCPU);
   RawReader reader(rawDevice.connect());
   const ZPKDataChannelPtr channel = openActiveChannel(ourDevice);
   const std::string command =
@@ -89,9 +86,7 @@ void runFlood(int rounds) {
         takeOurs(*channel, kFloodBytes);
       });
   channel->close();
-  printRow("flood of 256 MiB, unix", "0.95",
-           number(contest.ratio, 3) + " (raw " + rate(kFloodBytes, contest.raw) + ", channel " +
-               rate(kFloodBytes, contest.ours) + ")");
+  printRow("flood of 256 MiB, unix", "0.95", eachOf(contest, 1, "raw", "channel"));
 }
 
 }  // namespace
@@ -99,8 +94,7 @@ void runFlood(int rounds) {
 void benchmarkActiveChannel(int rounds) {
   printHeader("An active channel, rate against a raw reading thread");
   for (const Transport transport : {Transport::Tcp, Transport::Unix}) {
-    runRoundTrips(transport, 0, "one CPU", rounds);
-    runRoundTrips(transport, 1, "one CPU each", rounds);
+    runRoundTrips(transport, rounds);
   }
   runFlood(rounds);
 }

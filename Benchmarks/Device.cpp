@@ -48,13 +48,14 @@ void writeInPieces(int fd, const std::string& bytes, size_t piece) {
 }
 
 void flood(int fd, size_t width, size_t lines) {
-  std::string line(width - 1, 'x');
-  line += '\n';
-  std::string block;
-  while (block.size() < 4096) block += line;
-  const size_t linesPerBlock = block.size() / width;
-  for (; lines >= linesPerBlock; lines -= linesPerBlock) writeAll(fd, block);
-  writeAll(fd, std::string_view(block).substr(0, lines * width));
+  constexpr size_t kPiece = 65536;
+  const std::string line = std::string(width - 1, 'x') + "\n";
+  std::string text;
+  while (text.size() < kPiece + width) text += line;
+  const size_t length = width * lines;
+  for (size_t at = 0; at < length; at += kPiece) {
+    writeAll(fd, std::string_view(text).substr(at % width, std::min(kPiece, length - at)));
+  }
 }
 
 void answer(int fd, const std::string& command) {

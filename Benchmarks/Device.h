@@ -13,8 +13,8 @@ const char* nameOf(Transport transport);
 ///
 /// - ping: "pong\n> "
 /// - note TEXT: nothing
-/// - flood W N: N lines of W bytes each, including the line feed, in writes of about 4 KiB, the
-///   size of C's stdio buffer
+/// - flood W N: N lines of W bytes each, including the line feed, in writes of 64 KiB, most of
+///   which end within a line
 /// - big N P: N bytes and "> ", in writes of at most P bytes
 /// - stairs N P: the same, with every byte a ">" and a final " "
 ///
@@ -47,6 +47,9 @@ class Device {
   int _keptSlave = -1;
   pid_t _process = -1;
 };
+
+/// The CPU of the client in every benchmark that is measured on one.
+constexpr int kClientCPU = 0;
 
 /// Pins the calling thread to one CPU; -1 frees it.
 void pinTo(int cpu);

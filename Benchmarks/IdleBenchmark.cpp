@@ -1,7 +1,6 @@
 // What an open active channel costs while nothing arrives.
 #include <ZephalIO/ZephalIO.h>
 #include <sys/resource.h>
-#include <time.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -12,12 +11,6 @@
 #include "Measure.h"
 
 namespace {
-
-double processorSeconds() {
-  timespec time{};
-  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
-  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
-}
 
 // The voluntary context switches of all threads.
 double wakeUps() {

@@ -173,10 +173,7 @@ void run(const char* what, bool isActive, int rounds) {
   const Contest contest = compareTimed(
       rounds, [&] { return secondsRaw(archive->view()); },
       [&] { return secondsOurs(*serializer, object, isActive); });
-  const double count = static_cast<double>(kMessages);
-  printRow(what, "reported",
-           number(contest.ratio, 3) + " (raw " + number(count / contest.raw * 1e-3, 0) +
-               ", library " + number(count / contest.ours * 1e-3, 0) + " thousand messages/s)");
+  printRow(what, "reported", eachOf(contest, kMessages, "raw", "library"));
 }
 
 }  // namespace

@@ -1,42 +1,49 @@
-// The default serializer against a copy of the same bytes.
+// The default serializer against two others that write and read the same archive.
 #include <ZephalIO/ZephalIO.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <functional>
+#include <optional>
+#include <string>
 
 #include "Benchmarks.h"
 #include "Measure.h"
 #include "MixedDictionary.h"
+#include "PeerArchive.h"
 
 namespace {
 
-constexpr int kObjects = 50;
-constexpr int kCopies = 5000;
+constexpr size_t kObjects = 100;
+// Against the faster of the two peers.
+constexpr const char* kWriteGoal = "1.5";
+constexpr const char* kReadGoal = "3.0";
 
-double secondsEach(int count, const std::function<void()>& work) {
-  const double seconds = secondsFor([&] {
-    for (int i = 0; i < count; ++i) work();
+void repeat(const std::function<void()>& work) {
+  for (size_t i = 0; i < kObjects; ++i) work();
+}
+
+void run(const std::string& what, const char* goal, int rounds, const char* name,
+         const std::function<void()>& peer, const std::function<void()>& ours) {
+  const Contest contest = compare(
+      rounds, [&] { repeat(peer); }, [&] { repeat(ours); });
+  printRow(what, goal, eachOf(contest, kObjects, name, "ZephalIO"));
+}
+
+void runAgainst(const char* name, const std::optional<PeerArchive>& peer,
+                const ZPKDictionaryPtr& dictionary, const ZPKDataPtr& archive, int rounds) {
+  const std::string written = std::string("written, rate against ") + name;
+  const std::string read = std::string("read, rate against ") + name;
+  if (!peer.has_value()) {
+    printMissing(written, kWriteGoal);
+    return printMissing(read, kReadGoal);
+  }
+  const auto serializer = ZPKDataDefaultSerializer::init();
+  run(written, kWriteGoal, rounds, name, peer->write, [&] {
+    if (serializer->serialize(dictionary) == nullptr) std::exit(1);
   });
-  return seconds / count;
-}
-
-// Into a heap block of its own, like an archive.
-void copy(const ZPKData& data) {
-  void* block = std::malloc(data.length());
-  std::memcpy(block, data.bytes(), data.length());
-  asm volatile("" : : "r"(block) : "memory");
-  std::free(block);
-}
-
-void run(const char* what, const ZPKData& archive, int rounds, const std::function<void()>& work) {
-  const Contest contest = compareTimed(
-      rounds, [&] { return secondsEach(kCopies, [&] { copy(archive); }); },
-      [&] { return secondsEach(kObjects, work); });
-  const double bytes = static_cast<double>(archive.length());
-  printRow(what, "reported",
-           number(contest.ratio, 4) + " (" + number(1 / contest.ours, 0) + " dictionaries/s, " +
-               rate(bytes, contest.ours) + "; copy " + rate(bytes, contest.raw) + ")");
+  run(read, kReadGoal, rounds, name, peer->read, [&] {
+    if (serializer->deserialize(archive) == nullptr) std::exit(1);
+  });
 }
 
 }  // namespace
@@ -47,12 +54,8 @@ void benchmarkSerializer(int rounds) {
   const ZPKDataPtr archive = serializer->serialize(dictionary);
   if (archive == nullptr) std::exit(1);
   if (!ZPKObjectsAreEqual(serializer->deserialize(archive), dictionary)) std::exit(1);
-  printHeader("A dictionary of 1000 mixed entries, " + std::to_string(archive->length()) +
-              " bytes, rate against a copy");
-  run("serialize", *archive, rounds, [&] {
-    if (serializer->serialize(dictionary) == nullptr) std::exit(1);
-  });
-  run("deserialize", *archive, rounds, [&] {
-    if (serializer->deserialize(archive) == nullptr) std::exit(1);
-  });
+  printHeader("A dictionary of 1,000 mixed entries, " + std::to_string(archive->length()) +
+              " bytes of CBOR");
+  runAgainst("nlohmann-json", nlohmannArchive(archive->view()), dictionary, archive, rounds);
+  runAgainst("libcbor", libcborArchive(archive->view()), dictionary, archive, rounds);
 }

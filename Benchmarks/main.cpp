@@ -1,4 +1,5 @@
-// Compares the library with plain loops of the same system calls, as ratios within one run.
+// Compares the library with plain loops of the same system calls and with other libraries, as
+// ratios within one run.
 //
 //     zephalio-benchmarks [NAME|all] [ROUNDS]
 //     zephalio-benchmarks idle [SECONDS]
@@ -7,6 +8,7 @@
 #include <string>
 
 #include "Benchmarks.h"
+#include "Device.h"
 
 namespace {
 
@@ -21,6 +23,7 @@ struct Benchmark {
 constexpr Benchmark kBenchmarks[] = {
     // Memory first: a heap that other benchmarks have used would hide the stacks' memory.
     {"memory", [](int /*rounds*/) { benchmarkMemory(); }},
+    {"faults", [](int /*rounds*/) { benchmarkPageFaults(); }},
     {"roundtrip", benchmarkRoundTrips},
     {"flood", benchmarkFlood},
     {"long", benchmarkLongResponses},
@@ -29,6 +32,7 @@ constexpr Benchmark kBenchmarks[] = {
     {"transformers", benchmarkTransformers},
     {"serializer", benchmarkSerializer},
     {"messages", benchmarkMessages},
+    {"threads", benchmarkThreads},
 };
 
 int printUsage() {
@@ -41,6 +45,7 @@ int printUsage() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  pinTo(kClientCPU);
   const std::string which = argc > 1 ? argv[1] : "all";
   const int number = argc > 2 ? std::atoi(argv[2]) : which == "idle" ? kIdleSeconds : kRounds;
   if (number < 1) return printUsage();
