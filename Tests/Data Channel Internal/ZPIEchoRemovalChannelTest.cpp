@@ -85,7 +85,7 @@ TEST_F(ZPIEchoRemovalChannelTest, ATimeoutWithAnAwaitedEchoKeepsTheTail) {
   EXPECT_EQ(readOf("r\r\n=> "), "=> ");
 }
 
-TEST_F(ZPIEchoRemovalChannelTest, ADeviceThatNeverEchoesLosesNothingButItsTailIsHeld) {
+TEST_F(ZPIEchoRemovalChannelTest, WithoutEchoesNothingIsLostButTheTailIsHeld) {
   write("ver\r\n");
   EXPECT_EQ(readOf("2.33\r\nbuild 7\r\n=> "), "2.33\r\nbuild 7\r\n");
   EXPECT_EQ(readOf(""), "");
@@ -125,7 +125,7 @@ TEST_F(ZPIEchoRemovalChannelTest, AnEchoInAnotherCaseIsNoEcho) {
   EXPECT_EQ(readOf("VER\r\n"), "VER\r\n");
 }
 
-TEST_F(ZPIEchoRemovalChannelTest, ALineThatOnlyBeginsOrEndsLikeTheEchoIsNoEcho) {
+TEST_F(ZPIEchoRemovalChannelTest, APartOfAnEchoIsNoEcho) {
   write("ver\r\n");
   EXPECT_EQ(readOf("version\r\n"), "version\r\n");
   EXPECT_EQ(readOf("=> ver\r\n"), "=> ver\r\n");
@@ -201,7 +201,7 @@ TEST_F(ZPIEchoRemovalChannelTest, EveryReadIsOneReadBelowWithTheSameTimeout) {
   EXPECT_THAT(_below->readTimeouts(), ElementsAre(0.25, -1.0));
 }
 
-TEST_F(ZPIEchoRemovalChannelTest, AFailedReadIsPassedUpAndKeepsWhatIsHeld) {
+TEST_F(ZPIEchoRemovalChannelTest, AFailedReadPassesUpAndKeepsHeldBytes) {
   write("ver\r\n");
   EXPECT_EQ(readOf("ve"), "");
   const ZPKErrorPtr fromBelow = ZPKError::init("below", 5, {});
@@ -213,7 +213,7 @@ TEST_F(ZPIEchoRemovalChannelTest, AFailedReadIsPassedUpAndKeepsWhatIsHeld) {
   EXPECT_THAT(_log.lines(), IsEmpty());
 }
 
-TEST_F(ZPIEchoRemovalChannelTest, ACleanCloseUnderTheReaderIsNullWithoutAnError) {
+TEST_F(ZPIEchoRemovalChannelTest, ACleanCloseBelowIsNullWithoutAnError) {
   _below->addFailedRead(nullptr);
   ZPKErrorPtr error;
   EXPECT_EQ(_channel->readWithTimeout(1.0, &error), nullptr);
@@ -230,7 +230,7 @@ TEST_F(ZPIEchoRemovalChannelTest, AFailedWriteIsPassedUpAndAwaitsNoEcho) {
   EXPECT_EQ(readOf("ver\r\n=> "), "ver\r\n=> ");
 }
 
-TEST_F(ZPIEchoRemovalChannelTest, WritesGoDownAsTheyAreNullAndEmptyOnesToo) {
+TEST_F(ZPIEchoRemovalChannelTest, WritesGoDownUnchangedEvenNullAndEmptyOnes) {
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(_channel->write(dataOf("ver\r\nmem"), &error));
   EXPECT_TRUE(_channel->write(ZPKData::data(), &error));
@@ -239,7 +239,7 @@ TEST_F(ZPIEchoRemovalChannelTest, WritesGoDownAsTheyAreNullAndEmptyOnesToo) {
   EXPECT_THAT(_below->writes(), ElementsAre("ver\r\nmem", "", std::nullopt));
 }
 
-TEST_F(ZPIEchoRemovalChannelTest, OpenCloseAndIsOpenedAreThoseOfTheChannelBelow) {
+TEST_F(ZPIEchoRemovalChannelTest, OpenCloseAndIsOpenedGoToTheChannelBelow) {
   _below->setOpened(false);
   EXPECT_FALSE(_channel->isOpened());
   ZPKErrorPtr error = olderError();
@@ -343,7 +343,7 @@ class WriteHook final : public ZPKDataChannel {
   ZPKDataPtr toRead = ZPKData::data();
 };
 
-TEST_F(ZPIEchoRemovalChannelTest, AnEchoThatIsReadBeforeItsWriteReturnsIsData) {
+TEST_F(ZPIEchoRemovalChannelTest, AnEchoReadBeforeItsWriteReturnsIsData) {
   const auto below = std::make_shared<WriteHook>();
   const auto channel = ZPIEchoRemovalChannel::initWithChannel(below, dataOf("\r\n"));
   std::string early;
@@ -357,7 +357,7 @@ TEST_F(ZPIEchoRemovalChannelTest, AnEchoThatIsReadBeforeItsWriteReturnsIsData) {
 }
 
 // What is written never comes back here, so every line of the device passes.
-TEST_F(ZPIEchoRemovalChannelTest, AReaderAndAWriterCanRunAtTheSameTime) {
+TEST_F(ZPIEchoRemovalChannelTest, AReaderAndAWriterCanRunTogether) {
   constexpr int kLines = 2000;
   for (int i = 0; i < kLines; ++i) _below->addRead("data " + std::to_string(i) + "\r\n");
   std::thread writer([&] {

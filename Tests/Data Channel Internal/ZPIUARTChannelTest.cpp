@@ -186,7 +186,7 @@ TEST_F(ZPIUARTChannelTest, CloseFlushesAndRestoresNothing) {
   EXPECT_EQ(attributes().c_lflag, 0U);
 }
 
-TEST_F(ZPIUARTChannelTest, AfterAFailedStepTheDescriptorIsClosedAndTheNextOpenWorks) {
+TEST_F(ZPIUARTChannelTest, AFailedOpenLeavesNothingOpenAndMayBeRepeated) {
   for (const char* const call :
        {"open", "ioctl TIOCEXCL", "fcntl", "tcgetattr", "tcsetattr", "ioctl TCSETS2"}) {
     const auto channel = channelWith(optionOf(ZEPHAL_COMMUNICATION_UART_BAUD, 12345));
@@ -206,7 +206,7 @@ TEST_F(ZPIUARTChannelTest, AfterAFailedStepTheDescriptorIsClosedAndTheNextOpenWo
   }
 }
 
-TEST_F(ZPIUARTChannelTest, AFailedCleanUpIsLoggedAndTheErrorOfTheStepStands) {
+TEST_F(ZPIUARTChannelTest, AFailedCleanUpIsOnlyLogged) {
   const auto channel = channelWith(nullptr);
   int left = -1;
   {
@@ -225,7 +225,7 @@ TEST_F(ZPIUARTChannelTest, AFailedCleanUpIsLoggedAndTheErrorOfTheStepStands) {
   ::close(left);
 }
 
-TEST_F(ZPIUARTChannelTest, ABadModeFailsAtOpenWithCode3AndTheDescriptorIsClosed) {
+TEST_F(ZPIUARTChannelTest, ABadModeFailsAtOpenAndLeavesNothingOpen) {
   const auto channel = channelWith(optionOf(ZEPHAL_COMMUNICATION_UART_MODE, "9N1"));
   const std::set<int> before = openDescriptors();
   EXPECT_FALSE(channel->openWithTimeout(1.0, &_error));
@@ -236,7 +236,7 @@ TEST_F(ZPIUARTChannelTest, ABadModeFailsAtOpenWithCode3AndTheDescriptorIsClosed)
   EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST_F(ZPIUARTChannelTest, AModeThatIsTooShortThrowsAndLosesTheDescriptor) {
+TEST_F(ZPIUARTChannelTest, ATooShortModeThrowsAndLosesTheDescriptor) {
   const auto channel = channelWith(optionOf(ZEPHAL_COMMUNICATION_UART_MODE, ""));
   SystemCalls calls;
   EXPECT_THROW(channel->openWithTimeout(1.0, &_error), std::out_of_range);
@@ -288,7 +288,7 @@ TEST_F(ZPIUARTChannelTest, ResettingAClosedOneSucceedsAndDoesNothing) {
 
 // --- A line that goes away
 
-TEST_F(ZPIUARTChannelTest, ADeviceThatIsPulledFailsTheReadAndClosesTheChannel) {
+TEST_F(ZPIUARTChannelTest, ALostDeviceFailsTheReadAndClosesTheChannel) {
   const auto channel = channelWith(nullptr);
   ASSERT_TRUE(_peer.open(channel));
   _peer.hangUp();
@@ -300,7 +300,7 @@ TEST_F(ZPIUARTChannelTest, ADeviceThatIsPulledFailsTheReadAndClosesTheChannel) {
   EXPECT_FALSE(channel->isOpened());
 }
 
-TEST_F(ZPIUARTChannelTest, ADeviceThatIsPulledFailsTheWriteAndLeavesTheChannelOpen) {
+TEST_F(ZPIUARTChannelTest, ALostDeviceFailsTheWriteAndClosesNothing) {
   const auto channel = channelWith(nullptr);
   ASSERT_TRUE(_peer.open(channel));
   _peer.hangUp();

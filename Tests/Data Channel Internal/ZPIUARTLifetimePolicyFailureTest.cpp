@@ -130,7 +130,7 @@ TEST_F(ZPIUARTLifetimePolicyFailureTest, EveryFailureIsLoggedOnceWithoutASlotToo
   }
 }
 
-TEST_F(ZPIUARTLifetimePolicyFailureTest, AFailureToSetTheExactSpeedIsLoggedOnceWithoutASlotToo) {
+TEST_F(ZPIUARTLifetimePolicyFailureTest, WithoutASlotARefusedExactSpeedIsLoggedOnce) {
   SystemCalls calls;
   calls.fail("ioctl TCSETS2", EIO);
   EXPECT_FALSE(_port.open(_peer.url(), optionsOf(12345, "8N1"), nullptr));
@@ -171,7 +171,7 @@ TEST_F(ZPIUARTLifetimePolicyFailureTest, AFileThatIsNoTerminal) {
 
 // --- Modes
 
-TEST_F(ZPIUARTLifetimePolicyFailureTest, ABadModeIsFoundAfterTheDeviceWasOpenedAndHeld) {
+TEST_F(ZPIUARTLifetimePolicyFailureTest, ABadModeIsFoundOnceTheDeviceIsOpen) {
   struct Case {
     const char* mode;
     const char* text;
@@ -200,7 +200,7 @@ TEST_F(ZPIUARTLifetimePolicyFailureTest, ABadModeIsFoundAfterTheDeviceWasOpenedA
   }
 }
 
-TEST_F(ZPIUARTLifetimePolicyFailureTest, AModeThatIsTooShortThrowsWithTheDeviceOpen) {
+TEST_F(ZPIUARTLifetimePolicyFailureTest, ATooShortModeThrowsWithTheDeviceOpen) {
   for (const char* const mode : {"", "8", "8N"}) {
     Port port;
     ZPKErrorPtr error = olderError();

@@ -41,7 +41,7 @@ class ZPIUARTHoldTest : public testing::Test {
   Port _port;
 };
 
-TEST_F(ZPIUARTHoldTest, ADeviceThatIsHeldFailsAtOpenAndItsHoldIsNotAskedFor) {
+TEST_F(ZPIUARTHoldTest, AHeldDeviceFailsToOpenAndIsLeftAlone) {
   ASSERT_TRUE(_port.open(_peer.url(), optionsOf(9600, "8N1", true)));
   const ChildResult result = openElsewhere(true);
   EXPECT_EQ(result.status, 1);
@@ -50,7 +50,7 @@ TEST_F(ZPIUARTHoldTest, ADeviceThatIsHeldFailsAtOpenAndItsHoldIsNotAskedFor) {
 }
 
 // The terminal stays held for as long as anybody has it open, as the far end does here.
-TEST_F(ZPIUARTHoldTest, AHoldOutlivesItsCloseWhileAnybodyHasTheDeviceOpen) {
+TEST_F(ZPIUARTHoldTest, AHoldOutlivesItsCloseWhileTheDeviceIsOpen) {
   ASSERT_TRUE(_port.open(_peer.url(), optionsOf(9600, "8N1", true)));
   ::close(std::exchange(_port.descriptor, -1));
   for (const bool isExclusive : {true, false}) {
@@ -74,7 +74,7 @@ TEST_F(ZPIUARTHoldTest, WithoutTheHoldTwoProcessesShareTheDevice) {
   EXPECT_EQ(result.message, "");
 }
 
-TEST_F(ZPIUARTHoldTest, ASecondOpenerMayTakeAHoldThatTheFirstLeft) {
+TEST_F(ZPIUARTHoldTest, ASecondOpenerMayTakeTheHold) {
   ASSERT_TRUE(_port.open(_peer.url(), optionsOf(9600, "8N1", false)));
   const ChildResult result = openElsewhere(true);
   EXPECT_EQ(result.status, 0) << result.message;

@@ -65,7 +65,7 @@ TEST_F(ZPIUARTLifetimePolicyTest, ARateOutsideTheListComesLastAndSkipsCfsetspeed
                           "ioctl TCGETS2", "ioctl TCSETS2", "ioctl TCGETS2"));
 }
 
-TEST_F(ZPIUARTLifetimePolicyTest, WithoutTheExclusiveOptionNoHoldIsTakenAndNoneIsLifted) {
+TEST_F(ZPIUARTLifetimePolicyTest, WithoutTheExclusiveOptionHoldsAreLeftAlone) {
   SystemCalls calls;
   EXPECT_TRUE(open(115200, "8N1", false));
   EXPECT_THAT(calls.texts({"open", "ioctl", "fcntl"}),
@@ -161,7 +161,7 @@ TEST_F(ZPIUARTLifetimePolicyTest, RatesOutsideTheListAreSetExactly) {
   }
 }
 
-TEST_F(ZPIUARTLifetimePolicyTest, ARateOutsideTheListLeavesTheSpeedFieldsOfTheAttributesAlone) {
+TEST_F(ZPIUARTLifetimePolicyTest, ARateOutsideTheListLeavesTheSpeedFieldsAlone) {
   termios before = terminalAttributes(_peer.nearEnd());
   ASSERT_EQ(::cfsetspeed(&before, B4800), 0);
   ASSERT_EQ(::tcsetattr(_peer.nearEnd(), TCSANOW, &before), 0);
@@ -181,7 +181,7 @@ TEST_F(ZPIUARTLifetimePolicyTest, AnExactSpeedKeepsTheModeAndTheControlCharacter
   EXPECT_EQ(attributes.c_cc[VTIME], 1);
 }
 
-TEST_F(ZPIUARTLifetimePolicyTest, ARateThatTheSystemCannotSetIsRefusedWithTheNumberAlone) {
+TEST_F(ZPIUARTLifetimePolicyTest, ARateThatTheSystemRefusesIsNamed) {
   for (const int64_t rate :
        {int64_t{-1}, int64_t{-9600}, int64_t{4294967296}, std::numeric_limits<int64_t>::max(),
         std::numeric_limits<int64_t>::min()}) {
@@ -234,7 +234,7 @@ TEST_F(ZPIUARTLifetimePolicyTest, SetsEveryControlCharacterOfItsListAndNoOther) 
   EXPECT_EQ(after.c_cc[VSWTC], 0x41);
 }
 
-TEST_F(ZPIUARTLifetimePolicyTest, LeavesFlowControlHangUpAndFixedParityAsTheyWere) {
+TEST_F(ZPIUARTLifetimePolicyTest, LeavesFlowControlHangUpAndFixedParityAlone) {
   for (const bool isOn : {true, false}) {
     TransportPeer peer(TransportPeer::Kind::kTerminal);
     termios before = terminalAttributes(peer.nearEnd());
@@ -247,7 +247,7 @@ TEST_F(ZPIUARTLifetimePolicyTest, LeavesFlowControlHangUpAndFixedParityAsTheyWer
   }
 }
 
-TEST_F(ZPIUARTLifetimePolicyTest, Mode7E2IsSevenBitsEvenParityAndTwoStopBits) {
+TEST_F(ZPIUARTLifetimePolicyTest, Mode7E2SetsSizeParityAndStopBits) {
   SystemCalls calls;
   EXPECT_TRUE(open(9600, "7E2"));
   const termios attributes = attributesSet(calls);
@@ -257,7 +257,7 @@ TEST_F(ZPIUARTLifetimePolicyTest, Mode7E2IsSevenBitsEvenParityAndTwoStopBits) {
   EXPECT_NE(attributes.c_cflag & CSTOPB, 0U);
 }
 
-TEST_F(ZPIUARTLifetimePolicyTest, Mode8N1IsEightBitsNoParityAndOneStopBit) {
+TEST_F(ZPIUARTLifetimePolicyTest, Mode8N1SetsSizeParityAndStopBits) {
   SystemCalls calls;
   EXPECT_TRUE(open(9600, "8N1"));
   const termios attributes = attributesSet(calls);

@@ -215,7 +215,7 @@ TEST_F(ZPKDataChannelDecoratorsTest, AnEchoRemovalChannelGoesByItsDelimiter) {
   EXPECT_EQ(channel->readWithTimeout(1.0)->view(), "b;");
 }
 
-TEST_F(ZPKDataChannelDecoratorsTest, ALoggingChannelHasItsFileItsIdentifierAndItsMode) {
+TEST_F(ZPKDataChannelDecoratorsTest, ALoggingChannelHasItsFileIdentifierAndMode) {
   const TemporaryFolder folder;
   for (const bool synchronous : {false, true}) {
     const std::string path = folder.pathOf(synchronous ? "one" : "other");
@@ -247,7 +247,7 @@ TEST_F(ZPKDataChannelDecoratorsTest, AnAggregatingChannelSharesItsTransformer) {
   EXPECT_EQ(channel->readWithTimeout(1.0)->view(), "b,");
 }
 
-TEST_F(ZPKDataChannelDecoratorsTest, ADecoratorHoldsTheChannelBelowAndDoesNotCloseIt) {
+TEST_F(ZPKDataChannelDecoratorsTest, ADecoratorHoldsTheChannelBelowWithoutClosingIt) {
   std::weak_ptr<ScriptedChannel> weak;
   {
     auto channel = ScriptedChannel::make();

@@ -55,7 +55,7 @@ class ZPKDataChannelManagerConnectionTest : public testing::Test {
   ZPKDataChannelManagerPtr _manager;
 };
 
-TEST_F(ZPKDataChannelManagerConnectionTest, AnEmptyPacketEndsTheLoopUnlessAPassiveChannelIsOnTop) {
+TEST_F(ZPKDataChannelManagerConnectionTest, OnlyAPassiveChannelSkipsAnEmptyPacket) {
   for (const bool hasPassive : {false, true}) {
     const auto below = ScriptedChannel::make();
     for (const std::string& bytes : {packet(1), std::string(2, '\0'), packet(2)}) {
@@ -73,8 +73,7 @@ TEST_F(ZPKDataChannelManagerConnectionTest, AnEmptyPacketEndsTheLoopUnlessAPassi
   }
 }
 
-TEST_F(ZPKDataChannelManagerConnectionTest,
-       DisconnectOnAnotherThreadEndsALoopThatWaitsOnAnActiveChannel) {
+TEST_F(ZPKDataChannelManagerConnectionTest, DisconnectEndsALoopThatWaitsOnAnActiveChannel) {
   open(createActiveChannel(_peer.makeChannel()));
   EXPECT_TRUE(_manager->listen());
   _peer.send(std::string(archive("hello")->view()));

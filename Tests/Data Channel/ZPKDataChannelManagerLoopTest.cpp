@@ -81,7 +81,7 @@ TEST(ZPKDataChannelManagerLoopTest, UndetachedTheCallersThreadIsNamedAndStaysSo)
   EXPECT_EQ(nameAfterwards, nameInLoop);
 }
 
-TEST(ZPKDataChannelManagerLoopTest, AFirstReadThatFailsGivesOneDisconnectWithoutItsError) {
+TEST(ZPKDataChannelManagerLoopTest, AFailedFirstReadGivesOneDisconnectWithoutItsError) {
   const LogCapture log;
   const auto channel = ScriptedChannel::make();
   channel->addFailedRead(olderError());
@@ -144,7 +144,7 @@ TEST(ZPKDataChannelManagerLoopTest, ListenWhileALoopRunsReturnsFalseAndChangesNo
   EXPECT_THAT(delegate->events(), ElementsAre("message 1", "message 2", "disconnect null idle"));
 }
 
-TEST(ZPKDataChannelManagerLoopTest, ADelegateWithoutOperationsLetsTheLoopRunAndDropEverything) {
+TEST(ZPKDataChannelManagerLoopTest, WithoutOperationsOfTheDelegateEverythingIsDropped) {
   const LogCapture log;
   const auto channel = ScriptedChannel::make();
   channel->addRead(archive(1));
@@ -165,7 +165,7 @@ TEST(ZPKDataChannelManagerLoopTest, TheDelegateSeesEveryReadBeforeItIsDeserializ
               ElementsAre("should bytes", "message 1", "should empty", "disconnect null idle"));
 }
 
-TEST(ZPKDataChannelManagerLoopTest, AReadThatTheDelegateRefusesIsDroppedWithoutEndingTheLoop) {
+TEST(ZPKDataChannelManagerLoopTest, ARefusedReadIsDroppedWithoutEndingTheLoop) {
   const LogCapture log;
   const auto channel = ScriptedChannel::make();
   channel->addRead(archive("refused"));
@@ -213,7 +213,7 @@ class Choosy final : public ZPKDataChannelManagerDelegate {
   const std::set<Operation> _operations;
 };
 
-TEST(ZPKDataChannelManagerLoopTest, TheDelegateIsAskedBeforeEachCallWhetherItTakesIt) {
+TEST(ZPKDataChannelManagerLoopTest, TheDelegateIsAskedAboutEachCallFirst) {
   const LogCapture log;
   const std::vector<Operation> allCalls{Operation::ShouldDeserializeData,
                                         Operation::DidReceiveMessage,
@@ -272,8 +272,7 @@ TEST(ZPKDataChannelManagerLoopTest, AManagerThatIsIdleAgainCanListenAgain) {
   EXPECT_THAT(channel->calls(), ElementsAre("read", "read", "read"));
 }
 
-TEST(ZPKDataChannelManagerLoopTest,
-     UndetachedADelegateThatListensAgainAtTheEndRunsTheLoopInThatCall) {
+TEST(ZPKDataChannelManagerLoopTest, UndetachedListeningAgainAtTheEndRunsTheLoopThere) {
   const LogCapture log;
   const auto channel = ScriptedChannel::make();
   const auto delegate = RecordingDelegate::make();
@@ -314,7 +313,7 @@ TEST(ZPKDataChannelManagerLoopTest, PropertiesAreFetchedAnewAtEachUse) {
   EXPECT_EQ(newDelegate->lastChannel, second.get());
 }
 
-TEST(ZPKDataChannelManagerLoopTest, ADelegateThatGoesInMidLoopLetsTheLoopDropTheRest) {
+TEST(ZPKDataChannelManagerLoopTest, AfterItsDelegateHasGoneALoopDropsTheRest) {
   const LogCapture log;
   const auto channel = ScriptedChannel::make();
   for (int i = 0; i < 3; ++i) channel->addRead(archive(i));
@@ -333,7 +332,7 @@ TEST(ZPKDataChannelManagerLoopTest, ADelegateThatGoesInMidLoopLetsTheLoopDropThe
   EXPECT_EQ(channel->readTimeouts().size(), 4U);
 }
 
-TEST(ZPKDataChannelManagerLoopTest, TheDelegateMayLetGoOfTheLastReferenceInAnyCall) {
+TEST(ZPKDataChannelManagerLoopTest, TheDelegateMayDropTheLastReference) {
   const LogCapture log;
   const auto channel = ScriptedChannel::make();
   channel->addRead(archive(1));

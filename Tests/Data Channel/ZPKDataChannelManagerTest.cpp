@@ -160,7 +160,7 @@ TEST(ZPKDataChannelManagerTest, TheDescriptionHasTheClassAndTheAddress) {
 
 // --- disconnect.
 
-TEST(ZPKDataChannelManagerTest, DisconnectOnAManagerThatNeverListenedClosesTheChannelOnly) {
+TEST(ZPKDataChannelManagerTest, DisconnectBeforeListenOnlyClosesTheChannel) {
   const LogCapture log;
   const auto channel = ScriptedChannel::make();
   const auto delegate = RecordingDelegate::make();

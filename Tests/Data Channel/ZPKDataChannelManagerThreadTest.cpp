@@ -29,8 +29,7 @@ namespace {
 using testing::ElementsAre;
 using Manager = ZPKDataChannelManager;
 
-TEST(ZPKDataChannelManagerThreadTest,
-     DetachedListenReturnsAtOnceAndTheCallsComeOnAThreadOfThatName) {
+TEST(ZPKDataChannelManagerThreadTest, ListenReturnsAtOnceAndANamedThreadCalls) {
   const LogCapture log;
   std::promise<void> release;
   const auto channel = makeBlockedChannel(release.get_future().share());
@@ -70,7 +69,7 @@ TEST(ZPKDataChannelManagerThreadTest, TheLoopHoldsItsManager) {
   EXPECT_THAT(delegate->events(), ElementsAre("message 1", "disconnect null idle"));
 }
 
-TEST(ZPKDataChannelManagerThreadTest, ADelegateMayBeDestroyedOnAnotherThreadWhileTheLoopReads) {
+TEST(ZPKDataChannelManagerThreadTest, ADelegateMayBeDestroyedWhileTheLoopReads) {
   const LogCapture log;
   std::promise<void> release;
   const auto channel = makeBlockedChannel(release.get_future().share());
@@ -87,7 +86,7 @@ TEST(ZPKDataChannelManagerThreadTest, ADelegateMayBeDestroyedOnAnotherThreadWhil
   EXPECT_EQ(channel->readTimeouts().size(), 4U);
 }
 
-TEST(ZPKDataChannelManagerThreadTest, DetachedTheDelegateMayLetGoOfTheLastReference) {
+TEST(ZPKDataChannelManagerThreadTest, TheDelegateMayDropTheLastReference) {
   const LogCapture log;
   std::promise<void> release;
   const auto channel = makeBlockedChannel(release.get_future().share());
@@ -102,7 +101,7 @@ TEST(ZPKDataChannelManagerThreadTest, DetachedTheDelegateMayLetGoOfTheLastRefere
   EXPECT_THAT(delegate->events(), ElementsAre("message 1", "disconnect null idle"));
 }
 
-TEST(ZPKDataChannelManagerThreadTest, TheDelegateMayListenAgainWhenItIsToldOfTheEnd) {
+TEST(ZPKDataChannelManagerThreadTest, TheDelegateMayListenAgainAtTheEnd) {
   const LogCapture log;
   const auto channel = ScriptedChannel::make();
   const auto delegate = RecordingDelegate::make();

@@ -39,7 +39,7 @@ const ExpectedFailure kAlreadyListening{
 // --- Starts that fail.
 
 // Listens on a port that it shares with nobody; two listeners that both reuse would share it.
-TEST_F(ZPKTCPServerFailureTest, APortInUseGivesAServerThatCannotBeStopped) {
+TEST_F(ZPKTCPServerFailureTest, APortInUseGivesAnUnstoppableServer) {
   const int first = passive_tcp(0, false);
   const int port = portOf(first);
   const std::set<int> before = openDescriptors();
@@ -59,7 +59,7 @@ TEST_F(ZPKTCPServerFailureTest, APortInUseGivesAServerThatCannotBeStopped) {
   ::close(first);
 }
 
-TEST_F(ZPKTCPServerFailureTest, AFailedStartWithoutASlotIsLoggedAllTheSame) {
+TEST_F(ZPKTCPServerFailureTest, WithoutASlotAFailedStartIsLogged) {
   const int first = passive_tcp(0, false);
   const auto server = ZPKTCPServer::init();
   EXPECT_FALSE(server->startOnPort(portOf(first), _arrivals.takeChannels()));
@@ -182,7 +182,7 @@ rlim_t descriptorLimit() {
 
 // The first callback takes the process its last descriptors away; ahead of the fifth accept they
 // are back.
-TEST_F(ZPKTCPServerFailureTest, AServerOutOfDescriptorsGoesOnWhenItHasThemAgain) {
+TEST_F(ZPKTCPServerFailureTest, AServerSurvivesALackOfDescriptors) {
   const rlim_t limit = descriptorLimit();
   SystemCalls calls(SystemCalls::Threads::kAll);
   calls.before(

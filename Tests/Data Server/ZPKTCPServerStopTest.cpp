@@ -61,7 +61,7 @@ TEST_F(ZPKTCPServerStopTest, AStopWakesTheAcceptAndPrintsItsFailure) {
   EXPECT_TRUE(_log.lines().empty());
 }
 
-TEST_F(ZPKTCPServerStopTest, AStopClosesBeforeItCancelsAndForgetsAfterTheThreadHasEnded) {
+TEST_F(ZPKTCPServerStopTest, AStopClosesCancelsJoinsAndForgetsInThatOrder) {
   SystemCalls calls;
   std::promise<void> release;
   const auto take = _arrivals.takeChannels();
@@ -227,7 +227,7 @@ TEST_F(ZPKTCPServerStopTest, AStoppedServerStartsAgainButAcceptsNobody) {
   EXPECT_TRUE(_log.lines().empty());
 }
 
-TEST_F(ZPKTCPServerStopTest, ADeadServerThatIsLetGoOfLeavesItsListenerOpen) {
+TEST_F(ZPKTCPServerStopTest, ADroppedDeadServerLeavesItsListenerOpen) {
   auto server = startTCPServerOnPort(0, _arrivals.takeChannels());
   EXPECT_TRUE(server->stop());
   const int listener = passive_tcp(0, false);
@@ -251,7 +251,7 @@ TEST_F(ZPKTCPServerStopTest, TheAcceptThreadHoldsTheServer) {
   EXPECT_TRUE(weakServer.expired());
 }
 
-TEST_F(ZPKTCPServerStopTest, ACancelledThreadThatIsTheLastHolderDestroysTheServer) {
+TEST_F(ZPKTCPServerStopTest, ACancelledThreadMayDestroyTheServer) {
   auto server = startTCPServerOnPort(0, _arrivals.takeChannels());
   const int listener = server->handle();
   const std::weak_ptr<ZPKTCPServer> weakServer = server;

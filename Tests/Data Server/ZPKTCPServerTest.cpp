@@ -34,7 +34,7 @@ using testing::IsEmpty;
 
 using ZPKTCPServerTest = TCPServerFixture;
 
-TEST_F(ZPKTCPServerTest, AServerOnAPortGivesAnOpenChannelForEachConnection) {
+TEST_F(ZPKTCPServerTest, EachConnectionToAPortGivesAnOpenChannel) {
   ZPKErrorPtr error = olderError();
   const auto server = startTCPServerOnPort(0, _arrivals.takeChannels(), &error);
   EXPECT_EQ(error, olderError());
@@ -120,7 +120,7 @@ TEST_F(ZPKTCPServerTest, AServerLeavesTheDispositionOfSigpipeAlone) {
   EXPECT_EQ(result.status, 0) << result.message;
 }
 
-TEST_F(ZPKTCPServerTest, APortGivenAsANullNumberIsChosenByTheSystem) {
+TEST_F(ZPKTCPServerTest, TheSystemChoosesAPortGivenAsNull) {
   ZPKErrorPtr error = olderError();
   const auto server = startTCPServerOnPort(std::nullopt, _arrivals.takeChannels(), &error);
   EXPECT_EQ(error, olderError());
@@ -130,7 +130,7 @@ TEST_F(ZPKTCPServerTest, APortGivenAsANullNumberIsChosenByTheSystem) {
   EXPECT_TRUE(server->stop());
 }
 
-TEST_F(ZPKTCPServerTest, OnlyTheLow16BitsOfAPortCountWhateverItsKind) {
+TEST_F(ZPKTCPServerTest, OnlyTheLow16BitsOfAPortCount) {
   const int spare = passive_tcp(0, true);
   const int port = portOf(spare);
   for (const ZPKNumber& number : {ZPKNumber(port), ZPKNumber(port + 65536), ZPKNumber(port + 0.75),
@@ -175,7 +175,7 @@ TEST_F(ZPKTCPServerTest, TheCallbackRunsOnTheAcceptThread) {
   }
 }
 
-TEST_F(ZPKTCPServerTest, ASecondConnectionWaitsInTheBacklogWhileTheCallbackBlocks) {
+TEST_F(ZPKTCPServerTest, ASecondConnectionWaitsWhileTheCallbackBlocks) {
   const SystemCalls calls(SystemCalls::Threads::kAll);
   std::promise<void> release;
   const auto released = release.get_future().share();
@@ -196,7 +196,7 @@ TEST_F(ZPKTCPServerTest, ASecondConnectionWaitsInTheBacklogWhileTheCallbackBlock
   EXPECT_TRUE(server->stop());
 }
 
-TEST_F(ZPKTCPServerTest, ACallbackWithAStateKeepsItFromCallToCall) {
+TEST_F(ZPKTCPServerTest, ACallbackKeepsItsStateBetweenCalls) {
   std::atomic<int> last = 0;
   const auto server =
       startTCPOnSocket(passive_tcp(0, false), [&last, calls = 0](int32_t socket) mutable {

@@ -76,7 +76,7 @@ TEST(ZPIStackCallTest, TalkingWithoutAnOpenChainFailsWithCode304) {
   }
 }
 
-TEST(ZPIStackCallTest, ARefusalWithoutASlotIsStillALineInTheLog) {
+TEST(ZPIStackCallTest, WithoutASlotARefusalIsLogged) {
   LogCapture log;
   EXPECT_TRUE(callOn(closedChain(), nullptr).refuseOnceCreated("refused"));
   EXPECT_THAT(log.lines(), ElementsAre(LogLine{0, "refused"}));
@@ -92,7 +92,7 @@ TEST(ZPIStackCallTest, OpeningWithoutAChainFailsWithCode301) {
                         "calling open"));
 }
 
-TEST(ZPIStackCallTest, OpeningAnOpenChainFailsWithCode303AndDoesNotReachIt) {
+TEST(ZPIStackCallTest, OpeningAnOpenChainFailsWithCode303) {
   LogCapture log;
   ZPKErrorPtr error;
   auto chain = ScriptedChannel::make();

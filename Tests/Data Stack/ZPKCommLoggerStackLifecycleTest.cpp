@@ -40,7 +40,7 @@ ExpectedFailure loggerFailure(int code, std::string description, const std::stri
 
 using ZPKCommLoggerStackLifecycleTest = RecorderFixture;
 
-TEST_F(ZPKCommLoggerStackLifecycleTest, ALogThatCannotBeMadeFailsTheOpenAndLeavesTheDeviceClosed) {
+TEST_F(ZPKCommLoggerStackLifecycleTest, WithoutItsLogAnOpenLeavesTheDeviceClosed) {
   ASSERT_TRUE(stack->setLogFilePath(folder.pathOf("missing/post.log"), std::nullopt));
   ASSERT_TRUE(stack->createStackWithBaseChannel(base));
   LogCapture log;
@@ -52,7 +52,7 @@ TEST_F(ZPKCommLoggerStackLifecycleTest, ALogThatCannotBeMadeFailsTheOpenAndLeave
   EXPECT_EQ(stack->isOpen(), 0);
 }
 
-TEST_F(ZPKCommLoggerStackLifecycleTest, AFailedOpenKeepsTheChainAndTheOpenLogsAndMayBeTriedAgain) {
+TEST_F(ZPKCommLoggerStackLifecycleTest, AFailedOpenMayBeRepeatedWithItsLogsOpen) {
   const std::set<int> before = openDescriptors();
   base->setOpenResult(false, errorFromBelow());
   ASSERT_TRUE(stack->createStackWithBaseChannel(base));
@@ -79,7 +79,7 @@ TEST_F(ZPKCommLoggerStackLifecycleTest, AFailedOpenKeepsTheChainAndTheOpenLogsAn
   EXPECT_THAT(textsOfLog(postPath), ElementsAre("post--read: at last"));
 }
 
-TEST_F(ZPKCommLoggerStackLifecycleTest, CloseAfterAFailedOpenFailsWithCode2WithoutAReset) {
+TEST_F(ZPKCommLoggerStackLifecycleTest, CloseAfterAFailedOpenFailsWithCode2) {
   base->setOpenResult(false, errorFromBelow());
   ASSERT_TRUE(stack->createStackWithBaseChannel(base));
   ASSERT_FALSE(stack->open());
@@ -126,7 +126,7 @@ TEST_F(ZPKCommLoggerStackLifecycleTest, AFailedResetFailsTheClose) {
   EXPECT_EQ(stack->isOpen(), 0);
 }
 
-TEST_F(ZPKCommLoggerStackLifecycleTest, AnUnknownSchemeIsCode300HereAndCode3InACommStack) {
+TEST_F(ZPKCommLoggerStackLifecycleTest, AnUnknownSchemeIsCode300NotCode3) {
   for (const char* url : {"http://host", "UART:///dev/null", "no scheme at all"}) {
     LogCapture log;
     ZPKErrorPtr error = olderError();
@@ -140,13 +140,13 @@ TEST_F(ZPKCommLoggerStackLifecycleTest, AnUnknownSchemeIsCode300HereAndCode3InAC
   }
 }
 
-TEST_F(ZPKCommLoggerStackLifecycleTest, ANullURLIsAnUnknownSchemeAndLogsWithoutASlotToo) {
+TEST_F(ZPKCommLoggerStackLifecycleTest, ANullURLIsAnUnknownScheme) {
   LogCapture log;
   EXPECT_FALSE(stack->createStackWithURL(std::nullopt));
   EXPECT_THAT(log.texts(), ElementsAre("Invalid URL scheme"));
 }
 
-TEST_F(ZPKCommLoggerStackLifecycleTest, OnAnOpenStackABadSchemeIsReplacedByCode303) {
+TEST_F(ZPKCommLoggerStackLifecycleTest, WhileOpenABadSchemeIsReportedAsCode303) {
   open();
   LogCapture log;
   ZPKErrorPtr error;
@@ -165,7 +165,7 @@ TEST_F(ZPKCommLoggerStackLifecycleTest, ABadSchemeLeavesAClosedChainAsItIs) {
   EXPECT_EQ(stack->commChannel(), chain);
 }
 
-TEST_F(ZPKCommLoggerStackLifecycleTest, OnAnOpenStackAGoodURLAndANullChannelAreCode303Too) {
+TEST_F(ZPKCommLoggerStackLifecycleTest, WhileOpenAnyURLOrChannelGetsCode303) {
   open();
   const ZPKDataChannelPtr chain = stack->commChannel();
   const auto expected = loggerFailure(303, kAlreadyOpen, "createStackWithBaseChannel:error:");
@@ -222,8 +222,7 @@ TEST_F(ZPKCommLoggerStackLifecycleTest, OpeningWithoutAChainFailsWithCode301) {
   EXPECT_EQ(stack->commChannel(), nullptr);
 }
 
-TEST_F(ZPKCommLoggerStackLifecycleTest,
-       ALogPathIsRefusedWithCode302OnceAChainWasCreatedAndAfterClose) {
+TEST_F(ZPKCommLoggerStackLifecycleTest, OnceCreatedALogPathIsRefusedWithCode302) {
   constexpr const char* kMessage =
       "Cannot enable log file while comm stack is already created/opened";
   const auto refuse = [&] {
@@ -246,7 +245,7 @@ TEST_F(ZPKCommLoggerStackLifecycleTest,
   EXPECT_THAT(log.texts(), ElementsAre(kMessage));
 }
 
-TEST_F(ZPKCommLoggerStackLifecycleTest, OpeningAndCreatingOnAnOpenStackFailWithCode303) {
+TEST_F(ZPKCommLoggerStackLifecycleTest, WhileOpenOpeningAndCreatingFailWithCode303) {
   open();
   {
     LogCapture log;
@@ -276,7 +275,7 @@ TEST_F(ZPKCommLoggerStackLifecycleTest, ClosingWithoutAChainFailsWithoutAnError)
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(ZPKCommLoggerStackLifecycleTest, ASecondCreateReplacesAClosedChainAndDropsHeldBytes) {
+TEST_F(ZPKCommLoggerStackLifecycleTest, ASecondCreateReplacesTheChainAndDropsHeldBytes) {
   stack->setDelimiter(";");
   stack->aggregator()->buffer()->append(*dataOf("held"));
   ASSERT_TRUE(stack->createStackWithBaseChannel(base));
@@ -302,7 +301,7 @@ TEST_F(ZPKCommLoggerStackLifecycleTest, DestructionLeavesAClosedOrMissingChainAl
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(ZPKCommLoggerStackLifecycleTest, ACloseThatFailsAtDestructionIsALineInTheLog) {
+TEST_F(ZPKCommLoggerStackLifecycleTest, AFailedCloseAtDestructionIsLogged) {
   base->setCloseResult(false, olderError());
   open();
   LogCapture log;
@@ -323,7 +322,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, ZPKCommLoggerStackSocketTest,
                                                                                         : "Unix");
                          });
 
-TEST_P(ZPKCommLoggerStackSocketTest, WhenTheFarSideGoesOnlyIsOpenTellsAndCloseFailsWithoutAReset) {
+TEST_P(ZPKCommLoggerStackSocketTest, WhenThePeerGoesCloseFailsWithoutAReset) {
   SimulatedDevice device(GetParam());
   stack->setDelimiter(";");
   ASSERT_TRUE(stack->createStackWithURL(device.url()));

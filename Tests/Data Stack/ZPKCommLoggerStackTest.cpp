@@ -27,7 +27,7 @@ using testing::IsEmpty;
 
 using ZPKCommLoggerStackTest = RecorderFixture;
 
-TEST_F(ZPKCommLoggerStackTest, ANewStackHasAnEmptyDelimiterNoLogsAndNoChain) {
+TEST_F(ZPKCommLoggerStackTest, ANewStackHasNeitherDelimiterNorLogsNorChain) {
   const auto fresh = ZPKCommLoggerStack::init();
   ASSERT_NE(fresh->aggregator(), nullptr);
   ASSERT_NE(fresh->aggregator()->data2Find(), nullptr);
@@ -38,7 +38,7 @@ TEST_F(ZPKCommLoggerStackTest, ANewStackHasAnEmptyDelimiterNoLogsAndNoChain) {
   EXPECT_EQ(fresh->isOpen(), 0);
 }
 
-TEST_F(ZPKCommLoggerStackTest, EveryPlainAccessorGivesBackWhatWasSetAndTakesNull) {
+TEST_F(ZPKCommLoggerStackTest, EveryPlainAccessorKeepsWhatWasSetEvenNull) {
   const auto other = ZPKCommLoggerStack::init();
   EXPECT_NE(stack->aggregator(), other->aggregator());
   stack->setCommChannel(base);
@@ -59,7 +59,7 @@ TEST_F(ZPKCommLoggerStackTest, EveryPlainAccessorGivesBackWhatWasSetAndTakesNull
   EXPECT_EQ(stack->preAggregatorLogFilePath(), std::nullopt);
 }
 
-TEST_F(ZPKCommLoggerStackTest, BothLogPathsAreStoredANullTooAndTheSlotStays) {
+TEST_F(ZPKCommLoggerStackTest, BothLogPathsAreStoredEvenIfNull) {
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(stack->setLogFilePath("/a", std::nullopt, &error));
   EXPECT_EQ(stack->logFilePath(), "/a");
@@ -70,7 +70,7 @@ TEST_F(ZPKCommLoggerStackTest, BothLogPathsAreStoredANullTooAndTheSlotStays) {
   EXPECT_EQ(error, olderError());
 }
 
-TEST_F(ZPKCommLoggerStackTest, ANullDelimiterIsNullAnEmptyOneIsEmptyAndTheSlotStays) {
+TEST_F(ZPKCommLoggerStackTest, ADelimiterIsStoredAsItIsGiven) {
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(stack->setDelimiter("\u20AC\n", &error));
   EXPECT_EQ(bytesOf(stack->aggregator()->data2Find()), "\xE2\x82\xAC\n");
@@ -94,7 +94,7 @@ TEST_F(ZPKCommLoggerStackTest, WithoutADelimiterBothLogsGetTheSameChunks) {
               ElementsAre("post--read: boot", "post--read: ing 100%@", "post--read: ok"));
 }
 
-TEST_F(ZPKCommLoggerStackTest, WithADelimiterTheOuterLogGetsOneEntryForEachUnit) {
+TEST_F(ZPKCommLoggerStackTest, WithADelimiterTheOuterLogHasUnits) {
   stack->setDelimiter(";");
   open();
   deliver("on");
@@ -119,7 +119,7 @@ TEST_F(ZPKCommLoggerStackTest, ADelimiterSetWhileRunningAlsoSearchesWhatIsHeld) 
   EXPECT_THAT(textsOfLog(postPath), ElementsAre("post--read: one,", "post--read: two!,"));
 }
 
-TEST_F(ZPKCommLoggerStackTest, ADelimiterThatIsTakenAwayWhileRunningLetsGoOfWhatIsHeld) {
+TEST_F(ZPKCommLoggerStackTest, RemovingTheDelimiterWhileRunningReleasesHeldBytes) {
   stack->setDelimiter(";");
   open();
   deliver("half");
@@ -157,7 +157,7 @@ TEST_F(ZPKCommLoggerStackTest, TheDelimiterMayChangeAtAnyMoment) {
   EXPECT_EQ(logged, sent + "end");
 }
 
-TEST_F(ZPKCommLoggerStackTest, BytesHeldForWantOfADelimiterAtCloseAreInTheRawLogOnly) {
+TEST_F(ZPKCommLoggerStackTest, OnlyTheRawLogHasBytesHeldAtClose) {
   stack->setDelimiter(";");
   open();
   deliver("one;half");
@@ -167,7 +167,7 @@ TEST_F(ZPKCommLoggerStackTest, BytesHeldForWantOfADelimiterAtCloseAreInTheRawLog
   EXPECT_EQ(stack->aggregator()->buffer()->length(), 0U);
 }
 
-TEST_F(ZPKCommLoggerStackTest, WithoutAPathEverythingIsReadAndDroppedAndNoFileIsMade) {
+TEST_F(ZPKCommLoggerStackTest, WithoutPathsEverythingIsReadAndDropped) {
   ASSERT_TRUE(stack->setLogFilePath(std::nullopt, std::nullopt));
   open();
   deliver("nobody hears this");
@@ -215,7 +215,7 @@ TEST_F(ZPKCommLoggerStackTest, ReadsAndWritesFromOutsideAreRefusedWithCode6) {
   EXPECT_TRUE(stack->close());
 }
 
-TEST_F(ZPKCommLoggerStackTest, WhenTheDeviceGoesIsOpenTurnsTo0AndCloseGivesWhatTheReadReported) {
+TEST_F(ZPKCommLoggerStackTest, AfterALossCloseGivesWhatTheReadReported) {
   open();
   deliver("last words");
   base->fail(olderError());
@@ -235,7 +235,7 @@ TEST_F(ZPKCommLoggerStackTest, WhenTheDeviceGoesIsOpenTurnsTo0AndCloseGivesWhatT
   EXPECT_TRUE(stack->close());
 }
 
-TEST_F(ZPKCommLoggerStackTest, WhenTheDeviceWentOnlyANewChainClosesTheLogs) {
+TEST_F(ZPKCommLoggerStackTest, AfterALossOnlyANewChainClosesTheLogs) {
   const std::set<int> before = openDescriptors();
   stack->setDelimiter(";");
   open();
@@ -250,7 +250,7 @@ TEST_F(ZPKCommLoggerStackTest, WhenTheDeviceWentOnlyANewChainClosesTheLogs) {
   EXPECT_EQ(bytesOf(stack->aggregator()->buffer()), "");
 }
 
-TEST_F(ZPKCommLoggerStackTest, AChannelThatIsOpenAlreadyIsReadAtOnceAndNotLogged) {
+TEST_F(ZPKCommLoggerStackTest, AnOpenChannelIsReadAtOnceAndNotLogged) {
   base = WaitingChannel::makeOpen();
   ASSERT_TRUE(stack->createStackWithBaseChannel(base));
   EXPECT_EQ(stack->isOpen(), 1);
