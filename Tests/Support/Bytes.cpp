@@ -8,8 +8,16 @@ ZPKDataPtr dataOf(std::string_view bytes) {
 
 ZPKMutableDataPtr chunkOf(std::string_view bytes) {
   auto chunk = ZPKMutableData::data();
-  chunk->append(bytes.data(), bytes.size());
+  append(chunk, bytes);
   return chunk;
+}
+
+ZPKMutableDataPtr unitOf(std::string_view bytes) {
+  return ZPKMutableData::dataWithBytes(bytes.data(), bytes.size());
+}
+
+void append(const ZPKMutableDataPtr& buffer, std::string_view bytes) {
+  buffer->append(bytes.data(), bytes.size());
 }
 
 std::optional<std::string> bytesOf(const ZPKDataPtr& data) {

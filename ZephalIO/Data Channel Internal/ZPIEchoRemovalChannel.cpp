@@ -11,8 +11,8 @@ namespace {
 // arrive.
 template <class Buffer, class Queue>
 void splitByDelimiterPushDelimitedOnQueue(Buffer& buffer, Queue& queue, const ZPKData& delimiter) {
-  for (ZPKRange found = buffer.find(delimiter); found.location != ZPKNotFound;
-       found = buffer.find(delimiter)) {
+  for (ZPKRange found = buffer.resumeFind(delimiter); found.location != ZPKNotFound;
+       found = buffer.resumeFind(delimiter)) {
     const size_t lineLength = ZPIRangeEnd(found);
     queue.emplace(buffer.view().substr(0, lineLength));
     buffer.dropFirst(lineLength);

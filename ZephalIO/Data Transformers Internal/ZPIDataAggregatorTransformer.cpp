@@ -20,7 +20,7 @@ void ZPIDataAggregatorTransformer::modifyData(ZPKMutableData* data) {
   if (data == nullptr) return;
   _buffer->appendGivingUp(data);
   if (_data2Find == nullptr) return;
-  const ZPKRange found = _buffer->find(*_data2Find);
+  const ZPKRange found = _buffer->resumeFind(*_data2Find);
   if (found.location == ZPKNotFound) return;
   const size_t consumed = ZPIRangeEnd(found);
   data->append(_buffer->bytes(),

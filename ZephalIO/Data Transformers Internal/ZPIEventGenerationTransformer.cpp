@@ -38,7 +38,7 @@ bool ZPIEventGenerationTransformer::passesAsItIs(const ZPKMutableData& chunk) co
 // that cannot begin one.
 void ZPIEventGenerationTransformer::__modifyData(ZPKMutableData* result) {
   const bool isEverywhere = _pattern->length() == 0 && _buffer.length() > 0;
-  const ZPKRange found = isEverywhere ? ZPKRange{0, 0} : _buffer.find(*_pattern);
+  const ZPKRange found = isEverywhere ? ZPKRange{0, 0} : _buffer.resumeFind(*_pattern);
   if (found.location == ZPKNotFound) {
     handOut(_buffer.length() - heldAtTheEnd(_buffer.view()), result);
     return;

@@ -28,7 +28,7 @@ void ZPKMutableDataAggregatorTransformer::modifyData(ZPKMutableData* data) {
     data->swap(*_buffer);
     return;
   }
-  const ZPKRange found = _buffer->find(*terminator);
+  const ZPKRange found = _buffer->resumeFind(*terminator);
   if (found.location == ZPKNotFound) return;
   _buffer->moveFirst(ZPIRangeEnd(found), data);
 }
@@ -46,7 +46,7 @@ const ZPKData* ZPKMutableDataAggregatorTransformer::currentTerminator() {
 // does, the chunk stays unchanged.
 void ZPKMutableDataAggregatorTransformer::cutChunk(const ZPKData& terminator,
                                                    ZPKMutableData* chunk) {
-  const ZPKRange found = chunk->find(terminator);
+  const ZPKRange found = chunk->resumeFind(terminator);
   if (found.location == ZPKNotFound) {
     _buffer->appendGivingUp(chunk);
     return;
@@ -75,7 +75,7 @@ ZPKMutableDataPtr ZPITakeHeldUnit(ZPKMutableDataAggregatorTransformer& aggregato
   if (buffer.length() == 0) return nullptr;
   const ZPKData* const terminator = aggregator.currentTerminator();
   if (terminator == nullptr) return nullptr;
-  const ZPKRange found = buffer.find(*terminator);
+  const ZPKRange found = buffer.resumeFind(*terminator);
   if (found.location == ZPKNotFound) return nullptr;
   return buffer.takeFirst(ZPIRangeEnd(found));
 }

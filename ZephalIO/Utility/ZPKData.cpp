@@ -26,17 +26,17 @@ ZPKDataPtr ZPKData::dataWithBytes(const void* bytes, size_t length) {
   uint8_t* storage = nullptr;
   auto result = ZPIMakeSharedWithBytes<ZPKData>(length, &storage, Key());
   std::memcpy(storage, bytes, length);
-  result->_storage = storage;
-  result->_length = length;
+  result->_block.storage = storage;
+  result->_block.length = length;
+  result->_block.isWithinObject = true;
   result->_self = result;
-  result->_isWithinObject = true;
   return result;
 }
 
 ZPKDataPtr ZPKData::dataWithBytesNoCopy(void* buffer, size_t length) {
   auto result = std::make_shared<ZPKData>(Key());
-  result->_storage = static_cast<uint8_t*>(buffer);
-  result->_length = length;
+  result->_block.storage = static_cast<uint8_t*>(buffer);
+  result->_block.length = length;
   result->_self = result;
   return result;
 }
@@ -47,7 +47,7 @@ ZPKDataPtr ZPKData::dataWithString(std::optional<std::string_view> string) {
 }
 
 ZPKData::~ZPKData() {
-  if (!_isWithinObject) std::free(_storage);
+  if (!_block.isWithinObject) std::free(_block.storage);
 }
 
 ZPKDataPtr ZPKData::copy() const { return ZPKDataPtr(_self); }
@@ -59,20 +59,21 @@ ZPKMutableDataPtr ZPKData::mutableCopy() const {
 }
 
 size_t ZPKData::getBytes(void* buffer, size_t length) const {
-  const size_t count = std::min(length, _length);
+  const size_t count = std::min(length, this->length());
   if (count > 0) std::memcpy(buffer, bytes(), count);
   return count;
 }
 
 ZPKDataPtr ZPKData::subdata(ZPKRange range) const {
-  if (range.location > _length || range.length > _length - range.location) return nullptr;
+  if (range.location > length() || range.length > length() - range.location) return nullptr;
   return dataWithBytes(bytes() + range.location, static_cast<size_t>(range.length));
 }
 
 ZPKRange ZPKData::find(const ZPKData& pattern, ZPKRange range) const {
-  if (range.location >= _length) return {};
+  if (range.location >= this->length()) return {};
   const size_t start = static_cast<size_t>(range.location);
-  const size_t length = static_cast<size_t>(std::min<uint64_t>(range.length, _length - start));
+  const size_t length =
+      static_cast<size_t>(std::min<uint64_t>(range.length, this->length() - start));
   const uint64_t offset = ZPIFindBytes(bytes() + start, length, pattern.bytes(), pattern.length());
   if (offset == ZPKNotFound) return {};
   return {start + offset, pattern.length()};
@@ -95,6 +96,6 @@ std::string ZPKData::debugDescription() const {
     text += kDigits[static_cast<uint8_t>(byte) >> 4];
     text += kDigits[static_cast<uint8_t>(byte) & 0x0F];
   }
-  if (_length <= kDescribedLength) return text + "'";
-  return text + "...' (" + std::to_string(_length) + " bytes)";
+  if (length() <= kDescribedLength) return text + "'";
+  return text + "...' (" + std::to_string(length()) + " bytes)";
 }

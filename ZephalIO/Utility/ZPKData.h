@@ -40,12 +40,12 @@ class ZPK_EXPORT ZPKData : public ZPKObject {
 
   /// The first byte. May be null when the length is 0. Valid for as long as the object lives and,
   /// for a ZPKMutableData, until its next edit.
-  const uint8_t* bytes() const { return _storage + _head; }
-  size_t length() const { return _length; }
+  const uint8_t* bytes() const { return _block.storage + _block.head; }
+  size_t length() const { return _block.length; }
   /// Whether this is a ZPKMutableData.
-  bool isMutable() const { return _isMutable; }
+  bool isMutable() const { return _block.isMutable; }
   /// The bytes as a view, valid for as long as bytes().
-  std::string_view view() const { return {reinterpret_cast<const char*>(bytes()), _length}; }
+  std::string_view view() const { return {reinterpret_cast<const char*>(bytes()), length()}; }
 
   /// An immutable copy. Of an immutable object this is the object itself.
   virtual ZPKDataPtr copy() const;
@@ -61,7 +61,7 @@ class ZPK_EXPORT ZPKData : public ZPKObject {
   /// cut at the end of the data. The location is ZPKNotFound if there is none, or if the pattern is
   /// empty.
   ZPKRange find(const ZPKData& pattern, ZPKRange range) const;
-  ZPKRange find(const ZPKData& pattern) const { return find(pattern, {0, _length}); }
+  ZPKRange find(const ZPKData& pattern) const { return find(pattern, {0, length()}); }
 
   /// Decodes the bytes as UTF-8 (RFC 3629). Null if they are not valid UTF-8; an empty string if
   /// there are none.
@@ -79,19 +79,29 @@ class ZPK_EXPORT ZPKData : public ZPKObject {
   }
 
  protected:
-  explicit ZPKData(bool isMutable) : _isMutable(isMutable) {}
+  // The memory that the bytes lie in: the data are the `length` bytes that begin at `head`.
+  struct Block {
+    static constexpr int kCapacityBits = 62;
 
-  // Null, a malloc(3) block, or memory that came with the object. The data are the `_length` bytes
-  // that begin at `_head`.
-  uint8_t* _storage = nullptr;
-  size_t _head = 0;
-  size_t _length = 0;
-  const bool _isMutable;
-  bool _isWithinObject = false;
+    explicit Block(bool isOfMutableData) : isMutable(isOfMutableData) {}
+
+    uint8_t* storage = nullptr;  // null, a malloc(3) block, or memory that came with the object
+    size_t head = 0;
+    size_t length = 0;
+    // In one word, which keeps the objects of short data small.
+    bool isMutable : 1;
+    bool isWithinObject : 1 = false;
+    uint64_t capacity : kCapacityBits = 0;  // of mutable data; the others have none
+  };
+
+  explicit ZPKData(bool isMutable) : _block(isMutable) {}
+
+  Block _block;
 
  private:
   // Null in a ZPKMutableData: to hold itself would cost every unit that is read atomic operations.
   std::weak_ptr<const ZPKData> _self;
 
   friend class ZPKMutableData;
+  friend class ZPIBlock;
 };

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <algorithm>
+#include <limits>
 #include <string>
+#include <utility>
 
 #include "Utility/ZPKData.h"
 
@@ -56,24 +59,47 @@ class ZPK_EXPORT ZPKMutableData final : public ZPKData {
   /// Exchanges the contents of two buffers; no more than 1 KiB of each is copied.
   void swap(ZPKMutableData& other);
 
-  using ZPKData::find;
-  /// As ZPKData::find over the whole buffer. A search that finds nothing is remembered: while bytes
-  /// are only appended, the next search for the same pattern looks at the new bytes alone. Nothing
-  /// is remembered from a call of mutableBytes on until the bytes move to another place, since its
-  /// pointer may be written through at any time.
-  ZPKRange find(const ZPKData& pattern);
+  /// As find over the whole buffer, for a pattern that is looked for again and again while bytes
+  /// arrive. A search that finds nothing is remembered: while bytes are only appended, the next
+  /// search for the same pattern looks at the new bytes alone. Nothing is remembered from a call of
+  /// mutableBytes on until the bytes move to another place, since its pointer may be written
+  /// through at any time.
+  ZPKRange resumeFind(const ZPKData& pattern);
 
  private:
-  void reserveAtEnd(size_t count);
-  void leaveObject();
-  void forgetSearch();
-  void rememberAgain();
-  void releaseRoom();
+  // What a search that found nothing leaves for the next one.
+  struct FailedSearch {
+    // Where a search for `wanted` may begin: an occurrence can still begin in the last bytes, which
+    // were too few for the whole pattern.
+    size_t startFor(const ZPKData& wanted) const {
+      if (length == kNone || length == kForbidden || pattern != wanted.view()) return 0;
+      return length - std::min(length, wanted.length() - 1);
+    }
+    // `wanted` does not occur between `start`, which startFor has given, and `end`.
+    void remember(const ZPKData& wanted, size_t start, size_t end) {
+      if (length == kForbidden) return;
+      if (start == 0) pattern = wanted.view();
+      length = end;
+    }
+    void forget() {
+      if (length != kForbidden) length = kNone;
+    }
+    // Somebody has a pointer to the bytes and may write through it, until they move.
+    void forbid() { length = kForbidden; }
+    void allowIf(bool bytesHaveMoved) {
+      if (bytesHaveMoved && length == kForbidden) length = kNone;
+    }
+    void swap(FailedSearch& other) {
+      pattern.swap(other.pattern);
+      std::swap(length, other.length);
+    }
 
-  size_t _capacity = 0;
-  // The last pattern that was not found, and how many bytes from the start were searched for it; 0
-  // means that nothing is remembered, ZPKNotFound that nothing can be, since somebody may hold a
-  // pointer to the bytes.
-  std::string _searchedPattern;
-  size_t _searchedLength = 0;
+    static constexpr size_t kNone = 0;
+    static constexpr size_t kForbidden = std::numeric_limits<size_t>::max();
+
+    std::string pattern;
+    size_t length = kNone;  // how many bytes from the start were searched
+  };
+
+  FailedSearch _failedSearch;
 };

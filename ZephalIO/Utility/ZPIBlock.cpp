@@ -1,0 +1,66 @@
+#include "Utility/ZPIBlock.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+namespace {
+
+constexpr size_t kSmallestCapacity = 32;
+
+}  // namespace
+
+uint8_t* ZPIBlock::allocate(size_t capacity) {
+  auto* storage = static_cast<uint8_t*>(std::malloc(capacity));
+  if (storage == nullptr) throw std::bad_alloc();
+  return storage;
+}
+
+// Growth doubles, so that appending costs amortised constant time; room that a dropped front left
+// is used first when it is at least half of the block.
+bool ZPIBlock::growAtEnd(Block& block, size_t count) {
+  const size_t needed = block.length + count;
+  if (needed < count) throw std::bad_alloc();
+  if (block.head > 0 && needed <= block.capacity / 2) {
+    std::memmove(block.storage, block.storage + block.head, block.length);
+    block.head = 0;
+    return true;
+  }
+  const size_t capacity = std::max({needed, block.length * 2, kSmallestCapacity});
+  if (block.head == 0 && !block.isWithinObject) {
+    auto* grown = static_cast<uint8_t*>(std::realloc(block.storage, capacity));
+    if (grown == nullptr) throw std::bad_alloc();
+    place(block, grown, block.length, capacity);
+    return true;
+  }
+  uint8_t* const fresh = allocate(capacity);
+  if (block.length > 0) std::memcpy(fresh, block.storage + block.head, block.length);
+  if (!block.isWithinObject) std::free(block.storage);
+  place(block, fresh, block.length, capacity);
+  return true;
+}
+
+bool ZPIBlock::leaveObject(Block& block) {
+  if (!block.isWithinObject) return false;
+  uint8_t* fresh = nullptr;
+  if (block.length > 0) {
+    fresh = allocate(block.length);
+    std::memcpy(fresh, block.storage + block.head, block.length);
+  }
+  place(block, fresh, block.length, block.length);
+  return true;
+}
+
+// Within the object there is never so much room that it would be released.
+bool ZPIBlock::releaseRoom(Block& block) {
+  uint8_t* fresh = nullptr;
+  if (block.length > 0) {
+    fresh = static_cast<uint8_t*>(std::malloc(block.length));
+    if (fresh == nullptr) return false;  // keeping the large block is only wasteful, not wrong
+    std::memcpy(fresh, block.storage + block.head, block.length);
+  }
+  std::free(block.storage);
+  place(block, fresh, block.length, block.length);
+  return true;
+}
