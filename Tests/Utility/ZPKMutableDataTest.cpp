@@ -216,12 +216,12 @@ TEST(ZPKMutableDataTest, TheLongerPartKeepsTheStorage) {
 TEST(ZPKMutableDataTest, AShortUnitIsOneAllocation) {
   const ZPKMutableDataPtr buffer = chunkOf(std::string(3000, 'a'));
   const SystemCalls calls;
-  const ZPKMutableDataPtr unit = buffer->takeFirst(1024);
+  const ZPKMutableDataPtr unit = buffer->takeFirst(896);
   EXPECT_EQ(calls.allocations(), 1U);
-  EXPECT_EQ(unit->length(), 1024U);
-  const ZPKMutableDataPtr longer = buffer->takeFirst(1025);
+  EXPECT_EQ(unit->length(), 896U);
+  const ZPKMutableDataPtr longer = buffer->takeFirst(897);
   EXPECT_EQ(calls.allocations(), 3U);
-  EXPECT_EQ(longer->length(), 1025U);
+  EXPECT_EQ(longer->length(), 897U);
 }
 
 // Each unit that is read is one.
