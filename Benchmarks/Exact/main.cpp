@@ -128,19 +128,36 @@ long pageFaults() {
   return usage.ru_minflt;
 }
 
-// The end of a socket to which a separate process writes lines without end, until it is closed.
-// That process makes the lines: freeing so large a string here would teach malloc to keep large
-// blocks, and hide what the library's blocks cost.
+// Writes lines without end; tells `ready` once the socket is full.
+[[noreturn]] void flood(int socket, int ready, size_t length) {
+  const std::string text = linesOf(length);
+  size_t at = 0;
+  const auto send = [&](int flags) {
+    return ::send(socket, text.data() + at, text.size() - at, flags | MSG_NOSIGNAL);
+  };
+  for (ssize_t sent = send(MSG_DONTWAIT); sent > 0; sent = send(MSG_DONTWAIT)) {
+    at += static_cast<size_t>(sent);
+  }
+  if (::write(ready, "", 1) != 1) ::_exit(1);
+  for (; send(0) > 0; at = 0) continue;
+  ::_exit(0);
+}
+
+// The end of a full socket to which a separate process writes lines without end, until it is
+// closed. That process makes the lines: freeing so large a string here would teach malloc to keep
+// large blocks, and hide what the library's blocks cost.
 int flooded(size_t length) {
   std::array<int, 2> ends{};
+  std::array<int, 2> ready{};
   expect(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) == 0);
+  expect(::pipe(ready.data()) == 0);
   const pid_t process = ::fork();
   expect(process >= 0);
   ::close(ends[process == 0 ? 0 : 1]);
-  if (process != 0) return ends[0];
-  const std::string text = linesOf(length);
-  while (::send(ends[1], text.data(), text.size(), MSG_NOSIGNAL) > 0) continue;
-  ::_exit(0);
+  if (process == 0) flood(ends[1], ready[1], length);
+  char told = 0;
+  expect(::read(ready[0], &told, 1) == 1);
+  return ends[0];
 }
 
 // For a flood of `count` lines of 80 bytes. Both ends are on one processor and the device goes
