@@ -216,12 +216,12 @@ TEST(ZPKMutableDataTest, TheLongerPartKeepsTheStorage) {
 TEST(ZPKMutableDataTest, AShortUnitIsOneAllocation) {
   const ZPKMutableDataPtr buffer = chunkOf(std::string(3000, 'a'));
   const SystemCalls calls;
-  const ZPKMutableDataPtr unit = buffer->takeFirst(896);
+  const ZPKMutableDataPtr unit = buffer->takeFirst(904);
   EXPECT_EQ(calls.allocations(), 1U);
-  EXPECT_EQ(unit->length(), 896U);
-  const ZPKMutableDataPtr longer = buffer->takeFirst(897);
+  EXPECT_EQ(unit->length(), 904U);
+  const ZPKMutableDataPtr longer = buffer->takeFirst(905);
   EXPECT_EQ(calls.allocations(), 3U);
-  EXPECT_EQ(longer->length(), 897U);
+  EXPECT_EQ(longer->length(), 905U);
 }
 
 // Each unit that is read is one.

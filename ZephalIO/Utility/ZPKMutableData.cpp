@@ -15,7 +15,7 @@ namespace {
 // The longest data that lie in one block of memory with their object. The object takes 128 bytes
 // of it, and glibc keeps freed blocks of up to 1,032 bytes for the thread; larger ones take the
 // long way through malloc and free.
-constexpr size_t kLongestWithinObject = 896;
+constexpr size_t kLongestWithinObject = 904;
 
 // What former holders did with the data, which have one holder now, comes before what happens from
 // here on.
