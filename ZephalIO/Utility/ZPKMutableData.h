@@ -14,6 +14,7 @@
 ///
 /// Bytes leave at the front in constant time, and storage changes hands between two buffers without
 /// a copy, so that cutting units off a long buffer costs each unit its own length and no more.
+// Frozen: callers' programs are compiled with its layout. See CONTRIBUTING, The binary interface.
 class ZPK_EXPORT ZPKMutableData final : public ZPKData {
  public:
   /// An empty buffer with an owner of its own, such as a local variable.
