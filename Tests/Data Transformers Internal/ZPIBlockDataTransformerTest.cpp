@@ -24,7 +24,7 @@ TEST(ZPIBlockDataTransformerTest, TheCallbackEditsTheChunkInPlace) {
   EXPECT_EQ(passed(*transformer, ""), "!");
 }
 
-TEST(ZPIBlockDataTransformerTest, TheCallbackGetsTheVeryChunkANullOneToo) {
+TEST(ZPIBlockDataTransformerTest, TheCallbackGetsTheVeryChunkEvenANullOne) {
   std::vector<ZPKMutableData*> seen;
   const auto transformer = ZPIBlockDataTransformer::initWithDataBlock(
       [&seen](ZPKMutableData* data) { seen.push_back(data); });
@@ -50,7 +50,7 @@ TEST(ZPIBlockDataTransformerTest, WithoutASlotTheFailedResetStillLogs) {
   EXPECT_THAT(log.lines(), testing::ElementsAre(LogLine{0, kNoResetBlock.description}));
 }
 
-TEST(ZPIBlockDataTransformerTest, ResetIsTrueWhateverTheResetBlockDoes) {
+TEST(ZPIBlockDataTransformerTest, ResetReturnsTrueWhateverTheResetBlockDoes) {
   LogCapture log;
   int resets = 0;
   const auto transformer = ZPIBlockDataTransformer::initWithDataBlock(addMark, [&resets] {

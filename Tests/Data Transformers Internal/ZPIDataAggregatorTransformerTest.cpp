@@ -23,7 +23,7 @@ std::string held(const ZPIDataAggregatorTransformer& aggregator) {
   return std::string(aggregator.buffer()->view());
 }
 
-// What modifyData does, written out step by step.
+// A reference implementation of modifyData, step by step.
 std::string plainModifyData(std::string& buffer, const std::string& terminator,
                             bool removeTerminator, const std::string& chunk) {
   buffer += chunk;
@@ -41,7 +41,7 @@ TEST(ZPIDataAggregatorTransformerTest, TheTerminatorStaysInTheResultOrIsCutOff) 
 }
 
 // [A;B;C] [] []
-TEST(ZPIDataAggregatorTransformerTest, OneCallHandsOutOneUnitAndEmptyChunksTheOthers) {
+TEST(ZPIDataAggregatorTransformerTest, OneCallReturnsOneUnitAndEmptyChunksTheRest) {
   const auto aggregator = removing(";");
   EXPECT_EQ(passed(*aggregator, "A;B;C"), "A");
   EXPECT_EQ(held(*aggregator), "B;C");
@@ -51,7 +51,7 @@ TEST(ZPIDataAggregatorTransformerTest, OneCallHandsOutOneUnitAndEmptyChunksTheOt
   EXPECT_EQ(held(*aggregator), "C");
 }
 
-// [ab\r\ncd\r\n] in every way to cut it: [ab\r][\ncd\r\n], [a][b][\r]... and so on.
+// [ab\r\ncd\r\n] split in every possible way: [ab\r][\ncd\r\n], [a][b][\r]... and so on.
 TEST(ZPIDataAggregatorTransformerTest, EverySplitOfTheSameBytesGivesTheSameUnits) {
   for (const Chunks& chunks : everySplit("ab\r\ncd\r\n")) {
     for (const bool removes : {false, true}) {
@@ -67,20 +67,20 @@ TEST(ZPIDataAggregatorTransformerTest, EverySplitOfTheSameBytesGivesTheSameUnits
   }
 }
 
-TEST(ZPIDataAggregatorTransformerTest, AnEmptyUnitWithoutItsTerminatorLooksLikeNone) {
+TEST(ZPIDataAggregatorTransformerTest, AnEmptyUnitWithoutItsTerminatorLooksLikeNoUnit) {
   const auto aggregator = removing("\n");
   EXPECT_EQ(passed(*aggregator, "\nnext\n"), "");
   EXPECT_EQ(held(*aggregator), "next\n");
   EXPECT_EQ(passed(*aggregator, ""), "next");
 }
 
-TEST(ZPIDataAggregatorTransformerTest, TheFirstOccurrenceCutsNotTheLast) {
+TEST(ZPIDataAggregatorTransformerTest, TheFirstOccurrenceSplitsAndNotTheLast) {
   const auto aggregator = keeping("aa");
   EXPECT_EQ(passed(*aggregator, "baaa"), "baa");
   EXPECT_EQ(held(*aggregator), "a");
 }
 
-TEST(ZPIDataAggregatorTransformerTest, ANullChunkChangesNothingEvenWhenAUnitIsHeld) {
+TEST(ZPIDataAggregatorTransformerTest, ANullChunkChangesNothingEvenWithAUnitHeld) {
   const auto aggregator = keeping(";");
   passed(*aggregator, "A;B;");
   aggregator->modifyData(nullptr);
@@ -110,7 +110,7 @@ TEST(ZPIDataAggregatorTransformerTest, TheTerminatorIsCopied) {
   EXPECT_EQ(passed(*aggregator, "a,b;"), "a,b");
 }
 
-TEST(ZPIDataAggregatorTransformerTest, ResetPutsAnEmptyBufferInPlaceOfTheOldOne) {
+TEST(ZPIDataAggregatorTransformerTest, ResetReplacesTheBufferWithAnEmptyOne) {
   const auto aggregator = keeping(";");
   const ZPKMutableDataPtr before = aggregator->buffer();
   passed(*aggregator, "old");
@@ -134,7 +134,7 @@ TEST(ZPIDataAggregatorTransformerTest, TheResultAndTheBufferShareNoBytes) {
   EXPECT_EQ(chunk->view(), "a;xxxx");
 }
 
-TEST(ZPIDataAggregatorTransformerTest, EveryCallDoesWhatThePlainStepsDo) {
+TEST(ZPIDataAggregatorTransformerTest, EveryCallMatchesTheReferenceImplementation) {
   std::mt19937 random(31);
   for (int round = 0; round < 300; ++round) {
     const std::string terminator = "a" + randomText(random, "ab", 2);

@@ -14,8 +14,8 @@ namespace {
 
 using testing::ElementsAre;
 
-// What the transformer does, written out step by step on plain strings. The trace has what an
-// action could see: how long the result is when it runs.
+// A reference implementation on plain strings, step by step. The trace records what an action could
+// see: how long the result is when it runs.
 class PlainTransformer {
  public:
   PlainTransformer(std::string pattern, bool removeData)
@@ -96,12 +96,12 @@ class ZPIEventGenerationTransformerTest : public testing::Test {
   int actions = 0;
 };
 
-TEST_F(ZPIEventGenerationTransformerTest, APatternInTheMiddleVanishesAndTheActionRunsOnce) {
+TEST_F(ZPIEventGenerationTransformerTest, RemovingAPatternInTheMiddleRunsTheActionOnce) {
   EXPECT_EQ(passed(*removing("--"), "be--fore"), "before");
   EXPECT_EQ(actions, 1);
 }
 
-TEST_F(ZPIEventGenerationTransformerTest, AChunkWithoutThePatternStaysWhereItLies) {
+TEST_F(ZPIEventGenerationTransformerTest, AChunkWithoutThePatternIsNotMoved) {
   const auto transformer = removing("abc");
   const ZPKMutableDataPtr chunk = chunkOf("nothing of it");
   const uint8_t* const bytes = chunk->bytes();
@@ -111,7 +111,7 @@ TEST_F(ZPIEventGenerationTransformerTest, AChunkWithoutThePatternStaysWhereItLie
   EXPECT_EQ(actions, 0);
 }
 
-// [ab] [x] [y]: what is held comes first, and only then do chunks pass as they are.
+// [ab] [x] [y]: the held bytes come first, and only then do chunks pass unchanged.
 TEST_F(ZPIEventGenerationTransformerTest, NoChunkOvertakesAHeldStart) {
   const auto transformer = removing("abc");
   EXPECT_EQ(passed(*transformer, "ab"), "");
@@ -119,17 +119,17 @@ TEST_F(ZPIEventGenerationTransformerTest, NoChunkOvertakesAHeldStart) {
   EXPECT_EQ(passed(*transformer, "y"), "y");
 }
 
-TEST_F(ZPIEventGenerationTransformerTest, APatternStaysInTheStreamUnlessItIsToBeRemoved) {
+TEST_F(ZPIEventGenerationTransformerTest, APatternStaysInTheStreamUnlessRemovalIsOn) {
   EXPECT_EQ(passed(*marking("--"), "be--fore"), "be--fore");
   EXPECT_EQ(actions, 1);
 }
 
-TEST_F(ZPIEventGenerationTransformerTest, ThreePatternsInAChunkRunTheActionThreeTimesInOneCall) {
+TEST_F(ZPIEventGenerationTransformerTest, ThreePatternsInAChunkRunTheActionThreeTimes) {
   EXPECT_EQ(passed(*removing("ab"), "ab1ab2ab3"), "123");
   EXPECT_EQ(actions, 3);
 }
 
-TEST_F(ZPIEventGenerationTransformerTest, AChunkThatIsJustThePatternComesOutAndNothingIsHeld) {
+TEST_F(ZPIEventGenerationTransformerTest, AChunkOfJustThePatternIsNotHeldBack) {
   const auto transformer = marking("abc");
   EXPECT_EQ(passed(*transformer, "abc"), "abc");
   EXPECT_EQ(actions, 1);
@@ -138,7 +138,7 @@ TEST_F(ZPIEventGenerationTransformerTest, AChunkThatIsJustThePatternComesOutAndN
 }
 
 // [xab] [c y]
-TEST_F(ZPIEventGenerationTransformerTest, AHeldStartIsCompletedByTheNextChunk) {
+TEST_F(ZPIEventGenerationTransformerTest, TheNextChunkCompletesAHeldStart) {
   const auto transformer = removing("abc");
   EXPECT_EQ(passed(*transformer, "xab"), "x");
   EXPECT_EQ(actions, 0);
@@ -147,7 +147,7 @@ TEST_F(ZPIEventGenerationTransformerTest, AHeldStartIsCompletedByTheNextChunk) {
 }
 
 // [xab] [d y]
-TEST_F(ZPIEventGenerationTransformerTest, AHeldStartThatIsRuledOutComesAheadOfTheNextChunk) {
+TEST_F(ZPIEventGenerationTransformerTest, ARuledOutStartComesBeforeTheNextChunk) {
   const auto transformer = removing("abc");
   EXPECT_EQ(passed(*transformer, "xab"), "x");
   EXPECT_EQ(passed(*transformer, "d y"), "abd y");
@@ -163,8 +163,8 @@ TEST_F(ZPIEventGenerationTransformerTest, AnEmptyChunkOnAHeldStartChangesNothing
   EXPECT_EQ(actions, 1);
 }
 
-// [xaa] [b]: of "aa" the first byte goes out at once, and "ab" is no pattern.
-TEST_F(ZPIEventGenerationTransformerTest, BehindOtherBytesAStartThatRepeatsIsLost) {
+// [xaa] [b]: the first byte of "aa" passes immediately, and "ab" is not the pattern.
+TEST_F(ZPIEventGenerationTransformerTest, ARepeatingStartAfterOtherBytesIsMissed) {
   const auto transformer = removing("aab");
   EXPECT_EQ(passed(*transformer, "xaa"), "xa");
   EXPECT_EQ(passed(*transformer, "b"), "ab");
@@ -172,41 +172,42 @@ TEST_F(ZPIEventGenerationTransformerTest, BehindOtherBytesAStartThatRepeatsIsLos
 }
 
 // [aa] [b]
-TEST_F(ZPIEventGenerationTransformerTest, AStartThatRepeatsAndIsAllThereIsIsKept) {
+TEST_F(ZPIEventGenerationTransformerTest, ARepeatingStartOnItsOwnIsKept) {
   const auto transformer = removing("aab");
   EXPECT_EQ(passed(*transformer, "aa"), "");
   EXPECT_EQ(passed(*transformer, "b"), "");
   EXPECT_EQ(actions, 1);
 }
 
-// [aaa] [b]: more than a start, so that only the last "a" is held.
-TEST_F(ZPIEventGenerationTransformerTest, ALongerRunOfTheStartIsLostToo) {
+// [aaa] [b]: longer than a start, so only the last "a" is held.
+TEST_F(ZPIEventGenerationTransformerTest, ALongerRunOfTheStartIsMissedToo) {
   const auto transformer = removing("aab");
   EXPECT_EQ(passed(*transformer, "aaa"), "aa");
   EXPECT_EQ(passed(*transformer, "b"), "ab");
   EXPECT_EQ(actions, 0);
 }
 
-TEST_F(ZPIEventGenerationTransformerTest, PatternsThatOverlapAreFoundFromTheLeft) {
+TEST_F(ZPIEventGenerationTransformerTest, OverlappingPatternsAreFoundFromTheLeft) {
   EXPECT_EQ(passed(*removing("aa"), "aaaab"), "b");
   EXPECT_EQ(actions, 2);
   EXPECT_EQ(passed(*removing("aba"), "ababa"), "b");
 }
 
-// Removing a pattern can put its halves together, but what has gone out is not searched again.
-TEST_F(ZPIEventGenerationTransformerTest, APatternThatRemovalPutsTogetherStays) {
+// Removing a pattern can join two halves of another, but bytes that have passed are not searched
+// again.
+TEST_F(ZPIEventGenerationTransformerTest, APatternThatRemovalJoinsStays) {
   EXPECT_EQ(passed(*removing("ab"), "aabb"), "ab");
   EXPECT_EQ(actions, 1);
 }
 
-TEST_F(ZPIEventGenerationTransformerTest, WithoutAnActionItFiltersAndNothingElseHappens) {
+TEST_F(ZPIEventGenerationTransformerTest, WithoutAnActionItOnlyFilters) {
   const auto transformer = ZPIEventGenerationTransformer::initWithData(dataOf("--"), nullptr, true);
   EXPECT_EQ(passed(*transformer, "be--fore"), "before");
   EXPECT_EQ(transformer->action(), nullptr);
   EXPECT_TRUE(transformer->removeData());
 }
 
-TEST_F(ZPIEventGenerationTransformerTest, TheBytesBeforeAnOccurrenceAreOutWhenTheActionRuns) {
+TEST_F(ZPIEventGenerationTransformerTest, BytesBeforeAnOccurrencePassBeforeTheActionRuns) {
   TracedTransformer removes("--", true);
   EXPECT_EQ(removes.modifyData("a--bc--d"), "abcd");
   EXPECT_THAT(removes.trace(), ElementsAre(1, 3));
@@ -236,7 +237,7 @@ TEST_F(ZPIEventGenerationTransformerTest, ThePatternIsCopied) {
   EXPECT_EQ(passed(*transformer, "a--b++"), "ab++");
 }
 
-TEST_F(ZPIEventGenerationTransformerTest, TheGettersTellWhatItWasMadeWith) {
+TEST_F(ZPIEventGenerationTransformerTest, TheGettersReturnWhatItWasCreatedWith) {
   const auto transformer = marking("-");
   EXPECT_FALSE(transformer->removeData());
   transformer->action()();
@@ -261,7 +262,7 @@ TEST_F(ZPIEventGenerationTransformerTest, ANullChunkChangesNothing) {
   EXPECT_EQ(actions, 1);
 }
 
-TEST_F(ZPIEventGenerationTransformerTest, AnEmptyPatternHoldsEverythingAndRunsTheActionOnceACall) {
+TEST_F(ZPIEventGenerationTransformerTest, AnEmptyPatternHoldsEverythingAndActsOncePerCall) {
   const auto transformer = removing("");
   EXPECT_EQ(passed(*transformer, ""), "");
   EXPECT_EQ(actions, 0);
@@ -271,14 +272,14 @@ TEST_F(ZPIEventGenerationTransformerTest, AnEmptyPatternHoldsEverythingAndRunsTh
   EXPECT_EQ(actions, 2);
 }
 
-TEST_F(ZPIEventGenerationTransformerTest, WhatADeviceSendsIsNeverAFormat) {
+TEST_F(ZPIEventGenerationTransformerTest, DeviceDataIsNeverAFormatString) {
   LogCapture log;
   EXPECT_EQ(passed(*removing("%n"), "%s%n%@%d"), "%s%@%d");
   EXPECT_THAT(log.lines(), ElementsAre());
 }
 
-// [xaabaay] in every way to cut it, for patterns whose start repeats and for others.
-TEST_F(ZPIEventGenerationTransformerTest, EverySplitOfTheSameBytesDoesWhatThePlainStepsDo) {
+// [xaabaay] split in every possible way, for patterns whose start repeats and for others.
+TEST_F(ZPIEventGenerationTransformerTest, EverySplitOfTheBytesMatchesTheReferenceImplementation) {
   for (const std::string pattern : {"aab", "ab", "aa", "aabaa", "abaa", "a", "baay", "z"}) {
     for (const Chunks& chunks : everySplit("xaabaay")) {
       for (const bool removes : {false, true}) {
@@ -294,7 +295,7 @@ TEST_F(ZPIEventGenerationTransformerTest, EverySplitOfTheSameBytesDoesWhatThePla
   }
 }
 
-TEST_F(ZPIEventGenerationTransformerTest, EveryCallDoesWhatThePlainStepsDo) {
+TEST_F(ZPIEventGenerationTransformerTest, EveryCallMatchesTheReferenceImplementation) {
   std::mt19937 random(34);
   for (int round = 0; round < 4000; ++round) {
     const std::string alphabet = round % 3 == 0 ? "abc" : "ab";
@@ -310,8 +311,8 @@ TEST_F(ZPIEventGenerationTransformerTest, EveryCallDoesWhatThePlainStepsDo) {
   }
 }
 
-// 400,000 occurrences in a megabyte: to move the rest down for each would be 200 gigabytes of
-// copying, more than the time that is allowed here, which is a hundred times what is needed.
+// A megabyte with 400,000 occurrences: moving the rest down for each would copy 200 gigabytes,
+// which exceeds the time allowed here, although that is a hundred times what is needed.
 TEST_F(ZPIEventGenerationTransformerTest, AMegabyteFullOfPatternsTakesLinearTime) {
   std::string chunk;
   for (int i = 0; i < 400'000; ++i) chunk += "--x";

@@ -40,7 +40,7 @@ class WatchAtWill {
   ZPIGapWatch _watch;
 };
 
-TEST(ZPIGapWatchTest, FiresAtTheEndOfALongGapAndMeasuresAfreshFromTheNextCall) {
+TEST(ZPIGapWatchTest, FiresAfterALongGapAndThenStartsAfresh) {
   WatchAtWill watch(1.0);
   for (const double time : {0.0, 0.5, 1.2, 2.5, 4.0}) watch.callAt(time);
   EXPECT_THAT(watch.firings(), ElementsAre(2.5));
@@ -63,7 +63,7 @@ TEST(ZPIGapWatchTest, AGapOfExactlyTheTimeoutFires) {
   EXPECT_THAT(watch.firings(), ElementsAre(1.0));
 }
 
-TEST(ZPIGapWatchTest, CallsThatComeOftenEnoughNeverFireHoweverLongTheyGoOn) {
+TEST(ZPIGapWatchTest, FrequentCallsNeverFireHoweverLongTheyGoOn) {
   WatchAtWill watch(1.0);
   for (int i = 0; i < 100; ++i) watch.callAt(0.9 * i);
   EXPECT_THAT(watch.firings(), ElementsAre());
@@ -95,8 +95,8 @@ TEST(ZPIGapWatchTest, TheGapIsOverWhenTheCallbackRuns) {
   EXPECT_EQ(firings, 1);
 }
 
-// A user who sets the time of the machine back, or ahead, ends no gap by it.
-TEST(ZPIGapWatchTest, TheWallClockIsNoConcernOfIt) {
+// Setting the machine's time back or ahead does not end a gap.
+TEST(ZPIGapWatchTest, TheWallClockDoesNotMatter) {
   TestClock clock;
   int firings = 0;
   ZPIGapWatch watch(1.0, [&firings] { ++firings; });

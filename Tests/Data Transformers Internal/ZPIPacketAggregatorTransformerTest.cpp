@@ -31,7 +31,7 @@ std::string packet(int32_t width, std::string_view payload) {
   return passed(*ZPIPacketSizePrependTransformer::initWithPacketLengthEncoding(width), payload);
 }
 
-// What modifyData does, written out step by step; for widths of 1 to 8.
+// A reference implementation of modifyData, step by step, for widths of 1 to 8.
 class PlainAggregator {
  public:
   explicit PlainAggregator(size_t width) : _width(width) {}
@@ -63,14 +63,14 @@ class PlainAggregator {
   uint64_t _expected = 0;
 };
 
-TEST(ZPIPacketAggregatorTransformerTest, AWholePacketComesOutAtOnceWithoutItsSize) {
+TEST(ZPIPacketAggregatorTransformerTest, AWholePacketIsReturnedImmediatelyWithoutItsSize) {
   const auto aggregator = withWidth(2);
   EXPECT_EQ(passed(*aggregator, "\0\3abc"s), "abc");
   EXPECT_EQ(held(*aggregator), "");
   EXPECT_EQ(aggregator->expectedPacketSize(), 0U);
 }
 
-TEST(ZPIPacketAggregatorTransformerTest, EachWidthTakesWhatThePrependingSideMakes) {
+TEST(ZPIPacketAggregatorTransformerTest, EachWidthReadsWhatThePrependingSideWrites) {
   for (int32_t width = 1; width <= 8; ++width) {
     const std::string payload(width == 1 ? 200 : 70'000 % 65'000, 'x');
     EXPECT_EQ(passed(*withWidth(width), packet(width, payload)), payload) << width;
@@ -84,7 +84,7 @@ TEST(ZPIPacketAggregatorTransformerTest, ByteByByteThePayloadComesWithItsLastByt
               ElementsAre("", "", "", "", "abc"));
 }
 
-// [\0\2ab\0\1c] in every way to cut it.
+// [\0\2ab\0\1c] split in every possible way.
 TEST(ZPIPacketAggregatorTransformerTest, EverySplitOfTheSameBytesGivesTheSamePayloads) {
   for (const Chunks& chunks : everySplit("\0\2ab\0\1c"s)) {
     const auto aggregator = withWidth(2);
@@ -104,7 +104,7 @@ TEST(ZPIPacketAggregatorTransformerTest, TheSecondOfTwoPacketsComesWithTheNextCa
   EXPECT_EQ(passed(*aggregator, ""), "");
 }
 
-TEST(ZPIPacketAggregatorTransformerTest, OfOneAndAHalfPacketsTheHalfWaitsWithItsSizeUnread) {
+TEST(ZPIPacketAggregatorTransformerTest, AHalfPacketWaitsWithItsSizeUnread) {
   const auto aggregator = withWidth(1);
   EXPECT_EQ(passed(*aggregator, "\2ab\4cd"), "ab");
   EXPECT_EQ(held(*aggregator), "\4cd");
@@ -127,7 +127,7 @@ TEST(ZPIPacketAggregatorTransformerTest, ASizeWithBit31SetStallsTheStreamUntilRe
   EXPECT_THAT(log.lines(), ElementsAre());
 }
 
-TEST(ZPIPacketAggregatorTransformerTest, AboveFourBytesTheHigherBytesOfASizeAreDropped) {
+TEST(ZPIPacketAggregatorTransformerTest, SizesWiderThanFourBytesLoseTheirHigherBytes) {
   EXPECT_EQ(passed(*withWidth(8), "\0\0\0\1\0\0\0\5abcdefg"s), "abcde");
   EXPECT_EQ(passed(*withWidth(5), "\x7F\0\0\0\2abc"s), "ab");
 }
@@ -139,14 +139,14 @@ TEST(ZPIPacketAggregatorTransformerTest, ASizeOfTwoToThe32ReadsAsZero) {
   EXPECT_EQ(passed(*aggregator, ""), "a");
 }
 
-TEST(ZPIPacketAggregatorTransformerTest, AnEmptyPacketIsConsumedAndTheNextOneComesACallLater) {
+TEST(ZPIPacketAggregatorTransformerTest, AnEmptyPacketTakesUpOneCall) {
   const auto aggregator = withWidth(1);
   EXPECT_EQ(passed(*aggregator, "\0\3abc"s), "");
   EXPECT_EQ(held(*aggregator), "\3abc");
   EXPECT_EQ(passed(*aggregator, ""), "abc");
 }
 
-TEST(ZPIPacketAggregatorTransformerTest, AfterAResetWithinAPayloadASizeIsReadNext) {
+TEST(ZPIPacketAggregatorTransformerTest, AResetWithinAPayloadExpectsASizeNext) {
   const auto aggregator = withWidth(1);
   EXPECT_EQ(passed(*aggregator, "\5ab"), "");
   ZPKErrorPtr error = olderError();
@@ -172,7 +172,7 @@ TEST(ZPIPacketAggregatorTransformerTest, ResetReplacesBothBuffersAndKeepsTheRest
   EXPECT_EQ(aggregator->packetSeparator()->view(), "|");
 }
 
-TEST(ZPIPacketAggregatorTransformerTest, ANewWidthCountsFromTheNextSizeFieldOn) {
+TEST(ZPIPacketAggregatorTransformerTest, ANewWidthAppliesFromTheNextSizeFieldOn) {
   const auto aggregator = withWidth(1);
   EXPECT_EQ(passed(*aggregator, "\3a"), "");
   aggregator->setPacketLengthEncoding(2);
@@ -193,7 +193,7 @@ TEST(ZPIPacketAggregatorTransformerTest, AWidthOutsideOneToEightHoldsEverything)
   }
 }
 
-TEST(ZPIPacketAggregatorTransformerTest, AWidthAboveEightLetsAPayloadEndThatHasBegun) {
+TEST(ZPIPacketAggregatorTransformerTest, AWidthAboveEightStillCompletesAPayloadInProgress) {
   const auto aggregator = withWidth(1);
   passed(*aggregator, "\3a");
   aggregator->setPacketLengthEncoding(9);
@@ -202,7 +202,7 @@ TEST(ZPIPacketAggregatorTransformerTest, AWidthAboveEightLetsAPayloadEndThatHasB
   EXPECT_EQ(held(*aggregator), std::string(20, '\1'));
 }
 
-TEST(ZPIPacketAggregatorTransformerTest, AtFirstBothBuffersAreEmptyAndTheSeparatorIsNull) {
+TEST(ZPIPacketAggregatorTransformerTest, BothBuffersStartEmptyAndTheSeparatorStartsNull) {
   const auto aggregator = withWidth(4);
   EXPECT_EQ(aggregator->packetLengthEncoding(), 4);
   EXPECT_EQ(aggregator->buffer()->length(), 0U);
@@ -211,7 +211,7 @@ TEST(ZPIPacketAggregatorTransformerTest, AtFirstBothBuffersAreEmptyAndTheSeparat
   EXPECT_EQ(aggregator->packetSeparator(), nullptr);
 }
 
-TEST(ZPIPacketAggregatorTransformerTest, TheFramingUsesTheBufferAndTheSizeItIsGiven) {
+TEST(ZPIPacketAggregatorTransformerTest, TheFramingUsesTheGivenBufferAndSize) {
   const auto aggregator = withWidth(1);
   const ZPKMutableDataPtr buffer = chunkOf("ab");
   aggregator->setBuffer(buffer);
@@ -220,7 +220,7 @@ TEST(ZPIPacketAggregatorTransformerTest, TheFramingUsesTheBufferAndTheSizeItIsGi
   EXPECT_EQ(buffer->view(), "d");
 }
 
-TEST(ZPIPacketAggregatorTransformerTest, SeparatorAndReadResultsHaveNoPartInTheFraming) {
+TEST(ZPIPacketAggregatorTransformerTest, TheSeparatorAndReadResultsDoNotAffectTheFraming) {
   const auto aggregator = withWidth(1);
   const ZPKMutableDataPtr readResults = chunkOf("old");
   aggregator->setReadResults(readResults);
@@ -244,7 +244,7 @@ TEST(ZPIPacketAggregatorTransformerTest, ANullChunkChangesNothing) {
   EXPECT_EQ(held(*aggregator), "\1b");
 }
 
-TEST(ZPIPacketAggregatorTransformerTest, EveryCallDoesWhatThePlainStepsDo) {
+TEST(ZPIPacketAggregatorTransformerTest, EveryCallMatchesTheReferenceImplementation) {
   std::mt19937 random(32);
   for (int round = 0; round < 300; ++round) {
     const size_t width = 1 + round % 8;
@@ -279,14 +279,14 @@ TEST(ZPIPacketAggregatorTransformerTest, TheAccessorsCanBeUsedOnAnotherThreadDur
   other.join();
 }
 
-TEST(ReadExpectedSizeAndSwapTest, GivesTheLow32BitsOfTheFieldAsASignedNumber) {
+TEST(ReadExpectedSizeAndSwapTest, ReturnsTheLow32BitsOfTheFieldAsSigned) {
   EXPECT_EQ(readExpectedSizeAndSwap(*dataOf("\1\2\3"), 2), 0x0102);
   EXPECT_EQ(readExpectedSizeAndSwap(*dataOf("\xFF\xFF\xFF\xFF"), 4), -1);
   EXPECT_EQ(readExpectedSizeAndSwap(*dataOf("\1\0\0\0\0\0\0\7"s), 8), 7);
   EXPECT_EQ(readExpectedSizeAndSwap(*dataOf(""), 0), 0);
 }
 
-TEST(ReadExpectedSizeAndSwapDeathTest, AFieldThatIsNotAllThereEndsTheProcess) {
+TEST(ReadExpectedSizeAndSwapDeathTest, AnIncompleteFieldEndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(readExpectedSizeAndSwap(*dataOf("\1"), 2), testing::KilledBySignal(SIGABRT),
               "ZPIPacketAggregatorTransformer\\.cpp:readExpectedSizeAndSwap:.*"
@@ -302,7 +302,7 @@ TEST(TruncateFirstNBytesTest, DropsTheBytes) {
   truncateFirstNBytes(*data, 0);
 }
 
-TEST(TruncateFirstNBytesDeathTest, MoreBytesThanThereAreEndTheProcess) {
+TEST(TruncateFirstNBytesDeathTest, DroppingMoreBytesThanThereAreEndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(truncateFirstNBytes(*chunkOf("abc"), 4), testing::KilledBySignal(SIGABRT),
               "ZPIPacketAggregatorTransformer\\.cpp:truncateFirstNBytes:.*"

@@ -22,7 +22,7 @@ std::string field(std::initializer_list<int> bytes) {
   return text;
 }
 
-TEST(ZPIPacketSizePrependTransformerTest, TheSizeIsBigEndianAndCountsTheChunkAlone) {
+TEST(ZPIPacketSizePrependTransformerTest, TheSizeIsBigEndianAndCountsOnlyTheChunk) {
   EXPECT_EQ(passed(*withWidth(2), "\xAA\xBB\xCC"), field({0, 3, 0xAA, 0xBB, 0xCC}));
   EXPECT_EQ(passed(*withWidth(4), "\xAA\xBB\xCC"), field({0, 0, 0, 3, 0xAA, 0xBB, 0xCC}));
 }
@@ -71,7 +71,7 @@ TEST(ZPIPacketSizePrependTransformerTest, AWidthOutsideOneToEightChangesNothing)
   }
 }
 
-TEST(ZPIPacketSizePrependTransformerTest, ANewWidthCountsFromTheNextChunkOn) {
+TEST(ZPIPacketSizePrependTransformerTest, ANewWidthAppliesFromTheNextChunkOn) {
   const auto transformer = withWidth(1);
   EXPECT_EQ(transformer->packetLengthEncoding(), 1);
   EXPECT_EQ(passed(*transformer, "a"), field({1, 'a'}));

@@ -23,7 +23,7 @@ ZPIRegularExpressionTransformerPtr holdingUntil(const char* pattern) {
       ZPKRegex::initWithPattern(pattern));
 }
 
-// What modifyData does with ASCII, written out step by step.
+// A reference implementation of modifyData for ASCII, step by step.
 std::string plainModifyData(std::string& buffer, const ZPKRegex& regex, const std::string& chunk) {
   buffer += chunk;
   const std::vector<ZPKRegexMatch> matches = regex.allMatches(buffer);
@@ -35,14 +35,14 @@ std::string plainModifyData(std::string& buffer, const ZPKRegex& regex, const st
 }
 
 // [no en] [d yet] [ok> rest] []
-TEST(ZPIRegularExpressionTransformerTest, BytesStayUntilAMatchAndComeOutUpToItsEnd) {
+TEST(ZPIRegularExpressionTransformerTest, BytesWaitForAMatchAndPassUpToIt) {
   const auto transformer = holdingUntil("ok> ");
   EXPECT_THAT(passedInTurn(*transformer, {"no en", "d yet", "ok> rest", ""}),
               ElementsAre("", "", "no end yetok> ", ""));
   EXPECT_EQ(passed(*transformer, " ok> x"), "rest ok> ");
 }
 
-// [ab> c] in every way to cut it: [ab>][ c], [a][b][>]... and so on.
+// [ab> c] split in every possible way: [ab>][ c], [a][b][>]... and so on.
 TEST(ZPIRegularExpressionTransformerTest, EverySplitOfTheSameBytesGivesTheSameUnit) {
   for (const Chunks& chunks : everySplit("ab> c")) {
     const auto transformer = holdingUntil("b> (?=c)");
@@ -50,7 +50,7 @@ TEST(ZPIRegularExpressionTransformerTest, EverySplitOfTheSameBytesGivesTheSameUn
   }
 }
 
-TEST(ZPIRegularExpressionTransformerTest, OfTwoMatchesTheSecondEndsTheResultAndOneNoticeIsLogged) {
+TEST(ZPIRegularExpressionTransformerTest, TheSecondMatchEndsTheResultAndLogsOneNotice) {
   LogCapture log;
   const auto transformer = holdingUntil(";");
   EXPECT_EQ(passed(*transformer, "a;b;c"), "a;b;");
@@ -66,7 +66,7 @@ TEST(ZPIRegularExpressionTransformerTest, ThreeMatchesLogOneNotice) {
   EXPECT_THAT(log.lines(), ElementsAre(LogLine{1, kNotice}));
 }
 
-TEST(ZPIRegularExpressionTransformerTest, AMatchAtTheEndOfTheBufferComesOutAgainAndAgain) {
+TEST(ZPIRegularExpressionTransformerTest, AMatchThatEndsTheBufferIsReturnedEveryTime) {
   const auto transformer = holdingUntil("> ");
   EXPECT_EQ(passed(*transformer, "a> "), "a> ");
   EXPECT_EQ(passed(*transformer, ""), "a> ");
@@ -77,7 +77,7 @@ TEST(ZPIRegularExpressionTransformerTest, AMatchAtTheEndOfTheBufferComesOutAgain
   EXPECT_EQ(passed(*transformer, "> d"), "c> ");
 }
 
-TEST(ZPIRegularExpressionTransformerTest, OnlyResetClearsAMatchAtTheEndOfTheBuffer) {
+TEST(ZPIRegularExpressionTransformerTest, OnlyResetClearsAMatchThatEndsTheBuffer) {
   const auto transformer = holdingUntil("> ");
   passed(*transformer, "a> ");
   ZPKErrorPtr error = olderError();
@@ -87,7 +87,7 @@ TEST(ZPIRegularExpressionTransformerTest, OnlyResetClearsAMatchAtTheEndOfTheBuff
   EXPECT_EQ(passed(*transformer, "b> "), "b> ");
 }
 
-// "é" is one character and two bytes, so the cut behind "éé> " falls two bytes short.
+// "é" is one character and two bytes, so the cut after "éé> " falls two bytes short.
 TEST(ZPIRegularExpressionTransformerTest, PositionsInCharactersServeAsByteOffsets) {
   const auto transformer = holdingUntil("> ");
   EXPECT_EQ(passed(*transformer, "\xC3\xA9\xC3\xA9> "), "\xC3\xA9\xC3\xA9");
@@ -103,7 +103,7 @@ TEST(ZPIRegularExpressionTransformerTest, ACutWithinACharacterLeavesBytesThatMat
   EXPECT_EQ(passed(*cutInside, "\xC3\xA9"), "");
 }
 
-TEST(ZPIRegularExpressionTransformerTest, BytesThatAreNotUTF8AreHeldUntilReset) {
+TEST(ZPIRegularExpressionTransformerTest, InvalidUTF8IsHeldUntilReset) {
   const auto transformer = holdingUntil("a");
   EXPECT_EQ(passed(*transformer, "\xFF"), "");
   EXPECT_EQ(passed(*transformer, "aaa"), "");
@@ -112,13 +112,13 @@ TEST(ZPIRegularExpressionTransformerTest, BytesThatAreNotUTF8AreHeldUntilReset) 
 }
 
 // [a> \xC3] [\xA9]
-TEST(ZPIRegularExpressionTransformerTest, ACharacterThatIsSplitHoldsTheBytesUntilItIsWhole) {
+TEST(ZPIRegularExpressionTransformerTest, ASplitCharacterHoldsTheBytesUntilItIsWhole) {
   const auto transformer = holdingUntil("> ");
   EXPECT_EQ(passed(*transformer, "a> \xC3"), "");
   EXPECT_EQ(passed(*transformer, "\xA9"), "a> ");
 }
 
-TEST(ZPIRegularExpressionTransformerTest, AnEmptyMatchHandsOutNothingAndKeepsTheBytes) {
+TEST(ZPIRegularExpressionTransformerTest, AnEmptyMatchReturnsNothingAndKeepsTheBytes) {
   const auto transformer = holdingUntil("^");
   EXPECT_EQ(passed(*transformer, "abc"), "");
   EXPECT_EQ(passed(*transformer, ""), "");
@@ -126,7 +126,7 @@ TEST(ZPIRegularExpressionTransformerTest, AnEmptyMatchHandsOutNothingAndKeepsThe
   EXPECT_EQ(passed(*holdingUntil("$"), "abc"), "abc");
 }
 
-TEST(ZPIRegularExpressionTransformerTest, ANullChunkChangesNothingEvenWhenAMatchIsHeld) {
+TEST(ZPIRegularExpressionTransformerTest, ANullChunkChangesNothingEvenWithAMatchHeld) {
   LogCapture log;
   const auto transformer = holdingUntil("> ");
   passed(*transformer, "a> ");
@@ -135,14 +135,14 @@ TEST(ZPIRegularExpressionTransformerTest, ANullChunkChangesNothingEvenWhenAMatch
   EXPECT_THAT(log.lines(), ElementsAre());
 }
 
-TEST(ZPIRegularExpressionTransformerTest, WhatADeviceSendsIsNeverAFormat) {
+TEST(ZPIRegularExpressionTransformerTest, DeviceDataIsNeverAFormatString) {
   LogCapture log;
   const auto transformer = holdingUntil("%n");
   EXPECT_EQ(passed(*transformer, "%s%n%@%n%d"), "%s%n%@%n");
   EXPECT_THAT(log.lines(), ElementsAre(LogLine{1, kNotice}));
 }
 
-// How often an empty chunk after the given one makes the held bytes be searched.
+// How often the held bytes are searched for an empty chunk that follows the given one.
 size_t searchesOfAPoll(const char* pattern, const char* bytes) {
   const auto transformer = holdingUntil(pattern);
   passed(*transformer, bytes);
@@ -151,18 +151,18 @@ size_t searchesOfAPoll(const char* pattern, const char* bytes) {
   return regexSearches() - before;
 }
 
-TEST(ZPIRegularExpressionTransformerTest, HeldBytesThatDidNotChangeAreNotSearchedAgain) {
+TEST(ZPIRegularExpressionTransformerTest, UnchangedHeldBytesAreNotSearchedAgain) {
   LogCapture quiet;
   EXPECT_EQ(searchesOfAPoll("(a+)+$", "aaaaaaaaaaaaaaaaaaaaaaaaaaaa!"), 0U);
   EXPECT_EQ(searchesOfAPoll("> ", "a> "), 0U);
   EXPECT_EQ(searchesOfAPoll("> ", "a> b> "), 0U);
   EXPECT_EQ(searchesOfAPoll("> ", ""), 0U);
   EXPECT_EQ(searchesOfAPoll("^", "abc"), 0U);
-  // What was handed out here is no longer held.
+  // The bytes returned here are no longer held.
   EXPECT_EQ(searchesOfAPoll("> ", "a> b"), 1U);
 }
 
-TEST(ZPIRegularExpressionTransformerTest, APollGivesTheSameResultAndLineAsTheSearchBefore) {
+TEST(ZPIRegularExpressionTransformerTest, APollRepeatsTheLastResultAndItsLogLine) {
   LogCapture log;
   const auto transformer = holdingUntil("> ");
   for (int poll = 0; poll < 3; ++poll) {
@@ -189,7 +189,7 @@ TEST(ZPIRegularExpressionTransformerTest, ManyMatchesTakeNoMoreMemoryThanFew) {
   EXPECT_EQ(allocationsFor(20'000), allocationsFor(1'000));
 }
 
-TEST(ZPIRegularExpressionTransformerTest, EveryCallDoesWhatThePlainStepsDo) {
+TEST(ZPIRegularExpressionTransformerTest, EveryCallMatchesTheReferenceImplementation) {
   LogCapture quiet;
   std::mt19937 random(33);
   for (const char* pattern : {"ab", "a+b?", "b$", "(a|bb)c", "b*"}) {

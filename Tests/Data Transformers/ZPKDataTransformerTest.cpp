@@ -36,7 +36,7 @@ void PrintTo(const RefusedCall& refused, std::ostream* stream) { *stream << refu
 
 class RefusedCallTest : public testing::TestWithParam<RefusedCall> {};
 
-TEST_P(RefusedCallTest, GivesNullFillsTheSlotAndLogsOnce) {
+TEST_P(RefusedCallTest, ReturnsNullFillsTheSlotAndLogsOnce) {
   LogCapture log;
   ZPKErrorPtr error = olderError();
   EXPECT_EQ(GetParam().call(&error), nullptr);
@@ -45,7 +45,7 @@ TEST_P(RefusedCallTest, GivesNullFillsTheSlotAndLogsOnce) {
                  GetParam().function, "ZPKDataTransformer.cpp"});
 }
 
-TEST_P(RefusedCallTest, WithoutASlotGivesNullAndStillLogsOnce) {
+TEST_P(RefusedCallTest, WithoutASlotReturnsNullAndStillLogsOnce) {
   LogCapture log;
   EXPECT_EQ(GetParam().call(nullptr), nullptr);
   EXPECT_THAT(log.lines(), ElementsAre(LogLine{0, GetParam().description}));
@@ -126,7 +126,7 @@ void PrintTo(const AcceptedCall& accepted, std::ostream* stream) { *stream << ac
 
 class AcceptedCallTest : public testing::TestWithParam<AcceptedCall> {};
 
-TEST_P(AcceptedCallTest, MakesATransformerAndTouchesNeitherSlotNorLog) {
+TEST_P(AcceptedCallTest, CreatesATransformerAndTouchesNeitherSlotNorLog) {
   LogCapture log;
   ZPKErrorPtr error = olderError();
   const ZPKDataTransformerPtr transformer = GetParam().call(&error);
@@ -136,7 +136,7 @@ TEST_P(AcceptedCallTest, MakesATransformerAndTouchesNeitherSlotNorLog) {
   EXPECT_THAT(log.lines(), ElementsAre());
 }
 
-TEST_P(AcceptedCallTest, TakesAnEmptyChunk) {
+TEST_P(AcceptedCallTest, AcceptsAnEmptyChunk) {
   const ZPKDataTransformerPtr transformer = GetParam().call(nullptr);
   const ZPKMutableDataPtr chunk = ZPKMutableData::data();
   transformer->modifyData(chunk.get());
@@ -201,13 +201,13 @@ INSTANTIATE_TEST_SUITE_P(ZPKDataTransformerTest, AcceptedCallTest,
                          testing::ValuesIn(kAcceptedCalls),
                          [](const auto& call) { return std::string(call.param.name); });
 
-TEST(ZPKDataTransformerTest, APrependingTransformerPutsItsBytesInFrontOfEveryChunk) {
+TEST(ZPKDataTransformerTest, APrependingTransformerPutsItsBytesBeforeEveryChunk) {
   const auto transformer = createPrependingTransformer(dataOf("<"));
   EXPECT_THAT(passedInTurn(*transformer, {"a", "", "b"}), ElementsAre("<a", "<", "<b"));
   transformer->modifyData(nullptr);
 }
 
-TEST(ZPKDataTransformerTest, AnAppendingTransformerPutsItsBytesBehindEveryChunk) {
+TEST(ZPKDataTransformerTest, AnAppendingTransformerPutsItsBytesAfterEveryChunk) {
   const auto transformer = createAppendingTransformer(dataOf(">"));
   EXPECT_THAT(passedInTurn(*transformer, {"a", "", "b"}), ElementsAre("a>", ">", "b>"));
   transformer->modifyData(nullptr);
@@ -227,7 +227,7 @@ TEST(ZPKDataTransformerTest, ThePrependedChunkStaysTheSameObject) {
   EXPECT_EQ(chunk->view(), "<a");
 }
 
-TEST(ZPKDataTransformerTest, ALaterChangeOfGivenBytesDoesNotReachATransformer) {
+TEST(ZPKDataTransformerTest, ChangingTheGivenBytesLaterDoesNotAffectATransformer) {
   const ZPKMutableDataPtr bytes = chunkOf("-");
   const auto prepending = createPrependingTransformer(bytes);
   const auto appending = createAppendingTransformer(bytes);
@@ -263,7 +263,7 @@ TEST(ZPKDataTransformerTest, ABlockTransformerWithoutAResetBlockCannotBeReset) {
                  "-[ZPIBlockDataTransformer reset:]", "ZPIBlockDataTransformer.cpp"});
 }
 
-TEST(ZPKDataTransformerTest, AnAggregatingTransformerCutsAtItsPattern) {
+TEST(ZPKDataTransformerTest, AnAggregatingTransformerSplitsAtItsPattern) {
   EXPECT_EQ(passed(*createAggregatingTransformer(dataOf(";"), false), "a;b"), "a;");
   EXPECT_EQ(passed(*createAggregatingTransformer(dataOf(";"), true), "a;b"), "a");
 }
@@ -275,7 +275,7 @@ TEST(ZPKDataTransformerTest, ThePacketTransformersUndoEachOther) {
   EXPECT_EQ(passed(*aggregator, ""), "second");
 }
 
-TEST(ZPKDataTransformerTest, AllWidthsAboveEightAreRefused) {
+TEST(ZPKDataTransformerTest, AllWidthsAboveEightAreRejected) {
   LogCapture log;
   for (const int32_t width : {9, 64, std::numeric_limits<int32_t>::max()}) {
     EXPECT_EQ(createPacketAggregatorTransformer(width), nullptr);
@@ -284,7 +284,7 @@ TEST(ZPKDataTransformerTest, AllWidthsAboveEightAreRefused) {
   EXPECT_EQ(log.lines().size(), 6U);
 }
 
-TEST(ZPKDataTransformerTest, WithoutAWidthPacketsAreNeitherFramedNorHandedOut) {
+TEST(ZPKDataTransformerTest, WithoutAWidthPacketsAreNeitherFramedNorReturned) {
   for (const int32_t width : {0, -1, std::numeric_limits<int32_t>::min()}) {
     EXPECT_EQ(passed(*createPacketPrependTransformer(width), "abc"), "abc");
     EXPECT_EQ(passed(*createPacketAggregatorTransformer(width), "\1abcdefghij"), "");
@@ -292,7 +292,7 @@ TEST(ZPKDataTransformerTest, WithoutAWidthPacketsAreNeitherFramedNorHandedOut) {
 }
 
 // [a\r] [\nb]
-TEST(ZPKDataTransformerTest, AFilteringTransformerCutsItsPatternOutAcrossChunks) {
+TEST(ZPKDataTransformerTest, AFilteringTransformerRemovesItsPatternAcrossChunks) {
   const auto transformer = createFilteringTransformer(dataOf("\r\n"));
   EXPECT_THAT(passedInTurn(*transformer, {"a\r", "\nb", "\rc"}), ElementsAre("a", "b", "\rc"));
 }
@@ -313,8 +313,8 @@ TEST(ZPKDataTransformerTest, ATimeTransformerNeverTouchesAChunk) {
   transformer->modifyData(nullptr);
 }
 
-// The pause is real here; the exact sequence is tested with a clock of its own (ZPIGapWatchTest).
-TEST(ZPKDataTransformerTest, ATimeTransformerCallsBackInACallThatEndsAPauseAndNotInTheNext) {
+// The pause is real here; ZPIGapWatchTest tests the exact sequence with a clock that it sets.
+TEST(ZPKDataTransformerTest, OnlyTheCallThatEndsAPauseRunsTheCallback) {
   int pauses = 0;
   const auto transformer = createTimeTransformer(1e-6, [&pauses] { ++pauses; });
   passed(*transformer, "a");
@@ -368,7 +368,7 @@ TEST(ZPKDataTransformerTest, AnEmptyExpressionIsLegalAndMatchesEverywhere) {
   EXPECT_EQ(passed(*transformer, "ab"), "ab");
 }
 
-TEST(ZPKDataTransformerTest, ARefusedPatternLeavesTheLibrarysOwnErrorInTheSlot) {
+TEST(ZPKDataTransformerTest, ABadPatternPutsTheLibrarysErrorInTheSlot) {
   LogCapture quiet;
   ZPKErrorPtr compilerError;
   ASSERT_EQ(ZPKRegex::initWithPattern("a(b", &compilerError), nullptr);

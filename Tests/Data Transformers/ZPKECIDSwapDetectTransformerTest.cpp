@@ -24,7 +24,7 @@ const std::string kOtherPrompt = "[00001234:89ABCDEF] :-) ";
 
 using Swaps = std::vector<std::pair<std::string, std::string>>;
 
-// What modifyData does, written out step by step.
+// A reference implementation of modifyData, step by step.
 std::string plainModifyData(const std::optional<std::string>& expected,
                             const std::string& delimiter, const ZPKRegex& regex, bool drops,
                             const std::string& chunk, Swaps& swaps) {
@@ -73,20 +73,20 @@ TEST_F(ZPKECIDSwapDetectTransformerTest, TheExpectedDeviceIsLeftAlone) {
   EXPECT_THAT(swaps, ElementsAre());
 }
 
-TEST_F(ZPKECIDSwapDetectTransformerTest, AnotherDeviceEmptiesTheChunkAndCallsBack) {
+TEST_F(ZPKECIDSwapDetectTransformerTest, ADifferentDeviceEmptiesTheChunkAndCallsBack) {
   detector->setExpectedECID(kECID);
   EXPECT_EQ(passed(*detector, "1.0\n" + kOtherPrompt), "");
   EXPECT_THAT(swaps, ElementsAre(Pair(kOurText, kOtherText)));
 }
 
-TEST_F(ZPKECIDSwapDetectTransformerTest, WithTheFlagOffTheChunkStaysAndTheCallbackRunsAllTheSame) {
+TEST_F(ZPKECIDSwapDetectTransformerTest, WithTheFlagOffASwapOnlyCallsBack) {
   detector->setExpectedECID(kECID);
   detector->setDropResponseWhenECIDSwapDetected(false);
   EXPECT_EQ(passed(*detector, "1.0\n" + kOtherPrompt), "1.0\n" + kOtherPrompt);
   EXPECT_THAT(swaps, ElementsAre(Pair(kOurText, kOtherText)));
 }
 
-TEST_F(ZPKECIDSwapDetectTransformerTest, TheChunkIsEmptyAlreadyWhenTheCallbackRuns) {
+TEST_F(ZPKECIDSwapDetectTransformerTest, TheChunkIsAlreadyEmptyWhenTheCallbackRuns) {
   const ZPKMutableDataPtr chunk = chunkOf(kOtherPrompt);
   size_t lengthSeen = 1;
   detector->setSwapAction(
@@ -96,7 +96,7 @@ TEST_F(ZPKECIDSwapDetectTransformerTest, TheChunkIsEmptyAlreadyWhenTheCallbackRu
   EXPECT_EQ(lengthSeen, 0U);
 }
 
-TEST_F(ZPKECIDSwapDetectTransformerTest, EachChunkWithAnotherDeviceCallsBackAgain) {
+TEST_F(ZPKECIDSwapDetectTransformerTest, EachChunkFromADifferentDeviceCallsBackAgain) {
   detector->setExpectedECID(kECID);
   passed(*detector, kOtherPrompt);
   passed(*detector, kOurPrompt);
@@ -104,7 +104,7 @@ TEST_F(ZPKECIDSwapDetectTransformerTest, EachChunkWithAnotherDeviceCallsBackAgai
   EXPECT_EQ(swaps.size(), 2U);
 }
 
-TEST_F(ZPKECIDSwapDetectTransformerTest, ExpectingZeroIsDetectionAndLooksLikeNone) {
+TEST_F(ZPKECIDSwapDetectTransformerTest, ExpectingZeroDetectsAlthoughItLooksLikeOff) {
   detector->setExpectedECID(0);
   EXPECT_EQ(detector->expectedECIDString(), "[00000000:00000000]");
   EXPECT_EQ(detector->expectedECID(), ZPKNumber(0));
@@ -112,7 +112,7 @@ TEST_F(ZPKECIDSwapDetectTransformerTest, ExpectingZeroIsDetectionAndLooksLikeNon
   EXPECT_EQ(swaps.size(), 1U);
 }
 
-TEST_F(ZPKECIDSwapDetectTransformerTest, TheHighHalfStandsFirst) {
+TEST_F(ZPKECIDSwapDetectTransformerTest, TheHighHalfComesFirst) {
   detector->setExpectedECID(uint64_t{0xABCDEF12} << 32);
   EXPECT_EQ(detector->expectedECIDString(), "[ABCDEF12:00000000]");
   EXPECT_EQ(detector->expectedECID(), ZPKNumber(uint64_t{0xABCDEF12} << 32));
@@ -160,7 +160,7 @@ TEST_F(ZPKECIDSwapDetectTransformerTest, TheExpectedECIDIsReadFromAnyText) {
   }
 }
 
-// [......17 bytes.......] :-) : no room for an ECID, even if it looks like one cut short.
+// [......17 bytes.......] :-) : no room for an ECID, even if it looks like a truncated one.
 TEST_F(ZPKECIDSwapDetectTransformerTest, ADelimiterAtOffset17DoesNothing) {
   detector->setExpectedECID(kECID);
   const std::string cutShort = kOtherPrompt.substr(1);
@@ -169,14 +169,14 @@ TEST_F(ZPKECIDSwapDetectTransformerTest, ADelimiterAtOffset17DoesNothing) {
   EXPECT_THAT(swaps, ElementsAre());
 }
 
-TEST_F(ZPKECIDSwapDetectTransformerTest, ADelimiterAtOffset18HasItsECIDAtTheStartOfTheChunk) {
+TEST_F(ZPKECIDSwapDetectTransformerTest, ADelimiterAtOffset18LeavesRoomForAnECID) {
   detector->setExpectedECID(kECID);
   ASSERT_EQ(kOtherPrompt.find("] :-) "), 18U);
   EXPECT_EQ(passed(*detector, kOtherPrompt), "");
   EXPECT_THAT(swaps, ElementsAre(Pair(kOurText, kOtherText)));
 }
 
-TEST_F(ZPKECIDSwapDetectTransformerTest, ADelimiterBehindWhatIsNoECIDDoesNothing) {
+TEST_F(ZPKECIDSwapDetectTransformerTest, ADelimiterAfterSomethingOtherThanAnECIDDoesNothing) {
   detector->setExpectedECID(kECID);
   for (const std::string response : {"0000000000[1234:5678] :-) ", "[0000123G:89ABCDEF] :-) ",
                                      " 00001234:89ABCDEF] :-) ", "[00001234 89ABCDEF] :-) ",
@@ -187,7 +187,7 @@ TEST_F(ZPKECIDSwapDetectTransformerTest, ADelimiterBehindWhatIsNoECIDDoesNothing
   EXPECT_THAT(swaps, ElementsAre());
 }
 
-TEST_F(ZPKECIDSwapDetectTransformerTest, BytesInFrontOfTheDelimiterThatAreNotUTF8DoNothing) {
+TEST_F(ZPKECIDSwapDetectTransformerTest, InvalidUTF8BeforeTheDelimiterDoesNothing) {
   detector->setExpectedECID(kECID);
   detector->setRegex(ZPKRegex::initWithPattern("\\]"));
   const std::string response =
@@ -197,13 +197,13 @@ TEST_F(ZPKECIDSwapDetectTransformerTest, BytesInFrontOfTheDelimiterThatAreNotUTF
   EXPECT_THAT(swaps, ElementsAre());
 }
 
-TEST_F(ZPKECIDSwapDetectTransformerTest, OurOwnECIDInLowerCaseIsASwap) {
+TEST_F(ZPKECIDSwapDetectTransformerTest, TheExpectedECIDInLowerCaseIsASwap) {
   detector->setExpectedECID(kECID);
   EXPECT_EQ(passed(*detector, "[0000beef:0badf00d] :-) "), "");
   EXPECT_THAT(swaps, ElementsAre(Pair(kOurText, "[0000beef:0badf00d]")));
 }
 
-TEST_F(ZPKECIDSwapDetectTransformerTest, AnExpectedTextInLowerCaseTakesLowerCase) {
+TEST_F(ZPKECIDSwapDetectTransformerTest, AnExpectedTextInLowerCaseMatchesLowerCase) {
   detector->setExpectedECIDString("[0000beef:0badf00d]");
   EXPECT_EQ(passed(*detector, "[0000beef:0badf00d] :-) "), "[0000beef:0badf00d] :-) ");
   EXPECT_EQ(passed(*detector, kOurPrompt), "");
@@ -223,7 +223,7 @@ TEST_F(ZPKECIDSwapDetectTransformerTest, OnlyTheFirstDelimiterOfAChunkCounts) {
   EXPECT_EQ(swaps.size(), 1U);
 }
 
-// [00001234:89ABCDEF] :-) in two chunks, cut anywhere.
+// [00001234:89ABCDEF] :-) in two chunks, split anywhere.
 TEST_F(ZPKECIDSwapDetectTransformerTest, APromptSplitAcrossTwoChunksIsNotSeen) {
   detector->setExpectedECID(kECID);
   for (size_t cut = 1; cut < kOtherPrompt.size(); ++cut) {
@@ -242,7 +242,7 @@ TEST_F(ZPKECIDSwapDetectTransformerTest, NullAndEmptyChunksAndChunksWithoutAProm
   EXPECT_THAT(swaps, ElementsAre());
 }
 
-TEST_F(ZPKECIDSwapDetectTransformerTest, ResetLeavesDetectionAndTheSlotAsTheyAre) {
+TEST_F(ZPKECIDSwapDetectTransformerTest, ResetLeavesDetectionAndTheSlotAlone) {
   detector->setExpectedECID(kECID);
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(detector->reset(&error));
@@ -297,21 +297,21 @@ TEST_F(ZPKECIDSwapDetectTransformerTest, TheCallbackIsTheTransformersOwnCopy) {
   EXPECT_THAT(swaps, ElementsAre());
 }
 
-// A callback that expects the new device from now on: this call still tells the old one.
-TEST_F(ZPKECIDSwapDetectTransformerTest, ACallWorksOnOneExpectedText) {
-  std::string told;
+// The callback makes the new device the expected one; the call under way still reports the old one.
+TEST_F(ZPKECIDSwapDetectTransformerTest, OneCallUsesTheSameExpectedTextThroughout) {
+  std::string reported;
   detector->setSwapAction([&](const std::string& expected, const std::string& read) {
     detector->setExpectedECIDString(read);
     passed(*detector, "");
-    told = expected;
+    reported = expected;
   });
   detector->setExpectedECID(kECID);
   EXPECT_EQ(passed(*detector, kOtherPrompt), "");
-  EXPECT_EQ(told, kOurText);
+  EXPECT_EQ(reported, kOurText);
   EXPECT_EQ(passed(*detector, kOtherPrompt), kOtherPrompt);
 }
 
-TEST_F(ZPKECIDSwapDetectTransformerTest, WhatADeviceSendsIsNeverAFormatAndNothingIsLogged) {
+TEST_F(ZPKECIDSwapDetectTransformerTest, DirectivesInDeviceDataAreNeitherFormattedNorLogged) {
   LogCapture log;
   detector->setExpectedECID(kECID);
   EXPECT_EQ(passed(*detector, "%s%n%@%d" + kOurPrompt), "%s%n%@%d" + kOurPrompt);
@@ -321,8 +321,8 @@ TEST_F(ZPKECIDSwapDetectTransformerTest, WhatADeviceSendsIsNeverAFormatAndNothin
   EXPECT_THAT(log.lines(), ElementsAre());
 }
 
-// Chunks out of the parts of prompts, good and bad, in any order.
-TEST_F(ZPKECIDSwapDetectTransformerTest, EveryCallDoesWhatThePlainStepsDo) {
+// Chunks built from parts of prompts, good and bad, in any order.
+TEST_F(ZPKECIDSwapDetectTransformerTest, EveryCallMatchesTheReferenceImplementation) {
   const std::string parts[] = {kOurPrompt, kOtherPrompt, "[0000beef:0badf00d] :-) ",
                                "] :-) ",   kOurText,     "[0000123G:89ABCDEF] :-) ",
                                " :-) ",    "[",          "]",

@@ -18,7 +18,7 @@ namespace {
 
 using testing::ElementsAre;
 
-ZPKMutableDataAggregatorTransformerPtr cuttingAt(std::string_view terminator) {
+ZPKMutableDataAggregatorTransformerPtr splittingAt(std::string_view terminator) {
   return ZPKMutableDataAggregatorTransformer::initWithTerminator(dataOf(terminator));
 }
 
@@ -26,7 +26,7 @@ std::string held(const ZPKMutableDataAggregatorTransformer& aggregator) {
   return std::string(aggregator.buffer()->view());
 }
 
-// What modifyData does, written out step by step and with no thought for speed.
+// A reference implementation of modifyData, step by step and without regard to speed.
 class PlainAggregator {
  public:
   void setTerminator(std::optional<std::string> terminator) { _terminator = std::move(terminator); }
@@ -50,14 +50,14 @@ class PlainAggregator {
   std::optional<std::string> _terminator;
 };
 
-TEST(ZPKMutableDataAggregatorTransformerTest, ATerminatorAtTheEndOfTheChunkLetsAllOfItThrough) {
-  const auto aggregator = cuttingAt("> ");
+TEST(ZPKMutableDataAggregatorTransformerTest, AChunkThatEndsInTheTerminatorPassesWhole) {
+  const auto aggregator = splittingAt("> ");
   EXPECT_EQ(passed(*aggregator, "version\n> "), "version\n> ");
   EXPECT_EQ(held(*aggregator), "");
 }
 
 TEST(ZPKMutableDataAggregatorTransformerTest, ATerminatorWrittenIntoItsBufferEndsAUnit) {
-  const auto aggregator = cuttingAt(";");
+  const auto aggregator = splittingAt(";");
   EXPECT_EQ(passed(*aggregator, "abc"), "");
   uint8_t* const pointer = aggregator->buffer()->mutableBytes();
   EXPECT_EQ(passed(*aggregator, ""), "");
@@ -67,8 +67,8 @@ TEST(ZPKMutableDataAggregatorTransformerTest, ATerminatorWrittenIntoItsBufferEnd
 }
 
 // [A;B;C] [] []
-TEST(ZPKMutableDataAggregatorTransformerTest, OneCallHandsOutOneUnitAndEmptyChunksTheOthers) {
-  const auto aggregator = cuttingAt(";");
+TEST(ZPKMutableDataAggregatorTransformerTest, OneCallReturnsOneUnitAndEmptyChunksTheRest) {
+  const auto aggregator = splittingAt(";");
   EXPECT_EQ(passed(*aggregator, "A;B;C"), "A;");
   EXPECT_EQ(held(*aggregator), "B;C");
   EXPECT_EQ(passed(*aggregator, ""), "B;");
@@ -78,17 +78,17 @@ TEST(ZPKMutableDataAggregatorTransformerTest, OneCallHandsOutOneUnitAndEmptyChun
 }
 
 // [line\r] [\nrest]
-TEST(ZPKMutableDataAggregatorTransformerTest, ATerminatorSplitOverTwoChunksIsFound) {
-  const auto aggregator = cuttingAt("\r\n");
+TEST(ZPKMutableDataAggregatorTransformerTest, ATerminatorSplitAcrossTwoChunksIsFound) {
+  const auto aggregator = splittingAt("\r\n");
   EXPECT_EQ(passed(*aggregator, "line\r"), "");
   EXPECT_EQ(passed(*aggregator, "\nrest"), "line\r\n");
   EXPECT_EQ(held(*aggregator), "rest");
 }
 
-// [ab=> cd=> ] in every way to cut it: [a][b][=]..., [ab=][> cd=> ] and so on.
+// [ab=> cd=> ] split in every possible way: [a][b][=]..., [ab=][> cd=> ] and so on.
 TEST(ZPKMutableDataAggregatorTransformerTest, EverySplitOfTheSameBytesGivesTheSameUnits) {
   for (const Chunks& chunks : everySplit("ab=> cd=> ")) {
-    const auto aggregator = cuttingAt("=> ");
+    const auto aggregator = splittingAt("=> ");
     Chunks units = passedInTurn(*aggregator, chunks);
     units.push_back(passed(*aggregator, ""));
     std::erase(units, "");
@@ -98,35 +98,35 @@ TEST(ZPKMutableDataAggregatorTransformerTest, EverySplitOfTheSameBytesGivesTheSa
 }
 
 TEST(ZPKMutableDataAggregatorTransformerTest, AnEmptyChunkOnAnEmptyBufferChangesNothing) {
-  const auto aggregator = cuttingAt(";");
+  const auto aggregator = splittingAt(";");
   EXPECT_EQ(passed(*aggregator, ""), "");
   EXPECT_EQ(held(*aggregator), "");
 }
 
-TEST(ZPKMutableDataAggregatorTransformerTest, ANullChunkChangesNothingEvenWhenAUnitIsHeld) {
-  const auto aggregator = cuttingAt(";");
+TEST(ZPKMutableDataAggregatorTransformerTest, ANullChunkChangesNothingEvenWithAUnitHeld) {
+  const auto aggregator = splittingAt(";");
   passed(*aggregator, "A;B;");
   ASSERT_EQ(held(*aggregator), "B;");
   aggregator->modifyData(nullptr);
   EXPECT_EQ(held(*aggregator), "B;");
 }
 
-TEST(ZPKMutableDataAggregatorTransformerTest, TheFirstOccurrenceCutsNotTheLast) {
-  const auto aggregator = cuttingAt("aa");
+TEST(ZPKMutableDataAggregatorTransformerTest, TheFirstOccurrenceSplitsAndNotTheLast) {
+  const auto aggregator = splittingAt("aa");
   EXPECT_EQ(passed(*aggregator, "baaa"), "baa");
   EXPECT_EQ(held(*aggregator), "a");
 }
 
-TEST(ZPKMutableDataAggregatorTransformerTest, BytesAreComparedExactlyZerosIncluded) {
+TEST(ZPKMutableDataAggregatorTransformerTest, BytesAreComparedExactlyIncludingZeros) {
   const std::string terminator("\0\xff", 2);
-  const auto aggregator = cuttingAt(terminator);
+  const auto aggregator = splittingAt(terminator);
   const std::string unit = std::string("a\0b\xff", 4) + terminator;
   EXPECT_EQ(passed(*aggregator, unit + "c"), unit);
   EXPECT_EQ(held(*aggregator), "c");
 }
 
-TEST(ZPKMutableDataAggregatorTransformerTest, AfterAChangeOldBytesAreCutAtTheNewTerminatorAlone) {
-  const auto aggregator = cuttingAt("> ");
+TEST(ZPKMutableDataAggregatorTransformerTest, AfterAChangeOnlyTheNewTerminatorSplitsOldBytes) {
+  const auto aggregator = splittingAt("> ");
   ASSERT_EQ(passed(*aggregator, "x> A> B$ "), "x> ");
   aggregator->setData2Find(dataOf("$ "));
   EXPECT_EQ(held(*aggregator), "A> B$ ");
@@ -134,7 +134,7 @@ TEST(ZPKMutableDataAggregatorTransformerTest, AfterAChangeOldBytesAreCutAtTheNew
 }
 
 TEST(ZPKMutableDataAggregatorTransformerTest, AnEmptyTerminatorFlushesOnTheNextCallOnly) {
-  const auto aggregator = cuttingAt("> ");
+  const auto aggregator = splittingAt("> ");
   passed(*aggregator, "no end yet");
   aggregator->setData2Find(ZPKData::data());
   EXPECT_EQ(held(*aggregator), "no end yet");
@@ -143,7 +143,7 @@ TEST(ZPKMutableDataAggregatorTransformerTest, AnEmptyTerminatorFlushesOnTheNextC
 }
 
 TEST(ZPKMutableDataAggregatorTransformerTest, ANullTerminatorLetsHeldAndNewBytesThrough) {
-  const auto aggregator = cuttingAt("> ");
+  const auto aggregator = splittingAt("> ");
   passed(*aggregator, "held ");
   aggregator->setData2Find(nullptr);
   EXPECT_EQ(aggregator->data2Find(), nullptr);
@@ -152,7 +152,7 @@ TEST(ZPKMutableDataAggregatorTransformerTest, ANullTerminatorLetsHeldAndNewBytes
   EXPECT_EQ(held(*aggregator), "");
 }
 
-TEST(ZPKMutableDataAggregatorTransformerTest, BornWithoutATerminatorItLetsEverythingThrough) {
+TEST(ZPKMutableDataAggregatorTransformerTest, CreatedWithoutATerminatorItLetsEverythingThrough) {
   for (const ZPKDataPtr& none : {ZPKDataPtr(), ZPKData::data()}) {
     const auto aggregator = ZPKMutableDataAggregatorTransformer::initWithTerminator(none);
     EXPECT_EQ(passed(*aggregator, "abc"), "abc");
@@ -160,7 +160,7 @@ TEST(ZPKMutableDataAggregatorTransformerTest, BornWithoutATerminatorItLetsEveryt
   }
 }
 
-TEST(ZPKMutableDataAggregatorTransformerTest, TheFirstTerminatorIsCopiedALaterOneIsKeptAsGiven) {
+TEST(ZPKMutableDataAggregatorTransformerTest, TheFirstTerminatorIsCopiedButLaterOnesAreNot) {
   const ZPKMutableDataPtr terminator = chunkOf(";");
   const auto aggregator = ZPKMutableDataAggregatorTransformer::initWithTerminator(terminator);
   terminator->setContents(*dataOf(","));
@@ -175,8 +175,8 @@ TEST(ZPKMutableDataAggregatorTransformerTest, TheFirstTerminatorIsCopiedALaterOn
   EXPECT_EQ(passed(*aggregator, "all"), "all");
 }
 
-TEST(ZPKMutableDataAggregatorTransformerTest, TheBufferObjectStaysTheSameForLife) {
-  const auto aggregator = cuttingAt(";");
+TEST(ZPKMutableDataAggregatorTransformerTest, TheBufferStaysTheSameObject) {
+  const auto aggregator = splittingAt(";");
   const ZPKMutableDataPtr buffer = aggregator->buffer();
   ASSERT_NE(buffer, nullptr);
   EXPECT_EQ(buffer->length(), 0U);
@@ -188,15 +188,15 @@ TEST(ZPKMutableDataAggregatorTransformerTest, TheBufferObjectStaysTheSameForLife
   EXPECT_EQ(buffer->view(), "tail");
 }
 
-TEST(ZPKMutableDataAggregatorTransformerTest, WhoEmptiesTheBufferDropsTheHeldBytes) {
-  const auto aggregator = cuttingAt(";");
+TEST(ZPKMutableDataAggregatorTransformerTest, EmptyingTheBufferDropsTheHeldBytes) {
+  const auto aggregator = splittingAt(";");
   passed(*aggregator, "old");
   aggregator->buffer()->setLength(0);
   EXPECT_EQ(passed(*aggregator, "new;"), "new;");
 }
 
 TEST(ZPKMutableDataAggregatorTransformerTest, BytesPutIntoTheBufferAreSearchedToo) {
-  const auto aggregator = cuttingAt(";");
+  const auto aggregator = splittingAt(";");
   passed(*aggregator, "abc");
   aggregator->buffer()->mutableBytes()[1] = ';';
   EXPECT_EQ(passed(*aggregator, ""), "a;");
@@ -204,7 +204,7 @@ TEST(ZPKMutableDataAggregatorTransformerTest, BytesPutIntoTheBufferAreSearchedTo
 }
 
 TEST(ZPKMutableDataAggregatorTransformerTest, TheResultAndTheBufferShareNoBytes) {
-  const auto aggregator = cuttingAt(";");
+  const auto aggregator = splittingAt(";");
   const ZPKMutableDataPtr first = chunkOf("a;bc");
   aggregator->modifyData(first.get());
   first->append("xxxx", 4);
@@ -217,8 +217,8 @@ TEST(ZPKMutableDataAggregatorTransformerTest, TheResultAndTheBufferShareNoBytes)
   EXPECT_EQ(first->view(), "X;xxxx");
 }
 
-TEST(ZPKMutableDataAggregatorTransformerTest, ResetDropsTheBytesKeepsTheTerminatorAndTheSlot) {
-  const auto aggregator = cuttingAt(";");
+TEST(ZPKMutableDataAggregatorTransformerTest, ResetDropsTheBytesButKeepsTerminatorAndSlot) {
+  const auto aggregator = splittingAt(";");
   passed(*aggregator, "old");
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(aggregator->reset(&error));
@@ -227,7 +227,7 @@ TEST(ZPKMutableDataAggregatorTransformerTest, ResetDropsTheBytesKeepsTheTerminat
   EXPECT_EQ(passed(*aggregator, "new;"), "new;");
 }
 
-// What a transport hands up when nothing waited at the start of its read.
+// The chunk that a transport passes up when no bytes were waiting at the start of its read.
 ZPKMutableDataPtr chunkInALargeBlock(std::string_view bytes) {
   constexpr size_t kBlock = 65'536;
   void* const block = std::malloc(kBlock);
@@ -243,7 +243,7 @@ size_t blockBehind(const ZPKMutableData& buffer) {
 
 // Stations hold hundreds of idle channels.
 TEST(ZPKMutableDataAggregatorTransformerTest, AnIdleAggregatorKeepsNoLargeBlock) {
-  const auto aggregator = cuttingAt("> ");
+  const auto aggregator = splittingAt("> ");
   for (const char* part : {"half", "> "}) aggregator->modifyData(chunkInALargeBlock(part).get());
   EXPECT_LE(blockBehind(*aggregator->buffer()), 1024U);
 
@@ -265,7 +265,7 @@ TEST(ZPKMutableDataAggregatorTransformerTest, AnIdleAggregatorKeepsNoLargeBlock)
 
 TEST(ZPKMutableDataAggregatorTransformerTest, NoOperationLogs) {
   LogCapture log;
-  const auto aggregator = cuttingAt("%s");
+  const auto aggregator = splittingAt("%s");
   EXPECT_EQ(passed(*aggregator, "%n%@ %s%d"), "%n%@ %s");
   aggregator->reset();
   EXPECT_THAT(log.lines(), ElementsAre());
@@ -274,7 +274,7 @@ TEST(ZPKMutableDataAggregatorTransformerTest, NoOperationLogs) {
 TEST(ZPKMutableDataAggregatorTransformerTest, AMegabyteWithManyUnitsComesOutWhole) {
   std::string stream;
   while (stream.size() < 1'000'000) stream += "line " + std::to_string(stream.size()) + "\n";
-  const auto aggregator = cuttingAt("\n");
+  const auto aggregator = splittingAt("\n");
   std::string out = passed(*aggregator, stream);
   for (std::string unit = passed(*aggregator, ""); !unit.empty(); unit = passed(*aggregator, "")) {
     ASSERT_EQ(unit.find('\n'), unit.size() - 1);
@@ -283,9 +283,9 @@ TEST(ZPKMutableDataAggregatorTransformerTest, AMegabyteWithManyUnitsComesOutWhol
   EXPECT_EQ(out, stream);
 }
 
-// Whatever way is taken inside, every call must do what its plain steps do: bytes held or none,
-// terminators of several lengths, changes in between.
-TEST(ZPKMutableDataAggregatorTransformerTest, EveryCallDoesWhatThePlainStepsDo) {
+// Whichever path the code takes, each call must match the reference: with and without held bytes,
+// for terminators of several lengths, and with changes in between.
+TEST(ZPKMutableDataAggregatorTransformerTest, EveryCallMatchesTheReferenceImplementation) {
   std::mt19937 random(31);
   for (int round = 0; round < 300; ++round) {
     const auto aggregator = ZPKMutableDataAggregatorTransformer::initWithTerminator(nullptr);
@@ -313,11 +313,11 @@ TEST(ZPKMutableDataAggregatorTransformerTest, EveryCallDoesWhatThePlainStepsDo) 
   }
 }
 
-TEST(ZPKMutableDataAggregatorTransformerTest, AHeldUnitIsWhatAnEmptyChunkWouldBring) {
+TEST(ZPKMutableDataAggregatorTransformerTest, AHeldUnitIsWhatAnEmptyChunkWouldReturn) {
   std::mt19937 random(8);
   for (const std::string_view terminator : {";", "ab", "abc;"}) {
-    const auto asked = cuttingAt(terminator);
-    const auto fed = cuttingAt(terminator);
+    const auto asked = splittingAt(terminator);
+    const auto fed = splittingAt(terminator);
     for (int call = 0; call < 1000; ++call) {
       const std::string bytes = randomText(random, "abc;", random() % 20 == 0 ? 2000 : 7);
       asked->buffer()->append(*dataOf(bytes));
@@ -330,7 +330,7 @@ TEST(ZPKMutableDataAggregatorTransformerTest, AHeldUnitIsWhatAnEmptyChunkWouldBr
 
 TEST(ZPKMutableDataAggregatorTransformerTest, WithoutATerminatorNoUnitIsHeld) {
   for (const ZPKDataPtr& none : {ZPKDataPtr(), ZPKData::data()}) {
-    const auto aggregator = cuttingAt(";");
+    const auto aggregator = splittingAt(";");
     aggregator->buffer()->setContents(*dataOf("a;b"));
     aggregator->setData2Find(none);
     EXPECT_EQ(ZPITakeHeldUnit(*aggregator), nullptr);
@@ -338,9 +338,9 @@ TEST(ZPKMutableDataAggregatorTransformerTest, WithoutATerminatorNoUnitIsHeld) {
   }
 }
 
-// A unit ends in the one or the other of two terminators, never in half of one.
+// A unit ends in one of the two terminators, never in half of one.
 TEST(ZPKMutableDataAggregatorTransformerTest, ATerminatorCanBeSwappedOnAnotherThreadDuringCalls) {
-  const auto aggregator = cuttingAt("=> ");
+  const auto aggregator = splittingAt("=> ");
   std::atomic<bool> stops{false};
   std::atomic<int> swaps{0};
   std::thread swapper([&] {

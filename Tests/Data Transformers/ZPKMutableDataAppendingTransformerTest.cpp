@@ -20,7 +20,7 @@ TEST(ZPKMutableDataAppendingTransformerTest, TheBytesComeAfterTheChunk) {
   EXPECT_EQ(passed(*appending("\r\n"), "version"), "version\r\n");
 }
 
-TEST(ZPKMutableDataAppendingTransformerTest, OnAnEmptyChunkTheBytesGoOutAlone) {
+TEST(ZPKMutableDataAppendingTransformerTest, AnEmptyChunkBecomesJustTheBytes) {
   EXPECT_EQ(passed(*appending("\n"), ""), "\n");
 }
 
@@ -38,7 +38,7 @@ TEST(ZPKMutableDataAppendingTransformerTest, NullAndEmptyBytesAppendNothing) {
   EXPECT_EQ(passed(*appender, "a"), "a");
 }
 
-TEST(ZPKMutableDataAppendingTransformerTest, TheFirstBytesAreCopiedLaterOnesAreKeptAsGiven) {
+TEST(ZPKMutableDataAppendingTransformerTest, TheFirstBytesAreCopiedButLaterOnesAreNot) {
   const ZPKMutableDataPtr bytes = chunkOf("\n");
   const auto appender = ZPKMutableDataAppendingTransformer::initWithDataToAppend(bytes);
   bytes->setContents(*dataOf("\r"));
@@ -49,7 +49,7 @@ TEST(ZPKMutableDataAppendingTransformerTest, TheFirstBytesAreCopiedLaterOnesAreK
   EXPECT_EQ(passed(*appender, "a"), "a!");
 }
 
-TEST(ZPKMutableDataAppendingTransformerTest, TheChunkItselfCanBeTheBytes) {
+TEST(ZPKMutableDataAppendingTransformerTest, AChunkCanBeAppendedToItself) {
   const ZPKMutableDataPtr bytes = chunkOf("ab");
   const auto appender = appending("");
   appender->setDataToAppend(bytes);
