@@ -104,7 +104,7 @@ TEST(ZPIStackCallTest, OpeningAnOpenChainFailsWithCode303) {
   EXPECT_THAT(chain->calls(), IsEmpty());
 }
 
-TEST(ZPIStackCallTest, OpeningHandsTheTimeoutDown) {
+TEST(ZPIStackCallTest, OpeningPassesTheTimeoutDown) {
   auto chain = closedChain();
   EXPECT_TRUE(callOn(chain, nullptr).open(2.5));
   EXPECT_THAT(chain->openTimeouts(), ElementsAre(2.5));

@@ -41,7 +41,7 @@ TEST(ZPIStackSupportTest, ANullPathLeavesTheChannelAsItIs) {
   EXPECT_EQ(ZPIWithLog(channel, std::nullopt, "post", nullptr), channel);
 }
 
-TEST(ZPIStackSupportTest, APathPutsTheChannelIntoALogWhichIsNotOpenedYet) {
+TEST(ZPIStackSupportTest, APathPutsAClosedLogAboveTheChannel) {
   const ZPKDataChannelPtr channel = ScriptedChannel::make();
   ZPKErrorPtr error = olderError();
   const ZPKDataChannelPtr logged = ZPIWithLog(channel, "/nowhere/at/all.log", "post", &error);
@@ -80,7 +80,7 @@ TEST(ZPIStackSupportTest, AFailedResetFailsTheClose) {
   EXPECT_EQ(error, olderError());
 }
 
-TEST(ZPIStackSupportTest, ClosingANullChainFailsWithoutAnErrorOrALine) {
+TEST(ZPIStackSupportTest, ClosingANullChainFailsWithoutErrorOrLine) {
   LogCapture log;
   ZPKErrorPtr error = olderError();
   EXPECT_FALSE(ZPICloseChain(nullptr, &error));
@@ -103,7 +103,7 @@ TEST(ZPIStackSupportTest, AnAbandonedClosedOrNullChainIsLeftAlone) {
   EXPECT_THAT(chain->calls(), IsEmpty());
 }
 
-TEST(ZPIStackSupportTest, AnAbandonedChainThatDoesNotCloseIsALineInTheLog) {
+TEST(ZPIStackSupportTest, AFailedCloseOfAnAbandonedChainIsLogged) {
   LogCapture log;
   auto chain = ScriptedChannel::make();
   chain->setCloseResult(false, olderError());

@@ -1,4 +1,4 @@
-// Creating, opening and closing a recorder, and what is refused when.
+// Creating, opening and closing a recorder, and which calls are rejected in which state.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -126,7 +126,7 @@ TEST_F(ZPKCommLoggerStackLifecycleTest, AFailedResetFailsTheClose) {
   EXPECT_EQ(stack->isOpen(), 0);
 }
 
-TEST_F(ZPKCommLoggerStackLifecycleTest, AnUnknownSchemeIsCode300NotCode3) {
+TEST_F(ZPKCommLoggerStackLifecycleTest, AnUnknownSchemeFailsWithCode300NotCode3) {
   for (const char* url : {"http://host", "UART:///dev/null", "no scheme at all"}) {
     LogCapture log;
     ZPKErrorPtr error = olderError();
@@ -183,7 +183,7 @@ TEST_F(ZPKCommLoggerStackLifecycleTest, WhileOpenAnyURLOrChannelGetsCode303) {
   EXPECT_TRUE(stack->close());
 }
 
-TEST_F(ZPKCommLoggerStackLifecycleTest, ASerialURLSetsTheSpeedThatItTells) {
+TEST_F(ZPKCommLoggerStackLifecycleTest, ASerialURLSetsItsBaudRate) {
   TransportPeer peer(TransportPeer::Kind::kTerminal);
   ASSERT_TRUE(stack->createStackWithURL(peer.url() + "?baud=9600&mode=7E1&other=1"));
   ASSERT_TRUE(stack->open());
@@ -322,7 +322,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, ZPKCommLoggerStackSocketTest,
                                                                                         : "Unix");
                          });
 
-TEST_P(ZPKCommLoggerStackSocketTest, WhenThePeerGoesCloseFailsWithoutAReset) {
+TEST_P(ZPKCommLoggerStackSocketTest, WhenThePeerHangsUpCloseFailsWithoutAReset) {
   SimulatedDevice device(GetParam());
   stack->setDelimiter(";");
   ASSERT_TRUE(stack->createStackWithURL(device.url()));
@@ -333,7 +333,7 @@ TEST_P(ZPKCommLoggerStackSocketTest, WhenThePeerGoesCloseFailsWithoutAReset) {
   LogCapture log;
   device.hangUp();
   ASSERT_TRUE(waitFor([&] { return stack->isOpen() == 0; }));
-  // A first close may come ahead of the error, which the thread stores last.
+  // The first close may be too early: the thread stores the error last.
   ZPKErrorPtr error;
   ASSERT_TRUE(waitFor([&] {
     EXPECT_FALSE(stack->close(&error));

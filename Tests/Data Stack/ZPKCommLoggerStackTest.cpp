@@ -70,7 +70,7 @@ TEST_F(ZPKCommLoggerStackTest, BothLogPathsAreStoredEvenIfNull) {
   EXPECT_EQ(error, olderError());
 }
 
-TEST_F(ZPKCommLoggerStackTest, ADelimiterIsStoredAsItIsGiven) {
+TEST_F(ZPKCommLoggerStackTest, ADelimiterIsStoredUnchanged) {
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(stack->setDelimiter("\u20AC\n", &error));
   EXPECT_EQ(bytesOf(stack->aggregator()->data2Find()), "\xE2\x82\xAC\n");
@@ -100,7 +100,7 @@ TEST_F(ZPKCommLoggerStackTest, WithADelimiterTheOuterLogHasUnits) {
   deliver("on");
   deliver("e;two;th");
   deliver("ree;");
-  // A read hands out one unit, so the thread is not through with all of them yet.
+  // A read returns one unit, so the thread has not processed all of them yet.
   ASSERT_TRUE(waitFor([&] { return textsOfLog(postPath).size() == 3; }));
   ASSERT_TRUE(stack->close());
   EXPECT_THAT(textsOfLog(prePath),
@@ -109,7 +109,7 @@ TEST_F(ZPKCommLoggerStackTest, WithADelimiterTheOuterLogHasUnits) {
               ElementsAre("post--read: one;", "post--read: two;", "post--read: three;"));
 }
 
-TEST_F(ZPKCommLoggerStackTest, ADelimiterSetWhileRunningAlsoSearchesWhatIsHeld) {
+TEST_F(ZPKCommLoggerStackTest, ADelimiterSetWhileRunningAlsoSplitsHeldBytes) {
   stack->setDelimiter(";");
   open();
   deliver("one,two");
@@ -131,7 +131,7 @@ TEST_F(ZPKCommLoggerStackTest, RemovingTheDelimiterWhileRunningReleasesHeldBytes
   EXPECT_THAT(textsOfLog(postPath), ElementsAre("post--read: half!", "post--read: ?"));
 }
 
-// Whatever the delimiter is at any moment, no byte is lost and none comes twice.
+// Whatever the delimiter is at any moment, no byte is lost or duplicated.
 TEST_F(ZPKCommLoggerStackTest, TheDelimiterMayChangeAtAnyMoment) {
   open();
   std::atomic<bool> isOver{false};
@@ -175,7 +175,7 @@ TEST_F(ZPKCommLoggerStackTest, WithoutPathsEverythingIsReadAndDropped) {
   EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
 }
 
-TEST_F(ZPKCommLoggerStackTest, OneLogCanBeHadWithoutTheOther) {
+TEST_F(ZPKCommLoggerStackTest, EitherLogWorksWithoutTheOther) {
   ASSERT_TRUE(stack->setLogFilePath(std::nullopt, prePath));
   open();
   deliver("raw");
@@ -215,7 +215,7 @@ TEST_F(ZPKCommLoggerStackTest, ReadsAndWritesFromOutsideAreRefusedWithCode6) {
   EXPECT_TRUE(stack->close());
 }
 
-TEST_F(ZPKCommLoggerStackTest, AfterALossCloseGivesWhatTheReadReported) {
+TEST_F(ZPKCommLoggerStackTest, AfterALossCloseReportsTheErrorOfTheRead) {
   open();
   deliver("last words");
   base->fail(olderError());
@@ -259,7 +259,7 @@ TEST_F(ZPKCommLoggerStackTest, AnOpenChannelIsReadAtOnceAndNotLogged) {
   EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
 }
 
-TEST_F(ZPKCommLoggerStackTest, WithoutAnAggregatorTheChainIsMadeAndRecordsUncut) {
+TEST_F(ZPKCommLoggerStackTest, WithoutAnAggregatorTheChainRecordsUnsplitData) {
   stack->setDelimiter(";");
   stack->setAggregator(nullptr);
   LogCapture log;
@@ -277,7 +277,8 @@ TEST_F(ZPKCommLoggerStackTest, WithoutAnAggregatorTheChainIsMadeAndRecordsUncut)
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-// There is nothing to reset where the aggregator should be, so the reset fails; all else is done.
+// There is nothing to reset where the aggregator should be, so the reset fails; everything else
+// succeeds.
 TEST_F(ZPKCommLoggerStackTest, WithoutAnAggregatorCloseClosesAndFailsWithoutAnError) {
   stack->setAggregator(nullptr);
   open();

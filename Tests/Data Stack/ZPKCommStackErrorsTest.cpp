@@ -1,5 +1,5 @@
-// Every failure that the comm stack reports itself, one row each: what the slot gets, what the log
-// gets, what is the same without a slot, and what state the stack is left in.
+// Every failure that the comm stack reports itself, one row each: the error in the slot, the line
+// in the log, the same without a slot, and the state in which the stack is left.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -22,10 +22,10 @@ struct Row {
   const char* description;
   const char* operation;
   State state;
-  // Makes the call and tells whether it gave the result of a failure.
+  // Makes the call; true if it returned the result of a failure.
   bool (*fails)(const ScriptedStack& made, ZPKErrorPtr* error);
   const char* response = "";   // what the device says
-  const char* swap = nullptr;  // a swap that was found before
+  const char* swap = nullptr;  // a swap that was detected before
   std::vector<std::string> callsBelow{};
 };
 

@@ -45,7 +45,7 @@ class ZPKCommStackLayersTest : public testing::Test {
   ZPKCommStackPtr stack = ZPKCommStack::init();
 };
 
-TEST_F(ZPKCommStackLayersTest, FiltersAreNullUntilTheyAreSetAndEmptyOnceTheyAreCleared) {
+TEST_F(ZPKCommStackLayersTest, FiltersAreNullUntilSetAndEmptyOnceCleared) {
   EXPECT_EQ(stack->readFilterTransformers(), std::nullopt);
   EXPECT_EQ(stack->readFilterHexTransformers(), std::nullopt);
   ASSERT_TRUE(stack->setReadFilters({"a", "b"}));
@@ -58,7 +58,7 @@ TEST_F(ZPKCommStackLayersTest, FiltersAreNullUntilTheyAreSetAndEmptyOnceTheyAreC
   EXPECT_THAT(*stack->readFilterHexTransformers(), IsEmpty());
 }
 
-TEST_F(ZPKCommStackLayersTest, ASettingThatIsTakenLeavesTheSlotAlone) {
+TEST_F(ZPKCommStackLayersTest, AnAcceptedSettingLeavesTheSlotAlone) {
   LogCapture log;
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(stack->setReadFilters({"a"}, &error));
@@ -69,7 +69,7 @@ TEST_F(ZPKCommStackLayersTest, ASettingThatIsTakenLeavesTheSlotAlone) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(ZPKCommStackLayersTest, ANewListReplacesTheWholeOldOneAndIsNotTheOtherKind) {
+TEST_F(ZPKCommStackLayersTest, ANewListReplacesTheOldOneOfItsKind) {
   ASSERT_TRUE(stack->setReadFilters({"a", "b"}));
   const ZPKDataTransformerArray old = *stack->readFilterTransformers();
   ASSERT_TRUE(stack->setReadFiltersHex({"63"}));
@@ -81,7 +81,7 @@ TEST_F(ZPKCommStackLayersTest, ANewListReplacesTheWholeOldOneAndIsNotTheOtherKin
   EXPECT_EQ(stack->readStringWithTimeout(1, std::nullopt), "b> ");
 }
 
-TEST_F(ZPKCommStackLayersTest, AFilterSeesOneWholeResponseOnceHoweverItCame) {
+TEST_F(ZPKCommStackLayersTest, AFilterSeesAWholeResponseOnceHoweverItArrives) {
   const auto filter = ScriptedTransformer::make();
   stack->setReadFilterTransformers(ZPKDataTransformerArray{filter});
   open();
@@ -90,7 +90,7 @@ TEST_F(ZPKCommStackLayersTest, AFilterSeesOneWholeResponseOnceHoweverItCame) {
   EXPECT_THAT(filter->chunks(), ElementsAre("2.33> "));
 }
 
-TEST_F(ZPKCommStackLayersTest, BothLogPathsAreStoredANullTooAndAnEmptyOneIsNoNull) {
+TEST_F(ZPKCommStackLayersTest, LogPathsAreStoredAndEmptyIsNotNull) {
   ASSERT_TRUE(stack->setLogFilePath("/a", "/b"));
   EXPECT_EQ(stack->logFilePath(), "/a");
   EXPECT_EQ(stack->preAggregatorLogFilePath(), "/b");
@@ -99,7 +99,7 @@ TEST_F(ZPKCommStackLayersTest, BothLogPathsAreStoredANullTooAndAnEmptyOneIsNoNul
   EXPECT_EQ(stack->preAggregatorLogFilePath(), "");
 }
 
-TEST_F(ZPKCommStackLayersTest, FiltersAreCutOutOfAResponseWhereverTheyStand) {
+TEST_F(ZPKCommStackLayersTest, FilteredBytesAreRemovedAnywhereInAResponse) {
   ASSERT_TRUE(stack->setReadFilters({"noise"}));
   ASSERT_TRUE(stack->setReadFiltersHex({"0x0d", "1B5b6D"}));
   open();
@@ -107,16 +107,16 @@ TEST_F(ZPKCommStackLayersTest, FiltersAreCutOutOfAResponseWhereverTheyStand) {
   EXPECT_EQ(stack->readStringWithTimeout(1, std::nullopt), "noise 12> ");
 }
 
-TEST_F(ZPKCommStackLayersTest, HexFiltersRunAheadOfTextFiltersAndEachListInItsOrder) {
+TEST_F(ZPKCommStackLayersTest, HexFiltersRunBeforeTextFiltersInListOrder) {
   ASSERT_TRUE(stack->setReadFilters({"ad", "be"}));
   ASSERT_TRUE(stack->setReadFiltersHex({"62", "63"}));
   open();
-  // Without b and c: "aade> ", then without "ad": "ae> "; "be" finds no b any more.
+  // Without b and c: "aade> ", then without "ad": "ae> "; "be" no longer matches, since b is gone.
   base->addRead("abacdbe> ");
   EXPECT_EQ(stack->readStringWithTimeout(1, std::nullopt), "ae> ");
 }
 
-TEST_F(ZPKCommStackLayersTest, AFilterThatRemovesAWholeResponseIsCode305AtOnce) {
+TEST_F(ZPKCommStackLayersTest, AFullyFilteredResponseFailsWithCode305AtOnce) {
   ASSERT_TRUE(stack->setReadFilters({"gone> "}));
   open();
   base->addRead("gone> ");
@@ -127,7 +127,7 @@ TEST_F(ZPKCommStackLayersTest, AFilterThatRemovesAWholeResponseIsCode305AtOnce) 
   EXPECT_EQ(base->readTimeouts().size(), 1U);
 }
 
-TEST_F(ZPKCommStackLayersTest, TheSwapDetectorSeesAResponseAheadOfTheFilters) {
+TEST_F(ZPKCommStackLayersTest, TheSwapDetectorSeesAResponseBeforeTheFilters) {
   ASSERT_TRUE(stack->enableECIDSwapDetectionWithECID(1));
   ASSERT_TRUE(stack->setReadFilters({"[00000000:00000002] :-) "}));
   stack->setDelimiter(":-) ");
@@ -139,7 +139,7 @@ TEST_F(ZPKCommStackLayersTest, TheSwapDetectorSeesAResponseAheadOfTheFilters) {
   EXPECT_EQ(error->code(), 309);
 }
 
-TEST_F(ZPKCommStackLayersTest, ABadHexFilterFailsWithoutAnErrorLogsAndKeepsTheOldList) {
+TEST_F(ZPKCommStackLayersTest, ABadHexFilterLogsAndKeepsTheOldList) {
   ASSERT_TRUE(stack->setReadFiltersHex({"41"}));
   const auto before = *stack->readFilterHexTransformers();
   LogCapture log;
@@ -153,7 +153,7 @@ TEST_F(ZPKCommStackLayersTest, ABadHexFilterFailsWithoutAnErrorLogsAndKeepsTheOl
   EXPECT_EQ(log.lines().size(), 4U);
 }
 
-TEST_F(ZPKCommStackLayersTest, AFailureAheadOfAnyListLeavesTheListNull) {
+TEST_F(ZPKCommStackLayersTest, AFailureBeforeAnyListLeavesTheListNull) {
   LogCapture log;
   EXPECT_FALSE(stack->setReadFiltersHex({"41", "4 1"}));
   EXPECT_FALSE(stack->setReadFilters({"a", ""}));
@@ -162,7 +162,7 @@ TEST_F(ZPKCommStackLayersTest, AFailureAheadOfAnyListLeavesTheListNull) {
   EXPECT_EQ(log.count("pattern cannot be nil, or empty"), 1U);
 }
 
-TEST_F(ZPKCommStackLayersTest, AnEmptyFilterFailsWithTheFactorysErrorAndKeepsTheOldList) {
+TEST_F(ZPKCommStackLayersTest, AnEmptyFilterFailsAndKeepsTheOldList) {
   ASSERT_TRUE(stack->setReadFilters({"a"}));
   ASSERT_TRUE(stack->setReadFiltersHex({"41"}));
   const auto before = *stack->readFilterTransformers();
@@ -183,7 +183,7 @@ TEST_F(ZPKCommStackLayersTest, AnEmptyFilterFailsWithTheFactorysErrorAndKeepsThe
   EXPECT_EQ(*stack->readFilterHexTransformers(), beforeHex);
 }
 
-TEST_F(ZPKCommStackLayersTest, AllFourSettingsAreRefusedWithCode302OnceCreatedAndAfterClose) {
+TEST_F(ZPKCommStackLayersTest, SettingsFailWithCode302OnceCreatedAndAfterClose) {
   const auto refuseAll = [&] {
     const auto refuses = [&](auto set, const char* message, const char* operation) {
       LogCapture log;
@@ -218,7 +218,7 @@ TEST_F(ZPKCommStackLayersTest, AllFourSettingsAreRefusedWithCode302OnceCreatedAn
   refuseAll();
 }
 
-TEST_F(ZPKCommStackLayersTest, TheBackgroundReaderGoesByTheNumbersBoolValue) {
+TEST_F(ZPKCommStackLayersTest, TheBackgroundReaderFollowsTheNumbersBoolValue) {
   const std::vector<std::pair<ZPKNumber, bool>> cases = {{1, true},    {0, false}, {0.5, true},
                                                          {0.0, false}, {-1, true}, {false, false}};
   for (const auto& [number, expected] : cases) {
@@ -244,7 +244,7 @@ TEST_F(ZPKCommStackLayersTest, TheTwoLogsShowTheConversationAndTheWire) {
   base->addRead("3#> rest");
   EXPECT_EQ(stack->sendCommandString("version", 1), "2.33> ");
   ASSERT_TRUE(stack->close());
-  // On the wire the command ends in a line feed, which begins a line of its own in the log.
+  // On the wire the command ends in a line feed, which begins a new line in the log.
   EXPECT_THAT(textsOfLog(prePath), ElementsAre("pre--write: version", "pre--write: ",
                                                "pre---read: 2.3", "pre---read: 3#> rest"));
   EXPECT_THAT(textsOfLog(postPath), ElementsAre("post-write: version", "post--read: 2.33> "));
@@ -272,7 +272,7 @@ TEST_F(ZPKCommStackLayersTest, BothLogsMayBeOneFile) {
                                             "post--read: > "));
 }
 
-TEST_F(ZPKCommStackLayersTest, ALogThatCannotBeMadeFailsTheOpenAboveTheTransport) {
+TEST_F(ZPKCommStackLayersTest, AFailedLogFailsTheOpenAboveTheTransport) {
   ASSERT_TRUE(stack->setLogFilePath(folder.pathOf("missing/post.log"), std::nullopt));
   create();
   LogCapture log;
@@ -283,7 +283,7 @@ TEST_F(ZPKCommStackLayersTest, ALogThatCannotBeMadeFailsTheOpenAboveTheTransport
   EXPECT_THAT(base->calls(), IsEmpty());
 }
 
-TEST_F(ZPKCommStackLayersTest, AStackOnAChannelThatIsOpenAlreadyWritesNoLog) {
+TEST_F(ZPKCommStackLayersTest, AStackOnAnAlreadyOpenChannelWritesNoLog) {
   ASSERT_TRUE(stack->setLogFilePath(postPath, prePath));
   ASSERT_TRUE(stack->createStackWithBaseChannel(base));
   base->addRead("> ");
@@ -292,7 +292,7 @@ TEST_F(ZPKCommStackLayersTest, AStackOnAChannelThatIsOpenAlreadyWritesNoLog) {
   EXPECT_TRUE(stack->close());
 }
 
-TEST_F(ZPKCommStackLayersTest, AFailedOpenAtTheTransportLeavesTheLogsUsableForTheNextOpen) {
+TEST_F(ZPKCommStackLayersTest, TheLogsWorkAfterAFailedOpenOfTheTransport) {
   ASSERT_TRUE(stack->setLogFilePath(postPath, prePath));
   base->setOpenResult(false, errorFromBelow());
   create();
@@ -307,7 +307,7 @@ TEST_F(ZPKCommStackLayersTest, AFailedOpenAtTheTransportLeavesTheLogsUsableForTh
   EXPECT_THAT(textsOfLog(postPath), ElementsAre("post-write: a", "post--read: > "));
 }
 
-TEST_F(ZPKCommStackLayersTest, AFailedOpenLeavesBothLogsOpenAndTheNextOneReplacesThem) {
+TEST_F(ZPKCommStackLayersTest, AFailedOpenLeavesBothLogsOpenUntilTheNext) {
   const std::set<int> before = openDescriptors();
   ASSERT_TRUE(stack->setLogFilePath(postPath, prePath));
   base->setOpenResult(false, errorFromBelow());
@@ -318,7 +318,7 @@ TEST_F(ZPKCommStackLayersTest, AFailedOpenLeavesBothLogsOpenAndTheNextOneReplace
   EXPECT_EQ(openDescriptors().size(), before.size() + 2);
 }
 
-TEST_F(ZPKCommStackLayersTest, WhenTheRawLogCannotBeMadeTheOuterOneStaysOpen) {
+TEST_F(ZPKCommStackLayersTest, TheOuterLogStaysOpenIfTheRawLogFails) {
   const std::set<int> before = openDescriptors();
   ASSERT_TRUE(stack->setLogFilePath(postPath, folder.pathOf("missing/pre.log")));
   create();
@@ -330,7 +330,7 @@ TEST_F(ZPKCommStackLayersTest, WhenTheRawLogCannotBeMadeTheOuterOneStaysOpen) {
   EXPECT_THAT(base->calls(), IsEmpty());
 }
 
-TEST_F(ZPKCommStackLayersTest, CloseAfterAFailedOpenClosesTheLogsAndFailsAtTheBottomUnreset) {
+TEST_F(ZPKCommStackLayersTest, CloseAfterAFailedOpenClosesLogsButResetsNothing) {
   const std::set<int> before = openDescriptors();
   ASSERT_TRUE(stack->setLogFilePath(postPath, prePath));
   ASSERT_TRUE(stack->createStackWithURL("unix:///nowhere/at/all"));
@@ -347,7 +347,7 @@ TEST_F(ZPKCommStackLayersTest, CloseAfterAFailedOpenClosesTheLogsAndFailsAtTheBo
   EXPECT_EQ(bytesOf(stack->aggregator()->buffer()), "held");
 }
 
-TEST_F(ZPKCommStackLayersTest, AfterAFailedOpenNoBackgroundReaderRunsAndCloseEndsAtIt) {
+TEST_F(ZPKCommStackLayersTest, AFailedOpenStartsNoBackgroundReaderAndCloseFails) {
   const auto device = WaitingChannel::make();
   device->setOpenResult(false, errorFromBelow());
   ASSERT_TRUE(stack->setLogFilePath(postPath, prePath));
@@ -380,7 +380,7 @@ TEST_F(ZPKCommStackLayersTest, TheBackgroundReaderDrainsTheDeviceWhileNobodyRead
   EXPECT_TRUE(stack->close());
 }
 
-TEST_F(ZPKCommStackLayersTest, WithTheBackgroundReaderTheRawLogStandsBelowIt) {
+TEST_F(ZPKCommStackLayersTest, TheRawLogIsBelowTheBackgroundReader) {
   auto device = WaitingChannel::make();
   ASSERT_TRUE(stack->setLogFilePath(std::nullopt, prePath));
   ASSERT_TRUE(stack->setActiveChannelOnOff(true, nullptr));
@@ -415,7 +415,7 @@ TEST_F(ZPKCommStackLayersTest, AReaderThatFailsLeavesTheStackClosed) {
   EXPECT_EQ(error->code(), 304);
 }
 
-TEST_F(ZPKCommStackLayersTest, WithTheBackgroundReaderACloseDropsWhatNobodyReadAndAnOpenGoesOn) {
+TEST_F(ZPKCommStackLayersTest, TheBackgroundReaderDropsUnreadDataAtCloseAndReopens) {
   const auto device = WaitingChannel::make();
   ASSERT_TRUE(stack->setActiveChannelOnOff(1, nullptr));
   ASSERT_TRUE(stack->createStackWithBaseChannel(device));

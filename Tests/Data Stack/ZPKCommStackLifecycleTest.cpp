@@ -17,7 +17,7 @@ using testing::IsEmpty;
 constexpr const char* kAlreadyOpen =
     "UART port cannot already be open, please call \"close\" before calling open again";
 
-// Makes the stack hold bytes that end in no delimiter.
+// Makes the stack buffer bytes that do not end in a delimiter.
 void holdBytes(const ScriptedStack& made, std::string_view bytes) {
   made->setTimeoutIsException(false);
   made.base->addRead(bytes);
@@ -69,7 +69,7 @@ TEST_F(ZPKCommStackLifecycleTest, CreatingFromABadURLFailsWithTheFactorysError) 
   }
 }
 
-TEST_F(ZPKCommStackLifecycleTest, ABadURLIsToldBeforeTheOpenChainIs) {
+TEST_F(ZPKCommStackLifecycleTest, ABadURLIsReportedBeforeAnOpenChain) {
   const ScriptedStack made;
   ZPKErrorPtr error;
   EXPECT_FALSE(made->createStackWithURL("nowhere", &error));
@@ -90,7 +90,7 @@ TEST_F(ZPKCommStackLifecycleTest, CreatingCallsNothingOnTheBaseChannel) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(ZPKCommStackLifecycleTest, ANullBaseChannelFailsWithoutAnErrorOrALogLine) {
+TEST_F(ZPKCommStackLifecycleTest, ANullBaseChannelFailsWithoutErrorOrLogLine) {
   const auto stack = ZPKCommStack::init();
   ZPKErrorPtr error = olderError();
   EXPECT_FALSE(stack->createStackWithBaseChannel(nullptr, &error));
@@ -99,7 +99,7 @@ TEST_F(ZPKCommStackLifecycleTest, ANullBaseChannelFailsWithoutAnErrorOrALogLine)
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(ZPKCommStackLifecycleTest, ANullBaseChannelLeavesAClosedChainAndWhatItHolds) {
+TEST_F(ZPKCommStackLifecycleTest, ANullBaseChannelKeepsTheChainAndHeldBytes) {
   const ScriptedStack made;
   holdBytes(made, "held");
   made.base->setOpened(false);
@@ -125,7 +125,7 @@ TEST_F(ZPKCommStackLifecycleTest, AnOpenChainIsNotReplaced) {
   }
 }
 
-TEST_F(ZPKCommStackLifecycleTest, ASecondCreateReplacesAClosedChainAndKeepsTheSettings) {
+TEST_F(ZPKCommStackLifecycleTest, ASecondCreateReplacesAClosedChainButKeepsSettings) {
   const ScriptedStack made;
   const auto aggregator = made->aggregator();
   const auto appender = made->appender();
@@ -146,7 +146,7 @@ TEST_F(ZPKCommStackLifecycleTest, ASecondCreateReplacesAClosedChainAndKeepsTheSe
   EXPECT_THAT(next->writes(), ElementsAre("ask\r"));
 }
 
-TEST_F(ZPKCommStackLifecycleTest, AReplacedChainIsReleasedAtOnceWithoutACallOnIt) {
+TEST_F(ZPKCommStackLifecycleTest, AReplacedChainIsReleasedAtOnceAndNotCalled) {
   ScriptedStack made;
   made.base->addRead("answer> ");
   ASSERT_EQ(made->sendCommandString("ask", 1), "answer> ");
@@ -159,7 +159,7 @@ TEST_F(ZPKCommStackLifecycleTest, AReplacedChainIsReleasedAtOnceWithoutACallOnIt
   EXPECT_TRUE(old.expired());
 }
 
-TEST_F(ZPKCommStackLifecycleTest, AChainThatThePlainSetterTakesAwayIsReleasedAtOnce) {
+TEST_F(ZPKCommStackLifecycleTest, AChainThatThePlainSetterRemovesIsReleased) {
   ScriptedStack made;
   made.base->addRead("answer> ");
   ASSERT_EQ(made->sendCommandString("ask", 1), "answer> ");
@@ -169,7 +169,7 @@ TEST_F(ZPKCommStackLifecycleTest, AChainThatThePlainSetterTakesAwayIsReleasedAtO
   EXPECT_TRUE(base.expired());
 }
 
-TEST_F(ZPKCommStackLifecycleTest, AChainThatThePlainSetterGivesIsTheOneThatTalks) {
+TEST_F(ZPKCommStackLifecycleTest, AChainFromThePlainSetterTalks) {
   const ScriptedStack made;
   const ZPKDataChannelPtr first = made->commChannel();
   const auto other = ScriptedChannel::make();
@@ -204,14 +204,14 @@ TEST_F(ZPKCommStackLifecycleTest, TheSameBaseChannelCanBeGivenAgain) {
   EXPECT_EQ(made->readStringWithTimeout(1, std::nullopt), "twice> ");
 }
 
-// What a create without one of the transformers reports, and at which layer.
+// What a create reports without one of the transformers, and at which layer.
 struct MissingTransformer {
   const char* description;
   const char* function;
   void (*remove)(ZPKCommStack& stack);
 };
 
-TEST_F(ZPKCommStackLifecycleTest, AFailedCreateKeepsTheOldChainAndLeavesTheBaseChannelAlone) {
+TEST_F(ZPKCommStackLifecycleTest, AFailedCreateKeepsTheOldChain) {
   const std::vector<MissingTransformer> cases = {
       {"transformer cannot be nil", "createAggregatingTransformerChannel",
        [](ZPKCommStack& stack) { stack.setAggregator(nullptr); }},
@@ -250,7 +250,7 @@ TEST_F(ZPKCommStackLifecycleTest, AFailedCreateHasEmptiedTheHeldBytes) {
 
 // --- Open.
 
-TEST_F(ZPKCommStackLifecycleTest, OpenHandsItsTimeoutDownAndNullIsForever) {
+TEST_F(ZPKCommStackLifecycleTest, OpenPassesItsTimeoutDownAndNullIsForever) {
   const ScriptedStack made;
   ZPKErrorPtr error = olderError();
   const std::vector<std::optional<ZPKNumber>> timeouts = {std::nullopt, 2.5, 0, 3, -1};
@@ -264,7 +264,7 @@ TEST_F(ZPKCommStackLifecycleTest, OpenHandsItsTimeoutDownAndNullIsForever) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(ZPKCommStackLifecycleTest, AFailedOpenPassesTheErrorUpAndMayBeTriedAgainAtOnce) {
+TEST_F(ZPKCommStackLifecycleTest, AFailedOpenReturnsTheErrorAndMayBeRepeated) {
   const ScriptedStack made;
   made.base->setOpened(false);
   made.base->setOpenResult(false, errorFromBelow());
@@ -291,7 +291,7 @@ TEST_F(ZPKCommStackLifecycleTest, AfterAFailedOpenANewChainCanBeCreated) {
   EXPECT_EQ(made->isOpen(), 1);
 }
 
-TEST_F(ZPKCommStackLifecycleTest, ARefusedConnectionGivesNoErrorAndItsCloseFailsWithCode2) {
+TEST_F(ZPKCommStackLifecycleTest, ARefusedConnectionHasNoErrorAndCannotBeClosed) {
   const auto stack = ZPKCommStack::init();
   ASSERT_TRUE(stack->createStackWithURL("unix:///nowhere/at/all"));
   ZPKErrorPtr error = olderError();
@@ -305,7 +305,7 @@ TEST_F(ZPKCommStackLifecycleTest, ARefusedConnectionGivesNoErrorAndItsCloseFails
       {"zephal-communication", 2, "Device Already Closed", "close", "DescriptorOperation.h"});
 }
 
-TEST_F(ZPKCommStackLifecycleTest, IsOpenGivesAnIntegerAndNeverTouchesTheSlot) {
+TEST_F(ZPKCommStackLifecycleTest, IsOpenReturnsAnIntegerAndNeverTouchesTheSlot) {
   ZPKErrorPtr error = olderError();
   EXPECT_EQ(ZPKCommStack::init()->isOpen(&error), 0);
   const ScriptedStack made;
@@ -336,14 +336,14 @@ TEST_F(ZPKCommStackLifecycleTest, AStackOnAnAdoptedSocketIsOpenAtOnce) {
 
 // --- Close.
 
-TEST_F(ZPKCommStackLifecycleTest, CloseWithoutAChainFailsWithoutAnErrorOrALogLine) {
+TEST_F(ZPKCommStackLifecycleTest, CloseWithoutAChainFailsWithoutErrorOrLogLine) {
   ZPKErrorPtr error = olderError();
   EXPECT_FALSE(ZPKCommStack::init()->close(&error));
   EXPECT_EQ(error, olderError());
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(ZPKCommStackLifecycleTest, CloseOfAChainThatWasNeverOpenedFailsWithCode2AndResetsNothing) {
+TEST_F(ZPKCommStackLifecycleTest, CloseWithoutOpenFailsWithCode2AndResetsNothing) {
   const auto stack = ZPKCommStack::init();
   ASSERT_TRUE(stack->createStackWithURL("unix:///nowhere/at/all"));
   stack->aggregator()->buffer()->setContents(*dataOf("held"));
@@ -391,7 +391,7 @@ TEST_F(ZPKCommStackLifecycleTest, AFailedCloseSkipsTheResetAndKeepsHeldBytes) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(ZPKCommStackLifecycleTest, AFailedResetFailsTheCloseThoughTheChainIsClosedAndEmpty) {
+TEST_F(ZPKCommStackLifecycleTest, AFailedResetFailsACloseThatIsOtherwiseDone) {
   const ScriptedStack made;
   holdBytes(made, "held");
   made.base->setResetResult(false, errorFromBelow());
@@ -402,7 +402,7 @@ TEST_F(ZPKCommStackLifecycleTest, AFailedResetFailsTheCloseThoughTheChainIsClose
   EXPECT_EQ(bytesOf(made->aggregator()->buffer()), "");
 }
 
-TEST_F(ZPKCommStackLifecycleTest, AStackWhoseTransportFellIsClosedAndItsCloseFails) {
+TEST_F(ZPKCommStackLifecycleTest, AFailedTransportClosesTheStackAndCloseFails) {
   SocketStack made;
   made.pair.send("half");
   made.pair.closePeer();
@@ -469,7 +469,7 @@ TEST_F(ZPKCommStackLifecycleTest, TheSwapDetectorDoesNotKeepTheStackAlive) {
   EXPECT_TRUE(watched.expired());
   ZPKMutableData prompt;
   prompt.append(*dataOf("[00000000:00000002] :-) "));
-  checker->modifyData(&prompt);  // calls back to nobody
+  checker->modifyData(&prompt);  // no stack is left to call back
   EXPECT_EQ(prompt.length(), 0U);
 }
 

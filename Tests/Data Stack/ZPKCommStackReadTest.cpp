@@ -1,4 +1,4 @@
-// What one read of the comm stack gives: delimiters, leftovers and time.
+// What one read of the comm stack returns: delimiters, leftovers and time.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -46,7 +46,7 @@ TEST_F(ZPKCommStackReadTest, AReadSendsNothing) {
   EXPECT_THAT(made.base->calls(), ElementsAre("read"));
 }
 
-TEST_F(ZPKCommStackReadTest, TwoResponsesInOneChunkComeOneByOneTheSecondWithoutARead) {
+TEST_F(ZPKCommStackReadTest, TwoResponsesInOneChunkNeedOnlyOneReadBelow) {
   const ScriptedStack made;
   made.base->addRead("one> two> ");
   EXPECT_EQ(made->readStringWithTimeout(1, std::nullopt), "one> ");
@@ -54,7 +54,7 @@ TEST_F(ZPKCommStackReadTest, TwoResponsesInOneChunkComeOneByOneTheSecondWithoutA
   EXPECT_THAT(made.base->calls(), ElementsAre("read"));
 }
 
-TEST_F(ZPKCommStackReadTest, AResultStaysAsItIsThroughLaterReads) {
+TEST_F(ZPKCommStackReadTest, AResultIsNotChangedByLaterReads) {
   const ScriptedStack made;
   made.base->addRead("one> two> thr");
   const ZPKDataPtr first = made->readDataWithTimeout(1, nullptr);
@@ -78,7 +78,7 @@ TEST_F(ZPKCommStackReadTest, AResponseIsTheSameWhereverItsChunksAreSplit) {
   }
 }
 
-TEST_F(ZPKCommStackReadTest, AResponseThatTricklesComesWhole) {
+TEST_F(ZPKCommStackReadTest, ATricklingResponseIsReturnedWhole) {
   const ScriptedStack made;
   const std::string response = "slow and steady> ";
   for (const char byte : response) {
@@ -88,7 +88,7 @@ TEST_F(ZPKCommStackReadTest, AResponseThatTricklesComesWhole) {
   EXPECT_EQ(made->sendCommandString("go", 30), response);
 }
 
-TEST_F(ZPKCommStackReadTest, HalfAResponseIsKeptPastATimeoutAndBeginsTheNextOne) {
+TEST_F(ZPKCommStackReadTest, HalfAResponseSurvivesATimeoutAndBeginsTheNext) {
   const ScriptedStack made;
   made.base->addRead("first ");
   ZPKErrorPtr error;
@@ -98,7 +98,7 @@ TEST_F(ZPKCommStackReadTest, HalfAResponseIsKeptPastATimeoutAndBeginsTheNextOne)
   EXPECT_EQ(made->readStringWithTimeout(0, std::nullopt), "first half> ");
 }
 
-TEST_F(ZPKCommStackReadTest, BytesBehindTheDelimiterBeginTheNextResponse) {
+TEST_F(ZPKCommStackReadTest, BytesAfterTheDelimiterBeginTheNextResponse) {
   const ScriptedStack made;
   made.base->addRead("one> tw");
   EXPECT_EQ(made->sendCommandString("1", 1), "one> ");
@@ -126,7 +126,7 @@ TEST_F(ZPKCommStackReadTest, AHeldResponseAnswersACommandAtOnce) {
   EXPECT_THAT(made.base->calls(), ElementsAre("read", "write"));
 }
 
-TEST_F(ZPKCommStackReadTest, HeldBytesGoWithAGoodClose) {
+TEST_F(ZPKCommStackReadTest, AGoodCloseDropsHeldBytes) {
   const ScriptedStack made;
   made.base->addRead("one> two> ");
   made->readDataWithTimeout(1, nullptr);
@@ -136,7 +136,7 @@ TEST_F(ZPKCommStackReadTest, HeldBytesGoWithAGoodClose) {
   EXPECT_EQ(made->readStringWithTimeout(1, std::nullopt), "three> ");
 }
 
-TEST_F(ZPKCommStackReadTest, ANewDelimiterCutsWhatIsHeldAlready) {
+TEST_F(ZPKCommStackReadTest, ANewDelimiterAlsoSplitsHeldBytes) {
   const ScriptedStack made;
   made.base->addRead("a> b# c> d");
   EXPECT_EQ(made->readStringWithTimeout(1, std::nullopt), "a> ");
@@ -147,7 +147,7 @@ TEST_F(ZPKCommStackReadTest, ANewDelimiterCutsWhatIsHeldAlready) {
   EXPECT_THAT(made.base->calls(), ElementsAre("read"));
 }
 
-TEST_F(ZPKCommStackReadTest, WithoutADelimiterAllBytesComeAtOnceTheHeldOnesFirst) {
+TEST_F(ZPKCommStackReadTest, WithoutADelimiterAllBytesAreReturnedHeldOnesFirst) {
   const std::vector<std::optional<std::string_view>> none = {std::nullopt, ""};
   for (const auto& delimiter : none) {
     const ScriptedStack made;
@@ -160,9 +160,9 @@ TEST_F(ZPKCommStackReadTest, WithoutADelimiterAllBytesComeAtOnceTheHeldOnesFirst
   }
 }
 
-// --- Reading with another delimiter.
+// --- Reading with a different delimiter.
 
-TEST_F(ZPKCommStackReadTest, AnotherDelimiterHoldsForOneRead) {
+TEST_F(ZPKCommStackReadTest, ADifferentDelimiterAppliesToOneRead) {
   const ScriptedStack made;
   made.base->addRead("user: pass> ");
   EXPECT_EQ(bytesOf(made->readDataWithTimeout(1, dataOf(": "))), "user: ");
@@ -172,7 +172,7 @@ TEST_F(ZPKCommStackReadTest, AnotherDelimiterHoldsForOneRead) {
   EXPECT_EQ(made->readStringWithTimeout(1, std::nullopt), " rest> ");
 }
 
-TEST_F(ZPKCommStackReadTest, AnotherDelimiterPicksAUnitOutOfWhatIsHeld) {
+TEST_F(ZPKCommStackReadTest, ADifferentDelimiterExtractsAUnitFromHeldBytes) {
   const ScriptedStack made;
   made.base->addRead("one> two: thr");
   EXPECT_EQ(made->readStringWithTimeout(1, std::nullopt), "one> ");
@@ -181,24 +181,24 @@ TEST_F(ZPKCommStackReadTest, AnotherDelimiterPicksAUnitOutOfWhatIsHeld) {
   EXPECT_THAT(made.base->calls(), ElementsAre("read"));
 }
 
-TEST_F(ZPKCommStackReadTest, TheUsualDelimiterDoesNotCutAReadWithAnother) {
+TEST_F(ZPKCommStackReadTest, TheUsualDelimiterDoesNotSplitAReadWithAnother) {
   const ScriptedStack made;
   made.base->addRead("a> b# c> ");
   EXPECT_EQ(made->readStringWithTimeout(1, "#"), "a> b#");
 }
 
-TEST_F(ZPKCommStackReadTest, AnEmptyDelimiterIsASwapAndLetsEverythingThrough) {
+TEST_F(ZPKCommStackReadTest, AnEmptyDelimiterLetsEverythingThroughAndIsRestored) {
   const ScriptedStack made;
   made.base->addRead("a> held");
   EXPECT_EQ(made->readStringWithTimeout(1, std::nullopt), "a> ");
-  EXPECT_EQ(made->readStringWithTimeout(0, ""), "held");  // after one read below that gave nothing
+  EXPECT_EQ(made->readStringWithTimeout(0, ""), "held");  // after one empty read below
   made.base->addRead("b> c");
   EXPECT_EQ(bytesOf(made->readDataWithTimeout(1, ZPKData::data())), "b> c");
   EXPECT_THAT(made.base->calls(), ElementsAre("read", "read", "read"));
   EXPECT_EQ(bytesOf(made->aggregator()->data2Find()), "> ");
 }
 
-TEST_F(ZPKCommStackReadTest, TheDelimiterIsPutBackWhateverBecomesOfTheRead) {
+TEST_F(ZPKCommStackReadTest, TheDelimiterIsRestoredHoweverTheReadEnds) {
   const ZPKDataPtr kept = dataOf("kept");
   const std::vector<std::function<void(ScriptedChannel&)>> devices = {
       [](ScriptedChannel& base) { base.addRead("answer#"); }, [](ScriptedChannel&) {},  // a timeout
@@ -220,7 +220,7 @@ TEST_F(ZPKCommStackReadTest, TheDelimiterIsPutBackWhateverBecomesOfTheRead) {
   }
 }
 
-TEST_F(ZPKCommStackReadTest, TheDelimiterIsBackWhenAFailureOfTheReadIsReported) {
+TEST_F(ZPKCommStackReadTest, TheDelimiterIsRestoredBeforeAFailedReadIsReported) {
   for (const bool swapped : {false, true}) {
     const ScriptedStack made;
     if (swapped) made->setEcidSwapInformation("swap");
@@ -234,7 +234,7 @@ TEST_F(ZPKCommStackReadTest, TheDelimiterIsBackWhenAFailureOfTheReadIsReported) 
   }
 }
 
-TEST_F(ZPKCommStackReadTest, ANullUsualDelimiterIsPutBackToo) {
+TEST_F(ZPKCommStackReadTest, ANullUsualDelimiterIsRestoredToo) {
   const ScriptedStack made;
   made->setDelimiter(std::nullopt);
   made.base->addRead("a#b");
@@ -250,7 +250,7 @@ TEST_F(ZPKCommStackReadTest, ANullDelimiterChangesNoDelimiter) {
   EXPECT_EQ(bytesOf(made->readDataWithTimeout(1, nullptr)), "a> ");
 }
 
-TEST_F(ZPKCommStackReadTest, AReadOnAClosedStackDoesNotTouchTheDelimiter) {
+TEST_F(ZPKCommStackReadTest, AReadOnAClosedStackLeavesTheDelimiterAlone) {
   const ScriptedStack made;
   made.base->setOpened(false);
   const ZPKDataPtr usual = made->aggregator()->data2Find();
@@ -268,7 +268,7 @@ TEST_F(ZPKCommStackReadTest, ADelimiterNeedNotBeText) {
 
 // --- Time.
 
-TEST_F(ZPKCommStackReadTest, TheReadBelowGetsATenthOfTheTimeoutButNowAndForeverAsTheyAre) {
+TEST_F(ZPKCommStackReadTest, TheReadBelowGetsATenthOfAFiniteTimeout) {
   const std::vector<std::pair<std::optional<ZPKNumber>, double>> cases = {
       {0, 0.0}, {0.0, 0.0}, {5, 0.5}, {2.5, 0.25}, {-1, -1.0}, {std::nullopt, -1.0}, {-0.5, -0.05}};
   for (const auto& [timeout, slice] : cases) {
@@ -282,7 +282,7 @@ TEST_F(ZPKCommStackReadTest, TheReadBelowGetsATenthOfTheTimeoutButNowAndForeverA
   }
 }
 
-TEST_F(ZPKCommStackReadTest, ANegativeTimeoutHandsOutAUnitThatIsHeld) {
+TEST_F(ZPKCommStackReadTest, ANegativeTimeoutReturnsAHeldUnit) {
   TransportPeer peer(TransportPeer::Kind::kAdopted);
   const auto stack = ZPKCommStack::init();
   ASSERT_TRUE(stack->createStackWithBaseChannel(peer.makeChannel()));
@@ -296,7 +296,7 @@ TEST_F(ZPKCommStackReadTest, ANegativeTimeoutHandsOutAUnitThatIsHeld) {
   EXPECT_EQ(descriptionOf(error), "time out has an invalid value");
 }
 
-// What is held comes out together with what the read below gives, however long that takes.
+// The held bytes are returned together with those of the read below, however long that takes.
 TEST_F(ZPKCommStackReadTest, ForeverWithAnEmptyDelimiterWaitsThoughBytesAreHeld) {
   const ScriptedStack made;
   made.base->addRead("held");
@@ -337,7 +337,7 @@ TEST_F(ZPKCommStackReadTest, ATimeoutComesNoEarlierThanItsTime) {
   EXPECT_LT(passed, std::chrono::minutes(1));
 }
 
-TEST_F(ZPKCommStackReadTest, ATimeoutIsOverAsSoonAsItsTimeIs) {
+TEST_F(ZPKCommStackReadTest, ATimeoutEndsAsSoonAsItsTimeHasPassed) {
   TestClock clock;
   const ScriptedStack made;
   made.base->setOnRead([&clock](double) { clock.advance(std::chrono::milliseconds(500)); });
@@ -345,8 +345,8 @@ TEST_F(ZPKCommStackReadTest, ATimeoutIsOverAsSoonAsItsTimeIs) {
   EXPECT_EQ(clock.passed(), std::chrono::seconds(2));
 }
 
-TEST_F(ZPKCommStackReadTest, ATimeoutNamesTheCallersNumberAsItIs) {
-  // Straight on the scripted channel, whose empty read comes up whatever the timeout.
+TEST_F(ZPKCommStackReadTest, ATimeoutErrorShowsTheCallersNumberUnchanged) {
+  // Directly on the scripted channel, whose empty read is passed up whatever the timeout.
   const std::vector<std::pair<std::optional<ZPKNumber>, std::string>> cases = {
       {0, "0"},   {0.5, "0.5"}, {1, "1"},   {1.0, "1"},           {0.0, "0"},
       {-1, "-1"}, {-1.0, "-1"}, {30, "30"}, {std::nullopt, "-1"}, {0.25, "0.25"}};
@@ -369,7 +369,7 @@ TEST_F(ZPKCommStackReadTest, ATimeoutNamesTheCallersNumberAsItIs) {
   }
 }
 
-TEST_F(ZPKCommStackReadTest, TimeoutsThatAreNoExceptionsGiveEmptyResults) {
+TEST_F(ZPKCommStackReadTest, TimeoutsThatAreNotExceptionsReturnEmptyResults) {
   const ScriptedStack made;
   ZPKErrorPtr error = olderError();
   made->setTimeoutIsException(0, &error);
@@ -383,7 +383,7 @@ TEST_F(ZPKCommStackReadTest, TimeoutsThatAreNoExceptionsGiveEmptyResults) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(ZPKCommStackReadTest, TimeoutsThatAreNoExceptionsHoldHalfAResponseAllTheSame) {
+TEST_F(ZPKCommStackReadTest, TimeoutsThatAreNotExceptionsStillHoldHalfAResponse) {
   const ScriptedStack made;
   made->setTimeoutIsException(false);
   made.base->addRead("half");
@@ -398,7 +398,7 @@ class Swallow final : public ZPKDataTransformer {
   bool reset(ZPKErrorPtr*) override { return true; }
 };
 
-TEST_F(ZPKCommStackReadTest, AResponseThatIsFilteredAwayIsATimeoutAtOnce) {
+TEST_F(ZPKCommStackReadTest, AResponseThatIsFilteredAwayTimesOutAtOnce) {
   const ScriptedStack made;
   made->setCommChannel(
       createChannelTransformer(made->commChannel(), {std::make_shared<Swallow>()}, {}));

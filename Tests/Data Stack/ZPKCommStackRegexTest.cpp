@@ -27,7 +27,7 @@ std::optional<std::string> withoutEcho(const std::string& response,
   return result;
 }
 
-// What `pattern` picks of `response`, the echo of "ask\n" taken out.
+// What `pattern` picks from `response` after the echo of "ask\n" is removed.
 std::optional<std::string> picked(const std::string& response, const char* pattern,
                                   ZPKErrorPtr* error = nullptr) {
   const ScriptedStack made;
@@ -48,20 +48,20 @@ TEST_F(ZPKCommStackRegexTest, TheEchoAndItsTerminatorAreRemoved) {
   EXPECT_EQ(withoutEcho("ask\nanswer\n> ", "\n", "ask"), "answer\n> ");
 }
 
-TEST_F(ZPKCommStackRegexTest, AnEchoInTheMiddleOrAtTheEndIsRemovedThere) {
+TEST_F(ZPKCommStackRegexTest, AnEchoInTheMiddleOrTheEndIsRemoved) {
   EXPECT_EQ(withoutEcho("noise ask\nanswer\n> ", "\n", "ask"), "noise answer\n> ");
   EXPECT_EQ(withoutEcho("answer > ", "> ", "answer "), "");
 }
 
-TEST_F(ZPKCommStackRegexTest, OnlyTheFirstEchoGoes) {
+TEST_F(ZPKCommStackRegexTest, OnlyTheFirstEchoIsRemoved) {
   EXPECT_EQ(withoutEcho("ask\nask\nanswer\nask\n> ", "\n", "ask"), "ask\nanswer\nask\n> ");
 }
 
-TEST_F(ZPKCommStackRegexTest, ARemovalThatBringsAnotherEchoTogetherLeavesThatOne) {
+TEST_F(ZPKCommStackRegexTest, AnEchoThatARemovalFormsStays) {
   EXPECT_EQ(withoutEcho("asask\nk\n> ", "\n", "ask"), "ask\n> ");
 }
 
-TEST_F(ZPKCommStackRegexTest, AnEchoWithAnotherLineEndStays) {
+TEST_F(ZPKCommStackRegexTest, AnEchoWithADifferentLineTerminatorStays) {
   EXPECT_EQ(withoutEcho("ask\r\nanswer\n> ", "\n", "ask"), "ask\r\nanswer\n> ");
   EXPECT_EQ(withoutEcho("ASK\nanswer\n> ", "\n", "ask"), "ASK\nanswer\n> ");
 }
@@ -76,13 +76,13 @@ TEST_F(ZPKCommStackRegexTest, TheEchoOfAnEmptyCommandIsTheTerminator) {
   EXPECT_EQ(withoutEcho("a\nb\n> ", std::nullopt, ""), "a\nb\n> ");
 }
 
-TEST_F(ZPKCommStackRegexTest, TheEchoIsPlainTextAndNoPattern) {
+TEST_F(ZPKCommStackRegexTest, TheEchoIsPlainTextNotAPattern) {
   EXPECT_EQ(withoutEcho("a.*b\nxx\n> ", "\n", "a.*b"), "xx\n> ");
   EXPECT_EQ(withoutEcho("axxb\nxx\n> ", "\n", "a.*b"), "axxb\nxx\n> ");
   EXPECT_EQ(withoutEcho("%s%n%@\n100%\n> ", "\n", "%s%n%@"), "100%\n> ");
 }
 
-TEST_F(ZPKCommStackRegexTest, TheEchoMayHoldCharactersOfSeveralBytesAndNulBytes) {
+TEST_F(ZPKCommStackRegexTest, TheEchoMayContainMultibyteCharactersAndNulBytes) {
   EXPECT_EQ(withoutEcho("\u20ACsk\u00E9\n\u20AC> ", "\u00E9\n", "\u20ACsk"), "\u20AC> ");
   EXPECT_EQ(withoutEcho(std::string("a\0b\nc> ", 7), "\n", std::string_view("a\0b", 3)), "c> ");
 }
@@ -95,7 +95,7 @@ TEST_F(ZPKCommStackRegexTest, TheTerminatorOfTheEchoIsReadAfterTheResponse) {
   EXPECT_THAT(made.base->writes(), ElementsAre("ask\n"));
 }
 
-TEST_F(ZPKCommStackRegexTest, ATerminatorThatIsNoTextOrMissingLeavesTheBareCommandAsTheEcho) {
+TEST_F(ZPKCommStackRegexTest, WithoutATextualTerminatorTheBareCommandIsTheEcho) {
   const ScriptedStack made;
   made->appender()->setDataToAppend(dataOf("\xFF"));
   made.base->addRead("ask answer> ");
@@ -114,12 +114,12 @@ TEST_F(ZPKCommStackRegexTest, AGroupGivesItsText) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(ZPKCommStackRegexTest, OfSeveralGroupsTheFirstCounts) {
+TEST_F(ZPKCommStackRegexTest, TheFirstOfSeveralGroupsCounts) {
   EXPECT_EQ(picked("a=1 b=2> ", "a=(\\d) b=(\\d)"), "1");
   EXPECT_EQ(picked("a=1> ", "((a)=(1))"), "a=1");
 }
 
-TEST_F(ZPKCommStackRegexTest, OfSeveralMatchesTheFirstCounts) {
+TEST_F(ZPKCommStackRegexTest, TheFirstOfSeveralMatchesCounts) {
   EXPECT_EQ(picked("v1 v2 v3> ", "v(\\d)"), "1");
 }
 
@@ -128,28 +128,28 @@ TEST_F(ZPKCommStackRegexTest, WithoutAGroupTheWholeMatchIsPicked) {
   EXPECT_EQ(picked("v12> ", "(?:v)\\d+"), "v12");
 }
 
-TEST_F(ZPKCommStackRegexTest, AGroupThatTookNoPartGivesTheWholeMatch) {
+TEST_F(ZPKCommStackRegexTest, AGroupThatDidNotMatchGivesTheWholeMatch) {
   EXPECT_EQ(picked("state idle> ", "state (?:on(\\d)|idle)"), "state idle");
   EXPECT_EQ(picked("b7> ", "a(\\d)|b(\\d)"), "b7");
 }
 
-TEST_F(ZPKCommStackRegexTest, AnEmptyGroupGivesEmptyTextAndNotTheWholeMatch) {
+TEST_F(ZPKCommStackRegexTest, AnEmptyGroupGivesEmptyTextNotTheWholeMatch) {
   EXPECT_EQ(picked("name: > ", "name:(\\w*)"), "");
   EXPECT_EQ(picked("\u20AC> ", "$()"), "");
 }
 
-TEST_F(ZPKCommStackRegexTest, AMatchMaySpanLinesAndTakeInThePrompt) {
+TEST_F(ZPKCommStackRegexTest, AMatchMaySpanLinesAndIncludeThePrompt) {
   EXPECT_EQ(picked("ask\none\ntwo\n> ", "(?s)one(.*)"), "\ntwo\n> ");
   EXPECT_EQ(picked("ask\none\ntwo\n> ", "(?m)^(t.*)$"), "two");
 }
 
-TEST_F(ZPKCommStackRegexTest, TheEchoIsGoneBeforeThePatternLooks) {
+TEST_F(ZPKCommStackRegexTest, TheEchoIsRemovedBeforeTheSearch) {
   EXPECT_EQ(picked("ask\nanswer\n> ", "^(\\w+)"), "answer");
   EXPECT_EQ(picked("ask\nanswer\n> ", "ask"), std::nullopt);
 }
 
-TEST_F(ZPKCommStackRegexTest, CharactersOfSeveralBytesAroundTheMatchDoNotMoveIt) {
-  // One, two, three and four bytes in front of, in and behind the match.
+TEST_F(ZPKCommStackRegexTest, MultibyteCharactersAroundTheMatchDoNotShiftIt) {
+  // One, two, three and four bytes before, in and after the match.
   const std::vector<std::string> characters = {"a", "\u00E9", "\u20AC", "\U0001F600"};
   for (const std::string& before : characters) {
     for (const std::string& in : characters) {
@@ -177,7 +177,7 @@ TEST_F(ZPKCommStackRegexTest, ANullPatternGivesTheWholeResponseWithoutItsEcho) {
   EXPECT_EQ(made->sendCommandStringWithEchoRemoval("ask", nullptr, 1, nullptr), "answer> ");
 }
 
-TEST_F(ZPKCommStackRegexTest, WithoutAMatchTheErrorShowsThePatternAndTheEchoFreeResponse) {
+TEST_F(ZPKCommStackRegexTest, WithoutAMatchTheErrorShowsPatternAndResponse) {
   ZPKErrorPtr error = olderError();
   EXPECT_EQ(picked("ask\nanswer\n> ", "version (\\d+)", &error), std::nullopt);
   expectFailure(
@@ -186,7 +186,7 @@ TEST_F(ZPKCommStackRegexTest, WithoutAMatchTheErrorShowsThePatternAndTheEchoFree
                        "sendCommandStringWithEchoRemoval:regex:timeout:error:"));
 }
 
-TEST_F(ZPKCommStackRegexTest, NeitherPatternNorResponseBecomesAFormat) {
+TEST_F(ZPKCommStackRegexTest, NeitherPatternNorResponseIsUsedAsAFormat) {
   ZPKErrorPtr error;
   EXPECT_EQ(picked("100%@ %s%n%d%% %1$s> ", "%d%@%s%%z", &error), std::nullopt);
   expectFailure(
@@ -219,7 +219,7 @@ TEST_F(ZPKCommStackRegexTest, AnEmptyResponseIsSearchedWhenTimeoutsAreNoExceptio
   EXPECT_EQ(descriptionOf(error), "Unable to parse response\nregex:x\nresponse:\n");
 }
 
-TEST_F(ZPKCommStackRegexTest, APatternThatBacktracksWithoutEndIsNoMatch) {
+TEST_F(ZPKCommStackRegexTest, APatternThatBacktracksEndlesslyDoesNotMatch) {
   ZPKErrorPtr error;
   EXPECT_EQ(picked(std::string(40, 'a') + "> ", "^(a+)+$", &error), std::nullopt);
   EXPECT_EQ(codeOf(error), 308);

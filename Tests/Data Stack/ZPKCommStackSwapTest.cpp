@@ -28,7 +28,7 @@ struct GuardedStack {
 
   ZPKCommStack* operator->() const { return stack.get(); }
   void answer(const std::string& text, const char* prompt) { base->addRead(text + prompt); }
-  void meetAnotherDevice() {
+  void readFromDifferentDevice() {
     answer("", kOtherPrompt);
     EXPECT_EQ(stack->readDataWithTimeout(1, nullptr), nullptr);
     EXPECT_EQ(stack->ecidSwapInformation(), kSwapText);
@@ -69,7 +69,7 @@ TEST_F(ZPKCommStackSwapTest, WithoutAnECIDEveryDeviceIsLeftAlone) {
   EXPECT_EQ(made->readStringWithTimeout(1, std::nullopt), kOtherPrompt);
 }
 
-TEST_F(ZPKCommStackSwapTest, AReadThatMeetsAnotherDeviceFails) {
+TEST_F(ZPKCommStackSwapTest, AReadThatDetectsADifferentDeviceFails) {
   GuardedStack made;
   made.answer("hello\n", kOtherPrompt);
   ZPKErrorPtr error = olderError();
@@ -79,7 +79,7 @@ TEST_F(ZPKCommStackSwapTest, AReadThatMeetsAnotherDeviceFails) {
   EXPECT_EQ(made->isOpen(), 1);
 }
 
-TEST_F(ZPKCommStackSwapTest, ACommandThatMeetsAnotherDeviceFailsAfterItWasSent) {
+TEST_F(ZPKCommStackSwapTest, ACommandToADifferentDeviceFailsAfterTheSend) {
   GuardedStack made;
   made.answer("1.0\n", kOtherPrompt);
   ZPKErrorPtr error = olderError();
@@ -88,7 +88,7 @@ TEST_F(ZPKCommStackSwapTest, ACommandThatMeetsAnotherDeviceFailsAfterItWasSent) 
   EXPECT_THAT(made.base->writes(), ElementsAre("version\n"));
 }
 
-TEST_F(ZPKCommStackSwapTest, ASwapWinsOverTheTimeoutThatTheDroppedResponseWouldBe) {
+TEST_F(ZPKCommStackSwapTest, ASwapIsReportedInsteadOfTheDroppedResponsesTimeout) {
   GuardedStack made;
   made.answer("", kOtherPrompt);
   log.clear();
@@ -97,7 +97,7 @@ TEST_F(ZPKCommStackSwapTest, ASwapWinsOverTheTimeoutThatTheDroppedResponseWouldB
   expectFailure(error, log, swapFailure("readDataWithTimeout:delimiter:error:"));
 }
 
-TEST_F(ZPKCommStackSwapTest, ASwapWinsAlsoWhereTheResponseIsNotDroppedOrTimeoutsAreNoErrors) {
+TEST_F(ZPKCommStackSwapTest, ASwapIsReportedWhateverTheOtherSettings) {
   for (const bool drop : {true, false}) {
     for (const bool timeoutIsException : {true, false}) {
       GuardedStack made;
@@ -113,7 +113,7 @@ TEST_F(ZPKCommStackSwapTest, ASwapWinsAlsoWhereTheResponseIsNotDroppedOrTimeouts
 
 TEST_F(ZPKCommStackSwapTest, ASwapReplacesTheErrorOfTheReadItself) {
   GuardedStack made;
-  made.meetAnotherDevice();
+  made.readFromDifferentDevice();
   log.clear();
   for (const ZPKErrorPtr& failure : {errorFromBelow(), ZPKErrorPtr()}) {
     for (int i = 0; i < 2; ++i) made.base->addFailedRead(failure, false);
@@ -128,9 +128,9 @@ TEST_F(ZPKCommStackSwapTest, ASwapReplacesTheErrorOfTheReadItself) {
               testing::AllOf(testing::SizeIs(4), testing::Each(LogLine{0, kSwapText})));
 }
 
-TEST_F(ZPKCommStackSwapTest, EveryLaterReadAndCommandFailsAfterDoingItsInputAndOutput) {
+TEST_F(ZPKCommStackSwapTest, LaterReadsAndCommandsFailAfterTheirInputAndOutput) {
   GuardedStack made;
-  made.meetAnotherDevice();
+  made.readFromDifferentDevice();
   const std::vector<std::function<bool(ZPKErrorPtr*)>> calls = {
       [&](ZPKErrorPtr* error) { return !made->readDataWithTimeout(1, nullptr, error); },
       [&](ZPKErrorPtr* error) { return !made->readStringWithTimeout(1, ":-) ", error); },
@@ -154,7 +154,7 @@ TEST_F(ZPKCommStackSwapTest, EveryLaterReadAndCommandFailsAfterDoingItsInputAndO
 
 TEST_F(ZPKCommStackSwapTest, WritesGoOnWorkingAfterASwap) {
   GuardedStack made;
-  made.meetAnotherDevice();
+  made.readFromDifferentDevice();
   log.clear();
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(made->writeData(dataOf("a"), &error));
@@ -164,9 +164,9 @@ TEST_F(ZPKCommStackSwapTest, WritesGoOnWorkingAfterASwap) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(ZPKCommStackSwapTest, NeitherCloseNorReopenNorANewChainClearsASwap) {
+TEST_F(ZPKCommStackSwapTest, NeitherClosingReopeningNorANewChainClearsASwap) {
   GuardedStack made;
-  made.meetAnotherDevice();
+  made.readFromDifferentDevice();
   const auto expectStillSwapped = [&] {
     made.answer("", kRightPrompt);
     ZPKErrorPtr error;
@@ -188,18 +188,18 @@ TEST_F(ZPKCommStackSwapTest, NeitherCloseNorReopenNorANewChainClearsASwap) {
   expectStillSwapped();
 }
 
-TEST_F(ZPKCommStackSwapTest, ClearingTheSwapThroughItsAccessorLetsTheStackGoOn) {
+TEST_F(ZPKCommStackSwapTest, AfterItsAccessorClearsASwapTheStackWorksAgain) {
   GuardedStack made;
-  made.meetAnotherDevice();
+  made.readFromDifferentDevice();
   made->setEcidSwapInformation(std::nullopt);
   made.answer("fine\n", kRightPrompt);
   EXPECT_EQ(made->sendCommandString("ask", 1), std::string("fine\n") + kRightPrompt);
-  made.meetAnotherDevice();  // and a further swap is found
+  made.readFromDifferentDevice();  // and a further swap is detected
 }
 
 TEST_F(ZPKCommStackSwapTest, ALaterSwapReplacesTheTextOfAnEarlierOne) {
   GuardedStack made;
-  made.meetAnotherDevice();
+  made.readFromDifferentDevice();
   made.answer("", "[00000000:0000000C] :-) ");
   ZPKErrorPtr error;
   EXPECT_EQ(made->readDataWithTimeout(1, nullptr, &error), nullptr);
@@ -207,9 +207,9 @@ TEST_F(ZPKCommStackSwapTest, ALaterSwapReplacesTheTextOfAnEarlierOne) {
             "Expected ECID: [00000000:0000000A] Read ECID: [00000000:0000000C]");
 }
 
-TEST_F(ZPKCommStackSwapTest, AClosedStackTellsThatFirst) {
+TEST_F(ZPKCommStackSwapTest, AClosedStackReportsThatFirst) {
   GuardedStack made;
-  made.meetAnotherDevice();
+  made.readFromDifferentDevice();
   made.base->setOpened(false);
   ZPKErrorPtr error;
   EXPECT_EQ(made->readDataWithTimeout(1, nullptr, &error), nullptr);
@@ -227,7 +227,7 @@ TEST_F(ZPKCommStackSwapTest, APromptIsSeenHoweverItsBytesArrive) {
   }
 }
 
-TEST_F(ZPKCommStackSwapTest, OneResponseIsLookedAtOnceThoughItsReadWasRepeated) {
+TEST_F(ZPKCommStackSwapTest, AResponseIsCheckedOnceThoughItsReadWasRepeated) {
   GuardedStack made;
   int swaps = 0;
   const auto usual = made->ecidChecker()->swapAction();
@@ -240,7 +240,7 @@ TEST_F(ZPKCommStackSwapTest, OneResponseIsLookedAtOnceThoughItsReadWasRepeated) 
   EXPECT_EQ(swaps, 1);
 }
 
-TEST_F(ZPKCommStackSwapTest, ADelimiterThatCutsThePromptHidesIt) {
+TEST_F(ZPKCommStackSwapTest, ADelimiterThatSplitsThePromptHidesIt) {
   GuardedStack made;
   made->setDelimiter("]");
   made.answer("", kOtherPrompt);
@@ -248,7 +248,7 @@ TEST_F(ZPKCommStackSwapTest, ADelimiterThatCutsThePromptHidesIt) {
   EXPECT_EQ(made->ecidSwapInformation(), std::nullopt);
 }
 
-TEST_F(ZPKCommStackSwapTest, TheDelimiterOfOneReadIsPutBackAfterASwapToo) {
+TEST_F(ZPKCommStackSwapTest, TheDelimiterIsAlsoRestoredAfterASwap) {
   GuardedStack made;
   made->setDelimiter("> ");
   made.answer("", kOtherPrompt);
@@ -256,7 +256,7 @@ TEST_F(ZPKCommStackSwapTest, TheDelimiterOfOneReadIsPutBackAfterASwapToo) {
   EXPECT_EQ(bytesOf(made->aggregator()->data2Find()), "> ");
 }
 
-TEST_F(ZPKCommStackSwapTest, ASwapTextIsNoFormat) {
+TEST_F(ZPKCommStackSwapTest, ASwapTextIsNotUsedAsAFormat) {
   GuardedStack made;
   made->ecidChecker()->setRegex(ZPKRegex::initWithPattern("(?s)^.{19}$"));
   made->ecidChecker()->setExpectedECIDString("%@%s%n%d%%");

@@ -26,7 +26,7 @@ class ZPKCommStackTalkTest : public testing::Test {
 
 // --- Writing.
 
-TEST_F(ZPKCommStackTalkTest, AWriteGoesOutWithTheLineTerminator) {
+TEST_F(ZPKCommStackTalkTest, AWriteIsSentWithTheLineTerminator) {
   const ScriptedStack made;
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(made->writeData(dataOf("one"), &error));
@@ -42,7 +42,7 @@ TEST_F(ZPKCommStackTalkTest, AWriteGoesOutWithTheLineTerminator) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(ZPKCommStackTalkTest, AnEmptyWriteSendsTheTerminatorAlone) {
+TEST_F(ZPKCommStackTalkTest, AnEmptyWriteSendsOnlyTheTerminator) {
   const ScriptedStack made;
   EXPECT_TRUE(made->writeData(ZPKData::data()));
   EXPECT_TRUE(made->writeString(""));
@@ -61,7 +61,7 @@ TEST_F(ZPKCommStackTalkTest, ANullWriteFailsWithoutAnErrorAndSendsNothing) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(ZPKCommStackTalkTest, ANewTerminatorCountsFromTheNextWriteAndNullAddsNothing) {
+TEST_F(ZPKCommStackTalkTest, ANewTerminatorAppliesFromTheNextWriteOn) {
   const ScriptedStack made;
   made->writeString("a");
   made->setLineTerminator("\r\n");
@@ -73,7 +73,7 @@ TEST_F(ZPKCommStackTalkTest, ANewTerminatorCountsFromTheNextWriteAndNullAddsNoth
   EXPECT_THAT(made.base->writes(), ElementsAre("a\n", "b\r\n", "c", "d"));
 }
 
-TEST_F(ZPKCommStackTalkTest, AWriteLeavesTheCallersDataAsTheyAre) {
+TEST_F(ZPKCommStackTalkTest, AWriteLeavesTheCallersDataUnchanged) {
   const ScriptedStack made;
   const ZPKMutableDataPtr data = ZPKMutableData::data();
   data->append(*dataOf("mine"));
@@ -81,7 +81,7 @@ TEST_F(ZPKCommStackTalkTest, AWriteLeavesTheCallersDataAsTheyAre) {
   EXPECT_EQ(data->view(), "mine");
 }
 
-TEST_F(ZPKCommStackTalkTest, AFailedWritePassesTheErrorUpAndLogsNothingMore) {
+TEST_F(ZPKCommStackTalkTest, AFailedWritePassesTheErrorUpAndLogsNothing) {
   const ScriptedStack made;
   made.base->setWriteResult(false, errorFromBelow());
   ZPKErrorPtr error = olderError();
@@ -94,7 +94,7 @@ TEST_F(ZPKCommStackTalkTest, AFailedWritePassesTheErrorUpAndLogsNothingMore) {
 
 // --- Failures from below.
 
-TEST_F(ZPKCommStackTalkTest, AFailedReadPassesTheErrorUpAndLogsNothingMore) {
+TEST_F(ZPKCommStackTalkTest, AFailedReadPassesTheErrorUpAndLogsNothing) {
   for (const bool timeoutIsException : {true, false}) {
     log.clear();
     const ScriptedStack made;
@@ -114,7 +114,7 @@ TEST_F(ZPKCommStackTalkTest, AFailedReadPassesTheErrorUpAndLogsNothingMore) {
   }
 }
 
-TEST_F(ZPKCommStackTalkTest, AFailedReadKeepsHeldBytesAndTheNextCallTellsThatTheStackIsClosed) {
+TEST_F(ZPKCommStackTalkTest, AFailedReadKeepsHeldBytesAndClosesTheStack) {
   const ScriptedStack made;
   made.base->addRead("half");
   made.base->addFailedRead(errorFromBelow());
@@ -126,7 +126,7 @@ TEST_F(ZPKCommStackTalkTest, AFailedReadKeepsHeldBytesAndTheNextCallTellsThatThe
   EXPECT_EQ(codeOf(error), 304);
 }
 
-TEST_F(ZPKCommStackTalkTest, AChainThatClosesCleanlyUnderAReadGivesNullAndANullError) {
+TEST_F(ZPKCommStackTalkTest, ACleanCloseDuringAReadGivesNullWithoutError) {
   const ScriptedStack made;
   made.base->addRead(ZPKData::data());
   made.base->setOnRead([&](double) { made.base->setOpened(false); });
@@ -140,7 +140,7 @@ TEST_F(ZPKCommStackTalkTest, AChainThatClosesCleanlyUnderAReadGivesNullAndANullE
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(ZPKCommStackTalkTest, ABadTimeoutIsRefusedByTheTransportWhichStaysOpen) {
+TEST_F(ZPKCommStackTalkTest, TheTransportRejectsABadTimeoutAndStaysOpen) {
   SocketPair pair;
   const auto stack = ZPKCommStack::init();
   const ZPKDataChannelPtr base = createActiveTCPChannelWithSocket(pair.takeOurs());
@@ -184,7 +184,7 @@ TEST_F(ZPKCommStackTalkTest, ANullCommandFailsWithoutAnErrorAndReadsNothing) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(ZPKCommStackTalkTest, AnEmptyCommandAsksWithTheTerminatorAlone) {
+TEST_F(ZPKCommStackTalkTest, AnEmptyCommandSendsOnlyTheTerminator) {
   const ScriptedStack made;
   made.base->addRead("> ");
   EXPECT_EQ(made->sendCommandString("", 1), "> ");
@@ -195,7 +195,7 @@ TEST_F(ZPKCommStackTalkTest, ACommandThatCannotBeWrittenHasNoResponse) {
   const ScriptedStack made;
   made.base->setWriteResult(false, errorFromBelow());
   made.base->addRead("unasked> ");
-  made->setEcidSwapInformation("a swap");  // only a read tells of it
+  made->setEcidSwapInformation("a swap");  // only a read reports it
   ZPKErrorPtr error = olderError();
   EXPECT_EQ(made->sendCommandData(dataOf("ask"), 1, &error), nullptr);
   EXPECT_EQ(error, errorFromBelow());
@@ -204,7 +204,7 @@ TEST_F(ZPKCommStackTalkTest, ACommandThatCannotBeWrittenHasNoResponse) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(ZPKCommStackTalkTest, ATimedOutCommandIsNamedAsTextWithoutItsTerminator) {
+TEST_F(ZPKCommStackTalkTest, ATimeoutNamesTheCommandWithoutItsTerminator) {
   const std::vector<std::pair<std::string, std::string>> cases = {{"", ""},
                                                                   {"\u20AC", "\u20AC"},
                                                                   {kFormatText, kFormatText},
@@ -222,7 +222,7 @@ TEST_F(ZPKCommStackTalkTest, ATimedOutCommandIsNamedAsTextWithoutItsTerminator) 
   }
 }
 
-TEST_F(ZPKCommStackTalkTest, ACommandIsCutAtTheDelimiterOfTheMoment) {
+TEST_F(ZPKCommStackTalkTest, ACommandsResponseEndsAtTheCurrentDelimiter) {
   const ScriptedStack made;
   made.base->addRead("a> b# ");
   made->setDelimiter("#");
@@ -231,7 +231,7 @@ TEST_F(ZPKCommStackTalkTest, ACommandIsCutAtTheDelimiterOfTheMoment) {
 
 // --- Text.
 
-TEST_F(ZPKCommStackTalkTest, BytesThatAreNoTextFailTheStringFormAndAreLost) {
+TEST_F(ZPKCommStackTalkTest, InvalidTextFailsTheStringFormAndIsLost) {
   const std::vector<std::string> responses = {"\xFF> ", "\xC3> ", "\xC0\x80> ", "\xED\xA0\x80> "};
   for (const std::string& response : responses) {
     const ScriptedStack made;
@@ -246,7 +246,7 @@ TEST_F(ZPKCommStackTalkTest, BytesThatAreNoTextFailTheStringFormAndAreLost) {
   }
 }
 
-TEST_F(ZPKCommStackTalkTest, ADelimiterInTheMiddleOfACharacterMakesBothHalvesNoText) {
+TEST_F(ZPKCommStackTalkTest, ADelimiterInsideACharacterMakesBothHalvesInvalidText) {
   const ScriptedStack made;
   made->aggregator()->setData2Find(dataOf("\xE2"));
   made.base->addRead("a\u20AC");

@@ -45,7 +45,7 @@ TEST_F(ZPKCommStackTest, EachStackHasTransformersOfItsOwn) {
   EXPECT_NE(one->ecidChecker(), other->ecidChecker());
 }
 
-TEST_F(ZPKCommStackTest, EveryPlainAccessorGivesBackWhatWasSet) {
+TEST_F(ZPKCommStackTest, EveryPlainAccessorReturnsWhatWasSet) {
   const auto stack = ZPKCommStack::init();
   const auto other = ZPKCommStack::init();
   const auto channel = ScriptedChannel::make();
@@ -73,7 +73,7 @@ TEST_F(ZPKCommStackTest, EveryPlainAccessorGivesBackWhatWasSet) {
   EXPECT_EQ(stack->preAggregatorLogFilePath(), "/b");
 }
 
-TEST_F(ZPKCommStackTest, EveryNullableAccessorTakesNull) {
+TEST_F(ZPKCommStackTest, EveryNullableAccessorAcceptsNull) {
   const auto stack = ZPKCommStack::init();
   stack->setCommChannel(ScriptedChannel::make());
   stack->setCommChannel(nullptr);
@@ -121,7 +121,7 @@ TEST_F(ZPKCommStackTest, SettersWithoutTransformersStillSucceed) {
 
 // --- Settings.
 
-TEST_F(ZPKCommStackTest, TimeoutIsExceptionTakesTheNumbersBoolValue) {
+TEST_F(ZPKCommStackTest, TimeoutIsExceptionUsesTheNumbersBoolValue) {
   const ScriptedStack made;
   ZPKErrorPtr error = olderError();
   const std::vector<std::pair<std::optional<ZPKNumber>, bool>> cases = {
@@ -136,7 +136,7 @@ TEST_F(ZPKCommStackTest, TimeoutIsExceptionTakesTheNumbersBoolValue) {
   EXPECT_EQ(error, olderError());
 }
 
-TEST_F(ZPKCommStackTest, DelimiterAndTerminatorAreStoredAsUTF8InTheSameTransformers) {
+TEST_F(ZPKCommStackTest, DelimiterAndTerminatorGoToTheirTransformersAsUTF8) {
   const ScriptedStack made;
   const auto aggregator = made->aggregator();
   const auto appender = made->appender();
@@ -150,7 +150,7 @@ TEST_F(ZPKCommStackTest, DelimiterAndTerminatorAreStoredAsUTF8InTheSameTransform
   EXPECT_EQ(error, olderError());
 }
 
-TEST_F(ZPKCommStackTest, ANullSettingIsNullAndAnEmptyOneIsEmpty) {
+TEST_F(ZPKCommStackTest, ANullSettingStaysNullAndAnEmptyOneEmpty) {
   const auto stack = ZPKCommStack::init();
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(stack->setDelimiter(std::nullopt, &error));
@@ -164,13 +164,13 @@ TEST_F(ZPKCommStackTest, ANullSettingIsNullAndAnEmptyOneIsEmpty) {
   EXPECT_EQ(error, olderError());
 }
 
-TEST_F(ZPKCommStackTest, ADelimiterMayHoldNulBytes) {
+TEST_F(ZPKCommStackTest, ADelimiterMayContainNulBytes) {
   const auto stack = ZPKCommStack::init();
   stack->setDelimiter(std::string_view("\0>", 2));
   EXPECT_EQ(bytesOf(stack->aggregator()->data2Find()), std::string("\0>", 2));
 }
 
-TEST_F(ZPKCommStackTest, EnablingSwapDetectionSetsTheExpectedECIDAndForgetsAnEarlierSwap) {
+TEST_F(ZPKCommStackTest, EnablingSwapDetectionForgetsAnEarlierSwap) {
   const auto stack = ZPKCommStack::init();
   stack->setEcidSwapInformation("an earlier swap");
   ZPKErrorPtr error = olderError();

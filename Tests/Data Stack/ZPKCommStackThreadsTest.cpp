@@ -25,7 +25,7 @@ namespace {
 
 using testing::ElementsAre;
 
-// Something that happens once. A waiter gives up when a test would have failed long since.
+// Something that happens once. A waiter gives up long after any working test would be done.
 class Event {
  public:
   void happen() {
@@ -50,7 +50,7 @@ class Event {
   bool _happened = false;
 };
 
-// Whether a thread sleeps in the system, as one does that waits for a lock.
+// Whether a thread sleeps in the system, as it does while it waits for a lock.
 bool isAsleep(pid_t thread) {
   std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
   std::string line;
@@ -59,7 +59,7 @@ bool isAsleep(pid_t thread) {
   return nameEnd != std::string::npos && line[nameEnd + 2] == 'S';
 }
 
-// A stack whose first read below is held until it is let go. `order` tells who came when.
+// A stack whose first read below blocks until it is released. `order` says what happened in turn.
 class HeldRead {
  public:
   HeldRead() {
@@ -73,7 +73,7 @@ class HeldRead {
     });
   }
 
-  // Runs `call` beside the held read. It must not come back before that read has ended.
+  // Runs `call` during the held read. It must not return before that read has ended.
   void expectToWait(const std::function<void()>& call) {
     std::atomic<pid_t> caller{0};
     std::atomic<bool> isBack{false};
@@ -168,7 +168,7 @@ class ZPKCommStackThreadsTest : public testing::Test {
   LogCapture log;
 };
 
-// A channel whose write waits, as it does while a peer does not read.
+// A channel whose write waits, as if its peer did not read.
 class HeldWrite final : public ZPKDataChannel {
  public:
   bool openWithTimeout(double, ZPKErrorPtr*) override { return true; }
@@ -186,7 +186,7 @@ class HeldWrite final : public ZPKDataChannel {
   Event letGo;
 };
 
-TEST_F(ZPKCommStackThreadsTest, CloseWaitsForAWriteThatNobodyTakes) {
+TEST_F(ZPKCommStackThreadsTest, CloseWaitsForAWriteThatIsNotRead) {
   const auto channel = std::make_shared<HeldWrite>();
   const auto stack = ZPKCommStack::init();
   ASSERT_TRUE(stack->createStackWithBaseChannel(channel));
@@ -206,7 +206,7 @@ TEST_F(ZPKCommStackThreadsTest, CloseWaitsForAWriteThatNobodyTakes) {
   closing.join();
 }
 
-TEST_F(ZPKCommStackThreadsTest, ClosingTheBaseChannelEndsAWriteThatNobodyTakes) {
+TEST_F(ZPKCommStackThreadsTest, ClosingTheBaseChannelEndsAnUnreadWrite) {
   for (const bool readsAhead : {false, true}) {
     TransportPeer peer(TransportPeer::Kind::kUnix);
     const auto base = peer.makeChannel();
@@ -246,7 +246,7 @@ TEST_F(ZPKCommStackThreadsTest, PlainAccessorsDoNotWaitForARead) {
   reader.join();
 }
 
-TEST_F(ZPKCommStackThreadsTest, ARunningReadKeepsTheChainThatThePlainSetterTakesAway) {
+TEST_F(ZPKCommStackThreadsTest, ARunningReadKeepsAChainThatIsRemoved) {
   HeldRead held;
   held.made.base->addRead("one> ");
   const std::weak_ptr<ScriptedChannel> base = held.made.base;
@@ -275,7 +275,7 @@ TEST_F(ZPKCommStackThreadsTest, ANewDelimiterCannotSlipIntoARunningRead) {
   EXPECT_EQ(held.made->readStringWithTimeout(0, std::nullopt), "d#");
 }
 
-TEST_F(ZPKCommStackThreadsTest, ANewDelimiterIsNotLostToAReadThatPutsItsOwnBack) {
+TEST_F(ZPKCommStackThreadsTest, ARunningReadDoesNotOverwriteANewDelimiter) {
   HeldRead held;
   held.made.base->addRead("a:b#");
   std::optional<std::string> response;
@@ -302,7 +302,7 @@ TEST_F(ZPKCommStackThreadsTest, ASecondCommandIsSentAfterTheFirstOnesResponse) {
   EXPECT_THAT(held.made.base->calls(), ElementsAre("write", "read", "write", "read"));
 }
 
-TEST_F(ZPKCommStackThreadsTest, ASwapThatIsToldDuringAReadFailsThatRead) {
+TEST_F(ZPKCommStackThreadsTest, ASwapReportedDuringAReadFailsThatRead) {
   HeldRead held;
   held.made.base->addRead("one> ");
   ZPKErrorPtr error;
@@ -316,8 +316,8 @@ TEST_F(ZPKCommStackThreadsTest, ASwapThatIsToldDuringAReadFailsThatRead) {
   EXPECT_EQ(descriptionOf(error), "another device");
 }
 
-// A failure is logged where it is found. Another thread gets at the stack from within those lines,
-// so they are not written under its lock.
+// A failure is logged where it is detected. While a line is written, another thread can use the
+// stack: lines are not written under its lock.
 TEST_F(ZPKCommStackThreadsTest, AResponseIsDecodedAndSearchedOutsideTheLock) {
   const ScriptedStack made;
   for (const char* response : {"\xFF> ", "\xFF> ", "no number> "}) made.base->addRead(response);
@@ -352,8 +352,8 @@ TEST_F(ZPKCommStackThreadsTest, TheThreadThatHoldsTheStackMayCallItAgain) {
   EXPECT_THAT(made.base->writes(), ElementsAre("ask\n", "from within\r"));
 }
 
-// Answers each line with itself and a prompt, a few bytes a read. It has no lock, so that threads
-// which the stack does not keep apart show as mixed answers and as data races.
+// Answers each line with itself and a prompt, a few bytes per read. It has no lock, so if the stack
+// failed to keep threads apart, mixed answers and data races would show it.
 class EchoingChannel final : public ZPKDataChannel {
  public:
   bool openWithTimeout(double, ZPKErrorPtr*) override { return _opened = true; }
@@ -410,7 +410,7 @@ TEST_F(ZPKCommStackThreadsTest, CommandsOfSeveralThreadsNeverMix) {
   runTogether(talkers);
 }
 
-TEST_F(ZPKCommStackThreadsTest, AChainMayBeReplacedBesideCommands) {
+TEST_F(ZPKCommStackThreadsTest, AChainMayBeReplacedDuringCommands) {
   const auto stack = ZPKCommStack::init();
   stack->setCommChannel(std::make_shared<EchoingChannel>());
   std::atomic<bool> isOver{false};
@@ -428,7 +428,7 @@ TEST_F(ZPKCommStackThreadsTest, AChainMayBeReplacedBesideCommands) {
   replacer.join();
 }
 
-TEST_F(ZPKCommStackThreadsTest, SettingsAndReopeningBesideCommandsAreSafe) {
+TEST_F(ZPKCommStackThreadsTest, SettingsAndReopeningDuringCommandsAreSafe) {
   const auto stack = ZPKCommStack::init();
   ASSERT_TRUE(stack->createStackWithBaseChannel(std::make_shared<EchoingChannel>()));
   std::atomic<int> answers{0};

@@ -19,10 +19,10 @@
 
 namespace support {
 
-/// A timeout that no test lives to see.
+/// A timeout longer than any test runs.
 inline constexpr double kLongTimeout = 30.0;
 
-/// The failure that the line comes to.
+/// The failure that ends the line.
 inline ZPKErrorPtr deviceError() {
   static const ZPKErrorPtr error =
       ZPKError::init("zephalbench.zephal-communication", 5,
@@ -60,13 +60,13 @@ class ActiveChannelFixture : public testing::Test {
     ASSERT_TRUE(close());
   }
 
-  // Does not wait for the end of the slice that the thread is in.
+  // Does not wait for the thread's current slice to end.
   bool close(ZPKErrorPtr* error = nullptr) {
     const SkippedWaits skipped(_clock);
     return _channel->close(error);
   }
 
-  // The error is stored a moment after the channel is seen to be closed.
+  // The channel reports itself closed a moment before the error is stored.
   bool waitForFailure(const ZPKErrorPtr& error) {
     if (!waitFor([&] { return !_channel->isOpened(); })) return false;
     if (error == nullptr) return true;
@@ -92,7 +92,8 @@ class ActiveChannelFixture : public testing::Test {
     return read;
   }
 
-  // Expects a failure of ours, with a slot that holds an older error and with none.
+  // Expects a failure of the channel's own, with a slot that holds an older error and without a
+  // slot.
   template <class Action>
   static void expectRefused(Action action, int code, const char* text, const char* function) {
     {
@@ -163,7 +164,7 @@ class ActiveChannelFixture : public testing::Test {
     _line->setResetResult(true);
   }
 
-  // Each time that the clock moves by a slice, one more.
+  // The thread makes one more read each time the clock moves by a slice.
   void expectReadsInSlices() {
     for (size_t reads = 1; reads < 4; ++reads) {
       ASSERT_TRUE(waitFor([&] { return _line->reads() == reads && _line->isBeingRead(); }));
@@ -193,7 +194,8 @@ class ActiveChannelFixture : public testing::Test {
     }
   }
 
-  // The stored error under code 2, unlogged, as often as one asks; the line is left alone.
+  // However often it is called, close fails with the stored error under code 2, logs nothing and
+  // does not touch the line.
   void expectCloseRepeats(const ZPKError& stored) {
     const LogCapture log;
     const size_t closes = _line->count("close");

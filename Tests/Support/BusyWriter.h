@@ -10,8 +10,8 @@ namespace support {
 /// Writes on a thread of its own, as fast as it can, until it is told to stop.
 class BusyWriter {
  public:
-  /// Calls `write` with 0, 1, 2 and so on. The system starts no thread for the calls unless
-  /// `hasThreads`. Returns when traffic is under way.
+  /// Calls `write` with 0, 1, 2 and so on. Unless `hasThreads`, the calls cannot start a thread.
+  /// Returns when traffic is under way.
   explicit BusyWriter(std::function<void(size_t number)> write, bool hasThreads = true);
   BusyWriter(const BusyWriter&) = delete;
   BusyWriter& operator=(const BusyWriter&) = delete;

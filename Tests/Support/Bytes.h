@@ -12,10 +12,10 @@ namespace support {
 /// Immutable data with these bytes.
 ZPKDataPtr dataOf(std::string_view bytes);
 
-/// A buffer with these bytes in a block of memory of their own, which can change hands.
+/// A buffer with these bytes in a separate block of memory, which can change owners.
 ZPKMutableDataPtr chunkOf(std::string_view bytes);
 
-/// A buffer with these bytes that lies in one block of memory with them, if they are few.
+/// A buffer with these bytes. If they are few, they lie in the same block of memory as the buffer.
 ZPKMutableDataPtr unitOf(std::string_view bytes);
 
 /// Adds bytes at the end of a buffer.

@@ -2,11 +2,11 @@
 
 namespace support {
 
-/// The result of a system call; a negative one is thrown as a std::system_error that names the
-/// call.
+/// Returns the result of a system call, or throws a std::system_error that names the call if the
+/// result is negative.
 int checked(int result, const char* call);
 
-/// Closes the descriptor, unless it is negative, and makes it -1.
+/// Closes the descriptor, unless it is negative, and sets it to -1.
 void closeIfOpen(int* descriptor);
 
 }  // namespace support

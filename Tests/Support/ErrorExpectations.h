@@ -23,7 +23,7 @@ void expectError(const ZPKErrorPtr& error, const ExpectedFailure& expected);
 void expectFailure(const ZPKErrorPtr& error, const LogCapture& log,
                    const ExpectedFailure& expected);
 
-/// An error that a slot may hold from before, to see whether a call touches the slot.
+/// An older error to put into a slot, which shows whether a call touches the slot.
 ZPKErrorPtr olderError();
 
 }  // namespace support

@@ -1,4 +1,4 @@
-// Errors as tests make them and look at them.
+// Errors as tests create and inspect them.
 #pragma once
 
 #include <string>
@@ -13,7 +13,8 @@ ZPKErrorPtr errorWithCode(int code);
 /// An error that a scripted channel can fail with: domain "below", code 42, "from below".
 ZPKErrorPtr errorFromBelow();
 
-/// What an error says; 0 and "" for null, so that a test which misses an error fails and goes on.
+/// The parts of an error; 0 and "" for null, so that a test whose error is missing fails but
+/// continues.
 int codeOf(const ZPKErrorPtr& error);
 std::string descriptionOf(const ZPKErrorPtr& error);
 

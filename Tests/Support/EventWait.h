@@ -6,12 +6,12 @@
 
 namespace support {
 
-/// How long a test waits for what must happen. Reached only by a test that fails, so it is long
-/// enough for a loaded machine under a sanitizer.
+/// How long a test waits for something that must happen. Only a failing test waits that long, so it
+/// is long enough for a loaded machine under a sanitizer.
 inline constexpr std::chrono::seconds kPatience{30};
 
-/// Waits until `condition` holds; false if it still does not when the time is up. The limit is one
-/// of the real time, also where a TestClock stands still.
+/// Waits until `condition` holds; false if it still does not when the timeout expires. The limit is
+/// in real time, even while a TestClock stands still.
 bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit = kPatience);
 
 /// Waits until `descriptor` can be read, or its peer has gone; false when the time is up.

@@ -14,7 +14,7 @@ namespace support {
 
 /// What a policy is to do, and what it was asked.
 struct PolicyRecord {
-  int32_t descriptor = -1;    // what the next acquire leaves
+  int32_t descriptor = -1;    // the next acquire stores this
   bool isAcquireGood = true;  // what it returns
   bool isCloseGood = true;
   int acquired = 0;
@@ -58,7 +58,7 @@ class RecordingPolicy {
 
 using RecordingCommunication = ZPIFileDescriptorCommunication<RecordingPolicy>;
 
-/// Communication over one end of a socket pair, closed or open at first.
+/// Communication over one end of a socket pair; a test chooses whether it begins closed or open.
 class FileDescriptorCommunicationFixture : public testing::Test {
  protected:
   RecordingCommunication closedOne() {

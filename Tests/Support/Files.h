@@ -11,7 +11,7 @@ namespace support {
 /// All bytes of a file; "" if there is none.
 std::string contentsOfFile(const std::string& path);
 
-/// Makes a file with these contents, in place of what was there.
+/// Creates a file with these contents, or replaces the contents of an existing one.
 void writeFile(const std::string& path, std::string_view contents);
 
 /// The permissions of a file, such as 0644. Fails the test if there is none.

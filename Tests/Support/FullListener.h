@@ -7,8 +7,7 @@
 
 namespace support {
 
-/// A listener with a full backlog: a connect to it waits until there is room, or the listener is
-/// gone.
+/// A listener with a full backlog: a connect waits until there is room or the listener is closed.
 class FullListener {
  public:
   enum class Kind { kTCP, kUnix };
@@ -23,7 +22,8 @@ class FullListener {
   int port() const { return _port; }
   std::string path() const { return _folder.pathOf("full"); }
 
-  /// Takes the connection that fills the backlog. Over TCP the system tries again within a second.
+  /// Accepts the connection that fills the backlog. Over TCP the system tries again within a
+  /// second.
   void makeRoom();
   /// Stops listening.
   void goAway();
@@ -37,9 +37,9 @@ class FullListener {
   int _taken = -1;
 };
 
-/// Runs `connect` on this thread while another sends this one signals, whose handler is without
-/// SA_RESTART. Once a connect(2) of this thread was interrupted and some more signals have come,
-/// the other thread calls `then`.
+/// Runs `connect` on this thread while a second thread sends it signals, whose handler is installed
+/// without SA_RESTART. Once a connect(2) has been interrupted and a few more signals have arrived,
+/// the second thread calls `then`.
 void connectUnderSignals(const std::function<void()>& connect, const std::function<void()>& then);
 
 }  // namespace support

@@ -2,7 +2,7 @@
 
 namespace support {
 
-/// Whether the system knows the name "localhost", as a machine without /etc/hosts does not.
+/// Whether the system resolves the name "localhost". A machine without /etc/hosts does not.
 bool resolvesLocalhost();
 
 }  // namespace support

@@ -1,12 +1,13 @@
-// The far ends of lines, as the system makes them. Whoever asks for one closes its descriptors.
+// The far ends of lines, as the system creates them. The caller closes their descriptors.
 #pragma once
 
 #include <string>
 
 namespace support {
 
-/// A pseudo-terminal: what the test holds, and the device that the code under test opens by its
-/// path. The device is held open here too, since the line hangs up with its last user.
+/// A pseudo-terminal: the end that the test holds, and the device that the code under test opens by
+/// its path. The device is held open here too, since the line hangs up when its last user closes
+/// it.
 struct Terminal {
   int farEnd = -1;
   int nearEnd = -1;
@@ -18,8 +19,8 @@ Terminal openTerminal();
 
 struct Listener {
   int descriptor = -1;
-  int port = 0;      // of TCP
-  std::string path;  // of a unix socket
+  int port = 0;      // for TCP
+  std::string path;  // for a unix socket
 
   std::string url() const;
 };
@@ -27,7 +28,7 @@ struct Listener {
 Listener listenOverTCP(int backlog = 5);
 Listener listenAt(const std::string& path, int backlog = 5);
 
-/// Takes the next connection, and waits for it if need be.
+/// Accepts the next connection, and waits for it if necessary.
 int acceptFrom(int listener);
 
 }  // namespace support

@@ -16,7 +16,7 @@ struct LogLine {
   friend bool operator==(const LogLine&, const LogLine&) = default;
 };
 
-/// Takes over the log lines of the process for as long as it lives. One at a time.
+/// Captures the log lines of the process during its lifetime. Only one may exist at a time.
 class LogCapture {
  public:
   LogCapture();

@@ -7,7 +7,7 @@
 
 namespace support {
 
-/// One line of a log file: what stands behind a prefix, up to the next one.
+/// One line of a log file: a prefix and the text after it, up to the next prefix.
 struct LogFileLine {
   std::string timestamp;  // "2024-05-01 12:00:00.250"
   std::string identifier;
@@ -21,7 +21,7 @@ std::vector<LogFileLine> linesOfLog(const std::string& path);
 /// The lines of a log file in short: "identifier: text".
 std::vector<std::string> textsOfLog(const std::string& path);
 
-/// What the lines of one identifier say, one behind the other; quick for a long log.
+/// The texts of all lines with one identifier, joined; fast even for a long log.
 std::string joinedTextOfLog(const std::string& path, std::string_view identifier);
 
 }  // namespace support

@@ -22,7 +22,7 @@ ZPKDataChannelManagerPtr makeManager(const ZPKDataChannelPtr& channel,
 /// What such a manager reads as `value`.
 ZPKDataPtr archive(const ZPKValue& value);
 
-/// Whether a loop runs on a thread of this name, which the system may have cut.
+/// Whether a loop runs on a thread of this name, which the system may have truncated.
 bool isNameOfLoop(const std::string& name);
 
 /// The name of the calling thread.
@@ -31,7 +31,7 @@ std::string nameOfThisThread();
 /// A channel that waits in each read for `release`, and then does what it is told.
 std::shared_ptr<ScriptedChannel> makeBlockedChannel(const std::shared_future<void>& release);
 
-/// Lets go of a manager and waits until its loops have done so too.
+/// Releases a manager and waits until its loops have released it too.
 void letGo(ZPKDataChannelManagerPtr* manager);
 
 }  // namespace support

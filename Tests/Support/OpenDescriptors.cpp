@@ -23,7 +23,7 @@ std::string outputOfProgram(const std::string& command) {
   return output;
 }
 
-// The program has files of its own, so a number alone says nothing.
+// The program has files of its own open, so the number alone proves nothing.
 bool isInherited(int descriptor) {
   const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
   const std::string file = std::filesystem::read_symlink(link);

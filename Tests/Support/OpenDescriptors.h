@@ -13,7 +13,7 @@ bool isOpenDescriptor(int descriptor);
 /// Those of `descriptors` that a program started now inherits, as that program sees it.
 std::set<int> inheritedOf(const std::set<int>& descriptors);
 
-/// The descriptors that came since `before`.
+/// The descriptors opened since `before`.
 std::set<int> descriptorsSince(const std::set<int>& before);
 
 }  // namespace support

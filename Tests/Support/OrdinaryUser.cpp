@@ -80,7 +80,7 @@ ChildResult run(const ChildFunction& function, bool asNobody) {
     if (!isReady) message = "cannot become an ordinary user";
     const int status = isReady ? runGuarded(function, &message) : kExceptionStatus;
     writeAll(ends[1], message);
-    // Not exit: the handlers of the test program are the parent's to run.
+    // Not exit: only the parent may run the exit handlers of the test program.
     ::_exit(status);
   }
   ::close(ends[1]);

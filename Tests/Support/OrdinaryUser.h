@@ -12,20 +12,21 @@ struct ChildResult {
   int status = -1;
   /// The signal that ended the child, or 0. SIGKILL if it did not end in time.
   int signal = 0;
-  /// What the function stored in its message; the text of an exception that left it.
+  /// What the function stored in its message, or the text of the exception that it threw.
   std::string message;
 };
 
 /// What runs in the child: returns its exit status, 0 to 255, and may leave a message, which the
-/// test prints if the status is not what it expects. Expectations of the test framework are lost in
-/// there. It must start no thread: the child of a process with threads may not.
+/// test prints if the status is not what it expects. The test framework does not see expectations
+/// that fail in the child. The function must not start threads: the child of a process with threads
+/// may not.
 using ChildFunction = std::function<int(std::string* message)>;
 
-/// Runs `function` in a forked child and waits for its end.
+/// Runs `function` in a forked child and waits for the child to end.
 ChildResult runInChild(const ChildFunction& function);
 
-/// As runInChild, as a user without rights: "nobody" if we are root, the user that we are
-/// otherwise.
+/// Like runInChild, but as a user without privileges: "nobody" if we are root, otherwise the
+/// current user.
 ChildResult runAsOrdinaryUser(const ChildFunction& function);
 
 }  // namespace support

@@ -12,7 +12,7 @@ using namespace support;
 
 namespace {
 
-TEST(OrdinaryUserTest, IsNotRootAndTellsItsResult) {
+TEST(OrdinaryUserTest, IsNotRootAndReportsItsResult) {
   const ChildResult result = runAsOrdinaryUser([](std::string* message) {
     *message = ::geteuid() == 0 ? "root" : "somebody";
     return 3;
@@ -22,7 +22,7 @@ TEST(OrdinaryUserTest, IsNotRootAndTellsItsResult) {
   EXPECT_EQ(result.message, "somebody");
 }
 
-TEST(OrdinaryUserTest, TellsOfSignalsAndExceptions) {
+TEST(OrdinaryUserTest, ReportsSignalsAndExceptions) {
   EXPECT_EQ(runInChild([](std::string*) { return ::raise(SIGKILL); }).signal, SIGKILL);
   const ChildResult result =
       runInChild([](std::string*) -> int { throw std::runtime_error("broken"); });
@@ -30,7 +30,7 @@ TEST(OrdinaryUserTest, TellsOfSignalsAndExceptions) {
   EXPECT_EQ(result.status, 255);
 }
 
-TEST(OrdinaryUserTest, WorksBesideOtherThreads) {
+TEST(OrdinaryUserTest, WorksWhileOtherThreadsRun) {
   std::promise<void> end;
   std::thread other([&] { end.get_future().wait(); });
   EXPECT_EQ(runAsOrdinaryUser([](std::string*) { return 0; }).status, 0);

@@ -8,7 +8,7 @@ namespace support {
 
 size_t threadsNamed(const std::string& name) {
   size_t count = 0;
-  std::error_code ignored;  // a thread may end meanwhile
+  std::error_code ignored;  // a thread may end during the walk
   for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task", ignored)) {
     std::string line;
     std::ifstream file(thread.path() / "comm");

@@ -4,8 +4,8 @@
 
 namespace support {
 
-/// The time, in seconds, that the calling thread has used the processor. For tests that bound what
-/// work costs: unlike the time of day it does not grow while other programs run.
+/// The time, in seconds, that the calling thread has used the processor. For tests that limit the
+/// cost of work: unlike the time of day, it does not grow while other programs run.
 inline double processorTime() {
   timespec used{};
   ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);

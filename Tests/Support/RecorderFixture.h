@@ -22,7 +22,7 @@ class RecorderFixture : public testing::Test {
     ASSERT_TRUE(stack->open());
   }
 
-  /// Delivers what one read gives, and waits until the thread has dealt with it.
+  /// Delivers the data for one read, and waits until the thread has processed it.
   void deliver(std::string_view bytes) {
     base->deliver(bytes);
     ASSERT_TRUE(base->waitUntilAllIsHandedOn());

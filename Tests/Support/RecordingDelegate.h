@@ -12,7 +12,7 @@
 
 namespace support {
 
-/// A manager's delegate that writes down what it is told, and then does what a test asks for.
+/// A manager's delegate that records its calls, and then does what a test asks for.
 class RecordingDelegate final : public ZPKDataChannelManagerDelegate {
  public:
   static std::shared_ptr<RecordingDelegate> make() { return std::make_shared<RecordingDelegate>(); }

@@ -11,7 +11,7 @@ std::atomic<size_t> searches{0};
 
 }  // namespace
 
-// The linker puts this in the way of the calls (see Tests/CMakeLists.txt).
+// The linker directs the calls to this one (see Tests/CMakeLists.txt).
 extern "C" {
 int __real_pcre2_match_8(const pcre2_code*, PCRE2_SPTR, PCRE2_SIZE, PCRE2_SIZE, uint32_t,
                          pcre2_match_data*, pcre2_match_context*);

@@ -4,8 +4,8 @@
 
 namespace support {
 
-/// How often the code under test, on any thread, has had PCRE2 search a text: once for each match
-/// of a walk, and once for its end.
+/// How often the code under test, on any thread, has had PCRE2 search a text: once for each match,
+/// and once more to find that there are no others.
 size_t regexSearches();
 
 }  // namespace support

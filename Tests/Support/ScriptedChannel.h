@@ -14,10 +14,10 @@
 
 namespace support {
 
-/// A channel without a device: it plays a list of read results and records what it is asked.
+/// A channel without a device: it plays a list of read results and records the calls.
 ///
-/// Reads come from the script in order; when it is used up, a read returns empty data at once. Safe
-/// on several threads.
+/// Reads play the script in order; when it is used up, a read immediately returns empty data.
+/// Thread-safe.
 class ScriptedChannel final : public ZPKDataChannel {
  public:
   static std::shared_ptr<ScriptedChannel> make() { return std::make_shared<ScriptedChannel>(); }
@@ -25,7 +25,7 @@ class ScriptedChannel final : public ZPKDataChannel {
   // --- The script.
   void addRead(std::string_view bytes);
   void addRead(ZPKDataPtr data);
-  /// A failed read; a null error makes a clean close under the reader. The channel stays open
+  /// A failed read; a null error stands for a clean close while reading. The channel stays open
   /// unless `closes`.
   void addFailedRead(ZPKErrorPtr error, bool closes = true);
   /// Called at the start of every read, with its timeout.
@@ -38,7 +38,7 @@ class ScriptedChannel final : public ZPKDataChannel {
   void setWriteResult(bool result, ZPKErrorPtr error = nullptr);
 
   // --- The record.
-  /// The written bytes, one entry a write; null data shows as null.
+  /// The written bytes, one entry per write; null for null data.
   std::vector<std::optional<std::string>> writes() const;
   /// The timeouts of all reads.
   std::vector<double> readTimeouts() const;

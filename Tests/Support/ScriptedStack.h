@@ -11,7 +11,7 @@
 
 namespace support {
 
-/// A comm stack whose chain stands on a scripted channel; both are open.
+/// A comm stack whose chain ends in a scripted channel; both are open.
 struct ScriptedStack {
   ScriptedStack() { stack->createStackWithBaseChannel(base); }
 
@@ -28,7 +28,7 @@ inline ExpectedFailure commStackFailure(int code, std::string description,
           "ZPKCommStack.cpp"};
 }
 
-/// What a device or a caller may send that must never become a format.
+/// Text from a device or a caller, which must never be used as a format string.
 inline constexpr const char* kFormatText = "100%@ %s%n%d %% %1$s";
 
 }  // namespace support

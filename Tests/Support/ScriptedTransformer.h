@@ -10,18 +10,19 @@
 
 namespace support {
 
-/// A transformer that does what a test tells it and records the chunks it is given. On one thread.
+/// A transformer that does what a test tells it and records the chunks it is given. Not
+/// thread-safe.
 class ScriptedTransformer final : public ZPKDataTransformer {
  public:
   using Edit = std::function<void(ZPKMutableData* data)>;
 
-  /// With a null edit the chunks pass.
+  /// With a null edit the chunks pass unchanged.
   explicit ScriptedTransformer(Edit edit) : _edit(std::move(edit)) {}
 
   static std::shared_ptr<ScriptedTransformer> make(Edit edit = nullptr) {
     return std::make_shared<ScriptedTransformer>(std::move(edit));
   }
-  /// Adds `bytes` to every chunk, so that an order of transformers shows in what comes out.
+  /// Appends `bytes` to every chunk, so that the output shows the order of the transformers.
   static std::shared_ptr<ScriptedTransformer> adding(std::string bytes) {
     return make([bytes = std::move(bytes)](ZPKMutableData* data) {
       data->append(bytes.data(), bytes.size());
@@ -31,14 +32,14 @@ class ScriptedTransformer final : public ZPKDataTransformer {
     return make([](ZPKMutableData* data) { data->setLength(0); });
   }
 
-  /// Called at each reset, ahead of its result.
+  /// Called at each reset, before it returns.
   void setOnReset(std::function<void()> onReset) { _onReset = std::move(onReset); }
   void setResetResult(bool result, ZPKErrorPtr error = nullptr) {
     _resetResult = result;
     _resetError = std::move(error);
   }
 
-  /// The chunks as they came in.
+  /// The chunks as they arrived.
   const std::vector<std::string>& chunks() const { return _chunks; }
   int resets() const { return _resets; }
 

@@ -12,13 +12,13 @@
 
 namespace support {
 
-/// What a serial port is opened with.
+/// The settings with which a serial port is opened.
 ZPKOptionsPtr optionsOf(ZPKNumber baud, const std::string& mode, bool isExclusive = true);
 
 /// The system's text for an errno, and the number, as errors show them.
 std::string numbered(int number);
 
-/// A serial port under test: what an open left behind is closed at the end.
+/// A serial port under test. If a test leaves it open, it is closed at the end.
 class Port {
  public:
   Port() = default;

@@ -9,7 +9,7 @@
 
 namespace support {
 
-/// Handles a signal with a function of its own, without SA_RESTART, for as long as it lives.
+/// Handles a signal with a given function, without SA_RESTART, during its lifetime.
 class SignalHandler {
  public:
   explicit SignalHandler(
@@ -28,8 +28,8 @@ class SignalHandler {
   struct sigaction _before {};
 };
 
-/// Sends SIGUSR1 to a thread, again and again, until something has happened; false when the time is
-/// up.
+/// Sends SIGUSR1 to a thread, again and again, until something has happened; false when the timeout
+/// expires.
 inline bool signalUntil(pthread_t thread, const std::function<bool()>& hasHappened) {
   return waitFor([&] {
     if (hasHappened()) return true;

@@ -35,7 +35,8 @@ void makeRaw(int terminal) {
   checked(::tcsetattr(terminal, TCSANOW, &attributes), "tcsetattr");
 }
 
-// A line of its own makes a flood that was cut or lost bytes easy to tell.
+// The lines of a flood have a text of their own, which makes a truncated or incomplete flood easy
+// to recognise.
 const std::string& floodChunk() {
   static const std::string chunk = [] {
     std::string text;
@@ -175,7 +176,7 @@ void SimulatedDevice::endConnection(Ending ending) {
 
 void SimulatedDevice::stopListening() {
   const std::lock_guard guard(_mutex);
-  // A close alone would leave it listening for as long as our thread waits on it.
+  // After only a close it would listen on while our thread waits on it.
   if (_listener >= 0) ::shutdown(_listener, SHUT_RDWR);
   closeIfOpen(&_listener);
 }
@@ -188,7 +189,7 @@ void SimulatedDevice::liftExclusiveHold() {
 void SimulatedDevice::run() {
   SystemCalls::exemptThisThread();
   const RealTime realTime;
-  // Signals that a test sends are for the code under test.
+  // The signals that a test sends are meant for the code under test.
   sigset_t all;
   sigfillset(&all);
   pthread_sigmask(SIG_BLOCK, &all, nullptr);
@@ -196,7 +197,7 @@ void SimulatedDevice::run() {
   }
 }
 
-// One round of waiting and serving; false when the device is to end.
+// One round of waiting and serving; false when the device must end.
 bool SimulatedDevice::runOnce() {
   pollfd entries[3]{};
   int limit = -1;
@@ -300,7 +301,7 @@ void SimulatedDevice::answer(const std::string& command) {
   if (_behaviour.hangsUpAfter.has_value()) addStep(endingStep(Ending::kHangUp));
 }
 
-// What the far side does not take stays for the next round.
+// Bytes that the peer does not accept stay for the next round.
 void SimulatedDevice::sendNext() {
   const bool isFlood = _steps.empty();
   const std::string& bytes = isFlood ? floodChunk() : _steps.front().bytes;
@@ -332,7 +333,7 @@ void SimulatedDevice::endLine(Ending ending) {
     const linger reset{1, 0};
     ::setsockopt(_line, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
   }
-  // Bytes that nobody read would turn the close into a reset.
+  // Unread bytes would turn the close into a reset.
   if (ending == Ending::kHangUp && _kind == Kind::kTCP) {
     ::shutdown(_line, SHUT_WR);
     char buffer[4096];
@@ -360,7 +361,7 @@ void SimulatedDevice::addStep(Step step) {
 
 void SimulatedDevice::wake() const {
   const char token = 0;
-  // A full pipe wakes as well.
+  // A full pipe wakes the thread as well.
   [[maybe_unused]] const ssize_t written = ::write(_wakeWrite, &token, 1);
 }
 

@@ -22,9 +22,9 @@ namespace support {
 
 /// A device with a text console, on a pseudo-terminal, a TCP port or a unix socket.
 ///
-/// It takes commands, answers each with its response and the prompt, and can be told to behave
-/// badly. It runs on a thread of its own, whose system calls are exempt from SystemCalls, serves
-/// one connection at a time and, when that ends, the next. Its destructor never waits for the peer.
+/// It reads commands, answers each with its response and the prompt, and can be told to misbehave.
+/// It runs on a thread of its own, whose system calls are exempt from SystemCalls, serves one
+/// connection at a time and, when that ends, the next. Its destructor never waits for the peer.
 ///
 ///     SimulatedDevice device(SimulatedDevice::Kind::kTCP, {.responses = {{"version", "1.0\n"}}});
 ///     stack->createStackWithURL(device.url());
@@ -37,25 +37,25 @@ class SimulatedDevice {
     std::string prompt = "=> ";
     /// What ends a command.
     std::string terminator = "\n";
-    /// Whether a command, with its terminator, comes back ahead of its response.
+    /// Whether a command is echoed, with its terminator, before its response.
     bool echoes = false;
     /// Responses by command; a command that is missing here goes to `respond`.
     std::map<std::string, std::string> responses = {};
     /// The response to any other command; an empty function gives an empty response.
     std::function<std::string(const std::string& command)> respond = {};
-    /// How long an answer is held back.
+    /// How long an answer is delayed.
     std::chrono::milliseconds delay{0};
-    /// The pause between the parts of an answer that comes in several.
+    /// The pause between the parts of an answer that is sent in several.
     std::chrono::milliseconds pause{2};
     /// Sends an answer byte by byte.
     bool trickles = false;
-    /// Sends an answer in two parts, the first of which ends after so many bytes of the prompt.
+    /// Sends an answer in two parts; the first ends after this many bytes of the prompt.
     std::optional<size_t> splitsPromptAfter = {};
-    /// Hangs up after so many bytes of an answer.
+    /// Hangs up after this many bytes of an answer.
     std::optional<size_t> hangsUpAfter = {};
-    /// Takes commands and never answers.
+    /// Reads commands and never answers.
     bool isSilent = false;
-    /// Sends without an end, for as long as somebody is connected.
+    /// Sends without end while a peer is connected.
     bool floods = false;
   };
 
@@ -72,28 +72,28 @@ class SimulatedDevice {
   /// The TCP port, or 0.
   int port() const { return _port; }
 
-  /// Changes what becomes of later commands.
+  /// Changes how later commands are answered.
   void setBehaviour(Behaviour behaviour);
 
-  /// All bytes that came, from all connections.
+  /// All received bytes, from all connections.
   std::string received() const;
-  /// The commands that came, without their terminators.
+  /// The received commands, without their terminators.
   std::vector<std::string> commands() const;
   /// How many connections were accepted; always 0 on a terminal.
   size_t connections() const;
-  /// Whether all that was to be sent is out.
+  /// Whether everything has been sent.
   bool hasSentAll() const;
   bool waitForReceived(std::string_view bytes) const;
   bool waitForCommands(size_t count) const;
   bool waitForConnections(size_t count) const;
   bool waitUntilAllIsSent() const;
 
-  /// Sends bytes that nobody asked for. Before a connection they wait for it.
+  /// Sends unsolicited bytes. Without a connection they wait for one.
   void send(std::string_view bytes);
-  /// Ends the connection once all is sent, and returns when that is done. On a terminal it takes
-  /// the device away for good; elsewhere the next peer can connect.
+  /// Ends the connection once everything is sent, and returns when that is done. A terminal is then
+  /// gone for good; elsewhere the next peer can connect.
   void hangUp();
-  /// Ends a TCP connection with a reset, at once.
+  /// Immediately ends a TCP connection with a reset.
   void resetConnection();
   /// Refuses every later connection.
   void stopListening();
@@ -143,18 +143,18 @@ class SimulatedDevice {
 
   mutable std::mutex _mutex;
   mutable std::condition_variable _changed;
-  // All below under the mutex.
+  // Everything below is guarded by the mutex.
   Behaviour _behaviour;
   int _listener = -1;
   int _line = -1;   // the connection, or the terminal's far end
-  int _slave = -1;  // keeps the terminal's near end there while nobody has it open
+  int _slave = -1;  // keeps the terminal's near end alive while nobody has it open
   std::deque<Step> _steps;
   Clock::time_point _stepStart;
   std::string _received;
-  std::string _pending;  // received, no whole command yet
+  std::string _pending;  // received, not yet a whole command
   std::vector<std::string> _commands;
   size_t _connections = 0;
-  size_t _endings = 0;  // of connections, by whomever
+  size_t _endings = 0;  // of connections, by either side
   bool _stops = false;
 
   std::thread _thread;

@@ -18,7 +18,7 @@ class SimulatedDeviceTest : public testing::TestWithParam<Kind> {
     return channel;
   }
 
-  // Reads until `wanted` has come, or nothing comes any more.
+  // Reads until `wanted` has arrived, or no more data arrives.
   static std::string readUntil(const ZPKDataChannelPtr& channel, const std::string& wanted) {
     std::string text;
     while (text.find(wanted) == std::string::npos) {
@@ -40,7 +40,7 @@ TEST_P(SimulatedDeviceTest, AnswersACommandWithEchoResponseAndPrompt) {
   channel->close();
 }
 
-TEST_P(SimulatedDeviceTest, TricklesAndSplitsWithoutALoss) {
+TEST_P(SimulatedDeviceTest, TricklesAndSplitsWithoutLoss) {
   for (const bool trickles : {true, false}) {
     SimulatedDevice device(GetParam(),
                            {.respond = [](const std::string& command) { return command + "!"; },
@@ -59,12 +59,12 @@ TEST_P(SimulatedDeviceTest, HangsUpInTheMiddleOfAnAnswer) {
   EXPECT_TRUE(channel->write(ZPKData::dataWithString("version\n")));
   std::string text;
   for (ZPKDataPtr data; (data = channel->readWithTimeout(30.0)) != nullptr;) text += data->view();
-  // A terminal drops what was not read when its other end goes.
+  // A terminal drops unread bytes when its other end is closed.
   EXPECT_TRUE(text == "1." || (GetParam() == Kind::kTerminal && text.empty())) << text;
   EXPECT_FALSE(channel->isOpened());
 }
 
-TEST_P(SimulatedDeviceTest, SendsUnasked) {
+TEST_P(SimulatedDeviceTest, SendsUnsolicitedBytes) {
   SimulatedDevice device(GetParam());
   const auto channel = connectTo(device);
   device.send("boot ");
@@ -74,7 +74,7 @@ TEST_P(SimulatedDeviceTest, SendsUnasked) {
   channel->close();
 }
 
-TEST_P(SimulatedDeviceTest, TakesCommandsInSilence) {
+TEST_P(SimulatedDeviceTest, ReadsCommandsInSilence) {
   SimulatedDevice device(GetParam(), {.isSilent = true});
   const auto channel = connectTo(device);
   EXPECT_TRUE(channel->write(ZPKData::dataWithString("version\n")));
@@ -84,7 +84,7 @@ TEST_P(SimulatedDeviceTest, TakesCommandsInSilence) {
   channel->close();
 }
 
-TEST_P(SimulatedDeviceTest, FloodsAndStillEndsAtOnce) {
+TEST_P(SimulatedDeviceTest, FloodsAndStillEndsImmediately) {
   SimulatedDevice device(GetParam(), {.floods = true});
   const auto channel = connectTo(device);
   for (int round = 0; round < 10; ++round) {
@@ -93,7 +93,7 @@ TEST_P(SimulatedDeviceTest, FloodsAndStillEndsAtOnce) {
   channel->close();
 }
 
-TEST_P(SimulatedDeviceTest, TakesTheNextConnectionAfterAHangUp) {
+TEST_P(SimulatedDeviceTest, AcceptsTheNextConnectionAfterAHangUp) {
   SimulatedDevice device(GetParam());
   if (GetParam() == Kind::kTerminal) {
     device.hangUp();

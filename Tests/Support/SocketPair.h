@@ -14,13 +14,13 @@ class SocketPair {
   SocketPair& operator=(const SocketPair&) = delete;
   ~SocketPair();
 
-  /// For a caller who closes it himself, such as a channel.
+  /// For a caller that closes it itself, such as a channel.
   int takeOurs() { return std::exchange(ours, -1); }
   int takePeers() { return std::exchange(peers, -1); }
 
   /// Sends from the peer's end.
   void send(std::string_view text) const;
-  /// What waits at the peer's end, 4096 bytes at most; "" if nothing does.
+  /// The bytes that wait at the peer's end, at most 4096; "" if there are none.
   std::string receive() const;
   void closePeer();
 

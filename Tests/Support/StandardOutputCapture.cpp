@@ -23,7 +23,7 @@ StandardOutputCapture::~StandardOutputCapture() {
   ::dup2(_original, STDOUT_FILENO);
   ::close(_original);
   ::close(_file);
-  // What the test framework had to say of a failure went here too.
+  // The test framework's report of a failure was captured too.
   if (testing::Test::HasFailure()) std::fputs(captured.c_str(), stdout);
 }
 

@@ -4,8 +4,8 @@
 
 namespace support {
 
-/// Takes over the process's standard output, at the level of the descriptor, for as long as it
-/// lives. If the test has failed by its end, what was captured is printed after all.
+/// Captures the process's standard output, at the level of the descriptor, during its lifetime. If
+/// the test has failed by then, the destructor prints the captured output after all.
 class StandardOutputCapture {
  public:
   StandardOutputCapture();
@@ -13,7 +13,7 @@ class StandardOutputCapture {
   StandardOutputCapture& operator=(const StandardOutputCapture&) = delete;
   ~StandardOutputCapture();
 
-  /// All that was printed so far.
+  /// Everything printed so far.
   std::string text() const;
 
  private:

@@ -31,7 +31,7 @@
 
 namespace support {
 
-// The two compilers tell it in two ways.
+// The two compilers say so in two ways.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define HAS_SANITIZER
 #elif defined(__has_feature)
@@ -89,7 +89,7 @@ struct Watch {
   std::vector<Plan> plans;
   std::thread::id owner;
   bool coversAllThreads = false;
-  // Tells a call that began under an earlier watch, or ahead of a clear, not to write its result.
+  // Keeps a call that began under an earlier watch, or before a clear, from storing its result.
   size_t generation = 0;
 };
 
@@ -108,7 +108,7 @@ thread_local bool isExempt = false;
 thread_local bool isOwner = false;
 std::atomic<bool> coversAllThreads{false};
 
-/// What happens while it lives is not watched.
+/// Calls made during its lifetime are not watched.
 class Unwatched {
  public:
   Unwatched() : _before(isExempt) { isExempt = true; }
@@ -164,8 +164,8 @@ void leave(const Entry& entry, int64_t result, int error) {
   state.calls[entry.index].error = error;
 }
 
-// `describe` gives the call as it is recorded; `real` makes it, with the size that it may use. The
-// caller's errno reaches the call, and the call's errno reaches the caller.
+// `describe` returns the call as it is recorded; `real` makes it, with the size that it may use.
+// The errno of the caller is passed on to the call, and the errno of the call to the caller.
 template <class Describe, class Real>
 auto intercept(Describe describe, int64_t size, Real real) -> decltype(real(size)) {
   using Result = decltype(real(size));
@@ -302,7 +302,7 @@ std::vector<iovec> firstBytes(const iovec* parts, int64_t size) {
   return first;
 }
 
-// Counts an allocation; true if it is to fail.
+// Counts an allocation; true if it must fail.
 bool countAllocation() {
   if (!isWatched()) return false;
   allocationCount.fetch_add(1, std::memory_order_relaxed);
@@ -452,7 +452,7 @@ HeldCloses::~HeldCloses() {
   holdsOwnCloses = true;
 }
 
-// What the linker puts in the place of the calls.
+// The functions to which the linker directs the calls.
 extern "C" {
 
 int __wrap_select(int count, fd_set* readable, fd_set* writable, fd_set* odd, timeval* time) {
@@ -646,7 +646,7 @@ void* __wrap_realloc(void* block, size_t size) {
   return nullptr;
 }
 
-// operator new. Where the operator below replaces it, the count is made there.
+// operator new. Where the operator below replaces it, allocations are counted there.
 void* __wrap__Znwm(size_t size) {
   if (!hasOwnNew && countAllocation()) throw std::bad_alloc();
   return __real__Znwm(size);

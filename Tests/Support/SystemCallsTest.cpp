@@ -30,7 +30,7 @@ class SystemCallsTest : public testing::Test {
   int _ends[2];
 };
 
-TEST_F(SystemCallsTest, RecordsCallsInTheirOrderWithTheirResults) {
+TEST_F(SystemCallsTest, RecordsCallsInOrderWithTheirResults) {
   const SystemCalls calls;
   char buffer[8];
   int waiting = 0;
@@ -46,7 +46,7 @@ TEST_F(SystemCallsTest, RecordsCallsInTheirOrderWithTheirResults) {
   EXPECT_EQ(read.result, 3);
 }
 
-TEST_F(SystemCallsTest, LetsTheChosenCallFail) {
+TEST_F(SystemCallsTest, MakesTheChosenCallFail) {
   SystemCalls calls;
   calls.fail("write", EPIPE, 1);
   EXPECT_EQ(::write(_ends[1], "a", 1), 1);
@@ -86,20 +86,20 @@ TEST_F(SystemCallsTest, ShortensAWriteOfSeveralPartsAtAnyByte) {
   EXPECT_EQ(calls.all().front().size, 6);
 }
 
-TEST_F(SystemCallsTest, TellsHowAFileIsLocked) {
+TEST_F(SystemCallsTest, ShowsHowAFileIsLocked) {
   const SystemCalls calls;
   ::flock(_ends[0], LOCK_EX);
   ::flock(_ends[0], LOCK_UN);
   EXPECT_THAT(calls.texts(), ElementsAre("flock LOCK_EX", "flock LOCK_UN"));
 }
 
-TEST_F(SystemCallsTest, CountsAllocationsAndLetsOneFail) {
+TEST_F(SystemCallsTest, CountsAllocationsAndMakesOneFail) {
   SystemCalls calls;
   EXPECT_EQ(calls.allocations(), 0U);
   void* volatile block = std::malloc(10);
   std::free(block);
   EXPECT_EQ(calls.allocations(), 1U);
-  // Called by its name, since a new-expression may be optimised away.
+  // Called by name, since a new-expression may be optimised away.
   void* const object = ::operator new(sizeof(long));
   EXPECT_EQ(calls.allocations(), 2U);
   ::operator delete(object);

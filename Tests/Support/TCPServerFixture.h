@@ -14,10 +14,10 @@
 
 namespace support {
 
-/// What a server reports that failed to start, or that is stopped without having been started well.
+/// What a server reports when it fails to start, or when it is stopped without having started.
 extern const ExpectedFailure kFailedStart;
 
-/// What is printed for an accept that failed with the errno `number`.
+/// The line printed for an accept that failed with the errno `number`.
 std::string acceptLine(int number);
 
 /// The port of a socket.
@@ -32,7 +32,7 @@ class Client {
   ~Client();
 
   void send(const std::string& text) const;
-  /// What comes next; "" if the server's side closed, or if nothing came in time.
+  /// The next data; "" if the server's side closed, or if nothing arrived in time.
   std::string receive() const;
   bool sawTheEnd() const;
   int socket() const { return _socket; }
@@ -62,12 +62,13 @@ class Arrivals {
   std::vector<ZPKDataChannelPtr> _channels;
 };
 
-/// For tests of a server. The lines of stops and failed starts stay out of the output of the tests.
+/// For tests of a server. Keeps the lines of stops and failed starts out of the output of the
+/// tests.
 class TCPServerFixture : public testing::Test {
  protected:
   std::string printed() const { return _output.text(); }
 
-  /// Expects of `server` what every server that is of no use any more looks like.
+  /// Expects `server` to look like any server that can no longer be used.
   static void expectIdle(const ZPKTCPServer& server, bool wasStopped);
 
   LogCapture _log;

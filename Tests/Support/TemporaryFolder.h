@@ -5,7 +5,7 @@
 
 namespace support {
 
-/// A folder of its own for a test, removed with all that is in it. Its path is short enough for a
+/// A test's own folder, removed at the end with everything in it. Its path is short enough for a
 /// unix socket, and every user can enter it.
 class TemporaryFolder {
  public:

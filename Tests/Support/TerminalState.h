@@ -7,11 +7,11 @@
 
 namespace support {
 
-/// The requests that read and set a terminal with exact speeds, which termios.h does not know.
+/// The requests that read and set a terminal with exact speeds, which termios.h does not declare.
 extern const unsigned long kGetExactAttributesRequest;
 extern const unsigned long kSetExactAttributesRequest;
 
-/// The input and the output speed of a terminal, as the system has them: bits per second.
+/// The input and the output speed of a terminal, in bits per second, as the system stores them.
 std::pair<uint32_t, uint32_t> terminalSpeeds(int descriptor);
 
 /// Sets the input and the output speed of a terminal, which may differ.

@@ -23,7 +23,7 @@ namespace {
 
 // All times in nanoseconds.
 constexpr int64_t kSecond = 1000000000;
-// A time that no process lives to see, and that still counts in nanoseconds.
+// Later than any process runs, but still a valid count of nanoseconds.
 constexpr int64_t kLastSecond = 4000000000;
 // How long a thread waits before it looks at the test's clock again.
 constexpr int64_t kLook = 1000000;
@@ -64,7 +64,7 @@ int64_t timeOf(clockid_t clock) {
   return realTimeOf(clock);  // a processor's time
 }
 
-// Some calls tell no smaller part, so that nothing is lost in a test's sums.
+// Some calls report nothing finer; whole microseconds keep a test's sums exact.
 int64_t wholeMicroseconds(int64_t time) { return time - time % 1000; }
 
 void advanceTo(int64_t time) {
@@ -86,8 +86,8 @@ struct Look {
   bool isLast;  // the time of the whole wait is up
 };
 
-// One look of a wait: `wait` waits for so long of the real time, and gives `timedOut` if nothing
-// came.
+// One look of a wait: `wait` waits for this long in real time, and returns `timedOut` if nothing
+// happened.
 template <class Wait, class TimeLeft>
 Look look(Wait wait, int timedOut, TimeLeft timeLeft) {
   const bool isSkipped = areWaitsSkipped;
@@ -99,7 +99,7 @@ Look look(Wait wait, int timedOut, TimeLeft timeLeft) {
   return {result, isLast};
 }
 
-// A wait for something that stays once it is there.
+// A wait for something that, once it is there, stays there.
 template <class Wait>
 int waitByClock(Wait wait, int timedOut, int64_t time) {
   const CountedWait counted;
@@ -119,8 +119,8 @@ int sleepByClock(int64_t time) {
   return waitByClock(sleep, 0, time);
 }
 
-// A wait on a condition, which is not continued after a look: what the caller waits for may have
-// come, and the signal with it, while nobody waited.
+// A wait on a condition, which is not continued after a look: while nobody waited, what the caller
+// waits for may have happened and its signal been missed.
 template <class Wait>
 int waitOnConditionByClock(Wait wait, clockid_t clock, const timespec& deadline) {
   const CountedWait counted;
@@ -193,8 +193,8 @@ int timedWaitByClock(pthread_cond_t* condition, pthread_mutex_t* mutex, const ti
   return waitOnConditionByClock(wait, CLOCK_REALTIME, *deadline);
 }
 
-// What the linker puts in the place of the calls. The clocks of the standard library have their
-// mangled names.
+// The functions to which the linker directs the calls. The clocks of the standard library have
+// their mangled names.
 std::chrono::system_clock::time_point wallTime() noexcept
     asm("__wrap__ZNSt6chrono3_V212system_clock3nowEv");
 std::chrono::steady_clock::time_point steadyTime() noexcept

@@ -66,7 +66,7 @@ TEST_P(TestClockWaitTest, EndsWhenTheClockPassesItsLimit) {
   });
   EXPECT_TRUE(waitFor([&] { return clock.waits() == 1; }));
   clock.advance(999ms);
-  // Some looks at the clock, each of which could end the wait.
+  // The thread looks at the clock several times; each look could end the wait.
   const auto start = Steady::now();
   const bool endedEarly = waitFor([&] { return isOver.load(); }, 5ms);
   EXPECT_EQ(Steady::now(), start);
@@ -127,7 +127,7 @@ TEST(TestClockTest, SettingTheWallClockLeavesTheSteadyOneAlone) {
   EXPECT_EQ(Steady::now() - steady, 2s);
 }
 
-TEST(TestClockTest, WithoutItTheTimeIsTheRealOne) {
+TEST(TestClockTest, WithoutItTheTimeIsReal) {
   const auto before = Steady::now();
   {
     TestClock clock;
@@ -139,7 +139,7 @@ TEST(TestClockTest, WithoutItTheTimeIsTheRealOne) {
   EXPECT_LT(Steady::now() - before, 30min);
 }
 
-TEST(TestClockTest, WhatComesEndsAWaitOfASelect) {
+TEST(TestClockTest, ArrivingDataEndsTheWaitOfASelect) {
   TestClock clock;
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
@@ -150,7 +150,7 @@ TEST(TestClockTest, WhatComesEndsAWaitOfASelect) {
     timeval time{10, 0};
     const int count = ::select(ends[0] + 1, &set, nullptr, nullptr, &time);
     EXPECT_TRUE(FD_ISSET(ends[0], &set));
-    EXPECT_EQ(time.tv_sec, 7);  // what was left
+    EXPECT_EQ(time.tv_sec, 7);  // the remaining time
     return count;
   });
   EXPECT_TRUE(waitFor([&] { return clock.waits() == 1; }));
@@ -182,7 +182,7 @@ TEST(TestClockTest, ASignalEndsAWaitOnACondition) {
   EXPECT_EQ(clock.passed(), 0s);
 }
 
-TEST(TestClockTest, ALimitThatNobodyLivesToSeeIsALimitToo) {
+TEST(TestClockTest, ALimitBeyondAnyLifetimeStillCountsAsALimit) {
   TestClock clock;
   const SkippedWaits skipped(clock);
   timeval time{1000000000000, 0};

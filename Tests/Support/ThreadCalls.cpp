@@ -22,7 +22,7 @@ std::atomic<size_t> endlessWaitCount{0};
 std::atomic<size_t> limitedWaitCount{0};
 
 int waitReplaced(pthread_mutex_t* mutex) {
-  // The waits of `wait` itself are real ones.
+  // The waits within `wait` itself are real.
   std::function<int()> wait = std::exchange(replacedWait, nullptr);
   pthread_mutex_unlock(mutex);
   const int result = wait();
@@ -43,7 +43,7 @@ size_t endlessWaits() { return endlessWaitCount; }
 
 size_t limitedWaits() { return limitedWaitCount; }
 
-// What the linker puts in the place of the calls.
+// The functions to which the linker directs the calls.
 extern "C" {
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,

@@ -1,5 +1,5 @@
-// Thread calls of the code under test that go another way, on the thread that asks for it. They are
-// intercepted when the tests are linked (see Tests/CMakeLists.txt).
+// Makes thread calls of the code under test behave differently, on the thread that asks for it. The
+// calls are intercepted when the tests are linked (see Tests/CMakeLists.txt).
 #pragma once
 
 #include <pthread.h>
@@ -9,7 +9,7 @@
 
 namespace support {
 
-/// While it lives, the system starts no thread for the calling thread: EAGAIN.
+/// While it lives, the calling thread cannot start a thread: EAGAIN.
 class RefusedThreads {
  public:
   RefusedThreads();
@@ -18,7 +18,7 @@ class RefusedThreads {
   ~RefusedThreads();
 };
 
-/// While it lives, `wait` stands in for the calling thread's waits on a condition and gives their
+/// While it lives, `wait` replaces the calling thread's waits on a condition and provides their
 /// result. As in a real wait, the mutex is free while `wait` runs.
 class ReplacedWaits {
  public:
@@ -28,11 +28,11 @@ class ReplacedWaits {
   ~ReplacedWaits();
 };
 
-/// How many waits on a condition without a limit have begun, on all threads. Whoever holds the
-/// mutex of such a wait after it was counted knows that the waiter sleeps.
+/// How many waits on a condition without a limit have begun, on all threads. After a wait is
+/// counted, a thread that gets its mutex knows that the waiter sleeps.
 size_t endlessWaits();
 
-/// Likewise of the waits with a limit.
+/// The same for waits with a limit.
 size_t limitedWaits();
 
 }  // namespace support

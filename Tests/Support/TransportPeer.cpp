@@ -56,7 +56,7 @@ ZPKDataChannelPtr TransportPeer::makeChannel() {
 
 bool TransportPeer::open(const ZPKDataChannelPtr& channel) {
   if (_kind == Kind::kAdopted) return channel->isOpened();
-  // The hold of the channel before outlives its close, since this end stays open.
+  // The exclusive hold of an earlier channel outlives its close, since this end stays open.
   if (_kind == Kind::kTerminal) checked(::ioctl(_nearEnd, TIOCNXCL), "TIOCNXCL");
   if (!channel->openWithTimeout(ZEPHAL_COMMUNICATION_TIME_NOW)) return false;
   takeConnection();
@@ -78,7 +78,7 @@ void TransportPeer::send(std::string_view bytes) {
     bytes.remove_prefix(static_cast<size_t>(count));
   }
   if (_kind != Kind::kTerminal) return;
-  // A terminal hands bytes on in the background.
+  // A terminal passes bytes on in the background.
   ::tcdrain(_line);
   waitFor([this] {
     int waiting = 0;

@@ -8,8 +8,8 @@
 
 namespace support {
 
-/// The far end of a transport channel, held by the test itself: no thread, nothing happens that the
-/// test does not do. For a device that answers by itself, take SimulatedDevice.
+/// The far end of a transport channel, held by the test itself: it has no thread and does only what
+/// the test does. For a device that answers by itself, use SimulatedDevice.
 class TransportPeer {
  public:
   enum class Kind { kTerminal, kTCP, kUnix, kAdopted };
@@ -19,9 +19,10 @@ class TransportPeer {
   TransportPeer& operator=(const TransportPeer&) = delete;
   ~TransportPeer();
 
-  /// A new channel to this peer: closed, but open over an adopted socket, which exists once.
+  /// A new channel to this peer: closed, except over an adopted socket, which is open from the
+  /// start and exists only once.
   ZPKDataChannelPtr makeChannel();
-  /// Opens the channel, if need be, and takes the connection.
+  /// Opens the channel, if necessary, and accepts the connection.
   bool open(const ZPKDataChannelPtr& channel);
   /// Whether a channel that was closed can be opened again.
   bool canReopen() const { return _kind != Kind::kAdopted; }
@@ -31,15 +32,16 @@ class TransportPeer {
   std::string path() const { return _url.substr(std::string_view("uart://").size()); }
   /// The far end's descriptor; -1 while nobody is connected.
   int descriptor() const { return _line; }
-  /// A descriptor of the near end: the socket to adopt, or the terminal, which is held open here
-  /// beside its channel.
+  /// A descriptor of the near end: the socket to adopt, or the terminal, which is held open here as
+  /// well as by its channel.
   int nearEnd() const { return _nearEnd; }
 
-  /// Sends all bytes, and returns once the near end could read them; so nobody may read meanwhile.
+  /// Sends all bytes, and returns once the near end can read them; so nothing may read in the
+  /// meantime.
   void send(std::string_view bytes);
-  /// Receives exactly so many bytes, or as many as come in time.
+  /// Receives exactly this many bytes, or as many as arrive in time.
   std::string receive(size_t count);
-  /// Goes away in good order.
+  /// Closes its end cleanly.
   void hangUp();
 
  private:

@@ -15,9 +15,9 @@
 
 namespace support {
 
-/// A channel without a device that keeps its contract as a transport does: closed at first, its
-/// read waits for bytes or for a failure, and a failed read closes it. For what reads on a thread
-/// of its own; safe on several threads, and it logs nothing.
+/// A channel without a device that keeps its contract as a transport does: it is closed at first,
+/// its read waits for bytes or for a failure, and a failed read closes it. For code that reads on a
+/// thread of its own. Thread-safe; logs nothing.
 class WaitingChannel final : public ZPKDataChannel {
  public:
   static std::shared_ptr<WaitingChannel> make() { return std::make_shared<WaitingChannel>(); }
@@ -26,12 +26,12 @@ class WaitingChannel final : public ZPKDataChannel {
   // --- What happens below.
   /// Bytes for one read.
   void deliver(std::string_view bytes);
-  /// Lets a read give null and this error, which may be null; the channel closes itself or stays
+  /// Makes a read return null and this error, which may be null; the channel closes itself or stays
   /// open.
   void fail(ZPKErrorPtr error, bool closes = true);
-  /// Lets the read of every opening fail at once.
+  /// Makes the first read after every open fail immediately.
   void failEveryRead(ZPKErrorPtr error);
-  /// Forgets what no read has met yet.
+  /// Forgets everything that no read has returned yet.
   void clearSteps();
   /// Runs on the reading thread at the start of each read.
   void setOnRead(std::function<void()> onRead);
@@ -42,7 +42,7 @@ class WaitingChannel final : public ZPKDataChannel {
 
   // --- What was asked of it.
   size_t reads() const;
-  /// The timeouts of the reads, each different one once.
+  /// The different timeouts of the reads.
   std::vector<double> readTimeouts() const;
   std::vector<double> openTimeouts() const;
   std::vector<std::optional<std::string>> writes() const;
@@ -50,7 +50,7 @@ class WaitingChannel final : public ZPKDataChannel {
   /// Whether a read waits here at this moment.
   bool isBeingRead() const;
   /// Waits until all that was delivered is read and the reader is back for more, so that it has
-  /// handed everything on.
+  /// passed everything on.
   bool waitUntilAllIsHandedOn() const;
 
   bool openWithTimeout(double timeout, ZPKErrorPtr* error = nullptr) override;
@@ -78,7 +78,7 @@ class WaitingChannel final : public ZPKDataChannel {
 
   mutable std::mutex _mutex;
   mutable std::condition_variable _changed;
-  // All below under the mutex.
+  // Everything below is guarded by the mutex.
   bool _opened = false;
   std::deque<Step> _steps;
   std::optional<Step> _everyRead;
@@ -89,7 +89,7 @@ class WaitingChannel final : public ZPKDataChannel {
   std::vector<double> _readTimeouts;
   std::vector<double> _openTimeouts;
   std::vector<std::optional<std::string>> _writes;
-  std::vector<std::string> _calls;  // all but the reads
+  std::vector<std::string> _calls;  // all except the reads
 };
 
 }  // namespace support
