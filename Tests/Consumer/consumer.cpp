@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string_view>
 
-// Asks a device that has answered already, and lets one failure go to a log of its own.
+// Sends a command to a device that has answered already, and sends one failure to its own log.
 int main() {
   int ends[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) return 1;

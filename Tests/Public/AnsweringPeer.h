@@ -10,10 +10,10 @@
 #include <thread>
 #include <utility>
 
-/// The far end of a connected pair of sockets: a thread that answers every line it is sent.
+/// The peer's end of a connected pair of sockets: a thread that answers every line it receives.
 class AnsweringPeer {
  public:
-  /// Gets a line without its line feed and gives the bytes to send back.
+  /// Receives a line without its line feed and returns the bytes to send back.
   using Answer = std::function<std::string(const std::string& line)>;
 
   explicit AnsweringPeer(Answer answer) : _answer(std::move(answer)) {
@@ -31,13 +31,13 @@ class AnsweringPeer {
     ::close(_farEnd);
   }
 
-  /// The end for the caller, who takes it over.
+  /// The caller's end, which the caller then owns.
   int takeSocket() { return std::exchange(_nearEnd, -1); }
-  /// Says something unasked.
+  /// Sends something unasked.
   void say(std::string_view bytes) const {
     ::send(_farEnd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
   }
-  /// Ends the connection.
+  /// Closes the connection.
   void hangUp() const { ::shutdown(_farEnd, SHUT_RDWR); }
 
  private:

@@ -1,4 +1,4 @@
-// The exported constants, as a program sees them that is linked with the shared library.
+// The exported constants, as seen by a program that is linked with the shared library.
 #include <ZephalIO/ZPKConstants.h>
 #include <gtest/gtest.h>
 
@@ -18,7 +18,7 @@ TEST(ConstantsTest, TheOptionKeysHaveTheirTexts) {
             "zephalbench.zephal.zephal-communication.uart-exclusive-lock");
 }
 
-TEST(ConstantsTest, TheVersionSymbolsAreInTheFormThatIdentificationToolsLookFor) {
+TEST(ConstantsTest, TheVersionSymbolsSuitIdentificationTools) {
   EXPECT_EQ(ZephalIOVersionNumber, 0.0);
   EXPECT_EQ(std::string_view(reinterpret_cast<const char*>(ZephalIOVersionString)),
             "@(#)PROGRAM:ZephalIO  PROJECT:ZephalIO-\n");

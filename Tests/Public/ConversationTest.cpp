@@ -1,4 +1,4 @@
-// Conversations as a user holds them: through the shared library and its public headers alone.
+// Conversations as a user holds them: only through the shared library and its public headers.
 #include <ZephalIO/ZephalIO.h>
 #include <ZephalLogging/ZephalLogging.h>
 #include <gtest/gtest.h>
@@ -41,7 +41,7 @@ TEST_F(ConversationTest, ACommandGetsTheResponseUpToThePrompt) {
   EXPECT_EQ(stack->isOpen(), 0);
 }
 
-TEST_F(ConversationTest, TwoResponsesInOneChunkComeOutOneARead) {
+TEST_F(ConversationTest, EachReadReturnsOneResponseOfAChunkWithTwo) {
   AnsweringPeer peer([](const std::string&) { return "first> second> "; });
   const auto stack = stackOver(peer);
   ASSERT_NE(stack, nullptr);
@@ -50,7 +50,7 @@ TEST_F(ConversationTest, TwoResponsesInOneChunkComeOutOneARead) {
   EXPECT_EQ(stack->readStringWithTimeout(30, std::nullopt, &_error), "second> ");
 }
 
-TEST_F(ConversationTest, AnotherDelimiterAndLineTerminatorHoldFromTheNextCommandOn) {
+TEST_F(ConversationTest, NewDelimitersAndTerminatorsApplyToTheNextCommand) {
   AnsweringPeer peer([](const std::string& line) { return "<" + line + ">=> "; });
   const auto stack = stackOver(peer);
   ASSERT_NE(stack, nullptr);
@@ -59,7 +59,7 @@ TEST_F(ConversationTest, AnotherDelimiterAndLineTerminatorHoldFromTheNextCommand
   EXPECT_EQ(stack->sendCommandString("a", 30, &_error), "<a\r>=> ");
 }
 
-TEST_F(ConversationTest, AnEchoIsRemovedAndTheExpressionPicksItsGroup) {
+TEST_F(ConversationTest, AnEchoIsRemovedAndTheExpressionSelectsItsGroup) {
   AnsweringPeer peer([](const std::string& line) { return line + "\ntemperature 21.5 C\n> "; });
   const auto stack = stackOver(peer);
   ASSERT_NE(stack, nullptr);
@@ -69,7 +69,7 @@ TEST_F(ConversationTest, AnEchoIsRemovedAndTheExpressionPicksItsGroup) {
   EXPECT_EQ(stack->sendCommandStringWithEchoRemoval("read", regex, 30, &_error), "21.5");
 }
 
-TEST_F(ConversationTest, SilenceIsATimeoutThatNamesCommandAndTime) {
+TEST_F(ConversationTest, TheErrorAfterSilenceNamesTheCommandAndTimeout) {
   AnsweringPeer peer([](const std::string&) { return "no prompt follows"; });
   const auto stack = stackOver(peer);
   ASSERT_NE(stack, nullptr);

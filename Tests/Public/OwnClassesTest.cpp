@@ -1,5 +1,5 @@
-// Classes of a caller that keep the library's contracts, and objects of the library in a caller's
-// hands: what must work across the border of the shared library.
+// A caller's classes that implement the library's contracts, and the library's objects in a
+// caller's hands: what must work across the boundary of the shared library.
 #include <ZephalIO/ZephalIO.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@
 
 namespace {
 
-// Hands back what is written, and says "> " at the end.
+// Returns whatever is written, followed by "> ".
 class EchoChannel final : public ZPKDataChannel {
  public:
   bool openWithTimeout(double, ZPKErrorPtr*) override { return _opened = true; }
@@ -70,7 +70,7 @@ class BoundedChannel final : public ZPKDataChannel {
  private:
   const ZPKDataChannelPtr _channel;
   const size_t _limit;
-  std::atomic<size_t> _sinceLastWrite{0};  // a background reader reads beside a write
+  std::atomic<size_t> _sinceLastWrite{0};  // a background reader reads during a write
 };
 
 class UpperCase final : public ZPKDataTransformer {
@@ -88,7 +88,7 @@ class UpperCase final : public ZPKDataTransformer {
   int resets = 0;
 };
 
-TEST(OwnClassesTest, AChannelOfTheCallerStandsAtTheBottomOfAStack) {
+TEST(OwnClassesTest, ACallersChannelWorksAtTheBottomOfAStack) {
   const auto channel = std::make_shared<EchoChannel>();
   const auto stack = ZPKCommStack::init();
   ASSERT_TRUE(stack->createStackWithBaseChannel(channel));
@@ -100,7 +100,7 @@ TEST(OwnClassesTest, AChannelOfTheCallerStandsAtTheBottomOfAStack) {
   EXPECT_EQ(channel->resets, 1);
 }
 
-TEST(OwnClassesTest, AChannelOfTheCallerBoundsWhatAPeerCanFill) {
+TEST(OwnClassesTest, ACallersChannelLimitsWhatAPeerCanFill) {
   for (const bool readsAhead : {false, true}) {
     AnsweringPeer peer([](const std::string& line) {
       return line == "dump" ? std::string(1 << 20, 'x') : "ok> ";
@@ -113,8 +113,8 @@ TEST(OwnClassesTest, AChannelOfTheCallerBoundsWhatAPeerCanFill) {
     for (int i = 0; i < 3; ++i) EXPECT_EQ(stack->sendCommandString("status", 30), "ok> ");
     ZPKErrorPtr error;
     EXPECT_EQ(stack->sendCommandString("dump", 30, &error), std::nullopt);
-    // A background reader can meet the failure between two slices of a read, which has no error
-    // then.
+    // A background reader can detect the failure between two slices of a read, which then has no
+    // error.
     if (!readsAhead) {
       ASSERT_NE(error, nullptr);
       EXPECT_EQ(error->domain(), "station");
@@ -126,8 +126,8 @@ TEST(OwnClassesTest, AChannelOfTheCallerBoundsWhatAPeerCanFill) {
   }
 }
 
-// The layers of the library hand held units up faster among themselves.
-TEST(OwnClassesTest, AChannelOfTheCallerBetweenTwoOfTheLibraryChangesNoResult) {
+// The library's own layers have a faster way to pass held units up.
+TEST(OwnClassesTest, ACallersChannelBetweenTheLibrarysOwnChangesNoResult) {
   for (const bool isBetween : {false, true}) {
     const auto echo = std::make_shared<EchoChannel>();
     ZPKDataChannelPtr channel = createAggregatingTransformerChannel(
@@ -147,7 +147,7 @@ TEST(OwnClassesTest, AChannelOfTheCallerBetweenTwoOfTheLibraryChangesNoResult) {
   }
 }
 
-TEST(OwnClassesTest, ATransformerOfTheCallerEditsWhatIsRead) {
+TEST(OwnClassesTest, ACallersTransformerEditsWhatIsRead) {
   const auto upper = std::make_shared<UpperCase>();
   const auto channel = createChannelTransformer(std::make_shared<EchoChannel>(), {upper}, {});
   ASSERT_NE(channel, nullptr);
@@ -157,7 +157,7 @@ TEST(OwnClassesTest, ATransformerOfTheCallerEditsWhatIsRead) {
   EXPECT_EQ(upper->resets, 1);
 }
 
-TEST(OwnClassesTest, ATransformerOfTheCallerEditsACopyOfWhatIsWritten) {
+TEST(OwnClassesTest, ACallersTransformerEditsACopyOfWhatIsWritten) {
   const auto channel = createChannelTransformer(std::make_shared<EchoChannel>(), {},
                                                 {std::make_shared<UpperCase>()});
   const auto written = ZPKData::dataWithString("hello");
@@ -166,7 +166,7 @@ TEST(OwnClassesTest, ATransformerOfTheCallerEditsACopyOfWhatIsWritten) {
   EXPECT_EQ(channel->readWithTimeout(0)->string(), "HELLO> ");
 }
 
-TEST(OwnClassesTest, ATransformerOfTheLibraryCastsDownInTheProgram) {
+TEST(OwnClassesTest, TheProgramCanDowncastALibraryTransformer) {
   const ZPKDataTransformerPtr transformer =
       ZPKMutableDataAggregatorTransformer::initWithTerminator(ZPKData::dataWithString("\n"));
   EXPECT_NE(std::dynamic_pointer_cast<ZPKMutableDataAggregatorTransformer>(transformer), nullptr);
@@ -174,14 +174,14 @@ TEST(OwnClassesTest, ATransformerOfTheLibraryCastsDownInTheProgram) {
   EXPECT_EQ(std::dynamic_pointer_cast<UpperCase>(transformer), nullptr);
 }
 
-TEST(OwnClassesTest, DataOfTheLibraryCastsDownInTheProgram) {
+TEST(OwnClassesTest, TheProgramCanDowncastLibraryData) {
   const ZPKDataPtr fixed = ZPKData::dataWithString("hello");
   const ZPKDataPtr growable = fixed->mutableCopy();
   EXPECT_EQ(std::dynamic_pointer_cast<const ZPKMutableData>(fixed), nullptr);
   EXPECT_NE(std::dynamic_pointer_cast<const ZPKMutableData>(growable), nullptr);
 }
 
-TEST(OwnClassesTest, AChannelOfTheCallerCastsDownAfterAWayThroughTheLibrary) {
+TEST(OwnClassesTest, ACallersChannelFromTheLibraryCanBeDowncast) {
   const auto stack = ZPKCommStack::init();
   stack->setCommChannel(std::make_shared<EchoChannel>());
   EXPECT_NE(std::dynamic_pointer_cast<EchoChannel>(stack->commChannel()), nullptr);
@@ -190,7 +190,7 @@ TEST(OwnClassesTest, AChannelOfTheCallerCastsDownAfterAWayThroughTheLibrary) {
 }
 
 // A mode shorter than three characters is the one failure that is thrown.
-TEST(OwnClassesTest, TheOneExceptionOfTheLibraryIsCaughtInTheProgram) {
+TEST(OwnClassesTest, TheProgramCatchesTheLibrarysOneException) {
   const int terminal = ::posix_openpt(O_RDWR | O_NOCTTY);
   ASSERT_EQ(::grantpt(terminal), 0);
   ASSERT_EQ(::unlockpt(terminal), 0);

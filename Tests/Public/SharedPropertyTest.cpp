@@ -1,6 +1,6 @@
-// A property that the program sets while the shared library reads it. Whoever waits for it must be
-// woken: a wake is lost if the two have their own copy of the waiting code, and inlining one of the
-// accessors would bring that about.
+// A property that the program sets while the shared library reads it. A thread that waits for it
+// must be woken. The wake-up is lost if program and library each have a copy of the waiting code,
+// which would happen if one of the accessors were inlined.
 #include <ZephalIO/ZephalIO.h>
 #include <ZephalLogging/ZephalLogging.h>
 #include <gtest/gtest.h>
@@ -22,8 +22,8 @@ class SilentChannel final : public ZPKDataChannel {
   bool write(const ZPKDataPtr&, ZPKErrorPtr*) override { return true; }
 };
 
-// A read copies the text in the library when it was replaced, and a long text takes so long to copy
-// that the program, which replaces it meanwhile, has to wait. A wake that is lost ends the rounds.
+// After a change, a read copies the text in the library. A long text takes so long to copy that the
+// program, which replaces it at the same time, has to wait. A lost wake-up ends the rounds.
 TEST(SharedPropertyTest, AProgramThatWaitsForTheLibraryIsWoken) {
   ZPKLoggingSetSink([](int, std::string_view) {});
   const auto stack = ZPKCommStack::init();

@@ -28,7 +28,7 @@ class CommLoggerStackRecordingTest : public testing::TestWithParam<SimulatedDevi
 
   bool isTerminal() const { return GetParam() == Kind::kTerminal; }
 
-  /// Makes a device, and the recorder's chain to it, which is open afterwards.
+  /// Creates a device, and the recorder's chain to it, which is open afterwards.
   void connect(SimulatedDevice::Behaviour behaviour = SimulatedDevice::Behaviour()) {
     device = std::make_unique<SimulatedDevice>(GetParam(), std::move(behaviour));
     ASSERT_TRUE(recorder->createStackWithURL(device->url()));
@@ -36,7 +36,7 @@ class CommLoggerStackRecordingTest : public testing::TestWithParam<SimulatedDevi
   }
 
   void open() {
-    // A terminal that another hand still holds open stays exclusive after a close.
+    // A terminal that somebody else still holds open stays exclusive after a close.
     if (isTerminal()) device->liftExclusiveHold();
     ZPKErrorPtr error;
     ASSERT_TRUE(recorder->open(&error)) << descriptionOf(error);
@@ -45,7 +45,7 @@ class CommLoggerStackRecordingTest : public testing::TestWithParam<SimulatedDevi
     }
   }
 
-  /// Makes the line usable again after the device has gone: a terminal goes with it.
+  /// Makes the line usable again after the device has gone away, which takes a terminal with it.
   void reconnect() {
     if (isTerminal()) {
       connect();
@@ -63,7 +63,7 @@ class CommLoggerStackRecordingTest : public testing::TestWithParam<SimulatedDevi
   bool waitForCutText(const std::string& text) const {
     return waitFor([&] { return cutText() == text; });
   }
-  bool waitUntilFallen() const {
+  bool waitUntilLost() const {
     return waitFor([&] { return recorder->isOpen() == 0; });
   }
 
@@ -95,7 +95,7 @@ TEST_P(CommLoggerStackRecordingTest, AnEntryIsWrittenInItsExactForm) {
   const auto lines = linesOfLog(cutPath);
   ASSERT_EQ(lines.size(), 2U);
   const std::string prefix = " <post--read>[" + std::to_string(::getpid()) + "]: ";
-  // Both lines are one entry, and so of one moment.
+  // Both lines are one entry, and so have the same time.
   EXPECT_EQ(contentsOfFile(cutPath),
             "\n" + lines[0].timestamp + prefix + "booting\n" + lines[0].timestamp + prefix);
 }
@@ -109,7 +109,7 @@ TEST_P(CommLoggerStackRecordingTest, NothingIsEverSent) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_P(CommLoggerStackRecordingTest, ALineThatTricklesIsOneEntryOfTheCutLogAndManyOfTheRawOne) {
+TEST_P(CommLoggerStackRecordingTest, ATricklingLineIsOneCutEntryAndManyRaw) {
   recorder->setDelimiter(";");
   connect();
   const std::string text = "one;two;thr";
@@ -124,7 +124,7 @@ TEST_P(CommLoggerStackRecordingTest, ALineThatTricklesIsOneEntryOfTheCutLogAndMa
   EXPECT_THAT(textsOfLog(cutPath), ElementsAre("post--read: one;", "post--read: two;"));
 }
 
-TEST_P(CommLoggerStackRecordingTest, LinesThatComeAtOnceAreEntriesOfTheirOwn) {
+TEST_P(CommLoggerStackRecordingTest, LinesThatArriveTogetherAreSeparateEntries) {
   recorder->setDelimiter("\n");
   connect();
   device->send("one\ntwo\n\nfour\nrest");
@@ -136,7 +136,7 @@ TEST_P(CommLoggerStackRecordingTest, LinesThatComeAtOnceAreEntriesOfTheirOwn) {
   EXPECT_EQ(rawText(), "onetwofourrest");
 }
 
-TEST_P(CommLoggerStackRecordingTest, ADelimiterSetWhileRecordingCutsWhatIsHeld) {
+TEST_P(CommLoggerStackRecordingTest, ADelimiterSetWhileRecordingSplitsTheHeldBytes) {
   recorder->setDelimiter("\n");
   connect();
   device->send("one;two");
@@ -169,7 +169,7 @@ TEST_P(CommLoggerStackRecordingTest, ALongReportIsRecordedWhole) {
 TEST_P(CommLoggerStackRecordingTest, AFloodDoesNotKeepTheRecorderFromClosing) {
   recorder->setDelimiter("\r\n");
   connect({.floods = true});
-  // Nobody could read to the end of a log that grows like this.
+  // The test could not read to the end of a log that grows like this.
   ASSERT_TRUE(waitFor([&] { return std::filesystem::file_size(cutPath) > 0; }));
   ASSERT_TRUE(recorder->close());
   EXPECT_EQ(recorder->isOpen(), 0);
@@ -178,16 +178,16 @@ TEST_P(CommLoggerStackRecordingTest, AFloodDoesNotKeepTheRecorderFromClosing) {
   EXPECT_TRUE(rawText().starts_with(cut));
 }
 
-TEST_P(CommLoggerStackRecordingTest, ADeviceThatGoesShowsInIsOpenAndWhatItSaidIsInTheRawLog) {
+TEST_P(CommLoggerStackRecordingTest, ADeviceThatHangsUpLeavesItsBytesRecorded) {
   recorder->setDelimiter("\n");
   connect();
   device->send("whole\nhalf");
   ASSERT_TRUE(waitForRawText("wholehalf"));
   device->hangUp();
-  ASSERT_TRUE(waitUntilFallen());
+  ASSERT_TRUE(waitUntilLost());
   EXPECT_THAT(log.texts(), ElementsAre(StartsWith("Read failed with error ")));
   ZPKErrorPtr error;
-  // The reader tells its error a moment after its end.
+  // The reader reports its error a moment after it has ended.
   ASSERT_TRUE(waitFor([&] {
     return !recorder->close(&error) && descriptionOf(error).starts_with("Read failed with error ");
   }));
@@ -195,13 +195,13 @@ TEST_P(CommLoggerStackRecordingTest, ADeviceThatGoesShowsInIsOpenAndWhatItSaidIs
   EXPECT_TRUE(waitForCutText("whole"));
 }
 
-TEST_P(CommLoggerStackRecordingTest, AHalfLineBeginsTheFirstOneAfterAReopenUnlessANewChainComes) {
+TEST_P(CommLoggerStackRecordingTest, OnlyAReopenedChainKeepsAHalfLine) {
   recorder->setDelimiter("\n");
   connect();
   device->send("half");
   ASSERT_TRUE(waitForRawText("half"));
   device->hangUp();
-  ASSERT_TRUE(waitUntilFallen());
+  ASSERT_TRUE(waitUntilLost());
   reconnect();
   device->send(" and whole\n");
   EXPECT_TRUE(waitForCutText(isTerminal() ? " and whole" : "half and whole"));
@@ -220,16 +220,16 @@ TEST_P(CommLoggerStackRecordingTest, TheLogsGoOnThroughReconnections) {
     ASSERT_TRUE(waitForCutText(all));
     ASSERT_TRUE(waitForRawText(all));
     device->hangUp();
-    ASSERT_TRUE(waitUntilFallen());
+    ASSERT_TRUE(waitUntilLost());
     reconnect();
   }
-  // The thread that met the end of a line can hold its files a moment longer.
+  // The thread that detected the end of a line can hold its files a moment longer.
   EXPECT_TRUE(waitFor([&] { return openDescriptors().size() == descriptors; }));
   EXPECT_TRUE(recorder->close());
   EXPECT_EQ(cutText(), all);
 }
 
-TEST_P(CommLoggerStackRecordingTest, BytesOfAClosedRecordingDoNotShowInTheNext) {
+TEST_P(CommLoggerStackRecordingTest, BytesOfAClosedRecordingStayOutOfTheNext) {
   recorder->setDelimiter("\n");
   connect();
   device->send("half");
@@ -241,7 +241,7 @@ TEST_P(CommLoggerStackRecordingTest, BytesOfAClosedRecordingDoNotShowInTheNext) 
   EXPECT_TRUE(recorder->close());
 }
 
-TEST_P(CommLoggerStackRecordingTest, TwoRecordersShareOneFileWithoutCuttingIntoEachOther) {
+TEST_P(CommLoggerStackRecordingTest, TwoRecordersShareOneFileWithoutMixingTheirEntries) {
   recorder = ZPKCommLoggerStack::init();
   ASSERT_TRUE(recorder->setLogFilePath(cutPath, std::nullopt));
   recorder->setDelimiter("\n");

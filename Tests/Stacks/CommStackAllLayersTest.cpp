@@ -35,12 +35,12 @@ class CommStackAllLayersTest : public CommStackFixture {
   std::string rawTextRead() const { return joinedTextOfLog(prePath, "pre---read"); }
   std::string rawTextWritten() const { return joinedTextOfLog(prePath, "pre--write"); }
 
-  /// The background reader has met the end of the line.
-  bool waitUntilFallen() {
+  /// The background reader has detected the end of the line.
+  bool waitUntilLost() {
     return waitFor([&] { return stack->isOpen() == 0; });
   }
 
-  /// Makes the line usable again after the device has gone: a terminal goes with it.
+  /// Makes the line usable again after the device has gone away, which takes a terminal with it.
   void reconnect() {
     if (isTerminal()) {
       connect();
@@ -70,8 +70,8 @@ TEST_P(CommStackAllLayersTest, TheOuterLogIsTheConversationInItsExactForm) {
   EXPECT_EQ(ask("status"), "status\nok\r\nfine\r=> ");
   EXPECT_EQ(ask(""), "\n=> ");
   ASSERT_TRUE(stack->close());
-  // Any line break begins a line of the log; an empty command ends in one by the line terminator
-  // alone, which comes further down.
+  // Any line break begins a line of the log. An empty command has no other line break than the line
+  // terminator, which is added further down.
   EXPECT_EQ(shapeOfLog(postPath),
             "\nT <post-write>[P]: status"
             "\nT <post--read>[P]: status\nT <post--read>[P]: ok\nT <post--read>[P]: fine"
@@ -86,14 +86,14 @@ TEST_P(CommStackAllLayersTest, TheRawLogIsWhatPassesOnTheWire) {
   ASSERT_TRUE(stack->close());
   EXPECT_EQ(rawTextWritten(), "statusnext");
   EXPECT_EQ(rawTextRead(), "\x1B[32mok\x1B[0m[noise]=> %s%n%@=> ");
-  // A line that is written ends in the line terminator, which shows as an empty line of the log.
+  // A written line ends in the line terminator, which appears as an empty line of the log.
   const auto texts = textsOfLog(prePath);
   ASSERT_GE(texts.size(), 2U);
   EXPECT_EQ(texts[0], "pre--write: status");
   EXPECT_EQ(texts[1], "pre--write: ");
 }
 
-TEST_P(CommStackAllLayersTest, AnEchoIsTakenOutOfTheResponseAndStaysInBothLogs) {
+TEST_P(CommStackAllLayersTest, AnEchoIsRemovedButStaysInBothLogs) {
   connect({.echoes = true, .responses = {{"temp", "[noise]21 \u00B0C\n"}}});
   const ZPKRegexPtr regex = ZPKRegex::initWithPattern("(\\d+) .C");
   EXPECT_EQ(stack->sendCommandStringWithEchoRemoval("temp", kLong), "21 \u00B0C\n=> ");
@@ -104,7 +104,7 @@ TEST_P(CommStackAllLayersTest, AnEchoIsTakenOutOfTheResponseAndStaysInBothLogs) 
   EXPECT_EQ(rawTextRead(), "temp[noise]21 \u00B0C=> temp[noise]21 \u00B0C=> ");
 }
 
-TEST_P(CommStackAllLayersTest, WhatNobodyReadsIsInTheRawLogAtOnceAndInTheOuterLogOnceItIsRead) {
+TEST_P(CommStackAllLayersTest, UnreadBytesAreOnlyInTheRawLog) {
   connect();
   device->send("unasked=> ");
   ASSERT_TRUE(waitFor([&] { return rawTextRead() == "unasked=> "; }));
@@ -114,7 +114,7 @@ TEST_P(CommStackAllLayersTest, WhatNobodyReadsIsInTheRawLogAtOnceAndInTheOuterLo
   EXPECT_THAT(textsOfLog(postPath), ElementsAre("post--read: unasked=> "));
 }
 
-TEST_P(CommStackAllLayersTest, BytesThatAreNoTextShowInHexadecimal) {
+TEST_P(CommStackAllLayersTest, BytesThatAreNotTextAppearInHexadecimal) {
   connect();
   device->send("\xFF\x01 a=> ");
   EXPECT_EQ(bytesOf(stack->readDataWithTimeout(kLong, nullptr)), "\xFF\x01 a=> ");
@@ -123,7 +123,7 @@ TEST_P(CommStackAllLayersTest, BytesThatAreNoTextShowInHexadecimal) {
   EXPECT_THAT(textsOfLog(postPath), ElementsAre("post--read: <ff01> a=> ", "post-write: <fe>"));
 }
 
-TEST_P(CommStackAllLayersTest, ACommandWithoutAResponseLeavesItsOwnEntryAlone) {
+TEST_P(CommStackAllLayersTest, ACommandWithoutAResponseLogsOnlyItself) {
   connect({.isSilent = true});
   ZPKErrorPtr error;
   EXPECT_EQ(stack->sendCommandString("anybody?", 0.05, &error), std::nullopt);
@@ -135,18 +135,18 @@ TEST_P(CommStackAllLayersTest, ACommandWithoutAResponseLeavesItsOwnEntryAlone) {
   EXPECT_THAT(textsOfLog(prePath), ElementsAre("pre--write: anybody?", "pre--write: "));
 }
 
-TEST_P(CommStackAllLayersTest, AResponseThatTricklesIsOneEntryOfTheOuterLog) {
+TEST_P(CommStackAllLayersTest, ATricklingResponseIsOneEntryOfTheOuterLog) {
   connect({.responses = {{"ask", "\x1B[32m[noi[noise]se]"}},
            .pause = std::chrono::milliseconds(1),
            .trickles = true});
-  // What the removal of a filter's text brings together stays.
+  // Text that is joined when a filter removes its pattern is not filtered again.
   EXPECT_EQ(ask("ask"), "[noise]=> ");
   ASSERT_TRUE(stack->close());
   EXPECT_THAT(textsOfLog(postPath), ElementsAre("post-write: ask", "post--read: [noise]=> "));
   EXPECT_EQ(rawTextRead(), "\x1B[32m[noi[noise]se]=> ");
 }
 
-TEST_P(CommStackAllLayersTest, EachByteThatComesAloneIsAnEntryOfTheRawLog) {
+TEST_P(CommStackAllLayersTest, BytesSentOneByOneAreSeparateRawEntries) {
   connect();
   const std::string response = "a[noise]b=> ";
   std::vector<std::string> entries;
@@ -177,17 +177,17 @@ TEST_P(CommStackAllLayersTest, AFloodIsReadLineByLineAndLogged) {
   EXPECT_TRUE(rawTextRead().starts_with(lines));
 }
 
-TEST_P(CommStackAllLayersTest, ADeviceThatGoesInMidResponseClosesTheStackAndItsBytesAreLogged) {
+TEST_P(CommStackAllLayersTest, BytesBeforeAHangUpAreLogged) {
   connect({.responses = {{"ask", "answer"}}, .hangsUpAfter = 3});
   EXPECT_EQ(ask("ask"), std::nullopt);
-  ASSERT_TRUE(waitUntilFallen());
+  ASSERT_TRUE(waitUntilLost());
   ZPKErrorPtr error;
-  // The reader tells its error a moment after its end.
+  // The reader reports its error a moment after it has ended.
   ASSERT_TRUE(waitFor([&] {
     return !stack->close(&error) && descriptionOf(error).starts_with("Read failed with error ");
   }));
   EXPECT_EQ(codeOf(error), 2);
-  // A terminal that hangs up takes with it what was not read yet.
+  // A terminal that hangs up discards the bytes that were not read yet.
   if (!isTerminal()) {
     EXPECT_TRUE(waitFor([&] { return rawTextRead() == "ans"; }));
   }
@@ -200,7 +200,7 @@ TEST_P(CommStackAllLayersTest, ADeviceThatGoesInMidResponseClosesTheStackAndItsB
   EXPECT_EQ(joinedTextOfLog(postPath, "post-write"), "askagain");
 }
 
-TEST_P(CommStackAllLayersTest, TheLogsGoOnThroughReconnections) {
+TEST_P(CommStackAllLayersTest, TheLogsContinueAcrossReconnections) {
   connect({.respond = [](const std::string& command) { return command + "\n"; }});
   const size_t descriptors = openDescriptors().size();
   std::vector<std::string> conversation;
@@ -215,18 +215,18 @@ TEST_P(CommStackAllLayersTest, TheLogsGoOnThroughReconnections) {
       return rawTextRead() == wire && textsOfLog(postPath).size() == conversation.size();
     }));
     device->hangUp();
-    ASSERT_TRUE(waitUntilFallen());
+    ASSERT_TRUE(waitUntilLost());
     reconnect();
     device->setBehaviour({.respond = [](const std::string& text) { return text + "\n"; }});
   }
-  // The thread that met the end of a line can hold its files a moment longer.
+  // The thread that detected the end of a line can hold its files a moment longer.
   EXPECT_TRUE(waitFor([&] { return openDescriptors().size() == descriptors; }));
   ASSERT_TRUE(stack->close());
   EXPECT_EQ(textsOfLog(postPath), conversation);
   EXPECT_EQ(rawTextRead(), wire);
 }
 
-TEST_P(CommStackAllLayersTest, TheLogsGrowOverSeveralOpens) {
+TEST_P(CommStackAllLayersTest, TheLogsGrowAcrossSeveralOpens) {
   connect();
   for (int round = 0; round < 3; ++round) {
     EXPECT_EQ(ask("ask"), "=> ");
@@ -238,7 +238,7 @@ TEST_P(CommStackAllLayersTest, TheLogsGrowOverSeveralOpens) {
   EXPECT_EQ(rawTextRead(), "=> => => ");
 }
 
-TEST_P(CommStackAllLayersTest, AStackThatGoesWhileOpenLeavesItsLogsComplete) {
+TEST_P(CommStackAllLayersTest, AStackDestroyedWhileOpenLeavesItsLogsComplete) {
   connect();
   EXPECT_EQ(ask("last"), "=> ");
   stack = nullptr;
@@ -247,7 +247,7 @@ TEST_P(CommStackAllLayersTest, AStackThatGoesWhileOpenLeavesItsLogsComplete) {
   EXPECT_EQ(rawTextRead(), "=> ");
 }
 
-TEST_P(CommStackAllLayersTest, CommandsOfSeveralThreadsStandInTheLogWithTheirResponses) {
+TEST_P(CommStackAllLayersTest, CommandsOfSeveralThreadsAreLoggedWithTheirResponses) {
   connect({.respond = [](const std::string& command) { return "to " + command; }});
   std::vector<std::thread> threads;
   for (int talker = 0; talker < 3; ++talker) {
@@ -269,7 +269,7 @@ TEST_P(CommStackAllLayersTest, CommandsOfSeveralThreadsStandInTheLogWithTheirRes
   }
 }
 
-TEST_P(CommStackAllLayersTest, AMissingFolderOfALogLeavesTheDeviceAlone) {
+TEST_P(CommStackAllLayersTest, AMissingLogFolderLeavesTheDeviceAlone) {
   ASSERT_TRUE(stack->setLogFilePath(folder.pathOf("missing/post.log"), prePath));
   device = std::make_unique<SimulatedDevice>(GetParam(), Behaviour());
   ASSERT_TRUE(stack->createStackWithURL(device->url()));

@@ -42,7 +42,7 @@ TEST_P(CommStackConversationTest, ABannerIsReadBeforeTheFirstCommand) {
   EXPECT_EQ(read(), "=> ");
 }
 
-TEST_P(CommStackConversationTest, WritesEndInTheLineTerminatorOfTheMoment) {
+TEST_P(CommStackConversationTest, WritesEndInTheCurrentLineTerminator) {
   connect({.isSilent = true});
   EXPECT_TRUE(stack->writeString("one"));
   EXPECT_TRUE(stack->setLineTerminator("\r\n"));
@@ -54,7 +54,7 @@ TEST_P(CommStackConversationTest, WritesEndInTheLineTerminatorOfTheMoment) {
   EXPECT_EQ(device->received(), all);
 }
 
-TEST_P(CommStackConversationTest, AnEchoIsRemovedOnceAndThePatternPicksItsPart) {
+TEST_P(CommStackConversationTest, OneEchoIsRemovedAndThePatternSelectsItsPart) {
   connect({.echoes = true, .responses = {{"temp", "temp\n21 \u00B0C\n"}}});
   EXPECT_EQ(ask("temp"), "temp\ntemp\n21 \u00B0C\n=> ");
   EXPECT_EQ(stack->sendCommandStringWithEchoRemoval("temp", kLong), "temp\n21 \u00B0C\n=> ");
@@ -62,7 +62,7 @@ TEST_P(CommStackConversationTest, AnEchoIsRemovedOnceAndThePatternPicksItsPart) 
   EXPECT_EQ(stack->sendCommandStringWithEchoRemoval("temp", regex, kLong), "21 \u00B0C");
 }
 
-TEST_P(CommStackConversationTest, TwoResponsesAtOnceComeOneByOneTheSecondWithoutASystemCall) {
+TEST_P(CommStackConversationTest, TheSecondOfTwoResponsesNeedsNoSystemCall) {
   connect();
   device->send("one=> two=> ");
   EXPECT_EQ(read(), "one=> ");
@@ -72,7 +72,7 @@ TEST_P(CommStackConversationTest, TwoResponsesAtOnceComeOneByOneTheSecondWithout
   EXPECT_THAT(calls.texts({"select", "read", "ioctl"}), IsEmpty());
 }
 
-TEST_P(CommStackConversationTest, BytesBehindAPromptBeginTheNextResponse) {
+TEST_P(CommStackConversationTest, BytesAfterAPromptBeginTheNextResponse) {
   connect();
   device->send("one=> and ");
   EXPECT_EQ(read(), "one=> ");
@@ -90,7 +90,7 @@ TEST_P(CommStackConversationTest, AResponseIsTheSameWhereverItIsSplit) {
   }
 }
 
-TEST_P(CommStackConversationTest, APromptIsFoundHoweverItIsSplit) {
+TEST_P(CommStackConversationTest, APromptIsFoundWhereverItIsSplit) {
   connect();
   for (size_t split = 0; split <= 3; ++split) {
     device->setBehaviour({.responses = {{"ask", "answer"}}, .splitsPromptAfter = split});
@@ -98,7 +98,7 @@ TEST_P(CommStackConversationTest, APromptIsFoundHoweverItIsSplit) {
   }
 }
 
-TEST_P(CommStackConversationTest, AResponseThatTricklesComesWhole) {
+TEST_P(CommStackConversationTest, ATricklingResponseArrivesWhole) {
   connect({.responses = {{"ask", "slow \u20AC\n"}},
            .pause = std::chrono::milliseconds(1),
            .trickles = true});
@@ -106,7 +106,7 @@ TEST_P(CommStackConversationTest, AResponseThatTricklesComesWhole) {
   EXPECT_EQ(stack->sendCommandString("ask", std::nullopt), "slow \u20AC\n=> ");
 }
 
-TEST_P(CommStackConversationTest, ASilentDeviceIsATimeoutNoEarlierThanTheTimeAndTheStackStaysOpen) {
+TEST_P(CommStackConversationTest, ASilentDeviceTimesOutAndTheStackStaysOpen) {
   connect({.isSilent = true});
   const auto start = std::chrono::system_clock::now();
   ZPKErrorPtr error = olderError();
@@ -122,7 +122,7 @@ TEST_P(CommStackConversationTest, ASilentDeviceIsATimeoutNoEarlierThanTheTimeAnd
   EXPECT_TRUE(device->waitForCommands(1));
 }
 
-TEST_P(CommStackConversationTest, TimeoutsLeaveTheLineAsItWas) {
+TEST_P(CommStackConversationTest, TimeoutsLeaveTheLineUsable) {
   connect({.isSilent = true});
   for (int round = 0; round < 5; ++round) {
     ZPKErrorPtr error;
@@ -133,7 +133,7 @@ TEST_P(CommStackConversationTest, TimeoutsLeaveTheLineAsItWas) {
   EXPECT_EQ(read(), "here=> ");
 }
 
-TEST_P(CommStackConversationTest, NowOnAnIdleLineFailsAtOnceWithoutWaiting) {
+TEST_P(CommStackConversationTest, NowOnAnIdleLineFailsWithoutWaiting) {
   connect();
   const SystemCalls calls;
   ZPKErrorPtr error;
@@ -149,12 +149,12 @@ TEST_P(CommStackConversationTest, NowOnAnIdleLineFailsAtOnceWithoutWaiting) {
   EXPECT_EQ(error, olderError());
 }
 
-TEST_P(CommStackConversationTest, WithoutALimitAReadWaitsForAsLongAsTheDeviceIsSilent) {
+TEST_P(CommStackConversationTest, WithoutALimitAReadWaitsUntilTheDeviceAnswers) {
   const std::vector<std::optional<ZPKNumber>> forever = {std::nullopt, -1};
   connect();
   for (const auto& timeout : forever) {
     SystemCalls calls;
-    // The device begins to talk when the stack has set out to wait, and pauses before its prompt.
+    // The device begins to send once the stack is about to wait, and pauses before its prompt.
     calls.before("select forever", [&] { device->send("at "); });
     calls.before(
         "select forever", [&] { device->send("last=> "); }, 1);
@@ -164,7 +164,7 @@ TEST_P(CommStackConversationTest, WithoutALimitAReadWaitsForAsLongAsTheDeviceIsS
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_P(CommStackConversationTest, TheTransportWaitsForATenthOfTheTimeout) {
+TEST_P(CommStackConversationTest, TheTransportWaitsForOneTenthOfTheTimeout) {
   connect();
   SystemCalls calls;
   calls.before("select", [&] { device->send("=> "); });
@@ -186,7 +186,7 @@ TEST_P(CommStackConversationTest, ALateResponseAnswersTheNextCommand) {
   EXPECT_EQ(read(), "second answer=> ");
 }
 
-TEST_P(CommStackConversationTest, HalfAResponseIsKeptPastATimeout) {
+TEST_P(CommStackConversationTest, ATimeoutKeepsHalfAResponse) {
   connect();
   device->send("first ");
   ASSERT_TRUE(waitUntilHeld("first "));
@@ -197,7 +197,7 @@ TEST_P(CommStackConversationTest, HalfAResponseIsKeptPastATimeout) {
   EXPECT_EQ(read(), "first half=> ");
 }
 
-TEST_P(CommStackConversationTest, AnotherDelimiterHoldsForOneRead) {
+TEST_P(CommStackConversationTest, ADelimiterPassedToAReadAppliesOnlyOnce) {
   connect();
   device->send("user: pass=> \r\nrest");
   EXPECT_EQ(stack->readStringWithTimeout(kLong, ": "), "user: ");
@@ -207,7 +207,7 @@ TEST_P(CommStackConversationTest, AnotherDelimiterHoldsForOneRead) {
   EXPECT_EQ(stack->readStringWithTimeout(kLong, "!"), "rest!");
 }
 
-TEST_P(CommStackConversationTest, ANewDelimiterTakesEffectWithoutAReopen) {
+TEST_P(CommStackConversationTest, ANewDelimiterTakesEffectWithoutReopening) {
   connect();
   device->send("a=> b#");
   EXPECT_EQ(read(), "a=> ");
@@ -215,7 +215,7 @@ TEST_P(CommStackConversationTest, ANewDelimiterTakesEffectWithoutAReopen) {
   EXPECT_EQ(read(), "b#");
 }
 
-TEST_P(CommStackConversationTest, WithoutADelimiterBytesComeAsTheyArrive) {
+TEST_P(CommStackConversationTest, WithoutADelimiterReadsReturnBytesAsTheyArrive) {
   connect();
   stack->setDelimiter(std::nullopt);
   std::string all;
@@ -229,7 +229,7 @@ TEST_P(CommStackConversationTest, WithoutADelimiterBytesComeAsTheyArrive) {
   EXPECT_EQ(all, "a=> bc=> ");
 }
 
-TEST_P(CommStackConversationTest, FourMebibytesComeThroughWholeAndInOrder) {
+TEST_P(CommStackConversationTest, FourMebibytesArriveWholeAndInOrder) {
   std::string response;
   for (int line = 0; response.size() < (4U << 20); ++line) {
     response += "line " + std::to_string(line) + " > = >> ==\r\n";
@@ -241,13 +241,13 @@ TEST_P(CommStackConversationTest, FourMebibytesComeThroughWholeAndInOrder) {
   EXPECT_EQ(ask(""), "=> ");
 }
 
-TEST_P(CommStackConversationTest, ALongCommandGoesOutWhole) {
+TEST_P(CommStackConversationTest, ALongCommandIsSentWhole) {
   const std::string command(1U << 20, 'c');
   connect({.respond = [](const std::string& got) { return std::to_string(got.size()); }});
   EXPECT_EQ(stack->sendCommandString(command, 4 * kLong), "1048576=> ");
 }
 
-TEST_P(CommStackConversationTest, AFloodIsCutAtTheDelimiterAndDoesNotKeepTheStackFromClosing) {
+TEST_P(CommStackConversationTest, AFloodDoesNotKeepTheStackFromClosing) {
   connect({.floods = true});
   // On a crowded machine the flood may begin later than the first read ends.
   EXPECT_TRUE(waitFor([this] {
@@ -268,7 +268,7 @@ TEST_P(CommStackConversationTest, AFloodIsCutAtTheDelimiterAndDoesNotKeepTheStac
   EXPECT_EQ(heldBytes(), "");
 }
 
-TEST_P(CommStackConversationTest, EveryByteComesThroughUnchanged) {
+TEST_P(CommStackConversationTest, EveryByteArrivesUnchanged) {
   std::string all;
   for (int byte = 0; byte < 256; ++byte) all.push_back(static_cast<char>(byte));
   connect();
@@ -293,7 +293,7 @@ TEST_P(CommStackConversationTest, NulBytesAreTextAndOtherBytesAreNot) {
   EXPECT_EQ(ask("nul"), std::string("a\0b=> ", 6));
 }
 
-TEST_P(CommStackConversationTest, FormatDirectivesOfTheDeviceAreOnlyText) {
+TEST_P(CommStackConversationTest, FormatDirectivesFromTheDeviceAreOnlyText) {
   connect({.echoes = true, .responses = {{kFormatText, kFormatText}}});
   EXPECT_EQ(stack->sendCommandStringWithEchoRemoval(kFormatText, kLong),
             kFormatText + std::string("=> "));

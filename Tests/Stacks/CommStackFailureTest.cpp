@@ -1,4 +1,5 @@
-// Whole comm stacks in trouble: peers that go, devices that are swapped, stacks that go while open.
+// Whole comm stacks in trouble: peers that hang up, devices that are swapped, stacks that are
+// destroyed while open.
 
 #include <unistd.h>
 
@@ -28,8 +29,8 @@ constexpr const char* kSwapText =
 
 class CommStackFailureTest : public CommStackFixture {
  protected:
-  // The stack has fallen to closed by itself: it does not talk, and cannot be closed.
-  void expectFallen() {
+  // The stack has closed by itself: it does not talk, and cannot be closed again.
+  void expectLost() {
     EXPECT_EQ(stack->isOpen(), 0);
     ZPKErrorPtr error;
     log.clear();
@@ -42,7 +43,7 @@ class CommStackFailureTest : public CommStackFixture {
         {"zephal-communication", 2, "Device Already Closed", "close", "DescriptorOperation.h"});
   }
 
-  // Makes the line usable again after the peer has gone: a terminal goes with its device.
+  // Makes the line usable again after the peer has gone: a terminal goes away with its device.
   void reconnect() {
     if (isTerminal()) {
       connect();
@@ -61,9 +62,9 @@ class CommStackFailureTest : public CommStackFixture {
 
 INSTANTIATE_TEST_SUITE_P(, CommStackFailureTest, allLineKinds(), lineKindName);
 
-// --- The peer goes.
+// --- The peer hangs up.
 
-TEST_P(CommStackFailureTest, APeerThatGoesInMidResponseFailsTheReadAndClosesTheStack) {
+TEST_P(CommStackFailureTest, AHangUpInMidResponseClosesTheStack) {
   connect({.responses = {{"ask", "answer"}}, .hangsUpAfter = 3});
   ZPKErrorPtr error = olderError();
   EXPECT_EQ(ask("ask", &error), std::nullopt);
@@ -71,15 +72,15 @@ TEST_P(CommStackFailureTest, APeerThatGoesInMidResponseFailsTheReadAndClosesTheS
   expectFailure(error, log,
                 {"zephal-communication", 5, descriptionOf(error), "zephal_communication_read",
                  "DescriptorOperation.cpp"});
-  // A terminal that hangs up takes with it what was not read yet.
+  // A terminal that hangs up discards the bytes that were not read yet.
   EXPECT_THAT("ans", StartsWith(heldBytes()));
   if (!isTerminal()) {
     EXPECT_EQ(heldBytes(), "ans");
   }
-  expectFallen();
+  expectLost();
 }
 
-TEST_P(CommStackFailureTest, APeerThatGoesUnderAReadWithoutALimitIsAClientThatDisconnected) {
+TEST_P(CommStackFailureTest, AReadWithoutALimitReportsADisconnectedClient) {
   connect({.responses = {{"ask", "answer"}}, .hangsUpAfter = 3});
   ZPKErrorPtr error = olderError();
   EXPECT_EQ(stack->sendCommandString("ask", std::nullopt, &error), std::nullopt);
@@ -87,10 +88,10 @@ TEST_P(CommStackFailureTest, APeerThatGoesUnderAReadWithoutALimitIsAClientThatDi
                       "DescriptorOperation.h"});
   EXPECT_THAT(log.texts(),
               ElementsAre(StartsWith("Read failed with error "), "Client disconnected"));
-  expectFallen();
+  expectLost();
 }
 
-TEST_P(CommStackFailureTest, APeerThatIsGoneShowsAtTheNextReadThatWaits) {
+TEST_P(CommStackFailureTest, TheNextReadThatWaitsDetectsAHangUp) {
   connect();
   device->hangUp();
   ZPKErrorPtr error;
@@ -99,26 +100,26 @@ TEST_P(CommStackFailureTest, APeerThatIsGoneShowsAtTheNextReadThatWaits) {
   EXPECT_EQ(stack->isOpen(), 1);
   EXPECT_EQ(read(&error), std::nullopt);
   EXPECT_EQ(codeOf(error), 5);
-  expectFallen();
+  expectLost();
 }
 
-TEST_P(CommStackFailureTest, BytesHeldFromALineThatFellBeginTheNextResponseUnlessANewChainComes) {
+TEST_P(CommStackFailureTest, BytesHeldFromALostLineBeginTheNextResponse) {
   connect();
   device->send("held ");
   ASSERT_TRUE(waitUntilHeld("held "));
   device->hangUp();
   EXPECT_EQ(read(), std::nullopt);
-  expectFallen();
+  expectLost();
   EXPECT_EQ(heldBytes(), "held ");
   reconnect();
   EXPECT_EQ(ask("ask"), isTerminal() ? "=> " : "held => ");
 }
 
-TEST_P(CommStackFailureTest, AWriteToAPeerThatIsGoneFailsAndLeavesTheStackOpen) {
+TEST_P(CommStackFailureTest, AWriteAfterAHangUpLeavesTheStackOpen) {
   connect();
   device->hangUp();
   ZPKErrorPtr error;
-  // The first bytes can still find room on their way to a peer that has just gone.
+  // The system can still accept the first bytes for a peer that has just gone.
   ASSERT_TRUE(waitFor([&] { return !stack->writeString("anybody?", &error); }));
   EXPECT_THAT(descriptionOf(error), StartsWith("Write failed with "));
   expectFailure(error, log,
@@ -131,7 +132,7 @@ TEST_P(CommStackFailureTest, AWriteToAPeerThatIsGoneFailsAndLeavesTheStackOpen) 
   EXPECT_TRUE(stack->close());
 }
 
-TEST_P(CommStackFailureTest, ReconnectsAsOftenAsThePeerGoes) {
+TEST_P(CommStackFailureTest, ReconnectsEachTimeThePeerHangsUp) {
   connect();
   const std::set<int> descriptors = openDescriptors();
   for (int round = 0; round < 30; ++round) {
@@ -158,7 +159,7 @@ TEST_P(CommStackFailureTest, ClosesAndOpensAgainManyTimes) {
   EXPECT_EQ(openDescriptors().size(), descriptors.size());
 }
 
-TEST_P(CommStackFailureTest, AnOpenThatFailsMayBeTriedAgainAndLeavesNothingBehind) {
+TEST_P(CommStackFailureTest, AFailedOpenCanBeRetriedAndLeavesNothingBehind) {
   connect();
   ASSERT_TRUE(stack->close());
   if (isTerminal()) device->liftExclusiveHold();
@@ -181,7 +182,7 @@ TEST_P(CommStackFailureTest, AnOpenThatFailsMayBeTriedAgainAndLeavesNothingBehin
   EXPECT_EQ(ask("ask"), "=> ");
 }
 
-// --- Another device answers.
+// --- A different device answers.
 
 TEST_P(CommStackFailureTest, ASwappedDeviceFailsReadsAndCommandsButNotWrites) {
   connectGuarded();
@@ -203,7 +204,7 @@ TEST_P(CommStackFailureTest, ASwappedDeviceFailsReadsAndCommandsButNotWrites) {
   EXPECT_EQ(codeOf(error), 309);  // and not 305
 }
 
-TEST_P(CommStackFailureTest, ASwapOutlastsCloseAndReopenUntilItIsCleared) {
+TEST_P(CommStackFailureTest, ASwapOutlastsAReopenUntilItIsCleared) {
   connectGuarded();
   device->setBehaviour({.prompt = kOtherPrompt});
   EXPECT_EQ(ask("who"), std::nullopt);
@@ -217,7 +218,7 @@ TEST_P(CommStackFailureTest, ASwapOutlastsCloseAndReopenUntilItIsCleared) {
   EXPECT_EQ(ask("who"), kRightPrompt);
 }
 
-TEST_P(CommStackFailureTest, ASwapWinsOverTheFailureOfTheReadItself) {
+TEST_P(CommStackFailureTest, ASwapTakesPrecedenceOverTheReadsOwnFailure) {
   connectGuarded();
   device->setBehaviour({.prompt = kOtherPrompt});
   EXPECT_EQ(ask("who"), std::nullopt);
@@ -227,10 +228,10 @@ TEST_P(CommStackFailureTest, ASwapWinsOverTheFailureOfTheReadItself) {
   EXPECT_EQ(read(&error), std::nullopt);
   expectError(error, commStackFailure(309, kSwapText, "readDataWithTimeout:delimiter:error:"));
   EXPECT_THAT(log.texts(), ElementsAre(StartsWith("Read failed with error "), kSwapText));
-  expectFallen();
+  expectLost();
 }
 
-TEST_P(CommStackFailureTest, ASwapIsSeenInAPromptThatTrickles) {
+TEST_P(CommStackFailureTest, ASwapIsDetectedInATricklingPrompt) {
   connectGuarded();
   device->setBehaviour(
       {.prompt = kOtherPrompt, .pause = std::chrono::milliseconds(0), .trickles = true});
@@ -239,9 +240,9 @@ TEST_P(CommStackFailureTest, ASwapIsSeenInAPromptThatTrickles) {
   EXPECT_EQ(codeOf(error), 309);
 }
 
-// --- The stack goes, and sockets that were open before it came.
+// --- Destroyed stacks, and sockets that were open before their stack existed.
 
-TEST_P(CommStackFailureTest, AStackThatGoesWhileOpenClosesItsLine) {
+TEST_P(CommStackFailureTest, AStackDestroyedWhileOpenClosesItsLine) {
   const std::set<int> before = openDescriptors();
   {
     connect();
@@ -256,7 +257,7 @@ TEST_P(CommStackFailureTest, AStackThatGoesWhileOpenClosesItsLine) {
   EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST_P(CommStackFailureTest, AFailedCloseOfAStackThatGoesIsLogged) {
+TEST_P(CommStackFailureTest, AFailedCloseOfADestroyedStackIsLogged) {
   connect();
   SystemCalls calls;
   calls.fail("close", EIO);
@@ -276,7 +277,7 @@ INSTANTIATE_TEST_SUITE_P(, CommStackAdoptionTest,
                          testing::Values(SimulatedDevice::Kind::kTCP, SimulatedDevice::Kind::kUnix),
                          lineKindName);
 
-TEST_P(CommStackAdoptionTest, AnAdoptedSocketIsOpenAtOnceAndCannotBeOpenedAgain) {
+TEST_P(CommStackAdoptionTest, AnAdoptedSocketIsOpenAlreadyAndCannotBeReopened) {
   device = std::make_unique<SimulatedDevice>(GetParam());
   const int socket = GetParam() == Kind::kTCP ? active_tcp("127.0.0.1", device->port())
                                               : active_unix(device->path());

@@ -25,7 +25,7 @@ class CommStackFixture : public testing::TestWithParam<SimulatedDevice::Kind> {
 
   bool isTerminal() const { return GetParam() == Kind::kTerminal; }
 
-  /// Makes a device, and the stack's chain to it, which is open afterwards.
+  /// Creates a device, and the stack's chain to it, which is open afterwards.
   void connect(Behaviour behaviour = Behaviour()) {
     device = std::make_unique<SimulatedDevice>(GetParam(), std::move(behaviour));
     ASSERT_TRUE(stack->createStackWithURL(device->url()));
@@ -34,7 +34,7 @@ class CommStackFixture : public testing::TestWithParam<SimulatedDevice::Kind> {
 
   /// Opens the chain again.
   void open() {
-    // A terminal that another hand still holds open stays exclusive after a close.
+    // A terminal that somebody else still holds open stays exclusive after a close.
     if (isTerminal()) device->liftExclusiveHold();
     ZPKErrorPtr error;
     ASSERT_TRUE(stack->openWithTimeout(kLong, &error)) << error->description();
@@ -65,7 +65,7 @@ class CommStackFixture : public testing::TestWithParam<SimulatedDevice::Kind> {
     return stack->sendCommandString(command, kLong, error);
   }
 
-  /// A time that only a test which fails waits for, in seconds.
+  /// A time in seconds that only a failing test waits for.
   static constexpr int kLong = static_cast<int>(kPatience.count());
 
   LogCapture log;

@@ -1,4 +1,4 @@
-// Devices that go in the middle of a command, while the rest of the program opens and closes
+// Devices that go away in the middle of a command, while the rest of the program opens and closes
 // descriptors of its own.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -24,14 +24,14 @@ namespace {
 
 constexpr int kDevices = 3;
 constexpr int kLossesOfEach = 25;
-// More than a socket holds on its way.
+// More than a socket buffers.
 constexpr size_t kCommandSize = 2U << 20U;
 
 bool hasOnly(char number, std::string_view bytes) {
   return std::all_of(bytes.begin(), bytes.end(), [number](char byte) { return byte == number; });
 }
 
-// Connections of the program's own, on which nobody ever sends anything.
+// Connections of the program's own, over which nothing is ever sent.
 class SilentConnections {
  public:
   bool areSilent() const {
@@ -49,9 +49,9 @@ class SilentConnections {
   std::array<SocketPair, 4> _pairs;
 };
 
-// Every command to a device is made of the device's number. The device takes the beginning of one,
-// ends its own side, and hangs up once the stack has noticed and the program has opened something
-// else. True if the rest of the command went nowhere.
+// Every command to a device consists of the device's number. The device reads the beginning of one,
+// shuts down its own side, and hangs up once the stack has noticed and the program has opened
+// something else. True if the rest of the command reached nobody.
 bool loseADevice(char number) {
   TransportPeer device(TransportPeer::Kind::kAdopted);
   const ZPKDataChannelPtr transport = device.makeChannel();

@@ -1,7 +1,7 @@
-// A caller who sees that a connection is lost and starts the next at once, on the objects that the
-// last reader worked with. For a race detector: nothing here orders the caller after that reader
-// but the answer that the channel is closed. So there is no log capture and no wait for the reader,
-// which stays in its last system call until the next reader has worked.
+// A caller that sees that a connection is lost and immediately starts the next one, on the objects
+// that the last reader worked with. For a race detector: the only thing here that orders the caller
+// after that reader is the answer that the channel is closed. So there is no log capture and no
+// wait for the reader, which stays in its last system call until the next reader has worked.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -28,9 +28,9 @@ using namespace support;
 
 namespace {
 
-// Of two connections each.
+// Each round has two connections.
 constexpr int kRounds = 5;
-// The end of it stays held, for want of a delimiter.
+// Its end stays buffered, since no delimiter follows.
 constexpr std::string_view kSpeech = "one=> two=> thr";
 
 class ReconnectionTest : public testing::Test {
@@ -60,7 +60,7 @@ class ReconnectionTest : public testing::Test {
     }
   }
 
-  // Makes a new chain each time, in which the stack's aggregator stays the same.
+  // Creates a new chain each time, in which the stack's aggregator stays the same.
   template <class Stack>
   void recreateAtOnce(const Stack& stack) {
     for (int round = 0; round < kRounds; ++round) {

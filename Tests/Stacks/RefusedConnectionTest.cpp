@@ -1,5 +1,5 @@
-// A connection that fails gives no error; errno says why straight after the open, through every
-// layer that a stack can have.
+// A connection that fails reports no error object. Straight after the open, errno says why, through
+// every layer that a stack can have.
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
@@ -44,7 +44,7 @@ class RefusedConnectionTest : public testing::TestWithParam<Obstacle> {
 
   void TearDown() override { closeIfOpen(&_socket); }
 
-  /// Opens, and tells what errno says straight after it.
+  /// Opens, and checks errno straight after it.
   template <class Opening>
   void expectReason(Opening open) const {
     ZPKErrorPtr error = olderError();
@@ -64,7 +64,7 @@ class RefusedConnectionTest : public testing::TestWithParam<Obstacle> {
   const std::string rawPath = folder.pathOf("raw.log");
 
  private:
-  // A socket that is bound and does not listen refuses, and nobody else gets its address meanwhile.
+  // A socket that is bound but does not listen refuses connections and keeps its address occupied.
   void occupyTCPPort() {
     sockaddr_in address{};
     socklen_t length = sizeof address;
@@ -113,7 +113,7 @@ TEST_P(RefusedConnectionTest, ErrnoSaysWhyAChannelDoesNotOpen) {
   expectReason([&](ZPKErrorPtr* error) { return channel->openWithTimeout(1, error); });
 }
 
-TEST_P(RefusedConnectionTest, ErrnoSaysWhyAStackWithAllLayersDoesNotOpen) {
+TEST_P(RefusedConnectionTest, ErrnoSaysWhyAFullStackDoesNotOpen) {
   const ZPKCommStackPtr stack = ZPKCommStack::init();
   stack->enableECIDSwapDetectionWithECID(1);
   stack->setReadFilters({"noise"});

@@ -26,7 +26,7 @@ namespace {
 
 using testing::ElementsAre;
 
-// Sends the process's standard error to another file for as long as it lives.
+// Redirects the process's standard error to another file while it lives.
 class StandardErrorTo {
  public:
   explicit StandardErrorTo(int file)
@@ -58,7 +58,7 @@ class StandardErrorTo {
 
 int memoryFile() { return ::memfd_create("standard error", MFD_CLOEXEC); }
 
-// Takes the lines for as long as it lives, as a host program's logger would.
+// Captures the lines while it lives, as a host program's logger would.
 class SinkForATest {
  public:
   SinkForATest() {
@@ -80,12 +80,12 @@ struct Describable {
 
 void logLine(const char* line) { ZPKLoggingLog(ZPKLogGetAnchor(), 0, "%s", line); }
 
-TEST(ZephalLoggingTest, AFormatWithoutDirectivesStandsAsItIs) {
+TEST(ZephalLoggingTest, AFormatWithoutDirectivesIsLoggedUnchanged) {
   EXPECT_EQ(ZPKLoggingFormat(""), "");
   EXPECT_EQ(ZPKLoggingFormat("Invalid TCP host"), "Invalid TCP host");
 }
 
-TEST(ZephalLoggingTest, DirectivesTakeTheArgumentsInTheirOrder) {
+TEST(ZephalLoggingTest, DirectivesUseTheArgumentsInOrder) {
   EXPECT_EQ(ZPKLoggingFormat("%@ - %s(%d)", std::string("/dev/tty"), "No such file", 2),
             "/dev/tty - No such file(2)");
 }
@@ -115,7 +115,7 @@ TEST(ZephalLoggingTest, EmptyStringsAreNotNull) {
   EXPECT_EQ(ZPKLoggingFormat("[%@]", std::string_view()), "[]");
 }
 
-TEST(ZephalLoggingTest, ObjectsGiveTheirOwnText) {
+TEST(ZephalLoggingTest, ObjectsAppearAsTheirOwnText) {
   const auto shared = std::make_shared<const Describable>(Describable{"shared"});
   EXPECT_EQ(ZPKLoggingFormat("%@, %@, %@", Describable{"plain"}, shared,
                              std::optional<Describable>(Describable{"optional"})),
@@ -135,7 +135,7 @@ TEST(ZephalLoggingTest, TwoPercentSignsMakeOne) {
   EXPECT_EQ(ZPKLoggingFormat("%%@", "unused"), "%@");
 }
 
-TEST(ZephalLoggingTest, ADirectiveWithoutAnArgumentStandsAsItIs) {
+TEST(ZephalLoggingTest, ADirectiveWithoutAnArgumentStaysUnchanged) {
   EXPECT_EQ(ZPKLoggingFormat("%@ %s %d"), "%@ %s %d");
   EXPECT_EQ(ZPKLoggingFormat("%@ %s", 1), "1 %s");
 }
@@ -144,7 +144,7 @@ TEST(ZephalLoggingTest, ArgumentsWithoutADirectiveAreLeftOut) {
   EXPECT_EQ(ZPKLoggingFormat("%@", 1, 2, 3), "1");
 }
 
-TEST(ZephalLoggingTest, UnknownDirectivesStandAsTheyAreAndTakeNothing) {
+TEST(ZephalLoggingTest, UnknownDirectivesStayUnchangedAndUseNoArgument) {
   EXPECT_EQ(ZPKLoggingFormat("%x %n %5d %@", 7), "%x %n %5d 7");
   EXPECT_EQ(ZPKLoggingFormat("%"), "%");
   EXPECT_EQ(ZPKLoggingFormat("100%", 1), "100%");
@@ -166,7 +166,7 @@ TEST(ZephalLoggingTest, ALineGoesToStandardErrorByDefault) {
   EXPECT_EQ(capture.text(), "Invalid TCP host\nsecond\n");
 }
 
-TEST(ZephalLoggingTest, AFormatThatEndsInALineFeedGetsNoSecondOne) {
+TEST(ZephalLoggingTest, NoSecondLineFeedIsAddedToAFormat) {
   const StandardErrorTo capture(memoryFile());
   ZPKLoggingLog(ZPKLogGetAnchor(), 0, "Error in deserialization %@\n", nullptr);
   ZPKLoggingLog(ZPKLogGetAnchor(), 0, "");
@@ -179,7 +179,7 @@ TEST(ZephalLoggingTest, ANullAnchorWritesNothing) {
   EXPECT_EQ(capture.text(), "");
 }
 
-TEST(ZephalLoggingTest, LinesOfSeveralThreadsComeWholeAndInTheOrderOfEachThread) {
+TEST(ZephalLoggingTest, LinesOfSeveralThreadsArriveWholeAndInOrder) {
   constexpr int kThreads = 4;
   constexpr int kLines = 200;
   const std::string filler(300, '.');
@@ -209,7 +209,7 @@ TEST(ZephalLoggingTest, LinesOfSeveralThreadsComeWholeAndInTheOrderOfEachThread)
                                     std::pair(2, kLines), std::pair(3, kLines)));
 }
 
-TEST(ZephalLoggingTest, ALineLongerThanAPipeHoldsArrivesWhole) {
+TEST(ZephalLoggingTest, ALineLongerThanAPipesBufferArrivesWhole) {
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
   const std::string line(300'000, 'x');
@@ -230,7 +230,7 @@ TEST(ZephalLoggingTest, ALineLongerThanAPipeHoldsArrivesWhole) {
   EXPECT_EQ(received, line + "\n");
 }
 
-TEST(ZephalLoggingTest, AStandardErrorThatTakesNothingIsIgnored) {
+TEST(ZephalLoggingTest, AStandardErrorThatCannotBeWrittenIsIgnored) {
   const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
   ASSERT_GE(full, 0);
   const StandardErrorTo device(full);
@@ -239,7 +239,7 @@ TEST(ZephalLoggingTest, AStandardErrorThatTakesNothingIsIgnored) {
   EXPECT_EQ(errno, ENOENT);
 }
 
-TEST(ZephalLoggingTest, AStandardErrorThatNobodyReadsAnyMoreEndsNoProcess) {
+TEST(ZephalLoggingTest, AClosedStandardErrorPipeEndsNoProcess) {
   const ChildResult result = runInChild([](std::string*) {
     ::signal(SIGPIPE, SIG_DFL);
     int ends[2];
@@ -258,7 +258,7 @@ TEST(ZephalLoggingTest, AStandardErrorThatNobodyReadsAnyMoreEndsNoProcess) {
   EXPECT_EQ(result.status, 0);
 }
 
-TEST(ZephalLoggingTest, ASignalThatWasWaitingBeforeALineIsStillWaitingAfterIt) {
+TEST(ZephalLoggingTest, APendingSignalIsStillPendingAfterALine) {
   const ChildResult result = runInChild([](std::string*) {
     sigset_t signals;
     ::sigemptyset(&signals);
@@ -278,7 +278,7 @@ TEST(ZephalLoggingTest, ASignalThatWasWaitingBeforeALineIsStillWaitingAfterIt) {
   EXPECT_EQ(result.status, 0);
 }
 
-TEST(ZephalLoggingTest, ASinkTakesTheLinesWithTheirLevels) {
+TEST(ZephalLoggingTest, ASinkReceivesTheLinesWithTheirLevels) {
   const StandardErrorTo capture(memoryFile());
   const SinkForATest sink;
   ZPKLoggingLog(ZPKLogGetAnchor(), 0, "failure %d", 2);
@@ -287,7 +287,7 @@ TEST(ZephalLoggingTest, ASinkTakesTheLinesWithTheirLevels) {
   EXPECT_EQ(capture.text(), "");
 }
 
-TEST(ZephalLoggingTest, ASinkGetsALineAsTheFormatMakesIt) {
+TEST(ZephalLoggingTest, ASinkReceivesALineExactlyAsFormatted) {
   const SinkForATest sink;
   ZPKLoggingLog(ZPKLogGetAnchor(), 0, "regex:%@\nresponse:%@\n", "a", "b");
   ZPKLoggingLog(ZPKLogGetAnchor(), 0, "");
@@ -301,7 +301,7 @@ TEST(ZephalLoggingTest, AnEmptySinkRestoresStandardError) {
   EXPECT_EQ(capture.text(), "back\n");
 }
 
-TEST(ZephalLoggingTest, AReplacedSinkIsDestroyedAndNotCalledAnyMore) {
+TEST(ZephalLoggingTest, AReplacedSinkIsDestroyedAndNoLongerCalled) {
   auto calls = std::make_shared<int>(0);
   ZPKLoggingSetSink([calls](int, std::string_view) { ++*calls; });
   logLine("first");
@@ -325,7 +325,7 @@ TEST(ZephalLoggingTest, ASinkMayLog) {
   EXPECT_THAT(lines, ElementsAre("outer", "from the sink", "from the sink"));
 }
 
-TEST(ZephalLoggingTest, ASinkMayReplaceItselfAndStaysAliveUntilItReturns) {
+TEST(ZephalLoggingTest, ASinkThatReplacesItselfLivesUntilItReturns) {
   const StandardErrorTo capture(memoryFile());
   auto state = std::make_shared<std::string>("the sink's own text, on the heap");
   const std::weak_ptr<std::string> watch = state;
@@ -341,10 +341,10 @@ TEST(ZephalLoggingTest, ASinkMayReplaceItselfAndStaysAliveUntilItReturns) {
   EXPECT_EQ(capture.text(), "to standard error\n");
 }
 
-TEST(ZephalLoggingTest, ASinkIsCalledOneCallAtATime) {
+TEST(ZephalLoggingTest, OnlyOneThreadAtATimeCallsASink) {
   constexpr int kThreads = 4;
   constexpr int kLines = 250;
-  int calls = 0;  // without a guard of its own
+  int calls = 0;  // deliberately neither atomic nor locked
   std::atomic<int> inside{0};
   std::atomic<int> overlaps{0};
   ZPKLoggingSetSink([&](int, std::string_view) {
@@ -385,8 +385,8 @@ TEST(ZephalLoggingTest, SinksMayBeReplacedWhileOtherThreadsLog) {
   EXPECT_EQ(calls, 2 * kLines);
 }
 
-// A standard error that nobody drains, with a thread stuck in a line that it does not hold. The
-// line comes out when it lets go.
+// A standard error that nobody drains, with a thread stuck in writing a line that does not fit. The
+// line passes once letGo() is called.
 class StuckStandardError {
  public:
   StuckStandardError() {
@@ -399,7 +399,7 @@ class StuckStandardError {
   StuckStandardError& operator=(const StuckStandardError&) = delete;
   ~StuckStandardError() { letGo(); }
 
-  // What came out.
+  // Drains the pipe and returns everything that was written.
   std::string letGo() {
     std::string text;
     if (!_pipe.has_value()) return text;
@@ -423,7 +423,7 @@ class StuckStandardError {
   std::future<void> _line;
 };
 
-TEST(ZephalLoggingTest, ANewSinkDoesNotWaitForAStuckStandardError) {
+TEST(ZephalLoggingTest, AStuckStandardErrorDoesNotDelayANewSink) {
   StuckStandardError standardError;
   std::atomic<int> lines{0};
   auto replacing = std::async(std::launch::async, [&] {
@@ -452,7 +452,7 @@ TEST(ZephalLoggingTest, ANewSinkWaitsForTheCallUnderWay) {
     ZPKLoggingSetSink(nullptr);
     return hasReturned.load();
   });
-  // That it does not return yet cannot be waited for; a little is enough to find one that does.
+  // There is no event for "has not returned"; a short wait is enough to catch one that returns.
   EXPECT_EQ(replacing.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
   released.set_value();
   EXPECT_TRUE(replacing.get());
