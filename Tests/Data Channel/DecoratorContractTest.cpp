@@ -1,5 +1,5 @@
-// What every decorator keeps of the channel contract, over a scripted channel and over a connection
-// to a device. In their plain forms none of them changes what passes.
+// The part of the channel contract that every decorator keeps, over a scripted channel and over a
+// connection to a device. In its plain form no decorator changes the data.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -78,7 +78,7 @@ class DecoratorContractTest : public testing::TestWithParam<Decorator> {
   const ZPKDataChannelPtr channel = GetParam().wrap(below);
 };
 
-TEST_P(DecoratorContractTest, OpenGoesDownWithItsTimeout) {
+TEST_P(DecoratorContractTest, OpenIsPassedDownWithItsTimeout) {
   below->setOpened(false);
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(channel->openWithTimeout(2.5, &error));
@@ -88,7 +88,7 @@ TEST_P(DecoratorContractTest, OpenGoesDownWithItsTimeout) {
   EXPECT_THAT(below->calls(), ElementsAre("open", "open"));
 }
 
-TEST_P(DecoratorContractTest, AFailedOpenComesUpAndUndoesNothing) {
+TEST_P(DecoratorContractTest, AFailedOpenIsPassedUpAndUndoesNothing) {
   LogCapture log;
   below->setOpened(false);
   below->setOpenResult(false, errorWithCode(4));
@@ -100,7 +100,7 @@ TEST_P(DecoratorContractTest, AFailedOpenComesUpAndUndoesNothing) {
   EXPECT_THAT(log.lines(), ElementsAre());
 }
 
-TEST_P(DecoratorContractTest, CloseGoesDownAndItsFailureComesUp) {
+TEST_P(DecoratorContractTest, CloseIsPassedDownAndItsFailureUp) {
   LogCapture log;
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(channel->close(&error));
@@ -113,7 +113,7 @@ TEST_P(DecoratorContractTest, CloseGoesDownAndItsFailureComesUp) {
   EXPECT_THAT(log.lines(), ElementsAre());
 }
 
-TEST_P(DecoratorContractTest, ResetGoesDownAndItsFailureComesUp) {
+TEST_P(DecoratorContractTest, ResetIsPassedDownAndItsFailureUp) {
   LogCapture log;
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(channel->reset(&error));
@@ -133,7 +133,7 @@ TEST_P(DecoratorContractTest, IsOpenedIsTheAnswerOfTheChannelBelow) {
   EXPECT_THAT(below->calls(), ElementsAre());
 }
 
-TEST_P(DecoratorContractTest, BytesComeUpAndTheSlotStays) {
+TEST_P(DecoratorContractTest, BytesArePassedUpAndTheSlotIsUntouched) {
   const std::string bytes("a\0%s%n%@\xFF", 9);
   below->addRead(bytes);
   ZPKErrorPtr error = olderError();
@@ -141,7 +141,7 @@ TEST_P(DecoratorContractTest, BytesComeUpAndTheSlotStays) {
   EXPECT_EQ(error, olderError());
 }
 
-TEST_P(DecoratorContractTest, NowOnAnIdleChannelIsEmptyDataAfterOneReadWithNow) {
+TEST_P(DecoratorContractTest, NowOnAnIdleChannelIsEmptyDataAfterOneRead) {
   ZPKErrorPtr error = olderError();
   const ZPKDataPtr data = channel->readWithTimeout(ZEPHAL_COMMUNICATION_TIME_NOW, &error);
   ASSERT_NE(data, nullptr);
@@ -150,13 +150,13 @@ TEST_P(DecoratorContractTest, NowOnAnIdleChannelIsEmptyDataAfterOneReadWithNow) 
   EXPECT_THAT(below->readTimeouts(), ElementsAre(0.0));
 }
 
-TEST_P(DecoratorContractTest, ForeverGoesDownAsItIs) {
+TEST_P(DecoratorContractTest, ForeverIsPassedDownUnchanged) {
   below->addRead("a");
   channel->readWithTimeout(ZEPHAL_COMMUNICATION_TIME_FOREVER, nullptr);
   EXPECT_THAT(below->readTimeouts(), ElementsAre(-1.0));
 }
 
-TEST_P(DecoratorContractTest, AFailedReadComesUpOnce) {
+TEST_P(DecoratorContractTest, AFailedReadIsPassedUpOnce) {
   LogCapture log;
   below->addFailedRead(errorWithCode(5), false);
   below->addFailedRead(errorWithCode(5), false);
@@ -168,14 +168,14 @@ TEST_P(DecoratorContractTest, AFailedReadComesUpOnce) {
   EXPECT_THAT(log.lines(), ElementsAre());
 }
 
-TEST_P(DecoratorContractTest, ACleanCloseUnderAReadIsNullWithoutAnError) {
+TEST_P(DecoratorContractTest, ACleanCloseDuringAReadIsNullWithoutError) {
   below->addFailedRead(nullptr);
   ZPKErrorPtr error;
   EXPECT_EQ(channel->readWithTimeout(1.0, &error), nullptr);
   EXPECT_EQ(error, nullptr);
 }
 
-TEST_P(DecoratorContractTest, AWriteGoesDownAndTheCallersDataStay) {
+TEST_P(DecoratorContractTest, AWriteIsPassedDownAndTheCallersDataStay) {
   const ZPKMutableDataPtr data = chunkOf(std::string("a%n\0b", 5));
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(channel->write(data, &error));
@@ -185,7 +185,7 @@ TEST_P(DecoratorContractTest, AWriteGoesDownAndTheCallersDataStay) {
   EXPECT_EQ(written, data->view());
 }
 
-TEST_P(DecoratorContractTest, AFailedWriteComesUpOnce) {
+TEST_P(DecoratorContractTest, AFailedWriteIsPassedUpOnce) {
   LogCapture log;
   below->setWriteResult(false, errorWithCode(5));
   ZPKErrorPtr error = olderError();
@@ -211,7 +211,7 @@ class DecoratorOverAConnectionTest : public testing::TestWithParam<Decorator> {
   void open() { ASSERT_TRUE(channel->openWithTimeout(5.0, nullptr)); }
   void TearDown() override { EXPECT_TRUE(!channel->isOpened() || channel->close(nullptr)); }
 
-  // Reads until `text` is there.
+  // Reads until `text` has arrived.
   bool readUntil(const std::string& text) {
     std::string all;
     return waitFor([&] {
@@ -234,7 +234,7 @@ TEST_P(DecoratorOverAConnectionTest, TalksToTheDevice) {
   EXPECT_EQ(device.received(), "version\n");
 }
 
-TEST_P(DecoratorOverAConnectionTest, NowOnAnIdleConnectionIsEmptyDataAndNoFailure) {
+TEST_P(DecoratorOverAConnectionTest, NowOnAnIdleConnectionReturnsEmptyDataWithoutFailure) {
   LogCapture log;
   open();
   ZPKErrorPtr error = olderError();
@@ -245,7 +245,7 @@ TEST_P(DecoratorOverAConnectionTest, NowOnAnIdleConnectionIsEmptyDataAndNoFailur
   EXPECT_THAT(log.lines(), ElementsAre());
 }
 
-TEST_P(DecoratorOverAConnectionTest, ABadTimeoutIsRefusedWithCode3AndTheConnectionStays) {
+TEST_P(DecoratorOverAConnectionTest, ABadTimeoutFailsWithCode3AndKeepsTheConnection) {
   LogCapture log;
   open();
   ZPKErrorPtr error = olderError();
@@ -269,7 +269,7 @@ TEST_P(DecoratorOverAConnectionTest, OpeningAnOpenChannelFailsWithCode1) {
   EXPECT_TRUE(channel->isOpened());
 }
 
-TEST_P(DecoratorOverAConnectionTest, ResettingAnOpenChannelFailsWithCode1AndDoesNoHarm) {
+TEST_P(DecoratorOverAConnectionTest, ResettingAnOpenChannelFailsHarmlesslyWithCode1) {
   open();
   LogCapture log;
   ZPKErrorPtr error = olderError();
@@ -294,7 +294,7 @@ TEST_P(DecoratorOverAConnectionTest, ClosingAClosedChannelFailsAndResettingItSuc
       {"zephal-communication", 2, "Device Already Closed", "close", "DescriptorOperation.h"});
 }
 
-TEST_P(DecoratorOverAConnectionTest, AfterAFailedReadTheChannelIsClosedWithoutAClose) {
+TEST_P(DecoratorOverAConnectionTest, AFailedReadClosesTheChannel) {
   open();
   ASSERT_TRUE(device.waitForConnections(1));
   device.hangUp();
@@ -310,7 +310,7 @@ TEST_P(DecoratorOverAConnectionTest, AfterAFailedReadTheChannelIsClosedWithoutAC
       {"zephal-communication", 2, "Device Already Closed", "close", "DescriptorOperation.h"});
 }
 
-TEST_P(DecoratorOverAConnectionTest, CanBeOpenedClosedAndResetAgainAndAgain) {
+TEST_P(DecoratorOverAConnectionTest, CanBeOpenedClosedAndResetRepeatedly) {
   for (int round = 0; round < 3; ++round) {
     open();
     EXPECT_TRUE(channel->write(dataOf("version\n"), nullptr));

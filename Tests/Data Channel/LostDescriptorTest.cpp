@@ -1,5 +1,5 @@
-// A descriptor that a channel gives up while another thread is in a call on it: nothing that the
-// call still has to do may reach the next file of the program, which gets the number.
+// A channel gives up its descriptor while another thread is in a call on it. The program's next
+// file gets the same number, and the call must not touch that file.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -42,7 +42,7 @@ ZPKDataPtr longCommand() {
   return command;
 }
 
-// A long command that is on its way, and stays there until its peer reads or its channel closes.
+// A long command whose write waits until the peer reads or the channel closes.
 class BlockedWrite {
  public:
   BlockedWrite(const ZPKDataChannelPtr& channel, const TransportPeer& peer)
@@ -53,7 +53,7 @@ class BlockedWrite {
 
   bool ends() const { return _result.wait_for(kPatience) == std::future_status::ready; }
 
-  // A part was sent, so the call that waited succeeded, and no other was made.
+  // A part was sent, so the waiting call succeeded, and no further call was made.
   void expectFailure() {
     EXPECT_FALSE(_result.get());
     expectError(_error, {"zephal-communication", 5, "Write failed with " + textOf(EBADF),
@@ -65,8 +65,8 @@ class BlockedWrite {
   std::future<bool> _result;
 };
 
-// What the program opens next. As numbers are given out lowest first, one of these gets the number
-// of a descriptor that was closed just before.
+// What the program opens next. Since the lowest free number is always used, one of these gets the
+// number of a descriptor that has just been closed.
 class OtherFiles {
  public:
   OtherFiles() {
@@ -109,7 +109,7 @@ class LostSocketTest : public testing::TestWithParam<std::tuple<Kind, bool>> {
     if (_channel->isOpened()) _channel->close();
   }
 
-  // Lets the channel meet the end of what its peer sends.
+  // Makes the channel detect that its peer sends no more.
   void expectReadFails() {
     if (!std::get<1>(GetParam())) {
       EXPECT_EQ(_channel->readWithTimeout(kLong), nullptr);
@@ -154,7 +154,7 @@ TEST_P(LostSocketTest, ACloseEndsAWriteThatNobodyReads) {
   files.expectUntouched();
 }
 
-TEST_P(LostSocketTest, TheLastOneOutClosesTheDescriptor) {
+TEST_P(LostSocketTest, TheLastCallToEndClosesTheDescriptor) {
   const std::set<int> opened = openDescriptors();
   {
     BlockedWrite write(_channel, _peer);
@@ -169,13 +169,13 @@ TEST_P(LostSocketTest, TheLastOneOutClosesTheDescriptor) {
   EXPECT_LE(openDescriptors().size(), opened.size() - 2);  // neither end is left
 }
 
-// --- Reads beside a close
+// --- Reads during a close
 
 class LostReadTest : public testing::TestWithParam<Kind> {
  protected:
   LostReadTest() { EXPECT_TRUE(_peer.open(_channel)); }
 
-  // A read that waits in the system by the time that this returns.
+  // A read that waits in the system by the time this returns.
   std::future<ZPKDataPtr> startRead(double timeout) {
     SystemCalls calls(SystemCalls::Threads::kAll);
     auto result = std::async(std::launch::async, [this, timeout] {
@@ -216,7 +216,7 @@ TEST_P(LostSocketReadTest, ACloseEndsAReadThatWaits) {
   expectClosedUnderTheReader(read.get());
 }
 
-TEST_P(LostTerminalReadTest, AClosedReadTakesNothingFromAnotherFile) {
+TEST_P(LostTerminalReadTest, AClosedReadReadsNothingFromAnotherFile) {
   auto read = startRead(kLong * 30);
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(_channel->close(&error));
@@ -234,7 +234,7 @@ TEST_P(LostTerminalReadTest, ATimeoutAfterACloseIsAFailure) {
   expectClosedUnderTheReader(_channel->readWithTimeout(0.01, &_error));
 }
 
-// --- Terminals, whose writes nothing ends but their peer
+// --- Terminals, whose writes only the peer can end
 
 TEST(LostTerminalTest, ACloseLeavesTheRestOfAWriteUnsent) {
   const LogCapture log;

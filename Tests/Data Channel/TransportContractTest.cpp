@@ -1,5 +1,5 @@
-// The contract of a channel, over every transport: what a read can give, and what open, close and
-// reset do in which state.
+// The contract of a channel, over every transport: what a read can return, and what open, close and
+// reset do in each state.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -67,7 +67,7 @@ class TransportContractTest : public testing::TestWithParam<Kind> {
 
 // --- The four outcomes of a read
 
-TEST_P(TransportContractTest, AReadGivesTheBytesThatWait) {
+TEST_P(TransportContractTest, AReadReturnsTheBytesThatWait) {
   _peer.send("hello");
   for (const double timeout :
        {20.0, ZEPHAL_COMMUNICATION_TIME_NOW, ZEPHAL_COMMUNICATION_TIME_FOREVER}) {
@@ -80,7 +80,7 @@ TEST_P(TransportContractTest, AReadGivesTheBytesThatWait) {
   EXPECT_TRUE(_channel->isOpened());
 }
 
-TEST_P(TransportContractTest, AReadGivesTheBytesThatComeWhileItWaits) {
+TEST_P(TransportContractTest, AReadReturnsTheBytesThatArriveWhileItWaits) {
   SystemCalls calls;
   calls.before(
       "select", [this] { _peer.send("late"); }, 0, 2);
@@ -92,7 +92,7 @@ TEST_P(TransportContractTest, AReadGivesTheBytesThatComeWhileItWaits) {
   expectUntouched();
 }
 
-TEST_P(TransportContractTest, AReadOnAnIdleChannelIsEmptyAndNoFailure) {
+TEST_P(TransportContractTest, ReadingAnIdleChannelGivesEmptyDataWithoutFailure) {
   for (const double timeout : {ZEPHAL_COMMUNICATION_TIME_NOW, 0.01}) {
     const ZPKDataPtr data = _channel->readWithTimeout(timeout, &_error);
     ASSERT_NE(data, nullptr);
@@ -102,7 +102,7 @@ TEST_P(TransportContractTest, AReadOnAnIdleChannelIsEmptyAndNoFailure) {
   EXPECT_TRUE(_channel->isOpened());
 }
 
-TEST_P(TransportContractTest, EveryByteValueComesThroughBothWays) {
+TEST_P(TransportContractTest, EveryByteValuePassesInBothDirections) {
   std::string all;
   for (int value = 0; value < 256; ++value) all.push_back(static_cast<char>(value));
   _peer.send(all);
@@ -119,7 +119,7 @@ TEST_P(TransportContractTest, EveryByteValueComesThroughBothWays) {
   expectUntouched();
 }
 
-TEST_P(TransportContractTest, APeerThatHasGoneFailsTheReadAndClosesTheChannel) {
+TEST_P(TransportContractTest, AHangUpFailsTheReadAndClosesTheChannel) {
   _peer.hangUp();
   EXPECT_EQ(_channel->readWithTimeout(20.0, &_error), nullptr);
   expectFailure(_error, _log,
@@ -130,7 +130,7 @@ TEST_P(TransportContractTest, APeerThatHasGoneFailsTheReadAndClosesTheChannel) {
   expectError(_error, stateFailure(2, "Device Already Closed", "close"));
 }
 
-TEST_P(TransportContractTest, UnderForeverAPeerThatHasGoneIsAClientDisconnected) {
+TEST_P(TransportContractTest, UnderForeverAHangUpIsReportedAsClientDisconnected) {
   _peer.hangUp();
   EXPECT_EQ(_channel->readWithTimeout(ZEPHAL_COMMUNICATION_TIME_FOREVER, &_error), nullptr);
   expectError(_error, stateFailure(5, "Client disconnected", "readWithTimeout"));
@@ -138,7 +138,7 @@ TEST_P(TransportContractTest, UnderForeverAPeerThatHasGoneIsAClientDisconnected)
   EXPECT_FALSE(_channel->isOpened());
 }
 
-TEST_P(TransportContractTest, APeerThatHasGoneIsNotNoticedByNow) {
+TEST_P(TransportContractTest, AHangUpIsNotNoticedByNow) {
   _peer.hangUp();
   const ZPKDataPtr data = _channel->readWithTimeout(ZEPHAL_COMMUNICATION_TIME_NOW, &_error);
   ASSERT_NE(data, nullptr);
@@ -147,9 +147,9 @@ TEST_P(TransportContractTest, APeerThatHasGoneIsNotNoticedByNow) {
   EXPECT_TRUE(_channel->isOpened());
 }
 
-TEST_P(TransportContractTest, BytesAheadOfAGoodbyeAreStillRead) {
+TEST_P(TransportContractTest, BytesBeforeAHangUpAreStillRead) {
   if (GetParam() == Kind::kTerminal) {
-    // A terminal that is pulled takes its unread bytes with it.
+    // A terminal that is unplugged loses its unread bytes.
     _peer.send("last words");
     _peer.hangUp();
     ZPKDataPtr data = _channel->readWithTimeout(20.0, &_error);
@@ -184,7 +184,7 @@ TEST_P(TransportContractTest, AClosedChannelRefusesToTalk) {
 
 // --- Writes
 
-TEST_P(TransportContractTest, WritesWhatItIsGivenAndNothingForEmptyOrNull) {
+TEST_P(TransportContractTest, WritesTheDataAndNothingForEmptyOrNull) {
   {
     const SystemCalls calls;
     EXPECT_TRUE(_channel->write(ZPKData::data(), &_error));
@@ -218,7 +218,8 @@ TEST_P(TransportContractTest, ReadsAndWritesAtTheSameTime) {
     size_t done = 0;
     while (done < kSize) {
       const std::string text = _peer.receive(100);
-      // Not send, which waits until the bytes lie there: the reader may have them by then.
+      // Not send, which waits until the bytes can be read: the reader may already have them by
+      // then.
       if (text.empty() || ::write(_peer.descriptor(), text.data(), text.size()) < 1) return false;
       done += text.size();
     }
@@ -261,7 +262,7 @@ TEST_P(TransportContractTest, ClosingAClosedChannelFails) {
   EXPECT_FALSE(_channel->isOpened());
 }
 
-TEST_P(TransportContractTest, ResettingAnOpenChannelFailsAndDoesNoHarm) {
+TEST_P(TransportContractTest, ResettingAnOpenChannelFailsAndIsHarmless) {
   EXPECT_FALSE(_channel->reset(&_error));
   expectFailure(_error, _log,
                 {"zephal-communication", 1, "Reset not supported while channel is open",
@@ -280,7 +281,7 @@ TEST_P(TransportContractTest, ResettingAClosedChannelSucceedsAndKeepsItClosed) {
   expectUntouched();
 }
 
-TEST_P(TransportContractTest, CanBeOpenedAgainAsOftenAsOneLikes) {
+TEST_P(TransportContractTest, CanBeReopenedAnyNumberOfTimes) {
   for (int round = 0; round < 3; ++round) {
     ASSERT_TRUE(_channel->close());
     ASSERT_TRUE(_channel->reset());
@@ -302,7 +303,7 @@ INSTANTIATE_TEST_SUITE_P(Transports, TransportContractTest,
                          testing::Values(Kind::kTerminal, Kind::kTCP, Kind::kUnix, Kind::kAdopted),
                          [](const auto& kind) { return transportName(kind.param); });
 
-// Some of what the caller adopts was made without a thought for what is started later.
+// A caller may have created an adopted descriptor without thinking of programs started later.
 TEST(TransportInheritanceTest, AStartedProgramInheritsNoChannel) {
   for (const Kind kind : {Kind::kTerminal, Kind::kTCP, Kind::kUnix, Kind::kAdopted}) {
     const std::set<int> before = openDescriptors();
@@ -319,7 +320,8 @@ TEST(TransportInheritanceTest, AStartedProgramInheritsNoChannel) {
   }
 }
 
-// As the first of a pipe whose second ends early: a signal that is ignored would not end it.
+// Like the first program of a pipeline whose second ends early: if the signal were ignored, the
+// program would not end.
 bool doesSigpipeEndAStartedProgram() {
   const int status = std::system("kill -PIPE $$");
   return WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE;
@@ -329,7 +331,7 @@ TEST(TransportInheritanceTest, SigpipeStillEndsAStartedProgram) {
   for (const Kind kind : {Kind::kTerminal, Kind::kTCP, Kind::kUnix, Kind::kAdopted}) {
     const ChildResult result = runInChild([kind](std::string*) {
       ::signal(SIGPIPE, SIG_IGN);
-      if (doesSigpipeEndAStartedProgram()) return 2;  // the question itself is wrong
+      if (doesSigpipeEndAStartedProgram()) return 2;  // then the check itself is wrong
       ::signal(SIGPIPE, SIG_DFL);
       TransportPeer peer(kind);
       const ZPKDataChannelPtr channel = peer.makeChannel();
@@ -340,7 +342,7 @@ TEST(TransportInheritanceTest, SigpipeStillEndsAStartedProgram) {
   }
 }
 
-// A failed read closes, and the same channel opens again where its peer still listens.
+// A failed read closes the channel, which can be opened again if its peer still listens.
 TEST(TransportReopenTest, OpensAgainAfterAFailedRead) {
   for (const Kind kind : {Kind::kTCP, Kind::kUnix}) {
     TransportPeer peer(kind);

@@ -12,7 +12,7 @@ namespace {
 
 using testing::ElementsAre;
 
-TEST(ZPIAggregatingChannelTest, WithAnAggregatorReadsGiveItsUnits) {
+TEST(ZPIAggregatingChannelTest, WithAnAggregatorReadsReturnItsUnits) {
   auto below = ScriptedChannel::make();
   below->addRead("one;two;");
   const auto aggregator = ZPKMutableDataAggregatorTransformer::initWithTerminator(dataOf(";"));
@@ -22,7 +22,7 @@ TEST(ZPIAggregatingChannelTest, WithAnAggregatorReadsGiveItsUnits) {
   EXPECT_EQ(bytesOf(channel->readWithTimeout(1.0, nullptr)), "two;");
 }
 
-TEST(ZPIAggregatingChannelTest, WithoutAnAggregatorReadsComeUncut) {
+TEST(ZPIAggregatingChannelTest, WithoutAnAggregatorReadsAreNotSplit) {
   auto below = ScriptedChannel::make();
   below->addRead("one;two;");
   const ZPKDataChannelPtr channel = ZPIAggregatingChannel(below, nullptr);
@@ -30,7 +30,7 @@ TEST(ZPIAggregatingChannelTest, WithoutAnAggregatorReadsComeUncut) {
   EXPECT_EQ(bytesOf(channel->readWithTimeout(1.0, nullptr)), "one;two;");
 }
 
-TEST(ZPIAggregatingChannelTest, WithoutAnAggregatorResetGoesDownAndFails) {
+TEST(ZPIAggregatingChannelTest, WithoutAnAggregatorResetIsPassedDownAndFails) {
   auto below = ScriptedChannel::make();
   ZPKErrorPtr error = olderError();
   EXPECT_FALSE(ZPIAggregatingChannel(below, nullptr)->reset(&error));

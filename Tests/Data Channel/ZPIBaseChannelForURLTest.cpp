@@ -11,7 +11,7 @@ std::optional<ZPKDataChannelPtr> channelFor(const char* url, ZPKErrorPtr* error)
   return ZPIBaseChannelForURL(ZPKURL::initWithString(url), error);
 }
 
-TEST(ZPIBaseChannelForURLTest, EachKnownSchemeGivesAClosedChannelAndTouchesNoSlot) {
+TEST(ZPIBaseChannelForURLTest, EachKnownSchemeGivesAClosedChannelWithoutError) {
   for (const char* url : {"uart:///dev/null", "tcp://localhost:1", "unix:///nowhere"}) {
     LogCapture log;
     ZPKErrorPtr error = olderError();
@@ -24,7 +24,7 @@ TEST(ZPIBaseChannelForURLTest, EachKnownSchemeGivesAClosedChannelAndTouchesNoSlo
   }
 }
 
-TEST(ZPIBaseChannelForURLTest, AnotherSchemeIsLeftToTheCallerToReport) {
+TEST(ZPIBaseChannelForURLTest, AnUnknownSchemeIsLeftToTheCallerToReport) {
   for (const char* url : {"http://host/", "UART:///dev/null", "Tcp://h:1", "/dev/null"}) {
     LogCapture log;
     ZPKErrorPtr error = olderError();

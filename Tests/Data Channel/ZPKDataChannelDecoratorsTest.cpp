@@ -48,7 +48,7 @@ void PrintTo(const RefusedDecorator& refused, std::ostream* stream) { *stream <<
 
 class RefusedDecoratorTest : public testing::TestWithParam<RefusedDecorator> {};
 
-TEST_P(RefusedDecoratorTest, GivesNullFillsTheSlotAndLogsOnce) {
+TEST_P(RefusedDecoratorTest, ReturnsNullFillsTheSlotAndLogsOnce) {
   LogCapture log;
   ZPKErrorPtr error = olderError();
   EXPECT_EQ(GetParam().call(&error), nullptr);
@@ -57,13 +57,13 @@ TEST_P(RefusedDecoratorTest, GivesNullFillsTheSlotAndLogsOnce) {
                  "ZPKDataChannelDecorators.cpp"});
 }
 
-TEST_P(RefusedDecoratorTest, WithoutASlotGivesNullAndStillLogsOnce) {
+TEST_P(RefusedDecoratorTest, WithoutASlotReturnsNullAndStillLogsOnce) {
   LogCapture log;
   EXPECT_EQ(GetParam().call(nullptr), nullptr);
   EXPECT_THAT(log.lines(), ElementsAre(LogLine{0, GetParam().description}));
 }
 
-// The checks run in the order of the arguments: what is wrong first is reported.
+// The arguments are checked in order: the first wrong one is reported.
 const RefusedDecorator kRefusedDecorators[] = {
     {"TransformerNullChannel",
      [](ZPKErrorPtr* error) {
@@ -192,7 +192,7 @@ TEST_F(ZPKDataChannelDecoratorsTest, OnlyThePreCallFormAsksTheTransformersFirst)
   EXPECT_EQ(below->readTimeouts().size(), 2U);
 }
 
-TEST_F(ZPKDataChannelDecoratorsTest, TheListsGoToTheirPaths) {
+TEST_F(ZPKDataChannelDecoratorsTest, EachListServesItsDirection) {
   const auto channel = createChannelTransformer(below, {ScriptedTransformer::adding("r")},
                                                 {ScriptedTransformer::adding("w")});
   below->addRead("a");
@@ -208,7 +208,7 @@ TEST_F(ZPKDataChannelDecoratorsTest, APassiveChannelReadsInSlices) {
   EXPECT_THAT(below->readTimeouts(), ElementsAre(100.0, 100.0));
 }
 
-TEST_F(ZPKDataChannelDecoratorsTest, AnEchoRemovalChannelGoesByItsDelimiter) {
+TEST_F(ZPKDataChannelDecoratorsTest, AnEchoRemovalChannelUsesItsDelimiter) {
   const auto channel = createEchoRemovalChannel(below, dataOf(";"));
   EXPECT_TRUE(channel->write(dataOf("a\n;")));
   below->addRead("a\n;b;");

@@ -26,7 +26,8 @@ namespace {
 
 using testing::ElementsAre;
 
-// Reads and writes whole packets with their size in two bytes; can be closed during a read.
+// Reads and writes whole packets, each preceded by its size in two bytes; can be closed during a
+// read.
 ZPKDataChannelPtr makeFramed(const ZPKDataChannelPtr& transport) {
   return createPassiveChannel(createChannelTransformerWithPreCall(
       createActiveChannel(transport), {createPacketAggregatorTransformer(2)},
@@ -84,8 +85,8 @@ TEST_F(ZPKDataChannelManagerConnectionTest, DisconnectEndsALoopThatWaitsOnAnActi
   EXPECT_FALSE(_channel->isOpened());
 }
 
-// A read that was seen to wait holds the lock of its queue until it sleeps, so the close meets a
-// loop that sits in its read of 1000 seconds, on a thread of its own or on the caller's.
+// A read that has begun to wait holds the lock of its queue until it sleeps, so the close finds the
+// loop in its read of 1000 seconds, on a thread of its own or on the caller's.
 TEST_F(ZPKDataChannelManagerConnectionTest, DisconnectEndsALoopThatSleepsInItsRead) {
   for (const bool isFramed : {false, true}) {
     for (const bool option : {kDetached, kUndetached}) {
@@ -118,12 +119,12 @@ TEST_F(ZPKDataChannelManagerConnectionTest, DisconnectEndsALoopOnABareSocket) {
   }
   _manager->disconnect();
   EXPECT_TRUE(waitFor([&] { return _delegate->count("disconnect null idle") == 1; }));
-  _peer.hangUp();  // frees a loop that the disconnect did not
+  _peer.hangUp();  // frees the loop if the disconnect did not
   letGo(&_manager);
   EXPECT_THAT(_delegate->events(), ElementsAre("disconnect null idle"));
 }
 
-TEST_F(ZPKDataChannelManagerConnectionTest, APeerThatGoesEndsTheLoop) {
+TEST_F(ZPKDataChannelManagerConnectionTest, AHangUpEndsTheLoop) {
   open(_peer.makeChannel());
   EXPECT_TRUE(_manager->listen());
   _peer.hangUp();
@@ -132,11 +133,11 @@ TEST_F(ZPKDataChannelManagerConnectionTest, APeerThatGoesEndsTheLoop) {
   EXPECT_FALSE(_channel->isOpened());
 }
 
-// The packets of two messages, however the connection cuts them:
+// The packets of two messages, however the connection splits them:
 //
 //     size payload | size payload      all in one read
 //     si | ze payl | oad size ...      pieces of every length
-TEST_F(ZPKDataChannelManagerConnectionTest, FramingBelowTheManagerJoinsWhatTheConnectionCuts) {
+TEST_F(ZPKDataChannelManagerConnectionTest, FramingBelowTheManagerJoinsWhatTheConnectionSplits) {
   open(makeFramed(_peer.makeChannel()));
   EXPECT_TRUE(_manager->listen());
   const std::string both = packet({{"slot", 3}}) + packet("second");

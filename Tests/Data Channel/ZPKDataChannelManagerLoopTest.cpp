@@ -26,7 +26,7 @@ using testing::ElementsAre;
 using Manager = ZPKDataChannelManager;
 using Operation = ZPKDataChannelManagerDelegate::Operation;
 
-// Takes none of the operations.
+// Implements none of the operations.
 class Indifferent final : public ZPKDataChannelManagerDelegate {};
 
 TEST(ZPKDataChannelManagerLoopTest, EachReadIsDeliveredAsOneObject) {
@@ -47,7 +47,7 @@ TEST(ZPKDataChannelManagerLoopTest, EachReadIsDeliveredAsOneObject) {
   EXPECT_FALSE(manager->started());
 }
 
-TEST(ZPKDataChannelManagerLoopTest, EachReadHas1000Seconds) {
+TEST(ZPKDataChannelManagerLoopTest, EachReadHasATimeoutOf1000Seconds) {
   const LogCapture log;
   const auto channel = ScriptedChannel::make();
   channel->addRead(archive(1));
@@ -55,7 +55,7 @@ TEST(ZPKDataChannelManagerLoopTest, EachReadHas1000Seconds) {
   EXPECT_THAT(channel->readTimeouts(), ElementsAre(1000.0, 1000.0));
 }
 
-TEST(ZPKDataChannelManagerLoopTest, UndetachedTheDelegatesCallsComeOnTheCallersThread) {
+TEST(ZPKDataChannelManagerLoopTest, UndetachedTheDelegateIsCalledOnTheCallersThread) {
   const LogCapture log;
   const auto channel = ScriptedChannel::make();
   channel->addRead(archive(1));
@@ -81,7 +81,7 @@ TEST(ZPKDataChannelManagerLoopTest, UndetachedTheCallersThreadIsNamedAndStaysSo)
   EXPECT_EQ(nameAfterwards, nameInLoop);
 }
 
-TEST(ZPKDataChannelManagerLoopTest, AFailedFirstReadGivesOneDisconnectWithoutItsError) {
+TEST(ZPKDataChannelManagerLoopTest, AFailedFirstReadCausesOneDisconnectWithoutItsError) {
   const LogCapture log;
   const auto channel = ScriptedChannel::make();
   channel->addFailedRead(olderError());
@@ -144,7 +144,7 @@ TEST(ZPKDataChannelManagerLoopTest, ListenWhileALoopRunsReturnsFalseAndChangesNo
   EXPECT_THAT(delegate->events(), ElementsAre("message 1", "message 2", "disconnect null idle"));
 }
 
-TEST(ZPKDataChannelManagerLoopTest, WithoutOperationsOfTheDelegateEverythingIsDropped) {
+TEST(ZPKDataChannelManagerLoopTest, WithoutOperationsInTheDelegateEverythingIsDropped) {
   const LogCapture log;
   const auto channel = ScriptedChannel::make();
   channel->addRead(archive(1));
@@ -183,7 +183,7 @@ TEST(ZPKDataChannelManagerLoopTest, ARefusedReadIsDroppedWithoutEndingTheLoop) {
   EXPECT_EQ(log.texts().size(), 1U);
 }
 
-// Answers which operations it takes as a test tells it.
+// Implements only the operations that a test names.
 class Choosy final : public ZPKDataChannelManagerDelegate {
  public:
   explicit Choosy(std::set<Operation> operations) : _operations(std::move(operations)) {}
@@ -323,7 +323,7 @@ TEST(ZPKDataChannelManagerLoopTest, AfterItsDelegateHasGoneALoopDropsTheRest) {
   const auto manager = makeManager(channel, delegate);
   delegate->onMessage = [&] {
     ++messages;
-    delegate.reset();  // the last reference but that of the running call
+    delegate.reset();  // the last reference except that of the running call
     EXPECT_FALSE(weakDelegate.expired());
   };
   EXPECT_TRUE(manager->listen());

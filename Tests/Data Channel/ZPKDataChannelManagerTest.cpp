@@ -55,7 +55,7 @@ TEST(ZPKDataChannelManagerTest, OfTwoNullArgumentsTheChannelIsReported) {
   expectCode9(error, log, "dataChannel cannot be nil");
 }
 
-TEST(ZPKDataChannelManagerTest, EveryFactoryRefusesNullsAndLogsWithoutASlot) {
+TEST(ZPKDataChannelManagerTest, EveryFactoryRejectsNullsAndLogsWithoutASlot) {
   const auto channel = ScriptedChannel::make();
   const auto delegate = RecordingDelegate::make();
   const auto serializer = ZPKDataDefaultSerializer::init();
@@ -101,7 +101,7 @@ TEST(ZPKDataChannelManagerTest, TheShortestFactoryGivesADefaultSerializer) {
   EXPECT_NE(std::dynamic_pointer_cast<ZPKDataDefaultSerializer>(manager->deserializer()), nullptr);
 }
 
-TEST(ZPKDataChannelManagerTest, InitMakesAnIdleManagerWithoutChannelAndDelegate) {
+TEST(ZPKDataChannelManagerTest, InitCreatesAnIdleManagerWithoutChannelAndDelegate) {
   const auto manager = Manager::init();
   EXPECT_EQ(manager->dataChannel(), nullptr);
   EXPECT_EQ(manager->delegate(), nullptr);
@@ -129,7 +129,7 @@ TEST(ZPKDataChannelManagerTest, PropertiesCanBeReplaced) {
   EXPECT_EQ(manager->delegate(), nullptr);
 }
 
-TEST(ZPKDataChannelManagerTest, AManagerThatIsSaidToRunDoesNotListen) {
+TEST(ZPKDataChannelManagerTest, AManagerMarkedAsStartedDoesNotListen) {
   const LogCapture log;
   const auto channel = ScriptedChannel::make();
   const auto manager = makeManager(channel, RecordingDelegate::make());

@@ -1,4 +1,4 @@
-// The loop of a manager on a thread of its own, or on one that a caller gives it.
+// The loop of a manager on a thread of its own, or on one that the caller provides.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -29,7 +29,7 @@ namespace {
 using testing::ElementsAre;
 using Manager = ZPKDataChannelManager;
 
-TEST(ZPKDataChannelManagerThreadTest, ListenReturnsAtOnceAndANamedThreadCalls) {
+TEST(ZPKDataChannelManagerThreadTest, ListenReturnsAtOnceAndANamedThreadDelivers) {
   const LogCapture log;
   std::promise<void> release;
   const auto channel = makeBlockedChannel(release.get_future().share());
@@ -140,7 +140,7 @@ TEST(ZPKDataChannelManagerThreadTest, TwoListensInQuickSuccessionStartOneLoopOrT
   }
 }
 
-TEST(ZPKDataChannelManagerThreadTest, PropertiesMayBeReplacedBesideARunningLoop) {
+TEST(ZPKDataChannelManagerThreadTest, PropertiesMayBeReplacedWhileALoopRuns) {
   const LogCapture log;
   const auto channel = ScriptedChannel::make();
   for (int i = 0; i < 200; ++i) channel->addRead(archive(i));
@@ -194,7 +194,7 @@ TEST(ZPKDataChannelManagerThreadTest, ALoopThatACallerRunsKeepsItsManager) {
   EXPECT_TRUE(watch.expired());
 }
 
-TEST(ZPKDataChannelManagerThreadTest, ListenIsFalseIfTheSystemHasNoThread) {
+TEST(ZPKDataChannelManagerThreadTest, ListenReturnsFalseIfNoThreadCanBeStarted) {
   const LogCapture log;
   const auto channel = ScriptedChannel::make();
   const auto delegate = RecordingDelegate::make();

@@ -35,7 +35,7 @@ ExpectedFailure badArgument(const std::string& text, const std::string& function
 
 // --- createUARTChannel
 
-TEST(CreateUARTChannelTest, MakesAClosedUARTChannel) {
+TEST(CreateUARTChannelTest, CreatesAClosedUARTChannel) {
   LogCapture log;
   ZPKErrorPtr error = olderError();
   const SystemCalls calls;
@@ -68,7 +68,7 @@ TEST(CreateUARTChannelTest, RefusesANullURL) {
   EXPECT_EQ(log.count("Provided url (null) not valid"), 2U);
 }
 
-TEST(CreateUARTChannelTest, TakesTheOptionsAndNotTheQuery) {
+TEST(CreateUARTChannelTest, UsesTheOptionsAndNotTheQuery) {
   TransportPeer peer(Transport::kTerminal);
   auto options = ZPKOptions::init();
   options->set(ZEPHAL_COMMUNICATION_UART_BAUD, 19200);
@@ -84,7 +84,7 @@ TEST(CreateUARTChannelTest, TakesTheOptionsAndNotTheQuery) {
 
 // --- createActiveTCPChannel
 
-TEST(CreateActiveTCPChannelTest, MakesAClosedChannelForTCPAndUnix) {
+TEST(CreateActiveTCPChannelTest, CreatesAClosedChannelForTCPAndUnix) {
   LogCapture log;
   ZPKErrorPtr error = olderError();
   const SystemCalls calls;
@@ -98,7 +98,7 @@ TEST(CreateActiveTCPChannelTest, MakesAClosedChannelForTCPAndUnix) {
   EXPECT_THAT(calls.all(), IsEmpty());
 }
 
-TEST(CreateActiveTCPChannelTest, MakesAChannelWithALineForWhatCannotConnect) {
+TEST(CreateActiveTCPChannelTest, LogsAURLThatCannotConnectButCreatesAChannel) {
   LogCapture log;
   ZPKErrorPtr error = olderError();
   const ZPKDataChannelPtr channel = createActiveTCPChannel(urlOf("http://:70000"), &error);
@@ -192,10 +192,10 @@ TEST(CreateBaseChannelWithTransportTest, ASocketURLIsCheckedAndLogged) {
   EXPECT_THAT(log.texts(), ElementsAre("Invalid TCP port specification", "Invalid TCP host"));
 }
 
-// What a query makes of the port.
+// The effect of a query on the port.
 class UARTQueryTest : public testing::Test {
  protected:
-  // The attributes and the rate with which a channel of that query opens.
+  // The attributes and the baud rate with which a channel with that query opens.
   struct Opened {
     uint32_t speed;
     termios attributes;
@@ -262,7 +262,7 @@ TEST_F(UARTQueryTest, BaudAndModeTogether) {
   EXPECT_EQ(modeOf(opened), static_cast<tcflag_t>(CS7 | PARENB));
 }
 
-TEST_F(UARTQueryTest, NamesAreComparedExactlyAndOtherItemsIgnoredInSilence) {
+TEST_F(UARTQueryTest, NamesAreComparedExactlyAndOtherItemsSilentlyIgnored) {
   LogCapture log;
   const Opened opened = openWith("?Baud=9600&BAUD=9600&Mode=7E2&baud%20=300&speed=1&lock=0&=9600");
   EXPECT_EQ(opened.speed, 115200U);
@@ -278,7 +278,7 @@ TEST_F(UARTQueryTest, TheLastOfARepeatedItemCounts) {
   EXPECT_EQ(openWith("?baud=9600&baud").speed, 0U);
 }
 
-TEST_F(UARTQueryTest, AModeWithoutAValueMeansTheDefaultAlsoAfterAnotherMode) {
+TEST_F(UARTQueryTest, AModeWithoutAValueMeansTheDefault) {
   EXPECT_EQ(modeOf(openWith("?mode")), static_cast<tcflag_t>(CS8));
   EXPECT_EQ(modeOf(openWith("?mode=8N2&mode")), static_cast<tcflag_t>(CS8));
   EXPECT_EQ(modeOf(openWith("?mode&mode=8N2")), static_cast<tcflag_t>(CS8 | CSTOPB));

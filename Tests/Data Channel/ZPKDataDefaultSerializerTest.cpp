@@ -59,14 +59,14 @@ void expectReadersError(const ZPKDataPtr& data, const std::string& error) {
   EXPECT_THAT(log.lines(), ElementsAre(LogLine{0, "Error in deserialization " + error + "\n"}));
 }
 
-TEST(ZPKDataDefaultSerializerTest, ADictionaryOfAllClassesComesBackEqual) {
+TEST(ZPKDataDefaultSerializerTest, ADictionaryOfAllClassesIsReadBackEqual) {
   const LogCapture log;
   const ZPKObjectPtr back = roundTrip(message());
   EXPECT_TRUE(ZPKObjectsAreEqual(back, message())) << ZPKLoggingFormat("%@", back);
   EXPECT_TRUE(log.lines().empty());
 }
 
-TEST(ZPKDataDefaultSerializerTest, EachClassComesBackAtTheTop) {
+TEST(ZPKDataDefaultSerializerTest, EachClassIsReadBackAtTheTop) {
   for (const ZPKValue& value :
        std::vector<ZPKValue>{"text", "", 7, -0.5, false, ZPKData::dataWithString("bytes"),
                              ZPKData::data(), ZPKDictionary::init()}) {
@@ -79,7 +79,7 @@ TEST(ZPKDataDefaultSerializerTest, EachClassComesBackAtTheTop) {
   }
 }
 
-TEST(ZPKDataDefaultSerializerTest, IntegersComeBackAsTheSameIntegers) {
+TEST(ZPKDataDefaultSerializerTest, IntegersAreReadBackAsTheSameIntegers) {
   std::vector<ZPKNumber> numbers{std::numeric_limits<uint64_t>::max(),
                                  std::numeric_limits<int64_t>::min()};
   for (int shift = 0; shift < 64; ++shift) {
@@ -98,7 +98,7 @@ TEST(ZPKDataDefaultSerializerTest, IntegersComeBackAsTheSameIntegers) {
   }
 }
 
-TEST(ZPKDataDefaultSerializerTest, DoublesComeBackBitByBit) {
+TEST(ZPKDataDefaultSerializerTest, DoublesAreReadBackBitByBit) {
   using Limits = std::numeric_limits<double>;
   const auto oddNaN = std::bit_cast<double>(uint64_t{0xFFF8000000001234});
   for (const double number :
@@ -113,7 +113,7 @@ TEST(ZPKDataDefaultSerializerTest, DoublesComeBackBitByBit) {
   }
 }
 
-TEST(ZPKDataDefaultSerializerTest, BoolsComeBackAsBools) {
+TEST(ZPKDataDefaultSerializerTest, BoolsAreReadBackAsBools) {
   for (const bool value : {false, true}) {
     const auto back = ZPKObjectCast<ZPKNumber>(roundTrip(ZPKValue(value)));
     ASSERT_NE(back, nullptr);
@@ -122,14 +122,14 @@ TEST(ZPKDataDefaultSerializerTest, BoolsComeBackAsBools) {
   }
 }
 
-TEST(ZPKDataDefaultSerializerTest, TextWithEveryKindOfCharacterComesBack) {
+TEST(ZPKDataDefaultSerializerTest, TextWithEveryKindOfCharacterIsReadBack) {
   const std::string text("a\0b\n\"\xc3\xa4\xe2\x82\xac\xf4\x8f\xbf\xbf", 14);
   const auto back = ZPKObjectCast<ZPKDictionary>(roundTrip(ZPKDictionary::init({{text, text}})));
   ASSERT_NE(back, nullptr);
   EXPECT_EQ(back->string(text), text);
 }
 
-TEST(ZPKDataDefaultSerializerTest, AMillionNestedDictionariesComeBackEqual) {
+TEST(ZPKDataDefaultSerializerTest, AMillionNestedDictionariesAreReadBackEqual) {
   ZPKObjectPtr object = ZPKValue("innermost");
   for (int i = 0; i < 1'000'000; ++i) object = ZPKDictionary::init({{"in", std::move(object)}});
   ZPKObjectPtr back = roundTrip(object);
@@ -138,7 +138,7 @@ TEST(ZPKDataDefaultSerializerTest, AMillionNestedDictionariesComeBackEqual) {
   object.reset();
 }
 
-TEST(ZPKDataDefaultSerializerTest, LargePartsComeBack) {
+TEST(ZPKDataDefaultSerializerTest, LargePartsAreReadBack) {
   const std::string large(1 << 20, 'x');
   ZPKDictionary::Entries entries;
   for (int i = 0; i < 10'000; ++i) entries.emplace_back("key " + std::to_string(i), i);
@@ -148,7 +148,7 @@ TEST(ZPKDataDefaultSerializerTest, LargePartsComeBack) {
   EXPECT_TRUE(ZPKObjectsAreEqual(roundTrip(dictionary), dictionary));
 }
 
-TEST(ZPKDataDefaultSerializerTest, DataThatCanBeEditedAreWrittenAndComeBackAsData) {
+TEST(ZPKDataDefaultSerializerTest, MutableDataAreWrittenAndReadBackAsData) {
   auto editable = ZPKMutableData::data();
   editable->append("abc", 3);
   const ZPKObjectPtr back = roundTrip(editable);
@@ -158,7 +158,7 @@ TEST(ZPKDataDefaultSerializerTest, DataThatCanBeEditedAreWrittenAndComeBackAsDat
   EXPECT_EQ(ZPKObjectCast<ZPKData>(back)->view(), "abc");
 }
 
-TEST(ZPKDataDefaultSerializerTest, WhatComesBackDoesNotChangeWithTheBytesItCameFrom) {
+TEST(ZPKDataDefaultSerializerTest, AReadObjectDoesNotChangeWithItsArchive) {
   const ZPKMutableDataPtr archive = serialize(message())->mutableCopy();
   const ZPKObjectPtr back = deserialize(archive);
   archive->zeroRange({0, archive->length()});
@@ -184,7 +184,7 @@ TEST(ZPKDataDefaultSerializerTest, ADocumentedMessageHasItsDocumentedBytes) {
   EXPECT_TRUE(ZPKObjectsAreEqual(deserialize(ZPKData::dataWithString(archive)), object));
 }
 
-TEST(ZPKDataDefaultSerializerTest, AnArrayIsWrittenAndRefusedOnReading) {
+TEST(ZPKDataDefaultSerializerTest, AnArrayIsWrittenButRejectedOnReading) {
   const auto array = ZPKArray::init({1, 2});
   for (const ZPKObjectPtr& object :
        std::vector<ZPKObjectPtr>{array, ZPKDictionary::init({{"a", 1}, {"b", array}}),
@@ -198,7 +198,7 @@ TEST(ZPKDataDefaultSerializerTest, AnArrayIsWrittenAndRefusedOnReading) {
   }
 }
 
-TEST(ZPKDataDefaultSerializerTest, NullIsWrittenAndRefusedOnReading) {
+TEST(ZPKDataDefaultSerializerTest, NullIsWrittenButRejectedOnReading) {
   LogCapture log;
   const ZPKDataPtr data = serialize(nullptr);
   ASSERT_NE(data, nullptr);
@@ -207,7 +207,7 @@ TEST(ZPKDataDefaultSerializerTest, NullIsWrittenAndRefusedOnReading) {
   EXPECT_THAT(log.lines(), ElementsAre(LogLine{0, kNoErrorLine}));
 }
 
-TEST(ZPKDataDefaultSerializerTest, WhatCannotBeWrittenGivesNullAndTheLogLine) {
+TEST(ZPKDataDefaultSerializerTest, AnUnwritableObjectGivesNullAndTheLogLine) {
   const ZPKObjectPtr plain = std::make_shared<const Plain>();
   for (const ZPKObjectPtr& object : std::vector<ZPKObjectPtr>{
            plain, ZPKArray::init({plain}), ZPKValue("\xff"), ZPKDictionary::init({{"a", "\xc3"}}),
@@ -223,14 +223,14 @@ TEST(ZPKDataDefaultSerializerTest, EmptyAndNullDataGiveNullAndTheReadersError) {
   expectReadersError(nullptr, "CBOR (1): the archive ends too early, at byte 0");
 }
 
-TEST(ZPKDataDefaultSerializerTest, BytesThatAreNoArchiveGiveNullAndTheReadersError) {
+TEST(ZPKDataDefaultSerializerTest, InvalidArchivesGiveNullAndTheReadersError) {
   expectReadersError(ZPKData::dataWithString("hello"),
                      "CBOR (3): an item that no archive has, at byte 0");
   expectReadersError(ZPKData::dataWithString("\xa1"),
                      "CBOR (1): the archive ends too early, at byte 0");
 }
 
-TEST(ZPKDataDefaultSerializerTest, AnObjectUnderAnotherKeyGivesNullAndALineWithoutAnError) {
+TEST(ZPKDataDefaultSerializerTest, AnObjectUnderAnotherKeyGivesNullWithoutAnError) {
   for (const std::string_view archive : {"\xa1\x65other\x01", "\xa1\x60\x01",
                                          "\xa1\x6c"
                                          "arbitraryKey\x01",
@@ -241,7 +241,7 @@ TEST(ZPKDataDefaultSerializerTest, AnObjectUnderAnotherKeyGivesNullAndALineWitho
   }
 }
 
-TEST(ZPKDataDefaultSerializerTest, AnArchiveThatIsCutAnywhereIsRefused) {
+TEST(ZPKDataDefaultSerializerTest, AnArchiveThatIsTruncatedAnywhereIsRejected) {
   const std::string archive(serialize(message())->view());
   for (size_t length = 0; length < archive.size(); ++length) {
     LogCapture log;
@@ -251,7 +251,7 @@ TEST(ZPKDataDefaultSerializerTest, AnArchiveThatIsCutAnywhereIsRefused) {
   }
 }
 
-TEST(ZPKDataDefaultSerializerTest, AnArchiveWithAByteFlippedIsRefusedOrIsThatOfAnotherObject) {
+TEST(ZPKDataDefaultSerializerTest, AFlippedByteIsRejectedOrYieldsAnotherObject) {
   const LogCapture log;
   const std::string archive(serialize(message())->view());
   for (size_t at = 0; at < archive.size(); ++at) {
@@ -267,7 +267,7 @@ TEST(ZPKDataDefaultSerializerTest, AnArchiveWithAByteFlippedIsRefusedOrIsThatOfA
   }
 }
 
-TEST(ZPKDataDefaultSerializerTest, RandomBytesBehindAValidStartDoNoHarm) {
+TEST(ZPKDataDefaultSerializerTest, RandomBytesAfterAValidStartDoNoHarm) {
   const LogCapture log;
   std::mt19937 random(7);
   for (int round = 0; round < 20'000; ++round) {

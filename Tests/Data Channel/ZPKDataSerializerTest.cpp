@@ -15,7 +15,7 @@ class Note final : public ZPKObject {
 
 class Other final : public ZPKObject {};
 
-// What a caller writes for a format of its own.
+// A caller's own serializer, for a format of its own.
 class NoteSerializer final : public ZPKDataSerializer {
  public:
   explicit NoteSerializer(bool* isDestroyed = nullptr) : _isDestroyed(isDestroyed) {}
@@ -39,7 +39,7 @@ class NoteSerializer final : public ZPKDataSerializer {
   bool* const _isDestroyed;
 };
 
-TEST(ZPKDataSerializerTest, AnObjectGoesThereAndBackThroughTheContract) {
+TEST(ZPKDataSerializerTest, AnObjectIsWrittenAndReadBackThroughTheContract) {
   const ZPKDataSerializerPtr serializer = std::make_shared<NoteSerializer>();
   const ZPKDataPtr data = serializer->serialize(std::make_shared<const Note>("text"));
   ASSERT_NE(data, nullptr);

@@ -7,7 +7,7 @@ using namespace support;
 
 namespace {
 
-// What a caller writes for a server of its own.
+// A caller's own server.
 class CountingServer final : public ZPKDataServer {
  public:
   explicit CountingServer(bool* isDestroyed = nullptr) : _isDestroyed(isDestroyed) {}

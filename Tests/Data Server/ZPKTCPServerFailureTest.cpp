@@ -1,4 +1,4 @@
-// Starts that fail, and accepts that do.
+// Starts and accepts that fail.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -38,7 +38,8 @@ const ExpectedFailure kAlreadyListening{
 
 // --- Starts that fail.
 
-// Listens on a port that it shares with nobody; two listeners that both reuse would share it.
+// Listens on a port that it does not share; two listeners that both set SO_REUSEPORT would share
+// it.
 TEST_F(ZPKTCPServerFailureTest, APortInUseGivesAnUnstoppableServer) {
   const int first = passive_tcp(0, false);
   const int port = portOf(first);
@@ -77,7 +78,7 @@ int firstOrdinaryPort() {
   return port;
 }
 
-// Port 1 of an ordinary user, who may have it only where the system says so.
+// Tries port 1 as an ordinary user, which the system may or may not allow.
 int startOnAPrivilegedPort(std::string* message) {
   const StandardOutputCapture output;
   const RefusedThreads noThreads;
@@ -111,7 +112,7 @@ TEST_F(ZPKTCPServerFailureTest, NoSocketGivesAServerWithoutAThread) {
   EXPECT_THAT(calls.texts({"accept4", "shutdown", "close"}), IsEmpty());
 }
 
-TEST_F(ZPKTCPServerFailureTest, AServerThatIsSaidToListenRefusesEveryStart) {
+TEST_F(ZPKTCPServerFailureTest, AServerMarkedAsListeningRejectsEveryStart) {
   const auto server = ZPKTCPServer::init();
   server->setIsListening(true);
   const int listener = passive_tcp(0, false);
@@ -180,8 +181,8 @@ rlim_t descriptorLimit() {
   return limits.rlim_cur;
 }
 
-// The first callback takes the process its last descriptors away; ahead of the fifth accept they
-// are back.
+// The first callback leaves the process no free descriptors; before the fifth accept they are
+// available again.
 TEST_F(ZPKTCPServerFailureTest, AServerSurvivesALackOfDescriptors) {
   const rlim_t limit = descriptorLimit();
   SystemCalls calls(SystemCalls::Threads::kAll);

@@ -1,4 +1,4 @@
-// The end of a server: stops, starts after a stop, and who holds it.
+// The end of a server: stops, starts after a stop, and what keeps it alive.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -76,7 +76,7 @@ TEST_F(ZPKTCPServerStopTest, AStopClosesCancelsJoinsAndForgetsInThatOrder) {
   std::atomic<bool> wasCancelled = true;
   calls.before("close", [&] { wasCancelled = server->shouldCancel(); });
   std::atomic<bool> hasStopped = false;
-  // What a stop looks like while a callback holds it up; the callback then returns.
+  // The state of a stop that a callback delays; the callback then returns.
   std::thread observer([&] {
     EXPECT_TRUE(waitFor([&] { return server->shouldCancel(); }));
     EXPECT_FALSE(isOpenDescriptor(listener));
@@ -99,7 +99,7 @@ TEST_F(ZPKTCPServerStopTest, ASecondStopFailsAndClosesNothing) {
   const auto server = startTCPServerOnPort(0, _arrivals.takeChannels());
   const int listener = server->handle();
   EXPECT_TRUE(server->stop());
-  // Somebody else has the number by now.
+  // A different file has the number by now.
   ASSERT_EQ(::dup2(STDERR_FILENO, listener), listener);
   const SystemCalls calls;
   ZPKErrorPtr error = olderError();
@@ -157,7 +157,7 @@ TEST_F(ZPKTCPServerStopTest, AServerThatWasNeverStartedClosesNobodysDescriptor) 
   EXPECT_TRUE(server->stop());
 }
 
-// Puts a descriptor in the place of standard input for as long as it lives.
+// Replaces standard input by a descriptor during its lifetime.
 class StandardInput {
  public:
   explicit StandardInput(int descriptor)
@@ -177,7 +177,7 @@ class StandardInput {
   const int _original;
 };
 
-TEST_F(ZPKTCPServerStopTest, AListeningSocketWithTheNumber0IsServedAndClosed) {
+TEST_F(ZPKTCPServerStopTest, AListeningSocketWithNumber0IsServedAndClosed) {
   const StandardInput input(passive_tcp(0, false));
   const auto server = startTCPOnSocket(STDIN_FILENO, _arrivals.takeSockets());
   const Client client(portOf(STDIN_FILENO));
@@ -205,7 +205,7 @@ TEST_F(ZPKTCPServerStopTest, StartsAndStopsInQuickSuccessionLeaveNothingBehind) 
   EXPECT_EQ(openDescriptors(), before);
 }
 
-// --- Starting again, and letting go of the server.
+// --- Starting again, and releasing the server.
 
 TEST_F(ZPKTCPServerStopTest, AStoppedServerStartsAgainButAcceptsNobody) {
   const std::set<int> before = openDescriptors();
@@ -257,13 +257,13 @@ TEST_F(ZPKTCPServerStopTest, ACancelledThreadMayDestroyTheServer) {
   const std::weak_ptr<ZPKTCPServer> weakServer = server;
   server->setShouldCancel(true);
   server.reset();
-  // An accept that was under way still hands over what it takes.
+  // An accept that was under way still passes its connection on.
   const Client client(portOf(listener));
   EXPECT_TRUE(waitFor([&] { return weakServer.expired(); }));
   ::close(listener);
 }
 
-TEST_F(ZPKTCPServerStopTest, ASecondStartTakesThePlaceOfTheFirst) {
+TEST_F(ZPKTCPServerStopTest, ASecondStartReplacesTheFirst) {
   const int firstListener = passive_tcp(0, false);
   Arrivals ofTheFirst;
   auto server = startTCPOnSocket(firstListener, ofTheFirst.takeSockets());
@@ -280,7 +280,7 @@ TEST_F(ZPKTCPServerStopTest, ASecondStartTakesThePlaceOfTheFirst) {
   EXPECT_TRUE(_arrivals.waitForCount(2));
   EXPECT_EQ(ofTheFirst.count(), 1U);
 
-  // The first thread is out of reach, until its next connection shows it the flag.
+  // Nothing can end the first thread until its next connection makes it check the flag.
   EXPECT_TRUE(server->stop());
   EXPECT_TRUE(isOpenDescriptor(firstListener));
   const std::weak_ptr<ZPKTCPServer> weakServer = server;

@@ -56,7 +56,7 @@ TEST_F(ZPKTCPServerTest, EachConnectionToAPortGivesAnOpenChannel) {
   EXPECT_TRUE(_log.lines().empty());
 }
 
-TEST_F(ZPKTCPServerTest, AServerOnASocketGivesABareDescriptor) {
+TEST_F(ZPKTCPServerTest, AServerOnASocketPassesABareDescriptor) {
   const int listener = passive_tcp(0, false);
   ZPKErrorPtr error = olderError();
   const auto server = startTCPOnSocket(listener, _arrivals.takeSockets(), &error);
@@ -71,7 +71,7 @@ TEST_F(ZPKTCPServerTest, AServerOnASocketGivesABareDescriptor) {
   EXPECT_FALSE(isOpenDescriptor(listener));
 }
 
-TEST_F(ZPKTCPServerTest, AListeningUnixSocketWillDo) {
+TEST_F(ZPKTCPServerTest, AListeningUnixSocketWorksToo) {
   const TemporaryFolder folder;
   const std::string path = folder.pathOf("socket");
   const auto server = startTCPOnSocket(passive_unix(path), _arrivals.takeSockets());
@@ -142,7 +142,7 @@ TEST_F(ZPKTCPServerTest, OnlyTheLow16BitsOfAPortCount) {
   ::close(spare);
 }
 
-TEST_F(ZPKTCPServerTest, TwoServersShareAPortWithoutAWord) {
+TEST_F(ZPKTCPServerTest, TwoServersShareAPortSilently) {
   const auto first = startTCPServerOnPort(0, _arrivals.takeChannels());
   const int port = portOf(first->handle());
   ZPKErrorPtr error;
@@ -210,7 +210,7 @@ TEST_F(ZPKTCPServerTest, ACallbackKeepsItsStateBetweenCalls) {
   EXPECT_TRUE(server->stop());
 }
 
-TEST_F(ZPKTCPServerTest, AConnectionThatFindsNoCallbackIsClosed) {
+TEST_F(ZPKTCPServerTest, AConnectionWithoutACallbackIsClosed) {
   const auto onPort = startTCPServerOnPort(0, nullptr);
   const auto onSocket = startTCPOnSocket(passive_tcp(0, false), nullptr);
   for (const auto& server : {onPort, onSocket}) {
@@ -234,7 +234,7 @@ TEST_F(ZPKTCPServerTest, ANewServerHasNothing) {
   EXPECT_FALSE(server->responseBlock());
 }
 
-TEST_F(ZPKTCPServerTest, ARunningServerIsNotListeningByItsOwnAccount) {
+TEST_F(ZPKTCPServerTest, ARunningServerDoesNotReportThatItListens) {
   const auto server = startTCPServerOnPort(0, _arrivals.takeChannels());
   EXPECT_FALSE(server->isListening());
   EXPECT_FALSE(server->shouldCancel());
@@ -252,7 +252,7 @@ TEST_F(ZPKTCPServerTest, TheCallbackCanBeReplacedWhileTheServerRuns) {
   EXPECT_TRUE(server->stop());
 }
 
-TEST_F(ZPKTCPServerTest, TheAccessorsKeepWhatTheyAreGiven) {
+TEST_F(ZPKTCPServerTest, TheAccessorsKeepTheirValues) {
   const auto server = ZPKTCPServer::init();
   int taken = 0;
   server->setHandle(77);
