@@ -29,7 +29,7 @@ using testing::ElementsAre;
 
 // --- select_with_retry
 
-TEST(SelectWithRetryTest, TellsTheCountOfReadableDescriptors) {
+TEST(SelectWithRetryTest, ReturnsTheCountOfReadableDescriptors) {
   SocketPair pair;
   pair.send("x");
   fd_set set;
@@ -84,7 +84,7 @@ TEST(SelectWithRetryTest, NeverAsksForMoreDescriptorsThanTheSetHolds) {
 
 // --- read_with_retry
 
-TEST(ReadWithRetryTest, SpinsOnEagainUntilSomethingCame) {
+TEST(ReadWithRetryTest, SpinsOnEagainUntilSomethingArrives) {
   SocketPair pair;
   pair.send("abc");
   char buffer[8];
@@ -94,7 +94,7 @@ TEST(ReadWithRetryTest, SpinsOnEagainUntilSomethingCame) {
   EXPECT_EQ(calls.count("read"), 1001U);
 }
 
-TEST(ReadWithRetryTest, AnInterruptionIsZeroBytesAndNoSecondTry) {
+TEST(ReadWithRetryTest, AnInterruptionIsZeroBytesAndNoRetry) {
   SocketPair pair;
   pair.send("abc");
   char buffer[8];
@@ -104,7 +104,7 @@ TEST(ReadWithRetryTest, AnInterruptionIsZeroBytesAndNoSecondTry) {
   EXPECT_EQ(calls.count("read"), 1U);
 }
 
-TEST(ReadWithRetryTest, AnInterruptionCountsEvenBesideAResult) {
+TEST(ReadWithRetryTest, AnInterruptionOverridesAResult) {
   char buffer[8];
   SystemCalls calls;
   calls.answer("read", 3, EINTR);
@@ -137,7 +137,7 @@ TEST(ReadWithRetryTest, ARealSignalEndsABlockedRead) {
   EXPECT_TRUE(signalUntil(thread, [&] {
     return result.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
   }));
-  pair.send("x");  // frees a reader that no signal reached
+  pair.send("x");  // releases a reader that no signal reached
   EXPECT_EQ(result.get(), ZPICallResult(0, EINTR));
 }
 
@@ -157,7 +157,7 @@ TEST(ZephalCommunicationReadTest, NowWithNothingWaitingIsOneIoctlAndNoAllocation
   EXPECT_EQ(error, olderError());
 }
 
-TEST(ZephalCommunicationReadTest, NowNeverNoticesThatThePeerHasGone) {
+TEST(ZephalCommunicationReadTest, NowNeverDetectsThatThePeerHasGone) {
   LogCapture log;
   SocketPair pair;
   pair.closePeer();
@@ -188,7 +188,7 @@ TEST(ZephalCommunicationReadTest, TheBufferOfTheReadBecomesTheData) {
   pair.send(std::string(60000, 'x'));
   SystemCalls calls;
   const ZPKDataPtr data = zephal_communication_read(pair.ours, 20.0, nullptr);
-  // One for the bytes, one for the object around them.
+  // One for the bytes, one for the object that holds them.
   EXPECT_EQ(calls.allocations(), 2U);
   ASSERT_NE(data, nullptr);
   EXPECT_EQ(data->length(), 60000U);
@@ -218,7 +218,7 @@ TEST(ZephalCommunicationReadTest, SplitsTheTimeoutIntoSecondsAndWholeMicrosecond
   };
   for (const auto& [timeout, text] : cases) {
     SystemCalls calls;
-    // One byte a read, so that there is always something to read.
+    // One byte per read, so that there is always something to read.
     calls.answer("ioctl FIONREAD", -1, ENOTTY);
     calls.shorten("read", 1);
     const ZPKDataPtr data = zephal_communication_read(pair.ours, timeout, nullptr);
@@ -233,7 +233,7 @@ TEST(ZephalCommunicationReadTest, AHugeTimeoutDoesNotOverflow) {
                                std::numeric_limits<double>::max(), 1.0e19}) {
     SocketPair pair;
     SystemCalls calls;
-    // Arrives only while the wait is under way.
+    // Arrives only once the wait has begun.
     calls.before("select", [&] { pair.send("late"); });
     const ZPKDataPtr data = zephal_communication_read(pair.ours, timeout, nullptr);
     EXPECT_EQ(calls.count("select 1000000000000.000000"), 1U);
@@ -242,7 +242,7 @@ TEST(ZephalCommunicationReadTest, AHugeTimeoutDoesNotOverflow) {
   }
 }
 
-TEST(ZephalCommunicationReadTest, ReturnsWhatWaitedAtEntryHoweverMuchHasComeSince) {
+TEST(ZephalCommunicationReadTest, ReturnsOnlyTheBytesThatWereWaitingAtEntry) {
   SocketPair pair;
   pair.send("0123456789");
   SystemCalls calls;
@@ -348,7 +348,7 @@ TEST(ZephalCommunicationReadTest, AnInterruptedReadIsAFailure) {
   expectFailure(error, log, readFailure(EINTR));
 }
 
-TEST(ZephalCommunicationReadTest, AnAllocationThatFailsShowsAsAFailedRead) {
+TEST(ZephalCommunicationReadTest, AFailedAllocationIsReportedAsAFailedRead) {
   LogCapture log;
   SocketPair pair;
   pair.send("hello");

@@ -50,7 +50,7 @@ TEST(ZephalCommunicationWriteTest, WritesAllBytesInOneCallIfItCan) {
   EXPECT_EQ(error, olderError());
 }
 
-TEST(ZephalCommunicationWriteTest, GoesOnAfterAPartialWriteUntilAllIsOut) {
+TEST(ZephalCommunicationWriteTest, ContinuesAfterAPartialWriteUntilAllIsSent) {
   SocketPair pair;
   const ZPKDataPtr data = dataOf("0123456789");
   SystemCalls calls;
@@ -82,7 +82,7 @@ TEST(ZephalCommunicationWriteTest, WaitsForAPeerThatReadsSlowly) {
   EXPECT_TRUE(received.get() == sent);
 }
 
-TEST(ZephalCommunicationWriteTest, AFailureAfterAPartLeavesThePartSent) {
+TEST(ZephalCommunicationWriteTest, AFailureAfterAPartialWriteLeavesThatPartSent) {
   LogCapture log;
   SocketPair pair;
   const ZPKDataPtr data = dataOf("0123456789");
@@ -120,13 +120,13 @@ TEST(ZephalCommunicationWriteTest, AWriteOfNothingIsAFailureWithNumberZero) {
   expectFailure(error, log, writeFailure(0));
 }
 
-TEST(ZephalCommunicationWriteTest, LogsWithANullSlotToo) {
+TEST(ZephalCommunicationWriteTest, LogsEvenWithANullSlot) {
   LogCapture log;
   EXPECT_FALSE(zephal_communication_write(-1, dataOf("x"), nullptr));
   EXPECT_THAT(log.lines(), ElementsAre(LogLine{0, writeFailure(EBADF).description}));
 }
 
-TEST(ZephalCommunicationWriteTest, TakesWriteForWhatIsNoSocketAndStaysThere) {
+TEST(ZephalCommunicationWriteTest, FallsBackToWriteForOtherDescriptorsAndStaysThere) {
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
   const ZPKDataPtr data = dataOf("0123456789");
@@ -143,7 +143,7 @@ TEST(ZephalCommunicationWriteTest, TakesWriteForWhatIsNoSocketAndStaysThere) {
   ::close(ends[1]);
 }
 
-TEST(ZephalCommunicationWriteTest, TheFormForOtherDescriptorsAsksWriteAlone) {
+TEST(ZephalCommunicationWriteTest, TheFormForOtherDescriptorsOnlyCallsWrite) {
   LogCapture log;
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
@@ -160,7 +160,7 @@ TEST(ZephalCommunicationWriteTest, TheFormForOtherDescriptorsAsksWriteAlone) {
 }
 
 TEST(ZephalCommunicationWriteTest, APeerThatHasGoneGivesEpipeAndNoSignal) {
-  // In a child, since a signal that comes would end it; with the default action, which the socket
+  // In a child, since a signal would end the process; with the default action, which the socket
   // functions may have changed in this process.
   const ChildResult result = runInChild([](std::string* message) {
     LogCapture log;

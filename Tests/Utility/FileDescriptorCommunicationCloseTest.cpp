@@ -25,7 +25,7 @@ using testing::ElementsAre;
 
 using FileDescriptorCommunicationCloseTest = FileDescriptorCommunicationFixture;
 
-// A policy whose writes no close can end.
+// A policy whose writes cannot be ended by a close.
 class RecordingLinePolicy : public RecordingPolicy {
  public:
   static constexpr bool kIsSocket = false;
@@ -33,7 +33,7 @@ class RecordingLinePolicy : public RecordingPolicy {
   using RecordingPolicy::RecordingPolicy;
 };
 
-// Writes more than a socket holds, and returns once that has begun.
+// Starts to write more than a socket buffers, and returns once the first bytes have arrived.
 template <class Communication>
 std::future<bool> startLongWrite(Communication* communication, const SocketPair& pair,
                                  ZPKErrorPtr* error) {
@@ -44,7 +44,7 @@ std::future<bool> startLongWrite(Communication* communication, const SocketPair&
   return result;
 }
 
-// With a line the writer stays inside until its peer goes, so that it is surely the last one out.
+// On a line the writer stays inside until its peer hangs up, so it is certainly the last one out.
 using RecordingLine = ZPIFileDescriptorCommunication<RecordingLinePolicy>;
 
 TEST_F(FileDescriptorCommunicationCloseTest, ACloseLeavesTheSystemsCloseToAWriter) {
@@ -78,7 +78,7 @@ TEST_F(FileDescriptorCommunicationCloseTest, AFailedReadLeavesTheSystemsCloseToA
   EXPECT_THAT(_record.closedWithSlot, ElementsAre(false));
 }
 
-TEST_F(FileDescriptorCommunicationCloseTest, AnOldWriterNeverReachesWhatIsOpenedNext) {
+TEST_F(FileDescriptorCommunicationCloseTest, AnOldWriterNeverWritesToTheNextDescriptor) {
   const SignalHandler noBrokenPipe(SIGPIPE);
   SocketPair next;
   RecordingLine communication(_pair.ours, RecordingLinePolicy(&_record));

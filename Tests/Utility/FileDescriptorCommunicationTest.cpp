@@ -28,7 +28,7 @@ using testing::ElementsAre;
 
 using FileDescriptorCommunicationTest = FileDescriptorCommunicationFixture;
 
-TEST_F(FileDescriptorCommunicationTest, OpensWithWhatThePolicyAcquires) {
+TEST_F(FileDescriptorCommunicationTest, OpensWithTheDescriptorThatThePolicyAcquires) {
   auto communication = closedOne();
   EXPECT_FALSE(communication.isOpen());
   _record.descriptor = _pair.ours;
@@ -58,7 +58,7 @@ TEST_F(FileDescriptorCommunicationTest, AFailedOpenClosesItsDescriptorAndKeepsTh
   EXPECT_THAT(_record.closedWithSlot, ElementsAre(false));
 }
 
-TEST_F(FileDescriptorCommunicationTest, AFailedOpenThatLeftNothingClosesNothing) {
+TEST_F(FileDescriptorCommunicationTest, AFailedOpenWithoutADescriptorClosesNothing) {
   auto communication = closedOne();
   _record.isAcquireGood = false;
   EXPECT_FALSE(communication.openWithTimeout(1.0, &_error));
@@ -110,7 +110,7 @@ TEST_F(FileDescriptorCommunicationTest, CanBeOpenedAgainAfterAClose) {
 
 TEST_F(FileDescriptorCommunicationTest, ReadingAClosedOneFailsWithCode2) {
   auto communication = closedOne();
-  // Checked ahead of the timeout.
+  // Checked before the timeout.
   EXPECT_EQ(communication.readWithTimeout(-0.5, &_error), nullptr);
   expectFailure(
       _error, _log,
@@ -128,7 +128,7 @@ TEST_F(FileDescriptorCommunicationTest, WritingAnythingToAClosedOneFailsWithCode
   EXPECT_EQ(_log.count("Cannot communicate with closed devices"), 2U);
 }
 
-TEST_F(FileDescriptorCommunicationTest, RefusesABadTimeoutBeforeAnySystemCall) {
+TEST_F(FileDescriptorCommunicationTest, RejectsABadTimeoutBeforeAnySystemCall) {
   auto communication = openOne();
   for (const double timeout : {-0.5, -1.0000001, -2.0, -std::numeric_limits<double>::infinity(),
                                std::nan(""), -1.0e-300}) {
@@ -148,7 +148,7 @@ TEST_F(FileDescriptorCommunicationTest, RefusesABadTimeoutBeforeAnySystemCall) {
   EXPECT_TRUE(_record.closed.empty());
 }
 
-TEST_F(FileDescriptorCommunicationTest, TakesEveryGoodTimeout) {
+TEST_F(FileDescriptorCommunicationTest, AcceptsEveryGoodTimeout) {
   auto communication = openOne();
   for (const double timeout : {0.0, -0.0, 0.5, 1.0e300, -1.0}) {
     _pair.send("x");
@@ -181,7 +181,7 @@ TEST_F(FileDescriptorCommunicationTest, AFailedReadClosesAndALaterCloseFails) {
   expectError(_error, communicationFailure(2, "Device Already Closed", "close"));
 }
 
-TEST_F(FileDescriptorCommunicationTest, UnderForeverAFailedReadReportsADisconnectedClient) {
+TEST_F(FileDescriptorCommunicationTest, AFailedReadForeverReportsADisconnectedClient) {
   auto communication = openOne();
   _pair.closePeer();
   EXPECT_EQ(communication.readWithTimeout(ZEPHAL_COMMUNICATION_TIME_FOREVER, &_error), nullptr);
@@ -191,7 +191,7 @@ TEST_F(FileDescriptorCommunicationTest, UnderForeverAFailedReadReportsADisconnec
   EXPECT_FALSE(communication.isOpen());
 }
 
-TEST_F(FileDescriptorCommunicationTest, UnderForeverANullSlotLogsTwiceAsWell) {
+TEST_F(FileDescriptorCommunicationTest, AFailedReadForeverWithoutASlotLogsTwice) {
   auto communication = openOne();
   _pair.closePeer();
   EXPECT_EQ(communication.readWithTimeout(ZEPHAL_COMMUNICATION_TIME_FOREVER, nullptr), nullptr);
@@ -217,7 +217,7 @@ TEST_F(FileDescriptorCommunicationTest, AFailedCloseReplacesTheErrorOfTheRead) {
   EXPECT_FALSE(communication.isOpen());
 }
 
-TEST_F(FileDescriptorCommunicationTest, UnderForeverTheClientReplacesTheFailedCloseToo) {
+TEST_F(FileDescriptorCommunicationTest, ADisconnectedClientReplacesTheFailedClose) {
   auto communication = openOne();
   _pair.closePeer();
   _record.isCloseGood = false;
@@ -242,7 +242,7 @@ TEST_F(FileDescriptorCommunicationTest, ARealSignalDuringTheReadItselfClosesIt) 
   auto communication = openOne();
   const SignalHandler handler(SIGUSR1);
   SystemCalls calls(SystemCalls::Threads::kAll);
-  // Somebody else takes the bytes between select and read, so that the read blocks.
+  // Somebody else reads the bytes between select and read, so that the read blocks.
   calls.before("read", [&] {
     char buffer[8];
     EXPECT_EQ(::recv(_pair.ours, buffer, sizeof buffer, 0), 5);
@@ -257,13 +257,13 @@ TEST_F(FileDescriptorCommunicationTest, ARealSignalDuringTheReadItselfClosesIt) 
   EXPECT_TRUE(signalUntil(thread, [&] {
     return result.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
   }));
-  _pair.send("x");  // frees a reader that no signal reached
+  _pair.send("x");  // releases a reader that no signal reached
   EXPECT_EQ(result.get(), nullptr);
   expectFailure(_error, _log, readFailure(EINTR));
   EXPECT_FALSE(communication.isOpen());
 }
 
-TEST_F(FileDescriptorCommunicationTest, AWriterAndAReaderRunBesideEachOther) {
+TEST_F(FileDescriptorCommunicationTest, AWriterAndAReaderRunAtTheSameTime) {
   auto communication = openOne();
   constexpr int kRounds = 200;
   auto writer = std::async(std::launch::async, [&] {

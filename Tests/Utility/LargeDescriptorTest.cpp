@@ -19,7 +19,7 @@ namespace {
 
 using testing::ElementsAre;
 
-// Descriptors that do not fit a set.
+// Descriptors that do not fit into a set.
 class LargeDescriptorTest : public FileDescriptorCommunicationFixture {
  protected:
   LargeDescriptorTest() {
@@ -30,7 +30,7 @@ class LargeDescriptorTest : public FileDescriptorCommunicationFixture {
   }
   ~LargeDescriptorTest() override { ::setrlimit(RLIMIT_NOFILE, &_before); }
 
-  // Our end again, under a number of `lowest` or above.
+  // Duplicates our end to a number of at least `lowest`.
   void move(int lowest) {
     const int moved = ::fcntl(_pair.ours, F_DUPFD_CLOEXEC, lowest);
     ASSERT_GE(moved, lowest);
@@ -85,7 +85,7 @@ TEST_F(LargeDescriptorTest, TheLargestNumberOfAllIsOneOfThem) {
   EXPECT_EQ(_error, olderError());
 }
 
-TEST_F(LargeDescriptorTest, NowAndWritesWorkAsEver) {
+TEST_F(LargeDescriptorTest, NowAndWritesWorkAsUsual) {
   move(FD_SETSIZE + 100);
   auto communication = openOne();
   _pair.send("x");

@@ -54,7 +54,7 @@ TEST_F(ZPIBlockTest, AnEmptyBlockGetsRoom) {
 }
 
 // [......abcd] becomes [abcd......] if that makes enough room, and half of it is free.
-TEST_F(ZPIBlockTest, ADroppedFrontIsUsedAgain) {
+TEST_F(ZPIBlockTest, ADroppedFrontIsReused) {
   placeInMemory("......abcd", 10);
   const uint8_t* const storage = block.storage;
   EXPECT_FALSE(ZPIBlock::dropFirst(block, 6));
@@ -73,7 +73,7 @@ TEST_F(ZPIBlockTest, BytesThatFillMostOfABlockGetANewOne) {
   EXPECT_EQ(bytes(), "abcd");
 }
 
-TEST_F(ZPIBlockTest, BytesWithinTheirObjectLeaveItToGrow) {
+TEST_F(ZPIBlockTest, BytesWithinTheirObjectMoveOutToGrow) {
   placeInObject("abc");
   EXPECT_FALSE(ZPIBlock::reserveAtEnd(block, 13));
   EXPECT_TRUE(block.isWithinObject);
@@ -82,7 +82,7 @@ TEST_F(ZPIBlockTest, BytesWithinTheirObjectLeaveItToGrow) {
   EXPECT_EQ(bytes(), "abc");
 }
 
-TEST_F(ZPIBlockTest, BytesLeaveTheirObjectOnce) {
+TEST_F(ZPIBlockTest, BytesMoveOutOfTheirObjectOneTime) {
   placeInObject(".abc");
   EXPECT_FALSE(ZPIBlock::dropFirst(block, 1));
   EXPECT_TRUE(ZPIBlock::leaveObject(block));
@@ -107,7 +107,7 @@ TEST_F(ZPIBlockTest, FewBytesGiveALargeBlockBack) {
   EXPECT_EQ(bytes(), std::string(1023, 'a'));
 }
 
-TEST_F(ZPIBlockTest, ACutGivesALargeBlockBackToo) {
+TEST_F(ZPIBlockTest, ATruncationGivesALargeBlockBackToo) {
   const std::string many(8192, 'a');
   placeInMemory(many, many.size());
   EXPECT_FALSE(ZPIBlock::cutAt(block, 1024));
@@ -131,7 +131,7 @@ TEST_F(ZPIBlockTest, ASmallBlockIsKeptWhateverItHolds) {
   EXPECT_EQ(block.capacity, 1024U);
 }
 
-TEST_F(ZPIBlockTest, RoomThatNobodyHasChangesNothing) {
+TEST_F(ZPIBlockTest, ARequestForImpossibleRoomChangesNothing) {
   placeInMemory("abc", 10);
   EXPECT_THROW(ZPIBlock::reserveAtEnd(block, std::numeric_limits<size_t>::max()), std::bad_alloc);
   EXPECT_EQ(block.capacity, 10U);

@@ -16,7 +16,7 @@ sigset_t setOf(int signal) {
   return signals;
 }
 
-TEST(ZPIBlockedSignalsTest, BlocksTheSignalsForAsLongAsItLives) {
+TEST(ZPIBlockedSignalsTest, BlocksTheSignalsWhileItLives) {
   {
     const ZPIBlockedSignals blocked(setOf(SIGUSR1));
     EXPECT_TRUE(isBlocked(SIGUSR1));
@@ -31,7 +31,7 @@ TEST(ZPIBlockedSignalsTest, ASignalThatWasBlockedStaysBlocked) {
   EXPECT_TRUE(isBlocked(SIGUSR1));
 }
 
-TEST(ZPIBlockedSignalsTest, AThreadThatIsStartedMeanwhileNeverGetsThem) {
+TEST(ZPIBlockedSignalsTest, AThreadStartedMeanwhileNeverReceivesThem) {
   std::future<bool> thread;
   {
     const ZPIBlockedSignals blocked(setOf(SIGUSR1));

@@ -37,7 +37,7 @@ TEST(ZPIByteSearchTest, ItFindsTheFirstOccurrence) {
   EXPECT_EQ(find("xxabc", "abc"), 2U);
 }
 
-TEST(ZPIByteSearchTest, WhatIsNotThereIsNotFound) {
+TEST(ZPIByteSearchTest, AMissingNeedleIsNotFound) {
   EXPECT_EQ(find("abcabd", "abe"), ZPKNotFound);
   EXPECT_EQ(find("abc", "x"), ZPKNotFound);
   EXPECT_EQ(find("xxab", "abc"), ZPKNotFound);
@@ -61,7 +61,7 @@ TEST(ZPIByteSearchTest, ZeroAndHighBytesAreBytesLikeAnyOther) {
   EXPECT_EQ(find(text, "\xfe"), 5U);
 }
 
-TEST(ZPIByteSearchTest, BytesBehindTheTextAreNotLookedAt) {
+TEST(ZPIByteSearchTest, BytesAfterTheTextAreNotExamined) {
   const std::string text =
       "xxab"
       "c";
@@ -78,7 +78,7 @@ TEST(ZPIByteSearchTest, ItAgreesWithANaiveSearchOnRandomTexts) {
   }
 }
 
-TEST(ZPIByteSearchTest, ItAgreesWithANaiveSearchForPartsOfTheText) {
+TEST(ZPIByteSearchTest, PartsOfTheTextAgreeWithANaiveSearch) {
   std::mt19937 random(8);
   for (int round = 0; round < 1000; ++round) {
     const std::string text = randomText(random, 1 + random() % 3000, 2 + random() % 2);
@@ -88,8 +88,8 @@ TEST(ZPIByteSearchTest, ItAgreesWithANaiveSearchForPartsOfTheText) {
   }
 }
 
-// The needle's first byte is everywhere, so that the quick search gives up on the way; the needle
-// stands at each place around where that happens.
+// The needle's first byte is everywhere, so that the quick search gives up on the way. The needle
+// is placed at each position around the point where that happens.
 //
 //     aaaaaaaaaa...aab...aaa
 //                  ^-- start
@@ -105,8 +105,8 @@ TEST(ZPIByteSearchTest, AMatchIsFoundAtEveryPlaceAmongFalseStarts) {
   }
 }
 
-// A quadratic search would take some 10^12 steps here, and the test's limit would end it.
-TEST(ZPIByteSearchTest, FalseStartsEverywhereStayCheapWithALongNeedle) {
+// A quadratic search would take about 10^12 steps here, and the test would time out.
+TEST(ZPIByteSearchTest, FalseStartsEverywhereAreCheapWithALongNeedle) {
   const size_t length = size_t{8} << 20;
   const std::string text(length, 'a');
   const std::string needle = std::string(length / 2, 'a') + "b";
@@ -115,7 +115,7 @@ TEST(ZPIByteSearchTest, FalseStartsEverywhereStayCheapWithALongNeedle) {
 }
 
 // One false start in 32 bytes, each of which agrees with almost the whole needle.
-TEST(ZPIByteSearchTest, ALongNeedleOfThePeriodOfTheTextStaysCheap) {
+TEST(ZPIByteSearchTest, ALongNeedleWithTheTextsPeriodIsCheap) {
   std::string text;
   while (text.size() < size_t{8} << 20) text += "a" + std::string(32, 'x');
   const std::string needle = text.substr(0, text.size() / 2) + "b";

@@ -26,7 +26,7 @@ TEST(ZPIDataGivingUpTest, TheBytesStayWhereTheyAre) {
   EXPECT_EQ(vector.capacity(), 0U);
 }
 
-TEST(ZPIDataGivingUpTest, TheRoomBehindTheBytesIsUsedByAnEdit) {
+TEST(ZPIDataGivingUpTest, AnEditUsesTheRoomAfterTheBytes) {
   ZPIHeapVector<uint8_t> vector;
   append(&vector, "short");
   ASSERT_GE(vector.capacity(), 8U);
@@ -37,7 +37,7 @@ TEST(ZPIDataGivingUpTest, TheRoomBehindTheBytesIsUsedByAnEdit) {
   EXPECT_EQ(data->view(), "shorter");
 }
 
-TEST(ZPIDataGivingUpTest, AnEmptyVectorGivesTheEmptyInstance) {
+TEST(ZPIDataGivingUpTest, AnEmptyVectorBecomesTheEmptyInstance) {
   ZPIHeapVector<uint8_t> vector;
   EXPECT_EQ(ZPIDataGivingUp(&vector), ZPKData::data());
 }

@@ -16,7 +16,8 @@ namespace {
 
 using testing::ElementsAre;
 
-// A thread with a loop that runs until its source goes; ended by the destructor at the latest.
+// A thread with a loop that runs until its source is released; the destructor ends it at the
+// latest.
 class LoopThread {
  public:
   LoopThread() {
@@ -38,11 +39,11 @@ class LoopThread {
   }
 
   ZPIEventLoop& loop() { return *_loop; }
-  void letGoOfTheSource() { _source = nullptr; }
+  void releaseTheSource() { _source = nullptr; }
   bool hasEnded() const { return _hasEnded; }
   std::thread::id id() const { return _thread.get_id(); }
 
-  // Returns once everything given before has run.
+  // Returns once all tasks queued before have run.
   void drain() {
     std::promise<void> isDone;
     _loop->perform([&isDone] { isDone.set_value(); });
@@ -70,7 +71,7 @@ TEST(ZPIEventLoopTest, ReturnsAtOnceWithNothingToWaitFor) {
   SUCCEED();
 }
 
-TEST(ZPIEventLoopTest, RunsTheTasksInTheirOrderAndReturns) {
+TEST(ZPIEventLoopTest, RunsTheTasksInOrderAndReturns) {
   const ZPIEventLoopPtr loop = ZPIEventLoop::current();
   std::vector<int> order;
   for (int number = 1; number <= 3; ++number) {
@@ -101,11 +102,11 @@ TEST(ZPIEventLoopTest, TasksOfOtherThreadsRunOnTheLoopsThread) {
   EXPECT_EQ(id.get(), thread.id());
 }
 
-TEST(ZPIEventLoopTest, WaitsForAsLongAsASourceIsAttached) {
+TEST(ZPIEventLoopTest, WaitsWhileASourceIsAttached) {
   LoopThread thread;
   thread.drain();
   EXPECT_FALSE(thread.hasEnded());
-  thread.letGoOfTheSource();
+  thread.releaseTheSource();
   EXPECT_TRUE(waitFor([&] { return thread.hasEnded(); }));
 }
 
@@ -113,7 +114,7 @@ TEST(ZPIEventLoopTest, WaitsForEverySourceAndEveryCopy) {
   LoopThread thread;
   ZPIEventLoop::Source second = thread.loop().attachSource();
   ZPIEventLoop::Source copy = second;
-  thread.letGoOfTheSource();
+  thread.releaseTheSource();
   second = nullptr;
   thread.drain();
   EXPECT_FALSE(thread.hasEnded());
@@ -128,7 +129,7 @@ TEST(ZPIEventLoopTest, StopEndsAWait) {
   EXPECT_TRUE(waitFor([&] { return thread.hasEnded(); }));
 }
 
-TEST(ZPIEventLoopTest, TasksBehindAStopWaitForTheNextRun) {
+TEST(ZPIEventLoopTest, TasksAfterAStopWaitForTheNextRun) {
   const ZPIEventLoopPtr loop = ZPIEventLoop::current();
   std::vector<int> order;
   loop->perform([&] {
@@ -142,7 +143,7 @@ TEST(ZPIEventLoopTest, TasksBehindAStopWaitForTheNextRun) {
   EXPECT_THAT(order, ElementsAre(1, 2));
 }
 
-TEST(ZPIEventLoopTest, AStopAheadOfTheRunEndsItAtOnceAndOnlyOnce) {
+TEST(ZPIEventLoopTest, AStopBeforeTheRunEndsOnlyThatRun) {
   const ZPIEventLoopPtr loop = ZPIEventLoop::current();
   bool hasRun = false;
   loop->perform([&hasRun] { hasRun = true; });
@@ -153,7 +154,7 @@ TEST(ZPIEventLoopTest, AStopAheadOfTheRunEndsItAtOnceAndOnlyOnce) {
   EXPECT_TRUE(hasRun);
 }
 
-TEST(ZPIEventLoopTest, ATaskIsReleasedOnceItHasRun) {
+TEST(ZPIEventLoopTest, ATaskIsReleasedAfterItHasRun) {
   const ZPIEventLoopPtr loop = ZPIEventLoop::current();
   auto captured = std::make_shared<int>(1);
   const std::weak_ptr<int> weak = captured;
@@ -164,7 +165,7 @@ TEST(ZPIEventLoopTest, ATaskIsReleasedOnceItHasRun) {
   EXPECT_TRUE(isReleasedByNextTask);
 }
 
-TEST(ZPIEventLoopTest, WhatATaskCapturedMayCallTheLoopAsItGoes) {
+TEST(ZPIEventLoopTest, ACapturedObjectsDestructorMayCallTheLoop) {
   const ZPIEventLoopPtr loop = ZPIEventLoop::current();
   bool hasRun = false;
   std::shared_ptr<void> calls(nullptr, [&](void*) { loop->perform([&hasRun] { hasRun = true; }); });
@@ -173,14 +174,14 @@ TEST(ZPIEventLoopTest, WhatATaskCapturedMayCallTheLoopAsItGoes) {
   EXPECT_TRUE(hasRun);
 }
 
-TEST(ZPIEventLoopTest, ATaskThatHoldsASourceEndsTheWaitWhenItHasRun) {
+TEST(ZPIEventLoopTest, ATaskThatHoldsASourceReleasesItAfterRunning) {
   const ZPIEventLoopPtr loop = ZPIEventLoop::current();
   loop->perform([source = loop->attachSource()] {});
   loop->run();
   SUCCEED();
 }
 
-TEST(ZPIEventLoopTest, TasksThatWereNotRunGoWithTheThread) {
+TEST(ZPIEventLoopTest, TasksThatWereNotRunAreDestroyedWithTheThread) {
   auto captured = std::make_shared<int>(1);
   const std::weak_ptr<int> weak = captured;
   std::thread([&captured] {
@@ -197,11 +198,11 @@ TEST(ZPIEventLoopTest, ASourceMayOutliveItsLoop) {
   SUCCEED();
 }
 
-TEST(ZPIEventLoopTest, ManyThreadsMayGiveTasks) {
+TEST(ZPIEventLoopTest, ManyThreadsMayQueueTasks) {
   constexpr int kThreads = 4;
   constexpr int kTasks = 500;
   LoopThread thread;
-  int sum = 0;  // changed on the loop's thread alone
+  int sum = 0;  // changed only on the loop's thread
   std::vector<std::thread> givers;
   for (int giver = 0; giver < kThreads; ++giver) {
     givers.emplace_back([&] {

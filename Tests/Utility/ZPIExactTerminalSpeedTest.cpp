@@ -54,7 +54,7 @@ TEST_F(ZPIExactTerminalSpeedTest, LeavesEverythingElseAsItWas) {
   EXPECT_EQ(std::memcmp(after.c_cc, before.c_cc, sizeof after.c_cc), 0);
 }
 
-TEST_F(ZPIExactTerminalSpeedTest, RefusesMoreThan32BitsWithoutAskingTheSystem) {
+TEST_F(ZPIExactTerminalSpeedTest, RejectsMoreThan32BitsWithoutAskingTheSystem) {
   const SystemCalls calls;
   for (const uint64_t rate : {uint64_t{1} << 32, ~uint64_t{0}}) {
     errno = 0;
@@ -64,7 +64,7 @@ TEST_F(ZPIExactTerminalSpeedTest, RefusesMoreThan32BitsWithoutAskingTheSystem) {
   EXPECT_TRUE(calls.all().empty());
 }
 
-TEST_F(ZPIExactTerminalSpeedTest, FailsForWhatIsNoTerminal) {
+TEST_F(ZPIExactTerminalSpeedTest, FailsForADescriptorThatIsNotATerminal) {
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
   EXPECT_EQ(ZPISetExactTerminalSpeed(ends[0], 9600), -1);
@@ -73,7 +73,7 @@ TEST_F(ZPIExactTerminalSpeedTest, FailsForWhatIsNoTerminal) {
   ::close(ends[1]);
 }
 
-TEST_F(ZPIExactTerminalSpeedTest, RefusesARateThatTheDriverDidNotTake) {
+TEST_F(ZPIExactTerminalSpeedTest, RejectsARateThatTheDriverDidNotSet) {
   constexpr uint32_t kRate = 1000000;
   struct Case {
     Speeds taken;
@@ -84,7 +84,7 @@ TEST_F(ZPIExactTerminalSpeedTest, RefusesARateThatTheDriverDidNotTake) {
         Case{{kRate, 1030001}, false}, Case{{1030001, kRate}, false}, Case{{kRate, 969999}, false},
         Case{{969999, kRate}, false}, Case{{kRate, 0}, false}}) {
     SystemCalls calls;
-    // What the driver made of it, ahead of the second look.
+    // The driver sets its own choice of speeds before they are read back.
     calls.before(
         "ioctl TCGETS2",
         [&] { setTerminalSpeeds(_terminal, driver.taken.first, driver.taken.second); }, 1);
@@ -102,8 +102,8 @@ TEST_F(ZPIExactTerminalSpeedTest, FailsIfTheRateCannotBeReadBack) {
   EXPECT_EQ(errno, EIO);
 }
 
-// It hangs up, and drivers differ in the speed that they keep.
-TEST_F(ZPIExactTerminalSpeedTest, ARateOfZeroIsNotLookedAtAgain) {
+// A rate of zero hangs up, and drivers differ in the speed that they keep.
+TEST_F(ZPIExactTerminalSpeedTest, ARateOfZeroIsNotReadBack) {
   SystemCalls calls;
   EXPECT_EQ(ZPISetExactTerminalSpeed(_terminal, 0), 0);
   EXPECT_THAT(calls.texts(), ElementsAre("ioctl TCGETS2", "ioctl TCSETS2"));

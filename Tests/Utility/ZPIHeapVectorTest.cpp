@@ -43,7 +43,7 @@ TEST(ZPIHeapVectorTest, AppendsAtTheEnd) {
   EXPECT_GE(vector.capacity(), vector.size());
 }
 
-TEST(ZPIHeapVectorTest, AppendingNothingTakesNoStorage) {
+TEST(ZPIHeapVectorTest, AppendingNothingNeedsNoStorage) {
   Bytes vector;
   vector.append(nullptr, 0);
   EXPECT_EQ(vector.capacity(), 0U);
@@ -57,7 +57,7 @@ TEST(ZPIHeapVectorTest, GrowsInFewSteps) {
   EXPECT_LE(calls.allocations(), 20U);
 }
 
-TEST(ZPIHeapVectorTest, ExtendsByValuesThatTheCallerSets) {
+TEST(ZPIHeapVectorTest, ExtendsByValuesForTheCallerToSet) {
   Bytes vector;
   append(&vector, "ab");
   for (int round = 0; round < 20; ++round) std::memcpy(vector.extend(3), "xyz", 3);
@@ -81,7 +81,7 @@ TEST(ZPIHeapVectorTest, SwapsWithoutACopy) {
   EXPECT_EQ(textOf(left), "new");
 }
 
-TEST(ZPIHeapVectorTest, GivesItsStorageAway) {
+TEST(ZPIHeapVectorTest, HandsOverItsStorage) {
   Bytes vector;
   append(&vector, "given");
   const uint8_t* const storage = vector.data();
@@ -105,7 +105,7 @@ TEST(ZPIHeapVectorTest, HoldsValuesOfSeveralBytes) {
   EXPECT_EQ(vector.data()[299], std::numeric_limits<int64_t>::max());
 }
 
-TEST(ZPIHeapVectorTest, IsAsItWasWhenThereIsNoMemory) {
+TEST(ZPIHeapVectorTest, IsUnchangedWhenThereIsNoMemory) {
   Bytes vector;
   append(&vector, "kept");
   const std::string more(1000, 'z');
@@ -117,11 +117,11 @@ TEST(ZPIHeapVectorTest, IsAsItWasWhenThereIsNoMemory) {
   EXPECT_EQ(textOf(vector), "kept" + more);
 }
 
-TEST(ZPIHeapVectorTest, RefusesALengthThatNoMemoryHas) {
+TEST(ZPIHeapVectorTest, RejectsALengthBeyondAnyMemory) {
   ZPIHeapVector<int64_t> vector;
   const int64_t value = 1;
   vector.append(&value, 1);
-  // Volatile, since a compiler that knows the length refuses it too.
+  // Volatile, since a compiler that knows the length rejects it too.
   const volatile size_t largest = std::numeric_limits<size_t>::max();
   EXPECT_THROW(vector.append(&value, largest), std::bad_alloc);
   EXPECT_THROW(vector.append(&value, largest / sizeof(int64_t)), std::bad_alloc);

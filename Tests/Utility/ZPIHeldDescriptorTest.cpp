@@ -11,7 +11,7 @@ namespace {
 
 using Use = ZPIHeldDescriptor::Use;
 
-TEST(ZPIHeldDescriptorTest, HoldsWhatItIsGivenUnlessThatIsNegative) {
+TEST(ZPIHeldDescriptorTest, HoldsAnyDescriptorThatIsNotNegative) {
   EXPECT_TRUE(ZPIHeldDescriptor(0).isHeld());
   EXPECT_TRUE(ZPIHeldDescriptor(7).isHeld());
   for (const int32_t none : {-1, -7}) {
@@ -23,7 +23,7 @@ TEST(ZPIHeldDescriptorTest, HoldsWhatItIsGivenUnlessThatIsNegative) {
   }
 }
 
-TEST(ZPIHeldDescriptorTest, AUseHasTheDescriptorAndLeavesItHeld) {
+TEST(ZPIHeldDescriptorTest, AUseReturnsTheDescriptorAndLeavesItHeld) {
   ZPIHeldDescriptor held(7);
   Use use = held.use();
   ASSERT_TRUE(use);
@@ -34,7 +34,7 @@ TEST(ZPIHeldDescriptorTest, AUseHasTheDescriptorAndLeavesItHeld) {
   EXPECT_TRUE(held.isHeld());
 }
 
-TEST(ZPIHeldDescriptorTest, WhoGivesUpAloneCloses) {
+TEST(ZPIHeldDescriptorTest, ASoleUserThatGivesUpCloses) {
   ZPIHeldDescriptor held(7);
   Use use = held.use();
   EXPECT_TRUE(use.giveUp());
@@ -44,7 +44,7 @@ TEST(ZPIHeldDescriptorTest, WhoGivesUpAloneCloses) {
   EXPECT_TRUE(use.leave());
 }
 
-TEST(ZPIHeldDescriptorTest, OfSeveralTheLastOneOutCloses) {
+TEST(ZPIHeldDescriptorTest, TheLastOfSeveralUsersCloses) {
   ZPIHeldDescriptor held(7);
   Use writer = held.use();
   Use reader = held.use();
@@ -59,7 +59,7 @@ TEST(ZPIHeldDescriptorTest, OfSeveralTheLastOneOutCloses) {
   EXPECT_TRUE(reader.leave());
 }
 
-TEST(ZPIHeldDescriptorTest, HoldsTheNextWhileOldOnesAreStillUsed) {
+TEST(ZPIHeldDescriptorTest, HoldsTheNextOneWhileOldOnesAreInUse) {
   ZPIHeldDescriptor held(0);
   std::vector<Use> old;
   for (int32_t next = 1; next < 5; ++next) {
@@ -81,8 +81,8 @@ TEST(ZPIHeldDescriptorTest, HoldsTheNextWhileOldOnesAreStillUsed) {
   EXPECT_TRUE(held.isHeld());
 }
 
-// Each of a few descriptors stands for a file: held, then used by several threads, and closed when
-// nobody uses it, exactly once; only then may it be held again.
+// Each of a few descriptors stands for a file. It is held, used by several threads, and closed
+// exactly one time when nobody uses it any more; only then may it be held again.
 TEST(ZPIHeldDescriptorTest, NoUseOutlivesItsDescriptorOnAnyThread) {
   constexpr int32_t kFiles = 8;
   std::array<std::atomic<bool>, kFiles> isFileOpen{};

@@ -20,17 +20,17 @@ struct Counted {
   int64_t field = 7;
 };
 
-TEST(ZPIMakeSharedWithBytesTest, TheBytesCanAllBeWritten) {
+TEST(ZPIMakeSharedWithBytesTest, AllBytesCanBeWritten) {
   for (const size_t length : {size_t{1}, size_t{7}, size_t{64}, size_t{4096}}) {
     uint8_t* bytes = nullptr;
     const auto object = ZPIMakeSharedWithBytes<Counted>(length, &bytes);
     std::memset(bytes, 0xA5, length);
     EXPECT_EQ(bytes[length - 1], 0xA5);
-    EXPECT_EQ(object->field, 7) << "the bytes do not lie within the object";
+    EXPECT_EQ(object->field, 7) << "the bytes overlap the object's own field";
   }
 }
 
-TEST(ZPIMakeSharedWithBytesTest, TheyGoWithTheObject) {
+TEST(ZPIMakeSharedWithBytesTest, TheBytesLiveAsLongAsTheObject) {
   uint8_t* bytes = nullptr;
   auto object = ZPIMakeSharedWithBytes<Counted>(100, &bytes);
   const std::shared_ptr<Counted> other = object;
@@ -52,7 +52,7 @@ TEST(ZPIMakeSharedWithBytesTest, ObjectAndBytesAreOneAllocation) {
   EXPECT_EQ(Counted::alive, 0);
 }
 
-TEST(ZPIMakeSharedWithBytesTest, ALengthThatCannotBeIsRefused) {
+TEST(ZPIMakeSharedWithBytesTest, AnImpossibleLengthIsRejected) {
   uint8_t* bytes = nullptr;
   EXPECT_THROW(ZPIMakeSharedWithBytes<Counted>(SIZE_MAX, &bytes), std::bad_alloc);
   EXPECT_EQ(Counted::alive, 0);

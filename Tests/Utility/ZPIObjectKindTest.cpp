@@ -32,12 +32,12 @@ TEST(ZPIObjectKindTest, NullHasAKindOfItsOwn) {
   EXPECT_EQ(ZPIKindOf(nullptr), ZPIObjectKind::Null);
 }
 
-TEST(ZPIObjectKindTest, DataThatCanBeEditedAreData) {
+TEST(ZPIObjectKindTest, MutableDataIsData) {
   const ZPKMutableData data;
   EXPECT_EQ(ZPIKindOf(&data), ZPIObjectKind::Data);
 }
 
-TEST(ZPIObjectKindTest, WhatDerivesFromDataIsData) {
+TEST(ZPIObjectKindTest, AClassDerivedFromDataIsData) {
   const DerivedData data;
   EXPECT_EQ(ZPIKindOf(&data), ZPIObjectKind::Data);
 }

@@ -15,7 +15,7 @@ namespace {
 // Deep enough for recursion to overflow a thread's usual stack of 8 MiB.
 constexpr int kDeep = 100'000;
 
-// Tells when it is destroyed.
+// Reports its destruction.
 class Counted final : public ZPKObject {
  public:
   explicit Counted(std::function<void()> onDestruction)
@@ -36,7 +36,7 @@ ZPKObjectPtr nestedArrays(int depth, ZPKObjectPtr innermost) {
   return innermost;
 }
 
-// Writes down what it is shown; stops before event number `limit`.
+// Records the events it receives; stops before event number `limit`.
 class Recorder final : public ZPIObjectVisitor {
  public:
   explicit Recorder(size_t limit = 1000) : _limit(limit) {}
@@ -61,7 +61,7 @@ class Recorder final : public ZPIObjectVisitor {
   const size_t _limit;
 };
 
-TEST(ZPIObjectTreeTest, AWalkShowsEverythingInOrder) {
+TEST(ZPIObjectTreeTest, AWalkVisitsEverythingInOrder) {
   const auto tree = ZPKDictionary::init(
       {{"a", ZPKArray::init({1, nullptr, ZPKArray::init()})}, {"b", {{"c", "d"}}}});
   Recorder recorder;
@@ -106,8 +106,8 @@ TEST(ZPIObjectTreeTest, DeeplyNestedDictionariesAreDescribed) {
   EXPECT_EQ(description.size(), size_t{kDeep} * 8 + 1);
 }
 
-TEST(ZPIObjectTreeTest, PartsThatAreOneObjectAreNotLookedInto) {
-  // Each level holds the one below twice: looking into all of it would take 2^200 steps.
+TEST(ZPIObjectTreeTest, PartsThatAreTheSameObjectAreNotCompared) {
+  // Each level holds the one below twice, so comparing all of it would take 2^200 steps.
   ZPKObjectPtr shared = ZPKValue(1);
   for (int i = 0; i < 200; ++i) shared = ZPKDictionary::init({{"a", shared}, {"b", shared}});
   const auto one = ZPKArray::init({shared});

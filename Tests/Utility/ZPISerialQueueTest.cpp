@@ -22,7 +22,7 @@ namespace {
 
 using testing::ElementsAre;
 
-// A task that says when it runs and then waits to be released.
+// A task that reports that it runs and then waits to be released.
 class Gate {
  public:
   ZPISerialQueue::Task task() {
@@ -47,14 +47,14 @@ std::string nameOfThisThread() {
   return name;
 }
 
-// A queue that has its thread.
+// A queue whose thread is running.
 struct StartedQueue : ZPISerialQueue {
   explicit StartedQueue(const std::string& label) : ZPISerialQueue(label) {
     EXPECT_TRUE(startThread());
   }
 };
 
-// Runs `task` on the thread of a queue with this label and gives its result.
+// Runs `task` on the thread of a queue with this label and returns its result.
 template <class Function>
 auto onQueueThread(const std::string& label, Function function) {
   StartedQueue queue(label);
@@ -65,7 +65,7 @@ auto onQueueThread(const std::string& label, Function function) {
   return future.get();
 }
 
-TEST(ZPISerialQueueTest, TasksRunInTheOrderInWhichTheyWereQueued) {
+TEST(ZPISerialQueueTest, TasksRunInTheOrderTheyWereQueued) {
   StartedQueue queue("order");
   std::vector<int> order;
   for (int i = 0; i < 1000; ++i) queue.queue([&order, i] { order.push_back(i); });
@@ -74,7 +74,7 @@ TEST(ZPISerialQueueTest, TasksRunInTheOrderInWhichTheyWereQueued) {
   for (int i = 0; i < 1000; ++i) EXPECT_EQ(order[static_cast<size_t>(i)], i);
 }
 
-TEST(ZPISerialQueueTest, QueueReturnsWhileAnEarlierTaskRuns) {
+TEST(ZPISerialQueueTest, QueueingReturnsWhileAnEarlierTaskRuns) {
   StartedQueue queue("returns");
   Gate gate;
   std::atomic<bool> hasRun{false};
@@ -87,7 +87,7 @@ TEST(ZPISerialQueueTest, QueueReturnsWhileAnEarlierTaskRuns) {
   EXPECT_TRUE(hasRun);
 }
 
-TEST(ZPISerialQueueTest, AnAwaitedTaskRunsAfterAllThatWereQueuedBefore) {
+TEST(ZPISerialQueueTest, AnAwaitedTaskRunsAfterAllQueuedBefore) {
   StartedQueue queue("awaited");
   Gate gate;
   std::vector<std::string> order;
@@ -120,7 +120,7 @@ TEST(ZPISerialQueueTest, ATaskQueuedAfterAWaitingCallerRunsAfterIt) {
   EXPECT_THAT(order, ElementsAre("one", "two"));
 }
 
-TEST(ZPISerialQueueTest, AnAwaitedTaskNeedsNoThreadButTheCallers) {
+TEST(ZPISerialQueueTest, AnAwaitedTaskNeedsOnlyTheCallersThread) {
   ZPISerialQueue queue("zq-caller");
   std::thread::id thread;
   queue.runAndWait([&] { thread = std::this_thread::get_id(); });
@@ -132,7 +132,7 @@ TEST(ZPISerialQueueTest, TasksOfAllKindsAndThreadsNeverOverlap) {
   StartedQueue queue("overlap");
   std::atomic<int> inside{0};
   std::atomic<bool> overlapped{false};
-  int runs = 0;  // no atomic: the queue is all that keeps the tasks apart
+  int runs = 0;  // not atomic: only the queue keeps the tasks apart
   const auto task = [&] {
     if (inside.fetch_add(1) != 0) overlapped = true;
     ++runs;
@@ -182,7 +182,7 @@ TEST(ZPISerialQueueTest, ATaskCanQueueAnother) {
 
 // --- The thread.
 
-TEST(ZPISerialQueueTest, TheThreadLivesFromItsStartToItsEnd) {
+TEST(ZPISerialQueueTest, TheThreadLivesFromStartToEnd) {
   ZPISerialQueue queue("zq-life");
   for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(threadsNamed("zq-life"), 0U);
@@ -208,7 +208,7 @@ TEST(ZPISerialQueueTest, StartingAgainKeepsTheOneThread) {
   EXPECT_EQ(threadOfATask(), first);
 }
 
-TEST(ZPISerialQueueTest, AThreadThatIsToEndRunsWhatIsQueued) {
+TEST(ZPISerialQueueTest, AnEndingThreadStillRunsTheQueuedTasks) {
   StartedQueue queue("zq-ending");
   Gate gate;
   std::promise<std::string> name;
@@ -221,7 +221,7 @@ TEST(ZPISerialQueueTest, AThreadThatIsToEndRunsWhatIsQueued) {
   EXPECT_TRUE(waitFor([] { return threadsNamed("zq-ending") == 0; }));
 }
 
-TEST(ZPISerialQueueTest, AThreadThatIsStartedBeforeItEndedStays) {
+TEST(ZPISerialQueueTest, AThreadRestartedBeforeItEndedStays) {
   StartedQueue queue("zq-stays");
   Gate gate;
   queue.queue(gate.task());
@@ -252,7 +252,7 @@ TEST(ZPISerialQueueTest, WithoutAThreadTheCallerRunsTasksAndStartsNone) {
   EXPECT_TRUE(queue.startThread());
 }
 
-// The thread ends while others queue tasks, and nothing is lost.
+// The thread ends while others queue tasks, and no task is lost.
 TEST(ZPISerialQueueTest, TasksRunInOrderWhileTheThreadComesAndGoes) {
   ZPISerialQueue queue("comes and goes");
   std::atomic<bool> isDone{false};
@@ -271,19 +271,19 @@ TEST(ZPISerialQueueTest, TasksRunInOrderWhileTheThreadComesAndGoes) {
   EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
 }
 
-TEST(ZPISerialQueueTest, TheLabelIsCutToWhatTheSystemTakes) {
+TEST(ZPISerialQueueTest, TheLabelIsTruncatedToTheSystemsLimit) {
   EXPECT_EQ(onQueueThread("", nameOfThisThread), "");
   EXPECT_EQ(onQueueThread("123456789012345", nameOfThisThread), "123456789012345");
   EXPECT_EQ(onQueueThread("/var/log/station/console.log", nameOfThisThread), "/var/log/statio");
 }
 
-TEST(ZPISerialQueueTest, TheLabelIsNotCutWithinACharacter) {
+TEST(ZPISerialQueueTest, TheLabelIsNotTruncatedWithinACharacter) {
   EXPECT_EQ(onQueueThread("12345678901234\u00e9", nameOfThisThread), "12345678901234");
   EXPECT_EQ(onQueueThread("1234567890123\u00e9-", nameOfThisThread), "1234567890123\u00e9");
 }
 
-// A host program's handlers run on its own threads; what a fault raises still reaches them.
-TEST(ZPISerialQueueTest, TheThreadTakesNoSignalsButFaults) {
+// A host program's handlers run on its own threads; signals raised by a fault still reach them.
+TEST(ZPISerialQueueTest, TheThreadReceivesOnlySignalsOfFaults) {
   const sigset_t mask = onQueueThread("signals", [] {
     sigset_t current;
     ::pthread_sigmask(SIG_BLOCK, nullptr, &current);
@@ -308,7 +308,7 @@ TEST(ZPISerialQueueTest, StartingTheThreadLeavesTheCallersSignalsAlone) {
   }
 }
 
-TEST(ZPISerialQueueTest, ATaskReleasesWhatItHoldsBeforeTheNextRuns) {
+TEST(ZPISerialQueueTest, ATaskReleasesItsCapturesBeforeTheNextRuns) {
   StartedQueue queue("release");
   auto held = std::make_shared<int>(1);
   const std::weak_ptr<int> weak = held;
@@ -316,7 +316,7 @@ TEST(ZPISerialQueueTest, ATaskReleasesWhatItHoldsBeforeTheNextRuns) {
   queue.runAndWait([&] { EXPECT_TRUE(weak.expired()); });
 }
 
-TEST(ZPISerialQueueTest, DestroyingABusyQueueWaitsForNothingAndLosesNothing) {
+TEST(ZPISerialQueueTest, DestroyingABusyQueueDoesNotWaitAndLosesNothing) {
   auto queue = std::make_unique<StartedQueue>("busy");
   Gate gate;
   std::promise<void> last;
@@ -335,7 +335,7 @@ TEST(ZPISerialQueueTest, TheThreadOfADestroyedQueueEndsAtOnce) {
   EXPECT_TRUE(waitFor([] { return threadsNamed("zq-gone") == 0; }));
 }
 
-// What a channel is to its queue: an owner whose last reference a task can hold.
+// Owns a queue as a channel does: a task can hold the last reference to the owner.
 struct Owner {
   explicit Owner(std::promise<std::thread::id>* destroyedOn) : destroyed(destroyedOn) {}
   Owner(const Owner&) = delete;
@@ -374,7 +374,7 @@ TEST(ZPISerialQueueTest, AnAwaitedTaskCanDestroyItsQueue) {
   EXPECT_EQ(destroyed.get_future().get(), std::this_thread::get_id());
 }
 
-// The task or the caller destroys the queue, whichever is last; both orders occur.
+// Whichever comes last, the task or the caller, destroys the queue; both orders occur.
 TEST(ZPISerialQueueTest, ARaceForTheLastReferenceIsHarmless) {
   for (int i = 0; i < 300; ++i) {
     std::promise<std::thread::id> destroyed;

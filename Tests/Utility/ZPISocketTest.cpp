@@ -19,7 +19,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST(ZPISocketTest, AStartedProgramInheritsTheUsersSocketAlone) {
+TEST(ZPISocketTest, AStartedProgramInheritsOnlyTheUsersSocket) {
   const int ofUser = ZPIMakeSocket(AF_UNIX, ZPISocketOwner::kUser);
   const int ofLibrary = ZPIMakeSocket(AF_UNIX, ZPISocketOwner::kLibrary);
   EXPECT_THAT(inheritedOf({ofUser, ofLibrary}), ElementsAre(ofUser));
@@ -45,12 +45,12 @@ TEST(ZPISocketTest, AStartedProgramInheritsNoAcceptedConnection) {
   for (const int descriptor : {listener, client, connection}) ::close(descriptor);
 }
 
-TEST(ZPISocketTest, AFailedAcceptTellsTheReason) {
+TEST(ZPISocketTest, AFailedAcceptReportsTheReason) {
   EXPECT_EQ(ZPIAccept(-1), -1);
   EXPECT_EQ(errno, EBADF);
 }
 
-TEST(ZPISocketTest, ClosesOnExecWhatOthersMade) {
+TEST(ZPISocketTest, ClosesSocketsOfOthersOnExec) {
   const int socket = ::socket(AF_UNIX, SOCK_STREAM, 0);
   ASSERT_THAT(inheritedOf({socket}), ElementsAre(socket));
   ZPICloseOnExec(socket);

@@ -1,4 +1,5 @@
-// What differs for the library's own sockets. ZPKSocketFunctionsTest tests what both do.
+// The behaviour that is particular to the library's own sockets. ZPKSocketFunctionsTest tests what
+// they share with a user's.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -24,7 +25,7 @@ class ZPITCPSocketFunctionsTest : public testing::Test {
   const int _port = static_cast<int>(ZPKURL::initWithString(_peer.url())->port().value_or(0));
 };
 
-TEST_F(ZPITCPSocketFunctionsTest, TheLibraryListensWithTheSameCalls) {
+TEST_F(ZPITCPSocketFunctionsTest, TheLibrarysOwnListenersUseTheSameCalls) {
   const SystemCalls calls;
   const int listener = ZPIPassiveTCP(0, true, ZPISocketOwner::kLibrary);
   EXPECT_THAT(calls.texts(),
@@ -35,7 +36,7 @@ TEST_F(ZPITCPSocketFunctionsTest, TheLibraryListensWithTheSameCalls) {
   ::close(listener);
 }
 
-TEST_F(ZPITCPSocketFunctionsTest, TheLibraryConnectsWithTheSameCalls) {
+TEST_F(ZPITCPSocketFunctionsTest, TheLibrarysOwnConnectionsUseTheSameCalls) {
   int published = -1;
   const SystemCalls calls;
   const int client = ZPIActiveTCP("127.0.0.1", _port, &published, ZPISocketOwner::kLibrary);

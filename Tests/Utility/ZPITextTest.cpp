@@ -10,8 +10,8 @@
 
 namespace {
 
-// RFC 3629, section 4, written out from its definition: decode, then look whether encoding gives
-// the same bytes back.
+// RFC 3629, section 4, straight from its definition: decode, then check that encoding yields the
+// same bytes again.
 std::string encoded(uint32_t codePoint) {
   const auto byte = [](uint32_t value) { return static_cast<char>(value); };
   if (codePoint < 0x80) return {byte(codePoint)};
@@ -44,7 +44,7 @@ size_t plainSequenceLength(std::string_view text) {
   return 0;
 }
 
-// The check without words or blocks: one sequence after the other.
+// The check without words or blocks, one sequence at a time.
 bool isPlainlyValid(std::string_view text) {
   while (!text.empty()) {
     const size_t length = plainSequenceLength(text);
@@ -54,8 +54,8 @@ bool isPlainlyValid(std::string_view text) {
   return true;
 }
 
-// At each of eight alignments, so that the words begin everywhere in the text. The bytes around it
-// are not UTF-8, so a check that looks at one of them fails.
+// Checks at each of eight alignments, so that the words begin everywhere in the text. The bytes
+// around it are not UTF-8, so a check that reads one of them fails.
 void expectPlainResult(const std::string& text) {
   const bool expected = isPlainlyValid(text);
   for (size_t alignment = 0; alignment < 8; ++alignment) {
@@ -65,14 +65,14 @@ void expectPlainResult(const std::string& text) {
   }
 }
 
-TEST(ZPITextTest, TheEncodingOfEveryCodePointIsValidButThatOfASurrogate) {
+TEST(ZPITextTest, EveryCodePointExceptASurrogateIsValid) {
   for (uint32_t codePoint = 0; codePoint <= 0x10FFFF; ++codePoint) {
     const bool isSurrogate = codePoint >= 0xD800 && codePoint <= 0xDFFF;
     ASSERT_EQ(ZPIIsValidUTF8(encoded(codePoint)), !isSurrogate) << codePoint;
   }
 }
 
-TEST(ZPITextTest, EveryByteOfACodePointButTheFirstContinuesIt) {
+TEST(ZPITextTest, AllBytesButTheFirstAreContinuations) {
   for (const uint32_t codePoint :
        {0x0U, 0x7FU, 0x80U, 0x7FFU, 0x800U, 0xFFFFU, 0x10000U, 0x10FFFFU}) {
     const std::string text = encoded(codePoint);
@@ -100,7 +100,7 @@ TEST(ZPITextTest, OverlongFormsAreInvalid) {
   EXPECT_FALSE(ZPIIsValidUTF8("\xF0\x8F\xBF\xBF"));
 }
 
-TEST(ZPITextTest, ASequenceCutShortIsInvalid) {
+TEST(ZPITextTest, ATruncatedSequenceIsInvalid) {
   for (const uint32_t codePoint : {0xE9U, 0x20ACU, 0x1F600U}) {
     const std::string whole = encoded(codePoint);
     for (size_t length = 1; length < whole.size(); ++length) {
@@ -112,14 +112,14 @@ TEST(ZPITextTest, ASequenceCutShortIsInvalid) {
   }
 }
 
-TEST(ZPITextTest, EmptyTextIsValidAndSoIsANul) {
+TEST(ZPITextTest, EmptyTextAndANulAreValid) {
   EXPECT_TRUE(ZPIIsValidUTF8({}));
   EXPECT_TRUE(ZPIIsValidUTF8(""));
   EXPECT_TRUE(ZPIIsValidUTF8(std::string_view("a\0b", 3)));
 }
 
-// ASCII is looked at in blocks, so the odd byte stands at each place of some blocks.
-TEST(ZPITextTest, AnInvalidByteIsSeenAtEveryPlaceOfALongText) {
+// ASCII is checked in blocks, so the invalid byte is put at each position of several blocks.
+TEST(ZPITextTest, AnInvalidByteIsFoundAnywhereInALongText) {
   for (size_t at = 0; at < 130; ++at) {
     std::string text(130, 'a');
     text[at] = '\x80';
@@ -129,8 +129,8 @@ TEST(ZPITextTest, AnInvalidByteIsSeenAtEveryPlaceOfALongText) {
   }
 }
 
-TEST(ZPITextTest, EverySequenceIsJudgedAtEveryPlaceOfEveryLength) {
-  // Well formed; continuations alone; cut short; overlong; surrogates; too large; never a lead.
+TEST(ZPITextTest, EverySequenceIsCheckedAnywhereInTextsOfEveryLength) {
+  // Well formed; lone continuations; truncated; overlong; surrogates; too large; never a lead.
   const std::vector<std::string> sequences{"a",
                                            "\xC3\xA9",
                                            "\xE2\x82\xAC",
@@ -160,7 +160,7 @@ TEST(ZPITextTest, EverySequenceIsJudgedAtEveryPlaceOfEveryLength) {
   }
 }
 
-TEST(ZPITextTest, RandomBytesAreJudgedAsOneByOne) {
+TEST(ZPITextTest, RandomBytesAgreeWithTheCheckOneByOne) {
   constexpr std::string_view kBytes = "aaaaaaaa\x80\x9F\xA0\xAC\xBF\xC2\xE0\xE2\xED\xF0\xF4";
   std::mt19937 random(12);
   for (int round = 0; round < 20'000; ++round) {
@@ -181,7 +181,7 @@ TEST(ZPITextTest, CodePointsAreCountedWhateverTheirLength) {
   EXPECT_EQ(ZPICodePointCount("a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z"), 5U);
 }
 
-TEST(ZPITextTest, OffsetsAreThoseOfTheFirstByte) {
+TEST(ZPITextTest, OffsetsPointToTheFirstByte) {
   constexpr std::string_view text = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z";
   const std::vector<size_t> starts = {0, 1, 3, 6, 10, 11};
   for (size_t index = 0; index < starts.size(); ++index) {
@@ -192,7 +192,7 @@ TEST(ZPITextTest, OffsetsAreThoseOfTheFirstByte) {
   EXPECT_EQ(ZPIByteOffsetOfCodePoint("", 0), 0U);
 }
 
-TEST(ZPITextTest, ARangeIsCutAtTheEndOfTheText) {
+TEST(ZPITextTest, ARangeIsTruncatedAtTheEndOfTheText) {
   constexpr std::string_view text = "a\xC3\xA9\xE2\x82\xAC";
   EXPECT_EQ(ZPITextInRange(text, {0, 3}), text);
   EXPECT_EQ(ZPITextInRange(text, {1, 1}), "\xC3\xA9");

@@ -30,8 +30,8 @@ void join(pthread_t thread) {
   EXPECT_EQ(result, nullptr);
 }
 
-// Runs `end`, the last thing that the callback does, on a thread, which is cancelled on demand, and
-// tells whether what the callback captured is released once the thread has ended.
+// Runs a callback, whose last action is `end`, on a thread, and cancels the thread on demand. True
+// if the callback's captures are released once the thread has ended.
 bool releasesWhenItEnds(const std::function<void()>& end, bool cancels = false) {
   auto captured = std::make_shared<int>(1);
   const std::weak_ptr<int> weak = captured;
@@ -39,8 +39,8 @@ bool releasesWhenItEnds(const std::function<void()>& end, bool cancels = false) 
   std::promise<void> mayEnd;
   pthread_t thread{};
   newThreadWithBlock(&thread, [&, captured = std::move(captured)] {
-    // Something to unwind: AddressSanitizer clears its marks of a stack that a thread leaves early
-    // only where there is.
+    // Something to unwind: only then does AddressSanitizer clear its marks on a stack that a thread
+    // leaves early.
     const std::shared_ptr<int> local = captured;
     isRunning.set_value();
     mayEnd.get_future().wait();
@@ -90,7 +90,7 @@ TEST(NewThreadWithBlockTest, TheThreadIsJoinableAndHasTheDefaultStack) {
   EXPECT_EQ(scope, PTHREAD_SCOPE_SYSTEM);
 }
 
-TEST(NewThreadWithBlockTest, TheCallersOwnCopyMayGoFirst) {
+TEST(NewThreadWithBlockTest, TheCallersOwnCopyMayBeDestroyedFirst) {
   std::promise<void> mayRun;
   int result = 0;
   pthread_t thread{};
@@ -125,7 +125,7 @@ TEST(NewThreadWithBlockTest, ABlockThatIsCancelledIsReleased) {
   EXPECT_TRUE(releasesWhenItEnds(waitToBeCancelled, true));
 }
 
-TEST(NewThreadWithBlockTest, TheBlockLivesUntilTheThreadEndsAndNotUntilItReturns) {
+TEST(NewThreadWithBlockTest, TheBlockLivesUntilItsThreadEnds) {
   struct AtThreadEnd {
     std::function<void()> action;
     ~AtThreadEnd() { action(); }
@@ -143,7 +143,7 @@ TEST(NewThreadWithBlockTest, TheBlockLivesUntilTheThreadEndsAndNotUntilItReturns
   EXPECT_TRUE(weak.expired());
 }
 
-TEST(NewThreadWithBlockTest, ManyThreadsMayStartAtOnce) {
+TEST(NewThreadWithBlockTest, ManyThreadsMayStartAtTheSameTime) {
   constexpr int kStarters = 4;
   constexpr int kThreads = 20;
   std::atomic<int> runs{0};
@@ -165,7 +165,7 @@ TEST(NewThreadWithBlockTest, ManyThreadsMayStartAtOnce) {
   EXPECT_TRUE(weak.expired());
 }
 
-TEST(NewThreadWithBlockTest, AThreadThatCannotStartLeavesZeroAndReleasesTheBlock) {
+TEST(NewThreadWithBlockTest, AFailedStartLeavesZeroAndReleasesTheBlock) {
   auto captured = std::make_shared<int>(1);
   const std::weak_ptr<int> weak = captured;
   std::atomic<bool> hasRun{false};
@@ -177,12 +177,12 @@ TEST(NewThreadWithBlockTest, AThreadThatCannotStartLeavesZeroAndReleasesTheBlock
   EXPECT_FALSE(hasRun);
 }
 
-TEST(IsThreadTest, ZeroIsNone) {
+TEST(IsThreadTest, ZeroIsNotAThread) {
   EXPECT_FALSE(isThread(pthread_t()));
   EXPECT_TRUE(isThread(pthread_self()));
 }
 
-TEST(BlockStartTest, RunsTheBlockReturnsNullAndReleasesItWithTheThread) {
+TEST(BlockStartTest, ReturnsNullAndReleasesTheBlockWithTheThread) {
   auto captured = std::make_shared<int>(1);
   const std::weak_ptr<int> weak = captured;
   bool hasRun = false;
@@ -221,7 +221,7 @@ TEST(MutexObjectsTest, TheMutexIsPlain) {
   destroyMutexObjects(&mutex);
 }
 
-TEST(ConditionObjectsTest, TheMutexIsPlainAndTheConditionWaitsOnTheWallClock) {
+TEST(ConditionObjectsTest, ThePlainMutexsConditionUsesTheWallClock) {
   pthread_mutex_t mutex;
   pthread_cond_t condition;
   buildConditionObjects(&mutex, &condition);
@@ -255,7 +255,7 @@ TEST(ConditionObjectsTest, ASignalEndsAWait) {
   destroyConditionObjects(&mutex, &condition);
 }
 
-TEST(ZPIMutexHoldTest, LetsGoWhenTheWaitIsCancelled) {
+TEST(ZPIMutexHoldTest, ReleasesTheMutexWhenTheWaitIsCancelled) {
   pthread_mutex_t mutex;
   pthread_cond_t condition;
   buildConditionObjects(&mutex, &condition);
@@ -266,7 +266,7 @@ TEST(ZPIMutexHoldTest, LetsGoWhenTheWaitIsCancelled) {
     isWaiting = true;
     for (;;) pthread_cond_wait(&condition, &mutex);
   });
-  // Once the mutex is free with the mark set, the thread is within its wait.
+  // Once the mutex is free and the flag is set, the thread is inside its wait.
   EXPECT_TRUE(waitFor([&] {
     const ZPIMutexHold hold(&mutex);
     return isWaiting;
@@ -278,7 +278,7 @@ TEST(ZPIMutexHoldTest, LetsGoWhenTheWaitIsCancelled) {
   destroyConditionObjects(&mutex, &condition);
 }
 
-// A block that waits until the test lets it go, and tells when its thread has ended.
+// A block that waits until the test releases it, and shows when its thread has ended.
 class HeldBlock {
  public:
   std::function<bool()> block(bool result) {
@@ -290,8 +290,8 @@ class HeldBlock {
   }
 
   void waitUntilItRuns() { _state->isRunning.get_future().wait(); }
-  void letGo() { _state->mayEnd.set_value(); }
-  // What the block captured goes with its thread.
+  void release() { _state->mayEnd.set_value(); }
+  // The block's captures are released with its thread.
   bool waitForTheEndOfTheThread() {
     const std::weak_ptr<int> weak = std::exchange(_end, nullptr);
     return waitFor([&] { return weak.expired(); });
@@ -307,14 +307,14 @@ class HeldBlock {
   std::shared_ptr<int> _end = std::make_shared<int>(1);
 };
 
-TEST(RunBlockOnNewThreadWithRunLoopTest, ForeverWaitsForAsLongAsTheBlockRuns) {
+TEST(RunBlockOnNewThreadWithRunLoopTest, ForeverWaitsUntilTheBlockReturns) {
   HeldBlock held;
   std::future<bool> answer = std::async(std::launch::async, [&] {
     return runBlockOnNewThreadWithRunLoop(held.block(true), ZEPHAL_COMMUNICATION_TIME_FOREVER);
   });
   held.waitUntilItRuns();
   EXPECT_EQ(answer.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
-  held.letGo();
+  held.release();
   ASSERT_EQ(answer.wait_for(kPatience), std::future_status::ready);
   EXPECT_TRUE(answer.get());
 }
@@ -330,7 +330,7 @@ TEST(RunBlockOnNewThreadWithRunLoopTest, RunsTheBlockOnAnotherThread) {
   EXPECT_NE(ranOn.get_future().get(), std::this_thread::get_id());
 }
 
-TEST(RunBlockOnNewThreadWithRunLoopTest, ABlockThatReturnsFalseGivesFalseAndEndsItsThread) {
+TEST(RunBlockOnNewThreadWithRunLoopTest, AFalseBlockReturnsFalseAndEndsItsThread) {
   for (const double timeout : {30.0, ZEPHAL_COMMUNICATION_TIME_FOREVER}) {
     auto end = std::make_shared<int>(1);
     const std::weak_ptr<int> weak = end;
@@ -349,11 +349,11 @@ TEST(RunBlockOnNewThreadWithRunLoopTest, ABlockThatReturnsFalseGivesFalseAndEnds
 TEST(RunBlockOnNewThreadWithRunLoopTest, ALateFalseEndsTheThread) {
   HeldBlock held;
   EXPECT_FALSE(runBlockOnNewThreadWithRunLoop(held.block(false), 0.01));
-  held.letGo();
+  held.release();
   EXPECT_TRUE(held.waitForTheEndOfTheThread());
 }
 
-TEST(RunBlockOnNewThreadWithRunLoopTest, ABlockThatReturnsTrueWithNothingAttachedEndsItsThread) {
+TEST(RunBlockOnNewThreadWithRunLoopTest, ATrueBlockWithNothingAttachedEndsItsThread) {
   auto end = std::make_shared<int>(1);
   const std::weak_ptr<int> weak = end;
   EXPECT_TRUE(runBlockOnNewThreadWithRunLoop([end = std::move(end)] { return true; },
@@ -410,17 +410,17 @@ TEST(RunBlockOnNewThreadWithRunLoopTest, StoppingTheLoopEndsTheThread) {
   EXPECT_TRUE(waitFor([&] { return weak.expired(); }));
 }
 
-TEST(RunBlockOnNewThreadWithRunLoopTest, WithoutTimeTheAnswerIsFalseAndTheBlockStillRuns) {
+TEST(RunBlockOnNewThreadWithRunLoopTest, AZeroTimeoutReturnsFalseButTheBlockStillRuns) {
   for (const double timeout : {0.0, -0.5, -2.0, std::nan("")}) {
     HeldBlock held;
     EXPECT_FALSE(runBlockOnNewThreadWithRunLoop(held.block(true), timeout)) << timeout;
     held.waitUntilItRuns();
-    held.letGo();
+    held.release();
     EXPECT_TRUE(held.waitForTheEndOfTheThread()) << timeout;
   }
 }
 
-TEST(RunBlockOnNewThreadWithRunLoopTest, AfterTheTimeTheBlockGoesOnAndEntersItsLoop) {
+TEST(RunBlockOnNewThreadWithRunLoopTest, AfterATimeoutTheBlockContinuesIntoItsLoop) {
   HeldBlock held;
   std::promise<void> hasRun;
   const auto block = [inner = held.block(true), &hasRun] {
@@ -428,7 +428,7 @@ TEST(RunBlockOnNewThreadWithRunLoopTest, AfterTheTimeTheBlockGoesOnAndEntersItsL
     return inner();
   };
   EXPECT_FALSE(runBlockOnNewThreadWithRunLoop(block, 0.01));
-  held.letGo();
+  held.release();
   EXPECT_EQ(hasRun.get_future().wait_for(kPatience), std::future_status::ready);
 }
 
@@ -438,7 +438,7 @@ TEST(RunBlockOnNewThreadWithRunLoopTest, AHugeTimeoutWaits) {
   }
 }
 
-TEST(RunBlockOnNewThreadWithRunLoopTest, AThreadThatCannotStartGivesFalseAtOnce) {
+TEST(RunBlockOnNewThreadWithRunLoopTest, AThreadThatCannotStartReturnsFalseImmediately) {
   const RefusedThreads refused;
   EXPECT_FALSE(
       runBlockOnNewThreadWithRunLoop([] { return true; }, ZEPHAL_COMMUNICATION_TIME_FOREVER));

@@ -46,7 +46,7 @@ class ZPIUnixSocketFunctionsTest : public testing::Test {
  protected:
   ZPIUnixSocketFunctionsTest() : _before(openDescriptors()) {}
 
-  // Keeps a descriptor for the end of the test.
+  // Closes a descriptor at the end of the test.
   int kept(int descriptor) {
     if (descriptor >= 0) _kept.insert(descriptor);
     return descriptor;
@@ -57,7 +57,7 @@ class ZPIUnixSocketFunctionsTest : public testing::Test {
     EXPECT_EQ(openDescriptors(), _before);
   }
 
-  // A socket file that nobody listens on any more.
+  // Leaves a socket file without a listener.
   void leaveStaleFile(const std::string& path) {
     ::close(passive_unix(path));
     ASSERT_TRUE(isSocketFile(path));
@@ -90,7 +90,7 @@ TEST_F(ZPIUnixSocketFunctionsTest, MakesItsCallsInOrder) {
   EXPECT_EQ(calls.all()[2].size, static_cast<int64_t>(sizeof(sockaddr_un)));
   calls.clear();
   kept(active_unix(_path));
-  // No option of TCP, and none to keep the connection alive.
+  // No TCP options, and no keep-alive.
   EXPECT_THAT(calls.texts(), ElementsAre("socket AF_UNIX", "connect AF_UNIX " + _path));
   EXPECT_EQ(calls.all()[1].size, static_cast<int64_t>(sizeof(sockaddr_un)));
 }
@@ -115,7 +115,7 @@ TEST_F(ZPIUnixSocketFunctionsTest, ASignalDoesNotEndAConnect) {
   EXPECT_EQ(::send(client, "x", 1, MSG_NOSIGNAL), 1);
 }
 
-TEST_F(ZPIUnixSocketFunctionsTest, ARefusalAfterASignalIsTheReasonOfTheFailure) {
+TEST_F(ZPIUnixSocketFunctionsTest, ARefusalAfterASignalIsReportedAsTheReason) {
   FullListener listener(FullListener::Kind::kUnix);
   int result = 0;
   int reason = 0;
@@ -130,7 +130,7 @@ TEST_F(ZPIUnixSocketFunctionsTest, ARefusalAfterASignalIsTheReasonOfTheFailure) 
   EXPECT_EQ(reason, ECONNREFUSED);
 }
 
-TEST_F(ZPIUnixSocketFunctionsTest, ASignalWhileItProbesDoesNotCostALiveListenerItsFile) {
+TEST_F(ZPIUnixSocketFunctionsTest, ASignalDuringTheProbeKeepsALiveListenersFile) {
   FullListener listener(FullListener::Kind::kUnix);
   StandardOutputCapture output;
   int result = 0;
@@ -141,7 +141,7 @@ TEST_F(ZPIUnixSocketFunctionsTest, ASignalWhileItProbesDoesNotCostALiveListenerI
   EXPECT_TRUE(isSocketFile(listener.path()));
 }
 
-// Whether SIGPIPE would still end the process after a connection, in a fresh process.
+// True if SIGPIPE would still end the process after a connection; runs in a fresh process.
 bool keepsSigpipe(const std::string& path, ZPISocketOwner owner) {
   const ChildResult result = runInChild([&](std::string*) {
     ::signal(SIGPIPE, SIG_DFL);
@@ -158,7 +158,7 @@ TEST_F(ZPIUnixSocketFunctionsTest, ChannelsLeaveTheDispositionOfSigpipeAlone) {
   EXPECT_TRUE(keepsSigpipe(_path, ZPISocketOwner::kLibrary));
 }
 
-TEST_F(ZPIUnixSocketFunctionsTest, AFailedSocketIsAFailedConnect) {
+TEST_F(ZPIUnixSocketFunctionsTest, AFailedSocketCallFailsTheConnect) {
   SystemCalls calls;
   calls.fail("socket", EMFILE);
   EXPECT_EQ(active_unix(_path), -1);
@@ -241,7 +241,7 @@ TEST_F(ZPIUnixSocketFunctionsTest, AStaleFileThatCannotBeRemovedStaysBusy) {
   EXPECT_EQ(output.text(), busyLine(_path));
 }
 
-TEST_F(ZPIUnixSocketFunctionsTest, TheErrnoOfTheSecondTryIsTheOnePrinted) {
+TEST_F(ZPIUnixSocketFunctionsTest, TheErrnoOfTheSecondAttemptIsPrinted) {
   leaveStaleFile(_path);
   StandardOutputCapture output;
   SystemCalls calls;
@@ -250,7 +250,7 @@ TEST_F(ZPIUnixSocketFunctionsTest, TheErrnoOfTheSecondTryIsTheOnePrinted) {
   EXPECT_EQ(output.text(), restrictedLine(_path, EROFS));
 }
 
-TEST_F(ZPIUnixSocketFunctionsTest, AFailureWhoseErrnoTurnedIntoBusySincePrintsNothing) {
+TEST_F(ZPIUnixSocketFunctionsTest, AFailureWhoseErrnoBecameBusyPrintsNothing) {
   StandardOutputCapture output;
   SystemCalls calls;
   calls.fail("bind", EACCES);
@@ -259,7 +259,7 @@ TEST_F(ZPIUnixSocketFunctionsTest, AFailureWhoseErrnoTurnedIntoBusySincePrintsNo
   EXPECT_EQ(output.text(), "");
 }
 
-TEST_F(ZPIUnixSocketFunctionsTest, ALongPathIsCutAtTheSizeOfThePlatform) {
+TEST_F(ZPIUnixSocketFunctionsTest, ALongPathIsTruncatedToThePlatformsSize) {
   std::string path = _folder.pathOf("");
   path.append(kLongestPath - path.size(), 'x');
   for (const std::string& longer : {path, path + "y", path + "yyyyyyyyyyyyyyyy"}) {

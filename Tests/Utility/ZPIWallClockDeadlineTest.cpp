@@ -20,7 +20,7 @@ double secondsAfter(const timeval& start, const timeval& time) {
   return static_cast<double>(time.tv_sec - start.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
 }
 
-// Expects a deadline of `seconds` after some moment of the call.
+// Expects a deadline `seconds` after some moment during the call.
 void expectDeadline(double timeout, double seconds) {
   timeval before{};
   timeval after{};
@@ -34,7 +34,7 @@ void expectDeadline(double timeout, double seconds) {
   EXPECT_LE(secondsAfter(before, deadline), secondsAfter(before, after) + seconds + kRounding);
 }
 
-TEST(ZPIWallClockDeadlineTest, LiesTheTimeoutAheadOfNow) {
+TEST(ZPIWallClockDeadlineTest, IsNowPlusTheTimeout) {
   expectDeadline(5.0, 5.0);
   expectDeadline(1.5, 1.5);
   expectDeadline(1.0 / 30.0, 1.0 / 30.0);
@@ -53,8 +53,8 @@ TEST(ZPIWallClockDeadlineTest, IsNowWithoutTimeToWait) {
   expectDeadline(std::nan(""), 0.0);
 }
 
-TEST(ZPIWallClockDeadlineTest, LiesFarAheadForATimeoutThatFitsNoClock) {
-  // A clock of 32 bits ends in 2038.
+TEST(ZPIWallClockDeadlineTest, IsFarAheadForATimeoutBeyondAnyClock) {
+  // A 32-bit clock ends in 2038.
   constexpr int64_t kYear = 31556952;
   constexpr int64_t kFarAhead = sizeof(time_t) > 4 ? 1000 * kYear : kYear;
   for (const double timeout : {1e12, 1e18, 1e300, std::numeric_limits<double>::max(), kInfinity}) {

@@ -26,7 +26,7 @@ int writeToNobody() {
   return number;
 }
 
-// Runs in a child, which a signal that comes would end: 0 if all is as it is to be.
+// Expects `run` to return true, in a child process that any signal would end.
 void expectGood(const std::function<bool()>& run) {
   const ChildResult result = runInChild([&run](std::string*) {
     ::signal(SIGPIPE, SIG_DFL);
@@ -36,7 +36,7 @@ void expectGood(const std::function<bool()>& run) {
   EXPECT_EQ(result.status, 0);
 }
 
-TEST(ZPIWithoutSignalsOfWritingTest, BlocksItsSignalsForAsLongAsItLives) {
+TEST(ZPIWithoutSignalsOfWritingTest, BlocksItsSignalsWhileItLives) {
   expectGood([] {
     {
       const ZPIWithoutSignalsOfWriting signals;
@@ -46,7 +46,7 @@ TEST(ZPIWithoutSignalsOfWritingTest, BlocksItsSignalsForAsLongAsItLives) {
   });
 }
 
-TEST(ZPIWithoutSignalsOfWritingTest, AWriteToAPipeThatNobodyReadsFailsWithEpipeAlone) {
+TEST(ZPIWithoutSignalsOfWritingTest, WritingToAPipeWithoutReadersOnlyFailsWithEpipe) {
   expectGood([] {
     ZPIWithoutSignalsOfWriting signals;
     if (writeToNobody() != EPIPE || !isPending(SIGPIPE)) return false;
@@ -55,7 +55,7 @@ TEST(ZPIWithoutSignalsOfWritingTest, AWriteToAPipeThatNobodyReadsFailsWithEpipeA
   });
 }
 
-TEST(ZPIWithoutSignalsOfWritingTest, AWriteToAFileAtItsSizeLimitFailsWithEfbigAlone) {
+TEST(ZPIWithoutSignalsOfWritingTest, WritingBeyondAFileSizeLimitOnlyFailsWithEfbig) {
   const TemporaryFolder folder;
   expectGood([&folder] {
     const int file = ::open(folder.pathOf("file").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
@@ -68,7 +68,7 @@ TEST(ZPIWithoutSignalsOfWritingTest, AWriteToAFileAtItsSizeLimitFailsWithEfbigAl
   });
 }
 
-TEST(ZPIWithoutSignalsOfWritingTest, ASignalThatWasWaitingBeforeStays) {
+TEST(ZPIWithoutSignalsOfWritingTest, AnAlreadyPendingSignalStaysPending) {
   expectGood([] {
     block(SIGPIPE);
     ::raise(SIGPIPE);
@@ -81,7 +81,7 @@ TEST(ZPIWithoutSignalsOfWritingTest, ASignalThatWasWaitingBeforeStays) {
   });
 }
 
-TEST(ZPIWithoutSignalsOfWritingTest, NothingWaitsForASignalThatDidNotCome) {
+TEST(ZPIWithoutSignalsOfWritingTest, DiscardingASignalThatNeverCameDoesNotWait) {
   expectGood([] {
     ::signal(SIGPIPE, SIG_IGN);
     ZPIWithoutSignalsOfWriting signals;

@@ -29,7 +29,7 @@ TEST(ZPKArrayTest, KeepsNullElements) {
   EXPECT_EQ(array->object(0), nullptr);
 }
 
-TEST(ZPKArrayTest, EqualsWhatHasEqualElementsInTheSameOrder) {
+TEST(ZPKArrayTest, IsEqualIfItsElementsAreEqualAndInOrder) {
   const auto array = ZPKArray::init({1, nullptr, "two"});
   EXPECT_TRUE(array->isEqual(*ZPKArray::init({1, nullptr, "two"})));
   EXPECT_FALSE(array->isEqual(*ZPKArray::init({nullptr, 1, "two"})));
@@ -38,7 +38,7 @@ TEST(ZPKArrayTest, EqualsWhatHasEqualElementsInTheSameOrder) {
   EXPECT_FALSE(array->isEqual(*ZPKDictionary::init()));
 }
 
-TEST(ZPKArrayTest, IsDescribedOnOneLine) {
+TEST(ZPKArrayTest, IsDescribedInOneLine) {
   EXPECT_EQ(ZPKArray::init({1, "two", nullptr, ZPKArray::init(), ZPKArray::init({2.5})})
                 ->debugDescription(),
             R"([1, "two", null, [], [2.5]])");

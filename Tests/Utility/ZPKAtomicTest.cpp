@@ -36,7 +36,7 @@ struct Counting {
   int* copies = nullptr;
 };
 
-TEST(ZPKSmallMutexTest, ItTakesFourBytes) { EXPECT_EQ(sizeof(ZPKSmallMutex), 4U); }
+TEST(ZPKSmallMutexTest, ItOccupiesFourBytes) { EXPECT_EQ(sizeof(ZPKSmallMutex), 4U); }
 
 TEST(ZPKSmallMutexTest, ItCanBeLockedAgainAfterAnUnlock) {
   ZPKSmallMutex mutex;
@@ -65,7 +65,7 @@ TEST(ZPKSmallMutexTest, OneThreadAtATimeHoldsIt) {
   EXPECT_EQ(overlaps, 0);
 }
 
-TEST(ZPKSmallMutexTest, AllWaitersGetIt) {
+TEST(ZPKSmallMutexTest, EveryWaiterGetsIt) {
   for (int round = 0; round < 50; ++round) {
     ZPKSmallMutex mutex;
     std::atomic<int> arriving{0};
@@ -111,9 +111,9 @@ TEST(ZPKAtomicTest, AReaderNeverSeesHalfAValue) {
   EXPECT_EQ(torn, 0);
 }
 
-TEST(ZPKAtomicTest, WhatAWriterDidBeforeAStoreIsSeenAfterTheLoad) {
+TEST(ZPKAtomicTest, ALoadSeesWritesMadeBeforeTheStore) {
   struct Box {
-    int content = 0;  // plain: published by the store alone
+    int content = 0;  // plain: published only by the store
   };
   ZPKAtomic<std::shared_ptr<Box>> property;
   std::thread writer([&] {
@@ -142,7 +142,7 @@ TEST(ZPKAtomicTest, AReplacedValueIsDestroyedOutsideTheLock) {
   EXPECT_TRUE(sawNull);
 }
 
-TEST(ZPKAtomicSnapshotTest, ItGivesThePresentValue) {
+TEST(ZPKAtomicSnapshotTest, ItReturnsTheCurrentValue) {
   ZPKAtomic<std::string> property("first");
   ZPKAtomic<std::string>::Snapshot snapshot(property);
   EXPECT_EQ(snapshot.current(), "first");
@@ -176,7 +176,7 @@ TEST(ZPKAtomicSnapshotTest, SeveralSnapshotsFollowOneProperty) {
   EXPECT_EQ(one.current(), 3);
 }
 
-TEST(ZPKAtomicSnapshotTest, ItLetsGoOfAReplacedValueAtTheNextRead) {
+TEST(ZPKAtomicSnapshotTest, TheNextReadReleasesAReplacedValue) {
   auto first = std::make_shared<int>(1);
   const std::weak_ptr<int> watch = first;
   ZPKAtomic<std::shared_ptr<int>> property(std::move(first));
@@ -187,8 +187,8 @@ TEST(ZPKAtomicSnapshotTest, ItLetsGoOfAReplacedValueAtTheNextRead) {
   EXPECT_TRUE(watch.expired());
 }
 
-// Each reader has a snapshot of its own, made while the writer runs.
-TEST(ZPKAtomicSnapshotTest, ReadersSeeStoresInTheirOrderAndTheLastOneInTheEnd) {
+// Each reader has a snapshot of its own, created while the writer runs.
+TEST(ZPKAtomicSnapshotTest, ReadersSeeStoresInOrderAndFinallyTheLast) {
   constexpr int kStores = 3000;
   struct Box {
     explicit Box(int number) : content(number) {}
@@ -212,7 +212,7 @@ TEST(ZPKAtomicSnapshotTest, ReadersSeeStoresInTheirOrderAndTheLastOneInTheEnd) {
   EXPECT_EQ(backwards, 0);
 }
 
-TEST(ZPKAtomicWeakSnapshotTest, ItGivesThePresentObject) {
+TEST(ZPKAtomicWeakSnapshotTest, ItReturnsTheCurrentObject) {
   ZPKAtomic<std::shared_ptr<int>> property;
   ZPKAtomic<std::shared_ptr<int>>::WeakSnapshot snapshot(property);
   EXPECT_EQ(snapshot.current(), nullptr);
@@ -226,7 +226,7 @@ TEST(ZPKAtomicWeakSnapshotTest, ItGivesThePresentObject) {
   EXPECT_EQ(snapshot.current(), nullptr);
 }
 
-TEST(ZPKAtomicWeakSnapshotTest, AReplacedObjectGoesAtOnce) {
+TEST(ZPKAtomicWeakSnapshotTest, AReplacedObjectIsDestroyedImmediately) {
   auto first = std::make_shared<int>(1);
   const std::weak_ptr<int> watch = first;
   ZPKAtomic<std::shared_ptr<int>> property(std::move(first));
@@ -236,7 +236,7 @@ TEST(ZPKAtomicWeakSnapshotTest, AReplacedObjectGoesAtOnce) {
   EXPECT_TRUE(watch.expired());
 }
 
-TEST(ZPKAtomicWeakSnapshotTest, WhoeverReadItKeepsAReplacedObject) {
+TEST(ZPKAtomicWeakSnapshotTest, AReaderKeepsAReplacedObjectAlive) {
   ZPKAtomic<std::shared_ptr<int>> property(std::make_shared<int>(1));
   ZPKAtomic<std::shared_ptr<int>>::WeakSnapshot snapshot(property);
   const std::shared_ptr<int> object = snapshot.current();
@@ -244,15 +244,16 @@ TEST(ZPKAtomicWeakSnapshotTest, WhoeverReadItKeepsAReplacedObject) {
   EXPECT_EQ(*object, 1);
 }
 
-TEST(ZPKAtomicWeakSnapshotTest, APointerThatOwnsNothingIsHandedOutToo) {
+TEST(ZPKAtomicWeakSnapshotTest, APointerThatOwnsNothingIsReturnedToo) {
   int object = 1;
   ZPKAtomic<std::shared_ptr<int>> property(std::shared_ptr<int>(std::shared_ptr<int>(), &object));
   ZPKAtomic<std::shared_ptr<int>>::WeakSnapshot snapshot(property);
   EXPECT_EQ(snapshot.current().get(), &object);
 }
 
-// Between the look at the property and the reference, the object may have gone: never a null then.
-TEST(ZPKAtomicWeakSnapshotTest, AReaderBesideAWriterAlwaysHasAnObject) {
+// The object may be destroyed between reading the property and taking a reference, but the reader
+// must never see null.
+TEST(ZPKAtomicWeakSnapshotTest, AReaderDuringWritesAlwaysHasAnObject) {
   constexpr int kStores = 3000;
   ZPKAtomic<std::shared_ptr<int>> property(std::make_shared<int>(0));
   std::atomic<int> faults{0};

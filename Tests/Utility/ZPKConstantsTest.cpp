@@ -21,7 +21,7 @@ TEST(ZPKConstantsTest, TheOptionKeysHaveTheirFullNames) {
             "zephalbench.zephal.zephal-communication.uart-exclusive-lock");
 }
 
-TEST(ZPKConstantsTest, TheVersionSymbolsAreAsAnIdentificationToolExpects) {
+TEST(ZPKConstantsTest, TheVersionSymbolsSuitAnIdentificationTool) {
   EXPECT_EQ(ZephalIOVersionNumber, 0.0);
   EXPECT_EQ(reinterpret_cast<const char*>(ZephalIOVersionString),
             std::string_view("@(#)PROGRAM:ZephalIO  PROJECT:ZephalIO-\n"));

@@ -19,7 +19,7 @@ using testing::IsEmpty;
 
 constexpr size_t kMiB = 1 << 20;
 
-// The bytes that a good text names.
+// The bytes that a good text stands for.
 std::string bytesFrom(std::string_view hex) {
   const LogCapture log;
   ZPKErrorPtr error = olderError();
@@ -30,7 +30,7 @@ std::string bytesFrom(std::string_view hex) {
   return data == nullptr ? std::string("null") : std::string(data->view());
 }
 
-// That `hex` fails, `shown` being what the message shows of it.
+// Expects `hex` to fail, with `shown` in its place in the message.
 void expectBadText(std::optional<std::string_view> hex, const std::string& shown) {
   const LogCapture log;
   ZPKErrorPtr error = olderError();
@@ -70,7 +70,7 @@ TEST(ZPKDataFromHexStringWithErrorTest, ALowerCasePrefixIsRemoved) {
 
 TEST(ZPKDataFromHexStringWithErrorTest, AnUpperCasePrefixFails) { expectBadText("0X61", "0X61"); }
 
-TEST(ZPKDataFromHexStringWithErrorTest, BehindAPrefixEveryFurtherOneIsRemovedAndTheDigitsJoin) {
+TEST(ZPKDataFromHexStringWithErrorTest, AfterAPrefixAllFurtherPrefixesAreRemoved) {
   EXPECT_EQ(bytesFrom("0x610x62"), "ab");
   EXPECT_EQ(bytesFrom("0x60x1"), "a");
   EXPECT_EQ(bytesFrom("0x0x0x61"), "a");
@@ -80,16 +80,16 @@ TEST(ZPKDataFromHexStringWithErrorTest, APrefixInsideATextThatBeginsOtherwiseFai
   expectBadText("610x62", "610x62");
 }
 
-TEST(ZPKDataFromHexStringWithErrorTest, AnXThatIsNoPrefixFails) {
+TEST(ZPKDataFromHexStringWithErrorTest, AnXThatIsNotAPrefixFails) {
   expectBadText("x61", "x61");
   expectBadText("0x6x1", "6x1");
 }
 
-TEST(ZPKDataFromHexStringWithErrorTest, APrefixThatARemovalBringsTogetherStays) {
+TEST(ZPKDataFromHexStringWithErrorTest, APrefixThatARemovalJoinsStays) {
   expectBadText("0x00xx", "0x");
 }
 
-TEST(ZPKDataFromHexStringWithErrorTest, EmptyTextOrAPrefixAloneGivesEmptyData) {
+TEST(ZPKDataFromHexStringWithErrorTest, EmptyTextOrALonePrefixBecomesEmptyData) {
   EXPECT_EQ(bytesFrom(""), "");
   EXPECT_EQ(bytesFrom("0x"), "");
   EXPECT_EQ(bytesFrom("0x0x"), "");
@@ -116,7 +116,7 @@ TEST(ZPKDataFromHexStringWithErrorTest, NullFailsAndShowsAsNull) {
   expectBadText(std::nullopt, "(null)");
 }
 
-TEST(ZPKDataFromHexStringWithErrorTest, WithoutASlotAFailureIsLoggedAllTheSame) {
+TEST(ZPKDataFromHexStringWithErrorTest, AFailureWithoutASlotIsStillLogged) {
   const LogCapture log;
   EXPECT_EQ(ZPKDataFromHexStringWithError("6g"), nullptr);
   EXPECT_EQ(ZPKDataFromHexStringWithError(std::nullopt, nullptr), nullptr);
@@ -136,14 +136,14 @@ TEST(ZPKDataFromHexStringWithErrorTest, HugeTextsAreReadInLinearTime) {
   EXPECT_EQ(bytesFrom(std::string(kMiB + 1, '0')).size(), kMiB / 2 + 1);
 }
 
-TEST(ZPKDataFromHexStringTest, AGoodTextGivesItsBytesAndLogsNothing) {
+TEST(ZPKDataFromHexStringTest, AGoodTextReturnsItsBytesAndLogsNothing) {
   const LogCapture log;
   EXPECT_EQ(ZPKDataFromHexString("0x616")->view(), "\x06\x16");
   EXPECT_EQ(ZPKDataFromHexString("")->length(), 0U);
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST(ZPKDataFromHexStringTest, AFailureIsLoggedTwiceTheSecondTimeWithTheCallersText) {
+TEST(ZPKDataFromHexStringTest, AFailureIsLoggedAgainWithTheCallersText) {
   const LogCapture log;
   EXPECT_EQ(ZPKDataFromHexString("0x6g"), nullptr);
   const std::string message = "Invalid characters present in the input hex string [6g]!";
@@ -164,19 +164,19 @@ TEST(ZPKDataFromHexStringTest, NullFailsLikewise) {
       testing::StartsWith("Error converting input hex string [(null)] to ZSData, error = "));
 }
 
-TEST(ZPKHexStringFromDataTest, BytesShowAsLowerCaseDigitsWithoutSeparators) {
+TEST(ZPKHexStringFromDataTest, BytesAppearAsLowerCaseDigitsWithoutSeparators) {
   EXPECT_EQ(ZPKHexStringFromData(dataOf({"\x00\x0f\xAB\xff", 4}), false), "000fabff");
   EXPECT_EQ(ZPKHexStringFromData(dataOf({"\x00\x0f\xAB\xff", 4}), true), "0x000fabff");
 }
 
-TEST(ZPKHexStringFromDataTest, EmptyAndNullDataShowAsNothing) {
+TEST(ZPKHexStringFromDataTest, EmptyAndNullDataBecomeAnEmptyString) {
   EXPECT_EQ(ZPKHexStringFromData(ZPKData::data(), false), "");
   EXPECT_EQ(ZPKHexStringFromData(ZPKData::data(), true), "0x");
   EXPECT_EQ(ZPKHexStringFromData(nullptr, false), "");
   EXPECT_EQ(ZPKHexStringFromData(nullptr, true), "0x");
 }
 
-TEST(ZPKHexStringFromDataTest, TheBytesComeBackWithOrWithoutThePrefix) {
+TEST(ZPKHexStringFromDataTest, BytesSurviveARoundTripWithOrWithoutThePrefix) {
   std::mt19937 random(9);
   for (size_t length = 0; length < 300; ++length) {
     std::string bytes(length, '\0');
@@ -187,16 +187,16 @@ TEST(ZPKHexStringFromDataTest, TheBytesComeBackWithOrWithoutThePrefix) {
   }
 }
 
-TEST(ZPKHexStringFromDataTest, TextComesBackInLowerCase) {
+TEST(ZPKHexStringFromDataTest, TextSurvivesARoundTripInLowerCase) {
   EXPECT_EQ(ZPKHexStringFromData(ZPKDataFromHexString("0xABCdef1"), true), "0x0abcdef1");
 }
 
-TEST(ZPKDataToStringTest, NullAndEmptyDataGiveTheEmptyString) {
+TEST(ZPKDataToStringTest, NullAndEmptyDataBecomeTheEmptyString) {
   EXPECT_EQ(ZPKDataToString(nullptr), "");
   EXPECT_EQ(ZPKDataToString(ZPKData::data()), "");
 }
 
-TEST(ZPKDataToStringTest, ValidUTF8ComesThroughRaw) {
+TEST(ZPKDataToStringTest, ValidUTF8IsUnchanged) {
   EXPECT_EQ(ZPKDataToString(dataOf("plain <text>\r\n")), "plain <text>\r\n");
   EXPECT_EQ(ZPKDataToString(dataOf("\xE2\x82\xAC\x1b[0m\x7f")), "\xE2\x82\xAC\x1b[0m\x7f");
 }
@@ -205,11 +205,11 @@ TEST(ZPKDataToStringTest, ANulInValidTextStaysInTheString) {
   EXPECT_EQ(ZPKDataToString(dataOf({"a\0b", 3})), std::string("a\0b", 3));
 }
 
-TEST(ZPKDataToStringTest, ASingleInvalidByteShowsBetweenBrackets) {
+TEST(ZPKDataToStringTest, ASingleInvalidByteAppearsInBrackets) {
   EXPECT_EQ(ZPKDataToString(dataOf("\xFF")), "<ff>");
 }
 
-TEST(ZPKDataToStringTest, ARunOfOtherBytesStandsInOnePairOfBrackets) {
+TEST(ZPKDataToStringTest, ARunOfOtherBytesSharesOnePairOfBrackets) {
   EXPECT_EQ(ZPKDataToString(dataOf("ok\xFF\xFE"
                                    "done")),
             "ok<fffe>done");
@@ -218,16 +218,16 @@ TEST(ZPKDataToStringTest, ARunOfOtherBytesStandsInOnePairOfBrackets) {
             "<ff>a<fe>");
 }
 
-TEST(ZPKDataToStringTest, ARunAtTheEndIsClosedAndPlainTextGainsNothing) {
+TEST(ZPKDataToStringTest, ARunAtTheEndOrStartIsClosed) {
   EXPECT_EQ(ZPKDataToString(dataOf("ok\xFF")), "ok<ff>");
   EXPECT_EQ(ZPKDataToString(dataOf("\xFFok")), "<ff>ok");
 }
 
-TEST(ZPKDataToStringTest, InInvalidTextAValidCharacterShowsAsItsBytes) {
+TEST(ZPKDataToStringTest, InInvalidTextAValidCharacterAppearsAsBytes) {
   EXPECT_EQ(ZPKDataToString(dataOf("\xC3\xA9 \xFF")), "<c3a9> <ff>");
 }
 
-TEST(ZPKDataToStringTest, InInvalidTextOnlyPrintableCharactersAndLineEndsArePlain) {
+TEST(ZPKDataToStringTest, InInvalidTextPrintableCharactersAndLineEndsArePlain) {
   EXPECT_EQ(ZPKDataToString(dataOf({"\xFF \t\n\r\x1f\x20\x7e\x7f\0", 10})),
             "<ff> <09>\n\r<1f> ~<7f00>");
 }

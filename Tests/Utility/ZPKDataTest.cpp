@@ -36,7 +36,7 @@ TEST(ZPKDataTest, ACopyOfBytesIsIndependentOfThem) {
   EXPECT_EQ(data->bytes()[2], 'c');
 }
 
-TEST(ZPKDataTest, NoBytesMakeEmptyDataEvenFromANullPointer) {
+TEST(ZPKDataTest, NoBytesBecomeEmptyDataEvenFromANullPointer) {
   const ZPKDataPtr data = ZPKData::dataWithBytes(nullptr, 0);
   ASSERT_NE(data, nullptr);
   EXPECT_EQ(data->length(), 0U);
@@ -55,7 +55,7 @@ TEST(ZPKDataTest, AHeapBufferWithoutBytesIsTakenOverToo) {
   EXPECT_EQ(ZPKData::dataWithBytesNoCopy(nullptr, 0)->length(), 0U);
 }
 
-TEST(ZPKDataTest, TheBytesOfANullStringAreNullAndThoseOfAnEmptyOneEmpty) {
+TEST(ZPKDataTest, ANullStringBecomesNullAndAnEmptyOneEmpty) {
   EXPECT_EQ(ZPKData::dataWithString(std::nullopt), nullptr);
   const ZPKDataPtr empty = ZPKData::dataWithString("");
   ASSERT_NE(empty, nullptr);
@@ -108,7 +108,7 @@ TEST(ZPKDataTest, BytesAreCopiedOutUpToTheGivenNumber) {
   EXPECT_EQ(ZPKData::data()->getBytes(buffer, 6), 0U);
 }
 
-TEST(ZPKDataTest, APartIsANewObjectWithTheBytesOfTheRange) {
+TEST(ZPKDataTest, APartIsANewObjectWithThoseBytes) {
   const ZPKDataPtr data = dataOf("abcdef");
   EXPECT_EQ(data->subdata({1, 3})->view(), "bcd");
   EXPECT_EQ(data->subdata({0, 6})->view(), "abcdef");
@@ -116,7 +116,7 @@ TEST(ZPKDataTest, APartIsANewObjectWithTheBytesOfTheRange) {
   EXPECT_EQ(data->subdata({2, 0})->length(), 0U);
 }
 
-TEST(ZPKDataTest, APartThatDoesNotLieWithinTheDataIsNull) {
+TEST(ZPKDataTest, APartOutsideTheDataIsNull) {
   const ZPKDataPtr data = dataOf("abc");
   EXPECT_EQ(data->subdata({0, 4}), nullptr);
   EXPECT_EQ(data->subdata({2, 2}), nullptr);
@@ -126,20 +126,20 @@ TEST(ZPKDataTest, APartThatDoesNotLieWithinTheDataIsNull) {
   EXPECT_EQ(data->subdata({SIZE_MAX, 1}), nullptr);
 }
 
-TEST(ZPKDataTest, FindGivesLocationAndLengthOfTheFirstOccurrence) {
+TEST(ZPKDataTest, FindReturnsTheRangeOfTheFirstOccurrence) {
   const ZPKDataPtr data = dataOf("one two two");
   EXPECT_EQ(data->find(*dataOf("two")), (ZPKRange{4, 3}));
   EXPECT_EQ(data->find(*data), (ZPKRange{0, 11}));
 }
 
-TEST(ZPKDataTest, FindGivesTheNotFoundMarkIfThereIsNone) {
+TEST(ZPKDataTest, FindReturnsNotFoundIfThereIsNone) {
   EXPECT_EQ(dataOf("abc")->find(*dataOf("x")).location, 0x7fffffffffffffffU);
   EXPECT_EQ(ZPKData::data()->find(*dataOf("x")), ZPKRange());
   EXPECT_EQ(dataOf("abc")->find(*ZPKData::data()), ZPKRange());
   EXPECT_EQ(ZPKData::data()->find(*ZPKData::data()), ZPKRange());
 }
 
-TEST(ZPKDataTest, FindLooksWithinTheRangeOnly) {
+TEST(ZPKDataTest, FindSearchesOnlyWithinTheRange) {
   const ZPKDataPtr data = dataOf("two two two");
   const ZPKDataPtr pattern = dataOf("two");
   EXPECT_EQ(data->find(*pattern, {1, 10}), (ZPKRange{4, 3}));
@@ -148,14 +148,14 @@ TEST(ZPKDataTest, FindLooksWithinTheRangeOnly) {
   EXPECT_EQ(data->find(*pattern, {5, 5}), ZPKRange());
 }
 
-TEST(ZPKDataTest, ARangeToFindInIsCutAtTheEnd) {
+TEST(ZPKDataTest, ARangeToSearchIsTruncatedAtTheEnd) {
   const ZPKDataPtr data = dataOf("two two");
   EXPECT_EQ(data->find(*dataOf("two"), {2, SIZE_MAX}), (ZPKRange{4, 3}));
   EXPECT_EQ(data->find(*dataOf("two"), {7, 3}), ZPKRange());
   EXPECT_EQ(data->find(*dataOf("two"), {SIZE_MAX, SIZE_MAX}), ZPKRange());
 }
 
-TEST(ZPKDataTest, EmptyDataDecodeToAnEmptyStringAndInvalidBytesToNull) {
+TEST(ZPKDataTest, EmptyDataDecodesToEmptyAndInvalidDataToNull) {
   EXPECT_EQ(ZPKData::data()->string(), "");
   EXPECT_EQ(dataOf("a\xC3\xA9z")->string(), "a\xC3\xA9z");
   EXPECT_EQ(dataOf("a\xFFz")->string(), std::nullopt);
@@ -163,7 +163,7 @@ TEST(ZPKDataTest, EmptyDataDecodeToAnEmptyStringAndInvalidBytesToNull) {
   EXPECT_EQ(dataOf(std::string_view("a\0b", 3))->string(), std::string("a\0b", 3));
 }
 
-TEST(ZPKDataTest, DataAreEqualByTheirBytes) {
+TEST(ZPKDataTest, DataIsEqualByItsBytes) {
   EXPECT_EQ(*dataOf("abc"), *dataOf("abc")->mutableCopy());
   EXPECT_NE(*dataOf("abc"), *dataOf("abd"));
   EXPECT_NE(*dataOf("abc"), *dataOf("ab"));

@@ -28,7 +28,7 @@ ZPKDictionaryPtr message() {
                               {"steps", ZPKArray::init({1, "two"})}});
 }
 
-TEST(ZPKDictionaryTest, EachGetterGivesValuesOfItsClass) {
+TEST(ZPKDictionaryTest, EachGetterReturnsValuesOfItsClass) {
   const auto dictionary = message();
   EXPECT_EQ(dictionary->count(), 7U);
   EXPECT_EQ(dictionary->string("name"), "dut-7");
@@ -68,7 +68,7 @@ TEST(ZPKDictionaryTest, AValueOfAnotherClassIsNullForEveryGetter) {
   EXPECT_EQ(dictionary->array("limits"), nullptr);
 }
 
-TEST(ZPKDictionaryTest, AnIntegerIsAnyNumberThatIsExactlyOne) {
+TEST(ZPKDictionaryTest, AnIntegerIsAnyNumberWithAnExactIntegerValue) {
   const auto dictionary = ZPKDictionary::init({{"2.0", 2.0},
                                                {"2.5", 2.5},
                                                {"true", true},
@@ -86,7 +86,7 @@ TEST(ZPKDictionaryTest, AnIntegerIsAnyNumberThatIsExactlyOne) {
   EXPECT_EQ(dictionary->integer("nan"), std::nullopt);
 }
 
-TEST(ZPKDictionaryTest, KeysComeByLengthAndThenByTheirBytes) {
+TEST(ZPKDictionaryTest, KeysAreOrderedByLengthAndThenBytes) {
   const auto dictionary = ZPKDictionary::init(
       {{"bb", 1}, {"b", 2}, {"", 3}, {"\xc3\xa4", 4}, {"aa", 5}, {"a", 6}, {"ccc", 7}});
   EXPECT_THAT(keys(*dictionary), ElementsAre("", "a", "b", "aa", "bb", "\xc3\xa4", "ccc"));
@@ -95,7 +95,7 @@ TEST(ZPKDictionaryTest, KeysComeByLengthAndThenByTheirBytes) {
   EXPECT_EQ(dictionary->integer("\xc3\xa4"), 4);
 }
 
-TEST(ZPKDictionaryTest, OfARepeatedKeyTheLastCounts) {
+TEST(ZPKDictionaryTest, TheLastOfARepeatedKeyCounts) {
   const auto dictionary =
       ZPKDictionary::init({{"b", 1}, {"a", 2}, {"b", 3}, {"a", 4}, {"a", 5}, {"c", 6}});
   EXPECT_THAT(keys(*dictionary), ElementsAre("a", "b", "c"));
@@ -109,7 +109,7 @@ TEST(ZPKDictionaryTest, AnEntryWhoseLastValueIsNullIsLeftOut) {
   EXPECT_THAT(keys(*dictionary), ElementsAre("c"));
 }
 
-TEST(ZPKDictionaryTest, IsMadeFromEntriesThatWereComputed) {
+TEST(ZPKDictionaryTest, CanBeCreatedFromComputedEntries) {
   ZPKDictionary::Entries entries;
   for (int i = 999; i >= 0; --i) entries.emplace_back(std::to_string(i), i);
   const auto dictionary = ZPKDictionary::init(std::move(entries));
@@ -123,7 +123,7 @@ TEST(ZPKDictionaryTest, CanBeEmpty) {
   EXPECT_TRUE(ZPKDictionary::init()->isEqual(*ZPKDictionary::init({})));
 }
 
-TEST(ZPKDictionaryTest, EqualsWhatHasEqualKeysWithEqualValues) {
+TEST(ZPKDictionaryTest, IsEqualIfItsKeysAndValuesAreEqual) {
   EXPECT_TRUE(message()->isEqual(*message()));
   const auto one = ZPKDictionary::init({{"a", 1}, {"b", 2}});
   EXPECT_TRUE(one->isEqual(*ZPKDictionary::init({{"b", 2}, {"a", 1}})));
@@ -133,7 +133,7 @@ TEST(ZPKDictionaryTest, EqualsWhatHasEqualKeysWithEqualValues) {
   EXPECT_FALSE(one->isEqual(*ZPKArray::init({1, 2})));
 }
 
-TEST(ZPKDictionaryTest, IsDescribedOnOneLine) {
+TEST(ZPKDictionaryTest, IsDescribedInOneLine) {
   const auto dictionary = ZPKDictionary::init({{"ok", true},
                                                {"raw", ZPKData::dataWithBytes("\x0a\xff", 2)},
                                                {"name", "a\"b\\c\nd"},

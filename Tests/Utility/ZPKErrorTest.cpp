@@ -12,7 +12,7 @@ ZPKErrorPtr exampleError() {
                          {"Other", "kept"}});
 }
 
-TEST(ZPKErrorTest, ItGivesBackWhatItWasMadeFrom) {
+TEST(ZPKErrorTest, ItReturnsWhatItWasCreatedWith) {
   const ZPKErrorPtr error = exampleError();
   EXPECT_EQ(error->domain(), "zephalbench.zephal-communication");
   EXPECT_EQ(error->code(), 2);

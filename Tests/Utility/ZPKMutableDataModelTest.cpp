@@ -1,4 +1,4 @@
-// All operations together, at random, against strings.
+// All operations together, in random order, compared with strings.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -58,7 +58,7 @@ class RandomEdits {
 
  private:
   size_t below(size_t limit) { return limit == 0 ? 0 : _random() % limit; }
-  // Mostly small, now and then beyond the size of a block that is always kept.
+  // Mostly small, sometimes beyond the size of a block that is always kept.
   size_t size() { return below(10) == 0 ? below(6000) : below(40); }
 
   void appendBytes(BufferAndModel& one) {
@@ -171,8 +171,8 @@ TEST(ZPKMutableDataModelTest, RandomEditsAgreeWithAString) {
   }
 }
 
-// A stream that is cut into units as it comes, as an aggregator does.
-TEST(ZPKMutableDataModelTest, UnitsCutOffAGrowingBufferAreThoseOfTheStream) {
+// A stream that is split into units as it arrives, as in an aggregator.
+TEST(ZPKMutableDataModelTest, UnitsTakenFromAGrowingBufferMatchTheStream) {
   std::mt19937 random(3);
   const std::string stream = randomBytes(random, 60000);
   const ZPKDataPtr terminator = ZPKData::dataWithString("\na");

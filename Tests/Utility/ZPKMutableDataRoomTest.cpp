@@ -1,4 +1,4 @@
-// No large block is kept for few bytes, nor a small one given back.
+// Large blocks are not kept for few bytes, and small ones are not given back.
 #include <gtest/gtest.h>
 #include <malloc.h>
 
@@ -15,9 +15,9 @@ using namespace support;
 
 namespace {
 
-constexpr size_t kLargeBlock = 65536;  // what a read hands over
+constexpr size_t kLargeBlock = 65536;  // the size of a read's buffer
 
-// A large block with few bytes in it, such as a short answer in a read's buffer.
+// A large block that contains few bytes, such as a short answer in a read's buffer.
 ZPKMutableDataPtr sparseBufferOf(std::string_view bytes) {
   void* block = std::malloc(kLargeBlock);
   std::memcpy(block, bytes.data(), bytes.size());
@@ -32,7 +32,7 @@ TEST(ZPKMutableDataRoomTest, DroppingAlmostAllGivesALargeBlockBack) {
   EXPECT_EQ(buffer->view(), "rest");
 }
 
-TEST(ZPKMutableDataRoomTest, CuttingAlmostAllGivesALargeBlockBack) {
+TEST(ZPKMutableDataRoomTest, TruncatingAlmostAllGivesALargeBlockBack) {
   const ZPKMutableDataPtr buffer = unitOf("rest" + std::string(kLargeBlock, 'a'));
   const uint8_t* const bytes = buffer->bytes();
   buffer->setLength(4);
@@ -60,14 +60,14 @@ TEST(ZPKMutableDataRoomTest, EmptyingGivesALargeBlockBack) {
   }
 }
 
-TEST(ZPKMutableDataRoomTest, FewNewContentsGiveALargeBlockBack) {
+TEST(ZPKMutableDataRoomTest, ShortNewContentsGiveALargeBlockBack) {
   const ZPKMutableDataPtr buffer = unitOf(std::string(kLargeBlock, 'a'));
   buffer->setContents(*ZPKData::dataWithString("few"));
   EXPECT_EQ(buffer->view(), "few");
   EXPECT_LT(::malloc_usable_size(buffer->mutableBytes()), 1024U);
 }
 
-TEST(ZPKMutableDataRoomTest, ABufferDoesNotTakeALargeBlockOverForFewBytes) {
+TEST(ZPKMutableDataRoomTest, ALargeBlockIsNotTakenOverForFewBytes) {
   const ZPKMutableDataPtr buffer = ZPKMutableData::data();
   const ZPKMutableDataPtr other = sparseBufferOf("few");
   buffer->appendGivingUp(other.get());
@@ -76,7 +76,7 @@ TEST(ZPKMutableDataRoomTest, ABufferDoesNotTakeALargeBlockOverForFewBytes) {
   EXPECT_EQ(other->bytes(), nullptr);
 }
 
-TEST(ZPKMutableDataRoomTest, AUnitTakenOffALargeBlockDoesNotKeepIt) {
+TEST(ZPKMutableDataRoomTest, AUnitFromALargeBlockDoesNotKeepIt) {
   const ZPKMutableDataPtr buffer = sparseBufferOf("unit;rest");
   const ZPKMutableDataPtr unit = buffer->takeFirst(5);
   EXPECT_EQ(unit->view(), "unit;");

@@ -1,4 +1,4 @@
-// Searches that resume where the one before has stopped, over all that may happen in between.
+// Searches that resume where the previous one stopped, whatever happens in between.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -27,7 +27,7 @@ TEST(ZPKMutableDataSearchTest, FindSearchesTheWholeBuffer) {
   EXPECT_EQ(ZPKMutableData().resumeFind(*ZPKData::dataWithString("a")), ZPKRange());
 }
 
-TEST(ZPKMutableDataSearchTest, ASearchOverARangeIsThatOfAnyData) {
+TEST(ZPKMutableDataSearchTest, ASearchOverARangeWorksAsForImmutableData) {
   const ZPKMutableDataPtr buffer = unitOf("two two");
   EXPECT_EQ(buffer->find(*ZPKData::dataWithString("two"), {1, 6}), (ZPKRange{4, 3}));
   EXPECT_EQ(buffer->find(*ZPKData::dataWithString("two"), {1, 5}), ZPKRange());
@@ -41,10 +41,10 @@ TEST(ZPKMutableDataSearchTest, AFoundPatternIsFoundAgain) {
   EXPECT_EQ(resumeFind(buffer, "=> "), 2U);
 }
 
-// The needle comes in two or three parts, searched for in between.
+// The needle arrives in two or three parts, with searches in between.
 //
 //     ....ne|edle       ....n|eed|le
-TEST(ZPKMutableDataSearchTest, APatternSplitOverAppendsAtEveryPlaceIsFound) {
+TEST(ZPKMutableDataSearchTest, APatternSplitAnywhereAcrossAppendsIsFound) {
   const std::string needle = "needle";
   for (size_t before : {0, 1, 5, 100}) {
     for (size_t first = 0; first <= needle.size(); ++first) {
@@ -61,7 +61,7 @@ TEST(ZPKMutableDataSearchTest, APatternSplitOverAppendsAtEveryPlaceIsFound) {
   }
 }
 
-TEST(ZPKMutableDataSearchTest, AnotherPatternIsSearchedFromTheStart) {
+TEST(ZPKMutableDataSearchTest, ADifferentPatternIsSearchedFromTheStart) {
   const ZPKMutableDataPtr buffer = unitOf("needle in a stack");
   EXPECT_EQ(resumeFind(buffer, "hay"), ZPKNotFound);
   EXPECT_EQ(resumeFind(buffer, "needle"), 0U);
@@ -70,20 +70,20 @@ TEST(ZPKMutableDataSearchTest, AnotherPatternIsSearchedFromTheStart) {
   EXPECT_EQ(resumeFind(buffer, "hay"), 21U);
 }
 
-TEST(ZPKMutableDataSearchTest, AShorterOrLongerPatternIsAnotherOne) {
+TEST(ZPKMutableDataSearchTest, AShorterOrLongerPatternIsADifferentOne) {
   const ZPKMutableDataPtr buffer = unitOf("abcab");
   EXPECT_EQ(resumeFind(buffer, "abcd"), ZPKNotFound);
   EXPECT_EQ(resumeFind(buffer, "abc"), 0U);
   EXPECT_EQ(resumeFind(buffer, "abcab"), 0U);
 }
 
-// Writes behind the buffer's back, which nobody may: that it goes unnoticed shows where a search
-// begins.
+// Writes behind the buffer's back, which no caller may do. That the bytes go unnoticed shows where
+// a search begins.
 void writeUnnoticed(const ZPKMutableDataPtr& buffer, std::string_view bytes) {
   std::memcpy(const_cast<uint8_t*>(buffer->bytes()), bytes.data(), bytes.size());
 }
 
-TEST(ZPKMutableDataSearchTest, AfterAFailedSearchOnlyNewBytesAreLookedAt) {
+TEST(ZPKMutableDataSearchTest, AfterAFailedSearchOnlyNewBytesAreExamined) {
   const ZPKMutableDataPtr buffer = ZPKMutableData::dataWithCapacity(100);
   append(buffer, "..........");
   EXPECT_EQ(resumeFind(buffer, "ab"), ZPKNotFound);
@@ -96,7 +96,7 @@ TEST(ZPKMutableDataSearchTest, AfterAFailedSearchOnlyNewBytesAreLookedAt) {
   EXPECT_EQ(resumeFind(buffer, "ab"), 0U);
 }
 
-TEST(ZPKMutableDataSearchTest, APlainFindLooksAtAllBytesEveryTime) {
+TEST(ZPKMutableDataSearchTest, APlainFindExaminesAllBytesEveryTime) {
   const ZPKMutableDataPtr buffer = chunkOf("..........");
   EXPECT_EQ(resumeFind(buffer, "ab"), ZPKNotFound);
   writeUnnoticed(buffer, "ab");
@@ -117,8 +117,8 @@ TEST(ZPKMutableDataSearchTest, FindSeesWhatAnOldPointerWrote) {
   }
 }
 
-// Each leaves the bytes where they are, and most callers do not know which edits do.
-TEST(ZPKMutableDataSearchTest, AnEditInPlaceDoesNotHideWhatAnOldPointerWrites) {
+// None of these edits moves the bytes, and most callers do not know which edits do.
+TEST(ZPKMutableDataSearchTest, SearchesSeeAnOldPointersWritesAfterInPlaceEdits) {
   using Edit = std::function<void(const ZPKMutableDataPtr&)>;
   const std::vector<std::pair<const char*, Edit>> edits = {
       {"append", [](const auto& buffer) { append(buffer, "..."); }},
@@ -141,7 +141,7 @@ TEST(ZPKMutableDataSearchTest, AnEditInPlaceDoesNotHideWhatAnOldPointerWrites) {
   }
 }
 
-TEST(ZPKMutableDataSearchTest, APointerGoesWithItsBytesToAnotherBuffer) {
+TEST(ZPKMutableDataSearchTest, APointerFollowsItsBytesToAnotherBuffer) {
   const ZPKMutableDataPtr buffer = chunkOf("..........");
   const ZPKMutableDataPtr other = ZPKMutableData::data();
   uint8_t* const pointer = buffer->mutableBytes();
@@ -155,7 +155,7 @@ TEST(ZPKMutableDataSearchTest, APointerGoesWithItsBytesToAnotherBuffer) {
   EXPECT_EQ(resumeFind(buffer, "ab"), ZPKNotFound);
 }
 
-TEST(ZPKMutableDataSearchTest, OnceTheBytesHaveMovedSearchesAreRememberedAgain) {
+TEST(ZPKMutableDataSearchTest, SearchesAreRememberedAgainAfterTheBytesHaveMoved) {
   using Move = std::function<void(const ZPKMutableDataPtr&)>;
   const std::vector<std::pair<const char*, Move>> moves = {
       {"growth", [](const auto& buffer) { append(buffer, std::string(5000, '.')); }},
@@ -182,7 +182,7 @@ TEST(ZPKMutableDataSearchTest, OnceTheBytesHaveMovedSearchesAreRememberedAgain) 
   }
 }
 
-TEST(ZPKMutableDataSearchTest, EveryEditButAnAppendForgetsAFailedSearch) {
+TEST(ZPKMutableDataSearchTest, EveryEditExceptAnAppendForgetsAFailedSearch) {
   const std::string zeros(2, '\0');
   using Edit = std::function<void(const ZPKMutableDataPtr&)>;
   const std::vector<std::pair<const char*, Edit>> edits = {
@@ -228,7 +228,7 @@ TEST(ZPKMutableDataSearchTest, EveryEditButAnAppendForgetsAFailedSearch) {
   }
 }
 
-TEST(ZPKMutableDataSearchTest, ATakenUnitForgetsASearchOfTheBufferItCameFrom) {
+TEST(ZPKMutableDataSearchTest, ATakenUnitForgetsItsFormerBuffersSearch) {
   const ZPKMutableDataPtr buffer = unitOf("..........");
   EXPECT_EQ(resumeFind(buffer, "ab"), ZPKNotFound);
   const ZPKMutableDataPtr first = buffer->takeFirst(10);

@@ -113,7 +113,7 @@ TEST(ZPKMutableDataTest, AppendingNothingChangesNothing) {
   EXPECT_EQ(buffer->view(), "abc");
 }
 
-TEST(ZPKMutableDataTest, ContentsMayBeThoseOfTheBufferItself) {
+TEST(ZPKMutableDataTest, ABufferMayBeSetToItsOwnContents) {
   const ZPKMutableDataPtr buffer = unitOf("abc");
   buffer->setContents(*buffer);
   EXPECT_EQ(buffer->view(), "abc");
@@ -138,7 +138,7 @@ TEST(ZPKMutableDataTest, ALongerLengthIsFilledWithZeros) {
   EXPECT_EQ(buffer->view(), std::string_view("\0\0", 2));
 }
 
-TEST(ZPKMutableDataTest, ZeroingIsCutAtTheEnd) {
+TEST(ZPKMutableDataTest, ZeroingStopsAtTheEnd) {
   const ZPKMutableDataPtr buffer = unitOf("abcd");
   buffer->zeroRange({1, 1});
   EXPECT_EQ(buffer->view(), std::string_view("a\0cd", 4));
@@ -172,7 +172,7 @@ TEST(ZPKMutableDataTest, DroppingMovesNoBytes) {
   EXPECT_EQ(buffer->bytes(), bytes + 10);
 }
 
-TEST(ZPKMutableDataTest, RoomThatADroppedFrontLeftIsUsedAgain) {
+TEST(ZPKMutableDataTest, RoomLeftByADroppedFrontIsReused) {
   const ZPKMutableDataPtr buffer = unitOf(std::string(1000, 'a'));
   const uint8_t* const block = buffer->bytes();
   buffer->dropFirst(900);
@@ -224,7 +224,7 @@ TEST(ZPKMutableDataTest, AShortUnitIsOneAllocation) {
   EXPECT_EQ(longer->length(), 905U);
 }
 
-// Each unit that is read is one.
+// Every unit that is read is such an object.
 TEST(ZPKMutableDataTest, TheObjectIsSmall) { EXPECT_LE(sizeof(ZPKMutableData), 96U); }
 
 TEST(ZPKMutableDataTest, TheFirstBytesMoveToAnotherBuffer) {
@@ -267,7 +267,7 @@ TEST(ZPKMutableDataTest, BytesThatLieWithinTheirObjectCanBeSwappedToo) {
   EXPECT_EQ(left->view(), "the right one");
 }
 
-TEST(ZPKMutableDataTest, AnEmptyBufferTakesAnothersStorageOver) {
+TEST(ZPKMutableDataTest, AnEmptyBufferTakesOverAnothersStorage) {
   const ZPKMutableDataPtr buffer = ZPKMutableData::data();
   const ZPKMutableDataPtr other = chunkOf("abc");
   const uint8_t* const bytes = other->bytes();
@@ -319,7 +319,7 @@ TEST(ZPKMutableDataTest, ImmutableBytesAreCopiedEvenFromASoleOwner) {
   EXPECT_TRUE(watch.expired());
 }
 
-TEST(ZPKMutableDataTest, AMutableCopyOfNullIsNullAndOfEmptyEmpty) {
+TEST(ZPKMutableDataTest, MutableCopiesOfNullAreNullAndOfEmptyEmpty) {
   EXPECT_EQ(ZPKMutableData::mutableCopyGivingUp(nullptr), nullptr);
   const ZPKMutableDataPtr empty = ZPKMutableData::mutableCopyGivingUp(ZPKData::data());
   ASSERT_NE(empty, nullptr);
@@ -328,7 +328,7 @@ TEST(ZPKMutableDataTest, AMutableCopyOfNullIsNullAndOfEmptyEmpty) {
   EXPECT_EQ(ZPKData::data()->length(), 0U);
 }
 
-TEST(ZPKMutableDataTest, BytesMayBeTakenOverRightAfterAnotherThreadLetGo) {
+TEST(ZPKMutableDataTest, BytesCanBeTakenOverAfterAnotherThreadsRelease) {
   for (int round = 0; round < 100; ++round) {
     ZPKDataPtr data = unitOf("abc");
     size_t sum = 0;

@@ -22,7 +22,7 @@ constexpr double kTwoTo64 = 18446744073709551616.0;
 
 std::string text(ZPKNumber number) { return number.stringValue(); }
 
-TEST(ZPKNumberTest, ItIsMadeImplicitlyFromEveryKindOfNumber) {
+TEST(ZPKNumberTest, ItConvertsImplicitlyFromEveryKindOfNumber) {
   const auto isInteger = [](ZPKNumber number) { return number.isInteger(); };
   EXPECT_TRUE(isInteger(1));
   EXPECT_TRUE(isInteger(short{-1}));
@@ -92,7 +92,7 @@ TEST(ZPKNumberTest, VeryLargeAndVerySmallDoublesHaveAnExponent) {
 TEST(ZPKNumberTest, APrintedDoubleReadsBackAsTheSameValue) {
   std::mt19937_64 random(20240501);
   for (int i = 0; i < 20000; ++i) {
-    // Every second one of an everyday size, the others of any.
+    // Every second one has an everyday size, the others have any.
     const double value =
         i % 2 == 0 ? static_cast<double>(random()) / 1e9 : std::bit_cast<double>(random());
     if (!std::isfinite(value)) continue;
@@ -108,7 +108,7 @@ TEST(ZPKNumberTest, ALogShowsItAsItPrints) {
   EXPECT_EQ(ZPKLoggingFormat("%@", std::optional<ZPKNumber>()), "(null)");
 }
 
-TEST(ZPKNumberTest, TheBoolValueIsFalseForZeroOfAnyKindOnly) {
+TEST(ZPKNumberTest, OnlyZeroOfAnyKindHasAFalseBoolValue) {
   EXPECT_FALSE(ZPKNumber(0).boolValue());
   EXPECT_FALSE(ZPKNumber(0U).boolValue());
   EXPECT_FALSE(ZPKNumber(0.0).boolValue());
@@ -130,7 +130,7 @@ TEST(ZPKNumberTest, TheDoubleValueIsTheNearest) {
   EXPECT_EQ(ZPKNumber(-0.5).doubleValue(), -0.5);
 }
 
-TEST(ZPKNumberTest, TheIntegerValueCutsFractionsOff) {
+TEST(ZPKNumberTest, TheIntegerValueDropsFractions) {
   EXPECT_EQ(ZPKNumber(2.9).integerValue(), 2);
   EXPECT_EQ(ZPKNumber(-2.9).integerValue(), -2);
   EXPECT_EQ(ZPKNumber(-0.5).integerValue(), 0);
@@ -179,7 +179,7 @@ TEST(ZPKNumberTest, NumbersOfDifferentKindsAreEqualByValue) {
   EXPECT_NE(ZPKNumber(0), ZPKNumber(-0.5));
 }
 
-TEST(ZPKNumberTest, ANegativeIntegerIsNotTheUnsignedOneOfTheSameBits) {
+TEST(ZPKNumberTest, NegativeIntegersDifferFromUnsignedOnesWithTheSameBits) {
   EXPECT_NE(ZPKNumber(-1), ZPKNumber(kHighestUnsigned));
   EXPECT_NE(ZPKNumber(kHighestUnsigned), ZPKNumber(-1));
   EXPECT_NE(ZPKNumber(kLowest), ZPKNumber(uint64_t{1} << 63));

@@ -16,13 +16,13 @@ const double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 ZPKObjectPtr object(const ZPKValue& value) { return value.object(); }
 
-TEST(ZPKObjectTest, NullEqualsNullAlone) {
+TEST(ZPKObjectTest, NullEqualsOnlyNull) {
   EXPECT_TRUE(ZPKObjectsAreEqual(nullptr, nullptr));
   EXPECT_FALSE(ZPKObjectsAreEqual(nullptr, object(1)));
   EXPECT_FALSE(ZPKObjectsAreEqual(object(1), nullptr));
 }
 
-TEST(ZPKObjectTest, AClassOfACallersOwnEqualsItselfAlone) {
+TEST(ZPKObjectTest, ACallersOwnClassEqualsOnlyItself) {
   const ZPKObjectPtr one = std::make_shared<const Plain>();
   const ZPKObjectPtr other = std::make_shared<const Plain>();
   EXPECT_TRUE(ZPKObjectsAreEqual(one, one));
@@ -51,7 +51,7 @@ TEST(ZPKObjectTest, NotANumberAsAnObjectEqualsItself) {
   EXPECT_FALSE(ZPKObjectsAreEqual(object(0.0), object(kNaN)));
 }
 
-TEST(ZPKObjectTest, DataAreEqualByTheirBytes) {
+TEST(ZPKObjectTest, DataIsEqualByItsBytes) {
   auto editable = ZPKMutableData::data();
   editable->append("ab", 2);
   EXPECT_TRUE(ZPKObjectsAreEqual(ZPKData::dataWithString("ab"), editable));
@@ -60,7 +60,7 @@ TEST(ZPKObjectTest, DataAreEqualByTheirBytes) {
   EXPECT_FALSE(ZPKObjectsAreEqual(ZPKData::dataWithString("ab"), object("ab")));
 }
 
-TEST(ZPKObjectTest, DataAreDescribedByTheirFirst32Bytes) {
+TEST(ZPKObjectTest, DataIsDescribedByItsFirst32Bytes) {
   EXPECT_EQ(ZPKData::data()->debugDescription(), "h''");
   EXPECT_EQ(ZPKData::dataWithBytes("\x0a\xff\x00", 3)->debugDescription(), "h'0aff00'");
   const std::string full(32, 'a');
@@ -70,7 +70,7 @@ TEST(ZPKObjectTest, DataAreDescribedByTheirFirst32Bytes) {
   EXPECT_EQ(cut.find("62"), std::string::npos);
 }
 
-TEST(ZPKObjectTest, TheLogShowsAnObjectByItsDescription) {
+TEST(ZPKObjectTest, TheLogShowsAnObjectsDescription) {
   EXPECT_EQ(ZPKLoggingFormat("got %@", object("text")), "got text");
   EXPECT_EQ(ZPKLoggingFormat("got %@", ZPKObjectPtr(ZPKDictionary::init({{"slot", 3}}))),
             "got {\"slot\": 3}");

@@ -94,7 +94,7 @@ TEST(ZPKOptionsTest, SettingAKeyAgainReplacesItsValue) {
   EXPECT_EQ(options->size(), 1U);
 }
 
-TEST(ZPKOptionsTest, RemovingTakesOneKeyAwayIfItIsThere) {
+TEST(ZPKOptionsTest, RemovingDropsOneKeyIfItExists) {
   const ZPKOptionsPtr options = ZPKOptions::init();
   options->set("a", 1);
   options->set("b", 2);
@@ -129,7 +129,7 @@ TEST(ZPKOptionsTest, MergingNullOrItselfChangesNothing) {
   EXPECT_EQ(options->string("key"), "a text that is too long to be kept within the object");
 }
 
-TEST(ZPKOptionsTest, LaterChangesOfAMergedDictionaryDoNotShow) {
+TEST(ZPKOptionsTest, LaterChangesToAMergedDictionaryHaveNoEffect) {
   const ZPKOptionsPtr options = ZPKOptions::init();
   const ZPKOptionsPtr other = ZPKOptions::init();
   other->set("key", 1);
@@ -179,7 +179,7 @@ TEST(ZPKIntegerFromStringTest, NumbersAtTheEndsOfTheRangeAreExact) {
   EXPECT_EQ(ZPKIntegerFromString("-9223372036854775808"), kLowest);
 }
 
-TEST(ZPKIntegerFromStringTest, LargerNumbersBecomeTheNearestEnd) {
+TEST(ZPKIntegerFromStringTest, LargerNumbersAreClampedToTheRange) {
   EXPECT_EQ(ZPKIntegerFromString("9223372036854775808"), kHighest);
   EXPECT_EQ(ZPKIntegerFromString("9223372036854775810"), kHighest);
   EXPECT_EQ(ZPKIntegerFromString("-9223372036854775809"), kLowest);

@@ -11,7 +11,7 @@ TEST(ZPKRegexMatchTest, TheWholeMatchIsGroupZero) {
   EXPECT_EQ(match.groupRange(1), (ZPKRange{3, 1}));
 }
 
-TEST(ZPKRegexMatchTest, AGroupThatThePatternDoesNotHaveIsNowhere) {
+TEST(ZPKRegexMatchTest, AGroupThatThePatternLacksIsNotFound) {
   const ZPKRegexMatch match({{2, 5}});
   EXPECT_EQ(match.groupRange(1).location, ZPKNotFound);
   EXPECT_EQ(match.groupRange(SIZE_MAX).location, ZPKNotFound);

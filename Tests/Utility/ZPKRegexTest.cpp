@@ -39,7 +39,7 @@ std::optional<ZPKRegexMatch> first(std::string_view pattern, std::string_view te
   return compile(pattern)->firstMatch(text, range);
 }
 
-// The whole range of the first match; nowhere if there is none.
+// The whole range of the first match; not found if there is none.
 ZPKRange firstRange(std::string_view pattern, std::string_view text,
                     ZPKRange range = ZPKRegex::wholeText()) {
   const std::optional<ZPKRegexMatch> match = first(pattern, text, range);
@@ -81,7 +81,7 @@ TEST(ZPKRegexTest, AGoodPatternLeavesTheSlotAlone) {
   EXPECT_EQ(error, olderError());
 }
 
-TEST(ZPKRegexTest, ABadPatternGivesNullAndAnErrorAndLogsNothing) {
+TEST(ZPKRegexTest, ABadPatternReturnsNullAndAnErrorWithoutLogging) {
   const LogCapture log;
   ZPKErrorPtr error = olderError();
   EXPECT_EQ(ZPKRegex::initWithPattern("a(b", &error), nullptr);
@@ -95,7 +95,7 @@ TEST(ZPKRegexTest, ABadPatternGivesNullAndAnErrorAndLogsNothing) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST(ZPKRegexTest, ANullPatternIsABadOneAndAnEmptyOneIsNot) {
+TEST(ZPKRegexTest, ANullPatternIsBadAndAnEmptyOneGood) {
   const LogCapture log;
   ZPKErrorPtr error;
   EXPECT_EQ(ZPKRegex::initWithPattern(std::nullopt, &error), nullptr);
@@ -105,7 +105,7 @@ TEST(ZPKRegexTest, ANullPatternIsABadOneAndAnEmptyOneIsNot) {
   EXPECT_EQ(firstRange("", "abc"), (ZPKRange{0, 0}));
 }
 
-TEST(ZPKRegexTest, EveryKindOfBadPatternGivesNullWithOrWithoutASlot) {
+TEST(ZPKRegexTest, EveryBadPatternReturnsNullWithOrWithoutASlot) {
   for (const char* pattern : {"(", ")", "[", "*", "a{2,1}", "\\", "(?<n>a)(?<n>b)", "(?P<", "[z-a]",
                               "\\1", "(?<=a+)b", "\xFF", "a\xC3", "\\x{110000}", "(?z)"}) {
     ZPKErrorPtr error;
@@ -121,7 +121,7 @@ TEST(ZPKRegexTest, AnEscapeForHalfACharacterDoesNotCompile) {
 
 // --- Positions.
 
-TEST(ZPKRegexTest, PositionsCountCodePointsInFrontOfTheMatch) {
+TEST(ZPKRegexTest, PositionsCountCodePointsBeforeTheMatch) {
   EXPECT_EQ(firstRange("x", std::string("ax")), (ZPKRange{1, 1}));
   EXPECT_EQ(firstRange("x", std::string(kTwo) + "x"), (ZPKRange{1, 1}));
   EXPECT_EQ(firstRange("x", std::string(kThree) + "x"), (ZPKRange{1, 1}));
@@ -136,11 +136,11 @@ TEST(ZPKRegexTest, PositionsCountCodePointsWithinTheMatch) {
   EXPECT_EQ(firstRange(kThree, text), (ZPKRange{3, 1}));
 }
 
-TEST(ZPKRegexTest, CharactersBehindTheMatchDoNotCount) {
+TEST(ZPKRegexTest, CharactersAfterTheMatchDoNotCount) {
   EXPECT_EQ(firstRange("b", std::string("ab") + kTwo + kThree + kFour), (ZPKRange{1, 1}));
 }
 
-TEST(ZPKRegexTest, PositionsOfLaterMatchesAndOfGroupsCountFromTheStart) {
+TEST(ZPKRegexTest, LaterMatchesAndGroupsCountFromTheStart) {
   const std::string text = std::string(kTwo) + "1" + kThree + "2" + kFour + "3";
   EXPECT_THAT(allRanges("\\d", text), ElementsAre(ZPKRange{1, 1}, ZPKRange{3, 1}, ZPKRange{5, 1}));
   const std::vector<ZPKRegexMatch> matches = compile("(\\D)(\\d)")->allMatches(text);
@@ -167,7 +167,7 @@ TEST(ZPKRegexTest, GroupsAreNumberedByTheirOpeningParentheses) {
   EXPECT_EQ(match->groupRange(4), (ZPKRange{4, 1}));
 }
 
-TEST(ZPKRegexTest, AGroupThatTookNoPartIsNowhereAndAnEmptyOneSomewhere) {
+TEST(ZPKRegexTest, AnUnusedGroupIsNotFoundUnlikeAnEmptyOne) {
   const auto match = first("(a)|(b)|(c)()", "xb");
   ASSERT_TRUE(match.has_value());
   EXPECT_EQ(match->groupRange(1).location, ZPKNotFound);
@@ -210,13 +210,13 @@ TEST(ZPKRegexTest, ARangeCountsCodePoints) {
   EXPECT_EQ(firstRange("a", text, {4, 2}), (ZPKRange{5, 1}));
 }
 
-TEST(ZPKRegexTest, TheEndsOfTheRangeAreTheEndsOfTheText) {
+TEST(ZPKRegexTest, TheRangeActsAsTheWholeText) {
   EXPECT_EQ(firstRange("^b$", "abc", {1, 1}), (ZPKRange{1, 1}));
   EXPECT_EQ(firstRange("(?<=a)b", "abc", {1, 1}), ZPKRange());
   EXPECT_EQ(firstRange("b(?=c)", "abc", {1, 1}), ZPKRange());
 }
 
-TEST(ZPKRegexTest, ARangeIsCutAtTheEndOfTheText) {
+TEST(ZPKRegexTest, ARangeIsTruncatedAtTheEndOfTheText) {
   EXPECT_EQ(firstRange("c", "abc", {1, 100}), (ZPKRange{2, 1}));
   EXPECT_EQ(firstRange("c", "abc", {7, 1}), ZPKRange());
   EXPECT_EQ(firstRange("", "abc", {7, 1}), (ZPKRange{3, 0}));
@@ -226,12 +226,12 @@ TEST(ZPKRegexTest, ARangeIsCutAtTheEndOfTheText) {
 
 // --- Walks.
 
-TEST(ZPKRegexTest, AllMatchesAreGivenFromLeftToRightWithoutOverlap) {
+TEST(ZPKRegexTest, AllMatchesAreReturnedFromLeftToRightWithoutOverlap) {
   EXPECT_THAT(allRanges("aa", "aaaaa"), ElementsAre(ZPKRange{0, 2}, ZPKRange{2, 2}));
   EXPECT_THAT(allRanges("x", "aaa"), IsEmpty());
 }
 
-TEST(ZPKRegexTest, EmptyMatchesAreWalkedOver) {
+TEST(ZPKRegexTest, AWalkContinuesAfterAnEmptyMatch) {
   EXPECT_THAT(allRanges("", ""), ElementsAre(ZPKRange{0, 0}));
   EXPECT_THAT(allRanges("", "ab"), ElementsAre(ZPKRange{0, 0}, ZPKRange{1, 0}, ZPKRange{2, 0}));
   EXPECT_THAT(allRanges("", std::string(kTwo) + kThree + kFour),
@@ -240,59 +240,59 @@ TEST(ZPKRegexTest, EmptyMatchesAreWalkedOver) {
               ElementsAre(ZPKRange{0, 0}, ZPKRange{1, 2}, ZPKRange{3, 0}, ZPKRange{4, 0}));
 }
 
-TEST(ZPKRegexTest, ANonEmptyMatchIsTakenWhereAnEmptyOneWas) {
+TEST(ZPKRegexTest, ANonEmptyMatchMayStartAtAnEmptyOne) {
   EXPECT_THAT(allRanges("|a", "a"), ElementsAre(ZPKRange{0, 0}, ZPKRange{0, 1}, ZPKRange{1, 0}));
 }
 
-TEST(ZPKRegexTest, EmptyMatchesDoNotSplitALineEnd) {
+TEST(ZPKRegexTest, EmptyMatchesDoNotSplitALineBreak) {
   EXPECT_THAT(allRanges("$", "\r\n"), ElementsAre(ZPKRange{0, 0}, ZPKRange{2, 0}));
   EXPECT_THAT(allRanges("(?m)^", "a\r\nb"), ElementsAre(ZPKRange{0, 0}, ZPKRange{3, 0}));
 }
 
-TEST(ZPKRegexTest, AMatchWhoseStartWasResetIsGivenOnce) {
+TEST(ZPKRegexTest, AMatchWithAResetStartIsReturnedOnce) {
   EXPECT_THAT(allRanges("a\\Kb", "abab"), ElementsAre(ZPKRange{1, 1}, ZPKRange{3, 1}));
 }
 
-// The start is put ahead of the place that the search began at, and the end is that place.
-TEST(ZPKRegexTest, AStartResetInALookbehindDoesNotHoldTheWalkUp) {
+// The match starts before the position where the search began, and ends at that position.
+TEST(ZPKRegexTest, AStartResetInALookbehindNeverStallsTheWalk) {
   constexpr const char* pattern = "(?(DEFINE)(?<reset>\\K))(?<=(?&reset)a)";
   EXPECT_THAT(allRanges(pattern, "aba"), ElementsAre(ZPKRange{0, 1}, ZPKRange{2, 1}));
   EXPECT_THAT(allRanges(pattern, std::string("a") + kFour + "a"),
               ElementsAre(ZPKRange{0, 1}, ZPKRange{2, 1}));
 }
 
-TEST(ZPKRegexTest, AStartResetInALookaheadMakesAnEmptyMatch) {
+TEST(ZPKRegexTest, AStartResetInALookaheadYieldsAnEmptyMatch) {
   constexpr const char* pattern = "(?(DEFINE)(?<reset>\\K))(?=a(?&reset))";
   EXPECT_THAT(allRanges(pattern, "ba"), ElementsAre(ZPKRange{1, 0}));
 }
 
-// --- Line ends.
+// --- Line breaks.
 
-TEST(ZPKRegexTest, ADotTakesNoLineEndOfAnyKind) {
+TEST(ZPKRegexTest, ADotMatchesNoLineBreakOfAnyKind) {
   EXPECT_THAT(allRanges(".+", "one\rtwo\nthree\r\nfour"),
               ElementsAre(ZPKRange{0, 3}, ZPKRange{4, 3}, ZPKRange{8, 5}, ZPKRange{15, 4}));
 }
 
-TEST(ZPKRegexTest, ADollarStandsInFrontOfALastLineEndOfAnyKind) {
+TEST(ZPKRegexTest, ADollarMatchesBeforeAnyKindOfFinalLineBreak) {
   for (const char* end : {"", "\r", "\n", "\r\n"}) {
     EXPECT_EQ(firstRange("b$", std::string("ab") + end), (ZPKRange{1, 1}));
   }
   EXPECT_EQ(firstRange("b$", "ab\r\n\n"), ZPKRange());
 }
 
-TEST(ZPKRegexTest, MultilineAnchorsKnowAllLineEnds) {
+TEST(ZPKRegexTest, MultilineAnchorsKnowAllLineBreaks) {
   EXPECT_THAT(allRanges("(?m)^\\w+$", "one\rtwo\nthree\r\nfour"),
               ElementsAre(ZPKRange{0, 3}, ZPKRange{4, 3}, ZPKRange{8, 5}, ZPKRange{15, 4}));
 }
 
-TEST(ZPKRegexTest, CharacterClassesTakeLineEndsAsAnyCharacter) {
+TEST(ZPKRegexTest, CharacterClassesMatchLineBreaksLikeAnyCharacter) {
   EXPECT_EQ(firstRange("a[^x]b", "a\rb"), (ZPKRange{0, 3}));
   EXPECT_EQ(firstRange("a\\sb", "a\nb"), (ZPKRange{0, 3}));
 }
 
 // --- Odd subjects.
 
-TEST(ZPKRegexTest, ASubjectThatIsNotValidUTF8HasNoMatch) {
+TEST(ZPKRegexTest, ASubjectWithInvalidUTF8HasNoMatch) {
   for (const char* text : {"a\xFF", "a\xC3",
                            "\xE2\x82"
                            "a",
@@ -304,7 +304,7 @@ TEST(ZPKRegexTest, ASubjectThatIsNotValidUTF8HasNoMatch) {
   }
 }
 
-TEST(ZPKRegexTest, InvalidBytesOutsideTheRangeMatterAsWell) {
+TEST(ZPKRegexTest, InvalidBytesOutsideTheRangeMatterToo) {
   EXPECT_FALSE(first("a", "a\xFF", {0, 1}).has_value());
 }
 
@@ -319,27 +319,27 @@ TEST(ZPKRegexTest, AnEmptySubjectMayMatch) {
   EXPECT_EQ(firstRange("a", ""), ZPKRange());
 }
 
-// --- Long subjects. A repeated group takes room for every turn, far more than a thread's stack
-// has.
+// --- Long subjects. A repeated group needs memory for every repetition, far more than a thread's
+// stack has.
 
 TEST(ZPKRegexTest, ARepeatedGroupRunsOverALongResponse) {
   const std::string text = repeated("line of text\n", 4 * kMiB) + "prompt";
   EXPECT_EQ(firstRange("(.|\\n)*prompt", text), (ZPKRange{0, text.size()}));
 }
 
-TEST(ZPKRegexTest, ARepeatedGroupRunsToTheEndOfALongResponse) {
+TEST(ZPKRegexTest, ARepeatedGroupReachesTheEndOfALongResponse) {
   const std::string text = repeated("ab", 4 * kMiB);
   EXPECT_EQ(firstRange("(?:a|b)*", text), (ZPKRange{0, text.size()}));
   EXPECT_EQ(first("(a|b)*", text)->groupRange(1), (ZPKRange{text.size() - 1, 1}));
 }
 
-TEST(ZPKRegexTest, CodePointsOfALongResponseAreCountedRight) {
+TEST(ZPKRegexTest, CodePointsOfALongResponseAreCountedCorrectly) {
   const std::string text = repeated(kThree, 3 * kMiB) + "prompt";
   EXPECT_EQ(firstRange("prompt", text), (ZPKRange{kMiB, 6}));
   EXPECT_EQ(compile(kThree)->countMatches(text), kMiB);
 }
 
-TEST(ZPKRegexTest, AWalkOverALongResponseGoesOnBehindACostlyMatch) {
+TEST(ZPKRegexTest, AWalkOverALongResponseSurvivesACostlyMatch) {
   const std::string costly = repeated("ab", kMiB / 16);
   const std::string text = costly + "\n" + costly + "\n" + costly;
   EXPECT_THAT(allRanges("(?:a|b)+", text),
@@ -347,7 +347,7 @@ TEST(ZPKRegexTest, AWalkOverALongResponseGoesOnBehindACostlyMatch) {
                           ZPKRange{2 * costly.size() + 2, costly.size()}));
 }
 
-// --- Searches that are given up. They would run for minutes, or for ever; the bound is generous.
+// --- Searches that give up. They would run for minutes, or for ever; the bound is generous.
 
 class Stopwatch {
  public:
@@ -370,21 +370,21 @@ TEST(ZPKRegexTest, ACatastrophicPatternGivesUpAsNoMatch) {
   EXPECT_LT(stopwatch.seconds(), kBoundedTime);
 }
 
-// Each run of letters is hopeless for a part of a second only, but there are thousands of them.
+// Each run of letters costs only a fraction of a second, but there are thousands of them.
 TEST(ZPKRegexTest, ManyCostlyStartsGiveUpTogether) {
   const Stopwatch stopwatch;
   EXPECT_FALSE(first("(a+)+$", repeated(std::string(20, 'a') + "b", kMiB)).has_value());
   EXPECT_LT(stopwatch.seconds(), kBoundedTime);
 }
 
-// Without a match every line of the response is a start, and each looks at all the rest.
+// Without a match, the search starts at every line of the response and examines all the rest.
 TEST(ZPKRegexTest, ALongResponseWithoutTheExpectedPromptGivesUp) {
   const Stopwatch stopwatch;
   EXPECT_FALSE(first("(.|\\n)*prompt", repeated("line of text\n", kMiB) + "t").has_value());
   EXPECT_LT(stopwatch.seconds(), kBoundedTime);
 }
 
-TEST(ZPKRegexTest, ASearchThatWasGivenUpDoesNotSpoilTheNext) {
+TEST(ZPKRegexTest, ASearchThatGaveUpDoesNotSpoilTheNext) {
   const ZPKRegexPtr regex = compile("(a+)+$");
   EXPECT_FALSE(regex->firstMatch(std::string(64, 'a') + "b").has_value());
   const auto match = regex->firstMatch("baaa");
@@ -400,8 +400,8 @@ TEST(ZPKRegexTest, ACatastrophicPatternGivesUpOnALongResponseToo) {
   EXPECT_LT(stopwatch.seconds(), kBoundedTime);
 }
 
-// --- The interpreter, which stands in where the machine lets nobody compile at run time. The
-// prefix keeps a pattern from being compiled.
+// --- The interpreter, which steps in where the machine forbids compiling at run time. The prefix
+// keeps a pattern from being compiled.
 
 ZPKRegexPtr interpreted(const std::string& pattern) { return compile("(*NO_JIT)" + pattern); }
 
@@ -432,8 +432,8 @@ TEST(ZPKRegexTest, TheInterpreterSearchesALongResponseToItsEnd) {
   EXPECT_EQ(match->groupRange(1), (ZPKRange{2 * kMiB + 1, 3}));
 }
 
-// Every turn of the group takes room, more than a search is granted for a text of this length.
-TEST(ZPKRegexTest, TheInterpreterGivesUpARepeatedGroupOverALongResponse) {
+// Every repetition of the group needs memory, more than a search may use for a text of this length.
+TEST(ZPKRegexTest, TheInterpreterGivesUpOnALongRepeatedGroup) {
   const std::string text = repeated("line of text\n", 4 * kMiB) + "prompt";
   const Stopwatch stopwatch;
   EXPECT_FALSE(interpreted("(.|\\n)*prompt")->firstMatch(text).has_value());

@@ -95,7 +95,7 @@ TEST(ZPKReportFailureTest, TheFileIsItsBaseNameWithTheExtension) {
   EXPECT_EQ(ZPIErrorLocation({"f", "b.mm", 1}), locationPrefix() + "b.mm:f:1");
 }
 
-TEST(ZPKReportFailureTest, PercentSignsInTheLocationAreNoDirectives) {
+TEST(ZPKReportFailureTest, PercentSignsInTheLocationAreNotDirectives) {
   EXPECT_EQ(ZPIErrorLocation({"%@%s", "%d.cpp", 3}), locationPrefix() + "%d.cpp:%@%s:3");
 }
 
@@ -107,7 +107,7 @@ TEST(ZPKReportFailureTest, TheUserInformationHasTwoEntries) {
   EXPECT_TRUE(error->userInfo().contains("ErrorLocation"));
 }
 
-TEST(ZPKReportFailureTest, DeviceDataFullOfDirectivesComeThroughUnharmed) {
+TEST(ZPKReportFailureTest, DeviceDataFullOfDirectivesIsUnchanged) {
   const LogCapture log;
   ZPKErrorPtr error;
   ZPKReportFailure(&error, kZPICommChannelDomain, 309, {"f"}, "%@",
@@ -125,7 +125,7 @@ TEST(ZPKReportFailureTest, LineFeedsAndNullsAppearAlikeInBothTexts) {
   EXPECT_THAT(log.texts(), ElementsAre(error->description()));
 }
 
-TEST(ZPKReportFailureTest, AnArgumentMayBeATextOfTheErrorThatIsReplaced) {
+TEST(ZPKReportFailureTest, AnArgumentMayBelongToTheReplacedError) {
   const LogCapture log;
   ZPKErrorPtr error = ZPKError::init("a domain that is too long for a small string", 1, {});
   ZPKReportFailure(&error, kZPICommunicationDomain, 5, {"f"}, "read failed with error %s (%d)",

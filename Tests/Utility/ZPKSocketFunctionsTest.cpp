@@ -57,7 +57,7 @@ int optionOf(int socket, int level, int option) {
   return value;
 }
 
-// A listener on the loopback address that shares its port with nobody.
+// A listener on the loopback address that does not share its port.
 class PlainListener {
  public:
   PlainListener() : _socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -73,7 +73,7 @@ class PlainListener {
   const Descriptor _socket;
 };
 
-// A port that nobody listens on.
+// A port without a listener.
 int freePort() { return PlainListener().port(); }
 
 std::string busyLine(int port) {
@@ -99,7 +99,7 @@ TEST(PassiveTCPTest, ListensOnAllInterfacesWithItsOptionsInOrder) {
   EXPECT_EQ(output.text(), "");
 }
 
-TEST(PassiveTCPTest, WithoutReuseItSharesNothing) {
+TEST(PassiveTCPTest, WithoutReuseItDoesNotShareItsPort) {
   SystemCalls calls;
   const Descriptor listener(passive_tcp(0, false));
   ASSERT_GE(listener, 0);
@@ -109,7 +109,7 @@ TEST(PassiveTCPTest, WithoutReuseItSharesNothing) {
   EXPECT_EQ(optionOf(listener, SOL_SOCKET, SO_REUSEPORT), 0);
 }
 
-TEST(PassiveTCPTest, TakesConnections) {
+TEST(PassiveTCPTest, AcceptsConnections) {
   const Descriptor listener(passive_tcp(0, false));
   const Descriptor client(active_tcp("127.0.0.1", portOf(listener)));
   ASSERT_GE(client, 0);
@@ -138,7 +138,7 @@ TEST(PassiveTCPTest, ABusyPortIsPrintedAndLeavesNoDescriptor) {
   }
 }
 
-TEST(PassiveTCPTest, TwoListenersThatBothAskForItShareAPortInSilence) {
+TEST(PassiveTCPTest, TwoListenersThatBothReuseAPortShareIt) {
   StandardOutputCapture output;
   const Descriptor first(passive_tcp(0, true));
   const Descriptor second(passive_tcp(portOf(first), true));
@@ -172,7 +172,7 @@ TEST(PassiveTCPTest, AFailedSocketSurfacesAtBind) {
   EXPECT_EQ(output.text(), "Error : port 0 is restricted (errno=" + std::to_string(EBADF) + ")\n");
 }
 
-TEST(PassiveTCPTest, OnlyTheLow16BitsOfThePortCountButAllArePrinted) {
+TEST(PassiveTCPTest, ThePortsLow16BitsCountButAllArePrinted) {
   const int port = PlainListener().port();
   const Descriptor listener(passive_tcp(port + 65536, true));
   ASSERT_GE(listener, 0);
@@ -183,7 +183,7 @@ TEST(PassiveTCPTest, OnlyTheLow16BitsOfThePortCountButAllArePrinted) {
   EXPECT_EQ(output.text(), busyLine(busy.port() + 65536));
 }
 
-TEST(PassiveTCPTest, AFailedListenIsNotLookedAt) {
+TEST(PassiveTCPTest, TheResultOfListenIsIgnored) {
   SystemCalls calls;
   calls.fail("listen", EADDRINUSE);
   const Descriptor listener(passive_tcp(0, false));
@@ -192,7 +192,7 @@ TEST(PassiveTCPTest, AFailedListenIsNotLookedAt) {
 
 // --- active_tcp and active_tcp_ex
 
-TEST(ActiveTCPTest, ConnectsToADottedAddressAndSetsItsOptionsInOrder) {
+TEST(ActiveTCPTest, ConnectsToADottedAddressWithOptionsInOrder) {
   const PlainListener peer;
   SystemCalls calls;
   const Descriptor client(active_tcp("127.0.0.1", peer.port()));
@@ -219,7 +219,7 @@ TEST(ActiveTCPTest, OnlyTheLow16BitsOfThePortCount) {
   EXPECT_GE(client, 0);
 }
 
-TEST(ActiveTCPTest, ARefusedConnectionFailsInSilenceAndLeavesNoDescriptor) {
+TEST(ActiveTCPTest, ARefusedConnectionFailsSilentlyAndLeavesNoDescriptor) {
   LogCapture log;
   const int port = freePort();
   const std::set<int> before = openDescriptors();
@@ -235,7 +235,7 @@ TEST(ActiveTCPTest, ARefusedConnectionFailsInSilenceAndLeavesNoDescriptor) {
   EXPECT_TRUE(log.lines().empty());
 }
 
-TEST(ActiveTCPTest, ARefusalAfterASignalIsTheReasonOfTheFailure) {
+TEST(ActiveTCPTest, ARefusalAfterASignalIsReportedAsTheReason) {
   FullListener listener(FullListener::Kind::kTCP);
   const size_t held = openDescriptors().size();
   int result = 0;
@@ -252,7 +252,7 @@ TEST(ActiveTCPTest, ARefusalAfterASignalIsTheReasonOfTheFailure) {
   EXPECT_EQ(openDescriptors().size(), held - 1);  // the listener
 }
 
-TEST(ActiveTCPTest, TheOptionsAreTriedAfterAFailedConnectToo) {
+TEST(ActiveTCPTest, TheOptionsAreSetEvenAfterAFailedConnect) {
   const int port = freePort();
   SystemCalls calls;
   EXPECT_EQ(active_tcp("127.0.0.1", port), -1);
@@ -262,8 +262,8 @@ TEST(ActiveTCPTest, TheOptionsAreTriedAfterAFailedConnectToo) {
   EXPECT_EQ(calls.all().back().descriptor, -1);
 }
 
-TEST(ActiveTCPTest, AHostThatDoesNotResolveFailsInSilence) {
-  // Names that no resolver needs to ask anybody for.
+TEST(ActiveTCPTest, AHostThatDoesNotResolveFailsSilently) {
+  // Names that a resolver rejects without a query.
   for (const std::string& host :
        {std::string("256.256.256.256"), std::string("::1"), std::string(), std::string(70, 'x')}) {
     StandardOutputCapture output;
@@ -305,7 +305,7 @@ TEST(ActiveTCPExTest, PublishesMinusOneAfterAFailure) {
   EXPECT_EQ(published, -1);
 }
 
-// --- What their sockets share
+// --- What all their sockets have in common
 
 TEST(SocketFunctionsTest, AStartedProgramInheritsTheirSockets) {
   const Descriptor listener(passive_tcp(0, false));
@@ -314,9 +314,9 @@ TEST(SocketFunctionsTest, AStartedProgramInheritsTheirSockets) {
   EXPECT_EQ(inheritedOf(both), both);
 }
 
-// --- The small ones
+// --- The small functions
 
-TEST(SocketOptionTest, ReturnTheResultOfTheSystem) {
+TEST(SocketOptionTest, ReturnTheSystemsResult) {
   const Descriptor socket(::socket(AF_INET, SOCK_STREAM, 0));
   EXPECT_EQ(tcp_nodelay(socket), 0);
   EXPECT_NE(optionOf(socket, IPPROTO_TCP, TCP_NODELAY), 0);
@@ -325,7 +325,7 @@ TEST(SocketOptionTest, ReturnTheResultOfTheSystem) {
   EXPECT_EQ(no_sigpipe(socket), 0);
 }
 
-TEST(SocketOptionTest, FailForWhatIsNoSocket) {
+TEST(SocketOptionTest, FailForOtherDescriptors) {
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
   for (int (*const option)(int) : {tcp_nodelay, so_keepalive, no_sigpipe}) {
@@ -338,14 +338,14 @@ TEST(SocketOptionTest, FailForWhatIsNoSocket) {
   ::close(ends[1]);
 }
 
-// What stands in for SO_NOSIGPIPE on a system without it changes the process. So each of these runs
-// in a fresh process.
+// On a system without SO_NOSIGPIPE its substitute changes the whole process. So each of these tests
+// runs in a fresh process.
 class NoSigpipeDeathTest : public testing::Test {
  protected:
   NoSigpipeDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 
-  // Writes with plain write(2), as a user of the library may, to a peer that has gone: 0 if that
-  // fails with EPIPE.
+  // Writes to a peer that has gone, with plain write(2), as a user of the library may. Returns 0 if
+  // that fails with EPIPE.
   static int writeToNobody(int (*prepare)(int)) {
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) return 2;
@@ -361,7 +361,7 @@ class NoSigpipeDeathTest : public testing::Test {
   }
 };
 
-TEST_F(NoSigpipeDeathTest, WithoutItAWriteToAPeerThatHasGoneEndsTheProcess) {
+TEST_F(NoSigpipeDeathTest, WithoutItAWriteAfterHangUpEndsTheProcess) {
   const auto run = [] {
     ::signal(SIGPIPE, SIG_DFL);
     ::_exit(writeToNobody([](int) { return 0; }));
@@ -385,7 +385,7 @@ TEST_F(NoSigpipeDeathTest, TheSocketFunctionsDoTheSame) {
   EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
 }
 
-TEST_F(NoSigpipeDeathTest, EveryCallLooksAtTheDispositionAgain) {
+TEST_F(NoSigpipeDeathTest, EveryCallChecksTheDispositionAgain) {
   for (int (*const prepare)(int) : {no_sigpipe, connectToOurselves}) {
     const auto run = [prepare] {
       ::signal(SIGPIPE, SIG_DFL);
@@ -405,7 +405,7 @@ TEST_F(NoSigpipeDeathTest, AFailedCallChangesNothing) {
   EXPECT_EXIT(run(), testing::KilledBySignal(SIGPIPE), "");
 }
 
-TEST_F(NoSigpipeDeathTest, AHandlerOfTheHostStays) {
+TEST_F(NoSigpipeDeathTest, AHostsOwnHandlerStays) {
   static volatile std::sig_atomic_t hasCome = 0;
   const auto run = [] {
     const SignalHandler handler(SIGPIPE, [](int) { hasCome = 1; });

@@ -5,14 +5,14 @@
 
 namespace {
 
-TEST(ZPKStringTest, HoldsItsTextAsItIs) {
+TEST(ZPKStringTest, HoldsItsTextUnchanged) {
   EXPECT_EQ(ZPKString::init("")->value(), "");
   EXPECT_EQ(ZPKString::init("a\"b\n")->value(), "a\"b\n");
   EXPECT_EQ(ZPKString::init(std::string("a\0b", 3))->value().size(), 3U);
   EXPECT_EQ(ZPKString::init("\xff")->value(), "\xff");
 }
 
-TEST(ZPKStringTest, IsDescribedByItsTextAlone) {
+TEST(ZPKStringTest, IsDescribedByItsText) {
   EXPECT_EQ(ZPKString::init("a\"b")->debugDescription(), "a\"b");
 }
 

@@ -11,7 +11,7 @@ TEST(ZPKTypesTest, TheNotFoundMarkIsTheLargestSignedNumber) {
   EXPECT_EQ(ZPKNotFound, 0x7fffffffffffffffU);
 }
 
-TEST(ZPKTypesTest, ARangeWithoutValuesIsNowhere) {
+TEST(ZPKTypesTest, ARangeWithoutValuesIsNotFound) {
   EXPECT_EQ(ZPKRange(), (ZPKRange{ZPKNotFound, 0}));
 }
 

@@ -23,7 +23,7 @@ std::string text(const ZPKValue& value) {
   return object == nullptr ? "no text" : object->value();
 }
 
-TEST(ZPKValueTest, TextOfEveryKindMakesAString) {
+TEST(ZPKValueTest, TextOfEveryKindBecomesAString) {
   EXPECT_EQ(text("literal"), "literal");
   EXPECT_EQ(text(std::string("string")), "string");
   EXPECT_EQ(text(std::string_view("a view of").substr(2, 4)), "view");
@@ -49,14 +49,14 @@ TEST(ZPKValueTest, NullOfEveryKindIsANullObject) {
   EXPECT_EQ(ZPKValue(ZPKObjectPtr()).object(), nullptr);
 }
 
-TEST(ZPKValueTest, AnObjectIsTakenAsItIs) {
+TEST(ZPKValueTest, AnObjectIsUsedUnchanged) {
   const auto plain = std::make_shared<Plain>();
   EXPECT_EQ(ZPKValue(plain).object(), plain);
   const ZPKDataPtr data = ZPKData::dataWithString("bytes");
   EXPECT_EQ(ZPKValue(data).object(), data);
 }
 
-TEST(ZPKValueTest, DataThatCanBeEditedAreCopied) {
+TEST(ZPKValueTest, MutableDataIsCopied) {
   auto editable = ZPKMutableData::data();
   editable->append("before", 6);
   const ZPKValue value(editable);
@@ -67,7 +67,7 @@ TEST(ZPKValueTest, DataThatCanBeEditedAreCopied) {
   EXPECT_EQ(ZPKObjectCast<ZPKMutableData>(value), nullptr);
 }
 
-TEST(ZPKValueTest, EntriesInBracesMakeADictionaryNestedOnesToo) {
+TEST(ZPKValueTest, EntriesInBracesBecomeADictionaryEvenNestedOnes) {
   const ZPKObjectPtr object = ZPKValue{{"name", "dut-7"}, {"limits", {{"low", "a"}, {"high", 2}}}};
   const auto dictionary = ZPKObjectCast<ZPKDictionary>(object);
   ASSERT_NE(dictionary, nullptr);
@@ -84,7 +84,7 @@ TEST(ZPKValueTest, OneEntryOfTwoTextsIsADictionaryToo) {
   EXPECT_EQ(dictionary->string("key"), "value");
 }
 
-TEST(ZPKValueTest, EmptyBracesMakeAnEmptyDictionary) {
+TEST(ZPKValueTest, EmptyBracesBecomeAnEmptyDictionary) {
   const auto dictionary = ZPKObjectCast<ZPKDictionary>(ZPKValue{});
   ASSERT_NE(dictionary, nullptr);
   EXPECT_EQ(dictionary->count(), 0U);
