@@ -51,7 +51,7 @@ ZPKDataChannelPtr activeOver(const SimulatedDevice& device) {
   return createActiveChannel(createBaseChannelWithTransport(device.url()));
 }
 
-// Passive, aggregating, active, transport: a comm stack's chain below its transformers.
+// Passive, aggregating, active, transport: the chain of a comm stack below its transformers.
 ZPKDataChannelPtr chainOver(const ZPKDataChannelPtr& active) {
   const auto aggregator =
       ZPKMutableDataAggregatorTransformer::initWithTerminator(ZPKData::dataWithString(kPrompt));
@@ -85,7 +85,7 @@ TEST_P(ZPIActiveChannelDeviceTest, CommandsAreAnsweredOneAfterTheOther) {
   EXPECT_TRUE(chain->close());
 }
 
-TEST_P(ZPIActiveChannelDeviceTest, UnitsThatCameTogetherAreHandedUpOneByOne) {
+TEST_P(ZPIActiveChannelDeviceTest, UnitsThatArriveTogetherArePassedUpOneByOne) {
   SimulatedDevice device(GetParam());
   const ZPKDataChannelPtr chain = chainOver(activeOver(device));
   ASSERT_TRUE(chain->openWithTimeout(1.0));
@@ -99,7 +99,7 @@ TEST_P(ZPIActiveChannelDeviceTest, UnitsThatCameTogetherAreHandedUpOneByOne) {
 }
 
 TEST_P(ZPIActiveChannelDeviceTest, TheDeviceIsDrainedWhileNobodyReads) {
-  // More than any line holds on its way.
+  // More than any line buffers in transit.
   std::string sent;
   for (int line = 0; sent.size() < 1000000; ++line) sent += std::to_string(line) + "\r\n";
   SimulatedDevice device(GetParam());
@@ -163,7 +163,7 @@ TEST_P(ZPIActiveChannelDeviceTest, ItCanBeOpenedAgain) {
   }
 }
 
-TEST_P(ZPIActiveChannelDeviceTest, ADeviceThatGoesIsReportedByCloseWithTheTransportsWords) {
+TEST_P(ZPIActiveChannelDeviceTest, CloseReportsAHangUpInTheTransportsWords) {
   SimulatedDevice device(GetParam());
   const ZPKDataChannelPtr transport = createBaseChannelWithTransport(device.url());
   const ZPKDataChannelPtr channel = createActiveChannel(transport);
@@ -174,7 +174,7 @@ TEST_P(ZPIActiveChannelDeviceTest, ADeviceThatGoesIsReportedByCloseWithTheTransp
   const LogCapture log;
   device.hangUp();
   ASSERT_TRUE(waitFor([&] { return !transport->isOpened(); }));
-  // The first closes may come ahead of the error, which is stored last.
+  // The first closes may be too early: the error is stored last.
   ZPKErrorPtr error;
   ASSERT_TRUE(waitFor([&] {
     EXPECT_FALSE(channel->close(&error));
@@ -191,7 +191,7 @@ TEST_P(ZPIActiveChannelDeviceTest, ADeviceThatGoesIsReportedByCloseWithTheTransp
   EXPECT_EQ(error->description(), "Cannot communicate with closed devices");
 }
 
-TEST_P(ZPIActiveChannelDeviceTest, ADeviceThatGoesEndsAReadThatWaitsForever) {
+TEST_P(ZPIActiveChannelDeviceTest, AHangUpEndsAReadThatWaitsForever) {
   SimulatedDevice device(GetParam());
   const ZPKDataChannelPtr chain = chainOver(activeOver(device));
   ASSERT_TRUE(chain->openWithTimeout(1.0));
@@ -218,14 +218,15 @@ TEST_P(ZPIActiveChannelDeviceTest, ItIsOpenAtOnceOverAnOpenTransport) {
   EXPECT_FALSE(transport->isOpened());
 }
 
-// A wake-up is one question for waiting bytes and one wait of a slice; nothing is allocated.
+// On each wake-up the thread asks once for waiting bytes and waits for one slice; it allocates
+// nothing.
 TEST_P(ZPIActiveChannelDeviceTest, AnIdleChannelDoesNothingBetweenItsSlices) {
   constexpr size_t kSlices = 8;
   SimulatedDevice device(GetParam());
   const ZPKDataChannelPtr channel = activeOver(device);
   TestClock clock;
   ASSERT_TRUE(channel->openWithTimeout(1.0));
-  // The reader's thread has begun when it waits.
+  // Once the reader's thread waits, it has finished starting.
   ASSERT_TRUE(waitFor([&] { return clock.waits() == 1; }));
   SystemCalls calls(SystemCalls::Threads::kAll);
   for (size_t slice = 0; slice < kSlices; ++slice) {
@@ -248,7 +249,7 @@ class ZPIActiveChannelConnectionTest : public testing::TestWithParam<Kind> {};
 INSTANTIATE_TEST_SUITE_P(Lines, ZPIActiveChannelConnectionTest,
                          testing::Values(Kind::kTCP, Kind::kUnix), nameOf);
 
-TEST_P(ZPIActiveChannelConnectionTest, ItReconnectsAfterADeviceThatWent) {
+TEST_P(ZPIActiveChannelConnectionTest, ItReconnectsAfterAHangUp) {
   SimulatedDevice device(GetParam(), {.responses = {{"version", "1.0\n"}}});
   const ZPKDataChannelPtr chain = chainOver(activeOver(device));
   const LogCapture log;
@@ -262,9 +263,9 @@ TEST_P(ZPIActiveChannelConnectionTest, ItReconnectsAfterADeviceThatWent) {
   }
 }
 
-// Of a read that brings bytes the first allocation is their buffer; a transport tests that one.
-// What comes next is the data around them, and the queue's room.
-TEST(ZPIActiveChannelSocketTest, MemoryThatRunsOutIsAFailedRead) {
+// The first allocation of a read that receives bytes is their buffer, which the transports' tests
+// cover. The next ones are the data object around them and the room in the queue.
+TEST(ZPIActiveChannelSocketTest, RunningOutOfMemoryIsAFailedRead) {
   const std::string words = std::string("Read failed with error ") + std::strerror(ENOMEM) + " (" +
                             std::to_string(ENOMEM) + ")";
   for (const size_t goodAllocations : {1U, 2U}) {
@@ -311,7 +312,7 @@ TEST(ZPIActiveChannelSocketTest, ACloseMeetsTheEndOfTheConnection) {
       return true;
     });
     std::thread peer([&pair] {
-      // Nobody hears it if the channel's close came first.
+      // Nobody receives it if the channel was closed first.
       const ssize_t sent = ::send(pair.peers, "bye", 3, MSG_NOSIGNAL);
       EXPECT_TRUE(sent == 3 || (sent < 0 && errno == EPIPE));
       pair.closePeer();

@@ -28,7 +28,7 @@ TEST_F(ZPIActiveChannelFailureTest, FailedItIsClosedAndReadsNoMore) {
   EXPECT_FALSE(_line->isBeingRead());
 }
 
-TEST_F(ZPIActiveChannelFailureTest, FailedItRefusesToReadAndToWrite) {
+TEST_F(ZPIActiveChannelFailureTest, FailedItRejectsReadsAndWrites) {
   makeFailed();
   expectTalkRefusedAsClosed();
 }
@@ -39,7 +39,7 @@ TEST_F(ZPIActiveChannelFailureTest, FailedItPassesAReset) {
   expectCloseRepeats(*deviceError());
 }
 
-TEST_F(ZPIActiveChannelFailureTest, FailedItsCloseRepeatsTheErrorUnderCode2AndLeavesTheLineAlone) {
+TEST_F(ZPIActiveChannelFailureTest, FailedItsCloseRepeatsTheErrorUnderCode2) {
   makeFailed();
   expectCloseRepeats(*deviceError());
 }
@@ -49,7 +49,7 @@ TEST_F(ZPIActiveChannelFailureTest, FailedWithoutAnErrorItCannotBeClosed) {
   expectCloseRefused();
 }
 
-TEST_F(ZPIActiveChannelFailureTest, FailedItOpensAfreshAndForgetsTheError) {
+TEST_F(ZPIActiveChannelFailureTest, FailedItCanBeReopenedAndForgetsTheError) {
   makeFailed();
   expectOpens();
   EXPECT_TRUE(close());
@@ -63,13 +63,13 @@ TEST_F(ZPIActiveChannelFailureTest, FailedItKeepsTheErrorWhenTheNextOpenFails) {
   expectCloseRepeats(*deviceError());
 }
 
-TEST_F(ZPIActiveChannelFailureTest, ALineThatFailsAndStaysOpenLeavesNoThreadAfterTheNextOpen) {
+TEST_F(ZPIActiveChannelFailureTest, ALineThatFailsButStaysOpenStartsNoThread) {
   makeRunning();
   _line->fail(deviceError(), false);
   ASSERT_TRUE(waitForFailure(deviceError()));
   ASSERT_TRUE(_line->isOpened());
   const size_t reads = _line->reads();
-  _line->setOpenResult(true, olderError());  // what it refuses a second open with
+  _line->setOpenResult(true, olderError());  // with this it rejects a second open
   ZPKErrorPtr error;
   EXPECT_TRUE(_channel->openWithTimeout(1.0, &error));
   EXPECT_EQ(error, olderError());
@@ -101,11 +101,11 @@ TEST_F(ZPIActiveChannelFailureTest, AFailureWakesTheReadThatWaitsForever) {
   _line->fail(deviceError());
   ASSERT_EQ(read.wait_for(kPatience), std::future_status::ready);
   EXPECT_EQ(read.get(), nullptr);
-  // It is stored a moment after the read is woken, so the read may miss it.
+  // The error is stored a moment after the read is woken, so the read may miss it.
   EXPECT_TRUE(error == deviceError() || error == nullptr);
 }
 
-TEST_F(ZPIActiveChannelFailureTest, BytesThatNobodyReadAreLostWhenTheLineFails) {
+TEST_F(ZPIActiveChannelFailureTest, UnreadBytesAreLostWhenTheLineFails) {
   makeRunning();
   _line->deliver("lost");
   ASSERT_TRUE(_line->waitUntilAllIsHandedOn());
@@ -116,9 +116,10 @@ TEST_F(ZPIActiveChannelFailureTest, BytesThatNobodyReadAreLostWhenTheLineFails) 
   EXPECT_EQ(bytesOf(_channel->readWithTimeout(kNow, nullptr)), "");
 }
 
-TEST_F(ZPIActiveChannelFailureTest, BytesThatAReadHoldsWhenTheLineFailsAreDropped) {
+TEST_F(ZPIActiveChannelFailureTest, BytesOfAWaitingReadAreDroppedAtAFailure) {
   makeRunning();
-  // Bytes, then the failure, while the read waits: it wakes with bytes from a queue that is closed.
+  // The bytes and then the failure arrive while the read waits: it wakes up with bytes from a
+  // closed queue.
   const ReplacedWaits wait([&] {
     _line->deliver("dropped");
     _line->fail(deviceError());
@@ -130,7 +131,7 @@ TEST_F(ZPIActiveChannelFailureTest, BytesThatAReadHoldsWhenTheLineFailsAreDroppe
   EXPECT_EQ(error, deviceError());
 }
 
-TEST_F(ZPIActiveChannelFailureTest, AFailureStopsAReadThatHasNoSlot) {
+TEST_F(ZPIActiveChannelFailureTest, AFailureStopsAReadWithoutASlot) {
   makeRunning();
   std::future<ZPKDataPtr> read = readForeverElsewhere(nullptr);
   _line->fail(deviceError());
@@ -166,7 +167,7 @@ TEST_F(ZPIActiveChannelFailureTest, WithoutAThreadItFailsToOpenAndClosesBelow) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(ZPIActiveChannelFailureTest, WithoutAThreadItOpensAfreshOnceThereIsOne) {
+TEST_F(ZPIActiveChannelFailureTest, ItCanBeReopenedOnceThereIsAThread) {
   makeNeverOpened();
   {
     const LogCapture log;

@@ -1,5 +1,4 @@
-// How an active channel and its thread end: whoever lets go first, however often, at whatever
-// instant.
+// How an active channel and its thread end: whichever is first, however often, at any instant.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -30,10 +29,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr double kForever = -1.0;
 
-// How long a whole run of rounds may take; reached only by one that hangs.
+// How long a whole run of rounds may take; only a run that hangs takes that long.
 constexpr std::chrono::seconds kLimit{100};
 
-// In KiB. The used pages of a few thousand stacks that nobody gives back are many times that.
+// In KiB. If a few thousand stacks were leaked, their used pages would be many times that.
 constexpr size_t kAllowedGrowth = 8 * 1024;
 
 ZPKErrorPtr deviceError() {
@@ -47,7 +46,7 @@ std::shared_ptr<ZPIActiveChannel> openOver(const ZPKDataChannelPtr& line, bool b
   return channel;
 }
 
-// Waits without a pause between two looks: for what happens thousands of times.
+// Polls without a pause: for events that happen thousands of times.
 bool spinUntil(const std::function<bool()>& condition) {
   const RealTime realTime;
   const Clock::time_point deadline = Clock::now() + kPatience;
@@ -58,7 +57,7 @@ bool spinUntil(const std::function<bool()>& condition) {
   return true;
 }
 
-// An open line that fails as soon as it may, and tells on which thread it goes.
+// An open line that fails as soon as it is allowed to, and records on which thread it is destroyed.
 class MortalLine final : public ZPKDataChannel {
  public:
   MortalLine(std::shared_future<void> mayFail, std::promise<std::thread::id>* end)
@@ -80,7 +79,7 @@ class MortalLine final : public ZPKDataChannel {
   std::promise<std::thread::id>* const _end;
 };
 
-// --- Letting go
+// --- Releasing
 
 TEST(ZPIActiveChannelLifeTest, AnOpenChannelThatWasDroppedLivesOn) {
   TestClock clock;
@@ -92,7 +91,7 @@ TEST(ZPIActiveChannelLifeTest, AnOpenChannelThatWasDroppedLivesOn) {
   const size_t reads = line->reads();
   EXPECT_TRUE(waitFor([&] { return line->reads() >= reads + 3; }));
   EXPECT_FALSE(weak.expired());
-  // Who still reaches it can close it.
+  // Anyone who can still reach the channel can close it.
   EXPECT_TRUE(weak.lock()->close(nullptr));
   EXPECT_TRUE(waitFor([&] { return weak.expired(); }));
 }
@@ -113,7 +112,7 @@ TEST(ZPIActiveChannelLifeTest, ClosingBelowFreesAChannelThatWasDropped) {
   EXPECT_TRUE(waitFor([&] { return weak.expired(); }));
 }
 
-TEST(ZPIActiveChannelLifeTest, TheLastReferenceMayGoOnTheThreadItself) {
+TEST(ZPIActiveChannelLifeTest, TheThreadItselfMayDropTheLastReference) {
   for (int round = 0; round < 100; ++round) {
     std::promise<void> mayFail;
     std::promise<std::thread::id> end;
@@ -128,7 +127,7 @@ TEST(ZPIActiveChannelLifeTest, TheLastReferenceMayGoOnTheThreadItself) {
   }
 }
 
-TEST(ZPIActiveChannelLifeTest, TheLastReferenceAndTheFailureMayMeet) {
+TEST(ZPIActiveChannelLifeTest, TheLastReferenceAndTheFailureMayCoincide) {
   for (int round = 0; round < 300; ++round) {
     std::promise<void> mayFail;
     std::promise<std::thread::id> end;
@@ -141,14 +140,14 @@ TEST(ZPIActiveChannelLifeTest, TheLastReferenceAndTheFailureMayMeet) {
   }
 }
 
-TEST(ZPIActiveChannelLifeTest, AChannelThatWasNeverOpenedGoesAtOnce) {
+TEST(ZPIActiveChannelLifeTest, AChannelThatWasNeverOpenedIsDestroyedAtOnce) {
   const auto line = WaitingChannel::make();
   const std::weak_ptr<ZPIActiveChannel> weak = ZPIActiveChannel::initWithChannel(line, true);
   EXPECT_TRUE(weak.expired());
   EXPECT_EQ(line.use_count(), 1);
 }
 
-TEST(ZPIActiveChannelLifeTest, AClosedChannelGoesAtOnce) {
+TEST(ZPIActiveChannelLifeTest, AClosedChannelIsDestroyedAtOnce) {
   const auto line = WaitingChannel::make();
   std::weak_ptr<ZPIActiveChannel> weak;
   {
@@ -160,7 +159,7 @@ TEST(ZPIActiveChannelLifeTest, AClosedChannelGoesAtOnce) {
   EXPECT_EQ(line->count("close"), 1U);
 }
 
-TEST(ZPIActiveChannelLifeTest, ItDoesNotCloseWhatLiesBelowWhenItGoes) {
+TEST(ZPIActiveChannelLifeTest, ItsDestructorDoesNotCloseTheChannelBelow) {
   const auto line = WaitingChannel::make();
   openOver(line)->close(nullptr);
   line->openWithTimeout(1.0);
@@ -171,7 +170,7 @@ TEST(ZPIActiveChannelLifeTest, ItDoesNotCloseWhatLiesBelowWhenItGoes) {
   EXPECT_TRUE(waitFor([&] { return line.use_count() == 1; }));
 }
 
-TEST(ZPIActiveChannelLifeTest, ACloseOnTheThreadItselfDoesNotWaitForItself) {
+TEST(ZPIActiveChannelLifeTest, AThreadThatClosesDoesNotWaitForItself) {
   const auto line = WaitingChannel::make();
   std::promise<bool> result;
   std::weak_ptr<ZPIActiveChannel> weak;
@@ -199,7 +198,7 @@ TEST(ZPIActiveChannelLifeTest, ACloseOnTheThreadItselfDoesNotWaitForItself) {
 
 // --- Openings in a row
 
-// A line whose first read closes it, as a transport's failing read does, and comes back later.
+// A line whose first read closes it, as a transport's failing read does, and returns later.
 class SlowlyFailingLine final : public ZPKDataChannel {
  public:
   bool openWithTimeout(double timeout, ZPKErrorPtr* error) override {
@@ -226,12 +225,12 @@ class SlowlyFailingLine final : public ZPKDataChannel {
   std::atomic<bool> _isFirstRead{true};
 };
 
-TEST(ZPIActiveChannelLifeTest, ALateFailureOfTheLastThreadDoesNotReachTheNextOpening) {
+TEST(ZPIActiveChannelLifeTest, ALateFailureDoesNotReachTheNextOpening) {
   const auto line = std::make_shared<SlowlyFailingLine>();
   const auto channel = openOver(line);
   ASSERT_TRUE(waitFor([&] { return !channel->isOpened(); }));
   ASSERT_TRUE(channel->openWithTimeout(1.0, nullptr));
-  EXPECT_EQ(channel.use_count(), 3);  // both threads are there
+  EXPECT_EQ(channel.use_count(), 3);  // both threads are alive
   line->mayReturn.set_value();
   ASSERT_TRUE(waitFor([&] { return channel.use_count() == 2; }));
   EXPECT_TRUE(channel->isOpened());
@@ -242,7 +241,7 @@ TEST(ZPIActiveChannelLifeTest, ALateFailureOfTheLastThreadDoesNotReachTheNextOpe
   EXPECT_EQ(error->description(), "Device Already Closed");
 }
 
-TEST(ZPIActiveChannelLifeTest, AThreadThatSleptThroughAReopeningReadsNoMore) {
+TEST(ZPIActiveChannelLifeTest, AThreadThatMissedAReopeningReadsNoMore) {
   const auto line = WaitingChannel::make();
   const auto channel = openOver(line);
   std::promise<void> isBetweenReads;
@@ -257,7 +256,7 @@ TEST(ZPIActiveChannelLifeTest, AThreadThatSleptThroughAReopeningReadsNoMore) {
   line->close();  // behind the channel's back
   ASSERT_TRUE(channel->openWithTimeout(1.0, nullptr));
   mayGoOn.set_value();
-  // One of the two threads goes, and what comes from then on is read by the other alone.
+  // One of the two threads ends, and only the other one reads from then on.
   ASSERT_TRUE(waitFor([&] { return channel.use_count() == 2; }));
   line->deliver("new");
   EXPECT_EQ(channel->readWithTimeout(kForever, nullptr)->view(), "new");
@@ -293,7 +292,7 @@ TEST(ZPIActiveChannelLifeTest, TenThousandReconnectionsLeaveNothingBehind) {
   }
 }
 
-TEST(ZPIActiveChannelLifeTest, ChannelsThatGoWithAnEndedThreadLeaveNothingBehind) {
+TEST(ZPIActiveChannelLifeTest, ChannelsDestroyedAfterTheirThreadLeaveNothingBehind) {
   constexpr int kWarmUp = 500;
   constexpr int kRounds = 5000;
   const LogCapture log;
@@ -314,7 +313,7 @@ TEST(ZPIActiveChannelLifeTest, ChannelsThatGoWithAnEndedThreadLeaveNothingBehind
 
 // --- Closing at every instant
 
-// Reads until the channel stops; true if it stopped the way that a close or a failure does.
+// Reads until the channel stops; true if it stopped as it does after a close or a failure.
 bool readUntilItStops(const std::shared_ptr<ZPIActiveChannel>& channel) {
   for (;;) {
     const ZPKDataPtr data = channel->readWithTimeout(kForever, nullptr);
@@ -323,8 +322,8 @@ bool readUntilItStops(const std::shared_ptr<ZPIActiveChannel>& channel) {
   }
 }
 
-// Without a pause between its slices, the thread is met at any instant.
-TEST(ZPIActiveChannelLifeTest, ACloseMeetsAReadThatWaitsForever) {
+// Without a pause between its slices, the close can find the thread at any instant.
+TEST(ZPIActiveChannelLifeTest, ACloseDuringAReadThatWaitsForever) {
   const LogCapture log;
   const Clock::time_point deadline = Clock::now() + kLimit;
   TestClock clock;
@@ -342,7 +341,7 @@ TEST(ZPIActiveChannelLifeTest, ACloseMeetsAReadThatWaitsForever) {
   }
 }
 
-TEST(ZPIActiveChannelLifeTest, ACloseMeetsAStreamAtFullSpeed) {
+TEST(ZPIActiveChannelLifeTest, ACloseDuringAStreamAtFullSpeed) {
   const LogCapture log;
   const Clock::time_point deadline = Clock::now() + kLimit;
   const auto line = WaitingChannel::make();
@@ -366,7 +365,7 @@ TEST(ZPIActiveChannelLifeTest, ACloseMeetsAStreamAtFullSpeed) {
   }
 }
 
-TEST(ZPIActiveChannelLifeTest, ACloseMeetsAFailureOfTheLine) {
+TEST(ZPIActiveChannelLifeTest, ACloseAtTheInstantOfALineFailure) {
   const LogCapture log;
   const Clock::time_point deadline = Clock::now() + kLimit;
   const auto line = WaitingChannel::make();
@@ -389,7 +388,7 @@ TEST(ZPIActiveChannelLifeTest, ACloseMeetsAFailureOfTheLine) {
   }
 }
 
-TEST(ZPIActiveChannelLifeTest, AWriterAndStateQueriesMeetACloseAndAnOpen) {
+TEST(ZPIActiveChannelLifeTest, WritesAndStateQueriesDuringACloseAndAnOpen) {
   const LogCapture log;
   const auto line = WaitingChannel::make();
   const auto channel = ZPIActiveChannel::initWithChannel(line, true);
@@ -427,8 +426,8 @@ class LineAtExit final : public ZPKDataChannel {
   bool write(const ZPKDataPtr&, ZPKErrorPtr*) override { return true; }
 };
 
-// Registered ahead of everything that the library makes on first use, so it runs after that has
-// been destroyed.
+// Registered before the library creates anything on first use, so it runs after all that has been
+// destroyed.
 void readOnWhileTheProcessEnds() {
   const size_t reads = readsAtExit;
   if (!spinUntil([reads] { return readsAtExit > reads + 1000; })) ::_exit(1);

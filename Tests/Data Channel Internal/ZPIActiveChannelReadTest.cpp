@@ -1,4 +1,4 @@
-// What a read of an active channel gives, and when.
+// What a read of an active channel returns, and when.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -29,7 +29,7 @@ class ZPIActiveChannelReadTest : public ActiveChannelFixture {};
 
 // --- Reading
 
-TEST_F(ZPIActiveChannelReadTest, NowOnAnEmptyQueueGivesEmptyDataAtOnce) {
+TEST_F(ZPIActiveChannelReadTest, NowOnAnEmptyQueueReturnsEmptyDataAtOnce) {
   makeRunning();
   const LogCapture log;
   ZPKErrorPtr error = olderError();
@@ -39,7 +39,7 @@ TEST_F(ZPIActiveChannelReadTest, NowOnAnEmptyQueueGivesEmptyDataAtOnce) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(ZPIActiveChannelReadTest, NowTakesWhatIsQueued) {
+TEST_F(ZPIActiveChannelReadTest, NowReturnsTheQueuedBytes) {
   makeRunning();
   _line->deliver("queued");
   ASSERT_TRUE(_line->waitUntilAllIsHandedOn());
@@ -49,7 +49,7 @@ TEST_F(ZPIActiveChannelReadTest, NowTakesWhatIsQueued) {
   EXPECT_EQ(bytesOf(_channel->readWithTimeout(kNow, &error)), "");
 }
 
-TEST_F(ZPIActiveChannelReadTest, ATimeoutGivesEmptyDataAndIsNoFailure) {
+TEST_F(ZPIActiveChannelReadTest, ATimeoutReturnsEmptyDataWithoutFailure) {
   makeRunning();
   const LogCapture log;
   ZPKErrorPtr error = olderError();
@@ -77,7 +77,7 @@ TEST_F(ZPIActiveChannelReadTest, AReadReturnsAsSoonAsThereIsAnyByte) {
   }
 }
 
-TEST_F(ZPIActiveChannelReadTest, BytesOfSeveralReadsBelowComeAsOnePiece) {
+TEST_F(ZPIActiveChannelReadTest, BytesOfSeveralReadsBelowAreReturnedInOnePiece) {
   makeRunning();
   _line->deliver("one ");
   _line->deliver("two ");
@@ -88,7 +88,7 @@ TEST_F(ZPIActiveChannelReadTest, BytesOfSeveralReadsBelowComeAsOnePiece) {
             std::string("one two th\0ree", 14));
 }
 
-TEST_F(ZPIActiveChannelReadTest, WhatNobodyReadsIsKeptInFull) {
+TEST_F(ZPIActiveChannelReadTest, UnreadBytesAreKeptInFull) {
   makeRunning();
   std::string all;
   for (int index = 0; index < 200; ++index) {
@@ -113,7 +113,7 @@ TEST_F(ZPIActiveChannelReadTest, TheBytesCanBeEditedAboveWithoutACopy) {
   EXPECT_EQ(edited->view(), "bytes and more");
 }
 
-TEST_F(ZPIActiveChannelReadTest, ABadTimeoutIsRefusedAndTheChannelGoesOn) {
+TEST_F(ZPIActiveChannelReadTest, ABadTimeoutIsRejectedAndTheChannelWorksOn) {
   makeRunning();
   for (const double timeout : {-0.5, -1.0000001, -2.0, -1e300, std::nan("")}) {
     expectReadRefused(timeout, 3, "time out has an invalid value");
@@ -122,7 +122,7 @@ TEST_F(ZPIActiveChannelReadTest, ABadTimeoutIsRefusedAndTheChannelGoesOn) {
   expectDelivers("still here");
 }
 
-TEST_F(ZPIActiveChannelReadTest, ACleanCloseWakesTheReadThatWaitsForeverWithNullAndNoError) {
+TEST_F(ZPIActiveChannelReadTest, ACleanCloseEndsAnEndlessReadWithoutAnError) {
   makeRunning();
   const LogCapture log;
   ZPKErrorPtr error = olderError();
@@ -134,7 +134,7 @@ TEST_F(ZPIActiveChannelReadTest, ACleanCloseWakesTheReadThatWaitsForeverWithNull
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(ZPIActiveChannelReadTest, ACleanCloseStopsAReadWithTimeLeftWithNullAndNoError) {
+TEST_F(ZPIActiveChannelReadTest, ACleanCloseEndsATimedReadWithoutAnError) {
   for (const int waitResult : {0, ETIMEDOUT}) {
     makeRunning();
     const ReplacedWaits wait([&] {
@@ -149,7 +149,7 @@ TEST_F(ZPIActiveChannelReadTest, ACleanCloseStopsAReadWithTimeLeftWithNullAndNoE
   }
 }
 
-TEST_F(ZPIActiveChannelReadTest, AWaitThatTheSystemRefusesIsCode5) {
+TEST_F(ZPIActiveChannelReadTest, AFailedWaitIsCode5) {
   makeRunning();
   const std::string text =
       "read failed with error " + ZPIErrorText(EPERM) + " (" + std::to_string(EPERM) + ")";
@@ -161,7 +161,7 @@ TEST_F(ZPIActiveChannelReadTest, AWaitThatTheSystemRefusesIsCode5) {
   expectDelivers("still here");
 }
 
-TEST_F(ZPIActiveChannelReadTest, BytesThatComeAsTheTimeEndsAreForTheNextRead) {
+TEST_F(ZPIActiveChannelReadTest, BytesAtTheInstantOfATimeoutStayQueued) {
   makeRunning();
   {
     const ReplacedWaits wait([&] {

@@ -25,7 +25,7 @@ TEST_F(ZPIActiveChannelTest, NeverOpenedItIsClosed) {
   EXPECT_EQ(_line->reads(), 0U);
 }
 
-TEST_F(ZPIActiveChannelTest, NeverOpenedItRefusesToReadAndToWrite) {
+TEST_F(ZPIActiveChannelTest, NeverOpenedItRejectsReadsAndWrites) {
   makeNeverOpened();
   expectTalkRefusedAsClosed();
 }
@@ -60,7 +60,7 @@ TEST_F(ZPIActiveChannelTest, AFailedOpenBelowStartsNoThread) {
   expectTalkRefusedAsClosed();
 }
 
-TEST_F(ZPIActiveChannelTest, AFailedOpenBelowWithoutAnErrorLeavesTheSlotAlone) {
+TEST_F(ZPIActiveChannelTest, AFailedOpenBelowWithoutErrorLeavesTheSlotAlone) {
   class SilentlyFailing final : public ZPKDataChannel {
     bool openWithTimeout(double, ZPKErrorPtr*) override { return false; }
     bool close(ZPKErrorPtr*) override { return false; }
@@ -82,7 +82,7 @@ TEST_F(ZPIActiveChannelTest, RunningItIsOpen) {
   EXPECT_TRUE(_channel->isOpened());
 }
 
-TEST_F(ZPIActiveChannelTest, RunningItReadsBelowInSlicesWithoutBeingAsked) {
+TEST_F(ZPIActiveChannelTest, RunningItReadsBelowInSlicesUnasked) {
   makeRunning();
   expectReadsInSlices();
 }
@@ -103,19 +103,19 @@ TEST_F(ZPIActiveChannelTest, RunningItPassesWrites) {
   EXPECT_TRUE(_channel->isOpened());
 }
 
-TEST_F(ZPIActiveChannelTest, RunningItRefusesAResetAndGoesOn) {
+TEST_F(ZPIActiveChannelTest, RunningItRejectsAResetAndGoesOn) {
   makeRunning();
   expectResetRefused();
   expectDelivers("still here");
 }
 
-TEST_F(ZPIActiveChannelTest, RunningItRefusesASecondOpenAndGoesOn) {
+TEST_F(ZPIActiveChannelTest, RunningItRejectsASecondOpenAndGoesOn) {
   makeRunning();
   expectOpenRefused();
   expectDelivers("still here");
 }
 
-TEST_F(ZPIActiveChannelTest, RunningItClosesItsThreadAndThenBelow) {
+TEST_F(ZPIActiveChannelTest, RunningItEndsItsThreadAndThenClosesBelow) {
   makeRunning();
   ASSERT_TRUE(waitFor([&] { return _line->isBeingRead(); }));
   const LogCapture log;
@@ -127,7 +127,7 @@ TEST_F(ZPIActiveChannelTest, RunningItClosesItsThreadAndThenBelow) {
   EXPECT_FALSE(_line->isOpened());
   EXPECT_FALSE(_line->isBeingRead());
   EXPECT_EQ(_line->count("close"), 1U);
-  // A reader that was still there when the line closed would have found it closed and failed.
+  // A reader that still ran when the line was closed would have failed.
   expectCloseRefused();
 }
 
@@ -149,7 +149,7 @@ TEST_F(ZPIActiveChannelTest, ClosedItIsClosed) {
   EXPECT_FALSE(_channel->isOpened());
 }
 
-TEST_F(ZPIActiveChannelTest, ClosedItRefusesToReadAndToWrite) {
+TEST_F(ZPIActiveChannelTest, ClosedItRejectsReadsAndWrites) {
   makeClosed();
   expectTalkRefusedAsClosed();
 }
@@ -164,7 +164,7 @@ TEST_F(ZPIActiveChannelTest, ClosedItCannotBeClosedAgain) {
   expectCloseRefused();
 }
 
-TEST_F(ZPIActiveChannelTest, ClosedItOpensWithANewQueueAndANewThread) {
+TEST_F(ZPIActiveChannelTest, ClosedItReopensWithANewQueueAndThread) {
   makeRunning();
   _line->deliver("of the last time");
   ASSERT_TRUE(_line->waitUntilAllIsHandedOn());
@@ -202,7 +202,7 @@ TEST_F(ZPIActiveChannelTest, OverAnOpenLineItRunsAtOnce) {
 
 // --- The null form
 
-TEST_F(ZPIActiveChannelTest, TheNullFormRefusesToTalkInEveryState) {
+TEST_F(ZPIActiveChannelTest, TheNullFormRejectsReadsAndWritesInEveryState) {
   makeNeverOpened(false);
   expectTalkRefusedAsNull();
   makeFailed(deviceError(), false);
@@ -213,13 +213,13 @@ TEST_F(ZPIActiveChannelTest, TheNullFormRefusesToTalkInEveryState) {
   expectTalkRefusedAsNull();
 }
 
-TEST_F(ZPIActiveChannelTest, TheNullFormReadsBelowAllTheSame) {
+TEST_F(ZPIActiveChannelTest, TheNullFormReadsBelowToo) {
   makeRunning(false);
   expectReadsInSlices();
   expectDelivers("dropped", false);
 }
 
-TEST_F(ZPIActiveChannelTest, TheNullFormOpensClosesAndResetsAsTheOther) {
+TEST_F(ZPIActiveChannelTest, TheNullFormOpensClosesAndResetsLikeTheOther) {
   makeNeverOpened(false);
   EXPECT_FALSE(_channel->isOpened());
   expectResetForwarded();
@@ -233,7 +233,7 @@ TEST_F(ZPIActiveChannelTest, TheNullFormOpensClosesAndResetsAsTheOther) {
   expectCloseRefused();
 }
 
-TEST_F(ZPIActiveChannelTest, TheNullFormFailsAsTheOther) {
+TEST_F(ZPIActiveChannelTest, TheNullFormFailsLikeTheOther) {
   makeFailed(deviceError(), false);
   EXPECT_FALSE(_channel->isOpened());
   expectCloseRepeats(*deviceError());
@@ -250,7 +250,7 @@ TEST_F(ZPIActiveChannelTest, TheNullFormRunsAtOnceOverAnOpenLine) {
 
 // --- Factories
 
-TEST(CreateActiveChannelTest, MakesTheFormThatReads) {
+TEST(CreateActiveChannelTest, CreatesTheFormThatReads) {
   const LogCapture log;
   ZPKErrorPtr error = olderError();
   const auto line = WaitingChannel::make();
@@ -265,7 +265,7 @@ TEST(CreateActiveChannelTest, MakesTheFormThatReads) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST(CreateActiveNullChannelTest, MakesTheFormThatOnlyDrains) {
+TEST(CreateActiveNullChannelTest, CreatesTheFormThatOnlyDrains) {
   ZPKErrorPtr error = olderError();
   const auto line = WaitingChannel::make();
   const ZPKDataChannelPtr channel = createActiveNullChannel(line, &error);

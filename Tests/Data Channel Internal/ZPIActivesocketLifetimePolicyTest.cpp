@@ -55,7 +55,7 @@ TEST(ZPIActivesocketLifetimePolicyTest, ThePathOfAUnixURLIsDecoded) {
   EXPECT_EQ(calls.count("connect AF_UNIX /no such file"), 1U);
 }
 
-TEST(ZPIActivesocketLifetimePolicyTest, APortKeepsItsLow16BitsAndAMissingOneIsZero) {
+TEST(ZPIActivesocketLifetimePolicyTest, OnlyTheLow16BitsOfAPortCount) {
   const std::pair<const char*, const char*> cases[] = {
       {"tcp://127.0.0.1:70000", "connect AF_INET 127.0.0.1:4464"},
       {"tcp://127.0.0.1:65535", "connect AF_INET 127.0.0.1:65535"},

@@ -18,7 +18,7 @@ using testing::ElementsAre;
 
 class ZPIAggregatingTransformerChannelTest : public testing::Test {
  protected:
-  // What a read gives; null for null. The slot must stay as it was.
+  // The result of a read; null for null. Expects that the slot is not touched.
   std::optional<std::string> read() const {
     ZPKErrorPtr error = olderError();
     const ZPKDataPtr data = channel->readWithTimeout(1.5, &error);
@@ -44,7 +44,7 @@ TEST_F(ZPIAggregatingTransformerChannelTest, AnIncompleteUnitIsEmptyDataAfterOne
   EXPECT_EQ(read(), "half> ");
 }
 
-TEST_F(ZPIAggregatingTransformerChannelTest, ASecondUnitComesWithoutAReadBelow) {
+TEST_F(ZPIAggregatingTransformerChannelTest, ASecondUnitNeedsNoReadBelow) {
   below->addRead("a> b> c");
   EXPECT_EQ(read(), "a> ");
   EXPECT_EQ(read(), "b> ");
@@ -54,7 +54,7 @@ TEST_F(ZPIAggregatingTransformerChannelTest, ASecondUnitComesWithoutAReadBelow) 
   EXPECT_EQ(held(), "c");
 }
 
-TEST_F(ZPIAggregatingTransformerChannelTest, ASecondUnitComesFromAChannelThatHasClosed) {
+TEST_F(ZPIAggregatingTransformerChannelTest, ASecondUnitIsReturnedAfterTheChannelBelowCloses) {
   below->addRead("a> b> ");
   below->addFailedRead(errorWithCode(5));
   EXPECT_EQ(read(), "a> ");
@@ -65,7 +65,7 @@ TEST_F(ZPIAggregatingTransformerChannelTest, ASecondUnitComesFromAChannelThatHas
   EXPECT_EQ(error->code(), 5);
 }
 
-TEST_F(ZPIAggregatingTransformerChannelTest, AFailedReadLeavesWhatIsHeld) {
+TEST_F(ZPIAggregatingTransformerChannelTest, AFailedReadKeepsHeldBytes) {
   LogCapture log;
   below->addRead("half");
   below->addFailedRead(errorWithCode(5), false);
@@ -89,7 +89,7 @@ TEST_F(ZPIAggregatingTransformerChannelTest, ACleanCloseBelowGivesNullWithoutAnE
   EXPECT_EQ(held(), "half");
 }
 
-// [ab> cd> ] in every way to cut it.
+// Every way to split [ab> cd> ].
 TEST_F(ZPIAggregatingTransformerChannelTest, EverySplitOfTheSameBytesGivesTheSameUnits) {
   for (const Chunks& chunks : everySplit("ab> cd> ")) {
     for (const std::string& chunk : chunks) below->addRead(chunk);
@@ -100,7 +100,7 @@ TEST_F(ZPIAggregatingTransformerChannelTest, EverySplitOfTheSameBytesGivesTheSam
   }
 }
 
-TEST_F(ZPIAggregatingTransformerChannelTest, AUnitUnderANewTerminatorComesWithoutAReadBelow) {
+TEST_F(ZPIAggregatingTransformerChannelTest, AUnitUnderANewTerminatorNeedsNoReadBelow) {
   below->addRead("a$ b> c");
   EXPECT_EQ(read(), "a$ b> ");
   aggregator->buffer()->setContents(*dataOf("x$ y"));
@@ -182,7 +182,7 @@ TEST_F(ZPIAggregatingTransformerChannelTest, ResetEmptiesTheAggregatorAndReaches
   EXPECT_THAT(below->calls(), ElementsAre("read", "reset"));
 }
 
-TEST_F(ZPIAggregatingTransformerChannelTest, AFailedResetBelowIsReportedAndTheAggregatorIsEmpty) {
+TEST_F(ZPIAggregatingTransformerChannelTest, AFailedResetBelowStillEmptiesTheAggregator) {
   below->addRead("half");
   EXPECT_EQ(read(), "");
   below->setResetResult(false, errorWithCode(1));
@@ -202,7 +202,7 @@ TEST_F(ZPIAggregatingTransformerChannelTest, HeldBytesSurviveCloseAndOpen) {
   EXPECT_EQ(read(), "half> ");
 }
 
-// Whatever way is taken inside, every read must do what its plain steps do.
+// Whichever path the code takes, every read must do what its plain steps do.
 TEST_F(ZPIAggregatingTransformerChannelTest, EveryReadDoesWhatThePlainStepsDo) {
   const auto plainAggregator =
       ZPKMutableDataAggregatorTransformer::initWithTerminator(aggregator->data2Find());
@@ -243,7 +243,7 @@ TEST_F(ZPIAggregatingTransformerChannelTest, EveryReadDoesWhatThePlainStepsDo) {
   }
 }
 
-TEST_F(ZPIAggregatingTransformerChannelTest, WithoutAnAggregatorReadsComeUncut) {
+TEST_F(ZPIAggregatingTransformerChannelTest, WithoutAnAggregatorReadsAreNotSplit) {
   const auto bare = ZPIAggregatingTransformerChannel::initWithChannel(below, nullptr);
   below->addRead("one> tw");
   below->addRead("");
@@ -257,7 +257,7 @@ TEST_F(ZPIAggregatingTransformerChannelTest, WithoutAnAggregatorReadsComeUncut) 
   EXPECT_EQ(error->code(), 5);
 }
 
-TEST_F(ZPIAggregatingTransformerChannelTest, WithoutAnAggregatorResetGoesDownAndFails) {
+TEST_F(ZPIAggregatingTransformerChannelTest, WithoutAnAggregatorResetIsPassedDownAndFails) {
   const auto bare = ZPIAggregatingTransformerChannel::initWithChannel(below, nullptr);
   ZPKErrorPtr error = olderError();
   EXPECT_FALSE(bare->reset(&error));

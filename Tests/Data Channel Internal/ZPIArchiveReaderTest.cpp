@@ -21,8 +21,8 @@ std::unique_ptr<ZPIArchiveReader> read(std::string_view bytes, ZPKErrorPtr* erro
   return ZPIArchiveReader::initForReading(ZPKData::dataWithString(bytes), error);
 }
 
-// What is wrong with an archive under the key "k" that holds `item`; the position is counted from
-// the item's own start.
+// The error for an archive that holds `item` under the key "k"; the position is relative to the
+// start of the item.
 void expectProblem(std::string_view item, ZPIArchiveError problem, size_t position,
                    const std::string& text) {
   constexpr std::string_view kStart = "\xa1\x61k";
@@ -67,7 +67,7 @@ TEST(ZPIArchiveReaderTest, AReadableArchiveLeavesTheSlotAlone) {
   EXPECT_EQ(error, olderError());
 }
 
-TEST(ZPIArchiveReaderTest, WhatDoesNotStartWithAMapIsNoArchive) {
+TEST(ZPIArchiveReaderTest, AnArchiveMustStartWithAMap) {
   for (const std::string_view bytes : {"\x01"sv, "\x61k"sv, "\x81\x01"sv, "\xf6"sv, "hello"sv}) {
     ZPKErrorPtr error;
     EXPECT_EQ(read(bytes, &error), nullptr);
@@ -75,7 +75,7 @@ TEST(ZPIArchiveReaderTest, WhatDoesNotStartWithAMapIsNoArchive) {
   }
 }
 
-TEST(ZPIArchiveReaderTest, AMapOfAnotherSizeIsReadableAndHoldsNoObject) {
+TEST(ZPIArchiveReaderTest, AMapOfADifferentSizeHoldsNoObject) {
   for (const std::string_view bytes : {"\xa0"sv, "\xa2\x61k\x01\x61l\x02"sv}) {
     ZPKErrorPtr error;
     const auto reader = read(bytes, &error);
@@ -85,7 +85,7 @@ TEST(ZPIArchiveReaderTest, AMapOfAnotherSizeIsReadableAndHoldsNoObject) {
   }
 }
 
-TEST(ZPIArchiveReaderTest, AnotherKeyHoldsNoObject) {
+TEST(ZPIArchiveReaderTest, ADifferentKeyHoldsNoObject) {
   const auto reader = read("\xa1\x61k\x01");
   ASSERT_NE(reader, nullptr);
   EXPECT_EQ(reader->decodeObjectForKey("K", kAll), nullptr);
@@ -94,7 +94,7 @@ TEST(ZPIArchiveReaderTest, AnotherKeyHoldsNoObject) {
   EXPECT_NE(reader->decodeObjectForKey("k", kAll), nullptr);
 }
 
-TEST(ZPIArchiveReaderTest, OnlyTheClassesThatAreAskedForAreDecoded) {
+TEST(ZPIArchiveReaderTest, OnlyTheRequestedClassesAreDecoded) {
   struct Case {
     std::string_view bytes;
     std::type_index type;
@@ -114,7 +114,7 @@ TEST(ZPIArchiveReaderTest, OnlyTheClassesThatAreAskedForAreDecoded) {
   }
 }
 
-TEST(ZPIArchiveReaderTest, ArraysAndNullAreReadableAndNeverDecoded) {
+TEST(ZPIArchiveReaderTest, ArraysAndNullAreReadableButNeverDecoded) {
   ZPKClassSet withArrays = kAll;
   withArrays.insert(typeid(ZPKArray));
   for (const std::string_view bytes :
@@ -134,50 +134,50 @@ TEST(ZPIArchiveReaderTest, AnArchiveCanBeDecodedMoreThanOnce) {
   EXPECT_TRUE(ZPKObjectsAreEqual(first, reader->decodeObjectForKey("k", kAll)));
 }
 
-TEST(ZPIArchiveReaderTest, BytesBehindTheArchiveAreRefused) {
+TEST(ZPIArchiveReaderTest, BytesAfterTheArchiveAreRejected) {
   ZPKErrorPtr error;
   EXPECT_EQ(read("\xa1\x61k\x01\x00"sv, &error), nullptr);
   EXPECT_EQ(error->debugDescription(), "CBOR (2): there are bytes behind the archive, at byte 4");
 }
 
-TEST(ZPIArchiveReaderTest, TagsAreRefused) {
+TEST(ZPIArchiveReaderTest, TagsAreRejected) {
   expectNotAllowed("\xc0\x61t", 0);
   expectNotAllowed("\xd8\x2a\x01", 0);
 }
 
-TEST(ZPIArchiveReaderTest, FloatsOf16And32BitsAreRefused) {
+TEST(ZPIArchiveReaderTest, FloatsOf16And32BitsAreRejected) {
   expectNotAllowed("\xf9\x3c\x00"sv, 0);
   expectNotAllowed("\xfa\x3f\x80\x00\x00"sv, 0);
 }
 
-TEST(ZPIArchiveReaderTest, UndefinedAndOtherSimpleValuesAreRefused) {
+TEST(ZPIArchiveReaderTest, UndefinedAndOtherSimpleValuesAreRejected) {
   expectNotAllowed("\xf7", 0);
   expectNotAllowed("\xe0", 0);
   expectNotAllowed("\xf8\xff", 0);
   expectNotAllowed("\xff", 0);
 }
 
-TEST(ZPIArchiveReaderTest, IndefiniteLengthsAreRefused) {
+TEST(ZPIArchiveReaderTest, IndefiniteLengthsAreRejected) {
   expectNotAllowed("\x5f\x41x\xff", 0);
   expectNotAllowed("\x7f\x61x\xff", 0);
   expectNotAllowed("\x9f\x01\xff", 0);
   expectNotAllowed("\xbf\x61x\x01\xff", 0);
 }
 
-TEST(ZPIArchiveReaderTest, KeysThatAreNoTextAreRefused) {
+TEST(ZPIArchiveReaderTest, KeysThatAreNotTextAreRejected) {
   expectNotAllowed("\xa1\x01\x01", 1);
   expectNotAllowed("\xa1\x41x\x01", 1);
   expectNotAllowed("\xa1\xa0\x01", 1);
   expectNotAllowed("\xa1\xf6\x01", 1);
 }
 
-TEST(ZPIArchiveReaderTest, IntegersBelowTheSmallestOf64BitsAreRefused) {
+TEST(ZPIArchiveReaderTest, IntegersBelowTheSmallestOf64BitsAreRejected) {
   EXPECT_NE(read("\xa1\x61k\x3b\x7f\xff\xff\xff\xff\xff\xff\xff"), nullptr);
   expectNotAllowed("\x3b\x80\x00\x00\x00\x00\x00\x00\x00"sv, 0);
   expectNotAllowed("\x3b\xff\xff\xff\xff\xff\xff\xff\xff", 0);
 }
 
-TEST(ZPIArchiveReaderTest, LongFormsOfShortNumbersAreRefused) {
+TEST(ZPIArchiveReaderTest, LongFormsOfShortNumbersAreRejected) {
   expectNotCanonical("\x18\x17", 0);
   expectNotCanonical("\x39\x00\x01"sv, 0);
   expectNotCanonical("\x58\x01x", 0);
@@ -187,26 +187,26 @@ TEST(ZPIArchiveReaderTest, LongFormsOfShortNumbersAreRefused) {
   expectNotCanonical("\xa1\x78\x01x\x01", 1);
 }
 
-TEST(ZPIArchiveReaderTest, RepeatedKeysAreRefused) {
+TEST(ZPIArchiveReaderTest, RepeatedKeysAreRejected) {
   expectNotCanonical("\xa2\x61\x61\x01\x61\x61\x02", 4);
   expectNotCanonical("\xa2\x60\x01\x60\x02", 3);
   expectNotCanonical("\xa2\x61\x61\x01\x61\x61\x01", 4);
 }
 
-TEST(ZPIArchiveReaderTest, KeysOutOfOrderAreRefused) {
+TEST(ZPIArchiveReaderTest, KeysOutOfOrderAreRejected) {
   expectNotCanonical("\xa2\x61\x62\x01\x61\x61\x02", 4);
   expectNotCanonical("\xa2\x62\x61\x61\x01\x61\x62\x02", 5);
   EXPECT_NE(read("\xa1\x61k\xa2\x61\x62\x01\x62\x61\x61\x02"), nullptr);
 }
 
-TEST(ZPIArchiveReaderTest, TheOrderOfKeysIsThatOfTheirOwnDictionary) {
+TEST(ZPIArchiveReaderTest, KeysAreOrderedWithinTheirOwnDictionary) {
   // {"b": {"a": 1}, "c": 2} has the keys b, a, c in this order.
   EXPECT_NE(read("\xa1\x61k\xa2\x61\x62\xa1\x61\x61\x01\x61\x63\x02"), nullptr);
   // {"b": {"c": 1}, "a": 2}
   expectNotCanonical("\xa2\x61\x62\xa1\x61\x63\x01\x61\x61\x02", 7);
 }
 
-TEST(ZPIArchiveReaderTest, TextThatIsNotUTF8IsRefused) {
+TEST(ZPIArchiveReaderTest, TextThatIsNotUTF8IsRejected) {
   expectNotText("\x61\xff", 0);
   expectNotText("\x62\xc0\x80", 0);
   expectNotText("\x63\xed\xa0\x80", 0);
@@ -225,7 +225,7 @@ TEST(ZPIArchiveReaderTest, LengthsNearTwoToThe64AreTooLong) {
   }
 }
 
-TEST(ZPIArchiveReaderTest, CountsThatTheBytesCannotHoldAreRefusedAtOnce) {
+TEST(ZPIArchiveReaderTest, CountsThatExceedTheBytesAreRejectedAtOnce) {
   expectTooShort("\x9a\x7f\xff\xff\xff\x01", 0);
   expectTooShort("\xba\x7f\xff\xff\xff\x61x\x01", 0);
   expectTooShort("\x82\x01", 0);
@@ -234,9 +234,9 @@ TEST(ZPIArchiveReaderTest, CountsThatTheBytesCannotHoldAreRefusedAtOnce) {
   expectTooShort("\x62x", 0);
 }
 
-TEST(ZPIArchiveReaderTest, WhatEndsTooEarlyIsTheInnermostItemThatDoes) {
-  expectTooShort("\x82\x81\x01", 3);          // the second element is not there
-  expectTooShort("\x82\x01\x82\x01", 2);      // of the inner two elements one is there
+TEST(ZPIArchiveReaderTest, TheInnermostItemThatEndsTooEarlyIsReported) {
+  expectTooShort("\x82\x81\x01", 3);          // the second element is missing
+  expectTooShort("\x82\x01\x82\x01", 2);      // only one of the two inner elements
   expectTooShort("\xa1\x61x\x42y", 3);        // a value's bytes
   expectTooShort("\xa1\x63x\x01", 1);         // a key's bytes
   expectTooShort("\x1b\x01\x02\x03\x04", 0);  // a number's bytes

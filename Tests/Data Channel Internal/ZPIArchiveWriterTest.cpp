@@ -33,7 +33,7 @@ std::string hexOf(const ZPKValue& value) {
   return hex.starts_with("h'a1616b") ? hex.substr(8, hex.size() - 9) : "no archive: " + hex;
 }
 
-TEST(ZPIArchiveWriterTest, IntegersTakeTheShortestForm) {
+TEST(ZPIArchiveWriterTest, IntegersHaveTheShortestForm) {
   EXPECT_EQ(hexOf(0), "00");
   EXPECT_EQ(hexOf(24), "1818");
   EXPECT_EQ(hexOf(-1), "20");
@@ -82,7 +82,7 @@ TEST(ZPIArchiveWriterTest, TextThatIsNotUTF8CannotBeWritten) {
   EXPECT_EQ(write(ZPKValue(1), "\xff"), nullptr);
 }
 
-TEST(ZPIArchiveWriterTest, AClassOfACallersOwnCannotBeWritten) {
+TEST(ZPIArchiveWriterTest, ACallersOwnClassCannotBeWritten) {
   const ZPKObjectPtr plain = std::make_shared<const Plain>();
   EXPECT_EQ(write(plain), nullptr);
   EXPECT_EQ(write(ZPKDictionary::init({{"a", 1}, {"b", {{"c", plain}}}})), nullptr);
@@ -95,7 +95,7 @@ TEST(ZPIArchiveWriterTest, DataOfADerivedClassAreWritten) {
   EXPECT_EQ(write(std::make_shared<const DerivedData>())->view(), "\xa1\x61k\x40");
 }
 
-TEST(ZPIArchiveWriterTest, HasNoBytesBeforeItWroteAndAfterItFinished) {
+TEST(ZPIArchiveWriterTest, HasNoBytesBeforeWritingAndAfterFinishing) {
   auto writer = ZPIArchiveWriter::initRequiringSecureCoding();
   EXPECT_EQ(writer.encodedData(), nullptr);
   writer.encodeObjectForKey(ZPKValue(1), "k");

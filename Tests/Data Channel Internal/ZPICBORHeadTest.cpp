@@ -32,7 +32,7 @@ ZPICBORHeadResult read(const std::string& input) {
   return ZPIReadCBORHead(input, &head);
 }
 
-// The numbers at which the form changes, and what they look like behind a first byte of 0.
+// The numbers at which the form changes, and their encoded form; the kind in the first byte is 0.
 struct Form {
   uint64_t argument;
   std::string encoded;
@@ -97,7 +97,7 @@ TEST(ZPICBORHeadTest, EveryKindIsReadBackInEveryForm) {
   }
 }
 
-// Each byte of the number has its own value, so that none can change places unnoticed.
+// Each byte of the number has a different value, so that no two can be swapped unnoticed.
 TEST(ZPICBORHeadTest, NumbersAreBigEndian) {
   for (const auto& [argument, encoded] :
        {Form{0xA1, bytes({24, 0xA1})}, Form{0xA1B2, bytes({25, 0xA1, 0xB2})},
@@ -110,7 +110,7 @@ TEST(ZPICBORHeadTest, NumbersAreBigEndian) {
   }
 }
 
-TEST(ZPICBORHeadTest, AHeadThatIsCutIsTooShortAtEveryByte) {
+TEST(ZPICBORHeadTest, AHeadThatIsTruncatedAnywhereIsTooShort) {
   for (const auto& [argument, encoded] : kForms) {
     for (size_t length = 0; length < encoded.size(); ++length) {
       EXPECT_EQ(read(encoded.substr(0, length)), ZPICBORHeadResult::TooShort) << argument;
@@ -119,7 +119,7 @@ TEST(ZPICBORHeadTest, AHeadThatIsCutIsTooShortAtEveryByte) {
   EXPECT_EQ(read(bytes({0xFB, 0, 0, 0, 0, 0, 0, 0})), ZPICBORHeadResult::TooShort);
 }
 
-TEST(ZPICBORHeadTest, ANumberInALongerFormThanItNeedsIsNotCanonical) {
+TEST(ZPICBORHeadTest, ANumberInANeedlesslyLongFormIsNotCanonical) {
   EXPECT_EQ(read(bytes({24, 23})), ZPICBORHeadResult::NotCanonical);
   EXPECT_EQ(read(bytes({25, 0, 255})), ZPICBORHeadResult::NotCanonical);
   EXPECT_EQ(read(bytes({26, 0, 0, 255, 255})), ZPICBORHeadResult::NotCanonical);
@@ -135,7 +135,7 @@ TEST(ZPICBORHeadTest, ReservedAndIndefiniteFormsAreNotAllowedForAnyKind) {
   }
 }
 
-TEST(ZPICBORHeadTest, OfTheSimpleValuesOnlyFalseTrueNullAndDoublesAreAllowed) {
+TEST(ZPICBORHeadTest, OnlyFalseTrueNullAndDoublesAreAllowedAsSimpleValues) {
   for (int information = 0; information < 32; ++information) {
     const bool isGood = (information >= 20 && information <= 22) || information == 27;
     EXPECT_EQ(read(bytes({0xE0 | information, 0, 0, 0, 0, 0, 0, 0, 0})),

@@ -16,7 +16,7 @@ namespace {
 
 using testing::ElementsAre;
 
-// A caller's own channel, which hands everything down.
+// A caller's own channel, which passes everything down.
 class CallersChannel final : public ZPKDataChannel {
  public:
   explicit CallersChannel(ZPKDataChannelPtr channel) : _channel(std::move(channel)) {}
@@ -58,7 +58,7 @@ class Chain {
   ZPKDataChannelPtr top;
 };
 
-TEST(ZPIChannelAbilitiesTest, AnAggregatingChannelHandsUpAHeldUnit) {
+TEST(ZPIChannelAbilitiesTest, AnAggregatingChannelPassesUpAHeldUnit) {
   const Chain chain(false);
   const auto channel = createAggregatingTransformerChannel(chain.below, chain.aggregator);
   ZPIChannelAbilities* const abilities = ZPIChannelAbilities::of(channel.get());
@@ -78,7 +78,7 @@ TEST(ZPIChannelAbilitiesTest, ACallersChannelHasNone) {
   EXPECT_EQ(ZPIChannelAbilities::of(chain.between.get()), nullptr);
 }
 
-TEST(ZPIChannelAbilitiesTest, AHeldUnitComesThroughACallersChannelByARead) {
+TEST(ZPIChannelAbilitiesTest, AReadPassesAHeldUnitThroughACallersChannel) {
   const Chain chain(true);
   chain.below->addRead("a;b;");
   EXPECT_EQ(bytesOf(chain.top->readWithTimeout(1000.0)), "a;");
@@ -97,7 +97,7 @@ class Step {
     _timeout = kTimeouts[random() % 3];
   }
 
-  // What there is to be seen of the step.
+  // Everything a caller can see of the step.
   std::string playOn(const Chain& chain) const {
     if (_choice == 0) chain.aggregator->setData2Find(dataOf(_terminator));
     if (_choice == 1) chain.aggregator->setData2Find(nullptr);
@@ -122,7 +122,7 @@ class Step {
   double _timeout;
 };
 
-TEST(ZPIChannelAbilitiesTest, WithAndWithoutThemEveryReadGivesTheSame) {
+TEST(ZPIChannelAbilitiesTest, WithAndWithoutThemEveryReadReturnsTheSame) {
   const Chain plain(true);
   const Chain able(false);
   std::mt19937 random(17);

@@ -29,7 +29,7 @@ class ZPIChannelTransformerTest : public testing::Test {
     return ZPIChannelTransformer::initWithChannel(below, std::move(read), {}, true);
   }
 
-  // What a read gives; null for null. The slot must stay as it was.
+  // The result of a read; null for null. Expects that the slot is not touched.
   std::optional<std::string> read(const Channel& channel) const {
     ZPKErrorPtr error = olderError();
     const ZPKDataPtr data = channel->readWithTimeout(1.5, &error);
@@ -51,7 +51,7 @@ TEST_F(ZPIChannelTransformerTest, WithoutTransformersAReadPasses) {
   EXPECT_THAT(below->readTimeouts(), ElementsAre(1.5, 1.5));
 }
 
-TEST_F(ZPIChannelTransformerTest, ReadTransformersRunInTheirOrderOnOneBuffer) {
+TEST_F(ZPIChannelTransformerTest, ReadTransformersRunInOrderOnOneBuffer) {
   const auto first = ScriptedTransformer::adding("1");
   const auto second = ScriptedTransformer::adding("2");
   const auto written = ScriptedTransformer::adding("w");
@@ -101,7 +101,7 @@ TEST_F(ZPIChannelTransformerTest, AResultThatNobodyElseHoldsIsNotCopied) {
   EXPECT_EQ(result->bytes(), bytes);
 }
 
-TEST_F(ZPIChannelTransformerTest, ASwallowedReadIsEmptyAtOnceAndNotRepeated) {
+TEST_F(ZPIChannelTransformerTest, ASwallowedReadReturnsEmptyDataAtOnce) {
   const auto channel = wrap({ScriptedTransformer::emptying()});
   below->addRead("abc");
   below->addRead("def");
@@ -120,7 +120,7 @@ TEST_F(ZPIChannelTransformerTest, AnEmptyReadRunsTheTransformersToo) {
   EXPECT_EQ(aggregator->buffer()->view(), "c");
 }
 
-TEST_F(ZPIChannelTransformerTest, AFailedReadPassesRunsNoTransformerAndDropsNothing) {
+TEST_F(ZPIChannelTransformerTest, AFailedReadRunsNoTransformerAndDropsNothing) {
   LogCapture log;
   const auto aggregator = ZPKMutableDataAggregatorTransformer::initWithTerminator(dataOf(";"));
   const auto watcher = ScriptedTransformer::make();
@@ -174,7 +174,7 @@ TEST_F(ZPIChannelTransformerTest, PrereadNoticesAFailureBelowOnlyWhenNothingIsHe
   EXPECT_EQ(error->code(), 5);
 }
 
-TEST_F(ZPIChannelTransformerTest, PrereadWithNothingHeldRunsAllOnAnEmptyBufferAndThenReads) {
+TEST_F(ZPIChannelTransformerTest, PrereadRunsAllTransformersOnAnEmptyBufferThenReads) {
   const auto first = ScriptedTransformer::make();
   const auto second = ScriptedTransformer::make();
   const auto channel = wrapWithPreread({first, second});
@@ -184,7 +184,7 @@ TEST_F(ZPIChannelTransformerTest, PrereadWithNothingHeldRunsAllOnAnEmptyBufferAn
   EXPECT_THAT(second->chunks(), ElementsAre("", "abc"));
 }
 
-TEST_F(ZPIChannelTransformerTest, PrereadTakesWhatTheTransformersMakeOfNothing) {
+TEST_F(ZPIChannelTransformerTest, PrereadReturnsWhatTheTransformersAddToAnEmptyBuffer) {
   const auto channel = wrapWithPreread({ScriptedTransformer::adding("1")});
   below->addRead("abc");
   EXPECT_EQ(read(channel), "1");
@@ -202,7 +202,7 @@ TEST_F(ZPIChannelTransformerTest, WithoutPrereadTheTransformersSeeOnlyWhatIsRead
 
 // --- Writes.
 
-TEST_F(ZPIChannelTransformerTest, WriteTransformersRunInTheirOrderOnACopy) {
+TEST_F(ZPIChannelTransformerTest, WriteTransformersRunInOrderOnACopy) {
   const auto readWatcher = ScriptedTransformer::make();
   const auto channel =
       wrap({readWatcher}, {ScriptedTransformer::adding("1"), ScriptedTransformer::adding("2")});
@@ -215,7 +215,7 @@ TEST_F(ZPIChannelTransformerTest, WriteTransformersRunInTheirOrderOnACopy) {
   EXPECT_THAT(readWatcher->chunks(), ElementsAre());
 }
 
-TEST_F(ZPIChannelTransformerTest, ANullWriteIsFalseWithoutErrorLogTransformersOrAWriteBelow) {
+TEST_F(ZPIChannelTransformerTest, ANullWriteFailsWithoutErrorLogOrWriteBelow) {
   LogCapture log;
   const auto watcher = ScriptedTransformer::make();
   for (const auto& channel : {wrap({}), wrap({}, {watcher})}) {
@@ -234,7 +234,7 @@ TEST_F(ZPIChannelTransformerTest, AnEmptyWriteGoesThroughTheTransformers) {
   EXPECT_THAT(below->writes(), ElementsAre("\n"));
 }
 
-TEST_F(ZPIChannelTransformerTest, AnEmptiedWriteStillGoesDown) {
+TEST_F(ZPIChannelTransformerTest, AnEmptiedWriteIsStillPassedDown) {
   EXPECT_TRUE(wrap({}, {ScriptedTransformer::emptying()})->write(dataOf("abc"), nullptr));
   EXPECT_THAT(below->writes(), ElementsAre(""));
 }
@@ -248,7 +248,7 @@ TEST_F(ZPIChannelTransformerTest, AFailedWritePassesItsError) {
   EXPECT_THAT(log.lines(), ElementsAre());
 }
 
-TEST_F(ZPIChannelTransformerTest, WhatPassesIsNeverAFormat) {
+TEST_F(ZPIChannelTransformerTest, DataIsNeverUsedAsAFormat) {
   LogCapture log;
   const auto channel = wrap({ScriptedTransformer::make()}, {ScriptedTransformer::make()});
   below->addRead("%s%n%@%d");
@@ -260,7 +260,7 @@ TEST_F(ZPIChannelTransformerTest, WhatPassesIsNeverAFormat) {
 
 // --- Reset, open, close.
 
-// The members of a walk, in the order in which they are reset.
+// The members of the chain, in the order in which they are reset.
 class ZPIChannelTransformerResetTest : public ZPIChannelTransformerTest {
  protected:
   ZPIChannelTransformerResetTest() {
@@ -284,7 +284,7 @@ class ZPIChannelTransformerResetTest : public ZPIChannelTransformerTest {
   Channel channel;
 };
 
-TEST_F(ZPIChannelTransformerResetTest, ReachesTheReadListTheWriteListAndTheChannelInThatOrder) {
+TEST_F(ZPIChannelTransformerResetTest, ResetsTheReadListTheWriteListAndTheChannel) {
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(channel->reset(&error));
   EXPECT_EQ(error, olderError());
@@ -292,7 +292,7 @@ TEST_F(ZPIChannelTransformerResetTest, ReachesTheReadListTheWriteListAndTheChann
   EXPECT_THAT(below->calls(), ElementsAre("reset"));
 }
 
-TEST_F(ZPIChannelTransformerResetTest, WalksOnAfterAnyFailureAndReportsTheFirst) {
+TEST_F(ZPIChannelTransformerResetTest, ContinuesAfterAnyFailureAndReportsTheFirst) {
   for (size_t firstToFail = 5; firstToFail-- > 0;) {
     fail(firstToFail);  // and those after it, from the rounds before
     order.clear();
@@ -330,7 +330,7 @@ TEST_F(ZPIChannelTransformerTest, OpenAndCloseTouchNoTransformer) {
   EXPECT_THAT(transformer->chunks(), ElementsAre());
 }
 
-TEST_F(ZPIChannelTransformerTest, HeldBytesSurviveCloseAndOpenAndGoWithReset) {
+TEST_F(ZPIChannelTransformerTest, HeldBytesSurviveCloseAndOpenButNotReset) {
   const auto aggregator = ZPKMutableDataAggregatorTransformer::initWithTerminator(dataOf(";"));
   const auto channel = wrap({aggregator});
   below->addRead("half");
@@ -347,7 +347,7 @@ TEST_F(ZPIChannelTransformerTest, HeldBytesSurviveCloseAndOpenAndGoWithReset) {
 
 // --- The lists.
 
-TEST_F(ZPIChannelTransformerTest, ALaterChangeOfTheCallersListsDoesNotReachTheChannel) {
+TEST_F(ZPIChannelTransformerTest, TheChannelCopiesTheCallersLists) {
   ZPKDataTransformerArray list{ScriptedTransformer::adding("1")};
   const auto channel = ZPIChannelTransformer::initWithChannel(below, list, list);
   list.clear();
@@ -357,7 +357,7 @@ TEST_F(ZPIChannelTransformerTest, ALaterChangeOfTheCallersListsDoesNotReachTheCh
   EXPECT_THAT(below->writes(), ElementsAre("b1"));
 }
 
-TEST_F(ZPIChannelTransformerTest, ModifyDataRunsTheReadTransformersAlone) {
+TEST_F(ZPIChannelTransformerTest, ModifyDataRunsOnlyTheReadTransformers) {
   const auto channel = wrap({ScriptedTransformer::adding("1"), ScriptedTransformer::adding("2")},
                             {ScriptedTransformer::adding("w")});
   const ZPKMutableDataPtr data = chunkOf("a");
@@ -366,7 +366,7 @@ TEST_F(ZPIChannelTransformerTest, ModifyDataRunsTheReadTransformersAlone) {
   EXPECT_THAT(below->calls(), ElementsAre());
 }
 
-TEST_F(ZPIChannelTransformerTest, OneReaderAndOneWriterCanRunAtTheSameTime) {
+TEST_F(ZPIChannelTransformerTest, AReaderAndAWriterCanRunTogether) {
   const auto channel = wrap({ScriptedTransformer::adding("r")}, {ScriptedTransformer::adding("w")});
   std::thread writer([&] {
     for (int i = 0; i < 500; ++i) EXPECT_TRUE(channel->write(dataOf("a"), nullptr));

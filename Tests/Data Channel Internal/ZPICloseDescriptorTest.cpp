@@ -33,7 +33,7 @@ TEST(ZPICloseDescriptorTest, ClosesWithOneCallAndLeavesTheSlot) {
   ::close(ends[1]);
 }
 
-TEST(ZPICloseDescriptorTest, AFailureIsReportedAtTheSiteOfTheCaller) {
+TEST(ZPICloseDescriptorTest, AFailureIsReportedAtTheCallersSite) {
   const std::string text = std::string("Error closing port - ") + std::strerror(EBADF) + "(9)";
   LogCapture log;
   ZPKErrorPtr error = olderError();

@@ -16,7 +16,7 @@ namespace {
 
 class ZPIEchoRemovalChannelDeviceTest : public testing::TestWithParam<SimulatedDevice::Kind> {};
 
-TEST_P(ZPIEchoRemovalChannelDeviceTest, ADevicesEchoesVanish) {
+TEST_P(ZPIEchoRemovalChannelDeviceTest, ADevicesEchoesAreRemoved) {
   SimulatedDevice device(GetParam(), {.echoes = true,
                                       .responses = {{"version", "2.33\n"}, {"memory", "64k\n"}},
                                       .trickles = true});

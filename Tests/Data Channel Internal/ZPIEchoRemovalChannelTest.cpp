@@ -34,7 +34,7 @@ class ZPIEchoRemovalChannelTest : public testing::Test {
 
   bool write(std::string_view bytes) { return _channel->write(dataOf(bytes)); }
 
-  /// What a read gives when the channel below gives `bytes`; null for null.
+  /// The result of a read when the channel below returns `bytes`; null for null.
   std::optional<std::string> readOf(std::string_view bytes) {
     _below->addRead(bytes);
     return read();
@@ -54,14 +54,14 @@ class ZPIEchoRemovalChannelTest : public testing::Test {
 
 // --- Echoes.
 
-TEST_F(ZPIEchoRemovalChannelTest, TheEchoGoesAndTheResponseAndThePromptStay) {
+TEST_F(ZPIEchoRemovalChannelTest, TheEchoIsRemovedAndResponseAndPromptStay) {
   EXPECT_TRUE(write("ver\r\n"));
   EXPECT_EQ(readOf("ver\r\n2.33\r\n=> "), "2.33\r\n=> ");
   EXPECT_EQ(readOf(""), "");
-  EXPECT_EQ(readOf("ver\r\n"), "ver\r\n");  // the echo was taken once
+  EXPECT_EQ(readOf("ver\r\n"), "ver\r\n");  // the echo is removed only once
 }
 
-TEST_F(ZPIEchoRemovalChannelTest, ALoneEchoGivesEmptyData) {
+TEST_F(ZPIEchoRemovalChannelTest, OnlyAnEchoGivesEmptyData) {
   write("ver\r\n");
   EXPECT_EQ(readOf("ver\r\n"), "");
 }
@@ -101,7 +101,7 @@ TEST_F(ZPIEchoRemovalChannelTest, ResetForgetsTheEchoesOfADeviceThatNeverEchoes)
   EXPECT_EQ(readOf("=> "), "=> ");
 }
 
-TEST_F(ZPIEchoRemovalChannelTest, AnUnsolicitedLineAheadOfTheEchoPasses) {
+TEST_F(ZPIEchoRemovalChannelTest, AnUnsolicitedLineBeforeTheEchoPasses) {
   write("ver\r\n");
   EXPECT_EQ(readOf("[warning] hot\r\nver\r\n2.33\r\n"), "[warning] hot\r\n2.33\r\n");
 }
@@ -115,17 +115,17 @@ TEST_F(ZPIEchoRemovalChannelTest, ALineThatEqualsALaterWrittenLineIsData) {
   EXPECT_EQ(readOf("\r\ntwo\r\n"), "tail\r\n");
 }
 
-TEST_F(ZPIEchoRemovalChannelTest, AnEchoWithAnotherLineEndIsNoEcho) {
+TEST_F(ZPIEchoRemovalChannelTest, ALineWithADifferentTerminatorIsNotAnEcho) {
   write("ver\r\n");
   EXPECT_EQ(readOf("ver\n2.33\r\n"), "ver\n2.33\r\n");
 }
 
-TEST_F(ZPIEchoRemovalChannelTest, AnEchoInAnotherCaseIsNoEcho) {
+TEST_F(ZPIEchoRemovalChannelTest, ALineInADifferentCaseIsNotAnEcho) {
   write("ver\r\n");
   EXPECT_EQ(readOf("VER\r\n"), "VER\r\n");
 }
 
-TEST_F(ZPIEchoRemovalChannelTest, APartOfAnEchoIsNoEcho) {
+TEST_F(ZPIEchoRemovalChannelTest, APartOfALineIsNotAnEcho) {
   write("ver\r\n");
   EXPECT_EQ(readOf("version\r\n"), "version\r\n");
   EXPECT_EQ(readOf("=> ver\r\n"), "=> ver\r\n");
@@ -147,7 +147,7 @@ TEST_F(ZPIEchoRemovalChannelTest, OneWriteMakesSeveralLines) {
   EXPECT_EQ(readOf("three\r\n"), "");
 }
 
-TEST_F(ZPIEchoRemovalChannelTest, EqualLinesAreTakenOncePerWrite) {
+TEST_F(ZPIEchoRemovalChannelTest, EqualLinesAreRemovedOncePerWrite) {
   write("ver\r\nver\r\n");
   EXPECT_EQ(readOf("ver\r\nver\r\nver\r\n"), "ver\r\n");
 }
@@ -170,10 +170,10 @@ TEST_F(ZPIEchoRemovalChannelTest, BytesOfAnyValueAreCompared) {
   EXPECT_EQ(readOf(line + "\xFE\r\n"), "\xFE\r\n");
 }
 
-// The bytes below, in every row of reads that they can come in:
+// The following bytes, in every sequence of reads in which they can arrive:
 //
 //     h i CR LF | v CR LF | o k CR LF | >
-TEST_F(ZPIEchoRemovalChannelTest, EveryCutOfTheSameBytesGivesTheSameBytes) {
+TEST_F(ZPIEchoRemovalChannelTest, EverySplitOfTheSameBytesGivesTheSameBytes) {
   for (const Chunks& chunks : everySplit("hi\r\nv\r\nok\r\n>")) {
     _channel->reset();
     write("v\r\n");
@@ -183,7 +183,7 @@ TEST_F(ZPIEchoRemovalChannelTest, EveryCutOfTheSameBytesGivesTheSameBytes) {
   }
 }
 
-TEST_F(ZPIEchoRemovalChannelTest, EveryCutOfTheSameWriteAwaitsTheSameLines) {
+TEST_F(ZPIEchoRemovalChannelTest, EverySplitOfTheSameWriteAwaitsTheSameLines) {
   for (const Chunks& chunks : everySplit("one\r\ntwo\r\n")) {
     _channel->reset();
     for (const std::string& chunk : chunks) write(chunk);
@@ -230,7 +230,7 @@ TEST_F(ZPIEchoRemovalChannelTest, AFailedWriteIsPassedUpAndAwaitsNoEcho) {
   EXPECT_EQ(readOf("ver\r\n=> "), "ver\r\n=> ");
 }
 
-TEST_F(ZPIEchoRemovalChannelTest, WritesGoDownUnchangedEvenNullAndEmptyOnes) {
+TEST_F(ZPIEchoRemovalChannelTest, WritesArePassedDownUnchangedEvenNullAndEmptyOnes) {
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(_channel->write(dataOf("ver\r\nmem"), &error));
   EXPECT_TRUE(_channel->write(ZPKData::data(), &error));
@@ -239,7 +239,7 @@ TEST_F(ZPIEchoRemovalChannelTest, WritesGoDownUnchangedEvenNullAndEmptyOnes) {
   EXPECT_THAT(_below->writes(), ElementsAre("ver\r\nmem", "", std::nullopt));
 }
 
-TEST_F(ZPIEchoRemovalChannelTest, OpenCloseAndIsOpenedGoToTheChannelBelow) {
+TEST_F(ZPIEchoRemovalChannelTest, OpenCloseAndIsOpenedArePassedDown) {
   _below->setOpened(false);
   EXPECT_FALSE(_channel->isOpened());
   ZPKErrorPtr error = olderError();
@@ -270,7 +270,7 @@ TEST_F(ZPIEchoRemovalChannelTest, CloseAndOpenKeepAwaitedEchoesAndHeldBytes) {
   EXPECT_EQ(readOf("mem\r\n"), "");
 }
 
-TEST_F(ZPIEchoRemovalChannelTest, ResetForgetsHeldBytesAwaitedEchoesAndBegunLines) {
+TEST_F(ZPIEchoRemovalChannelTest, ResetForgetsHeldBytesAwaitedEchoesAndUnfinishedLines) {
   write("ver\r\nme");
   EXPECT_EQ(readOf("ve"), "");
   EXPECT_TRUE(_channel->reset());
@@ -280,7 +280,7 @@ TEST_F(ZPIEchoRemovalChannelTest, ResetForgetsHeldBytesAwaitedEchoesAndBegunLine
   EXPECT_EQ(readOf("m\r\n"), "");
 }
 
-TEST_F(ZPIEchoRemovalChannelTest, ResetClearsEvenIfTheChannelBelowRefuses) {
+TEST_F(ZPIEchoRemovalChannelTest, ResetClearsEvenIfTheResetBelowFails) {
   write("ver\r\n");
   EXPECT_EQ(readOf("ve"), "");
   const ZPKErrorPtr fromBelow = ZPKError::init("below", 1, {});
@@ -300,7 +300,7 @@ TEST_F(ZPIEchoRemovalChannelTest, TheDelimiterIsCopied) {
   EXPECT_EQ(channel->readWithTimeout(1.0, nullptr)->view(), ";");
 }
 
-TEST_F(ZPIEchoRemovalChannelTest, AResultIsTheCallersOwn) {
+TEST_F(ZPIEchoRemovalChannelTest, AResultBelongsToTheCaller) {
   EXPECT_EQ(readOf("=> "), "=> ");
   _below->addRead("one\r\n");
   const ZPKDataPtr first = _channel->readWithTimeout(1.0, nullptr);
@@ -321,7 +321,7 @@ TEST_F(ZPIEchoRemovalChannelTest, AWriterGoesOnWhileAReaderWaitsBelow) {
   auto reader = std::async(std::launch::async, [&] { return read(); });
   entered.get_future().wait();
   EXPECT_TRUE(write("ver\r\n"));
-  EXPECT_EQ(_below->writes().size(), 1U);  // the reader is still below
+  EXPECT_EQ(_below->writes().size(), 1U);  // the reader still waits below
   written.set_value();
   EXPECT_EQ(reader.get(), "2.33\r\n");
 }
@@ -353,10 +353,10 @@ TEST_F(ZPIEchoRemovalChannelTest, AnEchoReadBeforeItsWriteReturnsIsData) {
   };
   EXPECT_TRUE(channel->write(dataOf("ver\r\n"), nullptr));
   EXPECT_EQ(early, "ver\r\n");
-  EXPECT_EQ(channel->readWithTimeout(1.0, nullptr)->view(), "");  // awaited from here on
+  EXPECT_EQ(channel->readWithTimeout(1.0, nullptr)->view(), "");  // awaited from now on
 }
 
-// What is written never comes back here, so every line of the device passes.
+// The device does not echo here, so all its lines pass.
 TEST_F(ZPIEchoRemovalChannelTest, AReaderAndAWriterCanRunTogether) {
   constexpr int kLines = 2000;
   for (int i = 0; i < kLines; ++i) _below->addRead("data " + std::to_string(i) + "\r\n");
@@ -372,9 +372,9 @@ TEST_F(ZPIEchoRemovalChannelTest, AReaderAndAWriterCanRunTogether) {
   EXPECT_EQ(all, expected);
 }
 
-// --- Against the steps as they are told.
+// --- Compared with the documented steps.
 
-// The steps, one by one and without any regard to speed.
+// The steps one by one, without regard to speed.
 class Model {
  public:
   explicit Model(std::string delimiter) : _delimiter(std::move(delimiter)) {}
@@ -424,7 +424,7 @@ class ZPIEchoRemovalChannelModelTest : public ZPIEchoRemovalChannelTest,
   ZPIEchoRemovalChannelModelTest() : ZPIEchoRemovalChannelTest(GetParam()) {}
 };
 
-TEST_P(ZPIEchoRemovalChannelModelTest, RandomTrafficComesOutAsTheStepsSay) {
+TEST_P(ZPIEchoRemovalChannelModelTest, RandomTrafficIsProcessedAsTheStepsSay) {
   std::mt19937 random(20240501);
   const auto upTo = [&](int most) { return std::uniform_int_distribution<int>(0, most)(random); };
   const auto bytes = [&] {
@@ -443,7 +443,7 @@ TEST_P(ZPIEchoRemovalChannelModelTest, RandomTrafficComesOutAsTheStepsSay) {
     } else if (upTo(1) == 0) {
       ASSERT_EQ(readOf(chunk), model.read(chunk)) << i;
     } else {
-      // An echo, in a piece of any size.
+      // An echo, in pieces of any size.
       const std::string echo = written.substr(0, static_cast<size_t>(upTo(20)));
       written.erase(0, echo.size());
       ASSERT_EQ(readOf(echo), model.read(echo)) << i;
@@ -456,11 +456,11 @@ INSTANTIATE_TEST_SUITE_P(Delimiters, ZPIEchoRemovalChannelModelTest,
 
 // --- Size.
 
-// Far above what these lengths take, also with a sanitizer, and far below what work takes that
-// grows with their square.
+// Far above the time that these lengths take, even with a sanitizer, and far below that of work
+// that grows with their square.
 constexpr double kSecondsOfLinearWork = 30;
 
-TEST_F(ZPIEchoRemovalChannelTest, AFloodOfLinesCostsEachLineItsOwnLength) {
+TEST_F(ZPIEchoRemovalChannelTest, TheCostOfAFloodGrowsWithItsLength) {
   write("never echoed\r\n");
   std::string flood;
   while (flood.size() < (4U << 20)) flood += "line\r\n";
@@ -471,7 +471,7 @@ TEST_F(ZPIEchoRemovalChannelTest, AFloodOfLinesCostsEachLineItsOwnLength) {
 }
 
 // Every byte looks like the start of the delimiter.
-TEST_F(ZPIEchoRemovalChannelTest, ALongTailIsNotSearchedAnewByEveryRead) {
+TEST_F(ZPIEchoRemovalChannelTest, ALongTailIsNotSearchedAgainByEveryRead) {
   write("ver\r\n");
   const std::string piece(256, '\r');
   const double start = processorTime();

@@ -49,13 +49,13 @@ std::vector<std::string> linesOfCheck(const std::string& text) {
 
 // --- checkURL
 
-TEST(ZPIEndpointSocketCheckTest, ANullURLIsRefusedInSilence) {
+TEST(ZPIEndpointSocketCheckTest, ANullURLIsSilentlyRejected) {
   LogCapture log;
   EXPECT_FALSE(ZPIEndpointSocket::checkURL(nullptr));
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST(ZPIEndpointSocketCheckTest, GoodURLsAreAcceptedInSilence) {
+TEST(ZPIEndpointSocketCheckTest, GoodURLsAreSilentlyAccepted) {
   for (const char* const url :
        {"tcp://localhost:80", "tcp://127.0.0.1:65535", "tcp://localhost:0", "tcp://localhost",
         "unix:///tmp/socket", "unix://host/tmp/socket", "unix:relative"}) {
@@ -74,7 +74,7 @@ TEST(ZPIEndpointSocketCheckTest, AnyOtherSchemeIsLoggedAndAccepted) {
               ElementsAre("Unsupported scheme '(null)' for URL localhost"));
 }
 
-TEST(ZPIEndpointSocketCheckTest, APercentSignOfAURLIsNoDirective) {
+TEST(ZPIEndpointSocketCheckTest, APercentSignInAURLIsNotADirective) {
   EXPECT_THAT(linesOfCheck("http://h/%25d%25s"),
               ElementsAre("Unsupported scheme 'http' for URL http://h/%25d%25s"));
 }
@@ -82,7 +82,7 @@ TEST(ZPIEndpointSocketCheckTest, APercentSignOfAURLIsNoDirective) {
 TEST(ZPIEndpointSocketCheckTest, APortAbove65535IsLoggedAndAccepted) {
   EXPECT_THAT(linesOfCheck("tcp://localhost:65536"), ElementsAre("Invalid TCP port specification"));
   EXPECT_THAT(linesOfCheck("tcp://localhost:70000"), ElementsAre("Invalid TCP port specification"));
-  // Looked at as 32 bits without a sign: these are the top bit alone and 80.
+  // As unsigned 32-bit numbers these are only the top bit, and 80.
   EXPECT_THAT(linesOfCheck("tcp://localhost:2147483648"),
               ElementsAre("Invalid TCP port specification"));
   EXPECT_THAT(linesOfCheck("tcp://localhost:4294967376"), IsEmpty());
@@ -94,7 +94,7 @@ TEST(ZPIEndpointSocketCheckTest, AMissingHostIsLoggedAndAccepted) {
   }
 }
 
-TEST(ZPIEndpointSocketCheckTest, ABadPortIsLoggedAheadOfAMissingHost) {
+TEST(ZPIEndpointSocketCheckTest, ABadPortIsLoggedBeforeAMissingHost) {
   EXPECT_THAT(linesOfCheck("tcp://:70000"),
               ElementsAre("Invalid TCP port specification", "Invalid TCP host"));
 }
@@ -104,7 +104,7 @@ TEST(ZPIEndpointSocketCheckTest, AnEmptyUnixPathIsLoggedAndAccepted) {
   EXPECT_THAT(linesOfCheck("unix://host"), ElementsAre("Invalid unix path"));
 }
 
-// --- Making one
+// --- Creation
 
 TEST(ZPIEndpointSocketTest, ANullURLGivesNoChannel) {
   EXPECT_EQ(ZPIEndpointSocket::initForURL(nullptr), nullptr);
@@ -118,7 +118,7 @@ TEST(ZPIEndpointSocketTest, BeginsClosedAndMakesNoSystemCall) {
   EXPECT_THAT(calls.all(), IsEmpty());
 }
 
-TEST(ZPIEndpointSocketTest, AnAdoptedSocketIsOpenAtOnceAndNoOptionIsSet) {
+TEST(ZPIEndpointSocketTest, AnAdoptedSocketIsOpenWithItsOptionsUntouched) {
   SocketPair pair;
   const int socket = pair.takeOurs();
   LogCapture log;
@@ -126,7 +126,7 @@ TEST(ZPIEndpointSocketTest, AnAdoptedSocketIsOpenAtOnceAndNoOptionIsSet) {
   {
     const SystemCalls calls;
     const auto channel = ZPIEndpointSocket::initWithSocket(socket);
-    // A flag of the descriptor, not an option of the socket.
+    // This is a flag of the descriptor, not an option of the socket.
     EXPECT_THAT(calls.texts(), ElementsAre("fcntl F_SETFD 1"));
     EXPECT_TRUE(channel->isOpened());
     EXPECT_FALSE(channel->openWithTimeout(1.0, &error));
@@ -154,13 +154,13 @@ TEST(ZPIEndpointSocketTest, AConnectionIsNeverOpenToAStartedProgram) {
     const auto channel = ZPIEndpointSocket::initForURL(urlOf(url));
     const SystemCalls calls;
     EXPECT_TRUE(channel->openWithTimeout(1.0, nullptr));
-    // Not set later: another thread may start a program in between.
+    // The flag is not set later: another thread may start a program in between.
     EXPECT_THAT(calls.texts({"socket"}), ElementsAre(testing::EndsWith(" SOCK_CLOEXEC")));
     channel->close(nullptr);
   }
 }
 
-TEST(ZPIEndpointSocketTest, AnAdoptedSocketHasNoWayBackAfterAClose) {
+TEST(ZPIEndpointSocketTest, AnAdoptedSocketCannotBeReopened) {
   TransportPeer peer(TransportPeer::Kind::kAdopted);
   const auto channel = ZPIEndpointSocket::initWithSocket(peer.nearEnd());
   EXPECT_TRUE(channel->close(nullptr));
@@ -172,7 +172,7 @@ TEST(ZPIEndpointSocketTest, AnAdoptedSocketHasNoWayBackAfterAClose) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST(ZPIEndpointSocketTest, MinusOneGivesAClosedChannelThatCanNeverBeOpened) {
+TEST(ZPIEndpointSocketTest, MinusOneGivesAChannelThatCannotBeOpened) {
   LogCapture log;
   const auto channel = ZPIEndpointSocket::initWithSocket(-1);
   EXPECT_FALSE(channel->isOpened());
@@ -257,7 +257,7 @@ TEST(ZPIEndpointSocketTest, AConnectedSocketIsBlocking) {
   channel->close(nullptr);
 }
 
-TEST(ZPIEndpointSocketTest, ASignalWhileItConnectsDoesNotEndTheOpen) {
+TEST(ZPIEndpointSocketTest, ASignalDuringConnectDoesNotEndTheOpen) {
   for (const auto kind : {FullListener::Kind::kTCP, FullListener::Kind::kUnix}) {
     FullListener listener(kind);
     const auto channel = ZPIEndpointSocket::initForURL(urlOf(listener.url()));
@@ -265,7 +265,7 @@ TEST(ZPIEndpointSocketTest, ASignalWhileItConnectsDoesNotEndTheOpen) {
     connectUnderSignals([&] { isOpen = channel->openWithTimeout(1.0, nullptr); },
                         [&] { listener.makeRoom(); });
     EXPECT_TRUE(isOpen) << listener.url();
-    // Open means connected.
+    // An open channel is connected.
     EXPECT_TRUE(channel->write(bytes("x"), nullptr));
     if (isOpen) channel->close(nullptr);
   }
@@ -357,7 +357,7 @@ TEST(ZPIEndpointSocketTest, AResetConnectionIsAFailedRead) {
   EXPECT_FALSE(channel->isOpened());
 }
 
-// Writes until the peer's absence shows, in a process where SIGPIPE has its default action.
+// Writes until the write fails, in a process where SIGPIPE has its default action.
 ChildResult writeToNobody(TransportPeer::Kind kind) {
   return runInChild([kind](std::string* message) {
     LogCapture log;
@@ -367,7 +367,7 @@ ChildResult writeToNobody(TransportPeer::Kind kind) {
     ::signal(SIGPIPE, SIG_DFL);
     peer.hangUp();
     ZPKErrorPtr error;
-    // The first write can go through, before the peer's answer is there.
+    // The first write can succeed, before the peer's answer arrives.
     const bool hasFailed =
         waitFor([&] { return !channel->write(ZPKData::dataWithString("x"), &error); });
     if (!hasFailed) return 3;
@@ -377,7 +377,7 @@ ChildResult writeToNobody(TransportPeer::Kind kind) {
   });
 }
 
-TEST(ZPIEndpointSocketTest, AWriteToAPeerThatHasGoneFailsWithoutASignal) {
+TEST(ZPIEndpointSocketTest, AWriteToADisconnectedPeerFailsWithoutASignal) {
   using Transport = TransportPeer::Kind;
   for (const Transport kind : {Transport::kTCP, Transport::kUnix, Transport::kAdopted}) {
     const ChildResult result = writeToNobody(kind);

@@ -67,7 +67,7 @@ TEST_F(ZPIInterCharacterDelayChannelTest, NothingToWriteSucceedsWithoutAPauseEve
   EXPECT_THAT(pauses(), ElementsAre());
 }
 
-TEST_F(ZPIInterCharacterDelayChannelTest, AClosedChannelFailsAtTheFirstByteAfterOnePause) {
+TEST_F(ZPIInterCharacterDelayChannelTest, AClosedChannelFailsAtTheFirstByte) {
   below->setOpened(false);
   below->setWriteResult(false, errorWithCode(2));
   ZPKErrorPtr error = olderError();
@@ -96,8 +96,8 @@ TEST_F(ZPIInterCharacterDelayChannelTest, ReadsPassWithoutAPause) {
   EXPECT_THAT(pauses(), ElementsAre());
 }
 
-// A caller may cut its buffer while it goes out.
-TEST(ZPIInterCharacterDelayChannelLengthTest, TheLengthIsReadAnewAheadOfEachByte) {
+// A caller may truncate its buffer while it is being sent.
+TEST(ZPIInterCharacterDelayChannelLengthTest, TheLengthIsReadAgainBeforeEachByte) {
   const auto below = ScriptedChannel::make();
   const ZPKMutableDataPtr data = chunkOf("abcdef");
   SystemCalls calls;
@@ -108,7 +108,7 @@ TEST(ZPIInterCharacterDelayChannelLengthTest, TheLengthIsReadAnewAheadOfEachByte
   EXPECT_EQ(calls.count("usleep"), 3U);
 }
 
-// Over a real socket: the pause comes ahead of each byte, the first included.
+// Over a real socket: there is a pause before each byte, including the first.
 class DelayOverASocketTest : public testing::Test {
  protected:
   ~DelayOverASocketTest() override { transport->close(); }
@@ -127,7 +127,7 @@ TEST_F(DelayOverASocketTest, EachByteFollowsItsPause) {
   EXPECT_EQ(pair.receive(), "ab");
 }
 
-TEST_F(DelayOverASocketTest, WhenAByteFailsThoseBeforeItHaveGoneOutAndNoneAfterIt) {
+TEST_F(DelayOverASocketTest, AFailedByteEndsTheWrite) {
   LogCapture log;
   SystemCalls calls;
   calls.answer("usleep", 0, 0, 0, SIZE_MAX);
@@ -142,7 +142,7 @@ TEST_F(DelayOverASocketTest, WhenAByteFailsThoseBeforeItHaveGoneOutAndNoneAfterI
   EXPECT_TRUE(channel->isOpened());
 }
 
-TEST_F(DelayOverASocketTest, EachByteComesItsDelayAfterTheOneBefore) {
+TEST_F(DelayOverASocketTest, EachByteIsSentADelayAfterTheLast) {
   TestClock clock;
   std::future<bool> written =
       std::async(std::launch::async, [this] { return channel->write(dataOf("ab"), nullptr); });
@@ -158,7 +158,7 @@ TEST_F(DelayOverASocketTest, EachByteComesItsDelayAfterTheOneBefore) {
   EXPECT_EQ(pair.receive(), "b");
 }
 
-TEST_F(DelayOverASocketTest, ARealPauseLetsTheBytesThrough) {
+TEST_F(DelayOverASocketTest, WithRealPausesTheBytesArrive) {
   EXPECT_TRUE(channel->write(dataOf("abc"), nullptr));
   EXPECT_EQ(pair.receive(), "abc");
 }

@@ -19,7 +19,7 @@ TEST(ZPILogBatchTest, ANewBatchIsEmpty) {
   EXPECT_THAT(batch.chunks(), ElementsAre());
 }
 
-TEST(ZPILogBatchTest, ChunksKeepTheirOrderAndTheirBounds) {
+TEST(ZPILogBatchTest, ChunksKeepTheirOrderAndBounds) {
   ZPILogBatch batch;
   batch.add("one");
   batch.add("");

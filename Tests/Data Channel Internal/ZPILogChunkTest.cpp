@@ -45,7 +45,7 @@ std::string chunkByTheSteps(std::string_view bytes, const std::string& prefix) {
 
 // --- The body.
 
-TEST(ZPILogChunkTest, PlainTextStandsBehindThePrefix) { EXPECT_EQ(chunkOf("ver"), "\n|ver"); }
+TEST(ZPILogChunkTest, PlainTextFollowsThePrefix) { EXPECT_EQ(chunkOf("ver"), "\n|ver"); }
 
 TEST(ZPILogChunkTest, EveryLineBreakOfAnyKindBecomesThePrefix) {
   EXPECT_EQ(chunkOf("A\r\nB\rC\n"), "\n|A\n|B\n|C\n|");
@@ -64,28 +64,28 @@ TEST(ZPILogChunkTest, AChunkThatIsOnlyABreakIsTwoPrefixes) {
   EXPECT_EQ(chunkOf("\r\n"), "\n|\n|");
 }
 
-TEST(ZPILogChunkTest, EmptyAndNullDataGiveThePrefixAlone) {
+TEST(ZPILogChunkTest, EmptyAndNullDataGiveOnlyThePrefix) {
   EXPECT_EQ(chunkOf(""), "\n|");
   EXPECT_EQ(ZPILogChunk("\n|", nullptr), "\n|");
 }
 
-TEST(ZPILogChunkTest, ValidTextStaysAsItIsWithItsControlCharacters) {
+TEST(ZPILogChunkTest, ValidTextStaysUnchangedWithItsControlCharacters) {
   const std::string text("\0 a\x1B[0m \t\u00e9 \xF0\x9F\x98\x80 %@ %s <>", 25);
   EXPECT_EQ(chunkOf(text), "\n|" + text);
 }
 
-TEST(ZPILogChunkTest, BytesThatAreNoTextShowInHexadecimal) {
+TEST(ZPILogChunkTest, InvalidTextIsShownInHexadecimal) {
   EXPECT_EQ(chunkOf("ok\xFF\xFE"
                     "done\r\n\xFF"),
             "\n|ok<fffe>done\n|<ff>");
   EXPECT_EQ(chunkOf("\xFF\r\n\xFE\n\r\xFD"), "\n|<ff>\n|<fe>\n|\n|<fd>");
 }
 
-TEST(ZPILogChunkTest, OneInvalidByteShowsZeroAndAccentsInHexadecimalToo) {
+TEST(ZPILogChunkTest, OneInvalidByteMakesZeroAndAccentsHexadecimalToo) {
   EXPECT_EQ(chunkOf(std::string_view("\u00e9\0x\xFF", 5)), "\n|<c3a900>x<ff>");
 }
 
-TEST(ZPILogChunkTest, ASequenceThatTheChunkCutsIsNoText) {
+TEST(ZPILogChunkTest, ASequenceThatTheChunkTruncatesIsNotText) {
   EXPECT_EQ(chunkOf("a\xC3"), "\n|a<c3>");
 }
 
@@ -93,7 +93,7 @@ TEST(ZPILogChunkTest, ALineFeedInThePrefixIsLeftAlone) {
   EXPECT_EQ(chunkOf("A\nB\n", "\nid\nrest\r"), "\nid\nrest\rA\nid\nrest\rB\nid\nrest\r");
 }
 
-TEST(ZPILogChunkTest, EveryShortSequenceComesOutAsTheStepsSay) {
+TEST(ZPILogChunkTest, EveryShortSequenceFollowsTheSteps) {
   constexpr std::string_view kBytes = "A\r\n\xFF";
   for (size_t length = 0; length <= 6; ++length) {
     for (size_t number = 0; number < size_t{1} << (2 * length); ++number) {
@@ -104,7 +104,7 @@ TEST(ZPILogChunkTest, EveryShortSequenceComesOutAsTheStepsSay) {
   }
 }
 
-TEST(ZPILogChunkTest, RandomBytesComeOutAsTheStepsSay) {
+TEST(ZPILogChunkTest, RandomBytesFollowTheSteps) {
   std::mt19937 random(20240501);
   const auto below = [&](size_t count) { return random() % count; };
   const std::string prefix = ZPILogPrefix("pre--write");
@@ -121,11 +121,11 @@ TEST(ZPILogChunkTest, RandomBytesComeOutAsTheStepsSay) {
   }
 }
 
-// Far above what these lengths take, also with a sanitizer, and far below what work takes that
-// grows with their square.
+// Far above the time that these lengths take, even with a sanitizer, and far below that of work
+// that grows with their square.
 constexpr double kSecondsOfLinearWork = 30;
 
-TEST(ZPILogChunkTest, TheCostGrowsWithTheLengthAlone) {
+TEST(ZPILogChunkTest, TheCostGrowsOnlyWithTheLength) {
   constexpr size_t kLength = 2U << 20;
   const double start = processorTime();
   EXPECT_EQ(chunkOf(std::string(kLength, 'x')).size(), 2 + kLength);
@@ -137,7 +137,7 @@ TEST(ZPILogChunkTest, TheCostGrowsWithTheLengthAlone) {
 
 // --- The prefix.
 
-// Sets the time zone of the process for as long as it lives.
+// Sets the time zone of the process during its lifetime.
 class TimeZone {
  public:
   explicit TimeZone(const char* zone) {
@@ -160,13 +160,13 @@ class TimeZone {
   std::optional<std::string> _before;
 };
 
-// 2024-05-01 at noon, and so many microseconds.
+// 2024-05-01 at noon, plus this many microseconds.
 std::chrono::system_clock::time_point noonAnd(int64_t microseconds) {
   constexpr std::chrono::seconds kNoon{1714564800};
   return std::chrono::system_clock::time_point(kNoon + std::chrono::microseconds(microseconds));
 }
 
-// The time that a prefix tells.
+// The time in a prefix.
 std::string timeOf(const std::string& prefix) { return prefix.substr(1, 23); }
 
 TEST(ZPILogPrefixTest, HasTheFormOfTheLog) {
@@ -176,14 +176,14 @@ TEST(ZPILogPrefixTest, HasTheFormOfTheLog) {
                            std::to_string(::getpid()) + "\\]: "));
 }
 
-TEST(ZPILogPrefixTest, TakesTheIdentifierAsItIs) {
+TEST(ZPILogPrefixTest, CopiesTheIdentifierUnchanged) {
   for (const std::string identifier : {"", "%@ %s%n", "a<b>[c]: ", "\u00e9\n"}) {
     const std::string prefix = ZPILogPrefix(identifier);
     EXPECT_EQ(prefix.substr(24), " <" + identifier + ">[" + std::to_string(::getpid()) + "]: ");
   }
 }
 
-TEST(ZPILogPrefixTest, TellsThePresentTimeInWholeMilliseconds) {
+TEST(ZPILogPrefixTest, ShowsTheCurrentTimeInWholeMilliseconds) {
   const TimeZone zone("UTC0");
   TestClock clock;
   clock.setWallTime(noonAnd(45999));
@@ -194,17 +194,17 @@ TEST(ZPILogPrefixTest, TellsThePresentTimeInWholeMilliseconds) {
   EXPECT_EQ(timeOf(ZPILogPrefix("id")), "2024-05-02 00:00:00.046");
 }
 
-TEST(ZPILogPrefixTest, TellsTheLocalTime) {
+TEST(ZPILogPrefixTest, ShowsTheLocalTime) {
   const TimeZone zone("AAA-05:30");
   TestClock clock;
   clock.setWallTime(noonAnd(1000));
-  // A thread of its own, whose last second is not from another zone.
+  // A new thread, which has not cached a second from a different zone.
   std::async(std::launch::async, [] {
     EXPECT_EQ(timeOf(ZPILogPrefix("id")), "2024-05-01 17:30:00.001");
   }).get();
 }
 
-TEST(ZPILogPrefixTest, AChangedTimeZoneShowsWithTheNextSecond) {
+TEST(ZPILogPrefixTest, AChangedTimeZoneAppliesFromTheNextSecond) {
   TimeZone zone("UTC0");
   TestClock clock;
   clock.setWallTime(noonAnd(10999000));

@@ -47,7 +47,7 @@ class ZPILogFileHandleTest : public testing::Test {
   const std::string _path = _folder.pathOf("log");
 };
 
-// --- Making and opening.
+// --- Creating and opening.
 
 TEST_F(ZPILogFileHandleTest, ANewFileHasThePermissions0666LessTheUmask) {
   const mode_t before = ::umask(0);
@@ -61,23 +61,23 @@ TEST_F(ZPILogFileHandleTest, ANewFileHasThePermissions0666LessTheUmask) {
   ::umask(before);
 }
 
-TEST_F(ZPILogFileHandleTest, AFileThatSomebodyElseMadeMeanwhileKeepsItsContents) {
+TEST_F(ZPILogFileHandleTest, AFileCreatedInTheMeantimeKeepsItsContents) {
   writeFile(_path, "old");
   EXPECT_TRUE(ZPILogFileHandle::createFileAtPath(_path));
   EXPECT_EQ(contents(), "old");
 }
 
-TEST_F(ZPILogFileHandleTest, MakingAFileLeavesNoDescriptorOpen) {
+TEST_F(ZPILogFileHandleTest, CreatingAFileLeavesNoDescriptorOpen) {
   const std::set<int> before = openDescriptors();
   EXPECT_TRUE(ZPILogFileHandle::createFileAtPath(_path));
   EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST_F(ZPILogFileHandleTest, AFileInAMissingFolderCannotBeMade) {
+TEST_F(ZPILogFileHandleTest, AFileInAMissingFolderCannotBeCreated) {
   EXPECT_FALSE(ZPILogFileHandle::createFileAtPath(_folder.pathOf("missing/log")));
 }
 
-TEST_F(ZPILogFileHandleTest, OpeningNeedsAnExistingFileAndTellsTheReason) {
+TEST_F(ZPILogFileHandleTest, OpeningNeedsAnExistingFileAndReportsTheReason) {
   EXPECT_EQ(ZPILogFileHandle::fileHandleForWritingAtPath(_path), nullptr);
   EXPECT_EQ(errno, ENOENT);
   EXPECT_EQ(ZPILogFileHandle::fileHandleForWritingAtPath(_folder.path()), nullptr);
@@ -114,17 +114,17 @@ TEST_F(ZPILogFileHandleTest, AnInterruptedOpenIsTriedAgain) {
   EXPECT_NE(ZPILogFileHandle::fileHandleForWritingAtPath(_path), nullptr);
 }
 
-// What opening a FIFO without a reader gives, or nothing if it waits for one.
+// The errno of opening a FIFO without a reader, or nothing if the open waits for a reader.
 std::optional<int> errnoOfOpeningFIFO(const std::string& path, const std::function<bool()>& open) {
   auto opening = std::async(std::launch::async, [&] { return open() ? 0 : errno; });
   const bool isDone = opening.wait_for(std::chrono::seconds(2)) == std::future_status::ready;
-  const int reader = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);  // lets it go
+  const int reader = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);  // releases the open
   const int number = opening.get();
   ::close(reader);
   return isDone ? std::optional(number) : std::nullopt;
 }
 
-TEST_F(ZPILogFileHandleTest, OpeningAFIFOWaitsForNoReader) {
+TEST_F(ZPILogFileHandleTest, OpeningAFIFODoesNotWaitForAReader) {
   ASSERT_EQ(::mkfifo(_path.c_str(), 0666), 0);
   const auto open = [this] {
     return ZPILogFileHandle::fileHandleForWritingAtPath(_path) != nullptr;
@@ -134,7 +134,7 @@ TEST_F(ZPILogFileHandleTest, OpeningAFIFOWaitsForNoReader) {
   EXPECT_EQ(errnoOfOpeningFIFO(_path, create), ENXIO);
 }
 
-TEST_F(ZPILogFileHandleTest, WritesToWhatWasOpenedWaitAsUsual) {
+TEST_F(ZPILogFileHandleTest, AnOpenedDescriptorBlocksOnWrites) {
   ASSERT_EQ(::mkfifo(_path.c_str(), 0666), 0);
   const int reader = ::open(_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   const std::set<int> before = openDescriptors();
@@ -148,7 +148,7 @@ TEST_F(ZPILogFileHandleTest, WritesToWhatWasOpenedWaitAsUsual) {
   ::close(reader);
 }
 
-TEST_F(ZPILogFileHandleTest, ADescriptorThatStaysNonBlockingIsNotTaken) {
+TEST_F(ZPILogFileHandleTest, ADescriptorThatStaysNonBlockingIsNotUsed) {
   const std::set<int> before = openDescriptors();
   EXPECT_TRUE(ZPILogFileHandle::createFileAtPath(_path));
   SystemCalls calls;
@@ -158,7 +158,7 @@ TEST_F(ZPILogFileHandleTest, ADescriptorThatStaysNonBlockingIsNotTaken) {
   EXPECT_EQ(openDescriptors(), before);
 }
 
-// A file server may hold a lease, which it gives up while an ordinary open waits.
+// A file server may hold a lease, which it releases while an ordinary open waits.
 TEST_F(ZPILogFileHandleTest, AnOpenWaitsForTheHolderOfALease) {
   EXPECT_TRUE(ZPILogFileHandle::createFileAtPath(_path));
   SystemCalls calls;
@@ -170,7 +170,7 @@ TEST_F(ZPILogFileHandleTest, AnOpenWaitsForTheHolderOfALease) {
 
 // --- Closing.
 
-TEST_F(ZPILogFileHandleTest, TheDescriptorGoesWithTheLastReference) {
+TEST_F(ZPILogFileHandleTest, TheLastReferenceClosesTheDescriptor) {
   const std::set<int> before = openDescriptors();
   auto handle = create();
   EXPECT_EQ(openDescriptors().size(), before.size() + 1);
@@ -178,7 +178,7 @@ TEST_F(ZPILogFileHandleTest, TheDescriptorGoesWithTheLastReference) {
   EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST_F(ZPILogFileHandleTest, CloseGivesTheDescriptorBackOnce) {
+TEST_F(ZPILogFileHandleTest, CloseClosesTheDescriptorOnce) {
   const std::set<int> before = openDescriptors();
   const auto handle = create();
   handle->close();
@@ -208,7 +208,7 @@ TEST_F(ZPILogFileHandleTest, AChunkIsOneWriteUnderTheLock) {
   EXPECT_EQ(contents(), "chunk");
 }
 
-TEST_F(ZPILogFileHandleTest, ChunksThatWaitedTogetherShareALock) {
+TEST_F(ZPILogFileHandleTest, ChunksThatWaitTogetherShareALock) {
   const auto handle = create();
   std::string all;
   for (int i = 10; i < 50; ++i) all += "\nchunk " + std::to_string(i);
@@ -224,7 +224,7 @@ TEST_F(ZPILogFileHandleTest, ChunksThatWaitedTogetherShareALock) {
   EXPECT_EQ(contents(), all);
 }
 
-TEST_F(ZPILogFileHandleTest, NoChunksAreNoCalls) {
+TEST_F(ZPILogFileHandleTest, WithoutChunksThereAreNoCalls) {
   const auto handle = create();
   const SystemCalls calls;
   handle->append({});
@@ -256,7 +256,7 @@ TEST_F(ZPILogFileHandleTest, AnInterruptedLockOrWriteIsTriedAgain) {
   EXPECT_EQ(calls.count("flock LOCK_EX|LOCK_NB"), 4U);
 }
 
-TEST_F(ZPILogFileHandleTest, AFailedLockKeepsNoChunkFromTheFile) {
+TEST_F(ZPILogFileHandleTest, AFailedLockDoesNotPreventTheWrite) {
   const auto handle = create();
   SystemCalls calls;
   calls.fail("flock LOCK_EX|LOCK_NB", ENOLCK);
@@ -272,7 +272,7 @@ TEST_F(ZPILogFileHandleTest, ARefusedChunkIsDroppedAndTheNextIsTried) {
   EXPECT_EQ(contents(), "twothree");
 }
 
-TEST_F(ZPILogFileHandleTest, WhatDoesNotFitOfAChunkIsDropped) {
+TEST_F(ZPILogFileHandleTest, TheRestOfAChunkWithoutRoomIsDropped) {
   const auto handle = create();
   SystemCalls calls;
   calls.shorten("writev", 5);
@@ -281,7 +281,7 @@ TEST_F(ZPILogFileHandleTest, WhatDoesNotFitOfAChunkIsDropped) {
   EXPECT_EQ(contents(), "onetwthree");
 }
 
-TEST_F(ZPILogFileHandleTest, AWriteThatTakesNothingEnds) {
+TEST_F(ZPILogFileHandleTest, AWriteThatWritesNothingEnds) {
   const auto handle = create();
   SystemCalls calls;
   calls.answer("writev", 0);
@@ -289,7 +289,7 @@ TEST_F(ZPILogFileHandleTest, AWriteThatTakesNothingEnds) {
   EXPECT_EQ(contents(), "two");
 }
 
-TEST_F(ZPILogFileHandleTest, AFullDeviceIsNoFailure) {
+TEST_F(ZPILogFileHandleTest, AFullDeviceIsNotAFailure) {
   const auto handle = ZPILogFileHandle::fileHandleForWritingAtPath("/dev/full");
   ASSERT_NE(handle, nullptr);
   const SystemCalls calls;
@@ -297,9 +297,9 @@ TEST_F(ZPILogFileHandleTest, AFullDeviceIsNoFailure) {
   EXPECT_EQ(calls.all().at(1).error, ENOSPC);
 }
 
-// --- A file that others have a hand in.
+// --- A file that others change or lock.
 
-TEST_F(ZPILogFileHandleTest, AMovedOrRemovedFileStaysTheOpenOne) {
+TEST_F(ZPILogFileHandleTest, AMovedOrRemovedFileStaysOpen) {
   const auto handle = create();
   handle->append(Chunks{"one"});
   std::filesystem::rename(_path, _path + ".1");
@@ -318,7 +318,7 @@ TEST_F(ZPILogFileHandleTest, ATruncatedFileGrowsFromItsNewEnd) {
   EXPECT_EQ(contents(), "two");
 }
 
-TEST_F(ZPILogFileHandleTest, AWriteWaitsForWhoHoldsTheLock) {
+TEST_F(ZPILogFileHandleTest, AWriteWaitsForTheHolderOfTheLock) {
   const auto handle = create();
   const int other = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_EQ(::flock(other, LOCK_EX), 0);
@@ -333,8 +333,8 @@ TEST_F(ZPILogFileHandleTest, AWriteWaitsForWhoHoldsTheLock) {
   EXPECT_EQ(contents(), "chunk");
 }
 
-// Everybody who may read a file can lock it.
-TEST_F(ZPILogFileHandleTest, AWriteWaitsASecondAtMostAndSaysSo) {
+// Anyone with permission to read a file can lock it.
+TEST_F(ZPILogFileHandleTest, AWriteWaitsAtMostASecondAndSaysSo) {
   const LogCapture log;
   const auto handle = create();
   const int other = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -361,7 +361,7 @@ TEST_F(ZPILogFileHandleTest, AWriteWaitsASecondAtMostAndSaysSo) {
   EXPECT_EQ(log.lines(), once);
 }
 
-TEST_F(ZPILogFileHandleTest, OnceTheLockWasFreeItIsWaitedForAgain) {
+TEST_F(ZPILogFileHandleTest, AfterTheLockWasFreeWritesWaitForItAgain) {
   const LogCapture log;
   const auto handle = create();
   const int other = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -383,8 +383,8 @@ TEST_F(ZPILogFileHandleTest, OnceTheLockWasFreeItIsWaitedForAgain) {
   EXPECT_EQ(log.lines().size(), 1U);
 }
 
-// Every write moves three bytes at most, so that only the lock keeps the chunks together.
-TEST_F(ZPILogFileHandleTest, ChunksOfTwoHandlesDoNotCutIntoEachOther) {
+// Every write transfers at most three bytes, so that only the lock keeps the chunks together.
+TEST_F(ZPILogFileHandleTest, ChunksOfTwoHandlesDoNotInterleave) {
   constexpr int kChunks = 200;
   const Chunks chunks{"\n<aaaaaaaaaa>", "\n<bbbbbbbbbb>"};
   const auto first = create();
@@ -410,7 +410,7 @@ void limitFileSize(rlim_t size) {
   ::setrlimit(RLIMIT_FSIZE, &limit);
 }
 
-TEST_F(ZPILogFileHandleTest, AFileAtItsSizeLimitEndsNoProcess) {
+TEST_F(ZPILogFileHandleTest, AFileSizeLimitDoesNotEndTheProcess) {
   const ChildResult result = runInChild([&](std::string* message) {
     const auto handle = create();
     limitFileSize(10);
@@ -435,7 +435,7 @@ TEST_F(ZPILogFileHandleTest, ABlockedSizeSignalLeavesNoTrace) {
   EXPECT_EQ(result.status, 0);
 }
 
-TEST_F(ZPILogFileHandleTest, ASizeSignalThatTheCallerHadWaitingStays) {
+TEST_F(ZPILogFileHandleTest, ASizeSignalThatWasAlreadyPendingStays) {
   const ChildResult result = runInChild([&](std::string*) {
     const auto handle = create();
     limitFileSize(0);
@@ -447,7 +447,7 @@ TEST_F(ZPILogFileHandleTest, ASizeSignalThatTheCallerHadWaitingStays) {
   EXPECT_EQ(result.status, 0);
 }
 
-TEST_F(ZPILogFileHandleTest, AnIgnoredSizeSignalIsNoTrouble) {
+TEST_F(ZPILogFileHandleTest, AnIgnoredSizeSignalDoesNoHarm) {
   const ChildResult result = runInChild([&](std::string*) {
     const auto handle = create();
     limitFileSize(0);
@@ -458,7 +458,7 @@ TEST_F(ZPILogFileHandleTest, AnIgnoredSizeSignalIsNoTrouble) {
   EXPECT_EQ(result.status, 0);
 }
 
-TEST_F(ZPILogFileHandleTest, APipeWithoutAReaderEndsNoProcess) {
+TEST_F(ZPILogFileHandleTest, APipeWithoutAReaderDoesNotEndTheProcess) {
   ASSERT_EQ(::mkfifo(_path.c_str(), 0666), 0);
   const ChildResult result = runInChild([&](std::string*) {
     ::signal(SIGPIPE, SIG_DFL);

@@ -47,7 +47,7 @@ class ZPILogWriterTest : public testing::Test {
     open();
   }
   std::string contents() const { return contentsOfFile(_path); }
-  // How many chunks are in the file, if each is one letter.
+  // The number of chunks in the file, if each is one letter.
   size_t writtenLetters() const { return contents().size(); }
 
   const TemporaryFolder _folder;
@@ -66,7 +66,7 @@ TEST_F(ZPILogWriterTest, ANewWriterIsClosedAndNotSynchronous) {
   EXPECT_FALSE(std::filesystem::exists(_path));
 }
 
-TEST_F(ZPILogWriterTest, ClosingHasAllChunksInTheFileInTheirOrder) {
+TEST_F(ZPILogWriterTest, ClosingWritesAllChunksInOrder) {
   open();
   std::string expected;
   for (int i = 0; i < 1000; ++i) {
@@ -123,7 +123,7 @@ TEST_F(ZPILogWriterTest, ATaskHoldsTheOwnerWhileItWrites) {
   EXPECT_EQ(_owner.use_count(), 1);
 }
 
-// --- Chunks that come faster than they are written.
+// --- Chunks that arrive faster than they are written.
 
 TEST_F(ZPILogWriterTest, ChunksThatWaitTogetherAreWrittenTogether) {
   open();
@@ -137,8 +137,8 @@ TEST_F(ZPILogWriterTest, ChunksThatWaitTogetherAreWrittenTogether) {
   EXPECT_EQ(contents(), "1" + std::string(16, '2'));
 }
 
-// The shortest of many delays, since each of them may be long on a busy machine.
-TEST_F(ZPILogWriterTest, TheFirstChunkWaitsForNoOther) {
+// Takes the shortest of many delays, since any of them may be long on a busy machine.
+TEST_F(ZPILogWriterTest, TheFirstChunkDoesNotWaitForAnother) {
   using Clock = std::chrono::steady_clock;
   Clock::duration shortest = Clock::duration::max();
   for (int i = 0; i < 50; ++i) {
@@ -156,17 +156,17 @@ TEST_F(ZPILogWriterTest, TheFirstChunkWaitsForNoOther) {
   EXPECT_LT(shortest, std::chrono::milliseconds(1));
 }
 
-// Every write brings the next chunk, so that the traffic never pauses by itself.
-TEST_F(ZPILogWriterTest, AnOpenComesInBetweenBusyTraffic) {
+// Every write adds the next chunk, so that the traffic never pauses by itself.
+TEST_F(ZPILogWriterTest, AnOpenSucceedsDuringBusyTraffic) {
   open();
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
   std::atomic<bool> isBusy{true};
   SystemCalls calls(SystemCalls::Threads::kAll);
-  const auto bringAnother = [&] {
+  const auto addAnother = [&] {
     if (std::chrono::steady_clock::now() > end) isBusy = false;
     if (isBusy) _writer->addChunk("more");
   };
-  calls.before("writev", bringAnother, 0, SIZE_MAX);
+  calls.before("writev", addAnother, 0, SIZE_MAX);
   _writer->addChunk("first");
   open();
   EXPECT_TRUE(isBusy.exchange(false));
@@ -200,7 +200,7 @@ TEST_F(ZPILogWriterTest, NoChunkWaitsForAnotherWhileTheModeChanges) {
   changer.join();
   _writer->setSynchronous(false);
   _writer->addChunk("y");
-  // Nobody closes: the chunks get there by themselves.
+  // Without a close, the chunks reach the file by themselves.
   EXPECT_TRUE(waitFor([this] { return writtenLetters() == kRounds + 1; }));
   EXPECT_EQ(contents().back(), 'y');
   _writer->closeFile();
@@ -208,7 +208,7 @@ TEST_F(ZPILogWriterTest, NoChunkWaitsForAnotherWhileTheModeChanges) {
 
 // --- The thread.
 
-TEST_F(ZPILogWriterTest, AnOpenFileHasOneThreadNamedByIt) {
+TEST_F(ZPILogWriterTest, AnOpenFileHasOneThreadNamedAfterIt) {
   EXPECT_EQ(threadsNamed(_path), 0U);
   for (int i = 0; i < 2; ++i) {
     open();
@@ -240,7 +240,7 @@ TEST_F(ZPILogWriterTest, ASynchronousWriterHasNoThreadUntilItIsAsynchronous) {
   EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 0; }));
 }
 
-TEST_F(ZPILogWriterTest, WithoutAThreadWritersAndAnotherThreadsCloseComeBack) {
+TEST_F(ZPILogWriterTest, WithoutAThreadWritesAndAConcurrentCloseReturn) {
   for (int i = 0; i < 20; ++i) {
     const RefusedThreads refused;
     open();
@@ -250,7 +250,7 @@ TEST_F(ZPILogWriterTest, WithoutAThreadWritersAndAnotherThreadsCloseComeBack) {
   }
 }
 
-// Each write of this thread makes the other one bring a chunk.
+// Each write by this thread makes the other one add a chunk.
 TEST_F(ZPILogWriterTest, WithoutAThreadACallWritesOnceWhileOthersWrite) {
   const RefusedThreads refused;
   open();
@@ -273,7 +273,7 @@ TEST_F(ZPILogWriterTest, WithoutAThreadACallWritesOnceWhileOthersWrite) {
   _writer->closeFile();
 }
 
-// --- The writer of a child, made by hand in the same process.
+// --- The writer of a child process, created by hand in the same process.
 
 TEST_F(ZPILogWriterTest, AChildsWriterTakesOverFileModeAndOwner) {
   const RefusedThreads refused;
@@ -284,11 +284,11 @@ TEST_F(ZPILogWriterTest, AChildsWriterTakesOverFileModeAndOwner) {
   EXPECT_EQ(child.fileHandle(), _writer->fileHandle());
   EXPECT_TRUE(child.isSynchronous());
   child.setSynchronous(false);
-  child.addChunk("child");  // by a task, which needs the owner
+  child.addChunk("child");  // written by a task, which needs the owner
   EXPECT_EQ(contents(), "child");
 }
 
-TEST_F(ZPILogWriterTest, WhatTheParentHasPendingIsNotTheChilds) {
+TEST_F(ZPILogWriterTest, TheChildDoesNotWriteTheParentsPendingChunks) {
   open();
   HeldLogWrite held;
   _writer->addChunk("first ");

@@ -38,7 +38,7 @@ TEST_F(ZPILogWritersByProcessTest, AProcessHasOneWriter) {
   EXPECT_EQ(&_writers->ofThisProcess(), &writer);
 }
 
-TEST_F(ZPILogWritersByProcessTest, AChildHasOneOfItsOwn) {
+TEST_F(ZPILogWritersByProcessTest, AChildHasAWriterOfItsOwn) {
   const ZPILogWriter* const parents = &_writers->ofThisProcess();
   const ChildResult result = runInChild([&](std::string*) {
     const ZPILogWriter& own = _writers->ofThisProcess();
@@ -65,7 +65,7 @@ TEST_F(ZPILogWritersByProcessTest, AGrandchildWritesToTheSameFile) {
   EXPECT_EQ(contentsOfFile(_path), "child grandchild parent");
 }
 
-TEST_F(ZPILogWritersByProcessTest, TheEndInAChildClosesTheFileThereAlone) {
+TEST_F(ZPILogWritersByProcessTest, DestructionInAChildClosesTheFileOnlyThere) {
   const size_t before = openDescriptors().size();
   open();
   for (const bool isUsed : {false, true}) {

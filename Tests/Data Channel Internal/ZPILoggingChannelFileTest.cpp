@@ -41,7 +41,7 @@ using ZPILoggingChannelFileTest = LoggingChannelFixture;
 
 // --- A file that cannot be opened.
 
-TEST_F(ZPILoggingChannelFileTest, AMissingFolderIsALogLineAndNoError) {
+TEST_F(ZPILoggingChannelFileTest, AMissingFolderIsLoggedWithoutAnError) {
   const std::string path = _folder.pathOf("missing/log");
   _below->setOpened(false);
   ZPKErrorPtr error = olderError();
@@ -56,7 +56,7 @@ TEST_F(ZPILoggingChannelFileTest, AMissingFolderIsALogLineAndNoError) {
                                          path + "]"}));
 }
 
-TEST_F(ZPILoggingChannelFileTest, TheLineTellsWhyTheFileWasNotFound) {
+TEST_F(ZPILoggingChannelFileTest, TheLineSaysWhyTheFileWasNotFound) {
   writeFile(_folder.pathOf("file"), "");
   const std::string path = _folder.pathOf("file/log");
   const auto channel = make(path);
@@ -126,7 +126,7 @@ TEST_F(ZPILoggingChannelFileTest, AReadOnlyFileIsTheSystemsError) {
   EXPECT_EQ(contents(), "old");
 }
 
-TEST_F(ZPILoggingChannelFileTest, AReadOnlyFolderIsALineAndNoError) {
+TEST_F(ZPILoggingChannelFileTest, AReadOnlyFolderIsLoggedWithoutAnError) {
   const std::string folder = _folder.pathOf("closed");
   std::filesystem::create_directory(folder);
   ::chmod(folder.c_str(), 0555);
@@ -143,7 +143,7 @@ TEST_F(ZPILoggingChannelFileTest, AReadOnlyFolderIsALineAndNoError) {
                                 folder + "/log]");
 }
 
-TEST_F(ZPILoggingChannelFileTest, ALockedFolderIsALineAndNoError) {
+TEST_F(ZPILoggingChannelFileTest, ALockedFolderIsLoggedWithoutAnError) {
   const std::string folder = _folder.pathOf("closed");
   std::filesystem::create_directory(folder);
   ::chmod(folder.c_str(), 0);
@@ -178,7 +178,7 @@ TEST_F(ZPILoggingChannelFileTest, TheNullDeviceIsALogLikeAnyOther) {
   EXPECT_TRUE(channel->close(nullptr));
 }
 
-TEST_F(ZPILoggingChannelFileTest, ALockThatNobodyReleasesHoldsUpNoCall) {
+TEST_F(ZPILoggingChannelFileTest, ALockThatIsNeverReleasedBlocksNoCall) {
   TestClock clock;
   const SkippedWaits skipped(clock);
   open();
@@ -194,9 +194,9 @@ TEST_F(ZPILoggingChannelFileTest, ALockThatNobodyReleasesHoldsUpNoCall) {
   ::close(reader);
 }
 
-// --- A file that takes no more.
+// --- A file that is full.
 
-TEST_F(ZPILoggingChannelFileTest, AFullDiskStopsTheLogAndNotTheTraffic) {
+TEST_F(ZPILoggingChannelFileTest, AFullDiskStopsTheLogButNotTheTraffic) {
   const auto channel = make("/dev/full", true);
   ASSERT_TRUE(channel->openWithTimeout(1.0, nullptr));
   EXPECT_TRUE(channel->write(dataOf("ver"), nullptr));
@@ -207,7 +207,7 @@ TEST_F(ZPILoggingChannelFileTest, AFullDiskStopsTheLogAndNotTheTraffic) {
 }
 
 // Room for the first prefix and three bytes after it.
-TEST_F(ZPILoggingChannelFileTest, ASizeLimitCutsTheLogAndNotTheTraffic) {
+TEST_F(ZPILoggingChannelFileTest, ASizeLimitTruncatesTheLogButNotTheTraffic) {
   const ChildResult result = runInChild([this](std::string*) {
     _channel->setSynchronousLogging(true);
     if (!_channel->openWithTimeout(1.0, nullptr)) return 1;
@@ -227,10 +227,10 @@ TEST_F(ZPILoggingChannelFileTest, ASizeLimitCutsTheLogAndNotTheTraffic) {
   EXPECT_THAT(texts(), ElementsAre("pre--write: ver"));
 }
 
-// The same on the channel's own thread, in a program of its own: a forked one may start no thread.
-// The limit holds for what the program prints too, so it is far off, and the log, full of nothing,
-// is just below it.
-TEST(ZPILoggingChannelFileDeathTest, ASizeLimitEndsNoProcessFromTheBackgroundEither) {
+// The same on the channel's own thread, in a separate program: a forked child may not start a
+// thread. The limit also applies to the program's output, so it is high, and the log begins as a
+// sparse file just below it.
+TEST(ZPILoggingChannelFileDeathTest, ASizeLimitEndsNoProcessInTheBackgroundEither) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const auto logIntoALimitedFile = [] {
     constexpr rlim_t kLimit = 1U << 30;
@@ -266,7 +266,7 @@ TEST_F(ZPILoggingChannelFileTest, AMovedFileStaysTheLogUntilTheNextOpen) {
   EXPECT_THAT(texts(), ElementsAre("pre--write: three"));
 }
 
-TEST_F(ZPILoggingChannelFileTest, ARemovedFileStopsNoTraffic) {
+TEST_F(ZPILoggingChannelFileTest, ARemovedFileDoesNotStopTheTraffic) {
   open();
   std::filesystem::remove(_path);
   EXPECT_TRUE(write("ver"));
@@ -283,7 +283,7 @@ void logLines(ZPKDataChannel& channel, int count) {
   }
 }
 
-// The lines of one writer, which must be whole chunks of logLines in their order.
+// The lines of one writer, which must be the whole chunks of logLines, in order.
 void expectWholeChunks(const std::vector<LogFileLine>& lines, int count) {
   ASSERT_EQ(lines.size(), static_cast<size_t>(2 * count));
   for (size_t i = 0; i < lines.size(); ++i) {
@@ -293,7 +293,7 @@ void expectWholeChunks(const std::vector<LogFileLine>& lines, int count) {
   }
 }
 
-// Nobody's line may stand between the two lines of another's chunk.
+// The two lines of a chunk must not be separated by a line of the other writer.
 void expectTwoWriters(const std::string& path, int count,
                       const std::function<std::string(const LogFileLine&)>& writerOf) {
   const std::vector<LogFileLine> lines = linesOfLog(path);
@@ -307,7 +307,7 @@ void expectTwoWriters(const std::string& path, int count,
   for (const auto& [writer, its] : writers) expectWholeChunks(its, count);
 }
 
-TEST_F(ZPILoggingChannelFileTest, TwoChannelsOnOneFileGiveWholeChunks) {
+TEST_F(ZPILoggingChannelFileTest, TwoChannelsOnOneFileWriteWholeChunks) {
   constexpr int kCount = 300;
   const auto other = ZPILoggingChannel::initWithLogFilePath(_path, "post", ScriptedChannel::make());
   ASSERT_TRUE(other->openWithTimeout(1.0, nullptr));
@@ -323,7 +323,7 @@ TEST_F(ZPILoggingChannelFileTest, TwoChannelsOnOneFileGiveWholeChunks) {
   expectTwoWriters(_path, kCount, [](const LogFileLine& line) { return line.identifier; });
 }
 
-TEST_F(ZPILoggingChannelFileTest, TwoProcessesOnOneFileGiveWholeChunks) {
+TEST_F(ZPILoggingChannelFileTest, TwoProcessesOnOneFileWriteWholeChunks) {
   constexpr int kCount = 300;
   const std::string started = _folder.pathOf("started");
   auto child = std::async(std::launch::async, [&] {

@@ -27,8 +27,8 @@ using testing::ElementsAre;
 
 class ZPILoggingChannelForkTest : public LoggingChannelFixture {
  protected:
-  // The parent's thread is in the middle of a write when the child is forked, with a chunk after
-  // it.
+  // When the child is forked, the parent's thread is in the middle of a write, and a further chunk
+  // is pending.
   ChildResult forkDuringAWrite(const ChildFunction& child) {
     open();
     HeldLogWrite held;
@@ -66,7 +66,7 @@ TEST_F(ZPILoggingChannelForkTest, AChildsCallsReturnWithTheirLinesInTheFile) {
   EXPECT_EQ(texts().size(), 4U);
 }
 
-TEST_F(ZPILoggingChannelForkTest, WhatTheParentHasPendingIsNotTheChilds) {
+TEST_F(ZPILoggingChannelForkTest, TheChildDoesNotWriteTheParentsPendingLines) {
   const ChildResult result =
       forkDuringAWrite([this](std::string*) { return _channel->close(nullptr) ? 0 : 1; });
   EXPECT_EQ(result.status, 0) << "signal " << result.signal;
@@ -109,7 +109,7 @@ TEST_F(ZPILoggingChannelForkTest, ADroppedChannelClosesItsFileInAChildToo) {
   EXPECT_EQ(result.status, 0) << "signal " << result.signal;
 }
 
-TEST_F(ZPILoggingChannelForkTest, AChildCanOpenTheLogAnew) {
+TEST_F(ZPILoggingChannelForkTest, AChildCanReopenTheLog) {
   open();
   write("parent");
   EXPECT_TRUE(waitFor([this] { return texts().size() == 1; }));
@@ -127,7 +127,7 @@ TEST_F(ZPILoggingChannelForkTest, AChildCanOpenTheLogAnew) {
   EXPECT_THAT(texts(), ElementsAre("pre--write: parent", "pre--write: one", "pre--write: two"));
 }
 
-// The numbers that the lines of one identifier end in; quick for a long log.
+// The numbers at the ends of the lines with one identifier; fast even for a long log.
 std::vector<size_t> numbersOfLog(const std::string& path, const std::string& identifier) {
   std::vector<size_t> numbers;
   std::istringstream lines(contentsOfFile(path));
@@ -138,8 +138,8 @@ std::vector<size_t> numbersOfLog(const std::string& path, const std::string& ide
   return numbers;
 }
 
-// The fork meets the other threads anywhere, with any lock of the channel held.
-TEST_F(ZPILoggingChannelForkTest, ForksAmidTrafficNeitherHangNorWriteTwice) {
+// The fork may find the other threads anywhere, with any lock of the channel held.
+TEST_F(ZPILoggingChannelForkTest, ForksDuringTrafficNeitherHangNorWriteTwice) {
   constexpr size_t kForks = 50;
   open();
   BusyWriter writer(

@@ -40,7 +40,7 @@ TEST_F(ZPILoggingChannelLifeTest, NothingIsOpenedBeforeOpen) {
   EXPECT_THAT(_below->calls(), IsEmpty());
 }
 
-TEST_F(ZPILoggingChannelLifeTest, OpenMakesTheFileAndThenOpensTheChannelBelow) {
+TEST_F(ZPILoggingChannelLifeTest, OpenCreatesTheFileAndThenOpensTheChannelBelow) {
   _below->setOpened(false);
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(_channel->openWithTimeout(2.5, &error));
@@ -69,7 +69,7 @@ TEST_F(ZPILoggingChannelLifeTest, AnExistingFileIsAppendedToAndKeepsItsPermissio
   EXPECT_EQ(permissionsOfFile(_path), mode_t{0600});
 }
 
-TEST_F(ZPILoggingChannelLifeTest, ALinkStandsForTheFileThatItNames) {
+TEST_F(ZPILoggingChannelLifeTest, ALinkIsFollowedToItsFile) {
   std::filesystem::create_symlink(_folder.pathOf("target"), _path);
   open();
   write("ver");
@@ -77,7 +77,7 @@ TEST_F(ZPILoggingChannelLifeTest, ALinkStandsForTheFileThatItNames) {
   EXPECT_THAT(textsOfLog(_folder.pathOf("target")), ElementsAre("pre--write: ver"));
 }
 
-TEST_F(ZPILoggingChannelLifeTest, OneFileCollectsSeveralOpenTimes) {
+TEST_F(ZPILoggingChannelLifeTest, OneFileCollectsSeveralSessions) {
   for (const char* text : {"one", "two"}) {
     open();
     write(text);
@@ -199,7 +199,7 @@ TEST_F(ZPILoggingChannelLifeTest, ChannelsCanBeDroppedInTheMiddleOfTheirTraffic)
     channel.reset();
     ASSERT_EQ(destroyed.get_future().wait_for(kPatience), std::future_status::ready);
   }
-  // Whoever released it last has written what was pending.
+  // Whoever released it last has written the pending chunks.
   EXPECT_EQ(texts(), std::vector<std::string>(600, "pre--write: version"));
 }
 

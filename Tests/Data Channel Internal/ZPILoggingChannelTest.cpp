@@ -59,7 +59,7 @@ TEST_F(ZPILoggingChannelTest, APrefixStartsEveryLineAndEndsTheChunk) {
   EXPECT_EQ(timestamps.size(), 1U);
 }
 
-TEST_F(ZPILoggingChannelTest, ALineInTwoPiecesShowsAsTwoLines) {
+TEST_F(ZPILoggingChannelTest, ALineInTwoPiecesIsLoggedAsTwoLines) {
   open();
   readOf("2.");
   readOf("33\n");
@@ -67,7 +67,7 @@ TEST_F(ZPILoggingChannelTest, ALineInTwoPiecesShowsAsTwoLines) {
   EXPECT_THAT(texts(), ElementsAre("pre---read: 2.", "pre---read: 33", "pre---read: "));
 }
 
-TEST_F(ZPILoggingChannelTest, BinaryBytesShowInHexadecimalAndPassUnchanged) {
+TEST_F(ZPILoggingChannelTest, BinaryBytesAreLoggedInHexadecimalAndPassUnchanged) {
   open();
   const std::string bytes("\xFF\0%@ %n\xFE", 8);
   EXPECT_EQ(readOf(bytes)->view(), bytes);
@@ -107,7 +107,7 @@ TEST_F(ZPILoggingChannelTest, AFailedReadLeavesNoTrace) {
   EXPECT_EQ(contents(), "");
 }
 
-TEST_F(ZPILoggingChannelTest, AFailedWriteHasBeenLogged) {
+TEST_F(ZPILoggingChannelTest, AFailedWriteIsLogged) {
   open();
   const ZPKErrorPtr fromBelow = ZPKError::init("below", 5, {});
   _below->setWriteResult(false, fromBelow);
@@ -135,7 +135,7 @@ TEST_F(ZPILoggingChannelTest, AWriteIsLoggedBeforehandAndAReadAfterwards) {
   EXPECT_THAT(texts(), ElementsAre("pre--write: ver", "pre---read: 2.33"));
 }
 
-TEST_F(ZPILoggingChannelTest, TheIdentifierIsTakenAsItIs) {
+TEST_F(ZPILoggingChannelTest, TheIdentifierIsLoggedUnchanged) {
   const auto channel = ZPILoggingChannel::initWithLogFilePath(_path, "%@ %s", _below);
   ASSERT_TRUE(channel->openWithTimeout(1.0, nullptr));
   channel->write(dataOf("ver"), nullptr);
@@ -174,7 +174,7 @@ TEST_F(ZPILoggingChannelTest, SynchronousLoggingWaitsForTheFile) {
   EXPECT_THAT(texts(), ElementsAre("pre--write: ver"));
 }
 
-TEST_F(ZPILoggingChannelTest, AsynchronousLoggingKeepsNobodyWaiting) {
+TEST_F(ZPILoggingChannelTest, AsynchronousLoggingDelaysNoCall) {
   open();
   HeldLogWrite held;
   for (int i = 0; i < 100; ++i) EXPECT_TRUE(write("ver"));
@@ -185,7 +185,7 @@ TEST_F(ZPILoggingChannelTest, AsynchronousLoggingKeepsNobodyWaiting) {
   EXPECT_EQ(texts().size(), 101U);
 }
 
-TEST_F(ZPILoggingChannelTest, CloseHasEverythingInTheFile) {
+TEST_F(ZPILoggingChannelTest, CloseWritesEverythingToTheFile) {
   open();
   std::vector<std::string> expected;
   for (int i = 0; i < 2000; ++i) {
@@ -238,7 +238,7 @@ TEST_F(ZPILoggingChannelTest, TheFileHandleCanBeReadAndReplaced) {
   EXPECT_THAT(texts(), ElementsAre("pre--write: kept"));
 }
 
-TEST_F(ZPILoggingChannelTest, WithoutAThreadTheTrafficWritesAndStartsNone) {
+TEST_F(ZPILoggingChannelTest, WithoutAThreadTheCallsWriteTheLog) {
   {
     const RefusedThreads refused;
     open();

@@ -52,7 +52,7 @@ TEST_F(ZPIPassiveChannelTest, AClosedChannelWithoutASlotStillLogs) {
   EXPECT_THAT(log.lines(), ElementsAre(LogLine{0, kClosed.description}));
 }
 
-TEST_F(ZPIPassiveChannelTest, AChannelThatClosesBetweenSlicesGivesNullAndNullInTheSlot) {
+TEST_F(ZPIPassiveChannelTest, ACloseBetweenSlicesGivesNullAndClearsTheSlot) {
   LogCapture log;
   below->setOnRead([this](double) {
     if (below->readTimeouts().size() == 3) below->setOpened(false);
@@ -64,18 +64,18 @@ TEST_F(ZPIPassiveChannelTest, AChannelThatClosesBetweenSlicesGivesNullAndNullInT
   EXPECT_THAT(log.lines(), ElementsAre());
 }
 
-TEST_F(ZPIPassiveChannelTest, WithoutASlotAChannelThatClosesBetweenSlicesGivesNull) {
+TEST_F(ZPIPassiveChannelTest, WithoutASlotACloseBetweenSlicesGivesNull) {
   below->setOnRead([this](double) { below->setOpened(false); });
   EXPECT_EQ(channel->readWithTimeout(ZEPHAL_COMMUNICATION_TIME_FOREVER, nullptr), nullptr);
 }
 
-TEST_F(ZPIPassiveChannelTest, BytesThatComeWithTheCloseAreHandedUp) {
+TEST_F(ZPIPassiveChannelTest, BytesThatArriveWithTheCloseArePassedUp) {
   below->addRead("last words");
   below->setOnRead([this](double) { below->setOpened(false); });
   EXPECT_EQ(channel->readWithTimeout(1000.0, nullptr)->view(), "last words");
 }
 
-TEST_F(ZPIPassiveChannelTest, WhenTheTimeIsUpTooItCountsAheadOfTheClose) {
+TEST_F(ZPIPassiveChannelTest, ATimeoutTakesPrecedenceOverASimultaneousClose) {
   below->setOnRead([this](double) { below->setOpened(false); });
   ZPKErrorPtr error = olderError();
   const ZPKDataPtr data = channel->readWithTimeout(ZEPHAL_COMMUNICATION_TIME_NOW, &error);
@@ -84,7 +84,7 @@ TEST_F(ZPIPassiveChannelTest, WhenTheTimeIsUpTooItCountsAheadOfTheClose) {
   EXPECT_EQ(error, olderError());
 }
 
-TEST_F(ZPIPassiveChannelTest, ACloseOnAnotherThreadEndsAReadWithoutAnError) {
+TEST_F(ZPIPassiveChannelTest, ACloseOnAnotherThreadEndsAReadCleanly) {
   std::thread closer([this] {
     EXPECT_TRUE(waitFor([this] { return below->readTimeouts().size() > 2; }));
     below->setOpened(false);
@@ -106,8 +106,8 @@ TEST_F(ZPIPassiveChannelTest, NowReadsBelowExactlyOnce) {
   EXPECT_THAT(below->readTimeouts(), ElementsAre(0.0));
 }
 
-// A channel below may keep the buffer that it handed up, and fill it later.
-TEST_F(ZPIPassiveChannelTest, TheEmptyDataOfATimeoutAreNotTheObjectFromBelow) {
+// A channel below may keep the buffer that it passed up, and fill it later.
+TEST_F(ZPIPassiveChannelTest, ATimeoutReturnsItsOwnEmptyData) {
   for (const double timeout : {ZEPHAL_COMMUNICATION_TIME_NOW, 0.001}) {
     const ZPKMutableDataPtr kept = ZPKMutableData::data();
     below->setOnRead([&](double) { below->addRead(kept); });
@@ -118,7 +118,7 @@ TEST_F(ZPIPassiveChannelTest, TheEmptyDataOfATimeoutAreNotTheObjectFromBelow) {
   }
 }
 
-TEST_F(ZPIPassiveChannelTest, ForeverIsHandedDownAndGoesOnUntilBytesCome) {
+TEST_F(ZPIPassiveChannelTest, ForeverIsPassedDownUntilBytesArrive) {
   for (const char* bytes : {"", "", "", "abc"}) below->addRead(bytes);
   EXPECT_EQ(channel->readWithTimeout(ZEPHAL_COMMUNICATION_TIME_FOREVER, nullptr)->view(), "abc");
   EXPECT_THAT(below->readTimeouts(), ElementsAre(-1.0, -1.0, -1.0, -1.0));
@@ -132,13 +132,13 @@ TEST_F(ZPIPassiveChannelTest, ASliceIsATenthOfTheTimeout) {
   EXPECT_THAT(below->readTimeouts(), ElementsAre(0.1, 0.25, 0.0001, 360.0));
 }
 
-TEST_F(ZPIPassiveChannelTest, OneTimeoutHasSlicesOfOneLength) {
+TEST_F(ZPIPassiveChannelTest, AllSlicesOfATimeoutHaveTheSameLength) {
   for (const char* bytes : {"", "", "abc"}) below->addRead(bytes);
   channel->readWithTimeout(1000.0, nullptr);
   EXPECT_THAT(below->readTimeouts(), ElementsAre(100.0, 100.0, 100.0));
 }
 
-TEST_F(ZPIPassiveChannelTest, ANegativeTimeoutIsHandedDownDividedByTenAndTheErrorComesUp) {
+TEST_F(ZPIPassiveChannelTest, ATenthOfANegativeTimeoutIsPassedDown) {
   LogCapture log;
   below->addFailedRead(errorWithCode(3), false);
   ZPKErrorPtr error = olderError();
@@ -149,7 +149,7 @@ TEST_F(ZPIPassiveChannelTest, ANegativeTimeoutIsHandedDownDividedByTenAndTheErro
 }
 
 // Its tenth would be FOREVER below, or NOW.
-TEST_F(ZPIPassiveChannelTest, ANegativeTimeoutStaysOneThatIsRefusedBelow) {
+TEST_F(ZPIPassiveChannelTest, ANegativeTimeoutStaysInvalidBelow) {
   constexpr double kSmallest = std::numeric_limits<double>::denorm_min();
   for (const double timeout : {-10.0, -9.99, -10.01, -kSmallest, -1e300}) {
     below->addFailedRead(errorWithCode(3), false);
@@ -163,14 +163,14 @@ TEST_F(ZPIPassiveChannelTest, MinusZeroIsNow) {
   EXPECT_THAT(below->readTimeouts(), ElementsAre(0.0));
 }
 
-TEST_F(ZPIPassiveChannelTest, ANegativeTimeoutThatIsTakenBelowIsOverAfterOneSlice) {
+TEST_F(ZPIPassiveChannelTest, ANegativeTimeoutAcceptedBelowEndsAfterOneSlice) {
   const ZPKDataPtr data = channel->readWithTimeout(-5.0, nullptr);
   ASSERT_NE(data, nullptr);
   EXPECT_EQ(data->length(), 0U);
   EXPECT_THAT(below->readTimeouts(), ElementsAre(-0.5));
 }
 
-TEST_F(ZPIPassiveChannelTest, ATimeoutThatIsNotANumberIsOverAfterOneSlice) {
+TEST_F(ZPIPassiveChannelTest, ANaNTimeoutEndsAfterOneSlice) {
   const ZPKDataPtr data = channel->readWithTimeout(std::nan(""), nullptr);
   ASSERT_NE(data, nullptr);
   EXPECT_EQ(data->length(), 0U);
@@ -180,7 +180,7 @@ TEST_F(ZPIPassiveChannelTest, ATimeoutThatIsNotANumberIsOverAfterOneSlice) {
 
 // --- Results.
 
-TEST_F(ZPIPassiveChannelTest, TheFirstBytesAreHandedUpAsTheyAreAndNothingIsGathered) {
+TEST_F(ZPIPassiveChannelTest, TheFirstBytesArePassedUpUnchanged) {
   const ZPKDataPtr first = dataOf("a");
   below->addRead("");
   below->addRead(first);
@@ -191,7 +191,7 @@ TEST_F(ZPIPassiveChannelTest, TheFirstBytesAreHandedUpAsTheyAreAndNothingIsGathe
   EXPECT_EQ(below->readTimeouts().size(), 2U);
 }
 
-TEST_F(ZPIPassiveChannelTest, EmptyDataFromBelowNeverComesUpBeforeTheTimeIsUp) {
+TEST_F(ZPIPassiveChannelTest, EmptyDataIsReturnedOnlyAtTheTimeout) {
   TestClock clock;
   below->setOnRead([&clock](double) { clock.advance(std::chrono::milliseconds(15)); });
   ZPKErrorPtr error = olderError();
@@ -202,15 +202,15 @@ TEST_F(ZPIPassiveChannelTest, EmptyDataFromBelowNeverComesUpBeforeTheTimeIsUp) {
   EXPECT_THAT(below->readTimeouts(), ElementsAre(0.005, 0.005, 0.005, 0.005));
 }
 
-TEST_F(ZPIPassiveChannelTest, TheTimeIsUpInTheInstantThatTheTimeoutNames) {
+TEST_F(ZPIPassiveChannelTest, TheReadEndsExactlyAtItsTimeout) {
   TestClock clock;
   below->setOnRead([&clock](double) { clock.advance(std::chrono::milliseconds(250)); });
   EXPECT_EQ(channel->readWithTimeout(1.0, nullptr)->length(), 0U);
   EXPECT_EQ(below->readTimeouts().size(), 4U);
 }
 
-// It goes by the wall clock: whoever sets that back makes a read last longer.
-TEST_F(ZPIPassiveChannelTest, AWallClockThatIsSetBackMakesTheReadLonger) {
+// The read follows the wall clock: setting it back makes the read last longer.
+TEST_F(ZPIPassiveChannelTest, SettingTheWallClockBackMakesTheReadLonger) {
   TestClock clock;
   const auto start = std::chrono::system_clock::now();
   below->setOnRead([&](double) {
@@ -234,14 +234,14 @@ TEST_F(ZPIPassiveChannelTest, AFailureBelowPassesAndIsNotLoggedAgain) {
   EXPECT_THAT(log.lines(), ElementsAre());
 }
 
-TEST_F(ZPIPassiveChannelTest, NullFromBelowWithoutAnErrorPutsNullInTheSlot) {
+TEST_F(ZPIPassiveChannelTest, NullFromBelowWithoutErrorClearsTheSlot) {
   below->addFailedRead(nullptr);
   ZPKErrorPtr error = olderError();
   EXPECT_EQ(channel->readWithTimeout(1000.0, &error), nullptr);
   EXPECT_EQ(error, nullptr);
 }
 
-// A channel below that fills the slot of a read that is no failure: its error goes nowhere.
+// If a channel below fills the slot of a read that does not fail, its error is dropped.
 TEST_F(ZPIPassiveChannelTest, TheChannelBelowGetsASlotOfItsOwn) {
   class Chatty final : public ZPKDataChannel {
    public:
@@ -266,8 +266,8 @@ TEST_F(ZPIPassiveChannelTest, TheChannelBelowGetsASlotOfItsOwn) {
   EXPECT_EQ(error, olderError());
 }
 
-// Something to be read is there, so that a read which takes the timeout does not wait for ever.
-TEST(ZPIPassiveChannelOverASocketTest, EveryNegativeTimeoutButForeverIsRefused) {
+// There are bytes to read, so that a read that accepts the timeout does not wait forever.
+TEST(ZPIPassiveChannelOverASocketTest, EveryNegativeTimeoutExceptForeverIsRejected) {
   for (const double timeout :
        {-10.0, -9.99, -10.01, -0.5, -std::numeric_limits<double>::denorm_min(),
         -std::numeric_limits<double>::infinity()}) {

@@ -13,7 +13,7 @@ namespace {
 
 class ZPIResetWalkTest : public testing::Test {
  protected:
-  // Resets the three members in their order; what finish returns.
+  // Resets the three members in order and returns the result of finish.
   bool walkThem(ZPKErrorPtr* error) {
     ZPIResetWalk walk;
     walk.reset(*first);
@@ -27,7 +27,7 @@ class ZPIResetWalkTest : public testing::Test {
   const std::shared_ptr<ScriptedChannel> channel = ScriptedChannel::make();
 };
 
-TEST_F(ZPIResetWalkTest, WhenAllSucceedTheSlotStaysAsItWas) {
+TEST_F(ZPIResetWalkTest, WhenAllSucceedTheSlotIsUntouched) {
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(walkThem(&error));
   EXPECT_EQ(error, olderError());
@@ -36,7 +36,7 @@ TEST_F(ZPIResetWalkTest, WhenAllSucceedTheSlotStaysAsItWas) {
   EXPECT_THAT(channel->calls(), testing::ElementsAre("reset"));
 }
 
-TEST_F(ZPIResetWalkTest, AFailureStopsNothingAndIsReportedAtTheEnd) {
+TEST_F(ZPIResetWalkTest, AFailureDoesNotStopTheWalkAndIsReported) {
   first->setResetResult(false, errorWithCode(1));
   ZPKErrorPtr error = olderError();
   EXPECT_FALSE(walkThem(&error));
@@ -45,7 +45,7 @@ TEST_F(ZPIResetWalkTest, AFailureStopsNothingAndIsReportedAtTheEnd) {
   EXPECT_THAT(channel->calls(), testing::ElementsAre("reset"));
 }
 
-TEST_F(ZPIResetWalkTest, OfSeveralFailuresTheFirstIsReported) {
+TEST_F(ZPIResetWalkTest, TheFirstOfSeveralFailuresIsReported) {
   second->setResetResult(false, errorWithCode(2));
   channel->setResetResult(false, errorWithCode(3));
   ZPKErrorPtr error;
@@ -53,7 +53,7 @@ TEST_F(ZPIResetWalkTest, OfSeveralFailuresTheFirstIsReported) {
   EXPECT_EQ(error->code(), 2);
 }
 
-TEST_F(ZPIResetWalkTest, AFirstFailureWithoutAnErrorLeavesNullWhateverComesLater) {
+TEST_F(ZPIResetWalkTest, AFirstFailureWithoutErrorLeavesNull) {
   first->setResetResult(false, nullptr);
   channel->setResetResult(false, errorWithCode(3));
   ZPKErrorPtr error = olderError();
@@ -87,7 +87,7 @@ TEST_F(ZPIResetWalkTest, ANullSlotIsLegal) {
   EXPECT_FALSE(walkThem(nullptr));
 }
 
-// A member that fills the slot of a success must not be taken for the one that failed.
+// A member that succeeds but fills its slot must not be mistaken for the one that failed.
 TEST_F(ZPIResetWalkTest, EachMemberGetsASlotOfItsOwn) {
   class Chatty final : public ZPKDataTransformer {
    public:

@@ -73,7 +73,7 @@ TEST_F(ZPIUARTChannelTest, TheDefaultsAre115200And8N1AndExclusive) {
   EXPECT_EQ(options->number(ZEPHAL_COMMUNICATION_UART_EXCLUSIVE_LOCK), ZPKNumber(true));
 }
 
-TEST_F(ZPIUARTChannelTest, EachDefaultConfigIsANewOne) {
+TEST_F(ZPIUARTChannelTest, EachDefaultConfigIsNew) {
   ZPIUARTChannel::defaultConfig()->set(ZEPHAL_COMMUNICATION_UART_BAUD, 9600);
   EXPECT_EQ(ZPIUARTChannel::defaultConfig()->number(ZEPHAL_COMMUNICATION_UART_BAUD),
             ZPKNumber(115200));
@@ -115,7 +115,7 @@ TEST_F(ZPIUARTChannelTest, AGivenKeyReplacesItsDefaultAndTheOthersStay) {
   channel->close(nullptr);
 }
 
-TEST_F(ZPIUARTChannelTest, TheExclusiveHoldCanBeLeft) {
+TEST_F(ZPIUARTChannelTest, TheExclusiveHoldCanBeOmitted) {
   const auto channel = channelWith(optionOf(ZEPHAL_COMMUNICATION_UART_EXCLUSIVE_LOCK, false));
   SystemCalls calls;
   EXPECT_TRUE(_peer.open(channel));
@@ -123,14 +123,14 @@ TEST_F(ZPIUARTChannelTest, TheExclusiveHoldCanBeLeft) {
   channel->close(nullptr);
 }
 
-TEST_F(ZPIUARTChannelTest, KeysThatMeanNothingHereAreIgnored) {
+TEST_F(ZPIUARTChannelTest, UnknownKeysAreIgnored) {
   const auto channel = channelWith(optionOf("baud", 9600));
   EXPECT_TRUE(_peer.open(channel));
   EXPECT_EQ(speeds(), Speeds(115200, 115200));
   channel->close(nullptr);
 }
 
-TEST_F(ZPIUARTChannelTest, TheOptionsAreTheChannelsOwn) {
+TEST_F(ZPIUARTChannelTest, TheChannelCopiesTheOptions) {
   const ZPKOptionsPtr options = optionOf(ZEPHAL_COMMUNICATION_UART_BAUD, 9600);
   const auto channel = channelWith(options);
   options->set(ZEPHAL_COMMUNICATION_UART_BAUD, 19200);
@@ -264,7 +264,7 @@ TEST_F(ZPIUARTChannelTest, IsDestroyedWithoutAClose) {
 
 // --- Reset
 
-TEST_F(ZPIUARTChannelTest, ResettingAnOpenOneFailsAndLeavesItOpen) {
+TEST_F(ZPIUARTChannelTest, ResettingAnOpenChannelFailsAndLeavesItOpen) {
   const auto channel = channelWith(nullptr);
   ASSERT_TRUE(_peer.open(channel));
   EXPECT_FALSE(channel->reset(&_error));
@@ -277,7 +277,7 @@ TEST_F(ZPIUARTChannelTest, ResettingAnOpenOneFailsAndLeavesItOpen) {
   channel->close(nullptr);
 }
 
-TEST_F(ZPIUARTChannelTest, ResettingAClosedOneSucceedsAndDoesNothing) {
+TEST_F(ZPIUARTChannelTest, ResettingAClosedChannelSucceedsAndDoesNothing) {
   const auto channel = channelWith(nullptr);
   const SystemCalls calls;
   EXPECT_TRUE(channel->reset(&_error));
@@ -308,7 +308,7 @@ TEST_F(ZPIUARTChannelTest, ALostDeviceFailsTheWriteAndClosesNothing) {
   {
     const SystemCalls calls;
     EXPECT_FALSE(channel->write(data, &_error));
-    // A terminal is no socket, and is not asked whether it is one.
+    // A terminal is not a socket, and is not tried as one.
     EXPECT_EQ(calls.count("send"), 0U);
     EXPECT_EQ(calls.count("write"), 1U);
   }

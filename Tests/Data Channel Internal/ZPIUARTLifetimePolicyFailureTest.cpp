@@ -36,9 +36,9 @@ class ZPIUARTLifetimePolicyFailureTest : public SerialPortFixture {
   }
 };
 
-// --- What goes wrong
+// --- Failures
 
-TEST_F(ZPIUARTLifetimePolicyFailureTest, ADeviceThatIsNotThereFailsAtOpen) {
+TEST_F(ZPIUARTLifetimePolicyFailureTest, AMissingDeviceFailsAtOpen) {
   _error = olderError();
   EXPECT_FALSE(_port.open("uart:///no/such/%25d/device", optionsOf(9600, "8N1"), &_error));
   expectFailure(
@@ -152,7 +152,7 @@ TEST_F(ZPIUARTLifetimePolicyFailureTest, ABadModeIsLoggedOnceWithoutASlotToo) {
   }
 }
 
-TEST_F(ZPIUARTLifetimePolicyFailureTest, AFileThatIsNoTerminal) {
+TEST_F(ZPIUARTLifetimePolicyFailureTest, AFileThatIsNotATerminal) {
   const TemporaryFolder folder;
   const std::string path = folder.pathOf("file");
   std::ofstream(path) << "x";
@@ -171,7 +171,7 @@ TEST_F(ZPIUARTLifetimePolicyFailureTest, AFileThatIsNoTerminal) {
 
 // --- Modes
 
-TEST_F(ZPIUARTLifetimePolicyFailureTest, ABadModeIsFoundOnceTheDeviceIsOpen) {
+TEST_F(ZPIUARTLifetimePolicyFailureTest, ABadModeIsDetectedOnceTheDeviceIsOpen) {
   struct Case {
     const char* mode;
     const char* text;
@@ -211,7 +211,7 @@ TEST_F(ZPIUARTLifetimePolicyFailureTest, ATooShortModeThrowsWithTheDeviceOpen) {
   EXPECT_THAT(_log.lines(), IsEmpty());
 }
 
-TEST_F(ZPIUARTLifetimePolicyFailureTest, ABadCharacterAheadOfTheMissingOneIsReported) {
+TEST_F(ZPIUARTLifetimePolicyFailureTest, ABadCharacterBeforeTheMissingOneIsReported) {
   EXPECT_FALSE(open(9600, "9"));
   EXPECT_EQ(_error->description(), "Invalid Character Size (Use 5, 6, 7, or 8)");
 }
@@ -230,7 +230,7 @@ TEST(ZPIUARTModeTest, EachSizeReplacesTheOneBefore) {
   }
 }
 
-TEST(ZPIUARTModeTest, ABadSizeHasClearedTheSizeAllTheSame) {
+TEST(ZPIUARTModeTest, ABadSizeStillClearsTheOldSize) {
   LogCapture log;
   termios attributes{};
   attributes.c_cflag = ~tcflag_t{0};
@@ -241,7 +241,7 @@ TEST(ZPIUARTModeTest, ABadSizeHasClearedTheSizeAllTheSame) {
   EXPECT_EQ(log.lines().size(), 2U);
 }
 
-TEST(ZPIUARTModeTest, EachParityTouchesItsBitsAlone) {
+TEST(ZPIUARTModeTest, EachParityTouchesOnlyItsBits) {
   const auto both = static_cast<tcflag_t>(PARENB | PARODD);
   for (const tcflag_t before : {tcflag_t{0}, ~tcflag_t{0}, tcflag_t{PARODD}, tcflag_t{PARENB}}) {
     termios attributes{};
@@ -262,7 +262,7 @@ TEST(ZPIUARTModeTest, EachParityTouchesItsBitsAlone) {
   }
 }
 
-TEST(ZPIUARTModeTest, EachNumberOfStopBitsTouchesItsBitAlone) {
+TEST(ZPIUARTModeTest, EachNumberOfStopBitsTouchesOnlyItsBit) {
   for (const tcflag_t before : {tcflag_t{0}, ~tcflag_t{0}}) {
     termios attributes{};
     attributes.c_cflag = before;

@@ -1,4 +1,4 @@
-// The exclusive hold. Root passes it, so the second opener is an ordinary user.
+// The exclusive hold. It does not stop root, so the second opener is an ordinary user.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -49,7 +49,7 @@ TEST_F(ZPIUARTHoldTest, AHeldDeviceFailsToOpenAndIsLeftAlone) {
             "Error opening serial port " + _peer.path() + " - " + numbered(EBUSY) + ".");
 }
 
-// The terminal stays held for as long as anybody has it open, as the far end does here.
+// The terminal stays held while anything has it open, as the far end does here.
 TEST_F(ZPIUARTHoldTest, AHoldOutlivesItsCloseWhileTheDeviceIsOpen) {
   ASSERT_TRUE(_port.open(_peer.url(), optionsOf(9600, "8N1", true)));
   ::close(std::exchange(_port.descriptor, -1));

@@ -29,7 +29,7 @@ using Speeds = std::pair<uint32_t, uint32_t>;
 
 class ZPIUARTLifetimePolicyTest : public SerialPortFixture {
  protected:
-  // The attributes that went to tcsetattr: a pseudo-terminal does not keep all of them.
+  // The attributes passed to tcsetattr: a pseudo-terminal does not keep all of them.
   static termios attributesSet(const SystemCalls& calls) {
     termios attributes{};
     for (const SystemCall& call : calls.all()) {
@@ -56,7 +56,7 @@ TEST_F(ZPIUARTLifetimePolicyTest, OpensInTheFixedOrder) {
   EXPECT_THAT(_log.lines(), IsEmpty());
 }
 
-TEST_F(ZPIUARTLifetimePolicyTest, ARateOutsideTheListComesLastAndSkipsCfsetspeed) {
+TEST_F(ZPIUARTLifetimePolicyTest, ARateOutsideTheListIsSetLastWithoutCfsetspeed) {
   SystemCalls calls;
   EXPECT_TRUE(open(1000000, "8N1"));
   EXPECT_THAT(calls.texts(),
@@ -98,7 +98,7 @@ TEST_F(ZPIUARTLifetimePolicyTest, TheDescriptorBlocksAndDoesNotSurviveAnExec) {
 
 // --- Speeds
 
-TEST_F(ZPIUARTLifetimePolicyTest, RatesWithAConstantGoThroughCfsetspeedAlone) {
+TEST_F(ZPIUARTLifetimePolicyTest, RatesWithAConstantUseOnlyCfsetspeed) {
   for (const int rate : {50, 75, 110, 134, 150, 200, 300, 600, 1200, 1800, 2400, 4800, 9600, 19200,
                          38400, 57600, 115200, 230400}) {
     TransportPeer peer(TransportPeer::Kind::kTerminal);
@@ -124,7 +124,7 @@ TEST_F(ZPIUARTLifetimePolicyTest, RatesOfTheListWithoutAConstantAreSetExactly) {
   }
 }
 
-TEST_F(ZPIUARTLifetimePolicyTest, AnInputSpeedThatWasSetApartFollows) {
+TEST_F(ZPIUARTLifetimePolicyTest, ASeparateInputSpeedIsReplacedToo) {
   for (const uint32_t input : {4000001U, 1200U}) {
     for (const uint32_t rate : {115200U, 9600U, 1000000U}) {
       TransportPeer peer(TransportPeer::Kind::kTerminal);
@@ -137,7 +137,7 @@ TEST_F(ZPIUARTLifetimePolicyTest, AnInputSpeedThatWasSetApartFollows) {
   }
 }
 
-TEST_F(ZPIUARTLifetimePolicyTest, ARateThatTheDriverDidNotTakeIsRefused) {
+TEST_F(ZPIUARTLifetimePolicyTest, ARateThatTheDriverChangesIsRejected) {
   SystemCalls calls;
   calls.before(
       "ioctl TCGETS2", [&] { setTerminalSpeeds(_peer.nearEnd(), 115200, 115200); }, 1);
@@ -302,7 +302,7 @@ TEST_F(ZPIUARTLifetimePolicyTest, CloseIsAPlainCloseAndReportsItsFailure) {
     EXPECT_THAT(calls.texts(), ElementsAre("close"));
   }
   EXPECT_EQ(_error, olderError());
-  // The settings stay.
+  // The settings are kept.
   EXPECT_EQ(terminalAttributes(_peer.nearEnd()).c_lflag, 0U);
   const int32_t closed = std::exchange(_port.descriptor, -1);
   EXPECT_FALSE(policy.close(closed, &_error));

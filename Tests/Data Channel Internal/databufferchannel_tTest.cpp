@@ -40,7 +40,7 @@ std::string textOf(const Queue::Vector& vector) {
   return {reinterpret_cast<const char*>(vector.data()), vector.size()};
 }
 
-// What one TryReceive gave.
+// The outcome of one TryReceive.
 struct Received {
   bool result;
   int reason;
@@ -72,7 +72,7 @@ TEST(DataBufferChannelTest, NowOnAnEmptyQueueTimesOutAtOnce) {
   EXPECT_EQ(receive(&queue, -0.0), (Received{false, ETIMEDOUT, ""}));
 }
 
-TEST(DataBufferChannelTest, WhatIsQueuedComesAtOnceUnderEveryTimeout) {
+TEST(DataBufferChannelTest, QueuedBytesAreReturnedAtOnceUnderEveryTimeout) {
   for (const double timeout : {kNow, kForever, 0.01, 1.5, 1e300, kInfinity}) {
     Queue queue;
     send(&queue, "bytes");
@@ -81,7 +81,7 @@ TEST(DataBufferChannelTest, WhatIsQueuedComesAtOnceUnderEveryTimeout) {
   }
 }
 
-TEST(DataBufferChannelTest, WhatWasSentInPiecesComesAsOneStream) {
+TEST(DataBufferChannelTest, BytesSentInPiecesAreReceivedAsOneStream) {
   Queue queue;
   send(&queue, "one ");
   send(&queue, "two ");
@@ -101,11 +101,11 @@ TEST(DataBufferChannelTest, ARealTimeoutComesNoEarlierThanItsTime) {
   Queue queue;
   const auto start = std::chrono::system_clock::now();
   EXPECT_EQ(receive(&queue, 0.02), (Received{false, ETIMEDOUT, ""}));
-  // Less a microsecond, in which that clock counts where the queue asks it.
+  // Minus one microsecond, the resolution at which the queue reads that clock.
   EXPECT_GE(std::chrono::system_clock::now() - start, std::chrono::microseconds(19999));
 }
 
-TEST(DataBufferChannelTest, BytesAreTakenInTheLastInstantOfAWait) {
+TEST(DataBufferChannelTest, BytesAreReceivedInTheLastInstantOfAWait) {
   TestClock clock;
   Queue queue;
   std::future<Received> received = receiveElsewhere(&queue, 2.0);
@@ -136,7 +136,7 @@ TEST(DataBufferChannelTest, ForeverWaitsUntilTheClose) {
   EXPECT_EQ(received.get(), (Received{false, ETIMEDOUT, ""}));
 }
 
-TEST(DataBufferChannelTest, AnyOtherNegativeTimeoutIsRefused) {
+TEST(DataBufferChannelTest, AnyOtherNegativeTimeoutIsRejected) {
   Queue queue;
   send(&queue, "kept");
   for (const double timeout : {-0.5, -1.0000001, -0.9999999, -2.0, -1e300, -kInfinity}) {
@@ -158,7 +158,7 @@ TEST(DataBufferChannelTest, ANegativeTimeoutPassesWithAFilledOutput) {
   EXPECT_EQ(textOf(output), "new");
 }
 
-TEST(DataBufferChannelTest, TheOutputIsSwappedWithWhatIsQueued) {
+TEST(DataBufferChannelTest, TheOutputIsSwappedWithTheQueuedBytes) {
   Queue queue;
   Queue::Vector output;
   append(&output, "old");
@@ -168,7 +168,7 @@ TEST(DataBufferChannelTest, TheOutputIsSwappedWithWhatIsQueued) {
   EXPECT_EQ(receive(&queue, kNow), (Received{true, 0, "old"}));
 }
 
-TEST(DataBufferChannelTest, ATimeoutThatIsNoNumberIsRefusedWhateverTheOutputHolds) {
+TEST(DataBufferChannelTest, ATimeoutThatIsNotANumberIsAlwaysRejected) {
   Queue queue;
   send(&queue, "kept");
   EXPECT_EQ(receive(&queue, std::nan("")), (Received{false, EINVAL, ""}));
@@ -179,7 +179,7 @@ TEST(DataBufferChannelTest, ATimeoutThatIsNoNumberIsRefusedWhateverTheOutputHold
   EXPECT_EQ(textOf(output), "old");
 }
 
-TEST(DataBufferChannelTest, AClosedQueueHandsNothingOutAndLeavesErrnoAlone) {
+TEST(DataBufferChannelTest, AClosedQueueReturnsNothingAndLeavesErrnoAlone) {
   Queue queue;
   send(&queue, "lost");
   EXPECT_FALSE(queue.isClosed());
@@ -190,7 +190,7 @@ TEST(DataBufferChannelTest, AClosedQueueHandsNothingOutAndLeavesErrnoAlone) {
   }
 }
 
-TEST(DataBufferChannelTest, ABadTimeoutIsRefusedAlsoWhenClosed) {
+TEST(DataBufferChannelTest, ABadTimeoutIsAlsoRejectedWhenClosed) {
   Queue queue;
   queue.Close();
   EXPECT_EQ(receive(&queue, -0.5), (Received{false, EINVAL, ""}));
@@ -228,7 +228,7 @@ TEST(DataBufferChannelTest, SendingToAClosedQueueDoesNothing) {
   EXPECT_EQ(errno, kUntouched);
 }
 
-TEST(DataBufferChannelTest, BytesInTheInstantOfATimeoutStayForTheNextCall) {
+TEST(DataBufferChannelTest, BytesAtTheInstantOfATimeoutStayQueued) {
   Queue queue;
   const ReplacedWaits wait([&queue] {
     send(&queue, "late");
@@ -238,7 +238,7 @@ TEST(DataBufferChannelTest, BytesInTheInstantOfATimeoutStayForTheNextCall) {
   EXPECT_EQ(receive(&queue, kLong), (Received{true, 0, "late"}));
 }
 
-TEST(DataBufferChannelTest, ACloseInTheInstantOfATimeoutIsACancellation) {
+TEST(DataBufferChannelTest, ACloseAtTheInstantOfATimeoutCancels) {
   Queue queue;
   const ReplacedWaits wait([&queue] {
     queue.Close();
@@ -256,7 +256,7 @@ TEST(DataBufferChannelTest, ACloseThatWakesTheWaitTimesOut) {
   EXPECT_EQ(receive(&queue, kLong), (Received{false, ETIMEDOUT, ""}));
 }
 
-TEST(DataBufferChannelTest, BytesThatCameAheadOfTheCloseAreHandedToTheWaitThatTheyEnd) {
+TEST(DataBufferChannelTest, BytesSentBeforeACloseAreStillReceived) {
   Queue queue;
   const ReplacedWaits wait([&queue] {
     send(&queue, "just in time");
@@ -266,7 +266,7 @@ TEST(DataBufferChannelTest, BytesThatCameAheadOfTheCloseAreHandedToTheWaitThatTh
   EXPECT_EQ(receive(&queue, kLong), (Received{true, 0, "just in time"}));
 }
 
-TEST(DataBufferChannelTest, AWakeUpForNothingGoesOnWaiting) {
+TEST(DataBufferChannelTest, ASpuriousWakeUpContinuesTheWait) {
   Queue queue;
   int waits = 0;
   const ReplacedWaits wait([&] {
@@ -308,8 +308,8 @@ TEST(DataBufferChannelTest, CarriesValuesOfAnyPlainType) {
   EXPECT_EQ(output.data()[1], -1.0);
 }
 
-// Every byte comes exactly once and in its order, whichever way the waits end.
-TEST(DataBufferChannelTest, LosesAndDoublesNothingWhileTimeoutsAndBytesMeet) {
+// Every byte is received exactly once and in order, however the waits end.
+TEST(DataBufferChannelTest, LosesAndDuplicatesNothingWhenTimeoutsAndBytesCoincide) {
   constexpr size_t kBytes = 20000;
   Queue queue;
   std::thread producer([&queue] {
@@ -334,7 +334,7 @@ TEST(DataBufferChannelTest, LosesAndDoublesNothingWhileTimeoutsAndBytesMeet) {
   }
 }
 
-TEST(DataBufferChannelTest, AWaitingConsumerAndACloseAlwaysMeet) {
+TEST(DataBufferChannelTest, ACloseAlwaysEndsTheWaitOfAConsumer) {
   for (int round = 0; round < 300; ++round) {
     const auto queue = std::make_shared<Queue>();
     std::future<Received> received =
