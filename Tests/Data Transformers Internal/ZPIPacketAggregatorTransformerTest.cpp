@@ -115,7 +115,7 @@ TEST(ZPIPacketAggregatorTransformerTest, AHalfPacketWaitsWithItsSizeUnread) {
   EXPECT_EQ(passed(*aggregator, "ef"), "cdef");
 }
 
-TEST(ZPIPacketAggregatorTransformerTest, ASizeWithBit31SetStallsTheStreamUntilReset) {
+TEST(ZPIPacketAggregatorTransformerTest, ASizeWithBit31SetStallsUntilReset) {
   LogCapture log;
   const auto aggregator = withWidth(4);
   EXPECT_EQ(passed(*aggregator, "\x80\0\0\0"s), "");

@@ -64,7 +64,7 @@ TEST_F(ZPIBlockTest, ADroppedFrontIsReused) {
   EXPECT_EQ(bytes(), "abcd");
 }
 
-TEST_F(ZPIBlockTest, BytesThatFillMostOfABlockGetANewOne) {
+TEST_F(ZPIBlockTest, BytesFillingMostOfABlockGetANewOne) {
   placeInMemory(".abcd", 5);
   EXPECT_FALSE(ZPIBlock::dropFirst(block, 1));
   EXPECT_TRUE(ZPIBlock::reserveAtEnd(block, 1));
