@@ -108,7 +108,7 @@ TEST_F(ZPIActiveChannelFailureTest, AFailureWakesTheReadThatWaitsForever) {
 TEST_F(ZPIActiveChannelFailureTest, UnreadBytesAreLostWhenTheLineFails) {
   makeRunning();
   _line->deliver("lost");
-  ASSERT_TRUE(_line->waitUntilAllIsHandedOn());
+  ASSERT_TRUE(_line->waitUntilAllIsPassedOn());
   _line->fail(deviceError());
   ASSERT_TRUE(waitForFailure(deviceError()));
   expectReadRefused(kNow, 2, "Cannot communicate with closed devices");

@@ -42,7 +42,7 @@ TEST_F(ZPIActiveChannelReadTest, NowOnAnEmptyQueueReturnsEmptyDataAtOnce) {
 TEST_F(ZPIActiveChannelReadTest, NowReturnsTheQueuedBytes) {
   makeRunning();
   _line->deliver("queued");
-  ASSERT_TRUE(_line->waitUntilAllIsHandedOn());
+  ASSERT_TRUE(_line->waitUntilAllIsPassedOn());
   ZPKErrorPtr error = olderError();
   EXPECT_EQ(bytesOf(_channel->readWithTimeout(kNow, &error)), "queued");
   EXPECT_EQ(error, olderError());
@@ -83,7 +83,7 @@ TEST_F(ZPIActiveChannelReadTest, BytesOfSeveralReadsBelowAreReturnedInOnePiece) 
   _line->deliver("two ");
   _line->deliver("");
   _line->deliver(std::string_view("th\0ree", 6));
-  ASSERT_TRUE(_line->waitUntilAllIsHandedOn());
+  ASSERT_TRUE(_line->waitUntilAllIsPassedOn());
   EXPECT_EQ(bytesOf(_channel->readWithTimeout(kLongTimeout, nullptr)),
             std::string("one two th\0ree", 14));
 }
@@ -95,7 +95,7 @@ TEST_F(ZPIActiveChannelReadTest, UnreadBytesAreKeptInFull) {
     all += std::string(10000, static_cast<char>('a' + index % 26));
     _line->deliver(std::string_view(all).substr(all.size() - 10000));
   }
-  ASSERT_TRUE(_line->waitUntilAllIsHandedOn());
+  ASSERT_TRUE(_line->waitUntilAllIsPassedOn());
   const ZPKDataPtr data = _channel->readWithTimeout(kNow, nullptr);
   ASSERT_NE(data, nullptr);
   EXPECT_TRUE(data->view() == all);
@@ -104,7 +104,7 @@ TEST_F(ZPIActiveChannelReadTest, UnreadBytesAreKeptInFull) {
 TEST_F(ZPIActiveChannelReadTest, TheBytesCanBeEditedAboveWithoutACopy) {
   makeRunning();
   _line->deliver("bytes");
-  ASSERT_TRUE(_line->waitUntilAllIsHandedOn());
+  ASSERT_TRUE(_line->waitUntilAllIsPassedOn());
   ZPKDataPtr data = _channel->readWithTimeout(kLongTimeout, nullptr);
   const uint8_t* const bytes = data->bytes();
   const ZPKMutableDataPtr edited = ZPKMutableData::mutableCopyGivingUp(std::move(data));
@@ -166,7 +166,7 @@ TEST_F(ZPIActiveChannelReadTest, BytesAtTheInstantOfATimeoutStayQueued) {
   {
     const ReplacedWaits wait([&] {
       _line->deliver("late");
-      EXPECT_TRUE(_line->waitUntilAllIsHandedOn());
+      EXPECT_TRUE(_line->waitUntilAllIsPassedOn());
       return ETIMEDOUT;
     });
     EXPECT_EQ(bytesOf(_channel->readWithTimeout(kLongTimeout, nullptr)), "");

@@ -167,7 +167,7 @@ TEST_F(ZPIActiveChannelTest, ClosedItCannotBeClosedAgain) {
 TEST_F(ZPIActiveChannelTest, ClosedItReopensWithANewQueueAndThread) {
   makeRunning();
   _line->deliver("of the last time");
-  ASSERT_TRUE(_line->waitUntilAllIsHandedOn());
+  ASSERT_TRUE(_line->waitUntilAllIsPassedOn());
   ASSERT_TRUE(close());
   EXPECT_TRUE(_channel->reset(nullptr));
   ASSERT_TRUE(_channel->openWithTimeout(1.0, nullptr));

@@ -325,7 +325,7 @@ TEST_P(ZPILoggingChannelDeviceTest, TheConversationIsInTheFile) {
     (line.identifier == "pre--write" ? written : read) += line.text + "|";
   }
   EXPECT_EQ(written, "version||");
-  // The answer may have come in several pieces.
+  // The answer may have arrived in several pieces.
   std::erase(read, '|');
   EXPECT_EQ(read, "2.33=> ");
 }

@@ -301,7 +301,7 @@ TEST(ZPIPassiveChannelOverASocketTest, ATimeoutIsTenSlicesAndThenEmptyData) {
   EXPECT_TRUE(transport->close());
 }
 
-TEST(ZPIPassiveChannelOverASocketTest, ARealTimeoutComesNoEarlierThanItsTime) {
+TEST(ZPIPassiveChannelOverASocketTest, ARealTimeoutNeverExpiresEarly) {
   SocketPair pair;
   const ZPKDataChannelPtr transport = createActiveTCPChannelWithSocket(pair.takeOurs());
   const ZPKDataChannelPtr channel = ZPIPassiveChannel::initWithChannel(transport);

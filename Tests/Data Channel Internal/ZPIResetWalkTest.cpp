@@ -14,7 +14,7 @@ namespace {
 class ZPIResetWalkTest : public testing::Test {
  protected:
   // Resets the three members in order and returns the result of finish.
-  bool walkThem(ZPKErrorPtr* error) {
+  bool resetAll(ZPKErrorPtr* error) {
     ZPIResetWalk walk;
     walk.reset(*first);
     walk.reset(*second);
@@ -29,7 +29,7 @@ class ZPIResetWalkTest : public testing::Test {
 
 TEST_F(ZPIResetWalkTest, WhenAllSucceedTheSlotIsUntouched) {
   ZPKErrorPtr error = olderError();
-  EXPECT_TRUE(walkThem(&error));
+  EXPECT_TRUE(resetAll(&error));
   EXPECT_EQ(error, olderError());
   EXPECT_EQ(first->resets(), 1);
   EXPECT_EQ(second->resets(), 1);
@@ -39,7 +39,7 @@ TEST_F(ZPIResetWalkTest, WhenAllSucceedTheSlotIsUntouched) {
 TEST_F(ZPIResetWalkTest, AFailureDoesNotStopTheWalkAndIsReported) {
   first->setResetResult(false, errorWithCode(1));
   ZPKErrorPtr error = olderError();
-  EXPECT_FALSE(walkThem(&error));
+  EXPECT_FALSE(resetAll(&error));
   EXPECT_EQ(error->code(), 1);
   EXPECT_EQ(second->resets(), 1);
   EXPECT_THAT(channel->calls(), testing::ElementsAre("reset"));
@@ -49,7 +49,7 @@ TEST_F(ZPIResetWalkTest, TheFirstOfSeveralFailuresIsReported) {
   second->setResetResult(false, errorWithCode(2));
   channel->setResetResult(false, errorWithCode(3));
   ZPKErrorPtr error;
-  EXPECT_FALSE(walkThem(&error));
+  EXPECT_FALSE(resetAll(&error));
   EXPECT_EQ(error->code(), 2);
 }
 
@@ -57,7 +57,7 @@ TEST_F(ZPIResetWalkTest, AFirstFailureWithoutErrorLeavesNull) {
   first->setResetResult(false, nullptr);
   channel->setResetResult(false, errorWithCode(3));
   ZPKErrorPtr error = olderError();
-  EXPECT_FALSE(walkThem(&error));
+  EXPECT_FALSE(resetAll(&error));
   EXPECT_EQ(error, nullptr);
 }
 
@@ -84,7 +84,7 @@ TEST_F(ZPIResetWalkTest, AMissingMemberLeavesAnEarlierError) {
 
 TEST_F(ZPIResetWalkTest, ANullSlotIsLegal) {
   channel->setResetResult(false, errorWithCode(3));
-  EXPECT_FALSE(walkThem(nullptr));
+  EXPECT_FALSE(resetAll(nullptr));
 }
 
 // A member that succeeds but fills its slot must not be mistaken for the one that failed.

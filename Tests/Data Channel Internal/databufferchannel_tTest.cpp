@@ -97,7 +97,7 @@ TEST(DataBufferChannelTest, APositiveTimeoutLastsItsTimeAndThenTimesOut) {
   EXPECT_EQ(clock.passed(), std::chrono::milliseconds(2500));
 }
 
-TEST(DataBufferChannelTest, ARealTimeoutComesNoEarlierThanItsTime) {
+TEST(DataBufferChannelTest, ARealTimeoutNeverExpiresEarly) {
   Queue queue;
   const auto start = std::chrono::system_clock::now();
   EXPECT_EQ(receive(&queue, 0.02), (Received{false, ETIMEDOUT, ""}));

@@ -141,7 +141,7 @@ TEST_P(LostSocketTest, AFailedReadLeavesTheRestOfAWriteUnsent) {
   files.expectUntouched();
 }
 
-TEST_P(LostSocketTest, ACloseEndsAWriteThatNobodyReads) {
+TEST_P(LostSocketTest, ACloseEndsABlockedWrite) {
   BlockedWrite write(_channel, _peer);
   ZPKErrorPtr error = olderError();
   EXPECT_TRUE(_channel->close(&error));
@@ -185,7 +185,7 @@ class LostReadTest : public testing::TestWithParam<Kind> {
     return result;
   }
 
-  void expectClosedUnderTheReader(const ZPKDataPtr& data) {
+  void expectClosedDuringTheRead(const ZPKDataPtr& data) {
     EXPECT_EQ(data, nullptr);
     expectError(_error, {"zephal-communication", 2, "Device Already Closed", "close",
                          "DescriptorOperation.h"});
@@ -213,7 +213,7 @@ TEST_P(LostSocketReadTest, ACloseEndsAReadThatWaits) {
   EXPECT_TRUE(_channel->close());
   EXPECT_EQ(read.wait_for(kPatience), std::future_status::ready);
   _peer.hangUp();  // frees a reader that the close did not
-  expectClosedUnderTheReader(read.get());
+  expectClosedDuringTheRead(read.get());
 }
 
 TEST_P(LostTerminalReadTest, AClosedReadReadsNothingFromAnotherFile) {
@@ -224,14 +224,14 @@ TEST_P(LostTerminalReadTest, AClosedReadReadsNothingFromAnotherFile) {
   EXPECT_FALSE(_channel->isOpened());
   const OtherFiles files;
   EXPECT_EQ(::write(_peer.descriptor(), "x", 1), 1);  // wakes the reader
-  expectClosedUnderTheReader(read.get());
+  expectClosedDuringTheRead(read.get());
   files.expectUntouched();
 }
 
 TEST_P(LostTerminalReadTest, ATimeoutAfterACloseIsAFailure) {
   SystemCalls calls;
   calls.before("select", [this] { EXPECT_TRUE(_channel->close()); });
-  expectClosedUnderTheReader(_channel->readWithTimeout(0.01, &_error));
+  expectClosedDuringTheRead(_channel->readWithTimeout(0.01, &_error));
 }
 
 // --- Terminals, whose writes only the peer can end

@@ -80,7 +80,7 @@ TEST_F(ZPKDataChannelManagerConnectionTest, DisconnectEndsALoopThatWaitsOnAnActi
   _peer.send(std::string(archive("hello")->view()));
   EXPECT_TRUE(waitFor([&] { return _delegate->count("message hello") == 1; }));
   _manager->disconnect();
-  letGo(&_manager);
+  releaseManager(&_manager);
   EXPECT_THAT(_delegate->events(), ElementsAre("message hello", "disconnect null idle"));
   EXPECT_FALSE(_channel->isOpened());
 }
@@ -103,7 +103,7 @@ TEST_F(ZPKDataChannelManagerConnectionTest, DisconnectEndsALoopThatSleepsInItsRe
       manager->disconnect();
       EXPECT_TRUE(waitFor([&] { return delegate->count("disconnect null idle") == 1; }));
       caller.join();
-      letGo(&manager);
+      releaseManager(&manager);
       EXPECT_THAT(delegate->events(), ElementsAre("disconnect null idle"));
       EXPECT_FALSE(channel->isOpened());
     }
@@ -120,7 +120,7 @@ TEST_F(ZPKDataChannelManagerConnectionTest, DisconnectEndsALoopOnABareSocket) {
   _manager->disconnect();
   EXPECT_TRUE(waitFor([&] { return _delegate->count("disconnect null idle") == 1; }));
   _peer.hangUp();  // frees the loop if the disconnect did not
-  letGo(&_manager);
+  releaseManager(&_manager);
   EXPECT_THAT(_delegate->events(), ElementsAre("disconnect null idle"));
 }
 
@@ -128,7 +128,7 @@ TEST_F(ZPKDataChannelManagerConnectionTest, AHangUpEndsTheLoop) {
   open(_peer.makeChannel());
   EXPECT_TRUE(_manager->listen());
   _peer.hangUp();
-  letGo(&_manager);
+  releaseManager(&_manager);
   EXPECT_THAT(_delegate->events(), ElementsAre("disconnect null idle"));
   EXPECT_FALSE(_channel->isOpened());
 }
@@ -153,7 +153,7 @@ TEST_F(ZPKDataChannelManagerConnectionTest, FramingBelowTheManagerJoinsWhatTheCo
   EXPECT_TRUE(_channel->write(archive("answer")));
   EXPECT_EQ(_peer.receive(packet("answer").size()), packet("answer"));
   _manager->disconnect();
-  letGo(&_manager);
+  releaseManager(&_manager);
   EXPECT_EQ(_delegate->count("disconnect null idle"), 1U);
 }
 

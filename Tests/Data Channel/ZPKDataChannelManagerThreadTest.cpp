@@ -47,7 +47,7 @@ TEST(ZPKDataChannelManagerThreadTest, ListenReturnsAtOnceAndANamedThreadDelivers
   EXPECT_FALSE(manager->listen());
   EXPECT_TRUE(delegate->events().empty());
   release.set_value();
-  letGo(&manager);
+  releaseManager(&manager);
   EXPECT_THAT(delegate->events(), ElementsAre("message 1", "disconnect null idle"));
   EXPECT_NE(thread, std::this_thread::get_id());
   EXPECT_TRUE(isNameOfLoop(name)) << name;
@@ -82,7 +82,7 @@ TEST(ZPKDataChannelManagerThreadTest, ADelegateMayBeDestroyedWhileTheLoopReads) 
   delegate.reset();
   EXPECT_TRUE(weakDelegate.expired());
   release.set_value();
-  letGo(&manager);
+  releaseManager(&manager);
   EXPECT_EQ(channel->readTimeouts().size(), 4U);
 }
 
@@ -115,7 +115,7 @@ TEST(ZPKDataChannelManagerThreadTest, TheDelegateMayListenAgainAtTheEnd) {
   EXPECT_TRUE(manager->listen());
   EXPECT_TRUE(waitFor([&] { return delegate->count("disconnect null idle") == 2; }));
   EXPECT_TRUE(waitFor([&] { return hasListened.load(); }));
-  letGo(&manager);
+  releaseManager(&manager);
   EXPECT_THAT(delegate->events(),
               ElementsAre("disconnect null idle", "message again", "disconnect null idle"));
 }
@@ -136,7 +136,7 @@ TEST(ZPKDataChannelManagerThreadTest, TwoListensInQuickSuccessionStartOneLoopOrT
     release.set_value();
     ASSERT_TRUE(waitFor([&] { return delegate->events().size() == loops; }));
     EXPECT_GE(loops, 1U);
-    letGo(&manager);
+    releaseManager(&manager);
   }
 }
 
@@ -153,7 +153,7 @@ TEST(ZPKDataChannelManagerThreadTest, PropertiesMayBeReplacedWhileALoopRuns) {
     manager->setDataChannel(channel);
     manager->setManaged_dataChannels({channel});
   }
-  letGo(&manager);
+  releaseManager(&manager);
 }
 
 TEST(ZPKDataChannelManagerThreadTest, TheLoopItselfRunsOnItsCallersThread) {

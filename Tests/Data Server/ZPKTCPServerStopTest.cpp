@@ -137,7 +137,7 @@ TEST_F(ZPKTCPServerStopTest, AStoppedPortIsFreeForOthers) {
   ::close(next);
 }
 
-TEST_F(ZPKTCPServerStopTest, AServerThatWasNeverStartedClosesNobodysDescriptor) {
+TEST_F(ZPKTCPServerStopTest, AServerThatWasNeverStartedClosesNoDescriptor) {
   const auto server = ZPKTCPServer::init();
   EXPECT_EQ(server->handle(), 0);
   const bool hadInput = isOpenDescriptor(STDIN_FILENO);

@@ -36,7 +36,7 @@ TEST(ZPIStackSupportTest, ANullStringStaysNullAndAnEmptyOneEmpty) {
   EXPECT_EQ(ZPIStringOf("path"), "path");
 }
 
-TEST(ZPIStackSupportTest, ANullPathLeavesTheChannelAsItIs) {
+TEST(ZPIStackSupportTest, ANullPathLeavesTheChannelUnchanged) {
   const ZPKDataChannelPtr channel = ScriptedChannel::make();
   EXPECT_EQ(ZPIWithLog(channel, std::nullopt, "post", nullptr), channel);
 }

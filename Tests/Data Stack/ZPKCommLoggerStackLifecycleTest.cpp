@@ -157,7 +157,7 @@ TEST_F(ZPKCommLoggerStackLifecycleTest, WhileOpenABadSchemeIsReportedAsCode303) 
   EXPECT_TRUE(stack->close());
 }
 
-TEST_F(ZPKCommLoggerStackLifecycleTest, ABadSchemeLeavesAClosedChainAsItIs) {
+TEST_F(ZPKCommLoggerStackLifecycleTest, ABadSchemeLeavesAClosedChainUnchanged) {
   ASSERT_TRUE(stack->createStackWithBaseChannel(base));
   const ZPKDataChannelPtr chain = stack->commChannel();
   LogCapture log;

@@ -146,7 +146,7 @@ TEST_F(ZPKCommLoggerStackTest, TheDelimiterMayChangeAtAnyMoment) {
     base->deliver(bytes);
     sent += bytes;
   }
-  EXPECT_TRUE(base->waitUntilAllIsHandedOn());
+  EXPECT_TRUE(base->waitUntilAllIsPassedOn());
   isOver = true;
   changer.join();
   stack->setDelimiter("");

@@ -374,7 +374,7 @@ TEST_F(ZPKCommStackLayersTest, TheBackgroundReaderDrainsTheDeviceWhileNobodyRead
   ASSERT_TRUE(stack->openWithTimeout(1));
   device->deliver("one> tw");
   device->deliver("o> ");
-  ASSERT_TRUE(device->waitUntilAllIsHandedOn());
+  ASSERT_TRUE(device->waitUntilAllIsPassedOn());
   EXPECT_EQ(stack->readStringWithTimeout(10, std::nullopt), "one> ");
   EXPECT_EQ(stack->readStringWithTimeout(10, std::nullopt), "two> ");
   EXPECT_TRUE(stack->close());
@@ -387,7 +387,7 @@ TEST_F(ZPKCommStackLayersTest, TheRawLogIsBelowTheBackgroundReader) {
   ASSERT_TRUE(stack->createStackWithBaseChannel(device));
   ASSERT_TRUE(stack->openWithTimeout(1));
   device->deliver("unread");
-  ASSERT_TRUE(device->waitUntilAllIsHandedOn());
+  ASSERT_TRUE(device->waitUntilAllIsPassedOn());
   ASSERT_TRUE(stack->close());
   EXPECT_THAT(textsOfLog(prePath), ElementsAre("pre---read: unread"));
 }
@@ -423,7 +423,7 @@ TEST_F(ZPKCommStackLayersTest, TheBackgroundReaderDropsUnreadDataAtCloseAndReope
   device->deliver("one> half");
   EXPECT_EQ(stack->readStringWithTimeout(10, std::nullopt), "one> ");
   device->deliver("unread> ");
-  ASSERT_TRUE(device->waitUntilAllIsHandedOn());
+  ASSERT_TRUE(device->waitUntilAllIsPassedOn());
   ASSERT_TRUE(stack->close());
   EXPECT_EQ(device->count("reset"), 1U);
   ASSERT_TRUE(stack->openWithTimeout(1));

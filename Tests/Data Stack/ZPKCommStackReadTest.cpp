@@ -326,7 +326,7 @@ TEST_F(ZPKCommStackReadTest, NowTriesExactlyOnce) {
   EXPECT_THAT(made.base->calls(), ElementsAre("read"));
 }
 
-TEST_F(ZPKCommStackReadTest, ATimeoutComesNoEarlierThanItsTime) {
+TEST_F(ZPKCommStackReadTest, ATimeoutNeverExpiresEarly) {
   const ScriptedStack made;
   const auto start = std::chrono::system_clock::now();
   ZPKErrorPtr error;

@@ -206,7 +206,7 @@ TEST_F(ZPKCommStackRegexTest, AFailedCommandIsNotSearched) {
   EXPECT_EQ(log.lines().size(), 1U);
 }
 
-TEST_F(ZPKCommStackRegexTest, AnEmptyResponseIsSearchedWhenTimeoutsAreNoExceptions) {
+TEST_F(ZPKCommStackRegexTest, AnEmptyResponseIsSearchedIfTimeoutsAreNotExceptions) {
   const ScriptedStack made;
   made->setTimeoutIsException(false);
   EXPECT_EQ(

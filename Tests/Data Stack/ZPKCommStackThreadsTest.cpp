@@ -66,10 +66,10 @@ class HeldRead {
     made->setDelimiter("> ");
     made.base->setOnRead([this](double) {
       if (began.hasHappened()) return;
-      note("read begins");
+      record("read begins");
       began.happen();
-      _letGo.wait();
-      note("read ends");
+      _released.wait();
+      record("read ends");
     });
   }
 
@@ -80,19 +80,19 @@ class HeldRead {
     std::thread thread([&] {
       caller = ::gettid();
       call();
-      note("call returns");
+      record("call returns");
       isBack = true;
     });
     EXPECT_TRUE(waitFor([&] { return isBack || (caller != 0 && isAsleep(caller)); }));
     EXPECT_FALSE(isBack);
-    letGo();
+    release();
     thread.join();
     EXPECT_THAT(order(), ElementsAre("read begins", "read ends", "call returns"));
   }
 
-  void letGo() { _letGo.happen(); }
+  void release() { _released.happen(); }
 
-  void note(const char* what) {
+  void record(const char* what) {
     const std::lock_guard guard(_mutex);
     _order.emplace_back(what);
   }
@@ -105,7 +105,7 @@ class HeldRead {
   Event began;
 
  private:
-  Event _letGo;
+  Event _released;
   mutable std::mutex _mutex;
   std::vector<std::string> _order;
 };
@@ -178,12 +178,12 @@ class HeldWrite final : public ZPKDataChannel {
   ZPKDataPtr readWithTimeout(double, ZPKErrorPtr*) override { return ZPKData::data(); }
   bool write(const ZPKDataPtr&, ZPKErrorPtr*) override {
     began.happen();
-    letGo.wait();
+    released.wait();
     return true;
   }
 
   Event began;
-  Event letGo;
+  Event released;
 };
 
 TEST_F(ZPKCommStackThreadsTest, CloseWaitsForAWriteThatIsNotRead) {
@@ -201,7 +201,7 @@ TEST_F(ZPKCommStackThreadsTest, CloseWaitsForAWriteThatIsNotRead) {
   });
   EXPECT_TRUE(waitFor([&] { return isClosed || (closer != 0 && isAsleep(closer)); }));
   EXPECT_FALSE(isClosed);
-  channel->letGo.happen();
+  channel->released.happen();
   writer.join();
   closing.join();
 }
@@ -242,7 +242,7 @@ TEST_F(ZPKCommStackThreadsTest, PlainAccessorsDoNotWaitForARead) {
   EXPECT_EQ(stack.logFilePath(), "/a");
   EXPECT_EQ(stack.ecidSwapInformation(), std::nullopt);
   EXPECT_THAT(held.order(), ElementsAre("read begins"));
-  held.letGo();
+  held.release();
   reader.join();
 }
 
@@ -256,7 +256,7 @@ TEST_F(ZPKCommStackThreadsTest, ARunningReadKeepsAChainThatIsRemoved) {
   held.made.base = nullptr;
   held.made->setCommChannel(nullptr);
   EXPECT_FALSE(base.expired());
-  held.letGo();
+  held.release();
   reader.join();
   EXPECT_EQ(response, "one> ");
   EXPECT_TRUE(base.expired());
@@ -310,7 +310,7 @@ TEST_F(ZPKCommStackThreadsTest, ASwapReportedDuringAReadFailsThatRead) {
   std::thread reader([&] { data = held.made->readDataWithTimeout(600, nullptr, &error); });
   ASSERT_TRUE(held.began.wait());
   held.made->setEcidSwapInformation("another device");
-  held.letGo();
+  held.release();
   reader.join();
   EXPECT_EQ(data, nullptr);
   EXPECT_EQ(descriptionOf(error), "another device");

@@ -188,7 +188,7 @@ class ActiveChannelFixture : public testing::Test {
   // Bytes from below reach a read, or, in the null form, the thread.
   void expectDelivers(const char* text, bool bufferData = true) {
     _line->deliver(text);
-    ASSERT_TRUE(_line->waitUntilAllIsHandedOn());
+    ASSERT_TRUE(_line->waitUntilAllIsPassedOn());
     if (bufferData) {
       EXPECT_EQ(bytesOf(_channel->readWithTimeout(kLongTimeout, nullptr)), text);
     }

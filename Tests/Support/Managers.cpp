@@ -38,7 +38,7 @@ std::shared_ptr<ScriptedChannel> makeBlockedChannel(const std::shared_future<voi
   return channel;
 }
 
-void letGo(ZPKDataChannelManagerPtr* manager) {
+void releaseManager(ZPKDataChannelManagerPtr* manager) {
   const std::weak_ptr<ZPKDataChannelManager> weakManager = *manager;
   manager->reset();
   EXPECT_TRUE(waitFor([&] { return weakManager.expired(); }));

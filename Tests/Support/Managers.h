@@ -32,6 +32,6 @@ std::string nameOfThisThread();
 std::shared_ptr<ScriptedChannel> makeBlockedChannel(const std::shared_future<void>& release);
 
 /// Releases a manager and waits until its loops have released it too.
-void letGo(ZPKDataChannelManagerPtr* manager);
+void releaseManager(ZPKDataChannelManagerPtr* manager);
 
 }  // namespace support

@@ -25,7 +25,7 @@ class RecorderFixture : public testing::Test {
   /// Delivers the data for one read, and waits until the thread has processed it.
   void deliver(std::string_view bytes) {
     base->deliver(bytes);
-    ASSERT_TRUE(base->waitUntilAllIsHandedOn());
+    ASSERT_TRUE(base->waitUntilAllIsPassedOn());
   }
 
   TemporaryFolder folder;

@@ -39,7 +39,7 @@ class SimulatedDevice {
     std::string terminator = "\n";
     /// Whether a command is echoed, with its terminator, before its response.
     bool echoes = false;
-    /// Responses by command; a command that is missing here goes to `respond`.
+    /// Responses by command; `respond` answers the others.
     std::map<std::string, std::string> responses = {};
     /// The response to any other command; an empty function gives an empty response.
     std::function<std::string(const std::string& command)> respond = {};
@@ -105,7 +105,7 @@ class SimulatedDevice {
   using Clock = std::chrono::steady_clock;
   enum class Ending { kNone, kHangUp, kReset };
 
-  // Something to be sent, after a pause, and what comes after it.
+  // Something to send, after a pause, and what follows it.
   struct Step {
     std::string bytes;
     std::chrono::milliseconds pause{0};

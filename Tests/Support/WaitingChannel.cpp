@@ -84,7 +84,7 @@ bool WaitingChannel::isBeingRead() const {
   return _isBeingRead;
 }
 
-bool WaitingChannel::waitUntilAllIsHandedOn() const {
+bool WaitingChannel::waitUntilAllIsPassedOn() const {
   const RealTime realTime;
   std::unique_lock lock(_mutex);
   return _changed.wait_until(lock, std::chrono::system_clock::now() + kPatience,

@@ -51,7 +51,7 @@ class WaitingChannel final : public ZPKDataChannel {
   bool isBeingRead() const;
   /// Waits until all that was delivered is read and the reader is back for more, so that it has
   /// passed everything on.
-  bool waitUntilAllIsHandedOn() const;
+  bool waitUntilAllIsPassedOn() const;
 
   bool openWithTimeout(double timeout, ZPKErrorPtr* error = nullptr) override;
   bool close(ZPKErrorPtr* error = nullptr) override;
