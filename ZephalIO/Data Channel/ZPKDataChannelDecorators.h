@@ -19,8 +19,8 @@
 ///
 /// Each read reads below one time: if the transformers hold back all the bytes, the result is empty
 /// data immediately, before the timeout. Empty data from below passes through the transformers too,
-/// so that they can output buffered bytes. A null write is false without an error; a write that
-/// the transformers make empty is passed down as an empty write. reset resets every transformer and
+/// so that they can output buffered bytes. A null write is false without an error; a write that the
+/// transformers make empty is passed down as an empty write. reset resets every transformer and
 /// then the channel below, and reports the first failure.
 ///
 /// Fails for a null channel and for a list that contains a null.

@@ -115,7 +115,8 @@ class ZPIFileDescriptorCommunication {
   }
 
   /// Reads like zephal_communication_read, and closes the descriptor if that fails. Fails with code
-  /// 2 if it is closed and with code 3 for a timeout that is negative or not a number.
+  /// 2 if it is closed, and with code 3 for a timeout that is not a number or is negative and not
+  /// FOREVER.
   ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) {
     ScopedUse scope(this);
     if (!scope.use) {

@@ -17,8 +17,8 @@ uint8_t* ZPIBlock::allocate(size_t capacity) {
   return storage;
 }
 
-// Growth doubles, so that appending costs amortised constant time; room that a dropped front left
-// is used first when it is at least half of the block.
+// Growth doubles, so that an append takes amortised constant time. If bytes dropped at the front
+// have left at least half of the block free, that room is used first.
 bool ZPIBlock::growAtEnd(Block& block, size_t count) {
   const size_t needed = block.length + count;
   if (needed < count) throw std::bad_alloc();
@@ -52,12 +52,12 @@ bool ZPIBlock::leaveObject(Block& block) {
   return true;
 }
 
-// Within the object there is never so much room that it would be released.
+// Memory within the object is never large enough to be released.
 bool ZPIBlock::releaseRoom(Block& block) {
   uint8_t* fresh = nullptr;
   if (block.length > 0) {
     fresh = static_cast<uint8_t*>(std::malloc(block.length));
-    if (fresh == nullptr) return false;  // keeping the large block is only wasteful, not wrong
+    if (fresh == nullptr) return false;  // to keep the large block is only wasteful, not wrong
     std::memcpy(fresh, block.storage + block.head, block.length);
   }
   std::free(block.storage);

@@ -7,9 +7,9 @@
 
 namespace {
 
-// memchr runs at a tenth of an instruction a byte, memmem at eight, but every false start costs
-// memchr a new call. One in 32 bytes is about where the two meet; the slack keeps short buffers on
-// memchr.
+// memchr needs a tenth of an instruction per byte and memmem eight, but with memchr every false
+// start costs a new call. At about one false start in 32 bytes both cost the same; the slack keeps
+// short buffers on memchr.
 constexpr size_t kBytesPerFalseStart = 32;
 constexpr size_t kSlackBytes = 256;
 
@@ -24,7 +24,7 @@ uint64_t ZPIFindBytes(const uint8_t* bytes, size_t length, const uint8_t* needle
     return static_cast<size_t>(static_cast<const uint8_t*>(found) - bytes);
   }
   const uint8_t* const lastStart = bytes + (length - needleLength);
-  // A false start compares up to the whole needle, so a long one is given fewer of them.
+  // A false start compares up to the whole needle, so a long needle is allowed fewer of them.
   const size_t bytesPerFalseStart = std::max(kBytesPerFalseStart, needleLength);
   const uint8_t* at = bytes;
   for (size_t falseStarts = 0; at <= lastStart; ++falseStarts, ++at) {

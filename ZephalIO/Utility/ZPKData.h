@@ -14,8 +14,8 @@
 /// An immutable sequence of bytes, shared by reference.
 ///
 /// Null and empty are two different things everywhere in this library: a null pointer is "no data",
-/// an empty instance is "data of length 0". All operations may run on any thread at the same time,
-/// as long as the object is not a ZPKMutableData that somebody edits.
+/// an empty instance is "data of length 0". All operations may run on several threads at the same
+/// time, unless the object is a ZPKMutableData that is being edited.
 // Frozen: callers' programs are compiled with its layout. See CONTRIBUTING, The binary interface.
 class ZPK_EXPORT ZPKData : public ZPKObject {
   struct Key {
@@ -27,8 +27,9 @@ class ZPK_EXPORT ZPKData : public ZPKObject {
   static ZPKDataPtr data();
   /// A copy of `length` bytes.
   static ZPKDataPtr dataWithBytes(const void* bytes, size_t length);
-  /// Takes over `buffer`, which came from malloc(3), and frees it with free(3) when the last
-  /// reference goes. Nothing is copied. `length` may be less than what was allocated.
+  /// Takes over `buffer`, which must come from malloc(3) or be null, and frees it with free(3) when
+  /// the last reference is released. Nothing is copied. `length` may be less than the allocated
+  /// size.
   static ZPKDataPtr dataWithBytesNoCopy(void* buffer, size_t length);
   /// The UTF-8 bytes of a string; null for a null string.
   static ZPKDataPtr dataWithString(std::optional<std::string_view> string);
@@ -38,28 +39,28 @@ class ZPK_EXPORT ZPKData : public ZPKObject {
   ZPKData& operator=(const ZPKData&) = delete;
   ~ZPKData() override;
 
-  /// The first byte. May be null when the length is 0. Valid for as long as the object lives and,
-  /// for a ZPKMutableData, until its next edit.
+  /// The first byte. May be null if the length is 0. Valid while the object lives and, for a
+  /// ZPKMutableData, until its next edit.
   const uint8_t* bytes() const { return _block.storage + _block.head; }
   size_t length() const { return _block.length; }
   /// Whether this is a ZPKMutableData.
   bool isMutable() const { return _block.isMutable; }
-  /// The bytes as a view, valid for as long as bytes().
+  /// The bytes as a view, valid as long as bytes() is.
   std::string_view view() const { return {reinterpret_cast<const char*>(bytes()), length()}; }
 
-  /// An immutable copy. Of an immutable object this is the object itself.
+  /// An immutable copy; an immutable object returns itself.
   virtual ZPKDataPtr copy() const;
   /// A copy that can be edited.
   ZPKMutableDataPtr mutableCopy() const;
-  /// Copies the first `length` bytes, or all of them if there are fewer, to `buffer`. Returns how
-  /// many were copied.
+  /// Copies the first `length` bytes, or all if there are fewer, to `buffer`. Returns the number of
+  /// bytes copied.
   size_t getBytes(void* buffer, size_t length) const;
   /// A new object with the bytes of `range`; null if the range does not lie within the data.
   ZPKDataPtr subdata(ZPKRange range) const;
 
-  /// The first occurrence of `pattern`, in bytes, that lies wholly within `range`, a range that is
-  /// cut at the end of the data. The location is ZPKNotFound if there is none, or if the pattern is
-  /// empty.
+  /// The first occurrence of `pattern` that lies wholly within `range`, which is limited to the end
+  /// of the data. Ranges count bytes. The location is ZPKNotFound if there is none, or if the
+  /// pattern is empty.
   ZPKRange find(const ZPKData& pattern, ZPKRange range) const;
   ZPKRange find(const ZPKData& pattern) const { return find(pattern, {0, length()}); }
 
@@ -67,10 +68,10 @@ class ZPK_EXPORT ZPKData : public ZPKObject {
   /// there are none.
   std::optional<std::string> string() const;
 
-  /// Equal bytes, for data as objects.
+  /// Whether `other` is data with equal bytes.
   bool isEqual(const ZPKObject& other) const override;
-  /// The bytes in hexadecimal, as in h'0aff'; of more than 32 bytes the first 32, and how many
-  /// there are.
+  /// The bytes in hexadecimal, as in h'0aff'. If there are more than 32, the first 32 and the total
+  /// number.
   std::string debugDescription() const override;
 
   /// Equal bytes.
@@ -79,7 +80,7 @@ class ZPK_EXPORT ZPKData : public ZPKObject {
   }
 
  protected:
-  // The memory that the bytes lie in: the data are the `length` bytes that begin at `head`.
+  // The memory of the bytes: the data is the `length` bytes that begin at `head`.
   struct Block {
     static constexpr int kCapacityBits = 62;
 
@@ -88,7 +89,7 @@ class ZPK_EXPORT ZPKData : public ZPKObject {
     uint8_t* storage = nullptr;  // null, a malloc(3) block, or memory that came with the object
     size_t head = 0;
     size_t length = 0;
-    // In one word, which keeps the objects of short data small.
+    // All in one word, which keeps the objects of short data small.
     bool isMutable : 1;
     bool isWithinObject : 1 = false;
     uint64_t capacity : kCapacityBits = 0;  // of mutable data; the others have none
@@ -99,7 +100,7 @@ class ZPK_EXPORT ZPKData : public ZPKObject {
   Block _block;
 
  private:
-  // Null in a ZPKMutableData: to hold itself would cost every unit that is read atomic operations.
+  // Null in a ZPKMutableData, where it would cost atomic operations for every unit that is read.
   std::weak_ptr<const ZPKData> _self;
 
   friend class ZPKMutableData;

@@ -12,13 +12,13 @@
 
 namespace {
 
-// The longest data that lie in one block of memory with their object. The object takes 128 bytes
-// of it, and glibc keeps freed blocks of up to 1,032 bytes for the thread; larger ones take the
-// long way through malloc and free.
+// The longest data that is in one block of memory with its object. The object needs 128 bytes of
+// the block. glibc caches freed blocks of up to 1,032 bytes per thread; for larger ones malloc and
+// free are slower.
 constexpr size_t kLongestWithinObject = 904;
 
-// What former holders did with the data, which have one holder now, comes before what happens from
-// here on.
+// Makes everything that former holders did with the data visible to this thread, which is now the
+// only holder.
 void orderAfterFormerHolders([[maybe_unused]] const ZPKDataPtr& data) {
 #ifdef __SANITIZE_THREAD__
   const ZPKDataPtr reference = data;  // ThreadSanitizer does not know fences
@@ -64,7 +64,7 @@ ZPKMutableDataPtr ZPKMutableData::dataWithBytes(const void* bytes, size_t length
 ZPKMutableDataPtr ZPKMutableData::mutableCopyGivingUp(ZPKDataPtr&& data) {
   if (data == nullptr) return nullptr;
   if (data.use_count() != 1) return std::exchange(data, nullptr)->mutableCopy();
-  // The last other holder may have let go on another thread a moment ago.
+  // The last other holder may just have released the data on a different thread.
   orderAfterFormerHolders(data);
   if (!data->isMutable()) return std::exchange(data, nullptr)->mutableCopy();
   auto mutableData = std::const_pointer_cast<ZPKData>(std::move(data));
@@ -93,7 +93,7 @@ void ZPKMutableData::append(const void* bytes, size_t length) {
 void ZPKMutableData::appendGivingUp(ZPKMutableData* other) {
   const Block& given = other->_block;
   if (length() == 0 && !given.isWithinObject && !ZPIBlock::isSparse(given, given.length)) {
-    swap(*other);  // together with what a search of `other` has found out
+    swap(*other);  // together with the memory of a failed search of `other`
   } else {
     append(*other);
   }
