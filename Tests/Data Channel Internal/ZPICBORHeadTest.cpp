@@ -135,7 +135,7 @@ TEST(ZPICBORHeadTest, ReservedAndIndefiniteFormsAreNotAllowedForAnyKind) {
   }
 }
 
-TEST(ZPICBORHeadTest, OnlyFalseTrueNullAndDoublesAreAllowedAsSimpleValues) {
+TEST(ZPICBORHeadTest, OnlyFalseTrueNullAndDoublesAreAllowedSimpleValues) {
   for (int information = 0; information < 32; ++information) {
     const bool isGood = (information >= 20 && information <= 22) || information == 27;
     EXPECT_EQ(read(bytes({0xE0 | information, 0, 0, 0, 0, 0, 0, 0, 0})),

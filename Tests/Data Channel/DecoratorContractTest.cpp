@@ -141,7 +141,7 @@ TEST_P(DecoratorContractTest, BytesArePassedUpAndTheSlotIsUntouched) {
   EXPECT_EQ(error, olderError());
 }
 
-TEST_P(DecoratorContractTest, NowOnAnIdleChannelIsEmptyDataAfterOneRead) {
+TEST_P(DecoratorContractTest, NowOnAnIdleChannelReadsOnceAndIsEmpty) {
   ZPKErrorPtr error = olderError();
   const ZPKDataPtr data = channel->readWithTimeout(ZEPHAL_COMMUNICATION_TIME_NOW, &error);
   ASSERT_NE(data, nullptr);
@@ -245,7 +245,7 @@ TEST_P(DecoratorOverAConnectionTest, NowOnAnIdleConnectionReturnsEmptyDataWithou
   EXPECT_THAT(log.lines(), ElementsAre());
 }
 
-TEST_P(DecoratorOverAConnectionTest, ABadTimeoutFailsWithCode3AndKeepsTheConnection) {
+TEST_P(DecoratorOverAConnectionTest, ABadTimeoutIsCode3AndKeepsTheConnection) {
   LogCapture log;
   open();
   ZPKErrorPtr error = olderError();

@@ -13,8 +13,8 @@ namespace support {
 struct SystemCall {
   /// "select", "read", "ioctl" and so on.
   std::string name;
-  /// The name with the arguments that matter: "select 1.500000", "select forever", "ioctl
-  /// FIONREAD", "open /dev/ttyS0 O_RDWR|O_NONBLOCK", "fcntl F_SETFL 0", "tcsetattr TCSANOW",
+  /// The name with the arguments that matter: "select 1.500000", "ioctl FIONREAD", "select
+  /// forever", "open /dev/ttyS0 O_RDWR|O_NONBLOCK", "fcntl F_SETFL 0", "tcsetattr TCSANOW",
   /// "cfsetspeed 9600", "setsockopt SOL_SOCKET SO_KEEPALIVE 1", "connect AF_INET 127.0.0.1:4000",
   /// "bind AF_UNIX /path", "listen 5", "usleep 1000", "flock LOCK_EX"; otherwise only the name.
   std::string text;
@@ -31,11 +31,11 @@ struct SystemCall {
 /// Watches the system calls of the code under test during its lifetime, and makes chosen ones fail.
 /// Only one may exist at a time.
 ///
-/// The calls are intercepted when the tests are linked (see Tests/CMakeLists.txt for their list).
-/// It watches the calls of the thread that created the object, or of all threads except those that
-/// are exempt. A call within a shared library, such as an ioctl in the C library's tcgetattr, is
-/// not intercepted. Nor is an allocation within one in a sanitizer build; in a plain build operator
-/// new is counted everywhere.
+/// The calls are intercepted when the tests are linked (see Tests/CMakeLists.txt for their list). A
+/// watch covers the calls of the thread that created it, or of all threads except those that are
+/// exempt. A call within a shared library, such as an ioctl in the C library's tcgetattr, is not
+/// intercepted. Nor is an allocation within one in a sanitizer build; in a plain build operator new
+/// is counted everywhere.
 class SystemCalls {
  public:
   enum class Threads { kThis, kAll };
