@@ -178,7 +178,7 @@ TEST(ZPIActiveChannelLifeTest, AThreadThatClosesDoesNotWaitForItself) {
     const auto channel = openOver(line);
     weak = channel;
     std::atomic<bool> isFirst{true};
-    line->setOnRead([&] {
+    line->setOnRead([&](double) {
       if (!isFirst.exchange(false)) return;
       const auto self = weak.lock();
       result.set_value(self != nullptr && self->close(nullptr));
@@ -247,7 +247,7 @@ TEST(ZPIActiveChannelLifeTest, AThreadThatMissedAReopeningReadsNoMore) {
   std::promise<void> isBetweenReads;
   std::promise<void> mayGoOn;
   std::atomic<bool> isFirst{true};
-  line->setOnRead([&] {
+  line->setOnRead([&](double) {
     if (!isFirst.exchange(false)) return;
     isBetweenReads.set_value();
     mayGoOn.get_future().wait();
@@ -346,7 +346,7 @@ TEST(ZPIActiveChannelLifeTest, ACloseDuringAStreamAtFullSpeed) {
   const Clock::time_point deadline = Clock::now() + kLimit;
   const auto line = WaitingChannel::make();
   const auto channel = ZPIActiveChannel::initWithChannel(line, true);
-  line->setOnRead([&line] { line->deliver("a line of the console\r\n"); });
+  line->setOnRead([&line](double) { line->deliver("a line of the console\r\n"); });
   for (int round = 0; round < 200; ++round) {
     ASSERT_TRUE(channel->openWithTimeout(1.0, nullptr));
     std::atomic<size_t> received{0};

@@ -11,7 +11,7 @@ namespace support {
 
 std::shared_ptr<WaitingChannel> WaitingChannel::makeOpen() {
   auto channel = make();
-  channel->_opened = true;
+  channel->setOpened(true);
   return channel;
 }
 
@@ -25,7 +25,7 @@ void WaitingChannel::fail(ZPKErrorPtr error, bool closes) {
 
 void WaitingChannel::failEveryRead(ZPKErrorPtr error) {
   const std::lock_guard guard(_mutex);
-  _everyRead = Step{nullptr, std::move(error), true};
+  _everyRead = Read{nullptr, std::move(error), true};
 }
 
 void WaitingChannel::clearSteps() {
@@ -33,50 +33,9 @@ void WaitingChannel::clearSteps() {
   _steps.clear();
 }
 
-void WaitingChannel::setOnRead(std::function<void()> onRead) {
-  const std::lock_guard guard(_mutex);
-  _onRead = std::move(onRead);
-}
-
-void WaitingChannel::setOpenResult(bool result, ZPKErrorPtr error) {
-  setResult(&_open, result, std::move(error));
-}
-
-void WaitingChannel::setCloseResult(bool result, ZPKErrorPtr error) {
-  setResult(&_close, result, std::move(error));
-}
-
-void WaitingChannel::setResetResult(bool result, ZPKErrorPtr error) {
-  setResult(&_reset, result, std::move(error));
-}
-
-void WaitingChannel::setWriteResult(bool result, ZPKErrorPtr error) {
-  setResult(&_write, result, std::move(error));
-}
-
 size_t WaitingChannel::reads() const {
   const std::lock_guard guard(_mutex);
   return _reads;
-}
-
-std::vector<double> WaitingChannel::readTimeouts() const {
-  const std::lock_guard guard(_mutex);
-  return _readTimeouts;
-}
-
-std::vector<double> WaitingChannel::openTimeouts() const {
-  const std::lock_guard guard(_mutex);
-  return _openTimeouts;
-}
-
-std::vector<std::optional<std::string>> WaitingChannel::writes() const {
-  const std::lock_guard guard(_mutex);
-  return _writes;
-}
-
-size_t WaitingChannel::count(const std::string& call) const {
-  const std::lock_guard guard(_mutex);
-  return static_cast<size_t>(std::count(_calls.begin(), _calls.end(), call));
 }
 
 bool WaitingChannel::isBeingRead() const {
@@ -91,90 +50,37 @@ bool WaitingChannel::waitUntilAllIsPassedOn() const {
                              [this] { return _steps.empty() && _isBeingRead; });
 }
 
-bool WaitingChannel::openWithTimeout(double timeout, ZPKErrorPtr* error) {
-  const std::lock_guard guard(_mutex);
-  record("open");
-  _openTimeouts.push_back(timeout);
-  if (_opened) return finish({false, _open.error}, error);
-  if (_open.isGood) _opened = true;
-  return finish(_open, error);
-}
-
-bool WaitingChannel::close(ZPKErrorPtr* error) {
-  const std::lock_guard guard(_mutex);
-  record("close");
-  _opened = false;
-  _changed.notify_all();
-  return finish(_close, error);
-}
-
-bool WaitingChannel::reset(ZPKErrorPtr* error) {
-  const std::lock_guard guard(_mutex);
-  record("reset");
-  return finish(_reset, error);
-}
-
-bool WaitingChannel::isOpened() const {
-  const std::lock_guard guard(_mutex);
-  return _opened;
-}
-
-ZPKDataPtr WaitingChannel::readWithTimeout(double timeout, ZPKErrorPtr* error) {
-  std::function<void()> onRead;
-  {
-    const std::lock_guard guard(_mutex);
-    ++_reads;
-    const bool isKnown =
-        std::find(_readTimeouts.begin(), _readTimeouts.end(), timeout) != _readTimeouts.end();
-    if (!isKnown) _readTimeouts.push_back(timeout);
-    onRead = _onRead;
-  }
-  if (onRead) onRead();
-  std::unique_lock lock(_mutex);
+RecordingChannel::Read WaitingChannel::nextRead(std::unique_lock<std::mutex>& lock,
+                                                double timeout) {
   _isBeingRead = true;
   _changed.notify_all();
   const auto deadline = std::chrono::system_clock::now() +
                         std::chrono::duration_cast<std::chrono::system_clock::duration>(
                             std::chrono::duration<double>(timeout));
   _changed.wait_until(lock, deadline,
-                      [this] { return !_steps.empty() || _everyRead.has_value() || !_opened; });
+                      [this] { return !_steps.empty() || _everyRead.has_value() || !isOpened(); });
   _isBeingRead = false;
-  Step step{ZPKData::data(), nullptr, false};
-  if (_everyRead.has_value()) {
-    step = *_everyRead;
-  } else if (!_steps.empty()) {
-    step = std::move(_steps.front());
+  if (_everyRead.has_value()) return *_everyRead;
+  if (!_steps.empty()) {
+    Read step = std::move(_steps.front());
     _steps.pop_front();
-  } else if (!_opened) {
-    step = {nullptr, ZPKError::init("waiting channel", 2, {}), false};
+    return step;
   }
-  if (step.closes) _opened = false;
-  if (step.data == nullptr && error != nullptr) *error = step.error;
-  return step.data;
+  if (!isOpened()) return {nullptr, ZPKError::init("waiting channel", 2, {}), false};
+  return {ZPKData::data(), nullptr, false};
 }
 
-bool WaitingChannel::write(const ZPKDataPtr& data, ZPKErrorPtr* error) {
-  const std::lock_guard guard(_mutex);
-  record("write");
-  _writes.push_back(data == nullptr ? std::nullopt
-                                    : std::optional<std::string>(std::string(data->view())));
-  return finish(_write, error);
+void WaitingChannel::recordRead(double timeout) {
+  ++_reads;
+  const bool isKnown =
+      std::find(_readTimeouts.begin(), _readTimeouts.end(), timeout) != _readTimeouts.end();
+  if (!isKnown) _readTimeouts.push_back(timeout);
 }
 
-void WaitingChannel::addStep(Step step) {
+void WaitingChannel::addStep(Read step) {
   const std::lock_guard guard(_mutex);
   _steps.push_back(std::move(step));
   _changed.notify_all();
-}
-
-void WaitingChannel::setResult(Result* result, bool isGood, ZPKErrorPtr error) {
-  const std::lock_guard guard(_mutex);
-  *result = {isGood, std::move(error)};
-}
-
-bool WaitingChannel::finish(const Result& result, ZPKErrorPtr* error) {
-  if (!result.isGood && error != nullptr) *error = result.error;
-  return result.isGood;
 }
 
 }  // namespace support

@@ -1,27 +1,25 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstddef>
 #include <deque>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <string>
 #include <string_view>
-#include <vector>
 
-#include "Data Channel/ZPKDataChannel.h"
+#include "Support/RecordingChannel.h"
 
 namespace support {
 
 /// A channel without a device that keeps its contract as a transport does: it is closed at first,
-/// its read waits for bytes or for a failure, and a failed read closes it. For code that reads on a
-/// thread of its own. Thread-safe; logs nothing.
-class WaitingChannel final : public ZPKDataChannel {
+/// an open channel cannot be opened, its read waits for bytes or for a failure, and a failed read
+/// closes it. For code that reads on a thread of its own. Of the reads it records the number and
+/// the different timeouts only, since such code reads over and over.
+class WaitingChannel final : public RecordingChannel {
  public:
   static std::shared_ptr<WaitingChannel> make() { return std::make_shared<WaitingChannel>(); }
   static std::shared_ptr<WaitingChannel> makeOpen();
+
+  WaitingChannel() : RecordingChannel(false) {}
 
   // --- What happens below.
   /// Bytes for one read.
@@ -33,63 +31,25 @@ class WaitingChannel final : public ZPKDataChannel {
   void failEveryRead(ZPKErrorPtr error);
   /// Forgets everything that no read has returned yet.
   void clearSteps();
-  /// Runs on the reading thread at the start of each read.
-  void setOnRead(std::function<void()> onRead);
-  void setOpenResult(bool result, ZPKErrorPtr error = nullptr);
-  void setCloseResult(bool result, ZPKErrorPtr error = nullptr);
-  void setResetResult(bool result, ZPKErrorPtr error = nullptr);
-  void setWriteResult(bool result, ZPKErrorPtr error = nullptr);
 
   // --- What was asked of it.
   size_t reads() const;
-  /// The different timeouts of the reads.
-  std::vector<double> readTimeouts() const;
-  std::vector<double> openTimeouts() const;
-  std::vector<std::optional<std::string>> writes() const;
-  size_t count(const std::string& call) const;
   /// Whether a read waits here at this moment.
   bool isBeingRead() const;
   /// Waits until all that was delivered is read and the reader is back for more, so that it has
   /// passed everything on.
   bool waitUntilAllIsPassedOn() const;
 
-  bool openWithTimeout(double timeout, ZPKErrorPtr* error = nullptr) override;
-  bool close(ZPKErrorPtr* error = nullptr) override;
-  bool reset(ZPKErrorPtr* error = nullptr) override;
-  bool isOpened() const override;
-  ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error = nullptr) override;
-  bool write(const ZPKDataPtr& data, ZPKErrorPtr* error = nullptr) override;
-
  private:
-  struct Step {
-    ZPKDataPtr data;
-    ZPKErrorPtr error;
-    bool closes = false;
-  };
-  struct Result {
-    bool isGood = true;
-    ZPKErrorPtr error;
-  };
+  bool refusesOpening() const override { return isOpened(); }
+  Read nextRead(std::unique_lock<std::mutex>& lock, double timeout) override;
+  void recordRead(double timeout) override;
+  void addStep(Read step);
 
-  void addStep(Step step);
-  void setResult(Result* result, bool isGood, ZPKErrorPtr error);
-  static bool finish(const Result& result, ZPKErrorPtr* error);
-  void record(const char* call) { _calls.emplace_back(call); }
-
-  mutable std::mutex _mutex;
-  mutable std::condition_variable _changed;
-  // Everything below is guarded by the mutex.
-  bool _opened = false;
-  std::deque<Step> _steps;
-  std::optional<Step> _everyRead;
-  std::function<void()> _onRead;
-  Result _open, _close, _reset, _write;
+  std::deque<Read> _steps;
+  std::optional<Read> _everyRead;
   size_t _reads = 0;
   bool _isBeingRead = false;
-  std::vector<double> _readTimeouts;
-  std::vector<double> _openTimeouts;
-  std::vector<std::optional<std::string>> _writes;
-  std::vector<std::string> _calls;  // all except the reads
 };
 
 }  // namespace support
