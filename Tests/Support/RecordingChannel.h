@@ -18,6 +18,8 @@ namespace support {
 class RecordingChannel : public ZPKDataChannel {
  public:
   // --- What happens.
+  /// Changes what isOpened returns and nothing else: reads and writes still return what the test
+  /// says.
   void setOpened(bool opened) { _opened = opened; }
   void setOpenResult(bool result, ZPKErrorPtr error = nullptr);
   void setCloseResult(bool result, ZPKErrorPtr error = nullptr);
