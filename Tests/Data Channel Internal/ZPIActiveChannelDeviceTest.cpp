@@ -222,6 +222,7 @@ TEST_P(ZPIActiveChannelDeviceTest, ItIsOpenAtOnceOverAnOpenTransport) {
 // nothing.
 TEST_P(ZPIActiveChannelDeviceTest, AnIdleChannelDoesNothingBetweenItsSlices) {
   constexpr size_t kSlices = 8;
+  ZPKData::data();  // the shared empty data is allocated at its first use
   SimulatedDevice device(GetParam());
   const ZPKDataChannelPtr channel = activeOver(device);
   TestClock clock;

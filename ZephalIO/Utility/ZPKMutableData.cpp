@@ -86,6 +86,7 @@ void ZPKMutableData::append(const void* bytes, size_t length) {
   const size_t ownOffset = isOwn ? static_cast<size_t>(source - this->bytes()) : 0;
   _failedSearch.allowIf(ZPIBlock::reserveAtEnd(_block, length));
   if (isOwn) source = this->bytes() + ownOffset;
+  // A block with room for bytes has storage. NOLINTNEXTLINE(*-core.NonNullParamChecker)
   std::memmove(_block.storage + _block.head + _block.length, source, length);
   _block.length += length;
 }
