@@ -15,7 +15,7 @@ function(zephalio_install_pkgconfig name description)
   set(requires "${_REQUIRES}")
   set(private_requires "")
   set(private_libs "")
-  if(zephalio_library_type STREQUAL "STATIC")
+  if("STATIC" IN_LIST zephalio_installed_types)
     set(private_requires "${_STATIC_REQUIRES}")
     set(private_libs "-pthread")
   endif()
@@ -24,9 +24,14 @@ function(zephalio_install_pkgconfig name description)
 endfunction()
 
 function(zephalio_install_package)
-  install(EXPORT ZephalLoggingTargets NAMESPACE ZephalLogging::
-          DESTINATION ${zephalio_package_folder})
-  install(EXPORT ZephalIOTargets NAMESPACE ZephalIO:: DESTINATION ${zephalio_package_folder})
+  foreach(library ZephalLogging ZephalIO)
+    foreach(type IN LISTS zephalio_installed_types)
+      string(TOLOWER ${type} component)
+      install(EXPORT ${library}${type} NAMESPACE ${library}::
+              FILE ${library}-${component}.cmake DESTINATION ${zephalio_package_folder})
+    endforeach()
+  endforeach()
+  string(TOLOWER "${zephalio_installed_types}" zephalio_components)
   write_basic_package_version_file(
     ${PROJECT_BINARY_DIR}/ZephalIOConfigVersion.cmake COMPATIBILITY SameMajorVersion)
   configure_file(${PROJECT_SOURCE_DIR}/CMake/ZephalIOConfig.cmake.in
