@@ -13,6 +13,8 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,6 +22,7 @@
 #include "../Device.h"
 #include "../MixedDictionary.h"
 #include "../Stack.h"
+#include "HeldPipe.h"
 #include "MemoryChannel.h"
 
 namespace {
@@ -33,9 +36,11 @@ void expect(bool condition) {
   std::exit(1);
 }
 
-ZPKCommStackPtr stackOn(const ZPKDataChannelPtr& channel) {
+ZPKCommStackPtr stackOn(const ZPKDataChannelPtr& channel,
+                        const std::function<void(ZPKCommStack&)>& configure = nullptr) {
   auto stack = ZPKCommStack::init();
   stack->setDelimiter("\n");
+  if (configure) configure(*stack);
   expect(stack->createStackWithBaseChannel(channel));
   if (!channel->isOpened()) expect(stack->openWithTimeout(std::nullopt));
   return stack;
@@ -67,6 +72,26 @@ void readStrings(size_t count) {
     const auto line = stack->readStringWithTimeout(kSeconds, std::nullopt);
     expect(line.has_value() && line->size() == kLength);
   }
+}
+
+// The lines that are read while both logs are held gather in memory, and are then written together:
+// how many chunks go into a write would otherwise depend on the machine's load.
+void logLines(size_t count) {
+  constexpr size_t kLength = 16;
+  const std::string path = "/tmp/zephalio-exact-" + std::to_string(::getpid());
+  HeldPipe outer(path + "-outer.log");
+  HeldPipe raw(path + "-raw.log");
+  const auto channel = std::make_shared<MemoryChannel>(linesOf(kLength), kPiece);
+  const auto stack = stackOn(channel, [&](ZPKCommStack& closed) {
+    expect(closed.setLogFilePath(outer.path(), raw.path()));
+  });
+  for (size_t i = 0; i < count; ++i) {
+    const ZPKDataPtr line = stack->readDataWithTimeout(kSeconds, nullptr);
+    expect(line != nullptr && line->length() == kLength);
+  }
+  outer.drain();
+  raw.drain();
+  stack->close();
 }
 
 // With a device that answers only when its client waits for it, so that each round trip takes the
@@ -198,6 +223,7 @@ constexpr Work kWorks[] = {
     {"line-80", [](size_t count) { readLines(80, count); }},
     {"line-1000", [](size_t count) { readLines(1000, count); }},
     {"string-16", readStrings},
+    {"log-chunk", logLines},
     {"round-trip", sendCommands},
     {"round-trip-string", sendCommandStrings},
     {"filter", filterLines},
