@@ -1,4 +1,5 @@
-// Everything that the library exports.
+/// @file
+/// Everything that the library exports.
 #pragma once
 
 #include "Data Channel/ZPKDataChannel.h"

@@ -1,12 +1,13 @@
-// ZephalLogging: where the log lines of ZephalIO go.
-//
-// A log site fetches the anchor and writes one line:
-//
-//     ZPKLoggingLog(ZPKLogGetAnchor(), 0, "Error opening %@ - %s(%d)", path, text, number);
-//
-// By default a line goes to standard error. If standard error no longer accepts it, the line is
-// lost, with no message and no SIGPIPE. A host program that has a logger of its own captures the
-// lines with ZPKLoggingSetSink. Everything here may be called from any thread.
+/// @file
+/// ZephalLogging: where the log lines of ZephalIO go.
+///
+/// A log site fetches the anchor and writes one line:
+///
+///     ZPKLoggingLog(ZPKLogGetAnchor(), 0, "Error opening %@ - %s(%d)", path, text, number);
+///
+/// By default a line goes to standard error. If standard error no longer accepts it, the line is
+/// lost, with no message and no SIGPIPE. A host program that has a logger of its own captures the
+/// lines with ZPKLoggingSetSink. Everything here may be called from any thread.
 #pragma once
 
 #include <array>
@@ -31,6 +32,7 @@
 
 /// The process's logging anchor: opaque, shared, never null.
 class ZPKLogAnchor;
+/// A shared anchor.
 using ZPKLogAnchorPtr = std::shared_ptr<ZPKLogAnchor>;
 
 /// An object that "%@" can show, by its debugDescription().
@@ -43,7 +45,9 @@ concept ZPKLogDescribable = requires(const T& object) {
 /// passed as a `const char*` or a view is not copied, so an argument must not outlive the call.
 class ZPKLogArgument {
  public:
+  /// Shows as "(null)".
   ZPKLogArgument(std::nullptr_t) : _value(std::monostate{}) {}
+  /// An integer or a bool, shown in decimal.
   template <std::integral T>
   ZPKLogArgument(T value) {
     if constexpr (std::is_signed_v<T>) {
@@ -52,22 +56,29 @@ class ZPKLogArgument {
       _value = static_cast<uint64_t>(value);
     }
   }
+  /// Text; a null pointer shows as "(null)".
   ZPKLogArgument(const char* text) {
     if (text != nullptr) _value = std::string_view(text);
   }
+  /// Text, which is not copied.
   ZPKLogArgument(std::string_view text) : _value(text) {}
+  /// Text, which is not copied.
   ZPKLogArgument(const std::string& text) : _value(std::string_view(text)) {}
+  /// Text that may be null.
   template <class Text>
   requires std::convertible_to<const Text&, std::string_view> ZPKLogArgument(
       const std::optional<Text>& text) {
     if (text.has_value()) _value = std::string_view(*text);
   }
+  /// An object, shown by its debugDescription().
   template <ZPKLogDescribable T>
   ZPKLogArgument(const T& object) : _value(object.debugDescription()) {}
+  /// An object that may be null.
   template <ZPKLogDescribable T>
   ZPKLogArgument(const std::optional<T>& object) {
     if (object.has_value()) _value = object->debugDescription();
   }
+  /// A shared object, which may be null.
   template <ZPKLogDescribable T>
   ZPKLogArgument(const std::shared_ptr<T>& object) {
     if (object != nullptr) _value = object->debugDescription();

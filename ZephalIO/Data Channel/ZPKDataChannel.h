@@ -1,3 +1,5 @@
+/// @file
+/// The contract of everything that moves bytes, and the factories of the transports.
 #pragma once
 
 #include <cstdint>
@@ -79,21 +81,24 @@ class ZPK_EXPORT ZPKDataChannel {
   virtual bool write(const ZPKDataPtr& data, ZPKErrorPtr* error = nullptr) = 0;
 };
 
+/// A shared channel; null where a channel could not be created.
 using ZPKDataChannelPtr = std::shared_ptr<ZPKDataChannel>;
 
-// The factories of the base channels. Any thread may call them. They do not open the channels that
-// they create. A failure is null, domain "zephal-communication", code 3.
-//
-// close of a base channel may run on any thread, at the same time as a read and a write, and so may
-// a failed read, which closes the channel. The channel becomes closed immediately, and no more
-// bytes pass through its descriptor. The number of the descriptor stays in use until the last call
-// on it has returned. On a socket those calls return immediately, since it is shut down
-// (shutdown(2), which also affects other descriptors of the same socket). On a serial port a read
-// returns with the next byte or when its timeout expires, and a write returns when the device
-// accepts the bytes that the system buffers, or disconnects. The write then fails with code 5 and
-// EBADF, or EPIPE if none of it was sent yet. The read fails with code 2 "Device Already Closed",
-// under FOREVER with code 5 "Client disconnected". If close leaves it to another call to close the
-// descriptor, its result is true, and a failure is only logged.
+/// @name The factories of the base channels
+/// Any thread may call them. They do not open the channels that they create. A failure is null,
+/// domain "zephal-communication", code 3.
+///
+/// close of a base channel may run on any thread, at the same time as a read and a write, and so
+/// may a failed read, which closes the channel. The channel becomes closed immediately, and no more
+/// bytes pass through its descriptor. The number of the descriptor stays in use until the last call
+/// on it has returned. On a socket those calls return immediately, since it is shut down
+/// (shutdown(2), which also affects other descriptors of the same socket). On a serial port a read
+/// returns with the next byte or when its timeout expires, and a write returns when the device
+/// accepts the bytes that the system buffers, or disconnects. The write then fails with code 5 and
+/// EBADF, or EPIPE if none of it was sent yet. The read fails with code 2 "Device Already Closed",
+/// under FOREVER with code 5 "Client disconnected". If close leaves it to another call to close the
+/// descriptor, its result is true, and a failure is only logged.
+/// @{
 
 /// A serial port (termios(3)): the path of `url` names the device, and `options` its baud rate,
 /// mode and exclusive hold (see ZPKConstants.h). Options are copied; null, or a missing key, means
@@ -134,3 +139,5 @@ ZPK_EXPORT ZPKDataChannelPtr createActiveTCPChannelWithSocket(int32_t socket,
 /// a string that is not a URL (RFC 3986).
 ZPK_EXPORT ZPKDataChannelPtr createBaseChannelWithTransport(std::optional<std::string_view> url,
                                                             ZPKErrorPtr* error = nullptr);
+
+/// @}

@@ -1,8 +1,9 @@
-// The factories of the channels that wrap a channel.
-//
-// Any thread may call them. They open and close nothing. The new channel holds the channel below
-// strongly and keeps the contract of ZPKDataChannel, except for the differences described here. A
-// failure is null, domain "zephal-communication", code 3.
+/// @file
+/// The factories of the channels that wrap a channel.
+///
+/// Any thread may call them. They open and close nothing. The new channel holds the channel below
+/// strongly and keeps the contract of ZPKDataChannel, except for the differences described here. A
+/// failure is null, domain "zephal-communication", code 3.
 #pragma once
 
 #include <cstdint>
@@ -97,15 +98,16 @@ ZPK_EXPORT ZPKDataChannelPtr createEchoRemovalChannel(const ZPKDataChannelPtr& c
                                                       ZPKErrorPtr* error = nullptr);
 
 /// A channel that copies everything that is read and written into the text file at `filePath`, one
-/// line each, preceded by the local time, the direction and the process,
+/// line each:
 ///
 ///     2024-05-01 12:00:00.250 <pre--write>[4711]: version
 ///     2024-05-01 12:00:00.310 <pre---read>[4711]: 2.33
 ///
-/// with `identifier` ("pre-" here) in front of the direction. Bytes and results pass unchanged.
-/// Bytes that are written, passwords included, are logged before they are sent, whether or not that
-/// succeeds; empty data is not logged. Valid UTF-8 is written to the file unchanged, including
-/// escape sequences and the line breaks of Unicode; other bytes appear as in ZPKDataToString.
+/// A line begins with the local time, the direction and the process, with `identifier` ("pre-"
+/// here) in front of the direction. Bytes and results pass unchanged. Bytes that are written,
+/// passwords included, are logged before they are sent, whether or not that succeeds; empty data is
+/// not logged. Valid UTF-8 is written to the file unchanged, including escape sequences and the
+/// line breaks of Unicode; other bytes appear as in ZPKDataToString.
 ///
 /// open opens the file, then the channel below. A missing file is created, with the permissions
 /// 0666 less the process's umask; an existing one grows at its end and keeps its permissions. If it

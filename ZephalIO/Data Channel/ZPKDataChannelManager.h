@@ -1,3 +1,5 @@
+/// @file
+/// Reads objects from a channel and passes them to a delegate.
 #pragma once
 
 #include <atomic>
@@ -12,6 +14,7 @@
 #include "Utility/ZPKObject.h"
 
 class ZPKDataChannelManager;
+/// A shared ZPKDataChannelManager.
 using ZPKDataChannelManagerPtr = std::shared_ptr<ZPKDataChannelManager>;
 
 /// Gets the objects and events of a ZPKDataChannelManager. All operations are optional: override
@@ -22,6 +25,7 @@ using ZPKDataChannelManagerPtr = std::shared_ptr<ZPKDataChannelManager>;
 /// released. An operation must not throw.
 class ZPK_EXPORT ZPKDataChannelManagerDelegate {
  public:
+  /// The operations, as implements names them.
   enum class Operation { ShouldDeserializeData, DidReceiveMessage, DidDisconnect };
 
   virtual ~ZPKDataChannelManagerDelegate();
@@ -47,6 +51,7 @@ class ZPK_EXPORT ZPKDataChannelManagerDelegate {
                              const ZPKDataChannelPtr& dataChannel, const ZPKErrorPtr& error);
 };
 
+/// A shared delegate. The manager holds it weakly.
 using ZPKDataChannelManagerDelegatePtr = std::shared_ptr<ZPKDataChannelManagerDelegate>;
 
 /// Turns a channel into a stream of objects for a delegate: it reads in a loop, deserializes the
@@ -139,25 +144,42 @@ class ZPK_EXPORT ZPKDataChannelManager final
 
   /// "<ZPKDataChannelManager 0x...>", with the address.
   std::string description() const;
+  /// The same as description.
   std::string debugDescription() const;
 
-  // Properties. The loop reads each one anew whenever it needs it.
+  /// @name Properties
+  /// The loop reads each one anew whenever it needs it.
+  /// @{
 
+  /// The channel that the loop reads; null without one.
   ZPKDataChannelPtr dataChannel() const;
+  /// Replaces the channel and closes neither. A running loop reads the new one from its next read
+  /// on. Null ends the loop then, unless the delegate declines to deserialize.
   void setDataChannel(ZPKDataChannelPtr channel);
   /// Held weakly: null when nobody else holds it any more.
   ZPKDataChannelManagerDelegatePtr delegate() const;
+  /// Replaces the delegate, which the caller keeps alive; null is legal, and then objects are
+  /// dropped.
   void setDelegate(const ZPKDataChannelManagerDelegatePtr& delegate);
+  /// Whether listen runs the loop on its caller's thread; false at first.
   bool ZPKdataChannelManagerReceiveUndetached() const;
+  /// Sets where the next listen runs its loop.
   void setZPKdataChannelManagerReceiveUndetached(bool undetached);
+  /// The serializer that turns the result of each read into an object.
   ZPKDataSerializerPtr deserializer() const;
+  /// Replaces the serializer from the next read on. With null the loop ends after that read.
   void setDeserializer(ZPKDataSerializerPtr deserializer);
   /// Whether a loop runs.
   bool started() const;
+  /// For the manager's own use: sets what `started` returns and starts or ends nothing. After true,
+  /// listen fails.
   void setStarted(bool started);
   /// For the caller's own use; the manager does not look at it.
   std::vector<ZPKDataChannelPtr> managed_dataChannels() const;
+  /// Replaces the list that managed_dataChannels returns.
   void setManaged_dataChannels(std::vector<ZPKDataChannelPtr> channels);
+
+  /// @}
 
  private:
   bool receiveOne();

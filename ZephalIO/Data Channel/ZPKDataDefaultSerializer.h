@@ -1,8 +1,11 @@
+/// @file
+/// The serializer that the library provides.
 #pragma once
 
 #include "Data Channel/ZPKDataSerializer.h"
 
 class ZPKDataDefaultSerializer;
+/// A shared ZPKDataDefaultSerializer.
 using ZPKDataDefaultSerializerPtr = std::shared_ptr<ZPKDataDefaultSerializer>;
 
 /// The default serializer of a ZPKDataChannelManager: a keyed archive in CBOR (RFC 8949), which
@@ -17,6 +20,7 @@ using ZPKDataDefaultSerializerPtr = std::shared_ptr<ZPKDataDefaultSerializer>;
 ///     const auto back = ZPKObjectCast<ZPKDictionary>(serializer.deserialize(data));
 class ZPK_EXPORT ZPKDataDefaultSerializer final : public ZPKDataSerializer {
  public:
+  /// A shared serializer, as a ZPKDataChannelManager takes it.
   static ZPKDataDefaultSerializerPtr init();
 
   ZPKDataDefaultSerializer();

@@ -1,3 +1,5 @@
+/// @file
+/// The contract of everything that turns objects into bytes.
 #pragma once
 
 #include <concepts>
@@ -33,6 +35,7 @@ class ZPK_EXPORT ZPKDataSerializer {
   virtual std::string formatName() const = 0;
 };
 
+/// A shared serializer.
 using ZPKDataSerializerPtr = std::shared_ptr<ZPKDataSerializer>;
 
 /// A class that is a complete serializer, including its static operation.

@@ -1,3 +1,5 @@
+/// @file
+/// The contract of everything that listens for connections.
 #pragma once
 
 #include <memory>
@@ -14,4 +16,5 @@ class ZPK_EXPORT ZPKDataServer {
   virtual bool stop(ZPKErrorPtr* error = nullptr) = 0;
 };
 
+/// A shared server.
 using ZPKDataServerPtr = std::shared_ptr<ZPKDataServer>;

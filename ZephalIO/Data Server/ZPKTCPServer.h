@@ -1,3 +1,5 @@
+/// @file
+/// A server on a TCP port.
 #pragma once
 
 #include <pthread.h>
@@ -15,6 +17,7 @@
 #include "Utility/ZPKNumber.h"
 
 class ZPKTCPServer;
+/// A shared ZPKTCPServer.
 using ZPKTCPServerPtr = std::shared_ptr<ZPKTCPServer>;
 
 /// A small accept loop: it listens on a TCP port, or on a socket that the caller provides, and
@@ -106,24 +109,33 @@ class ZPK_EXPORT ZPKTCPServer final : public ZPKDataServer,
   /// nothing, if the server was stopped before, if its start failed, or if it was never started.
   bool stop(ZPKErrorPtr* error = nullptr) override;
 
-  // Accessors. If you set one, make sure that you know what this does to the loop.
+  /// @name Accessors
+  /// If you set one, make sure that you know what this does to the loop.
+  /// @{
 
   /// The accept thread; zero if there is none to wait for.
   pthread_t listenThread() const;
+  /// Replaces the thread that stop joins; zero means none.
   void setListenThread(pthread_t thread);
   /// The listening socket: 0 before the first start, -1 after a failed one and after stop.
   int32_t handle() const;
+  /// Replaces the socket that stop closes; the thread keeps the one it was started with.
   void setHandle(int32_t handle);
   /// False, also while the server listens. If a caller sets it, every start fails.
   bool isListening() const;
+  /// Sets what isListening returns, and starts or stops nothing.
   void setIsListening(bool listening);
   /// Whether the accept thread must end as soon as its current accept or callback has returned. Set
   /// by stop, and never cleared by the server.
   bool shouldCancel() const;
+  /// Sets whether the accept thread must end; it does not wake a thread that waits in accept(2).
   void setShouldCancel(bool cancel);
   /// The callback that gets an accepted socket; null before the first start and after stop.
   ResponseBlock responseBlock() const;
+  /// Replaces the callback, from the next connection on; with null, connections are closed.
   void setResponseBlock(ResponseBlock block);
+
+  /// @}
 
  private:
   bool checkNotListeningWithError(ZPKErrorPtr* error) const;

@@ -1,3 +1,5 @@
+/// @file
+/// The stack that only listens and records a console.
 #pragma once
 
 #include <memory>
@@ -50,7 +52,8 @@ class ZPK_EXPORT ZPKCommLoggerStack {
   ZPKCommLoggerStack& operator=(const ZPKCommLoggerStack&) = delete;
   ~ZPKCommLoggerStack();
 
-  // --- Configure.
+  /// @name Configure
+  /// @{
 
   /// Sets the files of the two logs. The first gets the stream split at the delimiter, one entry
   /// for each unit however many reads it took; the second gets the raw chunks as they arrive. Null
@@ -64,7 +67,10 @@ class ZPK_EXPORT ZPKCommLoggerStack {
   /// delimiter at close appear only in the raw log. Always true.
   bool setDelimiter(std::optional<std::string_view> delimiter, ZPKErrorPtr* error = nullptr);
 
-  // --- Create and open.
+  /// @}
+
+  /// @name Create and open
+  /// @{
 
   /// Builds the chain on the base channel that the URL names (see createBaseChannelWithTransport),
   /// and passes on the errors of that channel's factory. A different scheme fails with code 300. On
@@ -88,22 +94,33 @@ class ZPK_EXPORT ZPKCommLoggerStack {
   /// without an error.
   bool close(ZPKErrorPtr* error = nullptr);
 
-  // --- Plain accessors. Each is safe on any thread and changes only the field.
+  /// @}
+
+  /// @name Plain accessors
+  /// Each is safe on any thread and changes only the field.
+  /// @{
 
   /// The top of the chain; null until one is created.
   ZPKDataChannelPtr commChannel() const;
+  /// Replaces the chain, and opens and closes nothing; null means no chain.
   void setCommChannel(ZPKDataChannelPtr channel);
   /// The aggregator that splits the stream; the chain holds the same object. A chain that is
   /// created without one does not split the stream, and its close closes everything but then fails
   /// without an error.
   ZPKMutableDataAggregatorTransformerPtr aggregator() const;
+  /// Replaces the aggregator for the next chain; may be null. The present chain keeps its own,
+  /// which setDelimiter then no longer reaches.
   void setAggregator(ZPKMutableDataAggregatorTransformerPtr aggregator);
   /// The path of the log of units; null for none.
   std::optional<std::string> logFilePath() const;
+  /// Replaces the path for the next chain, without the check of the operation of the same name.
   void setLogFilePath(std::optional<std::string> path);
   /// The path of the log of raw chunks; null for none.
   std::optional<std::string> preAggregatorLogFilePath() const;
+  /// Replaces the path for the next chain, likewise.
   void setPreAggregatorLogFilePath(std::optional<std::string> path);
+
+  /// @}
 
  private:
   ZPKDataChannelPtr chainOn(ZPKDataChannelPtr channel, ZPKErrorPtr* error) const;
@@ -115,4 +132,5 @@ class ZPK_EXPORT ZPKCommLoggerStack {
   ZPKAtomic<std::optional<std::string>> _preAggregatorLogFilePath;
 };
 
+/// A shared stack that records.
 using ZPKCommLoggerStackPtr = std::shared_ptr<ZPKCommLoggerStack>;

@@ -1,3 +1,5 @@
+/// @file
+/// The stack: configure, create, open, talk. Start here.
 #pragma once
 
 #include <atomic>
@@ -61,7 +63,8 @@ class ZPK_EXPORT ZPKCommStack {
   ZPKCommStack& operator=(const ZPKCommStack&) = delete;
   ~ZPKCommStack();
 
-  // --- Configure.
+  /// @name Configure
+  /// @{
 
   /// Expects the device with this ECID (an unsigned 64-bit value; null turns detection off) and
   /// forgets an earlier swap. Fails with code 302 after a chain was created.
@@ -77,7 +80,11 @@ class ZPK_EXPORT ZPKCommStack {
   /// add nothing. Always true.
   bool setLineTerminator(std::optional<std::string_view> terminator, ZPKErrorPtr* error = nullptr);
 
-  // The settings of the optional layers. Each fails with code 302 after a chain was created.
+  /// @}
+
+  /// @name Configure the optional layers
+  /// Each of these fails with code 302 after a chain was created.
+  /// @{
 
   /// Sets the bytes that are removed wherever they appear in a response. Each text stands for bytes
   /// in hexadecimal (see ZPKDataFromHexString). They replace the filters of an earlier call; an
@@ -98,7 +105,10 @@ class ZPK_EXPORT ZPKCommStack {
   /// then be lost. Null counts as false, the default.
   bool setActiveChannelOnOff(std::optional<ZPKNumber> onOff, ZPKErrorPtr* error);
 
-  // --- Create and open.
+  /// @}
+
+  /// @name Create and open
+  /// @{
 
   /// Builds the chain on the base channel that createBaseChannelWithTransport creates for the URL,
   /// and passes on the errors of that function.
@@ -119,13 +129,17 @@ class ZPK_EXPORT ZPKCommStack {
   /// it fails without an error.
   bool close(ZPKErrorPtr* error = nullptr);
 
-  // --- Talk. Each fails with code 304 if the chain is not open, or if there is none.
-  //
-  // A response ends with its delimiter, which is kept. Bytes after the delimiter, and a part of a
-  // response that had arrived when the timeout expired, are buffered and begin the next response;
-  // so a late response answers the next command. After a different device was detected on the line,
-  // reads and commands fail with code 309 and the two ECIDs as the description; closing and
-  // reopening does not change that.
+  /// @}
+
+  /// @name Talk
+  /// Each of these fails with code 304 if the chain is not open, or if there is none.
+  ///
+  /// A response ends with its delimiter, which is kept. Bytes after the delimiter, and a part of a
+  /// response that had arrived when the timeout expired, are buffered and begin the next response;
+  /// so a late response answers the next command. After a different device was detected on the
+  /// line, reads and commands fail with code 309 and the two ECIDs as the description; closing and
+  /// reopening does not change that.
+  /// @{
 
   /// Writes the bytes and the line terminator; for empty data only the terminator. Null fails
   /// without an error. A failed write leaves the stack open. There is no time limit: until the peer
@@ -170,41 +184,68 @@ class ZPK_EXPORT ZPKCommStack {
       std::optional<std::string_view> command, const ZPKRegexPtr& regex,
       std::optional<ZPKNumber> timeout, ZPKErrorPtr* error = nullptr);
 
-  // --- Plain accessors. Each is safe on any thread and changes only the field: nothing is checked,
-  // and a chain that was already created keeps its parts.
+  /// @}
 
+  /// @name Plain accessors
+  /// Each is safe on any thread and changes only the field: nothing is checked, and a chain that
+  /// was already created keeps its parts.
+  /// @{
+
+  /// Whether the next chain gets a background reader; false at first.
   bool activeChannelOnOff() const;
+  /// Sets whether the next chain gets a background reader, without the check of the operation of
+  /// the same name.
   void setActiveChannelOnOff(bool onOff);
+  /// Whether a read without bytes at its timeout is an error; true at first.
   bool timeoutIsException() const;
+  /// Sets whether a read without bytes at its timeout is an error. It also applies to an open
+  /// stack.
   void setTimeoutIsException(bool value);
   /// The top of the chain; null until one is created.
   ZPKDataChannelPtr commChannel() const;
+  /// Replaces the chain, and opens and closes nothing; null means no chain. The next operation uses
+  /// the new one.
   void setCommChannel(ZPKDataChannelPtr channel);
   /// The aggregator that splits the stream; the chain holds the same object.
   ZPKMutableDataAggregatorTransformerPtr aggregator() const;
+  /// Replaces the aggregator. The present chain keeps its own, and delimiters that are set later no
+  /// longer reach it. With null, a chain cannot be created: code 3 of "zephal-communication".
   void setAggregator(ZPKMutableDataAggregatorTransformerPtr aggregator);
   /// The appender that ends every write; the chain holds the same object.
   ZPKMutableDataAppendingTransformerPtr appender() const;
+  /// Replaces the appender. The present chain keeps its own, and terminators that are set later no
+  /// longer reach it. With null, a chain cannot be created: code 3 of "zephal-communication".
   void setAppender(ZPKMutableDataAppendingTransformerPtr appender);
   /// The read filters created from text; null until some are set.
   std::optional<ZPKDataTransformerArray> readFilterTransformers() const;
+  /// Replaces the filters of the next chain by transformers of any kind. A list that contains null
+  /// makes its creation fail with code 3 of "zephal-communication".
   void setReadFilterTransformers(std::optional<ZPKDataTransformerArray> transformers);
   /// The read filters created from hexadecimal text; null until some are set.
   std::optional<ZPKDataTransformerArray> readFilterHexTransformers() const;
+  /// Replaces the filters that run before the others, likewise.
   void setReadFilterHexTransformers(std::optional<ZPKDataTransformerArray> transformers);
   /// The swap detector; the chain holds the same object.
   ZPKECIDSwapDetectTransformerPtr ecidChecker() const;
+  /// Replaces the swap detector of the next chain. With null, a chain cannot be created: code 3 of
+  /// "zephal-communication".
   void setEcidChecker(ZPKECIDSwapDetectTransformerPtr checker);
   /// The text of a swap that was detected; null if there was none. The only way to continue with a
   /// chain after a swap is to set this to null.
   std::optional<std::string> ecidSwapInformation() const;
+  /// Sets the text of a swap. While it is not null, reads and commands fail with code 309 and this
+  /// text.
   void setEcidSwapInformation(std::optional<std::string> information);
   /// The path of the log at the chain's outer end; null for none.
   std::optional<std::string> logFilePath() const;
+  /// Replaces the path for the next chain, without the check of the operation of the same name.
   void setLogFilePath(std::optional<std::string> path);
   /// The path of the log at the chain's raw end; null for none.
   std::optional<std::string> preAggregatorLogFilePath() const;
+  /// Replaces the path for the next chain, likewise.
   void setPreAggregatorLogFilePath(std::optional<std::string> path);
+
+  /// @}
 
  private:
   ZPKDataChannelPtr chainOn(ZPKDataChannelPtr channel, ZPKErrorPtr* error) const;
@@ -232,4 +273,5 @@ class ZPK_EXPORT ZPKCommStack {
   ZPKAtomic<std::optional<std::string>>::Snapshot _currentSwap;
 };
 
+/// A shared stack.
 using ZPKCommStackPtr = std::shared_ptr<ZPKCommStack>;

@@ -1,3 +1,5 @@
+/// @file
+/// The contract of everything that edits bytes in place, and the factories of transformers.
 #pragma once
 
 #include <cstdint>
@@ -37,15 +39,18 @@ class ZPK_EXPORT ZPKDataTransformer {
   virtual bool reset(ZPKErrorPtr* error = nullptr) = 0;
 };
 
+/// A shared transformer; null where one could not be created.
 using ZPKDataTransformerPtr = std::shared_ptr<ZPKDataTransformer>;
+/// Transformers in the order in which they run.
 using ZPKDataTransformerArray = std::vector<ZPKDataTransformerPtr>;
 
-// The factories of the transformers. Any thread may call them. Bytes that are passed are copied, so
-// later changes to them do not reach the transformer. A callback runs on the thread that calls
-// modifyData or reset, before that returns, and must not call the transformer. The transformers are
-// not thread-safe: each belongs to one path of one channel. A failure is null, domain
-// "zephal-communication", code 3 unless stated otherwise. reset returns true unless stated
-// otherwise.
+/// @name The factories of the transformers
+/// Any thread may call them. Bytes that are passed are copied, so later changes to them do not
+/// reach the transformer. A callback runs on the thread that calls modifyData or reset, before that
+/// returns, and must not call the transformer. The transformers are not thread-safe: each belongs
+/// to one path of one channel. A failure is null, domain "zephal-communication", code 3 unless
+/// stated otherwise. reset returns true unless stated otherwise.
+/// @{
 
 /// Puts `prepend` in front of every chunk, an empty one included. Fails for null; empty bytes
 /// change nothing.
@@ -128,3 +133,5 @@ ZPK_EXPORT ZPKDataTransformerPtr createTimeTransformer(double timeout, std::func
 /// Fails for a pattern that does not compile, and for null.
 ZPK_EXPORT ZPKDataTransformerPtr createRegExpTransformer(std::optional<std::string_view> pattern,
                                                          ZPKErrorPtr* error = nullptr);
+
+/// @}

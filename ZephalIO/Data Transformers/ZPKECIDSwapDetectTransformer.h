@@ -1,3 +1,5 @@
+/// @file
+/// Notices a different device by its identifier.
 #pragma once
 
 #include <atomic>
@@ -52,23 +54,29 @@ class ZPK_EXPORT ZPKECIDSwapDetectTransformer final : public ZPKDataTransformer 
 
   /// Whether a swap empties the chunk; true at first.
   bool dropResponseWhenECIDSwapDetected() const;
+  /// Sets whether a swap empties the chunk.
   void setDropResponseWhenECIDSwapDetected(bool drop);
 
   /// The action of a swap. A new one takes effect with the next swap and must not be null then.
   SwapAction swapAction() const;
+  /// Replaces the action; the next swap calls the new one.
   void setSwapAction(SwapAction swapAction);
 
   /// The bytes that mark a prompt, initially "] :-) ". The ECID text always ends with their first
   /// byte. Null or empty bytes are never found.
   ZPKDataPtr smileyDelimiter() const;
+  /// Replaces the bytes that mark a prompt; keeps the reference, not a copy.
   void setSmileyDelimiter(ZPKDataPtr delimiter);
 
   /// The form of an ECID text. Null matches nothing.
   ZPKRegexPtr regex() const;
+  /// Replaces the form of an ECID text, which is searched for in the 19 bytes that end with the
+  /// first byte of the mark.
   void setRegex(ZPKRegexPtr regex);
 
   /// The expected text, such as "[0000BEEF:0BADF00D]"; null or empty while detection is off.
   std::optional<std::string> expectedECIDString() const;
+  /// Sets the expected text; null or empty turns detection off. The text is not checked.
   void setExpectedECIDString(std::optional<std::string> text);
 
  private:
@@ -83,4 +91,5 @@ class ZPK_EXPORT ZPKECIDSwapDetectTransformer final : public ZPKDataTransformer 
   ZPKAtomic<std::optional<std::string>>::Snapshot _expected;  // modifyData's own view
 };
 
+/// A shared swap detector.
 using ZPKECIDSwapDetectTransformerPtr = std::shared_ptr<ZPKECIDSwapDetectTransformer>;

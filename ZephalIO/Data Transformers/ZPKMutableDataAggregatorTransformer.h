@@ -1,3 +1,5 @@
+/// @file
+/// Splits a stream at a terminator that can be changed.
 #pragma once
 
 #include <memory>
@@ -57,4 +59,5 @@ class ZPK_EXPORT ZPKMutableDataAggregatorTransformer final : public ZPKDataTrans
   ZPKDataPtr _terminatorCopy;  // used during a call if the terminator is a ZPKMutableData
 };
 
+/// A shared aggregator.
 using ZPKMutableDataAggregatorTransformerPtr = std::shared_ptr<ZPKMutableDataAggregatorTransformer>;

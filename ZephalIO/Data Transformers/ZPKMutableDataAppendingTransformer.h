@@ -1,3 +1,5 @@
+/// @file
+/// Ends every chunk with bytes that can be changed.
 #pragma once
 
 #include <memory>
@@ -34,4 +36,5 @@ class ZPK_EXPORT ZPKMutableDataAppendingTransformer final : public ZPKDataTransf
   ZPKAtomic<ZPKDataPtr> _dataToAppend;
 };
 
+/// A shared appender.
 using ZPKMutableDataAppendingTransformerPtr = std::shared_ptr<ZPKMutableDataAppendingTransformer>;

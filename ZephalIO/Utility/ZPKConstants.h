@@ -1,3 +1,5 @@
+/// @file
+/// Timeouts, and the keys of options.
 #pragma once
 
 #include <string_view>
@@ -22,8 +24,9 @@ extern ZPK_EXPORT const std::string_view ZEPHAL_COMMUNICATION_UART_MODE;
 /// opens the port without one.
 extern ZPK_EXPORT const std::string_view ZEPHAL_COMMUNICATION_UART_EXCLUSIVE_LOCK;
 
-/// Version symbols, in the form that a file-identification tool such as what(1) looks for; the text
-/// ends with a line feed and a zero byte. The version of the running library is in the location of
-/// every ZPKError.
+/// A version symbol; always 0. The version of the running library is in the location of every
+/// ZPKError.
 extern ZPK_EXPORT const double ZephalIOVersionNumber;
+/// A version symbol in the form that a file-identification tool such as what(1) looks for. It
+/// contains no number, and ends with a line feed and a zero byte.
 extern ZPK_EXPORT const unsigned char ZephalIOVersionString[];

@@ -1,3 +1,5 @@
+/// @file
+/// Bytes that are shared and never change.
 #pragma once
 
 #include <cstddef>
@@ -42,6 +44,7 @@ class ZPK_EXPORT ZPKData : public ZPKObject {
   /// The first byte. May be null if the length is 0. Valid while the object lives and, for a
   /// ZPKMutableData, until its next edit.
   const uint8_t* bytes() const { return _block.storage + _block.head; }
+  /// The number of bytes.
   size_t length() const { return _block.length; }
   /// Whether this is a ZPKMutableData.
   bool isMutable() const { return _block.isMutable; }
@@ -62,6 +65,7 @@ class ZPK_EXPORT ZPKData : public ZPKObject {
   /// of the data. Ranges count bytes. The location is ZPKNotFound if there is none, or if the
   /// pattern is empty.
   ZPKRange find(const ZPKData& pattern, ZPKRange range) const;
+  /// The first occurrence of `pattern` in the whole of the data.
   ZPKRange find(const ZPKData& pattern) const { return find(pattern, {0, length()}); }
 
   /// Decodes the bytes as UTF-8 (RFC 3629). Null if they are not valid UTF-8; an empty string if
@@ -80,6 +84,7 @@ class ZPK_EXPORT ZPKData : public ZPKObject {
   }
 
  protected:
+  /// @cond
   // The memory of the bytes: the data is the `length` bytes that begin at `head`.
   struct Block {
     static constexpr int kCapacityBits = 62;
@@ -98,6 +103,7 @@ class ZPK_EXPORT ZPKData : public ZPKObject {
   explicit ZPKData(bool isMutable) : _block(isMutable) {}
 
   Block _block;
+  /// @endcond
 
  private:
   // Null in a ZPKMutableData, where it would cost atomic operations for every unit that is read.

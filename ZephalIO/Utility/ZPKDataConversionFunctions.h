@@ -1,4 +1,5 @@
-// Converts bytes to readable text, and hexadecimal text to bytes. Safe on any thread.
+/// @file
+/// Converts bytes to readable text, and hexadecimal text to bytes. Safe on any thread.
 #pragma once
 
 #include <optional>

@@ -1,3 +1,5 @@
+/// @file
+/// A failure: domain, code, description, place.
 #pragma once
 
 #include <map>
@@ -27,6 +29,7 @@ class ZPK_EXPORT ZPKError {
   };
 
  public:
+  /// Texts by their keys.
   using UserInfo = std::map<std::string, std::string, std::less<>>;
 
   /// An error with this domain, code and user information.

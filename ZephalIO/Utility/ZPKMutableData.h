@@ -1,3 +1,5 @@
+/// @file
+/// Bytes in a buffer that grows.
 #pragma once
 
 #include <algorithm>
@@ -39,6 +41,7 @@ class ZPK_EXPORT ZPKMutableData final : public ZPKData {
 
   /// Appends bytes, which may be the buffer's own.
   void append(const ZPKData& data) { append(data.bytes(), data.length()); }
+  /// The same, for `length` bytes at `bytes`, which may be null if the length is 0.
   void append(const void* bytes, size_t length);
   /// Appends all bytes of `other` and leaves `other` empty. Takes over its storage if that is
   /// cheaper than copying.

@@ -1,3 +1,5 @@
+/// @file
+/// The base class of the objects that a serializer carries, and how to compare and cast them.
 #pragma once
 
 #include <concepts>
@@ -7,6 +9,7 @@
 #include "Utility/ZPKExport.h"
 
 class ZPKObject;
+/// An immutable object, shared; may be null.
 using ZPKObjectPtr = std::shared_ptr<const ZPKObject>;
 
 /// The base class of everything that a serializer carries: ZPKDictionary, ZPKString, ZPKNumber,
@@ -27,9 +30,11 @@ class ZPK_EXPORT ZPKObject {
   virtual std::string debugDescription() const;
 
  protected:
+  /// For derived classes.
   ZPKObject() = default;
-  // For derived classes that are plain values; a ZPKObject on its own is never copied.
+  /// For derived classes that are plain values; a ZPKObject on its own is never copied.
   ZPKObject(const ZPKObject&) = default;
+  /// For derived classes that are plain values, like the copy constructor.
   ZPKObject& operator=(const ZPKObject&) = default;
 };
 

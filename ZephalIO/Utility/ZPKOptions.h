@@ -1,3 +1,5 @@
+/// @file
+/// The options of a serial port, and the number at the start of a text.
 #pragma once
 
 #include <concepts>
@@ -19,6 +21,7 @@ class ZPK_EXPORT ZPKOptions {
   };
 
  public:
+  /// A number or a text.
   using Value = std::variant<ZPKNumber, std::string>;
 
   /// An empty dictionary.
@@ -42,6 +45,7 @@ class ZPK_EXPORT ZPKOptions {
 
   /// Sets a key, or replaces its value.
   void set(std::string_view key, Value value);
+  /// The same for a view, which is copied.
   void set(std::string_view key, std::same_as<std::string_view> auto text) {
     set(key, Value(std::string(text)));
   }
@@ -49,6 +53,7 @@ class ZPK_EXPORT ZPKOptions {
   void remove(std::string_view key);
   /// Adds everything in `other`, whose values replace those here. Null adds nothing.
   void merge(const ZPKOptionsPtr& other);
+  /// The number of keys.
   size_t size() const;
 
  private:

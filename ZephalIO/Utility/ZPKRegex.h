@@ -1,3 +1,5 @@
+/// @file
+/// A regular expression.
 #pragma once
 
 #include <optional>

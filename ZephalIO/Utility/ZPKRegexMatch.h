@@ -1,3 +1,5 @@
+/// @file
+/// One match of a regular expression.
 #pragma once
 
 #include <utility>

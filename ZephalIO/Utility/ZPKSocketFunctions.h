@@ -1,4 +1,5 @@
-/* The library's socket functions, with C linkage: IPv4 stream sockets, all blocking (ip(7),
+/** @file
+ * The library's socket functions, with C linkage: IPv4 stream sockets, all blocking (ip(7),
  * tcp(7)).
  *
  * A file descriptor is an int; -1 means failure, and errno then holds the system's reason. The
@@ -27,31 +28,31 @@
 extern "C" {
 #endif
 
-/* Listens on a TCP port of all interfaces, with a backlog of 5. Only the low 16 bits of `port`
+/** Listens on a TCP port of all interfaces, with a backlog of 5. Only the low 16 bits of `port`
  * count; 0 lets the system choose. With `reuse`, SO_REUSEADDR and SO_REUSEPORT are set, so two
  * listeners that both ask for it silently share a port. Sets TCP_NODELAY. If the port cannot be
  * bound, it returns -1 and prints one line on standard output, which says "busy" for EADDRINUSE and
  * "restricted" for any other reason. */
 ZPK_EXPORT int passive_tcp(int port, bool reuse);
 
-/* Connects to a TCP port. `host` is a dotted IPv4 address or a name; null, or a name that does not
+/** Connects to a TCP port. `host` is a dotted IPv4 address or a name; null, or a name that does not
  * resolve, fails like a refused connection, with EHOSTUNREACH. Only the low 16 bits of `port`
  * count. Blocks as long as connect(2) does. Sets SO_KEEPALIVE and TCP_NODELAY. A failure prints
  * nothing. */
 ZPK_EXPORT int active_tcp(const char* host, int port);
 
-/* Like active_tcp. If `out_fd` is not null, the socket is stored there before connect blocks, so
+/** Like active_tcp. If `out_fd` is not null, the socket is stored there before connect blocks, so
  * that another thread can see it, and at the end the result: the socket, or -1 on failure. */
 ZPK_EXPORT int active_tcp_ex(const char* host, int port, int* out_fd);
 
-/* Makes a write to `fd` after its peer has gone away fail with EPIPE and raise no SIGPIPE (see
+/** Makes a write to `fd` after its peer has gone away fail with EPIPE and raise no SIGPIPE (see
  * above). Returns 0, or -1 with errno, for example EBADF or ENOTSOCK, like setsockopt(2). */
 ZPK_EXPORT int no_sigpipe(int fd);
 
-/* Sets TCP_NODELAY (tcp(7)) and returns the result of setsockopt(2). */
+/** Sets TCP_NODELAY (tcp(7)) and returns the result of setsockopt(2). */
 ZPK_EXPORT int tcp_nodelay(int fd);
 
-/* Sets SO_KEEPALIVE (socket(7)) and returns the result of setsockopt(2). */
+/** Sets SO_KEEPALIVE (socket(7)) and returns the result of setsockopt(2). */
 ZPK_EXPORT int so_keepalive(int fd);
 
 #ifdef __cplusplus

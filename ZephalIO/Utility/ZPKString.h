@@ -1,3 +1,5 @@
+/// @file
+/// Text as an object.
 #pragma once
 
 #include <string>
@@ -5,6 +7,7 @@
 #include "Utility/ZPKObject.h"
 
 class ZPKString;
+/// An immutable text, shared; may be null.
 using ZPKStringPtr = std::shared_ptr<const ZPKString>;
 
 /// Text as an object. It should be UTF-8; other text can be held but not serialized.
@@ -14,6 +17,7 @@ class ZPK_EXPORT ZPKString final : public ZPKObject {
   };
 
  public:
+  /// A text, which is copied unless the caller gives it up.
   static ZPKStringPtr init(std::string value);
 
   ZPKString(Key, std::string value);
@@ -24,6 +28,7 @@ class ZPK_EXPORT ZPKString final : public ZPKObject {
   /// The text; valid while the object lives.
   const std::string& value() const;
 
+  /// The same bytes, with no regard to Unicode's other ways of writing the same text.
   bool isEqual(const ZPKObject& other) const override;
   /// The text unchanged.
   std::string debugDescription() const override;

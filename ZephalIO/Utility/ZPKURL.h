@@ -1,3 +1,5 @@
+/// @file
+/// A parsed URL.
 #pragma once
 
 #include <cstdint>
@@ -11,9 +13,12 @@
 
 /// One item of a URL's query, percent-decoded. An item without "=" has no value.
 struct ZPKURLQueryItem {
+  /// What is in front of the first "=".
   std::string name;
+  /// What follows it, possibly empty; null without a "=".
   std::optional<std::string> value;
 
+  /// The same name and value.
   friend bool operator==(const ZPKURLQueryItem&, const ZPKURLQueryItem&) = default;
 };
 
@@ -51,6 +56,7 @@ class ZPK_EXPORT ZPKURL {
   const std::vector<ZPKURLQueryItem>& queryItems() const;
   /// The whole URL as written.
   const std::string& absoluteString() const;
+  /// The same text as absoluteString.
   std::string debugDescription() const;
 
  private:

@@ -1,0 +1,48 @@
+# Doxygen's view of a page: each heading gets a label of its own, and a link to a page, or to a
+# heading as a forge names it, leads to that label.
+
+BEGIN {
+  page = ARGV[1]
+  sub(/.*\//, "", page)
+  sub(/\.md$/, "", page)
+}
+
+# A heading's name in a link: "Memory and time" is "memory-and-time".
+function slug(title) {
+  title = tolower(title)
+  gsub(/[^a-z0-9 _-]/, "", title)
+  gsub(/ /, "-", title)
+  return title
+}
+
+# What a link's target is called here; other targets stay.
+function label(target,    name, place) {
+  if (target ~ /^#/) return "@ref " page "_" substr(target, 2)
+  if (target ~ /:/ || target !~ /\.md(#.*)?$/) return target
+  name = target
+  sub(/#.*/, "", name)
+  place = substr(target, length(name) + 2)
+  sub(/.*\//, "", name)
+  sub(/\.md$/, "", name)
+  return "@ref " (place == "" ? "page_" name : name "_" place)
+}
+
+/^```/ { fenced = !fenced }
+fenced || /^```/ { print; next }
+
+/^# / && page != "README" { $0 = $0 " {#page_" page "}" }
+/^##+ / { title = $0; sub(/^#+ /, "", title); $0 = $0 " {#" page "_" slug(title) "}" }
+# Doxygen takes a link to a label only if its text is on one line.
+{
+  while ($0 ~ /\[[^]]*$/ && (getline following) > 0) {
+    sub(/^ */, "", following)
+    $0 = $0 " " following
+  }
+  rest = $0
+  line = ""
+  while (match(rest, /\]\([^() ]*\)/)) {
+    line = line substr(rest, 1, RSTART + 1) label(substr(rest, RSTART + 2, RLENGTH - 3)) ")"
+    rest = substr(rest, RSTART + RLENGTH)
+  }
+  print line rest
+}
