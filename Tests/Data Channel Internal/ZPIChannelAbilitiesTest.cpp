@@ -8,7 +8,11 @@
 #include "Support/Chunks.h"
 #include "Support/ErrorExpectations.h"
 #include "Support/Errors.h"
+#include "Support/LogFile.h"
+#include "Support/PassingChannel.h"
 #include "Support/ScriptedChannel.h"
+#include "Support/TemporaryFolder.h"
+#include "Support/WaitingChannel.h"
 
 using namespace support;
 
@@ -16,45 +20,20 @@ namespace {
 
 using testing::ElementsAre;
 
-// A caller's own channel, which passes everything down.
-class CallersChannel final : public ZPKDataChannel {
- public:
-  explicit CallersChannel(ZPKDataChannelPtr channel) : _channel(std::move(channel)) {}
-
-  bool openWithTimeout(double timeout, ZPKErrorPtr* error) override {
-    return _channel->openWithTimeout(timeout, error);
-  }
-  bool close(ZPKErrorPtr* error) override { return _channel->close(error); }
-  bool reset(ZPKErrorPtr* error) override { return _channel->reset(error); }
-  bool isOpened() const override { return _channel->isOpened(); }
-  ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) override {
-    ++reads;
-    return _channel->readWithTimeout(timeout, error);
-  }
-  bool write(const ZPKDataPtr& data, ZPKErrorPtr* error) override {
-    return _channel->write(data, error);
-  }
-
-  int reads = 0;
-
- private:
-  const ZPKDataChannelPtr _channel;
-};
-
 // A passive channel over an aggregating one over a script, with or without a caller's channel
 // between the two.
 class Chain {
  public:
   explicit Chain(bool hasCallersChannel) {
     ZPKDataChannelPtr channel = createAggregatingTransformerChannel(below, aggregator);
-    if (hasCallersChannel) channel = between = std::make_shared<CallersChannel>(channel);
+    if (hasCallersChannel) channel = between = std::make_shared<PassingChannel>(channel);
     top = createPassiveChannel(channel);
   }
 
   const std::shared_ptr<ScriptedChannel> below = ScriptedChannel::make();
   const ZPKMutableDataAggregatorTransformerPtr aggregator =
       ZPKMutableDataAggregatorTransformer::initWithTerminator(dataOf(";"));
-  std::shared_ptr<CallersChannel> between;
+  std::shared_ptr<PassingChannel> between;
   ZPKDataChannelPtr top;
 };
 
@@ -70,6 +49,51 @@ TEST(ZPIChannelAbilitiesTest, AnAggregatingChannelPassesUpAHeldUnit) {
   EXPECT_EQ(abilities->takeHeldUnit(), nullptr);
   EXPECT_EQ(chain.aggregator->buffer()->view(), "c");
   EXPECT_THAT(chain.below->calls(), ElementsAre());
+}
+
+TEST(ZPIChannelAbilitiesTest, DecoratorsNameTheChannelThatAnswersIsOpened) {
+  const auto base = ScriptedChannel::make();
+  const TemporaryFolder folder;
+  ZPKDataChannelPtr channel = createLoggingChannel(base, folder.pathOf("log"), "pre-", true);
+  EXPECT_EQ(ZPIChannelAbilities::of(channel.get())->openSource(), base.get());
+  channel = createAggregatingTransformerChannel(
+      channel, ZPKMutableDataAggregatorTransformer::initWithTerminator(dataOf(";")));
+  EXPECT_EQ(ZPIChannelAbilities::of(channel.get())->openSource(), base.get());
+  channel = createPassiveChannel(channel);
+  EXPECT_EQ(ZPIChannelAbilities::of(channel.get())->openSource(), base.get());
+  channel = createChannelTransformer(channel, {}, {});
+  EXPECT_EQ(ZPIChannelAbilities::of(channel.get())->openSource(), base.get());
+}
+
+TEST(ZPIChannelAbilitiesTest, ACallersChannelAnswersIsOpenedItself) {
+  const auto callers =
+      std::make_shared<PassingChannel>(createPassiveChannel(ScriptedChannel::make()));
+  const ZPKDataChannelPtr channel = createPassiveChannel(callers);
+  EXPECT_EQ(ZPIChannelAbilities::of(channel.get())->openSource(), callers.get());
+  EXPECT_TRUE(channel->isOpened());
+  EXPECT_EQ(callers->questions, 1);
+}
+
+// Its state is more than that of the channel below.
+TEST(ZPIChannelAbilitiesTest, AnActiveChannelAnswersIsOpenedItself) {
+  const ZPKDataChannelPtr active = createActiveChannel(WaitingChannel::make());
+  const ZPKDataChannelPtr channel = createPassiveChannel(active);
+  EXPECT_EQ(ZPIChannelAbilities::of(channel.get())->openSource(), active.get());
+}
+
+TEST(ZPIChannelAbilitiesTest, ALoggingChannelLogsAHeldUnitThatItPassesUp) {
+  const Chain chain(false);
+  const TemporaryFolder folder;
+  const std::string path = folder.pathOf("log");
+  const ZPKDataChannelPtr logging = createLoggingChannel(
+      createAggregatingTransformerChannel(chain.below, chain.aggregator), path, "post", true);
+  chain.below->setOpened(false);
+  ASSERT_TRUE(logging->openWithTimeout(1.0));
+  chain.aggregator->buffer()->setContents(*dataOf("a;b"));
+  ZPIChannelAbilities* const abilities = ZPIChannelAbilities::of(logging.get());
+  EXPECT_EQ(bytesOf(abilities->takeHeldUnit()), "a;");
+  EXPECT_EQ(abilities->takeHeldUnit(), nullptr);
+  EXPECT_THAT(textsOfLog(path), ElementsAre("post--read: a;"));
 }
 
 TEST(ZPIChannelAbilitiesTest, ACallersChannelHasNone) {

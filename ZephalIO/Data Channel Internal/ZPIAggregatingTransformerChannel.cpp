@@ -4,6 +4,7 @@
 
 #include "Data Channel Internal/ZPIResetWalk.h"
 #include "Data Transformers Internal/ZPITakeHeldUnit.h"
+#include "Utility/ZPIUnshare.h"
 
 std::shared_ptr<ZPIAggregatingTransformerChannel> ZPIAggregatingTransformerChannel::initWithChannel(
     ZPKDataChannelPtr channel, ZPKMutableDataAggregatorTransformerPtr aggregatingTransformer) {
@@ -32,13 +33,15 @@ bool ZPIAggregatingTransformerChannel::reset(ZPKErrorPtr* error) {
   return walk.finish(error);
 }
 
-bool ZPIAggregatingTransformerChannel::isOpened() const { return _channel->isOpened(); }
+bool ZPIAggregatingTransformerChannel::isOpened() const { return _channel.isOpened(); }
 
 ZPKDataPtr ZPIAggregatingTransformerChannel::readWithTimeout(double timeout, ZPKErrorPtr* error) {
-  if (ZPKMutableDataPtr unit = takeHeldUnit()) return unit;
-  ZPKMutableDataPtr data =
-      ZPKMutableData::mutableCopyGivingUp(_channel->readWithTimeout(timeout, error));
-  if (data != nullptr && _aggregator != nullptr) _aggregator->modifyData(data.get());
+  ZPKDataPtr data = takeHeldUnit();
+  if (data != nullptr) return data;
+  data = _channel->readWithTimeout(timeout, error);
+  if (data == nullptr) return data;
+  ZPKMutableData* const chunk = ZPIUnshare(&data);
+  if (_aggregator != nullptr) _aggregator->modifyData(chunk);
   return data;
 }
 
@@ -46,6 +49,6 @@ bool ZPIAggregatingTransformerChannel::write(const ZPKDataPtr& data, ZPKErrorPtr
   return _channel->write(data, error);
 }
 
-ZPKMutableDataPtr ZPIAggregatingTransformerChannel::takeHeldUnit() {
+ZPKDataPtr ZPIAggregatingTransformerChannel::takeHeldUnit() {
   return _aggregator == nullptr ? nullptr : ZPITakeHeldUnit(*_aggregator);
 }

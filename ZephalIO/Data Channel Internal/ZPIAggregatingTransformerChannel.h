@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "Data Channel Internal/ZPIChannelAbilities.h"
+#include "Data Channel Internal/ZPIChannelBelow.h"
 #include "Data Channel/ZPKDataChannel.h"
 #include "Data Transformers/ZPKMutableDataAggregatorTransformer.h"
 
@@ -29,10 +29,11 @@ class ZPIAggregatingTransformerChannel final : public ZPKDataChannel, public ZPI
   ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) override;
   bool write(const ZPKDataPtr& data, ZPKErrorPtr* error) override;
 
+  const ZPKDataChannel* openSource() const override { return _channel.openSource(); }
   /// Null without a terminator: the buffered bytes are then returned with those of the next read.
-  ZPKMutableDataPtr takeHeldUnit() override;
+  ZPKDataPtr takeHeldUnit() override;
 
  private:
-  const ZPKDataChannelPtr _channel;
+  const ZPIChannelBelow _channel;
   const ZPKMutableDataAggregatorTransformerPtr _aggregator;
 };

@@ -1,21 +1,25 @@
 #pragma once
 
 #include "Data Channel/ZPKDataChannel.h"
-#include "Utility/ZPKMutableData.h"
 
 /// What a channel of the library can do for the channel above it, beyond ZPKDataChannel.
 ///
-/// A channel with such abilities implements this in addition to ZPKDataChannel. A channel that uses
-/// them asks the channel below one time, when it is created, and must return the same results
-/// without them: a caller's own channel has no abilities, whatever it wraps.
+/// A channel with such abilities implements this in addition to ZPKDataChannel. The channel above
+/// asks for them one time, when it is created (see ZPIChannelBelow), and must return the same
+/// results without them: a caller's own channel has no abilities, whatever it wraps.
 class ZPIChannelAbilities {
  public:
   /// The abilities of `channel`, or null if it has none. They live as long as the channel.
   static ZPIChannelAbilities* of(ZPKDataChannel* channel);
 
+  /// The channel that has the answer to isOpened: this one, or the one below that this one would
+  /// ask. It lives as long as this one.
+  virtual const ZPKDataChannel* openSource() const = 0;
+
   /// Removes and returns the whole unit that the next read would return immediately, whatever its
-  /// timeout; null if none is buffered. Does not ask the channel below.
-  virtual ZPKMutableDataPtr takeHeldUnit() = 0;
+  /// timeout and whether or not the channel is open. Null if none is buffered, or if the channel
+  /// cannot tell. Does not ask the channel below.
+  virtual ZPKDataPtr takeHeldUnit() { return nullptr; }
 
  protected:
   ~ZPIChannelAbilities() = default;

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "Data Channel Internal/ZPIResetWalk.h"
+#include "Utility/ZPIUnshare.h"
 
 std::shared_ptr<ZPIChannelTransformer> ZPIChannelTransformer::initWithChannel(
     ZPKDataChannelPtr channel, ZPKDataTransformerArray readTransformers,
@@ -35,17 +36,22 @@ bool ZPIChannelTransformer::reset(ZPKErrorPtr* error) {
   return walk.finish(error);
 }
 
-bool ZPIChannelTransformer::isOpened() const { return _channel->isOpened(); }
+bool ZPIChannelTransformer::isOpened() const { return _channel.isOpened(); }
 
 ZPKDataPtr ZPIChannelTransformer::readWithTimeout(double timeout, ZPKErrorPtr* error) {
-  if (_preread) {
-    auto held = ZPKMutableData::data();
-    modifyData(held.get());
-    if (held->length() != 0) return held;
-  }
-  ZPKMutableDataPtr data =
-      ZPKMutableData::mutableCopyGivingUp(_channel->readWithTimeout(timeout, error));
-  if (data != nullptr) modifyData(data.get());
+  return _preread ? readHeldFirst(timeout, error) : readBelow(timeout, error);
+}
+
+ZPKDataPtr ZPIChannelTransformer::readHeldFirst(double timeout, ZPKErrorPtr* error) {
+  auto held = ZPKMutableData::data();
+  modifyData(held.get());
+  if (held->length() != 0) return held;
+  return readBelow(timeout, error);
+}
+
+ZPKDataPtr ZPIChannelTransformer::readBelow(double timeout, ZPKErrorPtr* error) {
+  ZPKDataPtr data = _channel->readWithTimeout(timeout, error);
+  if (data != nullptr) modifyData(ZPIUnshare(&data));
   return data;
 }
 

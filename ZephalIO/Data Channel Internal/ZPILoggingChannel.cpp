@@ -32,7 +32,7 @@ bool ZPILoggingChannel::close(ZPKErrorPtr* error) {
 
 bool ZPILoggingChannel::reset(ZPKErrorPtr* error) { return _channel->reset(error); }
 
-bool ZPILoggingChannel::isOpened() const { return _channel->isOpened(); }
+bool ZPILoggingChannel::isOpened() const { return _channel.isOpened(); }
 
 ZPKDataPtr ZPILoggingChannel::readWithTimeout(double timeout, ZPKErrorPtr* error) {
   ZPKDataPtr data = _channel->readWithTimeout(timeout, error);
@@ -43,6 +43,12 @@ ZPKDataPtr ZPILoggingChannel::readWithTimeout(double timeout, ZPKErrorPtr* error
 bool ZPILoggingChannel::write(const ZPKDataPtr& data, ZPKErrorPtr* error) {
   logData(data, _identifierWrite);
   return _channel->write(data, error);
+}
+
+ZPKDataPtr ZPILoggingChannel::takeHeldUnit() {
+  ZPKDataPtr unit = _channel.takeHeldUnit();
+  logData(unit, _identifierRead);
+  return unit;
 }
 
 void ZPILoggingChannel::logData(const ZPKDataPtr& data, std::string_view identifier) {

@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "Data Channel Internal/ZPIChannelBelow.h"
 #include "Data Channel Internal/ZPILogWritersByProcess.h"
 #include "Data Channel/ZPKDataChannel.h"
 
@@ -15,7 +16,7 @@
 /// pending chunks; it can be that same thread. A forked child has no such thread until it opens the
 /// file again, and chunks that the parent has not written yet are left to the parent (see
 /// ZPILogWritersByProcess.h).
-class ZPILoggingChannel final : public ZPKDataChannel {
+class ZPILoggingChannel final : public ZPKDataChannel, public ZPIChannelAbilities {
   struct Key {
     explicit Key() = default;
   };
@@ -40,6 +41,9 @@ class ZPILoggingChannel final : public ZPKDataChannel {
   ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) override;
   bool write(const ZPKDataPtr& data, ZPKErrorPtr* error) override;
 
+  const ZPKDataChannel* openSource() const override { return _channel.openSource(); }
+  ZPKDataPtr takeHeldUnit() override;
+
   /// Adds a chunk to the file, if the file is open and there are any bytes.
   void logData(const ZPKDataPtr& data, std::string_view identifier);
 
@@ -51,7 +55,7 @@ class ZPILoggingChannel final : public ZPKDataChannel {
   void setSynchronousLogging(bool synchronous);
 
  private:
-  const ZPKDataChannelPtr _channel;
+  const ZPIChannelBelow _channel;
   const std::string _identifierWrite;
   const std::string _identifierRead;
   const ZPILogWritersByProcess

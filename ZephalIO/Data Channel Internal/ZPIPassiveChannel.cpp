@@ -26,6 +26,13 @@ double sliceOf(double timeout) {
   return timeout > 0.0 || isTimed(slice) ? slice : timeout;
 }
 
+ZPKDataPtr refuseClosed(ZPKErrorPtr* error) {
+  ZPKReportFailure(error, kZPICommunicationDomain, 2,
+                   {"-[ZPIPassiveChannel readWithTimeout:error:]"},
+                   "Cannot communicate with closed device");
+  return nullptr;
+}
+
 void setSlot(ZPKErrorPtr* slot, ZPKErrorPtr error) {
   if (slot != nullptr) *slot = std::move(error);
 }
@@ -37,7 +44,7 @@ std::shared_ptr<ZPIPassiveChannel> ZPIPassiveChannel::initWithChannel(ZPKDataCha
 }
 
 ZPIPassiveChannel::ZPIPassiveChannel(Key, ZPKDataChannelPtr channel)
-    : _channel(std::move(channel)), _abilitiesBelow(ZPIChannelAbilities::of(_channel.get())) {}
+    : _channel(std::move(channel)) {}
 
 bool ZPIPassiveChannel::openWithTimeout(double timeout, ZPKErrorPtr* error) {
   return _channel->openWithTimeout(timeout, error);
@@ -47,35 +54,39 @@ bool ZPIPassiveChannel::close(ZPKErrorPtr* error) { return _channel->close(error
 
 bool ZPIPassiveChannel::reset(ZPKErrorPtr* error) { return _channel->reset(error); }
 
-bool ZPIPassiveChannel::isOpened() const { return _channel->isOpened(); }
+bool ZPIPassiveChannel::isOpened() const { return _channel.isOpened(); }
 
 ZPKDataPtr ZPIPassiveChannel::readWithTimeout(double timeout, ZPKErrorPtr* error) {
-  if (!_channel->isOpened()) {
-    ZPKReportFailure(error, kZPICommunicationDomain, 2,
-                     {"-[ZPIPassiveChannel readWithTimeout:error:]"},
-                     "Cannot communicate with closed device");
-    return nullptr;
-  }
-  // A unit that is already buffered needs no clock, which would cost more than the unit.
-  if (_abilitiesBelow != nullptr) {
-    if (ZPKDataPtr unit = _abilitiesBelow->takeHeldUnit()) return unit;
-  }
+  return _channel.isOpened() ? readOpened(timeout, error) : refuseClosed(error);
+}
+
+// A unit that is already buffered needs no clock, which would cost more than the unit.
+ZPKDataPtr ZPIPassiveChannel::readOpened(double timeout, ZPKErrorPtr* error) {
+  ZPKDataPtr data = _channel.takeHeldUnit();
+  if (data == nullptr) readInSlices(timeout, &data, error);
+  return data;
+}
+
+// Reads below until there are bytes or the time is up.
+void ZPIPassiveChannel::readInSlices(double timeout, ZPKDataPtr* data, ZPKErrorPtr* error) {
   const bool hasTimeLimit = isTimed(timeout);
   const WallClock::time_point start = hasTimeLimit ? WallClock::now() : WallClock::time_point();
   const double slice = sliceOf(timeout);
   for (;;) {
     ZPKErrorPtr readError;
-    ZPKDataPtr data = _channel->readWithTimeout(slice, &readError);
-    if (data == nullptr) {
+    *data = _channel->readWithTimeout(slice, &readError);
+    if (*data == nullptr) {
       setSlot(error, std::move(readError));
-      return nullptr;
+      return;
     }
-    if (data->length() != 0) return data;
-    if (timeout == ZEPHAL_COMMUNICATION_TIME_NOW) return ZPKData::data();
-    if (hasTimeLimit && !(secondsSince(start) < timeout)) return ZPKData::data();
-    if (!_channel->isOpened()) {
+    if ((*data)->length() != 0) return;
+    *data = ZPKData::data();
+    if (timeout == ZEPHAL_COMMUNICATION_TIME_NOW) return;
+    if (hasTimeLimit && !(secondsSince(start) < timeout)) return;
+    if (!_channel.isOpened()) {
+      *data = nullptr;
       setSlot(error, nullptr);
-      return nullptr;
+      return;
     }
   }
 }

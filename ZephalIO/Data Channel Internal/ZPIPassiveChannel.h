@@ -2,12 +2,12 @@
 
 #include <memory>
 
-#include "Data Channel Internal/ZPIChannelAbilities.h"
+#include "Data Channel Internal/ZPIChannelBelow.h"
 #include "Data Channel/ZPKDataChannel.h"
 
 /// Wraps a channel whose reads may return empty data early, and reads it again until the caller's
 /// timeout expires. It has no state and no lock: everything about a read lives in the call.
-class ZPIPassiveChannel final : public ZPKDataChannel {
+class ZPIPassiveChannel final : public ZPKDataChannel, public ZPIChannelAbilities {
   struct Key {
     explicit Key() = default;
   };
@@ -24,7 +24,11 @@ class ZPIPassiveChannel final : public ZPKDataChannel {
   ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) override;
   bool write(const ZPKDataPtr& data, ZPKErrorPtr* error) override;
 
+  const ZPKDataChannel* openSource() const override { return _channel.openSource(); }
+
  private:
-  const ZPKDataChannelPtr _channel;
-  ZPIChannelAbilities* const _abilitiesBelow;  // null if the channel below has none
+  ZPKDataPtr readOpened(double timeout, ZPKErrorPtr* error);
+  void readInSlices(double timeout, ZPKDataPtr* data, ZPKErrorPtr* error);
+
+  const ZPIChannelBelow _channel;
 };

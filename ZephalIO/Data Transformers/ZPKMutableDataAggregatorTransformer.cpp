@@ -70,7 +70,7 @@ void ZPKMutableDataAggregatorTransformer::setData2Find(ZPKDataPtr data2Find) {
   _data2Find.store(std::move(data2Find));
 }
 
-ZPKMutableDataPtr ZPITakeHeldUnit(ZPKMutableDataAggregatorTransformer& aggregator) {
+ZPKDataPtr ZPITakeHeldUnit(ZPKMutableDataAggregatorTransformer& aggregator) {
   ZPKMutableData& buffer = *aggregator._buffer;
   if (buffer.length() == 0) return nullptr;
   const ZPKData* const terminator = aggregator.currentTerminator();

@@ -48,7 +48,7 @@ class ZPK_EXPORT ZPKMutableDataAggregatorTransformer final : public ZPKDataTrans
   void setData2Find(ZPKDataPtr data2Find);
 
  private:
-  friend ZPKMutableDataPtr ZPITakeHeldUnit(ZPKMutableDataAggregatorTransformer& aggregator);
+  friend ZPKDataPtr ZPITakeHeldUnit(ZPKMutableDataAggregatorTransformer& aggregator);
 
   const ZPKData* currentTerminator();
   void cutChunk(const ZPKData& terminator, ZPKMutableData* chunk);

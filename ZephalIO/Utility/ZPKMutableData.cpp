@@ -1,7 +1,6 @@
 #include "Utility/ZPKMutableData.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -9,6 +8,7 @@
 #include "Utility/ZPIBlock.h"
 #include "Utility/ZPIByteSearch.h"
 #include "Utility/ZPIMakeSharedWithBytes.h"
+#include "Utility/ZPIUnshare.h"
 
 namespace {
 
@@ -16,16 +16,6 @@ namespace {
 // the block. glibc caches freed blocks of up to 1,032 bytes per thread; for larger ones malloc and
 // free are slower.
 constexpr size_t kLongestWithinObject = 904;
-
-// Makes everything that former holders did with the data visible to this thread, which is now the
-// only holder.
-void orderAfterFormerHolders([[maybe_unused]] const ZPKDataPtr& data) {
-#ifdef __SANITIZE_THREAD__
-  const ZPKDataPtr reference = data;  // ThreadSanitizer does not know fences
-#else
-  std::atomic_thread_fence(std::memory_order_acquire);
-#endif
-}
 
 }  // namespace
 
@@ -63,10 +53,7 @@ ZPKMutableDataPtr ZPKMutableData::dataWithBytes(const void* bytes, size_t length
 
 ZPKMutableDataPtr ZPKMutableData::mutableCopyGivingUp(ZPKDataPtr&& data) {
   if (data == nullptr) return nullptr;
-  if (data.use_count() != 1) return std::exchange(data, nullptr)->mutableCopy();
-  // The last other holder may just have released the data on a different thread.
-  orderAfterFormerHolders(data);
-  if (!data->isMutable()) return std::exchange(data, nullptr)->mutableCopy();
+  ZPIUnshare(&data);
   auto mutableData = std::const_pointer_cast<ZPKData>(std::move(data));
   return std::static_pointer_cast<ZPKMutableData>(std::move(mutableData));
 }

@@ -1,0 +1,3 @@
+#include "Utility/ZPIUnshare.h"
+
+void ZPIReplaceByMutableCopy(ZPKDataPtr* data) { *data = (*data)->mutableCopy(); }
