@@ -1,19 +1,11 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <time.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <cstdlib>
-#include <future>
-#include <optional>
 #include <random>
 #include <string>
 #include <string_view>
 
 #include "Data Channel Internal/ZPILogChunk.h"
 #include "Support/ProcessorTime.h"
-#include "Support/TestClock.h"
 #include "Utility/ZPKData.h"
 #include "Utility/ZPKDataConversionFunctions.h"
 
@@ -21,10 +13,13 @@ using namespace support;
 
 namespace {
 
-using testing::MatchesRegex;
+std::string textOf(const ZPIHeapVector<char>& log) { return {log.data(), log.size()}; }
 
+// The chunk of bytes that need not be text.
 std::string chunkOf(std::string_view bytes, std::string_view prefix = "\n|") {
-  return ZPILogChunk(prefix, ZPKData::dataWithString(bytes));
+  ZPIHeapVector<char> log;
+  ZPIAppendLogChunk({prefix}, ZPKDataToString(ZPKData::dataWithString(bytes)), log);
+  return textOf(log);
 }
 
 std::string replaceAll(std::string text, std::string_view part, std::string_view by) {
@@ -64,10 +59,7 @@ TEST(ZPILogChunkTest, AChunkThatIsOnlyABreakIsTwoPrefixes) {
   EXPECT_EQ(chunkOf("\r\n"), "\n|\n|");
 }
 
-TEST(ZPILogChunkTest, EmptyAndNullDataGiveOnlyThePrefix) {
-  EXPECT_EQ(chunkOf(""), "\n|");
-  EXPECT_EQ(ZPILogChunk("\n|", nullptr), "\n|");
-}
+TEST(ZPILogChunkTest, EmptyTextGivesOnlyThePrefix) { EXPECT_EQ(chunkOf(""), "\n|"); }
 
 TEST(ZPILogChunkTest, ValidTextStaysUnchangedWithItsControlCharacters) {
   const std::string text("\0 a\x1B[0m \t\u00e9 \xF0\x9F\x98\x80 %@ %s <>", 25);
@@ -107,7 +99,7 @@ TEST(ZPILogChunkTest, EveryShortSequenceFollowsTheSteps) {
 TEST(ZPILogChunkTest, RandomBytesFollowTheSteps) {
   std::mt19937 random(20240501);
   const auto below = [&](size_t count) { return random() % count; };
-  const std::string prefix = ZPILogPrefix("pre--write");
+  const std::string prefix = "\n2024-05-01 12:00:00.250 <pre--write>[4711]: ";
   constexpr std::string_view kPieces[] = {
       "\r",   "\n",   "\r\n", "plain text", "\u00e9", "<", std::string_view("\0", 1),
       "\x1B", "\xFF", "\xC3"};
@@ -137,92 +129,22 @@ TEST(ZPILogChunkTest, TheCostGrowsOnlyWithTheLength) {
 
 // --- The prefix.
 
-// Sets the time zone of the process during its lifetime.
-class TimeZone {
- public:
-  explicit TimeZone(const char* zone) {
-    if (const char* before = std::getenv("TZ")) _before = before;
-    set(zone);
-  }
-  TimeZone(const TimeZone&) = delete;
-  TimeZone& operator=(const TimeZone&) = delete;
-  ~TimeZone() {
-    if (_before.has_value()) {
-      set(_before->c_str());
-    } else {
-      ::unsetenv("TZ");
-    }
-  }
-
-  void set(const char* zone) { ::setenv("TZ", zone, 1); }
-
- private:
-  std::optional<std::string> _before;
-};
-
-// 2024-05-01 at noon, plus this many microseconds.
-std::chrono::system_clock::time_point noonAnd(int64_t microseconds) {
-  constexpr std::chrono::seconds kNoon{1714564800};
-  return std::chrono::system_clock::time_point(kNoon + std::chrono::microseconds(microseconds));
+TEST(ZPILogChunkTest, ThePartsOfAPrefixFollowOneAnother) {
+  ZPIHeapVector<char> log;
+  ZPIAppendLogChunk({"\ntime <", "id%@", ">[7]: "}, "a\nb", log);
+  EXPECT_EQ(textOf(log), "\ntime <id%@>[7]: a\ntime <id%@>[7]: b");
 }
 
-// The time in a prefix.
-std::string timeOf(const std::string& prefix) { return prefix.substr(1, 23); }
-
-TEST(ZPILogPrefixTest, HasTheFormOfTheLog) {
-  EXPECT_THAT(ZPILogPrefix("pre--write"),
-              MatchesRegex("\n[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}[.][0-9]{3} "
-                           "<pre--write>\\[" +
-                           std::to_string(::getpid()) + "\\]: "));
+TEST(ZPILogChunkTest, ChunksAreAppendedToWhatTheLogContains) {
+  ZPIHeapVector<char> log;
+  ZPIAppendLogChunk({"\n1|"}, "a\n", log);
+  ZPIAppendLogChunk({"\n2|"}, "b\n", log);
+  EXPECT_EQ(textOf(log), "\n1|a\n1|\n2|b\n2|");
 }
 
-TEST(ZPILogPrefixTest, CopiesTheIdentifierUnchanged) {
-  for (const std::string identifier : {"", "%@ %s%n", "a<b>[c]: ", "\u00e9\n"}) {
-    const std::string prefix = ZPILogPrefix(identifier);
-    EXPECT_EQ(prefix.substr(24), " <" + identifier + ">[" + std::to_string(::getpid()) + "]: ");
-  }
-}
-
-TEST(ZPILogPrefixTest, ShowsTheCurrentTimeInWholeMilliseconds) {
-  const TimeZone zone("UTC0");
-  TestClock clock;
-  clock.setWallTime(noonAnd(45999));
-  EXPECT_EQ(timeOf(ZPILogPrefix("id")), "2024-05-01 12:00:00.045");
-  clock.advance(std::chrono::microseconds(1));
-  EXPECT_EQ(timeOf(ZPILogPrefix("id")), "2024-05-01 12:00:00.046");
-  clock.advance(std::chrono::hours(12));
-  EXPECT_EQ(timeOf(ZPILogPrefix("id")), "2024-05-02 00:00:00.046");
-}
-
-TEST(ZPILogPrefixTest, ShowsTheLocalTime) {
-  const TimeZone zone("AAA-05:30");
-  TestClock clock;
-  clock.setWallTime(noonAnd(1000));
-  // A new thread, which has not cached a second from a different zone.
-  std::async(std::launch::async, [] {
-    EXPECT_EQ(timeOf(ZPILogPrefix("id")), "2024-05-01 17:30:00.001");
-  }).get();
-}
-
-TEST(ZPILogPrefixTest, AChangedTimeZoneAppliesFromTheNextSecond) {
-  TimeZone zone("UTC0");
-  TestClock clock;
-  clock.setWallTime(noonAnd(10999000));
-  EXPECT_EQ(timeOf(ZPILogPrefix("id")), "2024-05-01 12:00:10.999");
-  zone.set("AAA-9");
-  EXPECT_EQ(timeOf(ZPILogPrefix("id")), "2024-05-01 12:00:10.999");
-  clock.advance(std::chrono::milliseconds(1));
-  EXPECT_EQ(timeOf(ZPILogPrefix("id")), "2024-05-01 21:00:11.000");
-}
-
-TEST(ZPILogPrefixTest, NeverGoesBackWithinOneThread) {
-  const TimeZone zone("UTC0");
-  std::string last = ZPILogPrefix("id");
-  for (int i = 0; i < 10000; ++i) {
-    std::string next = ZPILogPrefix("id");
-    ASSERT_LE(last, next);
-    last = std::move(next);
-  }
+TEST(ZPILogChunkTest, TheProcessIsBetweenBrackets) {
+  EXPECT_EQ(ZPILogProcess(1), ">[1]: ");
+  EXPECT_EQ(ZPILogProcess(4194304), ">[4194304]: ");
 }
 
 }  // namespace

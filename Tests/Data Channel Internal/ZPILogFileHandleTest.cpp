@@ -35,6 +35,12 @@ namespace {
 using testing::ElementsAre;
 using Chunks = std::vector<std::string_view>;
 
+void append(const ZPILogFileHandlePtr& handle, const Chunks& chunks) {
+  ZPILogBatch batch;
+  for (const std::string_view chunk : chunks) batch.add({chunk}, "");
+  handle->append(batch);
+}
+
 class ZPILogFileHandleTest : public testing::Test {
  protected:
   ZPILogFileHandlePtr create() {
@@ -89,7 +95,7 @@ TEST_F(ZPILogFileHandleTest, AnExistingFileKeepsItsContentsAndPermissions) {
   ::chmod(_path.c_str(), 0640);
   const auto handle = ZPILogFileHandle::fileHandleForWritingAtPath(_path);
   ASSERT_NE(handle, nullptr);
-  handle->append(Chunks{"new"});
+  append(handle, {"new"});
   EXPECT_EQ(contents(), "oldnew");
   EXPECT_EQ(permissionsOfFile(_path), mode_t{0640});
 }
@@ -192,9 +198,9 @@ TEST_F(ZPILogFileHandleTest, AClosedHandleWritesNothingToItsDescriptorsNextOwner
   const auto handle = create();
   handle->close();
   const auto other = ZPILogFileHandle::fileHandleForWritingAtPath(_path);
-  handle->append(Chunks{"lost"});
+  append(handle, {"lost"});
   EXPECT_EQ(contents(), "");
-  other->append(Chunks{"kept"});
+  append(other, {"kept"});
   EXPECT_EQ(contents(), "kept");
 }
 
@@ -203,31 +209,54 @@ TEST_F(ZPILogFileHandleTest, AClosedHandleWritesNothingToItsDescriptorsNextOwner
 TEST_F(ZPILogFileHandleTest, AChunkIsOneWriteUnderTheLock) {
   const auto handle = create();
   const SystemCalls calls;
-  handle->append(Chunks{"chunk"});
-  EXPECT_THAT(calls.texts(), ElementsAre("flock LOCK_EX|LOCK_NB", "writev", "flock LOCK_UN"));
+  append(handle, {"chunk"});
+  EXPECT_THAT(calls.texts(), ElementsAre("flock LOCK_EX|LOCK_NB", "write", "flock LOCK_UN"));
   EXPECT_EQ(contents(), "chunk");
 }
 
-TEST_F(ZPILogFileHandleTest, ChunksThatWaitTogetherShareALock) {
+TEST_F(ZPILogFileHandleTest, ChunksThatWaitTogetherAreOneWriteUnderOneLock) {
   const auto handle = create();
-  std::string all;
-  for (int i = 10; i < 50; ++i) all += "\nchunk " + std::to_string(i);
-  Chunks chunks;
-  for (size_t at = 0; at < all.size(); at += all.size() / 40) {
-    chunks.push_back(std::string_view(all).substr(at, all.size() / 40));
-  }
   const SystemCalls calls;
-  handle->append(chunks);
-  EXPECT_EQ(calls.count("writev"), 3U);
-  EXPECT_EQ(calls.count("flock LOCK_EX|LOCK_NB"), 3U);
-  EXPECT_EQ(calls.count("flock LOCK_UN"), 3U);
-  EXPECT_EQ(contents(), all);
+  append(handle, Chunks(1000, "\nchunk"));
+  EXPECT_THAT(calls.texts(), ElementsAre("flock LOCK_EX|LOCK_NB", "write", "flock LOCK_UN"));
+  EXPECT_EQ(contents().size(), 6000U);
+}
+
+// The number of bytes of each write that these chunks take.
+std::vector<int64_t> sizesOfWrites(const ZPILogFileHandlePtr& handle, const Chunks& chunks) {
+  std::vector<int64_t> sizes;
+  const SystemCalls calls;
+  append(handle, chunks);
+  for (const SystemCall& call : calls.all()) {
+    if (call.name == "write") sizes.push_back(call.size);
+  }
+  EXPECT_EQ(calls.count("flock LOCK_EX|LOCK_NB"), sizes.size());
+  EXPECT_EQ(calls.count("flock LOCK_UN"), sizes.size());
+  return sizes;
+}
+
+TEST_F(ZPILogFileHandleTest, OneLockCoversWholeChunksUpTo64KiB) {
+  const auto handle = create();
+  const std::string half(32768, 'a');
+  const std::string more(32769, 'b');
+  EXPECT_THAT(sizesOfWrites(handle, {half, half, half}), ElementsAre(65536, 32768));
+  EXPECT_THAT(sizesOfWrites(handle, {half, more, half}), ElementsAre(32768, 32769, 32768));
+  EXPECT_EQ(contents(), half + half + half + half + more + half);
+}
+
+TEST_F(ZPILogFileHandleTest, ALongerChunkIsOneWriteByItself) {
+  const auto handle = create();
+  const std::string half(32768, 'a');
+  const std::string longer(200000, 'b');
+  EXPECT_THAT(sizesOfWrites(handle, {half, longer, half, longer}),
+              ElementsAre(32768, 200000, 32768, 200000));
+  EXPECT_EQ(contents(), half + longer + half + longer);
 }
 
 TEST_F(ZPILogFileHandleTest, WithoutChunksThereAreNoCalls) {
   const auto handle = create();
   const SystemCalls calls;
-  handle->append({});
+  append(handle, {});
   EXPECT_EQ(calls.texts().size(), 0U);
 }
 
@@ -236,11 +265,11 @@ TEST_F(ZPILogFileHandleTest, AShortWriteIsContinuedUnderTheSameLock) {
   for (int64_t size = 1; size <= 11; ++size) {
     const auto handle = create();
     SystemCalls calls;
-    calls.shorten("writev", size, 0, 100);
-    handle->append(chunks);
+    calls.shorten("write", size, 0, 100);
+    append(handle, chunks);
     EXPECT_EQ(contents(), "onetwothree") << size;
     EXPECT_EQ(calls.count("flock LOCK_EX|LOCK_NB"), 1U);
-    EXPECT_EQ(calls.count("writev"), static_cast<size_t>((11 + size - 1) / size));
+    EXPECT_EQ(calls.count("write"), static_cast<size_t>((11 + size - 1) / size));
     EXPECT_EQ(calls.texts().back(), "flock LOCK_UN");
     std::filesystem::remove(_path);
   }
@@ -250,8 +279,8 @@ TEST_F(ZPILogFileHandleTest, AnInterruptedLockOrWriteIsTriedAgain) {
   const auto handle = create();
   SystemCalls calls;
   calls.fail("flock LOCK_EX|LOCK_NB", EINTR, 0, 3);
-  calls.fail("writev", EINTR, 0, 3);
-  handle->append(Chunks{"one", "two"});
+  calls.fail("write", EINTR, 0, 3);
+  append(handle, {"one", "two"});
   EXPECT_EQ(contents(), "onetwo");
   EXPECT_EQ(calls.count("flock LOCK_EX|LOCK_NB"), 4U);
 }
@@ -260,32 +289,52 @@ TEST_F(ZPILogFileHandleTest, AFailedLockDoesNotPreventTheWrite) {
   const auto handle = create();
   SystemCalls calls;
   calls.fail("flock LOCK_EX|LOCK_NB", ENOLCK);
-  handle->append(Chunks{"chunk"});
+  append(handle, {"chunk"});
   EXPECT_EQ(contents(), "chunk");
 }
 
 TEST_F(ZPILogFileHandleTest, ARefusedChunkIsDroppedAndTheNextIsTried) {
   const auto handle = create();
   SystemCalls calls;
-  calls.fail("writev", ENOSPC);
-  handle->append(Chunks{"one", "two", "three"});
+  calls.fail("write", ENOSPC);
+  append(handle, {"one", "two", "three"});
   EXPECT_EQ(contents(), "twothree");
 }
 
 TEST_F(ZPILogFileHandleTest, TheRestOfAChunkWithoutRoomIsDropped) {
   const auto handle = create();
   SystemCalls calls;
-  calls.shorten("writev", 5);
-  calls.fail("writev", ENOSPC, 0);
-  handle->append(Chunks{"one", "two", "three"});
+  calls.shorten("write", 5);
+  calls.fail("write", ENOSPC, 0);
+  append(handle, {"one", "two", "three"});
   EXPECT_EQ(contents(), "onetwthree");
+}
+
+TEST_F(ZPILogFileHandleTest, OnADiskWithoutRoomEachChunkIsTried) {
+  const auto handle = create();
+  SystemCalls calls;
+  calls.fail("write", ENOSPC, 0, 3);
+  append(handle, {"one", "two", "three", "four"});
+  EXPECT_EQ(contents(), "four");
+  EXPECT_THAT(
+      calls.texts({"flock", "write"}),
+      ElementsAre("flock LOCK_EX|LOCK_NB", "write", "write", "write", "write", "flock LOCK_UN"));
+}
+
+TEST_F(ZPILogFileHandleTest, AFailureAtTheEndOfAChunkDropsTheNextOne) {
+  const auto handle = create();
+  SystemCalls calls;
+  calls.shorten("write", 3);
+  calls.fail("write", EIO, 0);
+  append(handle, {"one", "two", "three"});
+  EXPECT_EQ(contents(), "onethree");
 }
 
 TEST_F(ZPILogFileHandleTest, AWriteThatWritesNothingEnds) {
   const auto handle = create();
   SystemCalls calls;
-  calls.answer("writev", 0);
-  handle->append(Chunks{"one", "two"});
+  calls.answer("write", 0);
+  append(handle, {"one", "two"});
   EXPECT_EQ(contents(), "two");
 }
 
@@ -293,7 +342,7 @@ TEST_F(ZPILogFileHandleTest, AFullDeviceIsNotAFailure) {
   const auto handle = ZPILogFileHandle::fileHandleForWritingAtPath("/dev/full");
   ASSERT_NE(handle, nullptr);
   const SystemCalls calls;
-  handle->append(Chunks{"one", "two"});
+  append(handle, {"one", "two"});
   EXPECT_EQ(calls.all().at(1).error, ENOSPC);
 }
 
@@ -301,20 +350,20 @@ TEST_F(ZPILogFileHandleTest, AFullDeviceIsNotAFailure) {
 
 TEST_F(ZPILogFileHandleTest, AMovedOrRemovedFileStaysOpen) {
   const auto handle = create();
-  handle->append(Chunks{"one"});
+  append(handle, {"one"});
   std::filesystem::rename(_path, _path + ".1");
-  handle->append(Chunks{"two"});
+  append(handle, {"two"});
   EXPECT_EQ(contentsOfFile(_path + ".1"), "onetwo");
   std::filesystem::remove(_path + ".1");
-  handle->append(Chunks{"three"});
+  append(handle, {"three"});
   EXPECT_TRUE(std::filesystem::is_empty(_folder.path()));
 }
 
 TEST_F(ZPILogFileHandleTest, ATruncatedFileGrowsFromItsNewEnd) {
   const auto handle = create();
-  handle->append(Chunks{"one"});
+  append(handle, {"one"});
   std::filesystem::resize_file(_path, 0);
-  handle->append(Chunks{"two"});
+  append(handle, {"two"});
   EXPECT_EQ(contents(), "two");
 }
 
@@ -326,10 +375,10 @@ TEST_F(ZPILogFileHandleTest, AWriteWaitsForTheHolderOfTheLock) {
   calls.before(
       "flock", [&] { EXPECT_EQ(contents(), ""); }, 0, 2);
   calls.before("flock", [&] { ::close(other); });
-  handle->append(Chunks{"chunk"});
-  EXPECT_THAT(calls.texts({"flock", "writev"}),
+  append(handle, {"chunk"});
+  EXPECT_THAT(calls.texts({"flock", "write"}),
               ElementsAre("flock LOCK_EX|LOCK_NB", "flock LOCK_EX|LOCK_NB", "flock LOCK_EX|LOCK_NB",
-                          "writev", "flock LOCK_UN"));
+                          "write", "flock LOCK_UN"));
   EXPECT_EQ(contents(), "chunk");
 }
 
@@ -341,7 +390,7 @@ TEST_F(ZPILogFileHandleTest, AWriteWaitsAtMostASecondAndSaysSo) {
   ASSERT_EQ(::flock(other, LOCK_SH), 0);
   TestClock clock;
   const SkippedWaits skipped(clock);
-  handle->append(Chunks(40, "a"));
+  append(handle, Chunks(40, "a"));
   EXPECT_GE(clock.passed(), std::chrono::seconds(1));
   EXPECT_LE(clock.passed(), std::chrono::milliseconds(1001));
   EXPECT_EQ(contents(), std::string(40, 'a'));
@@ -350,14 +399,14 @@ TEST_F(ZPILogFileHandleTest, AWriteWaitsAtMostASecondAndSaysSo) {
   EXPECT_EQ(log.lines(), once);
   {
     const SystemCalls calls;
-    handle->append(Chunks{"b"});
-    EXPECT_THAT(calls.texts({"flock", "writev"}), ElementsAre("flock LOCK_EX|LOCK_NB", "writev"));
+    append(handle, {"b"});
+    EXPECT_THAT(calls.texts({"flock", "write"}), ElementsAre("flock LOCK_EX|LOCK_NB", "write"));
   }
   ::close(other);
   const SystemCalls calls;
-  handle->append(Chunks{"c"});
-  EXPECT_THAT(calls.texts({"flock", "writev"}),
-              ElementsAre("flock LOCK_EX|LOCK_NB", "writev", "flock LOCK_UN"));
+  append(handle, {"c"});
+  EXPECT_THAT(calls.texts({"flock", "write"}),
+              ElementsAre("flock LOCK_EX|LOCK_NB", "write", "flock LOCK_UN"));
   EXPECT_EQ(log.lines(), once);
 }
 
@@ -369,15 +418,15 @@ TEST_F(ZPILogFileHandleTest, AfterTheLockWasFreeWritesWaitForItAgain) {
   {
     TestClock clock;
     const SkippedWaits skipped(clock);
-    handle->append(Chunks{"a"});
+    append(handle, {"a"});
   }
   ::flock(other, LOCK_UN);
-  handle->append(Chunks{"b"});
+  append(handle, {"b"});
   ::flock(other, LOCK_EX);
   SystemCalls calls;
   calls.before(
       "flock", [&] { ::close(other); }, 3);
-  handle->append(Chunks{"c"});
+  append(handle, {"c"});
   EXPECT_EQ(calls.count("flock LOCK_EX|LOCK_NB"), 4U);
   EXPECT_EQ(contents(), "abc");
   EXPECT_EQ(log.lines().size(), 1U);
@@ -390,11 +439,11 @@ TEST_F(ZPILogFileHandleTest, ChunksOfTwoHandlesDoNotInterleave) {
   const auto first = create();
   const auto second = ZPILogFileHandle::fileHandleForWritingAtPath(_path);
   SystemCalls calls(SystemCalls::Threads::kAll);
-  calls.shorten("writev", 3, 0, 1000000);
+  calls.shorten("write", 3, 0, 1000000);
   std::thread thread([&] {
-    for (int i = 0; i < kChunks; ++i) first->append(std::span(&chunks[0], 1));
+    for (int i = 0; i < kChunks; ++i) append(first, {chunks[0]});
   });
-  for (int i = 0; i < kChunks; ++i) second->append(std::span(&chunks[1], 1));
+  for (int i = 0; i < kChunks; ++i) append(second, {chunks[1]});
   thread.join();
   const std::string all = contents();
   ASSERT_EQ(all.size(), 2 * kChunks * chunks[0].size());
@@ -414,8 +463,8 @@ TEST_F(ZPILogFileHandleTest, AFileSizeLimitDoesNotEndTheProcess) {
   const ChildResult result = runInChild([&](std::string* message) {
     const auto handle = create();
     limitFileSize(10);
-    handle->append(Chunks{"12345678", "abcdefgh", "lost"});
-    handle->append(Chunks{"lost"});
+    append(handle, {"12345678", "abcdefgh", "lost"});
+    append(handle, {"lost"});
     *message = contents();
     return isBlocked(SIGXFSZ) || isPending(SIGXFSZ) ? 1 : 0;
   });
@@ -429,7 +478,7 @@ TEST_F(ZPILogFileHandleTest, ABlockedSizeSignalLeavesNoTrace) {
     const auto handle = create();
     limitFileSize(0);
     block(SIGXFSZ);
-    handle->append(Chunks{"lost"});
+    append(handle, {"lost"});
     return isBlocked(SIGXFSZ) && !isPending(SIGXFSZ) ? 0 : 1;
   });
   EXPECT_EQ(result.status, 0);
@@ -441,7 +490,7 @@ TEST_F(ZPILogFileHandleTest, ASizeSignalThatWasAlreadyPendingStays) {
     limitFileSize(0);
     block(SIGXFSZ);
     ::raise(SIGXFSZ);
-    handle->append(Chunks{"lost"});
+    append(handle, {"lost"});
     return isBlocked(SIGXFSZ) && isPending(SIGXFSZ) ? 0 : 1;
   });
   EXPECT_EQ(result.status, 0);
@@ -452,7 +501,7 @@ TEST_F(ZPILogFileHandleTest, AnIgnoredSizeSignalDoesNoHarm) {
     const auto handle = create();
     limitFileSize(0);
     ::signal(SIGXFSZ, SIG_IGN);
-    handle->append(Chunks{"lost"});
+    append(handle, {"lost"});
     return isBlocked(SIGXFSZ) || isPending(SIGXFSZ) ? 1 : 0;
   });
   EXPECT_EQ(result.status, 0);
@@ -465,7 +514,7 @@ TEST_F(ZPILogFileHandleTest, APipeWithoutAReaderDoesNotEndTheProcess) {
     const int reader = ::open(_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     const auto handle = ZPILogFileHandle::fileHandleForWritingAtPath(_path);
     ::close(reader);
-    handle->append(Chunks{"lost", "lost"});
+    append(handle, {"lost", "lost"});
     return isBlocked(SIGPIPE) || isPending(SIGPIPE) ? 1 : 0;
   });
   EXPECT_EQ(result.signal, 0);

@@ -41,6 +41,8 @@ class ZPILogWriterTest : public testing::Test {
  protected:
   void SetUp() override { _writer->setOwner(_owner); }
 
+  // Adds a chunk of just this text.
+  void add(std::string_view chunk) { _writer->addChunk({chunk}, ""); }
   void open() { ASSERT_TRUE(_writer->openFile({"open"}, nullptr)); }
   void openWithoutThread() {
     const RefusedThreads refused;
@@ -70,7 +72,7 @@ TEST_F(ZPILogWriterTest, ClosingWritesAllChunksInOrder) {
   open();
   std::string expected;
   for (int i = 0; i < 1000; ++i) {
-    _writer->addChunk("\n" + std::to_string(i));
+    add("\n" + std::to_string(i));
     expected += "\n" + std::to_string(i);
   }
   _writer->closeFile();
@@ -79,11 +81,11 @@ TEST_F(ZPILogWriterTest, ClosingWritesAllChunksInOrder) {
 }
 
 TEST_F(ZPILogWriterTest, ChunksBeforeOpenAndAfterCloseAreDropped) {
-  _writer->addChunk("before");
+  add("before");
   open();
-  _writer->addChunk("while");
+  add("while");
   _writer->closeFile();
-  _writer->addChunk("after");
+  add("after");
   open();
   _writer->closeFile();
   EXPECT_EQ(contents(), "while");
@@ -102,11 +104,11 @@ TEST_F(ZPILogWriterTest, AnErrorOfTheSystemIsAtTheCallersSite) {
 
 TEST_F(ZPILogWriterTest, WithoutItsOwnerOnlyTheDestructorWrites) {
   openWithoutThread();
-  _writer->addChunk("one ");
+  add("one ");
   EXPECT_EQ(contents(), "one ");
   _owner.reset();
-  _writer->addChunk("two ");
-  _writer->addChunk("three");
+  add("two ");
+  add("three");
   EXPECT_EQ(contents(), "one ");
   _writer.reset();
   EXPECT_EQ(contents(), "one two three");
@@ -115,7 +117,7 @@ TEST_F(ZPILogWriterTest, WithoutItsOwnerOnlyTheDestructorWrites) {
 TEST_F(ZPILogWriterTest, ATaskHoldsTheOwnerWhileItWrites) {
   open();
   HeldLogWrite held;
-  _writer->addChunk("chunk");
+  add("chunk");
   EXPECT_TRUE(held.waitUntilHeld());
   EXPECT_EQ(_owner.use_count(), 2);
   held.release();
@@ -128,12 +130,12 @@ TEST_F(ZPILogWriterTest, ATaskHoldsTheOwnerWhileItWrites) {
 TEST_F(ZPILogWriterTest, ChunksThatWaitTogetherAreWrittenTogether) {
   open();
   HeldLogWrite held;
-  _writer->addChunk("1");
+  add("1");
   EXPECT_TRUE(held.waitUntilHeld());
-  for (int i = 0; i < 16; ++i) _writer->addChunk("2");
+  for (int i = 0; i < 16; ++i) add("2");
   held.release();
   _writer->closeFile();
-  EXPECT_EQ(held.calls.count("writev"), 2U);
+  EXPECT_EQ(held.calls.count("write"), 2U);
   EXPECT_EQ(contents(), "1" + std::string(16, '2'));
 }
 
@@ -145,9 +147,9 @@ TEST_F(ZPILogWriterTest, TheFirstChunkDoesNotWaitForAnother) {
     open();
     std::promise<Clock::time_point> written;
     SystemCalls calls(SystemCalls::Threads::kAll);
-    calls.before("writev", [&] { written.set_value(Clock::now()); });
+    calls.before("write", [&] { written.set_value(Clock::now()); });
     const auto start = Clock::now();
-    _writer->addChunk("chunk");
+    add("chunk");
     auto time = written.get_future();
     ASSERT_EQ(time.wait_for(kPatience), std::future_status::ready);
     shortest = std::min(shortest, time.get() - start);
@@ -164,10 +166,10 @@ TEST_F(ZPILogWriterTest, AnOpenSucceedsDuringBusyTraffic) {
   SystemCalls calls(SystemCalls::Threads::kAll);
   const auto addAnother = [&] {
     if (std::chrono::steady_clock::now() > end) isBusy = false;
-    if (isBusy) _writer->addChunk("more");
+    if (isBusy) add("more");
   };
-  calls.before("writev", addAnother, 0, SIZE_MAX);
-  _writer->addChunk("first");
+  calls.before("write", addAnother, 0, SIZE_MAX);
+  add("first");
   open();
   EXPECT_TRUE(isBusy.exchange(false));
   _writer->closeFile();
@@ -179,7 +181,7 @@ TEST_F(ZPILogWriterTest, APauseFreesTheMemoryOfBusyTraffic) {
   open();
   const size_t before = allocatedBytes();
   HeldLogWrite held;
-  for (size_t i = 0; i < kChunks; ++i) _writer->addChunk(chunk);
+  for (size_t i = 0; i < kChunks; ++i) add(chunk);
   held.release();
   EXPECT_TRUE(waitFor([&] { return std::filesystem::file_size(_path) == kChunks * chunk.size(); }));
   if (isMemoryComparable()) {
@@ -195,11 +197,11 @@ TEST_F(ZPILogWriterTest, NoChunkWaitsForAnotherWhileTheModeChanges) {
   std::thread changer([&] {
     while (!isDone) _writer->setSynchronous(!_writer->isSynchronous());
   });
-  for (size_t i = 0; i < kRounds; ++i) _writer->addChunk("x");
+  for (size_t i = 0; i < kRounds; ++i) add("x");
   isDone = true;
   changer.join();
   _writer->setSynchronous(false);
-  _writer->addChunk("y");
+  add("y");
   // Without a close, the chunks reach the file by themselves.
   EXPECT_TRUE(waitFor([this] { return writtenLetters() == kRounds + 1; }));
   EXPECT_EQ(contents().back(), 'y');
@@ -215,7 +217,7 @@ TEST_F(ZPILogWriterTest, AnOpenFileHasOneThreadNamedAfterIt) {
     EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 1; }));
   }
   for (size_t i = 1; i <= 2; ++i) {
-    _writer->addChunk("x");
+    add("x");
     EXPECT_TRUE(waitFor([&] { return writtenLetters() == i; }));
     EXPECT_EQ(threadsNamed(_path), 1U);
   }
@@ -231,7 +233,7 @@ TEST_F(ZPILogWriterTest, AFileThatCannotBeOpenedHasNoThread) {
 TEST_F(ZPILogWriterTest, ASynchronousWriterHasNoThreadUntilItIsAsynchronous) {
   _writer->setSynchronous(true);
   open();
-  _writer->addChunk("x");
+  add("x");
   EXPECT_EQ(threadsNamed(_path), 0U);
   _writer->setSynchronous(false);
   EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 1; }));
@@ -244,7 +246,7 @@ TEST_F(ZPILogWriterTest, WithoutAThreadWritesAndAConcurrentCloseReturn) {
   for (int i = 0; i < 20; ++i) {
     const RefusedThreads refused;
     open();
-    BusyWriter busy([this](size_t) { _writer->addChunk("x"); }, false);
+    BusyWriter busy([this](size_t) { add("x"); }, false);
     _writer->closeFile();
     busy.stop();
   }
@@ -258,14 +260,14 @@ TEST_F(ZPILogWriterTest, WithoutAThreadACallWritesOnceWhileOthersWrite) {
   std::atomic<bool> isDone{false};
   std::thread other([&] {
     const RefusedThreads refusedToo;
-    for (wanted.acquire(); !isDone; wanted.acquire()) _writer->addChunk("other");
+    for (wanted.acquire(); !isDone; wanted.acquire()) add("other");
   });
   for (int i = 0; i < 20; ++i) {
     SystemCalls calls;
     calls.before(
-        "writev", [&] { wanted.release(); }, 0, 100);
-    _writer->addChunk("own");
-    EXPECT_LE(calls.count("writev"), 1U);
+        "write", [&] { wanted.release(); }, 0, 100);
+    add("own");
+    EXPECT_LE(calls.count("write"), 1U);
   }
   isDone = true;
   wanted.release();
@@ -284,19 +286,19 @@ TEST_F(ZPILogWriterTest, AChildsWriterTakesOverFileModeAndOwner) {
   EXPECT_EQ(child.fileHandle(), _writer->fileHandle());
   EXPECT_TRUE(child.isSynchronous());
   child.setSynchronous(false);
-  child.addChunk("child");  // written by a task, which needs the owner
+  child.addChunk({"child"}, "");  // written by a task, which needs the owner
   EXPECT_EQ(contents(), "child");
 }
 
 TEST_F(ZPILogWriterTest, TheChildDoesNotWriteTheParentsPendingChunks) {
   open();
   HeldLogWrite held;
-  _writer->addChunk("first ");
+  add("first ");
   EXPECT_TRUE(held.waitUntilHeld());
-  _writer->addChunk("second");
+  add("second");
   {
     ZPILogWriter child(_writer.get());
-    child.addChunk("child ");
+    child.addChunk({"child "}, "");
   }
   EXPECT_EQ(contents(), "child ");
   held.release();
@@ -312,7 +314,7 @@ TEST_F(ZPILogWriterTest, AnAbandonedWriterHoldsNeitherFileNorOwner) {
   EXPECT_EQ(openDescriptors(), before);
   _owner.reset();
   EXPECT_TRUE(owner.expired());
-  _writer->addChunk("lost");
+  add("lost");
   _writer.reset();
   EXPECT_EQ(contents(), "");
 }

@@ -52,16 +52,16 @@ TEST_F(ZPILogWritersByProcessTest, AChildHasAWriterOfItsOwn) {
 TEST_F(ZPILogWritersByProcessTest, AGrandchildWritesToTheSameFile) {
   open();
   const ChildResult result = runInChild([this](std::string*) {
-    _writers->ofThisProcess().addChunk("child ");
+    _writers->ofThisProcess().addChunk({"child "}, "");
     const ChildResult ofGrandchild = runInChild([this](std::string*) {
-      _writers->ofThisProcess().addChunk("grandchild ");
+      _writers->ofThisProcess().addChunk({"grandchild "}, "");
       const ZPILogWriter* const parents = _writers->ofThisProcess().parents();
       return parents->parents() != nullptr && parents->process() == ::getppid() ? 0 : 1;
     });
     return ofGrandchild.status;
   });
   EXPECT_EQ(result.status, 0) << "signal " << result.signal;
-  _writers->ofThisProcess().addChunk("parent");
+  _writers->ofThisProcess().addChunk({"parent"}, "");
   EXPECT_EQ(contentsOfFile(_path), "child grandchild parent");
 }
 
@@ -71,14 +71,14 @@ TEST_F(ZPILogWritersByProcessTest, DestructionInAChildClosesTheFileOnlyThere) {
   for (const bool isUsed : {false, true}) {
     const ChildResult result = runInChild([&](std::string*) {
       const size_t withFile = openDescriptors().size();
-      if (isUsed) _writers->ofThisProcess().addChunk("child ");
+      if (isUsed) _writers->ofThisProcess().addChunk({"child "}, "");
       _writers.reset();
       return openDescriptors().size() == withFile - 1 ? 0 : 1;
     });
     EXPECT_EQ(result.status, 0) << "signal " << result.signal;
   }
   EXPECT_EQ(openDescriptors().size(), before + 1);
-  _writers->ofThisProcess().addChunk("parent");
+  _writers->ofThisProcess().addChunk({"parent"}, "");
   EXPECT_EQ(contentsOfFile(_path), "child parent");
 }
 

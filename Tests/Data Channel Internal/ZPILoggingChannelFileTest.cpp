@@ -314,7 +314,7 @@ TEST_F(ZPILoggingChannelFileTest, TwoChannelsOnOneFileWriteWholeChunks) {
   open();
   // Short writes, so that only the lock keeps chunks whole.
   SystemCalls calls(SystemCalls::Threads::kAll);
-  calls.shorten("writev", 20, 0, 1000000);
+  calls.shorten("write", 20, 0, 1000000);
   std::thread thread([&] { logLines(*other, kCount); });
   logLines(*_channel, kCount);
   thread.join();

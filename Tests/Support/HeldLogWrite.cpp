@@ -7,7 +7,7 @@
 namespace support {
 
 HeldLogWrite::HeldLogWrite() {
-  calls.before("writev", [this] {
+  calls.before("write", [this] {
     _isHeld = true;
     _released.get_future().wait_for(kPatience);
   });

@@ -9,7 +9,6 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
 #include <sys/un.h>
 #include <termios.h>
 #include <unistd.h>
@@ -44,7 +43,6 @@ namespace support {
 extern "C" {
 ssize_t __real_read(int, void*, size_t);
 ssize_t __real_write(int, const void*, size_t);
-ssize_t __real_writev(int, const iovec*, int);
 ssize_t __real_send(int, const void*, size_t, int);
 int __real_ioctl(int, unsigned long, void*);
 int __real_open(const char*, int, unsigned);
@@ -292,16 +290,6 @@ std::string addressText(const sockaddr* address, socklen_t length) {
   return family + " " + host + ":" + std::to_string(ntohs(internet->sin_port));
 }
 
-// The parts that hold the first `size` bytes of `parts`.
-std::vector<iovec> firstBytes(const iovec* parts, int64_t size) {
-  std::vector<iovec> first;
-  for (auto rest = static_cast<size_t>(size); rest > 0; ++parts) {
-    first.push_back({parts->iov_base, std::min(rest, parts->iov_len)});
-    rest -= first.back().iov_len;
-  }
-  return first;
-}
-
 // Counts an allocation; true if it must fail.
 bool countAllocation() {
   if (!isWatched()) return false;
@@ -473,17 +461,6 @@ ssize_t __wrap_write(int descriptor, const void* bytes, size_t count) {
   return intercept([&] { return plain("write", descriptor, size); }, size,
                    [&](int64_t allowed) {
                      return __real_write(descriptor, bytes, static_cast<size_t>(allowed));
-                   });
-}
-
-ssize_t __wrap_writev(int descriptor, const iovec* parts, int count) {
-  int64_t size = 0;
-  for (int i = 0; i < count; ++i) size += static_cast<int64_t>(parts[i].iov_len);
-  return intercept([&] { return plain("writev", descriptor, size); }, size,
-                   [&](int64_t allowed) {
-                     if (allowed == size) return __real_writev(descriptor, parts, count);
-                     const std::vector<iovec> first = firstBytes(parts, allowed);
-                     return __real_writev(descriptor, first.data(), static_cast<int>(first.size()));
                    });
 }
 

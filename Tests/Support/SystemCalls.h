@@ -65,7 +65,7 @@ class SystemCalls {
   /// Makes calls return `result` with errno `error`, without asking the system.
   void answer(std::string_view call, int64_t result, int error = 0, size_t skip = 0,
               size_t times = 1);
-  /// Makes read, write, writev and send transfer at most `size` bytes.
+  /// Makes read, write and send transfer at most `size` bytes.
   void shorten(std::string_view call, int64_t size, size_t skip = 0, size_t times = 1);
   /// Runs `action` before calls, which then go ahead as usual. Its own calls are not watched.
   void before(std::string_view call, std::function<void()> action, size_t skip = 0,

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -70,20 +69,6 @@ TEST_F(SystemCallsTest, ShortensAnswersAndRunsActions) {
   EXPECT_EQ(errno, 0);
   EXPECT_EQ(::read(_ends[0], buffer, sizeof buffer), 3);
   EXPECT_THAT(calls.texts(), ElementsAre("write", "write", "read"));
-}
-
-TEST_F(SystemCallsTest, ShortensAWriteOfSeveralPartsAtAnyByte) {
-  SystemCalls calls;
-  char bytes[] = "abcdef";
-  const iovec parts[] = {{bytes, 2}, {bytes + 2, 3}, {bytes + 5, 1}};
-  for (ssize_t size = 1; size <= 6; ++size) {
-    calls.shorten("writev", size);
-    EXPECT_EQ(::writev(_ends[1], parts, 3), size);
-    std::string got(8, '\0');
-    got.resize(static_cast<size_t>(::read(_ends[0], got.data(), got.size())));
-    EXPECT_EQ(got, std::string(bytes, static_cast<size_t>(size)));
-  }
-  EXPECT_EQ(calls.all().front().size, 6);
 }
 
 TEST_F(SystemCallsTest, ShowsHowAFileIsLocked) {

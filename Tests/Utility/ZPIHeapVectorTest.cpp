@@ -57,6 +57,29 @@ TEST(ZPIHeapVectorTest, GrowsInFewSteps) {
   EXPECT_LE(calls.allocations(), 20U);
 }
 
+TEST(ZPIHeapVectorTest, ReservedRoomNeedsNoFurtherAllocation) {
+  Bytes vector;
+  append(&vector, "one ");
+  vector.reserve(1000);
+  EXPECT_EQ(textOf(vector), "one ");
+  const SystemCalls calls;
+  vector.extend(1000);
+  EXPECT_EQ(calls.allocations(), 0U);
+}
+
+TEST(ZPIHeapVectorTest, TruncationDropsTheEndAndKeepsTheStorage) {
+  Bytes vector;
+  append(&vector, "one two");
+  const size_t capacity = vector.capacity();
+  vector.truncate(8);
+  EXPECT_EQ(textOf(vector), "one two");
+  vector.truncate(3);
+  EXPECT_EQ(textOf(vector), "one");
+  vector.truncate(0);
+  EXPECT_TRUE(vector.empty());
+  EXPECT_EQ(vector.capacity(), capacity);
+}
+
 TEST(ZPIHeapVectorTest, ExtendsByValuesForTheCallerToSet) {
   Bytes vector;
   append(&vector, "ab");

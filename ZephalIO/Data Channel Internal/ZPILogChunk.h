@@ -8,17 +8,27 @@
 // the same prefix, so a chunk that ends with a line break ends with an otherwise empty prefix.
 #pragma once
 
-#include <unistd.h>
+#include <sys/types.h>
 
 #include <string>
 #include <string_view>
 
-#include "Utility/ZPKTypes.h"
+#include "Utility/ZPIHeapVector.h"
 
-/// The prefix of a chunk of this moment: a line feed, the local time with milliseconds, the
-/// identifier and the process.
-std::string ZPILogPrefix(std::string_view identifier, pid_t process = ::getpid());
+/// What each line of a chunk begins with, in three parts, so that each is made as seldom as it
+/// changes.
+struct ZPILogPrefix {
+  std::string_view time;             // see ZPILogTime
+  std::string_view identifier = {};  // of the channel, with the direction
+  std::string_view process = {};     // see ZPILogProcess
 
-/// The chunk of `data` as UTF-8: the prefix, then the readable text of the bytes (ZPKDataToString)
-/// with the prefix in place of every CR LF, CR and LF.
-std::string ZPILogChunk(std::string_view prefix, const ZPKDataPtr& data);
+  size_t length() const { return time.size() + identifier.size() + process.size(); }
+};
+
+/// The last part of a process's prefixes.
+std::string ZPILogProcess(pid_t process);
+
+/// Appends the chunk of `text` to `log`: the prefix, then the text with the prefix in place of
+/// every CR LF, CR and LF. `text` is readable text (ZPKDataToString), and no part of `log`. If
+/// memory runs out, it throws std::bad_alloc and leaves a part of the chunk in `log`.
+void ZPIAppendLogChunk(const ZPILogPrefix& prefix, std::string_view text, ZPIHeapVector<char>& log);

@@ -2,13 +2,13 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstddef>
+#include <span>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -17,9 +17,9 @@
 
 namespace {
 
-// Chunks per lock and call: as many as writev(2) accepts on every system. Enough to make short
-// chunks cheap, and few enough that no other writer waits long for the lock.
-constexpr size_t kChunksPerWrite = 16;
+// Bytes per lock and call, unless a single chunk is longer. Enough to make short chunks cheap, and
+// few enough that no other writer waits long for the lock.
+constexpr size_t kBytesPerWrite = 65536;
 
 // How long the chunks of one call wait for the file's lock.
 constexpr std::chrono::seconds kLockPatience{1};
@@ -53,44 +53,23 @@ int openFile(const std::string& path, int flags) {
   return -1;
 }
 
-// The part of the chunks under one lock that is not written yet.
-class UnwrittenChunks {
- public:
-  explicit UnwrittenChunks(std::span<const std::string_view> chunks) : _end(chunks.size()) {
-    for (size_t i = 0; i < chunks.size(); ++i) {
-      _parts[i] = {const_cast<char*>(chunks[i].data()), chunks[i].size()};
-    }
-  }
+// How many of the chunks that begin at `start` are written together.
+size_t countOfOneWrite(size_t start, std::span<const size_t> ends) {
+  const auto next = std::upper_bound(ends.begin(), ends.end(), start + kBytesPerWrite);
+  return std::max<size_t>(1, static_cast<size_t>(next - ends.begin()));
+}
 
-  bool isEmpty() const { return _begin == _end; }
-  const iovec* parts() const { return &_parts[_begin]; }
-  int count() const { return static_cast<int>(_end - _begin); }
-
-  void removeFirstChunk() { ++_begin; }
-  void removeFirstBytes(size_t count) {
-    while (!isEmpty() && count >= _parts[_begin].iov_len) count -= _parts[_begin++].iov_len;
-    if (isEmpty()) return;
-    iovec& part = _parts[_begin];
-    part = {static_cast<std::byte*>(part.iov_base) + count, part.iov_len - count};
-  }
-
- private:
-  std::array<iovec, kChunksPerWrite> _parts;
-  size_t _begin = 0;
-  size_t _end;
-};
-
-void writeAll(int descriptor, std::span<const std::string_view> chunks,
+// Writes the chunks that begin at `start` in the text.
+void writeAll(int descriptor, std::string_view text, size_t start, std::span<const size_t> ends,
               ZPIWithoutSignalsOfWriting& signals) {
-  UnwrittenChunks unwritten(chunks);
-  while (!unwritten.isEmpty()) {
+  while (start < ends.back()) {
     const ssize_t written = retryOnInterrupt(
-        [&] { return ::writev(descriptor, unwritten.parts(), unwritten.count()); });
+        [&] { return ::write(descriptor, text.data() + start, ends.back() - start); });
     if (written > 0) {
-      unwritten.removeFirstBytes(static_cast<size_t>(written));
+      start += static_cast<size_t>(written);
     } else {
       if (written == -1) signals.discardSignalOf(errno);
-      unwritten.removeFirstChunk();
+      start = *std::upper_bound(ends.begin(), ends.end(), start);  // drops the rest of this chunk
     }
   }
 }
@@ -115,19 +94,21 @@ ZPILogFileHandle::ZPILogFileHandle(Key, std::string path, int descriptor)
 
 ZPILogFileHandle::~ZPILogFileHandle() { close(); }
 
-void ZPILogFileHandle::append(std::span<const std::string_view> chunks) {
-  if (_descriptor == -1 || chunks.empty()) return;
+void ZPILogFileHandle::append(const ZPILogBatch& chunks) {
+  if (_descriptor == -1 || chunks.isEmpty()) return;
   ZPIWithoutSignalsOfWriting signals;
   const auto deadline = std::chrono::steady_clock::now() + kLockPatience;
   bool wasLockTaken = false;
-  while (!chunks.empty()) {
-    const size_t count = std::min(chunks.size(), kChunksPerWrite);
+  size_t start = 0;
+  for (std::span<const size_t> ends = chunks.ends(); !ends.empty();) {
+    const std::span<const size_t> together = ends.first(countOfOneWrite(start, ends));
     const bool isLocked = lockBefore(deadline);
     wasLockTaken = wasLockTaken || _isLockTaken;
     // O_APPEND makes every write begin at the end of the file.
-    writeAll(_descriptor, chunks.first(count), signals);
+    writeAll(_descriptor, chunks.text(), start, together, signals);
     if (isLocked) ::flock(_descriptor, LOCK_UN);
-    chunks = chunks.subspan(count);
+    start = together.back();
+    ends = ends.subspan(together.size());
   }
   if (wasLockTaken) logOnceThatLockIsTaken();
 }

@@ -2,9 +2,9 @@
 
 #include <chrono>
 #include <memory>
-#include <span>
 #include <string>
-#include <string_view>
+
+#include "Data Channel Internal/ZPILogBatch.h"
 
 /// A log file that is open for appending. Owns its file descriptor, which is closed with the last
 /// reference.
@@ -38,7 +38,7 @@ class ZPILogFileHandle final {
   /// No failure is reported. If a chunk does not fit, on a full disk for instance, the part that
   /// fits stays, the rest is dropped, and the next chunk is tried. No signal is raised (SIGXFSZ,
   /// SIGPIPE). Nothing is written after close.
-  void append(std::span<const std::string_view> chunks);
+  void append(const ZPILogBatch& chunks);
 
   /// Closes the file; a second close does nothing.
   void close();

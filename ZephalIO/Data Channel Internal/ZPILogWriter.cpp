@@ -1,10 +1,10 @@
 #include "Data Channel Internal/ZPILogWriter.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <new>
+
+#include "Utility/ZPIProcessID.h"
 
 namespace {
 
@@ -32,24 +32,19 @@ ZPILogFileHandlePtr openFileAtPath(const std::string& path, const ZPIFailureSite
   return handle;
 }
 
-// Drops the chunks if there is no file, or no memory to write them.
-void appendIfPossible(const ZPILogBatch& batch, const ZPILogFileHandlePtr& handle) {
-  if (handle == nullptr) return;
-  try {
-    handle->append(batch.chunks());
-  } catch (const std::bad_alloc&) {
-    return;
-  }
-}
-
 }  // namespace
 
 ZPILogWriter::ZPILogWriter(std::string filePath)
-    : _process(::getpid()), _parents(nullptr), _filePath(std::move(filePath)), _queue(_filePath) {}
+    : _process(ZPIProcessID()),
+      _processText(ZPILogProcess(_process)),
+      _parents(nullptr),
+      _filePath(std::move(filePath)),
+      _queue(_filePath) {}
 
 // Takes no lock of the parent's writer: after the fork there may be nobody left to release it.
 ZPILogWriter::ZPILogWriter(ZPILogWriter* parents)
-    : _process(::getpid()),
+    : _process(ZPIProcessID()),
+      _processText(ZPILogProcess(_process)),
       _parents(parents),
       _filePath(parents->_filePath),
       _owner(parents->_owner),
@@ -85,11 +80,11 @@ void ZPILogWriter::closeFile() {
   _queue.endThread();
 }
 
-void ZPILogWriter::addChunk(std::string_view chunk) {
+void ZPILogWriter::addChunk(const ZPILogPrefix& prefix, std::string_view text) {
   // Read only one time: a thread that adds a chunk which needs a task must also queue that task,
   // even if the mode changes in between.
   const bool isSynchronous = this->isSynchronous();
-  const bool needsTask = addPendingChunk(chunk, !isSynchronous);
+  const bool needsTask = addPendingChunk(prefix, text, !isSynchronous);
   if (isSynchronous) {
     _queue.runAndWait([this] { writePendingChunks(); });
   } else if (needsTask) {
@@ -123,9 +118,10 @@ void ZPILogWriter::startThreadIfNeeded() {
 }
 
 // Returns whether a task must be queued that writes this chunk.
-bool ZPILogWriter::addPendingChunk(std::string_view chunk, bool wantsTask) {
+bool ZPILogWriter::addPendingChunk(const ZPILogPrefix& prefix, std::string_view text,
+                                   bool wantsTask) {
   const std::lock_guard guard(_mutex);
-  _pending.add(chunk);
+  _pending.add(prefix, text);
   return wantsTask && !std::exchange(_isTaskQueued, true);
 }
 
@@ -148,7 +144,7 @@ void ZPILogWriter::writeQueuedChunks() {
 // memory is freed.
 void ZPILogWriter::writePendingChunks() {
   const ZPILogFileHandlePtr handle = takePendingChunks();
-  appendIfPossible(_beingWritten, handle);
+  if (handle != nullptr) handle->append(_beingWritten);
   _beingWritten.clear();
   const std::lock_guard guard(_mutex);
   if (!_pending.isEmpty()) return;
@@ -159,6 +155,6 @@ void ZPILogWriter::writePendingChunks() {
 // Makes the pending chunks the batch that is being written, and returns its file.
 ZPILogFileHandlePtr ZPILogWriter::takePendingChunks() {
   const std::lock_guard guard(_mutex);
-  std::swap(_beingWritten, _pending);
+  _beingWritten.swap(_pending);
   return _fileHandle;
 }

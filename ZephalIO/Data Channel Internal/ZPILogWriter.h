@@ -61,8 +61,9 @@ class ZPILogWriter final {
   /// Closes the file after writing everything added so far.
   void closeFile();
 
-  /// Adds a chunk. A synchronous writer returns when the chunk is in the file.
-  void addChunk(std::string_view chunk);
+  /// Adds the chunk of `text` (see ZPIAppendLogChunk). A synchronous writer returns when the chunk
+  /// is in the file.
+  void addChunk(const ZPILogPrefix& prefix, std::string_view text);
 
   /// The open file; null while there is none.
   ZPILogFileHandlePtr fileHandle() const;
@@ -72,19 +73,22 @@ class ZPILogWriter final {
 
   /// The process that this writer belongs to, and the writer of its parent process; null if none.
   pid_t process() const { return _process; }
+  /// That process's part of a prefix. Valid as long as the writer.
+  std::string_view processText() const { return _processText; }
   ZPILogWriter* parents() const { return _parents; }
   /// Releases file and owner, and touches nothing else. For a parent's writer in a child.
   void abandon();
 
  private:
   void startThreadIfNeeded();
-  bool addPendingChunk(std::string_view chunk, bool wantsTask);
+  bool addPendingChunk(const ZPILogPrefix& prefix, std::string_view text, bool wantsTask);
   void queueWriting();
   void writeQueuedChunks();
   void writePendingChunks();
   ZPILogFileHandlePtr takePendingChunks();
 
   const pid_t _process;
+  const std::string _processText;
   ZPILogWriter* const _parents;
   const std::string _filePath;
   std::weak_ptr<void> _owner;

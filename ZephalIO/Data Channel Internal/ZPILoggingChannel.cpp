@@ -2,7 +2,9 @@
 
 #include <utility>
 
-#include "Data Channel Internal/ZPILogChunk.h"
+#include "Data Channel Internal/ZPILogTime.h"
+#include "Utility/ZPIText.h"
+#include "Utility/ZPKDataConversionFunctions.h"
 
 std::shared_ptr<ZPILoggingChannel> ZPILoggingChannel::initWithLogFilePath(
     std::string filePath, const std::string& identifier, ZPKDataChannelPtr channel) {
@@ -53,8 +55,14 @@ ZPKDataPtr ZPILoggingChannel::takeHeldUnit() {
 
 void ZPILoggingChannel::logData(const ZPKDataPtr& data, std::string_view identifier) {
   if (data == nullptr || data->length() == 0) return;
+  const ZPILogTime now;
   ZPILogWriter& writer = _writers.ofThisProcess();
-  writer.addChunk(ZPILogChunk(ZPILogPrefix(identifier, writer.process()), data));
+  const ZPILogPrefix prefix{now.text(), identifier, writer.processText()};
+  if (ZPIIsValidUTF8(data->view())) {
+    writer.addChunk(prefix, data->view());
+  } else {
+    writer.addChunk(prefix, ZPKDataToString(data));
+  }
 }
 
 ZPILogFileHandlePtr ZPILoggingChannel::fileHandle() const {

@@ -39,11 +39,19 @@ class ZPIHeapVector {
   /// Appends `count` uninitialised values and returns a pointer to the first of them for the caller
   /// to set; valid until the next addition.
   T* extend(size_t count) {
-    if (count > _capacity - _size) grow(count);
+    reserve(count);
     T* const added = _values + _size;
     _size += count;
     return added;
   }
+
+  /// Makes room for `count` more values, so that appending them cannot fail.
+  void reserve(size_t count) {
+    if (count > _capacity - _size) grow(count);
+  }
+
+  /// Drops all values after the first `size`, if there are any, and keeps their memory.
+  void truncate(size_t size) { _size = std::min(_size, size); }
 
   /// Exchanges the contents of two vectors without copying them.
   void swap(ZPIHeapVector& other) noexcept {

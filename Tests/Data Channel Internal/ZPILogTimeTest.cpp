@@ -1,0 +1,107 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <time.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <future>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "Data Channel Internal/ZPILogTime.h"
+#include "Support/TestClock.h"
+
+using namespace support;
+
+namespace {
+
+using testing::MatchesRegex;
+
+// Sets the time zone of the process during its lifetime.
+class TimeZone {
+ public:
+  explicit TimeZone(const char* zone) {
+    if (const char* before = std::getenv("TZ")) _before = before;
+    set(zone);
+  }
+  TimeZone(const TimeZone&) = delete;
+  TimeZone& operator=(const TimeZone&) = delete;
+  ~TimeZone() {
+    if (_before.has_value()) {
+      set(_before->c_str());
+    } else {
+      ::unsetenv("TZ");
+    }
+  }
+
+  void set(const char* zone) { ::setenv("TZ", zone, 1); }
+
+ private:
+  std::optional<std::string> _before;
+};
+
+// 2024-05-01 at noon, plus this many microseconds.
+std::chrono::system_clock::time_point noonAnd(int64_t microseconds) {
+  constexpr std::chrono::seconds kNoon{1714564800};
+  return std::chrono::system_clock::time_point(kNoon + std::chrono::microseconds(microseconds));
+}
+
+// The present time as it stands in a log.
+std::string timeNow() { return std::string(ZPILogTime().text().substr(1, 23)); }
+
+TEST(ZPILogTimeTest, HasTheFormOfTheLog) {
+  EXPECT_THAT(std::string(ZPILogTime().text()),
+              MatchesRegex("\n[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}[.][0-9]{3} <"));
+}
+
+TEST(ZPILogTimeTest, KeepsItsTime) {
+  const TimeZone zone("UTC0");
+  TestClock clock;
+  clock.setWallTime(noonAnd(0));
+  const ZPILogTime time;
+  clock.advance(std::chrono::seconds(2));
+  EXPECT_EQ(time.text(), "\n2024-05-01 12:00:00.000 <");
+}
+TEST(ZPILogTimeTest, ShowsTheCurrentTimeInWholeMilliseconds) {
+  const TimeZone zone("UTC0");
+  TestClock clock;
+  clock.setWallTime(noonAnd(45999));
+  EXPECT_EQ(timeNow(), "2024-05-01 12:00:00.045");
+  clock.advance(std::chrono::microseconds(1));
+  EXPECT_EQ(timeNow(), "2024-05-01 12:00:00.046");
+  clock.advance(std::chrono::hours(12));
+  EXPECT_EQ(timeNow(), "2024-05-02 00:00:00.046");
+}
+
+TEST(ZPILogTimeTest, ShowsTheLocalTime) {
+  const TimeZone zone("AAA-05:30");
+  TestClock clock;
+  clock.setWallTime(noonAnd(1000));
+  // A new thread, which has not cached a second from a different zone.
+  std::async(std::launch::async, [] { EXPECT_EQ(timeNow(), "2024-05-01 17:30:00.001"); }).get();
+}
+
+TEST(ZPILogTimeTest, AChangedTimeZoneAppliesFromTheNextSecond) {
+  TimeZone zone("UTC0");
+  TestClock clock;
+  clock.setWallTime(noonAnd(10999000));
+  EXPECT_EQ(timeNow(), "2024-05-01 12:00:10.999");
+  zone.set("AAA-9");
+  EXPECT_EQ(timeNow(), "2024-05-01 12:00:10.999");
+  clock.advance(std::chrono::milliseconds(1));
+  EXPECT_EQ(timeNow(), "2024-05-01 21:00:11.000");
+}
+
+TEST(ZPILogTimeTest, NeverGoesBackWithinOneThread) {
+  const TimeZone zone("UTC0");
+  std::string last = timeNow();
+  for (int i = 0; i < 10000; ++i) {
+    std::string next = timeNow();
+    ASSERT_LE(last, next);
+    last = std::move(next);
+  }
+}
+
+}  // namespace
