@@ -10,8 +10,15 @@ cmake_path(RELATIVE_PATH zephalio_prefix_from_pc BASE_DIRECTORY ${pkgconfig_fold
 
 # `pkg-config --static` needs the names of the libraries that static ones depend on. Shared ones
 # have linked these themselves, and their users need not have them installed for development.
+#
+# LIBRARY is the library's name if it is not that of the file, LIBS is what its users always link.
 function(zephalio_install_pkgconfig name description)
-  cmake_parse_arguments(PARSE_ARGV 2 "" "" "REQUIRES;STATIC_REQUIRES" "")
+  cmake_parse_arguments(PARSE_ARGV 2 "" "" "LIBRARY;LIBS;REQUIRES;STATIC_REQUIRES" "")
+  set(library ${name})
+  if(_LIBRARY)
+    set(library ${_LIBRARY})
+  endif()
+  set(libs "${_LIBS}")
   set(requires "${_REQUIRES}")
   set(private_requires "")
   set(private_libs "")
@@ -31,6 +38,10 @@ function(zephalio_install_package)
               FILE ${library}-${component}.cmake DESTINATION ${zephalio_package_folder})
     endforeach()
   endforeach()
+  if(TARGET ZephalSimulator)
+    install(EXPORT ZephalSimulator NAMESPACE ZephalIO::
+            FILE ZephalSimulator.cmake DESTINATION ${zephalio_package_folder})
+  endif()
   string(TOLOWER "${zephalio_installed_types}" zephalio_components)
   write_basic_package_version_file(
     ${PROJECT_BINARY_DIR}/ZephalIOConfigVersion.cmake COMPATIBILITY SameMajorVersion)

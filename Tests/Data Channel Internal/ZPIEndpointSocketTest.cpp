@@ -14,6 +14,7 @@
 
 #include "Data Channel Internal/ZPIEndpointSocket.h"
 #include "Support/ErrorExpectations.h"
+#include "Support/EventWait.h"
 #include "Support/FullListener.h"
 #include "Support/OpenDescriptors.h"
 #include "Support/OrdinaryUser.h"

@@ -1,13 +1,22 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <stdexcept>
+#include <system_error>
+
 #include "Data Channel/ZPKDataChannel.h"
 #include "Support/SimulatedDevice.h"
+#include "Support/SystemCalls.h"
 
 using namespace support;
+using namespace std::chrono_literals;
 
 namespace {
 
+using Answer = SimulatedDevice::Answer;
 using Kind = SimulatedDevice::Kind;
 
 class SimulatedDeviceTest : public testing::TestWithParam<Kind> {
@@ -59,8 +68,7 @@ TEST_P(SimulatedDeviceTest, HangsUpInTheMiddleOfAnAnswer) {
   EXPECT_TRUE(channel->write(ZPKData::dataWithString("version\n")));
   std::string text;
   for (ZPKDataPtr data; (data = channel->readWithTimeout(30.0)) != nullptr;) text += data->view();
-  // A terminal drops unread bytes when its other end is closed.
-  EXPECT_TRUE(text == "1." || (GetParam() == Kind::kTerminal && text.empty())) << text;
+  EXPECT_EQ(text, "1.");
   EXPECT_FALSE(channel->isOpened());
 }
 
@@ -111,6 +119,71 @@ TEST_P(SimulatedDeviceTest, AcceptsTheNextConnectionAfterAHangUp) {
   EXPECT_FALSE(createBaseChannelWithTransport(device.url())->openWithTimeout(1.0));
 }
 
+TEST_P(SimulatedDeviceTest, RebootsAtTheSameURL) {
+  SimulatedDevice device(GetParam(), {.bootText = "booting\n"});
+  const std::string url = device.url();
+  for (int round = 0; round < 3; ++round) {
+    const auto channel = connectTo(device);
+    EXPECT_EQ(readUntil(channel, "=> "), "booting\n=> ");
+    device.reboot();
+    EXPECT_EQ(channel->readWithTimeout(30.0), nullptr);
+    EXPECT_TRUE(device.waitUntilOn());
+    EXPECT_EQ(device.url(), url);
+  }
+}
+
+TEST_P(SimulatedDeviceTest, IsGoneUntilItIsSwitchedOn) {
+  SimulatedDevice device(GetParam(), {.responses = {{"version", "1.0\n"}}});
+  device.send("lost");
+  device.powerOff();
+  EXPECT_FALSE(device.isOn());
+  EXPECT_TRUE(device.hasSentAll());
+  EXPECT_FALSE(device.waitUntilOn(1ms));
+  EXPECT_FALSE(createBaseChannelWithTransport(device.url())->openWithTimeout(1.0));
+  device.powerOn();
+  EXPECT_TRUE(device.isOn());
+  device.powerOn();
+  const auto channel = connectTo(device);
+  EXPECT_TRUE(channel->write(ZPKData::dataWithString("version\n")));
+  EXPECT_EQ(readUntil(channel, "=> "), "1.0\n=> ");
+  channel->close();
+}
+
+TEST_P(SimulatedDeviceTest, StaysAwayForTheGivenTime) {
+  SimulatedDevice device(GetParam());
+  const auto start = std::chrono::steady_clock::now();
+  device.reboot(100ms);
+  EXPECT_TRUE(device.waitUntilOn());
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 100ms);
+}
+
+TEST_P(SimulatedDeviceTest, RebootsOnCommand) {
+  SimulatedDevice device(
+      GetParam(), {.bootText = "booting\n", .responses = {{"reboot", Answer::reboot("bye\n")}}});
+  const auto channel = connectTo(device);
+  EXPECT_EQ(readUntil(channel, "=> "), "booting\n=> ");
+  EXPECT_TRUE(channel->write(ZPKData::dataWithString("reboot\n")));
+  EXPECT_EQ(readUntil(channel, "bye\n"), "bye\n");
+  EXPECT_EQ(channel->readWithTimeout(30.0), nullptr);
+  EXPECT_TRUE(device.waitUntilOn());
+  const auto again = connectTo(device);
+  EXPECT_EQ(readUntil(again, "=> "), "booting\n=> ");
+  again->close();
+}
+
+TEST_P(SimulatedDeviceTest, AFunctionMayCallTheDevice) {
+  SimulatedDevice device(GetParam());
+  device.setBehaviour({.respond = [&device](const std::string& command) {
+    device.send("heard ");
+    return command + ", number " + std::to_string(device.commands().size());
+  }});
+  const auto channel = connectTo(device);
+  EXPECT_TRUE(channel->write(ZPKData::dataWithString("you\n")));
+  EXPECT_EQ(readUntil(channel, "=> "), "heard you, number 0=> ");
+  EXPECT_THAT(device.unknownCommands(), testing::IsEmpty());
+  channel->close();
+}
+
 INSTANTIATE_TEST_SUITE_P(Kinds, SimulatedDeviceTest,
                          testing::Values(Kind::kTerminal, Kind::kTCP, Kind::kUnix),
                          [](const auto& kind) {
@@ -118,5 +191,38 @@ INSTANTIATE_TEST_SUITE_P(Kinds, SimulatedDeviceTest,
                                   : kind.param == Kind::kTCP    ? "TCP"
                                                                 : "Unix";
                          });
+
+TEST(SimulatedDeviceFailureTest, SaysWhyItCannotComeBack) {
+  SimulatedDevice device(Kind::kUnix);
+  device.powerOff();
+  std::filesystem::create_directory(device.path());
+  EXPECT_THROW(device.powerOn(), std::system_error);
+  EXPECT_FALSE(device.isOn());
+  std::filesystem::remove(device.path());
+  device.powerOn();
+  EXPECT_TRUE(device.isOn());
+}
+
+TEST(SimulatedDeviceFailureTest, RefusesATerminatorThatNeverEndsACommand) {
+  EXPECT_THROW(SimulatedDevice(Kind::kTCP, {.terminator = ""}), std::invalid_argument);
+  EXPECT_THROW(SimulatedDevice(Kind::kTCP, {.terminator = "\r", .translatesLineEnds = true}),
+               std::invalid_argument);
+  SimulatedDevice device(Kind::kTCP);
+  EXPECT_THROW(device.setBehaviour({.terminator = ""}), std::invalid_argument);
+}
+
+TEST(SimulatedDeviceThreadTest, TheThreadStartsWithTheGivenFunction) {
+  std::atomic<int> starts{0};
+  SimulatedDevice::setThreadStart([&starts] {
+    SystemCalls::exemptThisThread();
+    ++starts;
+  });
+  SimulatedDevice device(Kind::kTCP);
+  SimulatedDevice::setThreadStart(SystemCalls::exemptThisThread);
+  const auto channel = createBaseChannelWithTransport(device.url());
+  EXPECT_TRUE(channel->openWithTimeout(1.0));
+  EXPECT_TRUE(device.waitForConnections(1));
+  EXPECT_EQ(starts, 1);
+}
 
 }  // namespace
