@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -31,11 +30,6 @@
 using namespace support;
 
 namespace {
-
-size_t allocatedBytes() {
-  const auto info = ::mallinfo2();
-  return info.uordblks + info.hblkhd;
-}
 
 class ZPILogWriterTest : public testing::Test {
  protected:

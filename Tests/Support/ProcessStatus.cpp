@@ -1,5 +1,7 @@
 #include "Support/ProcessStatus.h"
 
+#include <malloc.h>
+
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -15,6 +17,11 @@ size_t processStatus(std::string_view name) {
     if (isWanted) return std::strtoul(line.c_str() + name.size() + 1, nullptr, 10);
   }
   return 0;
+}
+
+size_t allocatedBytes() {
+  const auto info = ::mallinfo2();
+  return info.uordblks + info.hblkhd;
 }
 
 bool isMemoryComparable() {

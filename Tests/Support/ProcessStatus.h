@@ -10,6 +10,10 @@ namespace support {
 /// name.
 size_t processStatus(std::string_view name);
 
+/// How many bytes of malloc's memory are in use; always 0 with AddressSanitizer, which has a heap
+/// of its own.
+size_t allocatedBytes();
+
 /// Whether the memory use of the process can be compared between two moments. A sanitizer keeps
 /// much of the freed memory.
 bool isMemoryComparable();

@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 
+#include "Utility/ZPISpareBlock.h"
 #include "Utility/ZPIWithoutSignalsOfWriting.h"
 #include "Utility/ZPKMutableData.h"
 
@@ -72,7 +73,13 @@ struct FreeDeleter {
 // Whether the descriptor was given up. Without a use it belongs to the caller and never is.
 bool isGivenUp(const Use* use) { return use != nullptr && !use->isHeld(); }
 
+ZPKDataPtr noBytes() {
+  ZPISpareBlock::drop();
+  return ZPKData::data();
+}
+
 ZPKDataPtr reportFailedRead(int number, ZPKErrorPtr* error) {
+  ZPISpareBlock::drop();
   ZPKReportFailure(error, kZPICommunicationDomain, 5, {"zephal_communication_read"},
                    "Read failed with error %s (%d)", ZPIErrorText(number), number);
   return nullptr;
@@ -87,21 +94,24 @@ bool reportFailedWrite(int number, ZPKErrorPtr* error) {
 ZPKDataPtr readFrom(int descriptor, const Use* use, double timeout, ZPKErrorPtr* error) {
   const int waiting = bytesWaiting(descriptor);
   const bool isNow = timeout == ZEPHAL_COMMUNICATION_TIME_NOW;
-  if (isNow && waiting <= 0) return ZPKData::data();
+  if (isNow && waiting <= 0) return noBytes();
   const size_t size = waiting <= 0 ? kReadSize : static_cast<size_t>(waiting);
   if (!isNow) {
+    // Such a wait may never end, and the block would be kept throughout.
+    if (waiting <= 0 && timeout == ZEPHAL_COMMUNICATION_TIME_FOREVER) ZPISpareBlock::drop();
     bool hasFailed = false;
     const bool isReadable = waitUntilReadable(descriptor, timeout, &hasFailed, error);
     if (hasFailed) return nullptr;
     if (isGivenUp(use)) return reportFailedRead(EBADF, error);
-    if (!isReadable) return ZPKData::data();
+    if (!isReadable) return noBytes();
   }
   // Not zeroed: read overwrites the bytes that are returned. A failed allocation fails the read.
-  std::unique_ptr<void, FreeDeleter> buffer(std::malloc(size));
+  const ZPISpareBlock::Room room = ZPISpareBlock::takeForRead(size);
+  std::unique_ptr<void, FreeDeleter> buffer(room.block);
   const auto [count, number] = read_with_retry(descriptor, buffer.get(), size);
   if (count <= 0) return reportFailedRead(number, error);
   ZPKDataPtr data =
-      ZPKMutableData::dataWithBytesNoCopy(buffer.get(), static_cast<size_t>(count), size);
+      ZPKMutableData::dataWithBytesNoCopy(buffer.get(), static_cast<size_t>(count), room.size);
   static_cast<void>(buffer.release());
   return data;
 }

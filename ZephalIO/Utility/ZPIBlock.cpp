@@ -5,6 +5,8 @@
 #include <cstring>
 #include <new>
 
+#include "Utility/ZPISpareBlock.h"
+
 namespace {
 
 constexpr size_t kSmallestCapacity = 32;
@@ -28,16 +30,20 @@ bool ZPIBlock::growAtEnd(Block& block, size_t count) {
     return true;
   }
   const size_t capacity = std::max({needed, block.length * 2, kSmallestCapacity});
-  if (block.head == 0 && !block.isWithinObject) {
+  const bool becomesLarge =
+      block.capacity < ZPISpareBlock::kSmallest && capacity >= ZPISpareBlock::kSmallest;
+  if (block.head == 0 && !block.isWithinObject && !becomesLarge) {
     auto* grown = static_cast<uint8_t*>(std::realloc(block.storage, capacity));
     if (grown == nullptr) throw std::bad_alloc();
     place(block, grown, block.length, capacity);
     return true;
   }
-  uint8_t* const fresh = allocate(capacity);
+  const auto [memory, size] = ZPISpareBlock::take(capacity);
+  if (memory == nullptr) throw std::bad_alloc();
+  auto* const fresh = static_cast<uint8_t*>(memory);
   if (block.length > 0) std::memcpy(fresh, block.storage + block.head, block.length);
-  if (!block.isWithinObject) std::free(block.storage);
-  place(block, fresh, block.length, capacity);
+  if (!block.isWithinObject) ZPISpareBlock::release(block.storage, block.capacity);
+  place(block, fresh, block.length, size);
   return true;
 }
 
@@ -60,7 +66,7 @@ bool ZPIBlock::releaseRoom(Block& block) {
     if (fresh == nullptr) return false;  // to keep the large block is only wasteful, not wrong
     std::memcpy(fresh, block.storage + block.head, block.length);
   }
-  std::free(block.storage);
+  ZPISpareBlock::release(block.storage, block.capacity);
   place(block, fresh, block.length, block.length);
   return true;
 }

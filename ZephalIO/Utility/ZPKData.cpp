@@ -6,6 +6,7 @@
 
 #include "Utility/ZPIByteSearch.h"
 #include "Utility/ZPIMakeSharedWithBytes.h"
+#include "Utility/ZPISpareBlock.h"
 #include "Utility/ZPIText.h"
 #include "Utility/ZPKMutableData.h"
 
@@ -47,7 +48,7 @@ ZPKDataPtr ZPKData::dataWithString(std::optional<std::string_view> string) {
 }
 
 ZPKData::~ZPKData() {
-  if (!_block.isWithinObject) std::free(_block.storage);
+  if (!_block.isWithinObject) ZPISpareBlock::release(_block.storage, _block.capacity);
 }
 
 ZPKDataPtr ZPKData::copy() const { return ZPKDataPtr(_self); }
