@@ -15,10 +15,12 @@ function slug(title) {
   return title
 }
 
-# What a link's target is called here; other targets stay.
+# What a link's target is called here. A picture or another site stays as it is; a file that is not
+# part of the reference has no name.
 function label(target,    name, place) {
   if (target ~ /^#/) return "@ref " page "_" substr(target, 2)
-  if (target ~ /:/ || target !~ /\.md(#.*)?$/) return target
+  if (target ~ /:|\.svg$/) return target
+  if (target !~ /\.md(#.*)?$/) return ""
   name = target
   sub(/#.*/, "", name)
   place = substr(target, length(name) + 2)
@@ -41,8 +43,12 @@ fenced || /^```/ { print; next }
   rest = $0
   line = ""
   while (match(rest, /\]\([^() ]*\)/)) {
-    line = line substr(rest, 1, RSTART + 1) label(substr(rest, RSTART + 2, RLENGTH - 3)) ")"
+    text = line substr(rest, 1, RSTART - 1)
+    target = label(substr(rest, RSTART + 2, RLENGTH - 3))
     rest = substr(rest, RSTART + RLENGTH)
+    if (target != "") text = text "](" target ")"
+    else sub(/\[[^[]*$/, "\001&", text) && sub(/\001\[/, "", text)
+    line = text
   }
   print line rest
 }
