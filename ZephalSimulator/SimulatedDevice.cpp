@@ -5,6 +5,7 @@
 
 #include "ConsolePlayer.h"
 #include "DeviceRunner.h"
+#include "RecordingPlayer.h"
 
 namespace zephal {
 
@@ -34,6 +35,11 @@ SimulatedDevice::SimulatedDevice(Place place, Behaviour behaviour)
     : _runner(std::make_unique<DeviceRunner>(std::move(place), std::move(behaviour),
                                              std::make_unique<ConsolePlayer>(),
                                              currentThreadStart())) {}
+
+SimulatedDevice::SimulatedDevice(Place place, DeviceRecording recording)
+    : _runner(std::make_unique<DeviceRunner>(
+          std::move(place), Behaviour(), std::make_unique<RecordingPlayer>(std::move(recording)),
+          currentThreadStart())) {}
 
 SimulatedDevice::~SimulatedDevice() = default;
 

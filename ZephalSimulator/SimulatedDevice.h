@@ -11,12 +11,14 @@
 #include "DeviceAnswer.h"
 #include "DeviceBehaviour.h"
 #include "DevicePlace.h"
+#include "DeviceRecording.h"
 
 namespace zephal {
 
 class DeviceRunner;
 
-/// A device with a text console, on a pseudo-terminal, a TCP port or a unix socket, for tests.
+/// A device with a text console, or one that plays a recording, on a pseudo-terminal, a TCP port or
+/// a unix socket, for tests.
 ///
 /// It reads commands, answers each with a text and the prompt, and can be told to misbehave. It
 /// runs on a thread of its own, which blocks all signals, serves one connection at a time and, when
@@ -50,6 +52,9 @@ class SimulatedDevice {
   explicit SimulatedDevice(Place place);
   /// A device that starts immediately and behaves as told.
   SimulatedDevice(Place place, Behaviour behaviour);
+  /// A device that starts immediately and plays a recording. Of a behaviour that is set later, only
+  /// `floods` has an effect.
+  SimulatedDevice(Place place, DeviceRecording recording);
   SimulatedDevice(const SimulatedDevice&) = delete;
   SimulatedDevice& operator=(const SimulatedDevice&) = delete;
   ~SimulatedDevice();
@@ -69,7 +74,8 @@ class SimulatedDevice {
   std::string received() const;
   /// The received commands, without their terminators. A user and a password are commands too.
   std::vector<std::string> commands() const;
-  /// Those of the commands that neither `responses` nor `respond` knows; an empty one is known.
+  /// Those of the commands that neither `responses` nor `respond`, or not the recording, knows. An
+  /// empty one is known to a console.
   std::vector<std::string> unknownCommands() const;
   /// How many connections were accepted; always 0 on a terminal.
   size_t connections() const;

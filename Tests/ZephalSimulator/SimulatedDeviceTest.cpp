@@ -8,8 +8,10 @@
 #include <system_error>
 
 #include "Data Channel/ZPKDataChannel.h"
+#include "Data Stack/ZPKCommStack.h"
 #include "Support/SimulatedDevice.h"
 #include "Support/SystemCalls.h"
+#include "Support/TemporaryFolder.h"
 
 using namespace support;
 using namespace std::chrono_literals;
@@ -191,6 +193,36 @@ INSTANTIATE_TEST_SUITE_P(Kinds, SimulatedDeviceTest,
                                   : kind.param == Kind::kTCP    ? "TCP"
                                                                 : "Unix";
                          });
+
+// Talks to a device with a raw log, and plays that log in the device's place.
+TEST(SimulatedDeviceRecordingTest, PlaysTheRawLogOfAStack) {
+  const support::TemporaryFolder folder;
+  const auto talkTo = [&](const SimulatedDevice& device, const char* log) {
+    std::string text;
+    const auto stack = ZPKCommStack::init();
+    stack->setDelimiter("=> ", nullptr);
+    stack->setLogFilePath(std::nullopt, folder.pathOf(log), nullptr);
+    EXPECT_TRUE(stack->createStackWithURL(device.url()));
+    EXPECT_TRUE(stack->openWithTimeout(std::nullopt, nullptr));
+    for (const char* command : {"version", "help", "version"}) {
+      text += stack->sendCommandString(command, 30.0, nullptr).value_or("no answer");
+    }
+    stack->close();
+    return text;
+  };
+  int count = 0;
+  SimulatedDevice real(Kind::kTCP, {.responses = {{"help", "one\n\n  two\n"}},
+                                    .respond = [&count](const std::string& /*command*/) {
+                                      return "1." + std::to_string(++count) + "\n";
+                                    }});
+  const std::string expected = talkTo(real, "real.log");
+  EXPECT_EQ(expected, "1.1\n=> one\n\n  two\n=> 1.2\n=> ");
+  for (const Kind kind : {Kind::kTerminal, Kind::kTCP, Kind::kUnix}) {
+    SimulatedDevice played(kind, zephal::DeviceRecording::fromRawLog(folder.pathOf("real.log")));
+    EXPECT_EQ(talkTo(played, "played.log"), expected);
+    EXPECT_THAT(played.unknownCommands(), testing::IsEmpty());
+  }
+}
 
 TEST(SimulatedDeviceFailureTest, SaysWhyItCannotComeBack) {
   SimulatedDevice device(Kind::kUnix);
