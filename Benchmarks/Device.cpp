@@ -10,7 +10,6 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -118,40 +117,7 @@ int acceptOn(int listener) {
   }
 }
 
-int openRaw(const std::string& path) {
-  const int fd = checked(::open(path.c_str(), O_RDWR | O_NOCTTY), "open pty");
-  termios attributes{};
-  ::tcgetattr(fd, &attributes);
-  ::cfmakeraw(&attributes);
-  ::tcsetattr(fd, TCSANOW, &attributes);
-  return fd;
-}
-
-sockaddr_un unixAddress(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  return address;
-}
-
-sockaddr_in loopback(int port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  return address;
-}
-
 }  // namespace
-
-const char* nameOf(Transport transport) {
-  switch (transport) {
-    case Transport::Tcp: return "TCP";
-    case Transport::Unix: return "unix";
-    case Transport::Pty: return "pty";
-  }
-  return "";
-}
 
 void pinTo(int cpu) {
   cpu_set_t set;
@@ -169,31 +135,12 @@ void letStandBack(pid_t process) {
   checked(::sched_setscheduler(process, SCHED_IDLE, &none), "sched_setscheduler");
 }
 
-Device::Device(Transport transport, int cpu, bool servesMany) : _transport(transport) {
-  static int counter = 0;
-  if (transport == Transport::Pty) {
-    _listener = checked(::posix_openpt(O_RDWR | O_NOCTTY), "posix_openpt");
-    ::grantpt(_listener);
-    ::unlockpt(_listener);
-    _path = ::ptsname(_listener);
-    _url = "uart://" + _path;
-    _keptSlave = openRaw(_path);  // reading a master without a slave reports a hang-up
-  } else if (transport == Transport::Unix) {
-    _path = "/tmp/zephalio-bench-" + std::to_string(::getpid()) + "-" + std::to_string(++counter);
-    _url = "unix://" + _path;
-    _listener = checked(::socket(AF_UNIX, SOCK_STREAM, 0), "socket");
-    const sockaddr_un address = unixAddress(_path);
-    checked(::bind(_listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), "bind");
-    checked(::listen(_listener, 1024), "listen");
-  } else {
-    _listener = checked(::socket(AF_INET, SOCK_STREAM, 0), "socket");
-    sockaddr_in address = loopback(0);
-    checked(::bind(_listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), "bind");
-    checked(::listen(_listener, 1024), "listen");
-    socklen_t length = sizeof address;
-    ::getsockname(_listener, reinterpret_cast<sockaddr*>(&address), &length);
-    _port = ntohs(address.sin_port);
-    _url = "tcp://127.0.0.1:" + std::to_string(_port);
+Device::Device(Transport transport, int cpu, bool servesMany) {
+  _endpoint.transport = transport;
+  switch (transport) {
+    case Transport::Pty: openTerminal(); break;
+    case Transport::Unix: listenOnPath(); break;
+    case Transport::Tcp: listenOnPort(); break;
   }
   _process = checked(::fork(), "fork");
   if (_process != 0) return;
@@ -210,23 +157,40 @@ Device::~Device() {
   ::waitpid(_process, nullptr, 0);
   ::close(_listener);
   if (_keptSlave >= 0) ::close(_keptSlave);
-  if (_transport == Transport::Unix) ::unlink(_path.c_str());
+  if (_endpoint.transport == Transport::Unix) ::unlink(_endpoint.path.c_str());
 }
 
 void Device::standBack() const { letStandBack(_process); }
 
-int Device::connect() const {
-  if (_transport == Transport::Pty) return openRaw(_path);
-  if (_transport == Transport::Unix) {
-    const int fd = checked(::socket(AF_UNIX, SOCK_STREAM, 0), "socket");
-    const sockaddr_un address = unixAddress(_path);
-    checked(::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), "connect");
-    return fd;
-  }
-  const int fd = checked(::socket(AF_INET, SOCK_STREAM, 0), "socket");
-  const sockaddr_in address = loopback(_port);
-  checked(::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), "connect");
-  const int on = 1;
-  ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  return fd;
+void Device::openTerminal() {
+  _listener = checked(::posix_openpt(O_RDWR | O_NOCTTY), "posix_openpt");
+  ::grantpt(_listener);
+  ::unlockpt(_listener);
+  _endpoint.path = ::ptsname(_listener);
+  // Reading a master without a slave reports a hang-up.
+  _keptSlave = openRawTerminal(_endpoint.path);
+}
+
+void Device::listenOnPath() {
+  static int counter = 0;
+  _endpoint.path =
+      "/tmp/zephalio-bench-" + std::to_string(::getpid()) + "-" + std::to_string(++counter);
+  _listener = checked(::socket(AF_UNIX, SOCK_STREAM, 0), "socket");
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, _endpoint.path.c_str(), sizeof address.sun_path - 1);
+  checked(::bind(_listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), "bind");
+  checked(::listen(_listener, 1024), "listen");
+}
+
+void Device::listenOnPort() {
+  _listener = checked(::socket(AF_INET, SOCK_STREAM, 0), "socket");
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  checked(::bind(_listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), "bind");
+  checked(::listen(_listener, 1024), "listen");
+  socklen_t length = sizeof address;
+  ::getsockname(_listener, reinterpret_cast<sockaddr*>(&address), &length);
+  _endpoint.port = ntohs(address.sin_port);
 }

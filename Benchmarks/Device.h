@@ -4,10 +4,7 @@
 
 #include <string>
 
-/// What a device is attached to.
-enum class Transport { Tcp, Unix, Pty };
-
-const char* nameOf(Transport transport);
+#include "Endpoint.h"
 
 /// A device in a process of its own, which answers every line that it receives:
 ///
@@ -30,19 +27,20 @@ class Device {
   ~Device();
 
   /// The URL of the device.
-  const std::string& url() const { return _url; }
+  std::string url() const { return _endpoint.url(); }
   /// Lets the device run only when nobody else wants its processor, so that it never answers before
   /// its client waits.
   void standBack() const;
   /// A plain file descriptor that talks to it, opened raw: for the loops that the library is
   /// compared with.
-  int connect() const;
+  int connect() const { return _endpoint.connect(); }
 
  private:
-  Transport _transport;
-  std::string _url;
-  std::string _path;
-  int _port = 0;
+  void openTerminal();
+  void listenOnPath();
+  void listenOnPort();
+
+  Endpoint _endpoint;
   int _listener = -1;
   int _keptSlave = -1;
   pid_t _process = -1;

@@ -1,0 +1,86 @@
+#include "Peers/LibeventPeer.h"
+
+#ifndef ZEPHALIO_PEERS_LIBEVENT
+
+PeerPtr openLibeventPeer(const Conversation& /*conversation*/) {
+  leaveContest("missing", "libevent-dev");
+}
+
+#else
+
+#include <event2/buffer.h>
+#include <event2/bufferevent.h>
+#include <event2/event.h>
+#include <event2/util.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+// One for all connections.
+event_base* base() {
+  static event_base* const base = event_base_new();
+  return base;
+}
+
+class LibeventPeer final : public Peer {
+ public:
+  explicit LibeventPeer(const Conversation& conversation) : _delimiter(conversation.delimiter) {
+    const int fd = conversation.device.connect();
+    evutil_make_socket_nonblocking(fd);
+    _event = bufferevent_socket_new(base(), fd, BEV_OPT_CLOSE_ON_FREE);
+    if (_event == nullptr) leaveContest("failed", "bufferevent_socket_new");
+    bufferevent_setcb(_event, nullptr, nullptr, reportEvent, nullptr);
+    const timeval timeout{kPeerTimeout, 0};
+    bufferevent_set_timeouts(_event, &timeout, nullptr);
+    if (conversation.isBulk()) bufferevent_set_max_single_read(_event, 65536);
+    bufferevent_enable(_event, EV_READ | EV_WRITE);
+  }
+
+  ~LibeventPeer() override { bufferevent_free(_event); }
+
+  void write(std::string_view command) override {
+    evbuffer* output = bufferevent_get_output(_event);
+    evbuffer_add(output, command.data(), command.size());
+    evbuffer_add(output, "\n", 1);
+  }
+
+  size_t readResponse() override {
+    evbuffer* input = bufferevent_get_input(_event);
+    size_t searched = 0;
+    for (;;) {
+      evbuffer_ptr start{};
+      evbuffer_ptr_set(input, &start, searched, EVBUFFER_PTR_SET);
+      const evbuffer_ptr found =
+          evbuffer_search(input, _delimiter.data(), _delimiter.size(), &start);
+      if (found.pos >= 0) return take(input, static_cast<size_t>(found.pos) + _delimiter.size());
+      const size_t length = evbuffer_get_length(input);
+      searched = length - std::min(length, _delimiter.size() - 1);
+      event_base_loop(base(), EVLOOP_ONCE);
+    }
+  }
+
+ private:
+  static size_t take(evbuffer* input, size_t length) {
+    const std::unique_ptr<char[]> response(new char[length]);
+    evbuffer_remove(input, response.get(), length);
+    useBytes(response.get());
+    return length;
+  }
+
+  static void reportEvent(bufferevent* /*event*/, short what, void* /*context*/) {
+    leaveContest("failed", (what & BEV_EVENT_TIMEOUT) != 0 ? "timeout" : "the connection ended");
+  }
+
+  std::string _delimiter;
+  bufferevent* _event = nullptr;
+};
+
+}  // namespace
+
+PeerPtr openLibeventPeer(const Conversation& conversation) {
+  return std::make_unique<LibeventPeer>(conversation);
+}
+
+#endif
