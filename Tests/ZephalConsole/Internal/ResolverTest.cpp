@@ -1,0 +1,47 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "ZephalConsole/Errors.h"
+#include "ZephalConsole/Internal/Resolver.h"
+
+namespace {
+
+using namespace zephal::internal;
+using namespace std::chrono_literals;
+
+std::atomic<uint64_t> cancels{0};
+
+TEST(Resolver, TakesNumericAddressesOfBothKinds) {
+  const Stop stop(Deadline::after(0s), cancels);
+  EXPECT_EQ(resolve("127.0.0.1", 80, stop, "tcp://x")->ai_family, AF_INET);
+  EXPECT_EQ(resolve("::1", 80, stop, "tcp://x")->ai_family, AF_INET6);
+}
+
+TEST(Resolver, LooksUpAName) {
+  const Stop stop(Deadline::after(20s), cancels);
+  EXPECT_NE(resolve("localhost", 80, stop, "tcp://x"), nullptr);
+}
+
+TEST(Resolver, SaysThatANameIsUnknown) {
+  const Stop stop(Deadline::after(20s), cancels);
+  try {
+    resolve("no-such-host.invalid", 80, stop, "tcp://x");
+    FAIL();
+  } catch (const zephal::OpenError& error) {
+    EXPECT_TRUE(std::string(error.what()).starts_with("tcp://x: cannot look up no-such-host"));
+  }
+}
+
+TEST(Resolver, GivesUpOnANameWhenItIsCancelled) {
+  const Stop stop(Deadline::after(1h), cancels);
+  ++cancels;
+  try {
+    resolve("no-such-host.invalid", 80, stop, "tcp://x");
+    FAIL();
+  } catch (const zephal::OpenError& error) {
+    EXPECT_TRUE(error.code() == ECANCELED || error.domain() == "getaddrinfo") << error.what();
+  }
+}
+
+}  // namespace

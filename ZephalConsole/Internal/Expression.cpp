@@ -1,0 +1,80 @@
+#include "ZephalConsole/Internal/Expression.h"
+
+#include <algorithm>
+#include <memory>
+#include <new>
+#include <stdexcept>
+
+#define PCRE2_CODE_UNIT_WIDTH 8
+#include <pcre2.h>
+
+namespace zephal {
+namespace {
+
+constexpr uint32_t kHeapLimitKiB = 20'000;
+
+// Steps that one beginning may take: enough to go over the text a few times, too few for an
+// expression that tries every way to cut it.
+uint32_t stepsFor(std::string_view text) {
+  constexpr size_t kLeast = 1'000'000;
+  constexpr size_t kMost = 100'000'000;
+  return static_cast<uint32_t>(std::min(kLeast + 4 * text.size(), kMost));
+}
+
+struct Free {
+  void operator()(pcre2_match_data* data) const { pcre2_match_data_free(data); }
+  void operator()(pcre2_match_context* context) const { pcre2_match_context_free(context); }
+};
+
+PCRE2_SPTR bytesOf(std::string_view text) { return reinterpret_cast<PCRE2_SPTR>(text.data()); }
+
+[[noreturn]] void refuse(std::string_view source, int code, size_t offset) {
+  PCRE2_UCHAR text[256] = {};
+  pcre2_get_error_message(code, text, sizeof text);
+  throw std::invalid_argument("not a regular expression: " + std::string(source) + ": " +
+                              reinterpret_cast<const char*>(text) + " at offset " +
+                              std::to_string(offset));
+}
+
+std::vector<std::pair<size_t, size_t>> groupsOf(pcre2_match_data* data) {
+  const PCRE2_SIZE* offsets = pcre2_get_ovector_pointer(data);
+  std::vector<std::pair<size_t, size_t>> groups(pcre2_get_ovector_count(data));
+  for (size_t i = 0; i < groups.size(); ++i) groups[i] = {offsets[2 * i], offsets[2 * i + 1]};
+  return groups;
+}
+
+}  // namespace
+
+Pattern::Expression::Expression(std::string_view source) : _source(source) {
+  int code = 0;
+  PCRE2_SIZE offset = 0;
+  // \C could end a match within a character, \K could move its beginning behind its end.
+  constexpr uint32_t kOptions = PCRE2_USE_OFFSET_LIMIT | PCRE2_NEVER_BACKSLASH_C;
+  _code = pcre2_compile(bytesOf(source), source.size(), kOptions, &code, &offset, nullptr);
+  if (_code == nullptr) refuse(source, code, offset);
+  // Without the just-in-time compiler the same results come more slowly.
+  pcre2_jit_compile(_code, PCRE2_JIT_COMPLETE | PCRE2_JIT_PARTIAL_HARD);
+}
+
+Pattern::Expression::~Expression() { pcre2_code_free(_code); }
+
+Pattern::Expression::Result Pattern::Expression::search(std::string_view text, size_t start,
+                                                        size_t lastStart, bool isWhole) const {
+  const std::unique_ptr<pcre2_match_data, Free> data(
+      pcre2_match_data_create_from_pattern(_code, nullptr));
+  const std::unique_ptr<pcre2_match_context, Free> context(pcre2_match_context_create(nullptr));
+  if (data == nullptr || context == nullptr) throw std::bad_alloc();
+  pcre2_set_match_limit(context.get(), stepsFor(text));
+  pcre2_set_heap_limit(context.get(), kHeapLimitKiB);
+  pcre2_set_offset_limit(context.get(), lastStart);
+  const int count = pcre2_match(_code, bytesOf(text), text.size(), start,
+                                isWhole ? 0 : PCRE2_PARTIAL_HARD, data.get(), context.get());
+  if (count == PCRE2_ERROR_NOMATCH) return {};
+  if (count == PCRE2_ERROR_NOMEMORY) throw std::bad_alloc();
+  const size_t begin = pcre2_get_ovector_pointer(data.get())[0];
+  if (count == PCRE2_ERROR_PARTIAL) return {Outcome::kPartial, begin};
+  if (count < 0) return {Outcome::kTooHard, start};
+  return {Outcome::kMatch, begin, groupsOf(data.get())};
+}
+
+}  // namespace zephal

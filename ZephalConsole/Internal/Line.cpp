@@ -1,0 +1,60 @@
+#include "ZephalConsole/Internal/Line.h"
+
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <utility>
+
+namespace zephal::internal {
+
+Line::Line(Descriptor descriptor, ZPKDataChannelPtr port)
+    : _descriptor(std::move(descriptor)), _port(std::move(port)) {}
+
+Line::~Line() {
+  if (_port == nullptr) return;
+  // The exclusive hold would outlast the port on a line that somebody else keeps open.
+  ::ioctl(_descriptor.number(), TIOCNXCL);
+  _port->close();
+}
+
+Line::ReadResult Line::read(char* buffer, size_t size, const Deadline& deadline,
+                            const Wakeup& wakeup) const {
+  const ReadResult present = readNow(buffer, size);
+  if (present.count > 0 || present.hasEnded) return present;
+  std::array<pollfd, 2> waiting{
+      {{_descriptor.number(), POLLIN, 0}, {wakeup.descriptor(), POLLIN, 0}}};
+  if (::poll(waiting.data(), waiting.size(), deadline.milliseconds()) <= 0) return {};
+  ReadResult result = waiting[0].revents == 0 ? ReadResult() : readNow(buffer, size);
+  result.isWoken = waiting[1].revents != 0;
+  return result;
+}
+
+Line::ReadResult Line::readNow(char* buffer, size_t size) const {
+  const ssize_t count = ::read(_descriptor.number(), buffer, size);
+  if (count > 0) return {.count = static_cast<size_t>(count)};
+  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return {};
+  // A terminal whose other end has gone reads EIO, which says less than that it has ended.
+  const bool saysWhy = count < 0 && !(_port != nullptr && errno == EIO);
+  return {.hasEnded = true, .error = saysWhy ? errno : 0};
+}
+
+ssize_t Line::writeSome(std::string_view bytes) const {
+  const int number = _descriptor.number();
+  const ssize_t count = _port != nullptr ? ::write(number, bytes.data(), bytes.size())
+                                         : ::send(number, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  return count < 0 && (errno == EAGAIN || errno == EINTR) ? 0 : count;
+}
+
+void Line::waitToWrite(bool orReadable, const Deadline& deadline, const Wakeup& wakeup) const {
+  const short events = orReadable ? POLLOUT | POLLIN : POLLOUT;
+  std::array<pollfd, 2> waiting{
+      {{_descriptor.number(), events, 0}, {wakeup.descriptor(), POLLIN, 0}}};
+  ::poll(waiting.data(), waiting.size(), deadline.milliseconds());
+}
+
+}  // namespace zephal::internal

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "ZPKDataChannel.h"
+#include "ZephalConsole/Internal/Descriptor.h"
+#include "ZephalConsole/Internal/Stop.h"
+#include "ZephalConsole/Internal/Wakeup.h"
+
+namespace zephal::internal {
+
+/// An open line to a device. One thread may read while another writes.
+class Line {
+ public:
+  /// `port` is, for a serial line, the channel that has configured it and closes it; else null.
+  Line(Descriptor descriptor, ZPKDataChannelPtr port);
+  Line(const Line&) = delete;
+  Line& operator=(const Line&) = delete;
+  ~Line();
+
+  struct ReadResult {
+    size_t count = 0;
+    bool hasEnded = false;
+    int error = 0;  // why it has ended, if the system says so
+    bool isWoken = false;
+  };
+  /// Reads what is there. If there is nothing, waits until there is, the deadline passes, or
+  /// `wakeup` is set, which it leaves set.
+  ReadResult read(char* buffer, size_t size, const Deadline& deadline, const Wakeup& wakeup) const;
+  /// Writes what the system accepts now, perhaps nothing; -1 with errno.
+  ssize_t writeSome(std::string_view bytes) const;
+  /// Waits until the line accepts or, if `orReadable`, has bytes, the deadline passes, or `wakeup`
+  /// is set.
+  void waitToWrite(bool orReadable, const Deadline& deadline, const Wakeup& wakeup) const;
+
+ private:
+  ReadResult readNow(char* buffer, size_t size) const;
+
+  const Descriptor _descriptor;
+  const ZPKDataChannelPtr _port;
+};
+
+}  // namespace zephal::internal

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace zephal::internal {
+
+/// The last bytes of a text, on one line, with control characters and bytes outside ASCII escaped
+/// as in a C string; "nothing" for an empty text.
+std::string readableEnd(std::string_view text);
+
+}  // namespace zephal::internal

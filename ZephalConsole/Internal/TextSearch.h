@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zephal::internal {
+
+/// Finds a text in a stream that grows: each byte is looked at one time (Knuth, Morris and Pratt),
+/// and while nothing of the text has begun, only for its first byte.
+class TextSearch {
+ public:
+  explicit TextSearch(std::string_view text);
+
+  /// Goes on with the next bytes; returns how many of them it took: all, or those up to the end of
+  /// the first occurrence.
+  size_t take(std::string_view bytes);
+  bool isFound() const { return _matched == _text.size(); }
+  /// How many bytes at the end of what was taken are, or begin, an occurrence.
+  size_t matched() const { return _matched; }
+  size_t length() const { return _text.size(); }
+  void reset() { _matched = 0; }
+
+ private:
+  const std::string _text;
+  std::vector<size_t> _fallback;  // by how much matched: how much of it begins the text again
+  size_t _matched = 0;
+};
+
+}  // namespace zephal::internal
