@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "Data Channel Internal/ZPICBORHead.h"
+#include "Utility/ZPIObjectPool.h"
 #include "Utility/ZPIText.h"
 #include "Utility/ZPKDictionary.h"
 #include "Utility/ZPKString.h"
@@ -242,7 +243,8 @@ class Decoder {
       nextKey(&top);
       return nullptr;
     }
-    ZPKObjectPtr dictionary = ZPKDictionary::init(std::move(top.entries));
+    // The check has made sure that the keys are in order and differ, and no value is null.
+    ZPKObjectPtr dictionary = _pool.makeWithKey<ZPKDictionary>(std::move(top.entries));
     _open.pop();
     return dictionary;
   }
@@ -259,7 +261,7 @@ class Decoder {
   }
 
   ZPKObjectPtr makeString(const ZPICBORHead& head) {
-    return ZPKString::init(std::string(take(head.argument)));
+    return _pool.makeWithKey<ZPKString>(std::string(take(head.argument)));
   }
 
   ZPKObjectPtr makeData(const ZPICBORHead& head) {
@@ -267,8 +269,8 @@ class Decoder {
     return ZPKData::dataWithBytes(bytes.data(), bytes.size());
   }
 
-  static ZPKObjectPtr makeNumber(const ZPICBORHead& head) {
-    const auto number = [](auto value) { return std::make_shared<const ZPKNumber>(value); };
+  ZPKObjectPtr makeNumber(const ZPICBORHead& head) {
+    const auto number = [this](auto value) { return _pool.make<ZPKNumber>(value); };
     if (head.kind == ZPICBORKind::Unsigned) return number(head.argument);
     if (head.kind == ZPICBORKind::Negative) return number(static_cast<int64_t>(~head.argument));
     if (head.information == kZPICBORNull) return nullptr;
@@ -278,6 +280,7 @@ class Decoder {
 
   std::string_view _rest;
   std::stack<OpenDictionary> _open;
+  ZPIObjectPool _pool;
   const ZPKValue _noValue{nullptr};  // the value of an entry until its own has been read
   const bool _takesDictionaries;
   const bool _takesStrings;

@@ -95,4 +95,6 @@ class ZPK_EXPORT ZPKDictionary final : public ZPKObject {
  private:
   // In the order of begin(), without repeated keys and nulls; changed only by the destructor.
   Entries _entries;
+
+  friend class ZPIObjectPool;
 };

@@ -35,4 +35,6 @@ class ZPK_EXPORT ZPKString final : public ZPKObject {
 
  private:
   const std::string _value;
+
+  friend class ZPIObjectPool;
 };
