@@ -5,7 +5,9 @@
 
 namespace {
 
+constexpr size_t kWord = sizeof(uint64_t);
 constexpr uint64_t kHighBits = 0x8080808080808080ULL;
+constexpr uint64_t kLowBits = kHighBits >> 7;
 
 template <class Word>
 Word load(const char* bytes) {
@@ -29,14 +31,13 @@ bool isShortASCII(std::string_view text) {
 // `at` are.
 bool endsInASCII(std::string_view text, size_t at) {
   if (at == text.size()) return true;
-  if (text.size() < sizeof(uint64_t)) return isShortASCII(text);
+  if (text.size() < kWord) return isShortASCII(text);
   // The last word of the text; its bytes before `at` are ASCII.
-  return (load<uint64_t>(text.data() + text.size() - sizeof(uint64_t)) & kHighBits) == 0;
+  return (load<uint64_t>(text.data() + text.size() - kWord) & kHighBits) == 0;
 }
 
 // The number of ASCII bytes at the start of `text`.
 size_t asciiLength(std::string_view text) {
-  constexpr size_t kWord = sizeof(uint64_t);
   constexpr size_t kBlock = 4 * kWord;
   size_t at = 0;
   for (; text.size() - at >= kBlock; at += kBlock) {
@@ -51,6 +52,13 @@ size_t asciiLength(std::string_view text) {
   if (text.size() - at < kWord && endsInASCII(text, at)) return text.size();
   while (isASCII(text[at])) ++at;  // ends: there is a byte that is not ASCII
   return at;
+}
+
+// The number of bytes in a word that continue a code point: their two high bits are 10. The product
+// has the sum of all bytes in its highest byte.
+size_t continuationBytes(uint64_t word) {
+  const uint64_t oneEach = (word >> 7) & ~(word >> 6) & kLowBits;
+  return static_cast<size_t>(oneEach * kLowBits >> 56);
 }
 
 // The length of the well-formed sequence of two or more bytes at the start of `text` (RFC 3629,
@@ -84,13 +92,21 @@ bool ZPIIsValidUTF8(std::string_view text) {
 }
 
 size_t ZPICodePointCount(std::string_view text) {
-  size_t count = 0;
-  for (const char byte : text) count += ZPIIsContinuationByte(byte) ? 0 : 1;
+  size_t count = text.size();
+  for (; text.size() >= kWord; text.remove_prefix(kWord)) {
+    count -= continuationBytes(load<uint64_t>(text.data()));
+  }
+  for (const char byte : text) count -= ZPIIsContinuationByte(byte) ? 1 : 0;
   return count;
 }
 
 size_t ZPIByteOffsetOfCodePoint(std::string_view text, uint64_t index) {
   size_t at = 0;
+  for (; text.size() - at >= kWord; at += kWord) {
+    const size_t starts = kWord - continuationBytes(load<uint64_t>(text.data() + at));
+    if (index < starts) break;
+    index -= starts;
+  }
   for (; at < text.size(); ++at) {
     if (ZPIIsContinuationByte(text[at])) continue;
     if (index == 0) return at;
