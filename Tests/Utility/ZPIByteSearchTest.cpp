@@ -105,6 +105,21 @@ TEST(ZPIByteSearchTest, AMatchIsFoundAtEveryPlaceAmongFalseStarts) {
   }
 }
 
+// Around the number of false starts at which the search changes its way, for needles of each
+// length.
+TEST(ZPIByteSearchTest, EveryShareOfFalseStartsFindsTheSame) {
+  for (size_t length = 2; length <= 12; ++length) {
+    const std::string needle = "a" + std::string(length - 1, 'b');
+    for (size_t distance = 1; distance <= 8 * length; ++distance) {
+      std::string text;
+      while (text.size() < 1000) text += "a" + std::string(distance - 1, 'x');
+      ASSERT_EQ(find(text, needle), ZPKNotFound) << length << " " << distance;
+      const size_t start = text.size();
+      ASSERT_EQ(find(text + needle + text, needle), start) << length << " " << distance;
+    }
+  }
+}
+
 // A quadratic search would take about 10^12 steps here, and the test would time out.
 TEST(ZPIByteSearchTest, FalseStartsEverywhereAreCheapWithALongNeedle) {
   const size_t length = size_t{8} << 20;

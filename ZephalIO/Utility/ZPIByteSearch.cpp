@@ -1,17 +1,17 @@
 #include "Utility/ZPIByteSearch.h"
 
-#include <algorithm>
 #include <cstring>
 
 #include "Utility/ZPKTypes.h"
 
 namespace {
 
-// memchr needs a tenth of an instruction per byte and memmem eight, but with memchr every false
-// start costs a new call. At about one false start in 32 bytes both cost the same; the slack keeps
-// short buffers on memchr.
-constexpr size_t kBytesPerFalseStart = 32;
-constexpr size_t kSlackBytes = 256;
+// memchr needs a tenth of an instruction per byte, but each false start costs some 60 and the
+// comparison. memmem needs eight per byte for a needle of two bytes, and the fewer the longer the
+// needle. Where there is one false start in so many lengths of the needle, both cost about the
+// same. The slack keeps short buffers on memchr.
+constexpr uint64_t kNeedlesPerFalseStart = 6;
+constexpr uint64_t kSlackBytes = 256;
 
 }  // namespace
 
@@ -24,10 +24,9 @@ uint64_t ZPIFindBytes(const uint8_t* bytes, size_t length, const uint8_t* needle
     return static_cast<size_t>(static_cast<const uint8_t*>(found) - bytes);
   }
   const uint8_t* const lastStart = bytes + (length - needleLength);
-  // A false start compares up to the whole needle, so a long needle is allowed fewer of them.
-  const size_t bytesPerFalseStart = std::max(kBytesPerFalseStart, needleLength);
+  const uint64_t bytesPerFalseStart = kNeedlesPerFalseStart * needleLength;
   const uint8_t* at = bytes;
-  for (size_t falseStarts = 0; at <= lastStart; ++falseStarts, ++at) {
+  for (uint64_t falseStarts = 0; at <= lastStart; ++falseStarts, ++at) {
     const size_t scanned = static_cast<size_t>(at - bytes);
     if (falseStarts * bytesPerFalseStart > scanned + kSlackBytes) break;
     at = static_cast<const uint8_t*>(
