@@ -53,11 +53,17 @@ class Conversation {
 
   void addAnswer(const RawLogEntry& entry, bool continues) {
     if (_exchanges.empty()) _exchanges.emplace_back();
+    if (isPromptOnItsOwn(entry)) continues = false;
     auto& answer = _exchanges.back().answer;
     if (!continues) answer.push_back({"", pauseBefore(entry)});
     std::string& bytes = answer.back().bytes;
     if (continues) bytes += _options.lineEnd;
     bytes += entry.text;
+  }
+
+  bool isPromptOnItsOwn(const RawLogEntry& entry) const {
+    return !entry.text.empty() && entry.text == _options.prompt && _last.has_value() &&
+           _last->text.empty();
   }
 
   // Never less than none: local time may be set back.

@@ -11,6 +11,10 @@ namespace zephal {
 struct RawLogOptions {
   /// What the device sends for each line break, since a log does not tell CR LF, CR and LF apart.
   std::string lineEnd = "\n";
+  /// The device's prompt, if it sends it in a piece of its own. Two pieces of the same millisecond
+  /// look in a log as if there was an empty line between them; with the prompt here, it is known
+  /// that there was none.
+  std::string prompt = {};
   /// Sends each piece as long after the one before it, or after the request, as it came then.
   /// Otherwise everything is sent immediately.
   bool keepsPauses = false;
@@ -53,8 +57,8 @@ class DeviceRecording {
   ///
   /// A log does not say everything. Bytes that were not UTF-8 stand there in hexadecimal, such as
   /// "<ff0a>", and are played as that text. Lines with the same time are taken for one piece with
-  /// line breaks in it; if two pieces came in the same millisecond, there is one line break too
-  /// many between them. Where a connection ended is not in the log.
+  /// line breaks in it: of two pieces in the same millisecond, the second begins on a new line,
+  /// except for the prompt. Where a connection ended is not in the log.
   static DeviceRecording fromRawLog(const std::string& path,
                                     const RawLogOptions& options = RawLogOptions());
 

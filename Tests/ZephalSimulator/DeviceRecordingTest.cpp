@@ -72,6 +72,16 @@ TEST_F(DeviceRecordingTest, LineEndsAndPausesAreAsAsked) {
   EXPECT_EQ(slow.answer[1].pause, 0ms);
 }
 
+TEST_F(DeviceRecordingTest, AKnownPromptBeginsNoNewLine) {
+  const std::vector<std::string> entries = {
+      "12:00:00.000 <pre--write>[1]: a", "12:00:00.000 <pre---read>[1]: b",
+      "12:00:00.000 <pre---read>[1]: ",  "12:00:00.000 <pre---read>[1]: c",
+      "12:00:00.000 <pre---read>[1]: ",  "12:00:00.000 <pre---read>[1]: => "};
+  EXPECT_THAT(textsOf(recordingOf(entries).exchanges()[0]), ElementsAre("b\n\nc\n\n=> "));
+  EXPECT_THAT(textsOf(recordingOf(entries, {.prompt = "=> "}).exchanges()[0]),
+              ElementsAre("b\n\nc\n", "=> "));
+}
+
 TEST_F(DeviceRecordingTest, OnlyEntriesWithTheIdentifierCount) {
   const std::vector<std::string> entries = {"12:00:00.000 <pre--write>[1]: a",
                                             "12:00:00.000 <post-write>[1]: b",
