@@ -1,7 +1,9 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <utility>
 
@@ -33,14 +35,16 @@ class ZPIObjectPool {
   }
 
  private:
+  // Of the objects; those of the library need no more.
+  static constexpr size_t kAlignment = std::max(alignof(uint64_t), alignof(void*));
+
   // Begins a block.
-  struct Block {
+  struct alignas(kAlignment) Block {
     std::atomic<size_t> users;
   };
 
-  // Each object follows a pointer to its block.
-  using Owner = Block*;
-  static constexpr size_t kAlignment = alignof(Owner);
+  // The place of a pointer to the block, in front of each object.
+  static Block** ownerOf(void* object) { return static_cast<Block**>(object) - 1; }
 
   template <class T>
   class Allocator {
@@ -55,9 +59,7 @@ class ZPIObjectPool {
       static_assert(alignof(T) <= kAlignment);
       return static_cast<T*>(_pool->allocate(count * sizeof(T)));
     }
-    void deallocate(T* object, size_t /*count*/) {
-      leave(*(reinterpret_cast<Owner*>(object) - 1), 1);
-    }
+    void deallocate(T* object, size_t /*count*/) { leave(*ownerOf(object), 1); }
 
     ZPIObjectPool* pool() const { return _pool; }
     friend bool operator==(const Allocator&, const Allocator&) { return true; }
@@ -67,14 +69,14 @@ class ZPIObjectPool {
   };
 
   void* allocate(size_t size) {
-    size = sizeof(Owner) + (size + kAlignment - 1) / kAlignment * kAlignment;
+    size = kAlignment + (size + kAlignment - 1) / kAlignment * kAlignment;
     if (size > _room) startBlock(size);
-    auto* const owner = reinterpret_cast<Owner*>(_next);
-    *owner = _block;
+    void* const object = _next + kAlignment;
+    *ownerOf(object) = _block;
     _next += size;
     _room -= size;
     ++_count;
-    return owner + 1;
+    return object;
   }
 
   void startBlock(size_t size);
