@@ -13,7 +13,7 @@ PeerPtr openLibeventPeer(const Conversation& /*conversation*/) {
 #include <event2/event.h>
 #include <event2/util.h>
 
-#include <algorithm>
+#include <memory>
 #include <utility>
 
 namespace {
@@ -34,11 +34,13 @@ class LibeventPeer final : public Peer {
     bufferevent_setcb(_event, nullptr, nullptr, reportEvent, nullptr);
     const timeval timeout{kPeerTimeout, 0};
     bufferevent_set_timeouts(_event, &timeout, nullptr);
-    if (conversation.isBulk()) bufferevent_set_max_single_read(_event, 65536);
     bufferevent_enable(_event, EV_READ | EV_WRITE);
   }
 
-  ~LibeventPeer() override { bufferevent_free(_event); }
+  ~LibeventPeer() override {
+    bufferevent_free(_event);
+    evbuffer_free(_begun);
+  }
 
   void write(std::string_view command) override {
     evbuffer* output = bufferevent_get_output(_event);
@@ -48,25 +50,30 @@ class LibeventPeer final : public Peer {
 
   size_t readResponse() override {
     evbuffer* input = bufferevent_get_input(_event);
-    size_t searched = 0;
     for (;;) {
-      evbuffer_ptr start{};
-      evbuffer_ptr_set(input, &start, searched, EVBUFFER_PTR_SET);
       const evbuffer_ptr found =
-          evbuffer_search(input, _delimiter.data(), _delimiter.size(), &start);
+          evbuffer_search(input, _delimiter.data(), _delimiter.size(), nullptr);
       if (found.pos >= 0) return take(input, static_cast<size_t>(found.pos) + _delimiter.size());
-      const size_t length = evbuffer_get_length(input);
-      searched = length - std::min(length, _delimiter.size() - 1);
+      putAside(input);
       event_base_loop(base(), EVLOOP_ONCE);
     }
   }
 
  private:
-  static size_t take(evbuffer* input, size_t length) {
-    const std::unique_ptr<char[]> response(new char[length]);
-    evbuffer_remove(input, response.get(), length);
+  // What was searched is moved, which copies next to nothing, and not searched again.
+  void putAside(evbuffer* input) {
+    const size_t length = evbuffer_get_length(input);
+    if (length < _delimiter.size()) return;
+    evbuffer_remove_buffer(input, _begun, length - (_delimiter.size() - 1));
+  }
+
+  size_t take(evbuffer* input, size_t length) {
+    const size_t begun = evbuffer_get_length(_begun);
+    const std::unique_ptr<char[]> response(new char[begun + length]);
+    evbuffer_remove(_begun, response.get(), begun);
+    evbuffer_remove(input, response.get() + begun, length);
     useBytes(response.get());
-    return length;
+    return begun + length;
   }
 
   static void reportEvent(bufferevent* /*event*/, short what, void* /*context*/) {
@@ -75,6 +82,7 @@ class LibeventPeer final : public Peer {
 
   std::string _delimiter;
   bufferevent* _event = nullptr;
+  evbuffer* const _begun = evbuffer_new();  // of a response whose end has not come
 };
 
 }  // namespace

@@ -2,6 +2,6 @@
 
 #include "Peers/Peer.h"
 
-/// A bufferevent of libevent with a read timeout. A response is found with evbuffer_search and
-/// removed from the buffer; the loop runs until there is one.
+/// A bufferevent of libevent with a read timeout. The loop runs until evbuffer_search finds the end
+/// of a response, and evbuffer_remove takes it.
 PeerPtr openLibeventPeer(const Conversation& conversation);
