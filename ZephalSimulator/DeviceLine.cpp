@@ -12,7 +12,9 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
@@ -72,6 +74,21 @@ void makeRaw(int terminal) {
   checkedCall(::tcsetattr(terminal, TCSANOW, &attributes), "tcsetattr");
 }
 
+// A path as a URL has it.
+std::string escaped(const std::string& path) {
+  constexpr std::string_view kPlain = "/-._~";
+  std::string text;
+  for (const char byte : path) {
+    const auto number = static_cast<unsigned char>(byte);
+    const bool isPlain =
+        (number < 0x80 && std::isalnum(number) != 0) || kPlain.find(byte) != std::string_view::npos;
+    char code[4];
+    std::snprintf(code, sizeof code, "%%%02X", number);
+    text += isPlain ? std::string(1, byte) : code;
+  }
+  return text;
+}
+
 bool mustTryAgain() { return errno == EAGAIN || errno == EINTR; }
 
 }  // namespace
@@ -87,7 +104,8 @@ DeviceLine::DeviceLine(DevicePlace place) : _place(std::move(place)) {
     _folder = makeTemporaryFolder();
     _place.path = _folder + (isTerminal ? "/tty" : "/socket");
   }
-  _url = (isTerminal ? "uart://" : "unix://") + _place.path;
+  _place.path = std::filesystem::absolute(_place.path).string();
+  _url = (isTerminal ? "uart://" : "unix://") + escaped(_place.path);
 }
 
 DeviceLine::~DeviceLine() {

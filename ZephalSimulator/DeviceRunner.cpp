@@ -117,6 +117,13 @@ bool DeviceRunner::isOn() const {
   return _isOn;
 }
 
+void DeviceRunner::forgetReceived() {
+  const std::lock_guard guard(_mutex);
+  _received.clear();
+  _commands.clear();
+  _unknownCommands.clear();
+}
+
 bool DeviceRunner::waitForReceived(std::string_view bytes, Milliseconds limit) const {
   return waitOn([this, bytes] { return _received.find(bytes) != std::string::npos; }, limit);
 }
@@ -167,7 +174,7 @@ void DeviceRunner::endConnection(DeviceEnding ending) {
     addStep({.ending = ending});
   }
   wake();
-  waitOn([this, endings] { return _endings > endings; }, SimulatedDevice::kPatience);
+  waitFor("end its connection", [this, endings] { return _endings > endings; });
 }
 
 void DeviceRunner::stopListening() {
@@ -182,7 +189,7 @@ void DeviceRunner::powerOff(std::optional<Milliseconds> away) {
     _away = away;
   }
   wake();
-  waitOn([this] { return !_mustGoOff; }, SimulatedDevice::kPatience);
+  waitFor("go off", [this] { return !_mustGoOff; });
 }
 
 void DeviceRunner::powerOn() {
@@ -370,6 +377,12 @@ void DeviceRunner::wake() const {
   const char token = 0;
   // A full pipe wakes the thread as well.
   [[maybe_unused]] const ssize_t written = ::write(_wakeWrite, &token, 1);
+}
+
+// Waits for something that this device does, `what`; throws if it does not.
+void DeviceRunner::waitFor(const char* what, const std::function<bool()>& condition) const {
+  if (waitOn(condition, SimulatedDevice::kPatience)) return;
+  throw std::runtime_error("simulated device: " + _line.url() + " did not " + what + " in time");
 }
 
 bool DeviceRunner::waitOn(const std::function<bool()>& condition, Milliseconds limit) const {

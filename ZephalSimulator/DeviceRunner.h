@@ -46,6 +46,7 @@ class DeviceRunner {
   size_t connections() const;
   bool hasSentAll() const;
   bool isOn() const;
+  void forgetReceived();
 
   bool waitForReceived(std::string_view bytes, Milliseconds limit) const;
   bool waitForCommands(size_t count, Milliseconds limit) const;
@@ -81,6 +82,7 @@ class DeviceRunner {
   void endConnection(DeviceEnding ending);
   void addStep(DeviceStep step);
   void wake() const;
+  void waitFor(const char* what, const std::function<bool()>& condition) const;
   bool waitOn(const std::function<bool()>& condition, Milliseconds limit) const;
 
   const std::function<void()> _threadStart;

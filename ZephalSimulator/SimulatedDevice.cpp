@@ -80,6 +80,7 @@ bool SimulatedDevice::waitUntilOn(std::chrono::milliseconds limit) const {
   return _runner->waitUntilOn(limit);
 }
 
+void SimulatedDevice::forgetReceived() { _runner->forgetReceived(); }
 void SimulatedDevice::send(std::string_view bytes) { _runner->send(bytes); }
 void SimulatedDevice::hangUp() { _runner->hangUp(); }
 void SimulatedDevice::resetConnection() { _runner->resetConnection(); }

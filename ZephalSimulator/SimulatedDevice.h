@@ -81,6 +81,9 @@ class SimulatedDevice {
   size_t connections() const;
   /// Whether everything has been sent.
   bool hasSentAll() const;
+  /// Forgets what has been received: bytes, commands and unknown commands. A device that runs for
+  /// hours otherwise needs memory for all of it.
+  void forgetReceived();
 
   /// Waits until these bytes have been received; false if that does not happen within `limit`. So
   /// do the others below.
@@ -96,7 +99,8 @@ class SimulatedDevice {
 
   /// Sends bytes unasked, unchanged. Without a connection they wait for one.
   void send(std::string_view bytes);
-  /// Ends the connection once everything is sent, and returns when that is done. A terminal is then
+  /// Ends the connection once everything is sent, and returns when that is done; throws if it takes
+  /// longer than kPatience. A terminal is then
   /// gone until powerOn or reboot; since that takes away what the peer has not read, it has two
   /// seconds to do so. Elsewhere the next peer can connect.
   void hangUp();

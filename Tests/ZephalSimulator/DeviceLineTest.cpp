@@ -92,6 +92,17 @@ TEST(DeviceLinePlaceTest, APlaceMayBeGiven) {
   EXPECT_TRUE(canBeOpened(local));
 }
 
+TEST(DeviceLinePlaceTest, AnyPathMakesAURL) {
+  const support::TemporaryFolder folder;
+  for (const char* name : {"with a blank", "100%", "what?x=1#y", "\xC3\xBC"}) {
+    DeviceLine terminal(DevicePlace::terminalAt(folder.pathOf(name)));
+    terminal.appear();
+    EXPECT_TRUE(canBeOpened(terminal)) << terminal.url();
+  }
+  const DeviceLine relative(DevicePlace::unixAt("socket"));
+  EXPECT_EQ(relative.url(), "unix://" + std::filesystem::current_path().string() + "/socket");
+}
+
 TEST(DeviceLinePlaceTest, WhatIsInTheWayStays) {
   const support::TemporaryFolder folder;
   const std::string path = folder.pathOf("taken");

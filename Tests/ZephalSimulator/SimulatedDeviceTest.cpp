@@ -224,6 +224,20 @@ TEST(SimulatedDeviceRecordingTest, PlaysTheRawLogOfAStack) {
   }
 }
 
+TEST(SimulatedDeviceRecordTest, ForgetsWhatItReceived) {
+  SimulatedDevice device(Kind::kUnix);
+  const auto channel = createBaseChannelWithTransport(device.url());
+  ASSERT_TRUE(channel->openWithTimeout(1.0));
+  EXPECT_TRUE(channel->write(ZPKData::dataWithString("first\n")));
+  EXPECT_TRUE(device.waitForCommands(1));
+  device.forgetReceived();
+  EXPECT_EQ(device.received(), "");
+  EXPECT_TRUE(channel->write(ZPKData::dataWithString("second\n")));
+  EXPECT_TRUE(device.waitForCommands(1));
+  EXPECT_THAT(device.commands(), testing::ElementsAre("second"));
+  EXPECT_THAT(device.unknownCommands(), testing::ElementsAre("second"));
+}
+
 TEST(SimulatedDeviceFailureTest, SaysWhyItCannotComeBack) {
   SimulatedDevice device(Kind::kUnix);
   device.powerOff();
