@@ -42,7 +42,7 @@ ZPKDataPtr packetOf(const char* text, int32_t width) {
 
 // Times and processes differ from run to run.
 std::string withoutTimes(const std::string& log) {
-  const std::regex time("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}|\\[\\d+\\]");
+  const std::regex time(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}|\[\d+\])");
   return std::regex_replace(log, time, "#");
 }
 

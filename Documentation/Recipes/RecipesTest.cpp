@@ -21,7 +21,6 @@
 
 namespace {
 
-using zephal::DeviceBehaviour;
 using zephal::DeviceKind;
 using zephal::DeviceLogin;
 using zephal::SimulatedDevice;

@@ -24,7 +24,7 @@ class BoundedChannel final : public ZPKDataChannel {
     return _channel->write(data, error);
   }
   ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) override {
-    const ZPKDataPtr data = _channel->readWithTimeout(timeout, error);
+    ZPKDataPtr data = _channel->readWithTimeout(timeout, error);
     if (data == nullptr || (_sinceLastWrite += data->length()) <= _limit) return data;
     _channel->close();
     if (error != nullptr) {

@@ -22,6 +22,7 @@ std::string versionOf(const std::string& url) {
 int main(int count, char** arguments) {
   const std::vector<std::string> urls(arguments + 1, arguments + count);
   std::vector<std::future<std::string>> versions;
+  versions.reserve(urls.size());
   for (const std::string& url : urls) {
     versions.push_back(std::async(std::launch::async, versionOf, url));
   }
