@@ -11,7 +11,7 @@ using Clock = std::chrono::steady_clock;
 std::optional<std::string> bootLog(ZPKCommStack& stack, const std::string& url, double seconds) {
   const auto end = Clock::now() + std::chrono::duration<double>(seconds);
   while (Clock::now() < end) {
-    // To create the stack again drops what the old connection has left behind.
+    // Creating the stack again drops what the old connection has left behind.
     if (stack.isOpen() == 0 &&
         (!stack.createStackWithURL(url) || !stack.openWithTimeout(std::nullopt))) {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));

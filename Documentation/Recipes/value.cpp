@@ -14,7 +14,7 @@ int main(int, char** arguments) {
     return 1;
   }
 
-  // The first group of the pattern is what comes back.
+  // The result is the first group of the pattern.
   const auto celsius = ZPKRegex::initWithPattern("([-0-9.]+) C", &error);
   const std::optional<std::string> text =
       stack->sendCommandStringWithEchoRemoval("temperature", celsius, 10.0, &error);
