@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <optional>
@@ -45,6 +46,9 @@ struct ConsoleOptions {
   /// The chip identifier (ECID) of the one device that may answer; see
   /// ZPKECIDSwapDetectTransformer.
   std::optional<uint64_t> ecid = std::nullopt;
+  /// Asked on the thread of an operation that waits, ten times a second and after a signal handler
+  /// has run on that thread. True ends the operation with Cancelled. It must not use the console.
+  std::function<bool()> isInterrupted = {};
 };
 
 /// The result of `run`.

@@ -348,6 +348,15 @@ TEST(Console, CancelsOperationsThatWaitForTheirTurnToo) {
   for (std::thread& thread : threads) thread.join();
 }
 
+TEST(Console, IsInterruptedByItsCallersFunction) {
+  Device device(DeviceKind::kUnix, {.isSilent = true});
+  int asked = 0;
+  Console dut(device.url(),
+              {.prompt = "=> ", .timeout = 1h, .isInterrupted = [&] { return ++asked == 3; }});
+  EXPECT_THROW(dut.ask("version"), Cancelled);
+  EXPECT_EQ(asked, 3);
+}
+
 TEST(Console, IgnoresACancelThatCameBeforeTheOperation) {
   Device device(DeviceKind::kUnix, {.responses = {{"version", "1.0\n"}}});
   Console dut(device.url(), patient());

@@ -129,7 +129,7 @@ std::vector<TimedLine> Console::Session::record(Seconds duration) {
     checkDevice(turn.lock);
     checkCancelled(stop);
     if (_receiver.hasEnded(turn.lock)) throwDisconnected(turn.lock, "the end of a recording", 0);
-    _receiver.receive(turn.lock, stop.deadline());
+    receive(turn.lock, stop.deadline());
   }
   internal::Inbox& inbox = _receiver.inbox(turn.lock);
   std::vector<TimedLine> lines;
@@ -158,6 +158,19 @@ Console::Session::Stop Console::Session::stopAfter(std::optional<Seconds> timeou
   return Stop(Deadline::after(timeout.value_or(_options.timeout)), _cancels);
 }
 
+// Whoever can be interrupted does not wait for long without asking.
+Deadline Console::Session::slice(Deadline until) const {
+  constexpr std::chrono::milliseconds kSlice(100);
+  if (!_options.isInterrupted) return until;
+  return Deadline(std::min(until.time(), Deadline::after(kSlice).time()));
+}
+
+bool Console::Session::receive(Lock& lock, const Deadline& until) {
+  if (_receiver.receive(lock, slice(until))) return true;
+  checkInterrupted(lock);
+  return false;
+}
+
 void Console::Session::takeTurn(const Stop& stop) {
   std::unique_lock lock(_turnMutex);
   while (_isTaken) {
@@ -165,7 +178,8 @@ void Console::Session::takeTurn(const Stop& stop) {
     if (stop.deadline().hasPassed()) {
       throw Timeout("timed out", ErrorCode::kTimeout, _url, "another operation to end", "");
     }
-    _turnChanged.wait_until(lock, stop.deadline().time());
+    _turnChanged.wait_until(lock, slice(stop.deadline()).time());
+    if (_options.isInterrupted && _options.isInterrupted()) throwCancelled();
   }
   checkCancelled(stop);
   _isTaken = true;
@@ -205,7 +219,7 @@ Hit Console::Session::find(Lock& lock, const std::vector<Pattern>& patterns, con
     if (hasEnded) throwDisconnected(lock, describe(patterns), _receiver.endError(lock));
     checkCancelled(stop);
     if (isLast) throwTimeout(lock, describe(patterns));
-    const bool hasArrived = _receiver.receive(lock, nextLook(lock, matcher, stop));
+    const bool hasArrived = receive(lock, nextLook(lock, matcher, stop));
     isLast = stop.deadline().hasPassed();
     const bool isQuiet =
         !hasArrived && Deadline::Clock::now() >= _receiver.lastByte(lock) + quietTime();
@@ -291,7 +305,7 @@ void Console::Session::skipEcho(Lock& lock, std::string_view command, const Stop
     const bool mayBecomeQuiet = !isQuiet && !inbox.text().empty();
     const auto until =
         mayBecomeQuiet ? std::min(quietAt, stop.deadline().time()) : stop.deadline().time();
-    const bool hasArrived = _receiver.receive(lock, Deadline(until));
+    const bool hasArrived = receive(lock, Deadline(until));
     isQuiet = !hasArrived && Deadline::Clock::now() >= quietAt;
   }
 }
@@ -385,7 +399,8 @@ size_t Console::Session::transmitSome(Lock& lock, std::string_view bytes) {
 void Console::Session::waitToTransmit(Lock& lock, const Stop& stop) {
   checkCancelled(stop);
   if (stop.deadline().hasPassed()) throwTimeout(lock, "the device to accept bytes");
-  _receiver.waitToWrite(lock, stop.deadline());
+  _receiver.waitToWrite(lock, slice(stop.deadline()));
+  checkInterrupted(lock);
 }
 
 // ---- opening and closing ----
@@ -425,6 +440,7 @@ void Console::Session::openUntil(Lock& lock, const Stop& stop) {
     if (stop.deadline().hasPassed()) throw OpenError(*reason);
     const Deadline next(std::min(Deadline::after(kRetryPause).time(), stop.deadline().time()));
     _receiver.pause(lock, next);
+    checkInterrupted(lock);
     checkCancelled(stop);
   }
 }
@@ -456,7 +472,7 @@ std::string Console::Session::awaitReboot(Lock& lock, const Stop& stop) {
     const Deadline settled(std::min(Deadline::after(kSettled).time(), stop.deadline().time()));
     while (!settled.hasPassed() && !_receiver.hasEnded(lock)) {
       checkCancelled(stop);
-      if (_receiver.receive(lock, settled)) break;
+      if (receive(lock, settled)) break;
     }
     if (_receiver.hasEnded(lock)) continue;  // find throws
     if (_receiver.inbox(lock).text().empty()) return internal::answerText(text);
@@ -490,7 +506,19 @@ void Console::Session::checkDevice(Lock& lock) const {
 }
 
 void Console::Session::checkCancelled(const Stop& stop) const {
-  if (!stop.isCancelled()) return;
+  if (stop.isCancelled()) throwCancelled();
+}
+
+// Without the lock: the caller's function may wait for a thread that is in a call of this console.
+void Console::Session::checkInterrupted(Lock& lock) const {
+  if (!_options.isInterrupted) return;
+  lock.unlock();
+  const bool isInterrupted = _options.isInterrupted();
+  lock.lock();
+  if (isInterrupted) throwCancelled();
+}
+
+void Console::Session::throwCancelled() const {
   throw Cancelled("cancelled", std::string(kConsoleDomain), static_cast<int>(ErrorCode::kCancelled),
                   _url);
 }

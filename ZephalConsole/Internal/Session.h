@@ -49,6 +49,8 @@ class Console::Session {
   class Turn;
 
   Stop stopAfter(std::optional<Seconds> timeout) const;
+  internal::Deadline slice(internal::Deadline until) const;
+  bool receive(Lock& lock, const internal::Deadline& until);
   void takeTurn(const Stop& stop);
   void leaveTurn();
 
@@ -78,6 +80,8 @@ class Console::Session {
 
   void checkDevice(Lock& lock) const;
   void checkCancelled(const Stop& stop) const;
+  [[noreturn]] void throwCancelled() const;
+  void checkInterrupted(Lock& lock) const;
   [[noreturn]] void throwTimeout(Lock& lock, const std::string& waitedFor);
   [[noreturn]] void throwDisconnected(Lock& lock, const std::string& waitedFor, int number);
 

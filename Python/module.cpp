@@ -1,0 +1,356 @@
+// The Python module zephal._zephal: the console and the simulator with bytes in and out. Text,
+// keyword arguments and asyncio are in the package around it.
+#include <ZephalConsole/Console.h>
+#include <ZephalSimulator/SimulatedDevice.h>
+#include <pybind11/chrono.h>
+#include <pybind11/functional.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace py = pybind11;
+using namespace zephal;
+
+namespace {
+
+using Timeout_ = std::optional<double>;
+
+// Set while a thread is in an operation that somebody else may have to end.
+thread_local const std::atomic<bool>* operationsCancel = nullptr;
+
+std::optional<Seconds> secondsOf(Timeout_ timeout) {
+  if (!timeout.has_value()) return std::nullopt;
+  return Seconds(*timeout);
+}
+
+/// Ends one operation on whichever thread it is.
+class Cancel {
+ public:
+  void set() { _isSet = true; }
+  const std::atomic<bool>* flag() const { return &_isSet; }
+
+ private:
+  std::atomic<bool> _isSet{false};
+};
+
+/// Lets the operations of this thread be ended by one cancel.
+class CancelScope {
+ public:
+  explicit CancelScope(const std::shared_ptr<Cancel>& cancel)
+      : _cancel(cancel), _outer(operationsCancel) {}
+  void enter() { operationsCancel = _cancel->flag(); }
+  void leave() { operationsCancel = _outer; }
+
+ private:
+  std::shared_ptr<Cancel> _cancel;
+  const std::atomic<bool>* _outer;
+};
+
+// Signals are handled on the main thread only; anywhere else this does nothing. An exception of a
+// handler, such as KeyboardInterrupt, waits for the end of the operation.
+bool isInterrupted() {
+  if (operationsCancel != nullptr && operationsCancel->load()) return true;
+  const py::gil_scoped_acquire lock;
+  return PyErr_CheckSignals() != 0;
+}
+
+py::bytes bytesOf(const std::string& text) { return py::bytes(text); }
+
+py::object timeOf(std::chrono::system_clock::time_point time) {
+  const double seconds = std::chrono::duration<double>(time.time_since_epoch()).count();
+  return py::float_(seconds);
+}
+
+// (index, before, groups, time, lost)
+py::tuple tupleOf(const Hit& hit) {
+  py::list groups;
+  for (const auto& group : hit.groups) {
+    if (group.has_value()) {
+      groups.append(bytesOf(*group));
+    } else {
+      groups.append(py::none());
+    }
+  }
+  return py::make_tuple(hit.index, bytesOf(hit.before), py::tuple(groups), timeOf(hit.time),
+                        hit.lost);
+}
+
+// Runs an operation without the interpreter's lock. An exception that a signal handler has raised
+// meanwhile goes before the operation's own.
+template <class Operation>
+auto withoutLock(Operation operation) {
+  try {
+    const py::gil_scoped_release release;
+    return operation();
+  } catch (const Error&) {
+    if (PyErr_Occurred() != nullptr) throw py::error_already_set();
+    throw;
+  }
+}
+
+class BytesConsole {
+ public:
+  BytesConsole(const std::string& url, ConsoleOptions options)
+      : _console(withoutLock([&] {
+          options.isInterrupted = isInterrupted;
+          return std::make_unique<Console>(url, std::move(options));
+        })) {}
+  BytesConsole(const BytesConsole&) = delete;
+  ~BytesConsole() {
+    const py::gil_scoped_release release;
+    _console.reset();
+  }
+
+  py::tuple expect(const std::vector<Pattern>& patterns, Timeout_ timeout) {
+    return tupleOf(withoutLock([&] { return _console->expect(patterns, secondsOf(timeout)); }));
+  }
+  py::bytes ask(const std::string& command, Timeout_ timeout) {
+    return bytesOf(withoutLock([&] { return _console->ask(command, secondsOf(timeout)); }));
+  }
+  py::tuple askAndPick(const std::string& command, const Pattern& pick, Timeout_ timeout) {
+    return tupleOf(withoutLock([&] { return _console->ask(command, pick, secondsOf(timeout)); }));
+  }
+  py::tuple run(const std::string& command, Timeout_ timeout) {
+    const RunResult result =
+        withoutLock([&] { return _console->run(command, secondsOf(timeout)); });
+    return py::make_tuple(bytesOf(result.output), result.status);
+  }
+  void login(const std::string& user, const std::string& password, Timeout_ timeout) {
+    withoutLock([&] { _console->login(user, password, secondsOf(timeout)); });
+  }
+  void send(const std::string& line, Timeout_ timeout) {
+    withoutLock([&] { _console->send(line, secondsOf(timeout)); });
+  }
+  void sendSecret(const std::string& line, Timeout_ timeout) {
+    withoutLock([&] { _console->sendSecret(line, secondsOf(timeout)); });
+  }
+  void write(const std::string& bytes, Timeout_ timeout) {
+    withoutLock([&] { _console->write(bytes, secondsOf(timeout)); });
+  }
+  void sendControl(const std::string& name, Timeout_ timeout) {
+    withoutLock([&] { _console->sendControl(name, secondsOf(timeout)); });
+  }
+  py::list record(double duration) {
+    const auto lines = withoutLock([&] { return _console->record(Seconds(duration)); });
+    py::list result;
+    for (const TimedLine& line : lines) {
+      result.append(py::make_tuple(timeOf(line.time), bytesOf(line.text)));
+    }
+    return result;
+  }
+  void discard() {
+    withoutLock([&] { _console->discard(); });
+  }
+  void reopen(Timeout_ timeout) {
+    withoutLock([&] { _console->reopen(secondsOf(timeout)); });
+  }
+  py::bytes reboot(const std::string& command, Timeout_ timeout) {
+    return bytesOf(withoutLock([&] { return _console->reboot(command, secondsOf(timeout)); }));
+  }
+  void cancel() { _console->cancel(); }
+  void close() {
+    withoutLock([&] { _console->close(); });
+  }
+  bool isOpen() const {
+    return withoutLock([&] { return _console->isOpen(); });
+  }
+  uint64_t lost() const {
+    return withoutLock([&] { return _console->lost(); });
+  }
+
+ private:
+  std::unique_ptr<Console> _console;
+};
+
+// ---- exceptions ----
+
+// The Python classes are in zephal.errors, which does not import this module.
+[[maybe_unused]] void raise(const char* name, const Error& error, const py::object& received,
+                            const py::object& waitedFor) {
+  const py::object type = py::module_::import("zephal.errors").attr(name);
+  const py::object exception =
+      type(error.what(), error.domain(), error.code(), error.url(), received, waitedFor);
+  PyErr_SetObject(type.ptr(), exception.ptr());
+}
+
+void raise(const char* name, const WaitError& error) {
+  raise(name, error, bytesOf(error.received()), py::str(error.waitedFor()));
+}
+
+void raise(const char* name, const Error& error) { raise(name, error, bytesOf(""), py::str("")); }
+
+void translate(std::exception_ptr thrown) {
+  try {
+    if (thrown) std::rethrow_exception(thrown);
+  } catch (const Timeout& error) {
+    raise("Timeout", error);
+  } catch (const Disconnected& error) {
+    raise("Disconnected", error);
+  } catch (const OpenError& error) {
+    raise("OpenError", error);
+  } catch (const DeviceSwapped& error) {
+    raise("DeviceSwapped", error);
+  } catch (const Cancelled& error) {
+    raise("Cancelled", error);
+  } catch (const LoginRefused& error) {
+    raise("LoginRefused", error);
+  } catch (const NoMatch& error) {
+    raise("NoMatch", error, bytesOf(error.answer()), py::str(""));
+  } catch (const Error& error) {
+    raise("Error", error);
+  }
+}
+
+// ---- the simulator ----
+
+class Simulator {
+ public:
+  using Responses = std::map<std::string, std::string>;
+
+  Simulator(const std::string& kind, std::string bootText, std::string prompt,
+            const Responses& responses,
+            const std::optional<std::pair<std::string, std::string>>& login, bool echoes,
+            bool translatesLineEnds, double delay, bool trickles, bool isSilent, bool floods) {
+    DeviceBehaviour behaviour;
+    behaviour.bootText = std::move(bootText);
+    behaviour.prompt = std::move(prompt);
+    for (const auto& [command, answer] : responses) behaviour.responses.emplace(command, answer);
+    if (login.has_value()) {
+      behaviour.login = DeviceLogin{.user = login->first, .password = login->second};
+    }
+    behaviour.echoes = echoes;
+    behaviour.translatesLineEnds = translatesLineEnds;
+    behaviour.delay = std::chrono::milliseconds(static_cast<long>(delay * 1000));
+    behaviour.trickles = trickles;
+    behaviour.isSilent = isSilent;
+    behaviour.floods = floods;
+    _device = std::make_unique<SimulatedDevice>(placeOf(kind), std::move(behaviour));
+  }
+
+  std::string url() const { return device().url(); }
+  void send(const std::string& bytes) const {
+    const py::gil_scoped_release release;
+    device().send(bytes);
+  }
+  void hangUp() const {
+    const py::gil_scoped_release release;
+    device().hangUp();
+  }
+  void reboot(double away) const {
+    const py::gil_scoped_release release;
+    device().reboot(std::chrono::milliseconds(static_cast<long>(away * 1000)));
+  }
+  std::vector<py::bytes> commands() const {
+    std::vector<py::bytes> result;
+    for (const std::string& command : device().commands()) result.push_back(bytesOf(command));
+    return result;
+  }
+  bool waitForCommands(size_t count, double timeout) const {
+    const py::gil_scoped_release release;
+    return device().waitForCommands(count,
+                                    std::chrono::milliseconds(static_cast<long>(timeout * 1000)));
+  }
+  void close() {
+    const py::gil_scoped_release release;
+    _device.reset();
+  }
+
+ private:
+  static DevicePlace placeOf(const std::string& kind) {
+    if (kind == "pty") return DeviceKind::kTerminal;
+    if (kind == "tcp") return DeviceKind::kTCP;
+    if (kind == "unix") return DeviceKind::kUnix;
+    throw py::value_error("the kind of a simulator is \"pty\", \"tcp\" or \"unix\"");
+  }
+  SimulatedDevice& device() const {
+    if (_device == nullptr) throw py::value_error("the simulator is closed");
+    return *_device;
+  }
+
+  std::unique_ptr<SimulatedDevice> _device;
+};
+
+ConsoleOptions optionsOf(std::optional<Pattern> prompt, std::string log, std::string rawLog,
+                         double timeout, double quiet, std::string lineEnd, bool keepEscapes,
+                         size_t limit, std::optional<uint64_t> ecid) {
+  ConsoleOptions options;
+  options.prompt = std::move(prompt);
+  options.log = std::move(log);
+  options.rawLog = std::move(rawLog);
+  options.timeout = Seconds(timeout);
+  options.quiet = Seconds(quiet);
+  options.lineEnd = std::move(lineEnd);
+  options.keepEscapes = keepEscapes;
+  options.limit = limit;
+  options.ecid = ecid;
+  return options;
+}
+
+void addConsole(py::module_& module) {
+  py::class_<Pattern>(module, "Pattern")
+      .def(py::init([](const std::string& text) { return Pattern(text); }))
+      .def_property_readonly("source",
+                             [](const Pattern& pattern) { return bytesOf(pattern.source()); })
+      .def_property_readonly("is_expression", &Pattern::isExpression)
+      .def("__repr__",
+           [](const Pattern& pattern) { return "<zephal pattern " + pattern.description() + ">"; });
+  module.def("regex", [](const std::string& expression) { return regex(expression); });
+  py::class_<Cancel, std::shared_ptr<Cancel>>(module, "Cancel")
+      .def(py::init())
+      .def("set", &Cancel::set);
+  py::class_<CancelScope>(module, "CancelScope")
+      .def(py::init<const std::shared_ptr<Cancel>&>())
+      .def("__enter__", &CancelScope::enter)
+      .def("__exit__", [](CancelScope& scope, const py::args&) { scope.leave(); });
+  py::class_<BytesConsole>(module, "BytesConsole")
+      .def(py::init([](const std::string& url, std::optional<Pattern> prompt, std::string log,
+                       std::string rawLog, double timeout, double quiet, std::string lineEnd,
+                       bool keepEscapes, size_t limit, std::optional<uint64_t> ecid) {
+        return std::make_unique<BytesConsole>(
+            url, optionsOf(std::move(prompt), std::move(log), std::move(rawLog), timeout, quiet,
+                           std::move(lineEnd), keepEscapes, limit, ecid));
+      }))
+      .def("expect", &BytesConsole::expect)
+      .def("ask", &BytesConsole::ask)
+      .def("ask_and_pick", &BytesConsole::askAndPick)
+      .def("run", &BytesConsole::run)
+      .def("login", &BytesConsole::login)
+      .def("send", &BytesConsole::send)
+      .def("send_secret", &BytesConsole::sendSecret)
+      .def("write", &BytesConsole::write)
+      .def("send_control", &BytesConsole::sendControl)
+      .def("record", &BytesConsole::record)
+      .def("discard", &BytesConsole::discard)
+      .def("reopen", &BytesConsole::reopen)
+      .def("reboot", &BytesConsole::reboot)
+      .def("cancel", &BytesConsole::cancel)
+      .def("close", &BytesConsole::close)
+      .def("is_open", &BytesConsole::isOpen)
+      .def("lost", &BytesConsole::lost);
+}
+
+void addSimulator(py::module_& module) {
+  py::class_<Simulator>(module, "Simulator")
+      .def(py::init<const std::string&, std::string, std::string, const Simulator::Responses&,
+                    const std::optional<std::pair<std::string, std::string>>&, bool, bool, double,
+                    bool, bool, bool>())
+      .def("url", &Simulator::url)
+      .def("send", &Simulator::send)
+      .def("hang_up", &Simulator::hangUp)
+      .def("reboot", &Simulator::reboot)
+      .def("commands", &Simulator::commands)
+      .def("wait_for_commands", &Simulator::waitForCommands)
+      .def("close", &Simulator::close);
+}
+
+}  // namespace
+
+PYBIND11_MODULE(_zephal, module) {
+  py::register_exception_translator(translate);
+  addConsole(module);
+  addSimulator(module);
+}

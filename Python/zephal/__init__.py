@@ -1,0 +1,43 @@
+"""Talk to the console of a device under test: ask, expect, log in, run.
+
+    import zephal
+
+    with zephal.Console("tcp://lab:4001", prompt=zephal.regex(r"root@\\S+# $"), log="dut.log") as dut:
+        dut.login("root", os.environ["PW"], timeout=60)
+        assert dut.run("systemctl is-active app").status == 0
+        volts = dut.ask("adc 3", zephal.regex(r"([\\d.]+) V")).number()
+"""
+
+from zephal._zephal import Pattern
+from zephal.console import Console, Hit, Line, RunResult, regex
+from zephal.errors import (
+    Cancelled,
+    DeviceSwapped,
+    Disconnected,
+    Error,
+    LoginRefused,
+    NoMatch,
+    OpenError,
+    Timeout,
+    WaitError,
+)
+from zephal.simulator import Simulator
+
+__all__ = [
+    "Cancelled",
+    "Console",
+    "DeviceSwapped",
+    "Disconnected",
+    "Error",
+    "Hit",
+    "Line",
+    "LoginRefused",
+    "NoMatch",
+    "OpenError",
+    "Pattern",
+    "RunResult",
+    "Simulator",
+    "Timeout",
+    "WaitError",
+    "regex",
+]

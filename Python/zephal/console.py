@@ -1,0 +1,308 @@
+"""The console, its results, and their asyncio twins."""
+
+from __future__ import annotations
+
+import asyncio
+from dataclasses import dataclass
+from datetime import datetime
+from types import TracebackType
+from typing import Any, Callable, NamedTuple, Optional, Sequence, TypeVar, Union, overload
+
+from zephal import _zephal
+from zephal._zephal import Pattern
+
+Text = Union[str, bytes]
+AnyPattern = Union[str, bytes, Pattern]
+Result = TypeVar("Result")
+
+
+def _bytes(text: Text) -> bytes:
+    return text.encode() if isinstance(text, str) else text
+
+
+def _pattern(pattern: AnyPattern) -> Pattern:
+    return pattern if isinstance(pattern, Pattern) else Pattern(_bytes(pattern))
+
+
+def regex(expression: Text) -> Pattern:
+    """A regular expression (PCRE2) over the bytes that a device sends.
+
+    Raises ValueError for an expression that PCRE2 does not accept.
+    """
+    return _zephal.regex(_bytes(expression))
+
+
+@dataclass(frozen=True)
+class Hit:
+    """Where a pattern was found."""
+
+    index: int
+    """Which of the patterns, counted from 0."""
+    before: Any
+    """What was unread before the match."""
+    groups: tuple[Any, ...]
+    """The match, then its groups; None for a group that took no part."""
+    time: datetime
+    """When the last byte of the match was read, in local time."""
+    lost: int
+    """How many bytes in front of ``before`` were dropped because nobody read them."""
+
+    @property
+    def text(self) -> Any:
+        """The match."""
+        return self.groups[0]
+
+    def group(self, number: int = 0) -> Any:
+        """A group; None if it took no part. Raises IndexError if there is no such group."""
+        return self.groups[number]
+
+    def number(self, group: int = 1) -> float:
+        """A group as a number; hexadecimal after "0x". Raises ValueError if it is none."""
+        text = self.groups[group]
+        if text is None:
+            raise ValueError("the group took no part in the match")
+        text = text.decode() if isinstance(text, bytes) else text
+        digits = text.strip().lower().lstrip("+-")
+        if digits.startswith("0x"):
+            return float(int(text.strip(), 16))
+        return float(text)
+
+
+class RunResult(NamedTuple):
+    """What a shell command printed, and its exit status."""
+
+    output: Any
+    status: int
+
+
+class Line(NamedTuple):
+    """A line of a recording, and when its last byte was read."""
+
+    time: datetime
+    text: Any
+
+
+class Console:
+    """A device's console, over a serial line, a TCP connection or a unix socket.
+
+    Texts are decoded with ``encoding``; with ``encoding=None`` results are bytes. Every operation has
+    a time limit in seconds and raises one of ``zephal.errors``. Ctrl-C ends a wait at once. Any
+    thread may call anything; operations run one at a time.
+    """
+
+    def __init__(
+        self,
+        url: str,
+        *,
+        prompt: Optional[AnyPattern] = None,
+        log: str = "",
+        raw_log: str = "",
+        timeout: float = 10.0,
+        quiet: float = 0.05,
+        line_end: Text = "\n",
+        keep_escapes: bool = False,
+        limit: int = 16 << 20,
+        ecid: Optional[int] = None,
+        encoding: Optional[str] = "utf-8",
+        errors: str = "replace",
+    ) -> None:
+        """Opens the line. Raises OpenError."""
+        self.url = url
+        self._encoding = encoding
+        self._errors = errors
+        self._console = _zephal.BytesConsole(
+            url,
+            None if prompt is None else _pattern(prompt),
+            log,
+            raw_log,
+            timeout,
+            quiet,
+            _bytes(line_end),
+            keep_escapes,
+            limit,
+            ecid,
+        )
+
+    def __enter__(self) -> "Console":
+        return self
+
+    def __exit__(
+        self,
+        kind: Optional[type[BaseException]],
+        error: Optional[BaseException],
+        trace: Optional[TracebackType],
+    ) -> None:
+        self.close()
+
+    def _text(self, data: Optional[bytes]) -> Any:
+        if data is None or self._encoding is None:
+            return data
+        return data.decode(self._encoding, self._errors)
+
+    def _hit(self, found: tuple[int, bytes, tuple[Optional[bytes], ...], float, int]) -> Hit:
+        index, before, groups, time, lost = found
+        return Hit(
+            index,
+            self._text(before),
+            tuple(self._text(group) for group in groups),
+            datetime.fromtimestamp(time),
+            lost,
+        )
+
+    def expect(
+        self, patterns: Union[AnyPattern, Sequence[AnyPattern]], timeout: Optional[float] = None
+    ) -> Hit:
+        """Waits for one of the patterns: the one whose match begins first, then the one listed first.
+
+        A str or bytes is looked for as it is. What follows the match stays unread.
+        """
+        several = [patterns] if isinstance(patterns, (str, bytes, Pattern)) else patterns
+        return self._hit(self._console.expect([_pattern(one) for one in several], timeout))
+
+    @overload
+    def ask(self, command: Text, *, timeout: Optional[float] = ...) -> Any: ...
+    @overload
+    def ask(self, command: Text, pick: AnyPattern, *, timeout: Optional[float] = ...) -> Hit: ...
+
+    def ask(
+        self,
+        command: Text,
+        pick: Optional[AnyPattern] = None,
+        *,
+        timeout: Optional[float] = None,
+    ) -> Any:
+        """Sends a command and returns the answer, or what ``pick`` finds in it.
+
+        The echo and the prompt are removed, and lines end in a line feed. Raises NoMatch if there is
+        nothing to pick.
+        """
+        if pick is None:
+            return self._text(self._console.ask(_bytes(command), timeout))
+        return self._hit(self._console.ask_and_pick(_bytes(command), _pattern(pick), timeout))
+
+    def run(self, command: Text, *, timeout: Optional[float] = None) -> RunResult:
+        """Runs a command in a POSIX shell and asks for its exit status."""
+        output, status = self._console.run(_bytes(command), timeout)
+        return RunResult(self._text(output), status)
+
+    def login(self, user: Text, password: Text, *, timeout: Optional[float] = None) -> None:
+        """Logs in, whatever the device is waiting for. Raises LoginRefused."""
+        self._console.login(_bytes(user), _bytes(password), timeout)
+
+    def send(self, line: Text, *, timeout: Optional[float] = None) -> None:
+        """Sends a line."""
+        self._console.send(_bytes(line), timeout)
+
+    def send_secret(self, line: Text, *, timeout: Optional[float] = None) -> None:
+        """Sends a line that appears in no log and no exception."""
+        self._console.send_secret(_bytes(line), timeout)
+
+    def write(self, data: Text, *, timeout: Optional[float] = None) -> None:
+        """Sends bytes as they are."""
+        self._console.write(_bytes(data), timeout)
+
+    def send_control(self, name: str, *, timeout: Optional[float] = None) -> None:
+        """Sends a control character: "interrupt", "eof", "escape", ..., or a letter for its own."""
+        self._console.send_control(name, timeout)
+
+    def interrupt(self, *, timeout: Optional[float] = None) -> None:
+        """Ctrl-C, to the device."""
+        self.send_control("interrupt", timeout=timeout)
+
+    def record(self, duration: float) -> list[Line]:
+        """Everything that arrives within ``duration`` seconds, by lines."""
+        return [
+            Line(datetime.fromtimestamp(time), self._text(text))
+            for time, text in self._console.record(duration)
+        ]
+
+    def discard(self) -> None:
+        """Drops what is unread, and no longer waits for the prompts of earlier commands."""
+        self._console.discard()
+
+    def reopen(self, *, timeout: Optional[float] = None) -> None:
+        """Closes and opens again, trying until the time limit."""
+        self._console.reopen(timeout)
+
+    def reboot(self, command: Text, *, timeout: Optional[float] = None) -> Any:
+        """Sends a command that restarts the device, and returns what it printed up to the prompt."""
+        return self._text(self._console.reboot(_bytes(command), timeout))
+
+    def cancel(self) -> None:
+        """Ends, from any thread, all operations that are running or waiting, with Cancelled."""
+        self._console.cancel()
+
+    def close(self) -> None:
+        """Closes the line and the logs; ``reopen`` opens them again."""
+        self._console.close()
+
+    @property
+    def is_open(self) -> bool:
+        """Whether there is a line that, as far as is known, has not ended."""
+        return self._console.is_open()
+
+    @property
+    def lost(self) -> int:
+        """How many bytes were dropped so far because nobody read them."""
+        return self._console.lost()
+
+    async def _asynchronously(self, operation: Callable[..., Result], *args: Any, **kwargs: Any) -> Result:
+        # The operation runs on a thread of the loop's executor, and ends before this does: cancelling
+        # the task ends it within a tenth of a second.
+        cancel = _zephal.Cancel()
+
+        def call() -> Result:
+            with _zephal.CancelScope(cancel):
+                return operation(*args, **kwargs)
+
+        running = asyncio.get_running_loop().run_in_executor(None, call)
+        try:
+            return await asyncio.shield(running)
+        except asyncio.CancelledError:
+            cancel.set()
+            await asyncio.wait([running])
+            running.exception()
+            raise
+
+    async def expect_async(
+        self, patterns: Union[AnyPattern, Sequence[AnyPattern]], timeout: Optional[float] = None
+    ) -> Hit:
+        """``expect`` for asyncio; cancelling the task ends it."""
+        return await self._asynchronously(self.expect, patterns, timeout)
+
+    async def ask_async(
+        self,
+        command: Text,
+        pick: Optional[AnyPattern] = None,
+        *,
+        timeout: Optional[float] = None,
+    ) -> Any:
+        """``ask`` for asyncio."""
+        ask: Callable[..., Any] = self.ask
+        return await self._asynchronously(ask, command, pick, timeout=timeout)
+
+    async def run_async(self, command: Text, *, timeout: Optional[float] = None) -> RunResult:
+        """``run`` for asyncio."""
+        return await self._asynchronously(self.run, command, timeout=timeout)
+
+    async def login_async(
+        self, user: Text, password: Text, *, timeout: Optional[float] = None
+    ) -> None:
+        """``login`` for asyncio."""
+        await self._asynchronously(self.login, user, password, timeout=timeout)
+
+    async def send_async(self, line: Text, *, timeout: Optional[float] = None) -> None:
+        """``send`` for asyncio."""
+        await self._asynchronously(self.send, line, timeout=timeout)
+
+    async def record_async(self, duration: float) -> list[Line]:
+        """``record`` for asyncio."""
+        return await self._asynchronously(self.record, duration)
+
+    async def reopen_async(self, *, timeout: Optional[float] = None) -> None:
+        """``reopen`` for asyncio."""
+        await self._asynchronously(self.reopen, timeout=timeout)
+
+    async def reboot_async(self, command: Text, *, timeout: Optional[float] = None) -> Any:
+        """``reboot`` for asyncio."""
+        return await self._asynchronously(self.reboot, command, timeout=timeout)

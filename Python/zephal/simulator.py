@@ -1,0 +1,93 @@
+"""A simulated device, for tests without hardware."""
+
+from __future__ import annotations
+
+from types import TracebackType
+from typing import Mapping, Optional, Union
+
+from zephal import _zephal
+
+Text = Union[str, bytes]
+
+
+def _bytes(text: Text) -> bytes:
+    return text.encode() if isinstance(text, str) else text
+
+
+class Simulator:
+    """A device with a text console, on a pseudo-terminal, a TCP port or a unix socket.
+
+    ``kind`` is "pty", "tcp" or "unix". It answers each of the commands in ``responses``, and any
+    other one with the prompt.
+    """
+
+    def __init__(
+        self,
+        kind: str = "unix",
+        *,
+        boot_text: Text = "",
+        prompt: Text = "=> ",
+        responses: Optional[Mapping[str, Text]] = None,
+        login: Optional[tuple[str, str]] = None,
+        echoes: bool = False,
+        translates_line_ends: bool = False,
+        delay: float = 0.0,
+        trickles: bool = False,
+        is_silent: bool = False,
+        floods: bool = False,
+    ) -> None:
+        answers = {_bytes(command): _bytes(answer) for command, answer in (responses or {}).items()}
+        self._device = _zephal.Simulator(
+            kind,
+            _bytes(boot_text),
+            _bytes(prompt),
+            answers,
+            login,
+            echoes,
+            translates_line_ends,
+            delay,
+            trickles,
+            is_silent,
+            floods,
+        )
+
+    def __enter__(self) -> "Simulator":
+        return self
+
+    def __exit__(
+        self,
+        kind: Optional[type[BaseException]],
+        error: Optional[BaseException],
+        trace: Optional[TracebackType],
+    ) -> None:
+        self.close()
+
+    @property
+    def url(self) -> str:
+        """What to open."""
+        return self._device.url()
+
+    @property
+    def commands(self) -> list[bytes]:
+        """The commands that it has received."""
+        return self._device.commands()
+
+    def send(self, data: Text) -> None:
+        """Sends bytes unasked."""
+        self._device.send(_bytes(data))
+
+    def hang_up(self) -> None:
+        """Ends the connection once everything is sent."""
+        self._device.hang_up()
+
+    def reboot(self, away: float = 0.0) -> None:
+        """Goes away, and comes back at the same URL after ``away`` seconds."""
+        self._device.reboot(away)
+
+    def wait_for_commands(self, count: int, timeout: float = 30.0) -> bool:
+        """Waits until that many commands have been received."""
+        return self._device.wait_for_commands(count, timeout)
+
+    def close(self) -> None:
+        """Goes away for good."""
+        self._device.close()
