@@ -18,7 +18,7 @@ struct DeviceAnswer {
 
   /// Only the prompt.
   DeviceAnswer() = default;
-  /// A text and the prompt. Implicit, so that a text can stand wherever an answer is needed.
+  /// A text and the prompt. Implicit, so that a text can be passed as an answer.
   DeviceAnswer(std::string words);
   /// \overload
   DeviceAnswer(std::string_view words);

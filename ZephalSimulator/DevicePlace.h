@@ -5,13 +5,13 @@
 
 namespace zephal {
 
-/// The kinds of line that a simulated device can be at the end of.
+/// The kinds of line by which a simulated device can be reached.
 enum class DeviceKind { kTerminal, kTCP, kUnix };
 
 /// Where a simulated device can be reached. If only the kind is given, the device chooses an
 /// address that is free; its url() tells which.
 struct DevicePlace {
-  /// Where the device chooses. Implicit, so that a kind can stand for a place.
+  /// An address that the device chooses. Implicit, so that a kind can be passed as a place.
   DevicePlace(DeviceKind line) : kind(line) {}
 
   /// A pseudo-terminal with a symbolic link to it at `link`, where nothing may exist yet.
@@ -23,7 +23,7 @@ struct DevicePlace {
   /// A unix socket at `file`, where nothing may exist yet.
   static DevicePlace unixAt(std::string file) { return {DeviceKind::kUnix, std::move(file), 0}; }
 
-  /// What the device is at the end of.
+  /// The kind of line.
   DeviceKind kind;
   /// The link to the terminal or the socket file; empty: in a temporary folder of its own.
   std::string path;

@@ -39,7 +39,8 @@ std::shared_ptr<const DeviceBehaviour> checked(DeviceBehaviour behaviour) {
   }
   if (behaviour.translatesLineEnds && behaviour.terminator != "\n") {
     throw std::invalid_argument(
-        "simulated device: a console that translates line ends has \"\\n\" as its terminator");
+        "simulated device: a console that translates line ends needs a line feed as its "
+        "terminator");
   }
   return std::make_shared<const DeviceBehaviour>(std::move(behaviour));
 }

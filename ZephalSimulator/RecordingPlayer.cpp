@@ -1,7 +1,5 @@
 #include "RecordingPlayer.h"
 
-#include <utility>
-
 namespace zephal {
 
 namespace {
@@ -13,7 +11,8 @@ std::string withoutLineEnd(std::string text) {
 
 }  // namespace
 
-RecordingPlayer::RecordingPlayer(DeviceRecording recording) : _exchanges(recording.exchanges()) {}
+RecordingPlayer::RecordingPlayer(const DeviceRecording& recording)
+    : _exchanges(recording.exchanges()) {}
 
 DeviceReaction RecordingPlayer::start(const DeviceBehaviour& /*behaviour*/) {
   endConnection();

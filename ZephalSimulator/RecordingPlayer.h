@@ -13,7 +13,7 @@ namespace zephal {
 /// Plays a recording: DeviceRecording says how. It has no use for a behaviour.
 class RecordingPlayer final : public DevicePlayer {
  public:
-  explicit RecordingPlayer(DeviceRecording recording);
+  explicit RecordingPlayer(const DeviceRecording& recording);
 
   DeviceReaction start(const DeviceBehaviour& behaviour) override;
   DeviceReaction take(std::string_view bytes, const DeviceBehaviour& behaviour) override;

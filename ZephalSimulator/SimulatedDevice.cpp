@@ -36,10 +36,10 @@ SimulatedDevice::SimulatedDevice(Place place, Behaviour behaviour)
                                              std::make_unique<ConsolePlayer>(),
                                              currentThreadStart())) {}
 
-SimulatedDevice::SimulatedDevice(Place place, DeviceRecording recording)
-    : _runner(std::make_unique<DeviceRunner>(
-          std::move(place), Behaviour(), std::make_unique<RecordingPlayer>(std::move(recording)),
-          currentThreadStart())) {}
+SimulatedDevice::SimulatedDevice(Place place, const DeviceRecording& recording)
+    : _runner(std::make_unique<DeviceRunner>(std::move(place), Behaviour(),
+                                             std::make_unique<RecordingPlayer>(recording),
+                                             currentThreadStart())) {}
 
 SimulatedDevice::~SimulatedDevice() = default;
 

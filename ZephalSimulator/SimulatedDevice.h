@@ -28,8 +28,8 @@ class DeviceRunner;
 ///                                    {.responses = {{"version", "1.0\n"}}});
 ///     stack->createStackWithURL(device.url());
 ///
-/// All operations may be called from any thread. What cannot be done is thrown as a
-/// std::system_error that names the address, the system call and its errno; wrong arguments are a
+/// All operations may be called on any thread. A system call that fails throws a std::system_error,
+/// which names the call, the address and the reason; a wrong argument throws a
 /// std::invalid_argument. The destructor never waits for the peer.
 class SimulatedDevice {
  public:
@@ -54,7 +54,7 @@ class SimulatedDevice {
   SimulatedDevice(Place place, Behaviour behaviour);
   /// A device that starts immediately and plays a recording. Of a behaviour that is set later, only
   /// `floods` has an effect.
-  SimulatedDevice(Place place, DeviceRecording recording);
+  SimulatedDevice(Place place, const DeviceRecording& recording);
   SimulatedDevice(const SimulatedDevice&) = delete;
   SimulatedDevice& operator=(const SimulatedDevice&) = delete;
   ~SimulatedDevice();
@@ -67,7 +67,7 @@ class SimulatedDevice {
   /// The TCP port, or 0.
   int port() const;
 
-  /// Changes how commands that arrive later are answered.
+  /// Changes how the device answers later commands.
   void setBehaviour(Behaviour behaviour);
 
   /// All received bytes, from all connections.
@@ -79,7 +79,7 @@ class SimulatedDevice {
   std::vector<std::string> unknownCommands() const;
   /// How many connections were accepted; always 0 on a terminal.
   size_t connections() const;
-  /// Whether everything has been sent.
+  /// Whether nothing is left to send.
   bool hasSentAll() const;
   /// Forgets what has been received: bytes, commands and unknown commands. A device that runs for
   /// hours otherwise needs memory for all of it.
@@ -92,7 +92,7 @@ class SimulatedDevice {
   bool waitForCommands(size_t count, std::chrono::milliseconds limit = kPatience) const;
   /// Waits until this many connections have been accepted.
   bool waitForConnections(size_t count, std::chrono::milliseconds limit = kPatience) const;
-  /// Waits until everything has been sent.
+  /// Waits until nothing is left to send.
   bool waitUntilAllIsSent(std::chrono::milliseconds limit = kPatience) const;
   /// Waits until the device can be reached. Throws if the device tried to come back and could not.
   bool waitUntilOn(std::chrono::milliseconds limit = kPatience) const;
@@ -101,8 +101,8 @@ class SimulatedDevice {
   void send(std::string_view bytes);
   /// Ends the connection once everything is sent, and returns when that is done; throws if it takes
   /// longer than kPatience. A terminal is then
-  /// gone until powerOn or reboot; since that takes away what the peer has not read, it has two
-  /// seconds to do so. Elsewhere the next peer can connect.
+  /// gone until powerOn or reboot; bytes that the peer has not read are lost with it, so the device
+  /// gives the peer two seconds to read them. Elsewhere the next peer can connect.
   void hangUp();
   /// Immediately ends a TCP connection with a reset.
   void resetConnection();
@@ -110,7 +110,7 @@ class SimulatedDevice {
   void stopListening();
 
   /// The device goes away, as a USB adapter that is unplugged: the connection ends, and its URL
-  /// cannot be opened. What it has not sent is lost. Returns when that is done.
+  /// cannot be opened. Unsent bytes are lost. Returns when that is done.
   void powerOff();
   /// The device comes back at the same URL, and boots: see DeviceBehaviour::bootText. Returns when
   /// it can be reached. Does nothing if it is on.
@@ -126,7 +126,7 @@ class SimulatedDevice {
   void liftExclusiveHold();
 
   /// `start` is called first on the thread of every device that is made from now on, for instance
-  /// to name it or to exempt it from a tool that watches threads. An empty function: nothing is.
+  /// to name it, or to exempt it from a tool that watches threads. An empty function ends that.
   static void setThreadStart(std::function<void()> start);
 
  private:
