@@ -11,7 +11,9 @@
 #include "Support/LogFile.h"
 #include "Support/PassingChannel.h"
 #include "Support/ScriptedChannel.h"
+#include "Support/SocketPair.h"
 #include "Support/TemporaryFolder.h"
+#include "Support/TransportPeer.h"
 #include "Support/WaitingChannel.h"
 
 using namespace support;
@@ -155,6 +157,83 @@ TEST(ZPIChannelAbilitiesTest, WithAndWithoutThemEveryReadReturnsTheSame) {
     ASSERT_EQ(step.playOn(able), step.playOn(plain)) << "call " << call;
   }
   EXPECT_EQ(able.below->readTimeouts(), plain.below->readTimeouts());
+}
+
+TEST(ZPIChannelAbilitiesTest, OnlyATransportReadsOntoHeldBytes) {
+  SocketPair pair;
+  const ZPKDataChannelPtr transport = createActiveTCPChannelWithSocket(pair.takeOurs());
+  const ZPKMutableDataPtr held = unitOf("rest");
+  pair.send("more");
+  const ZPKDataChannelPtr passive = createPassiveChannel(transport);
+  EXPECT_FALSE(ZPIChannelAbilities::of(passive.get())->readOnto(held.get(), 20.0, nullptr));
+  const auto result = ZPIChannelAbilities::of(transport.get())->readOnto(held.get(), 20.0, nullptr);
+  EXPECT_EQ(bytesOf(result.value()), "");
+  EXPECT_EQ(held->view(), "restmore");
+  EXPECT_TRUE(transport->close());
+  ZPKErrorPtr error;
+  EXPECT_EQ(ZPIChannelAbilities::of(transport.get())->readOnto(held.get(), 20.0, &error), nullptr);
+  EXPECT_EQ(error->code(), 2);
+  EXPECT_EQ(held->view(), "restmore");
+}
+
+TEST(ZPIChannelAbilitiesTest, ASerialPortReadsOntoHeldBytes) {
+  TransportPeer peer(TransportPeer::Kind::kTerminal);
+  const ZPKDataChannelPtr port = createBaseChannelWithTransport(peer.url());
+  ASSERT_TRUE(peer.open(port));
+  peer.send("more");
+  const ZPKMutableDataPtr held = unitOf("rest");
+  const auto result = ZPIChannelAbilities::of(port.get())->readOnto(held.get(), 20.0, nullptr);
+  EXPECT_EQ(bytesOf(result.value()), "");
+  EXPECT_EQ(held->view(), "restmore");
+  EXPECT_TRUE(port->close());
+}
+
+// A passive channel over an aggregating one over a socket, with or without a caller's channel
+// between the last two.
+class SocketChain {
+ public:
+  explicit SocketChain(bool hasCallersChannel) {
+    ZPKDataChannelPtr channel = createActiveTCPChannelWithSocket(_pair.takeOurs());
+    if (hasCallersChannel) channel = std::make_shared<PassingChannel>(channel);
+    _top = createPassiveChannel(createAggregatingTransformerChannel(channel, _aggregator));
+  }
+
+  // Sends bytes or not, and reads; everything a caller can see of it.
+  std::string step(std::string_view sent, std::string_view terminator, double timeout) {
+    if (!sent.empty()) _pair.send(sent);
+    _aggregator->setData2Find(dataOf(terminator));
+    ZPKErrorPtr error = olderError();
+    const ZPKDataPtr data = _top->readWithTimeout(timeout, &error);
+    return bytesOf(data).value_or("null") + ", error " +
+           (error == nullptr ? "null" : std::to_string(error->code())) + ", held " +
+           std::string(_aggregator->buffer()->view()) + (_top->isOpened() ? ", open" : ", closed");
+  }
+  void closePeer() { _pair.closePeer(); }
+
+ private:
+  SocketPair _pair;
+  const ZPKMutableDataAggregatorTransformerPtr _aggregator =
+      ZPKMutableDataAggregatorTransformer::initWithTerminator(dataOf(";"));
+  ZPKDataChannelPtr _top;
+};
+
+TEST(ZPIChannelAbilitiesTest, AReadOntoHeldBytesReturnsTheSame) {
+  SocketChain plain(true);
+  SocketChain able(false);
+  std::mt19937 random(17);
+  std::string terminator = ";";
+  for (int call = 0; call < 5'000; ++call) {
+    const std::string sent = randomText(random, "abc;", random() % 10 == 0 ? 2'000 : 8);
+    if (random() % 10 == 0) terminator = randomText(random, "ab;", 2);
+    const double timeout = random() % 10 == 0 ? -10.0 : ZEPHAL_COMMUNICATION_TIME_NOW;
+    ASSERT_EQ(able.step(sent, terminator, timeout), plain.step(sent, terminator, timeout))
+        << "call " << call;
+  }
+  able.closePeer();
+  plain.closePeer();
+  for (int call = 0; call < 3; ++call) {
+    EXPECT_EQ(able.step("", "never", 20.0), plain.step("", "never", 20.0));
+  }
 }
 
 }  // namespace

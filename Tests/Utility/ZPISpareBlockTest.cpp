@@ -21,9 +21,15 @@ namespace {
 
 constexpr size_t kLarge = 300'000;
 
+// Memory for a large read.
+ZPISpareBlock::Room takeForRead(size_t size) {
+  ZPISpareBlock::prepareRead(size);
+  return ZPISpareBlock::take(size);
+}
+
 // Keeps a block of `size` bytes on the calling thread.
 void keep(size_t size) {
-  const ZPISpareBlock::Room room = ZPISpareBlock::takeForRead(size);
+  const ZPISpareBlock::Room room = takeForRead(size);
   std::memset(room.block, 'x', room.size);
   ZPISpareBlock::release(room.block, room.size);
 }
@@ -53,7 +59,7 @@ class ZPISpareBlockTest : public testing::Test {
 TEST_F(ZPISpareBlockTest, AReleasedBlockServesTheNextReadOnce) {
   keep(kLarge);
   SystemCalls calls;
-  const ZPISpareBlock::Room room = ZPISpareBlock::takeForRead(kLarge - 1);
+  const ZPISpareBlock::Room room = takeForRead(kLarge - 1);
   EXPECT_EQ(calls.allocations(), 0U);
   EXPECT_EQ(room.size, kLarge);
   EXPECT_FALSE(isKept(kLarge));
@@ -87,9 +93,9 @@ TEST_F(ZPISpareBlockTest, SmallAndVeryLargeBlocksAreFreed) {
 }
 
 TEST_F(ZPISpareBlockTest, TheLargerOfTwoBlocksIsKept) {
-  const ZPISpareBlock::Room smaller = ZPISpareBlock::takeForRead(kLarge);
-  const ZPISpareBlock::Room larger = ZPISpareBlock::takeForRead(kLarge + 1);
-  const ZPISpareBlock::Room another = ZPISpareBlock::takeForRead(kLarge);
+  const ZPISpareBlock::Room smaller = takeForRead(kLarge);
+  const ZPISpareBlock::Room larger = takeForRead(kLarge + 1);
+  const ZPISpareBlock::Room another = takeForRead(kLarge);
   ZPISpareBlock::release(smaller.block, smaller.size);
   ZPISpareBlock::release(larger.block, larger.size);
   ZPISpareBlock::release(another.block, another.size);
@@ -100,11 +106,11 @@ TEST_F(ZPISpareBlockTest, TheLargerOfTwoBlocksIsKept) {
 TEST_F(ZPISpareBlockTest, WithoutMemoryTheBlockIsNull) {
   SystemCalls calls;
   calls.failAllocation();
-  EXPECT_EQ(ZPISpareBlock::takeForRead(kLarge).block, nullptr);
+  EXPECT_EQ(takeForRead(kLarge).block, nullptr);
 }
 
 TEST_F(ZPISpareBlockTest, NoBlockCanBeReleased) {
-  ZPISpareBlock::takeForRead(0);
+  ZPISpareBlock::prepareRead(kLarge);
   ZPISpareBlock::release(nullptr, 0);
   EXPECT_FALSE(isKept(kLarge));
 }
@@ -118,7 +124,7 @@ TEST_F(ZPISpareBlockTest, AThreadThatDoesNotReadKeepsNone) {
 }
 
 TEST_F(ZPISpareBlockTest, ADropLastsUntilTheNextRead) {
-  const ZPISpareBlock::Room late = ZPISpareBlock::takeForRead(kLarge);
+  const ZPISpareBlock::Room late = takeForRead(kLarge);
   keep(kLarge);
   ZPISpareBlock::drop();
   EXPECT_FALSE(isKept(kLarge));
@@ -130,7 +136,7 @@ TEST_F(ZPISpareBlockTest, ADropLastsUntilTheNextRead) {
 
 TEST_F(ZPISpareBlockTest, EachThreadKeepsItsOwn) {
   keep(kLarge);
-  const ZPISpareBlock::Room room = ZPISpareBlock::takeForRead(kLarge);
+  const ZPISpareBlock::Room room = takeForRead(kLarge);
   std::thread([&] {
     EXPECT_FALSE(isKept(kLarge));
     ZPISpareBlock::release(room.block, room.size);
@@ -185,7 +191,7 @@ TEST_F(ZPISpareBlockTest, DataReleasedAfterTheBlockWasFreedIsFreedToo) {
       // Destroyed last, because it exists before the thread keeps its first block.
       static thread_local LateHolder holder;
       holder.readsAgain = readsAgain;
-      holder.data = dataOver(ZPISpareBlock::takeForRead(ZPISpareBlock::kLargest));
+      holder.data = dataOver(takeForRead(ZPISpareBlock::kLargest));
       keep(kLarge);
     });
     EXPECT_LT(left, kLarge);
@@ -195,7 +201,7 @@ TEST_F(ZPISpareBlockTest, DataReleasedAfterTheBlockWasFreedIsFreedToo) {
 [[noreturn]] void exitWithDataInAStaticObject() {
   static LateHolder holder;
   holder.readsAgain = true;
-  holder.data = dataOver(ZPISpareBlock::takeForRead(kLarge));
+  holder.data = dataOver(takeForRead(kLarge));
   keep(kLarge);
   std::exit(0);
 }
@@ -216,7 +222,7 @@ TEST_F(ZPISpareBlockTest, AChildProcessHasTheBlockOfTheForkingThread) {
 
 #ifdef __SANITIZE_ADDRESS__
 TEST_F(ZPISpareBlockTest, AccessToAKeptBlockIsAnError) {
-  const ZPISpareBlock::Room room = ZPISpareBlock::takeForRead(kLarge);
+  const ZPISpareBlock::Room room = takeForRead(kLarge);
   auto* const bytes = static_cast<volatile char*>(room.block);
   bytes[0] = 'x';
   ZPISpareBlock::release(room.block, room.size);
@@ -227,12 +233,12 @@ TEST_F(ZPISpareBlockTest, AccessToAKeptBlockIsAnError) {
 // --- Who uses it.
 
 TEST_F(ZPISpareBlockTest, DataKeepTheirBlockWhenTheyAreReleased) {
-  dataOver(ZPISpareBlock::takeForRead(kLarge));
+  dataOver(takeForRead(kLarge));
   EXPECT_TRUE(isKept(kLarge));
 }
 
 TEST_F(ZPISpareBlockTest, ABufferThatIsEmptiedGivesItsBlock) {
-  const ZPKMutableDataPtr data = dataOver(ZPISpareBlock::takeForRead(kLarge));
+  const ZPKMutableDataPtr data = dataOver(takeForRead(kLarge));
   std::memset(data->mutableBytes(), 'x', kLarge);
   data->dropFirst(kLarge - 10);
   EXPECT_EQ(data->view(), "xxxxxxxxxx");

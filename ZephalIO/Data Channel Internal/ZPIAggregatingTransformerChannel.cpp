@@ -14,7 +14,9 @@ std::shared_ptr<ZPIAggregatingTransformerChannel> ZPIAggregatingTransformerChann
 
 ZPIAggregatingTransformerChannel::ZPIAggregatingTransformerChannel(
     Key, ZPKDataChannelPtr channel, ZPKMutableDataAggregatorTransformerPtr aggregatingTransformer)
-    : _channel(std::move(channel)), _aggregator(std::move(aggregatingTransformer)) {}
+    : _channel(std::move(channel)),
+      _aggregator(std::move(aggregatingTransformer)),
+      _held(_aggregator == nullptr ? nullptr : _aggregator->buffer().get()) {}
 
 bool ZPIAggregatingTransformerChannel::openWithTimeout(double timeout, ZPKErrorPtr* error) {
   return _channel->openWithTimeout(timeout, error);
@@ -38,7 +40,7 @@ bool ZPIAggregatingTransformerChannel::isOpened() const { return _channel.isOpen
 ZPKDataPtr ZPIAggregatingTransformerChannel::readWithTimeout(double timeout, ZPKErrorPtr* error) {
   ZPKDataPtr data = takeHeldUnit();
   if (data != nullptr) return data;
-  data = _channel->readWithTimeout(timeout, error);
+  data = _channel.readOnto(_held, timeout, error);
   if (data == nullptr) return data;
   ZPKMutableData* const chunk = ZPIUnshare(&data);
   if (_aggregator != nullptr) _aggregator->modifyData(chunk);

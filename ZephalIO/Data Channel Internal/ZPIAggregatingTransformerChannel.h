@@ -36,4 +36,5 @@ class ZPIAggregatingTransformerChannel final : public ZPKDataChannel, public ZPI
  private:
   const ZPIChannelBelow _channel;
   const ZPKMutableDataAggregatorTransformerPtr _aggregator;
+  ZPKMutableData* const _held;  // the aggregator's buffer, always the same; null without one
 };

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+
 #include "Data Channel/ZPKDataChannel.h"
 
 /// What a channel of the library can do for the channel above it, beyond ZPKDataChannel.
@@ -20,6 +22,14 @@ class ZPIChannelAbilities {
   /// timeout and whether or not the channel is open. Null if none is buffered, or if the channel
   /// cannot tell. Does not ask the channel below.
   virtual ZPKDataPtr takeHeldUnit() { return nullptr; }
+
+  /// Reads like readWithTimeout, but may add the bytes to the end of `held`, which is not empty,
+  /// instead of returning them; the result is then empty data. `held` is not touched during the
+  /// wait, nor if the read fails. Without a value if the channel cannot do this; nothing was read.
+  virtual std::optional<ZPKDataPtr> readOnto(ZPKMutableData* /*held*/, double /*timeout*/,
+                                             ZPKErrorPtr* /*error*/) {
+    return std::nullopt;
+  }
 
  protected:
   ~ZPIChannelAbilities() = default;

@@ -52,6 +52,11 @@ bool ZPIEndpointSocket::write(const ZPKDataPtr& data, ZPKErrorPtr* error) {
   return _handle->write(data, error);
 }
 
+std::optional<ZPKDataPtr> ZPIEndpointSocket::readOnto(ZPKMutableData* held, double timeout,
+                                                      ZPKErrorPtr* error) {
+  return _handle->readOnto(held, timeout, error);
+}
+
 bool ZPIEndpointSocket::checkURL(const ZPKURLPtr& url) {
   if (url == nullptr) return false;
   if (url->scheme() == "tcp") {

@@ -3,13 +3,14 @@
 #include <memory>
 
 #include "Data Channel Internal/ZPIActivesocketLifetimePolicy.h"
+#include "Data Channel Internal/ZPIChannelAbilities.h"
 #include "Data Channel/ZPKDataChannel.h"
 #include "Utility/DescriptorOperation.h"
 
 /// The base channel over one connected socket. With a URL it starts closed; with an adopted socket
 /// it starts open, and cannot be opened again after close. There is no lock; see
 /// ZPIFileDescriptorCommunication.
-class ZPIEndpointSocket final : public ZPKDataChannel {
+class ZPIEndpointSocket final : public ZPKDataChannel, public ZPIChannelAbilities {
   struct Key {
     explicit Key() = default;
   };
@@ -29,6 +30,10 @@ class ZPIEndpointSocket final : public ZPKDataChannel {
   bool isOpened() const override;
   ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) override;
   bool write(const ZPKDataPtr& data, ZPKErrorPtr* error) override;
+
+  const ZPKDataChannel* openSource() const override { return this; }
+  std::optional<ZPKDataPtr> readOnto(ZPKMutableData* held, double timeout,
+                                     ZPKErrorPtr* error) override;
 
   /// False only for a null URL. A URL that cannot be connected to is only logged.
   static bool checkURL(const ZPKURLPtr& url);

@@ -35,6 +35,11 @@ bool ZPIUARTChannel::write(const ZPKDataPtr& data, ZPKErrorPtr* error) {
   return _handle->write(data, error);
 }
 
+std::optional<ZPKDataPtr> ZPIUARTChannel::readOnto(ZPKMutableData* held, double timeout,
+                                                   ZPKErrorPtr* error) {
+  return _handle->readOnto(held, timeout, error);
+}
+
 bool ZPIUARTChannel::checkURL(const ZPKURLPtr& url) {
   return url != nullptr && url->scheme() == "uart";
 }

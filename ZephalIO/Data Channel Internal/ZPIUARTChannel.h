@@ -2,12 +2,13 @@
 
 #include <memory>
 
+#include "Data Channel Internal/ZPIChannelAbilities.h"
 #include "Data Channel Internal/ZPIUARTLifetimePolicy.h"
 #include "Data Channel/ZPKDataChannel.h"
 #include "Utility/DescriptorOperation.h"
 
 /// The base channel over a serial device. There is no lock; see ZPIFileDescriptorCommunication.
-class ZPIUARTChannel final : public ZPKDataChannel {
+class ZPIUARTChannel final : public ZPKDataChannel, public ZPIChannelAbilities {
   struct Key {
     explicit Key() = default;
   };
@@ -26,6 +27,10 @@ class ZPIUARTChannel final : public ZPKDataChannel {
   bool isOpened() const override;
   ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) override;
   bool write(const ZPKDataPtr& data, ZPKErrorPtr* error) override;
+
+  const ZPKDataChannel* openSource() const override { return this; }
+  std::optional<ZPKDataPtr> readOnto(ZPKMutableData* held, double timeout,
+                                     ZPKErrorPtr* error) override;
 
   /// True only for a URL whose scheme is exactly "uart". Logs nothing.
   static bool checkURL(const ZPKURLPtr& url);

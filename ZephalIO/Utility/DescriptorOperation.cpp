@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 
+#include "Utility/ZPIRoom.h"
 #include "Utility/ZPISpareBlock.h"
 #include "Utility/ZPIWithoutSignalsOfWriting.h"
 #include "Utility/ZPKMutableData.h"
@@ -91,7 +92,36 @@ bool reportFailedWrite(int number, ZPKErrorPtr* error) {
   return false;
 }
 
-ZPKDataPtr readFrom(int descriptor, const Use* use, double timeout, ZPKErrorPtr* error) {
+// Whether a read adds its bytes to those that the caller holds, instead of returning them. If it is
+// not known how many will arrive, the room for them would be much for a buffer that holds few.
+bool isReadOnto(const ZPKMutableData* held, int waiting) {
+  if (held == nullptr || held->length() == 0) return false;
+  return waiting > 0 || held->length() >= kReadSize;
+}
+
+// Neither form zeroes memory that read overwrites. A failed allocation fails the read.
+
+ZPKDataPtr readApart(int descriptor, size_t size, ZPKErrorPtr* error) {
+  const ZPISpareBlock::Room room = ZPISpareBlock::take(size);
+  std::unique_ptr<void, FreeDeleter> buffer(room.block);
+  const auto [count, number] = read_with_retry(descriptor, buffer.get(), size);
+  if (count <= 0) return reportFailedRead(number, error);
+  ZPKDataPtr data =
+      ZPKMutableData::dataWithBytesNoCopy(buffer.get(), static_cast<size_t>(count), room.size);
+  static_cast<void>(buffer.release());
+  return data;
+}
+
+ZPKDataPtr readOnto(int descriptor, size_t size, ZPKMutableData* held, ZPKErrorPtr* error) {
+  ZPIRoom room(held, size);
+  const auto [count, number] = read_with_retry(descriptor, room.bytes(), size);
+  if (count <= 0) return reportFailedRead(number, error);
+  room.fill(static_cast<size_t>(count));
+  return ZPKData::data();
+}
+
+ZPKDataPtr readFrom(int descriptor, const Use* use, ZPKMutableData* held, double timeout,
+                    ZPKErrorPtr* error) {
   const int waiting = bytesWaiting(descriptor);
   const bool isNow = timeout == ZEPHAL_COMMUNICATION_TIME_NOW;
   if (isNow && waiting <= 0) return noBytes();
@@ -105,15 +135,9 @@ ZPKDataPtr readFrom(int descriptor, const Use* use, double timeout, ZPKErrorPtr*
     if (isGivenUp(use)) return reportFailedRead(EBADF, error);
     if (!isReadable) return noBytes();
   }
-  // Not zeroed: read overwrites the bytes that are returned. A failed allocation fails the read.
-  const ZPISpareBlock::Room room = ZPISpareBlock::takeForRead(size);
-  std::unique_ptr<void, FreeDeleter> buffer(room.block);
-  const auto [count, number] = read_with_retry(descriptor, buffer.get(), size);
-  if (count <= 0) return reportFailedRead(number, error);
-  ZPKDataPtr data =
-      ZPKMutableData::dataWithBytesNoCopy(buffer.get(), static_cast<size_t>(count), room.size);
-  static_cast<void>(buffer.release());
-  return data;
+  ZPISpareBlock::prepareRead(size);
+  return isReadOnto(held, waiting) ? readOnto(descriptor, size, held, error)
+                                   : readApart(descriptor, size, error);
 }
 
 template <class WriteCall>
@@ -179,11 +203,12 @@ ZPICallResult read_with_retry(int descriptor, void* buffer, size_t count) {
 }
 
 ZPKDataPtr zephal_communication_read(int descriptor, double timeout, ZPKErrorPtr* error) {
-  return readFrom(descriptor, nullptr, timeout, error);
+  return readFrom(descriptor, nullptr, nullptr, timeout, error);
 }
 
-ZPKDataPtr zephal_communication_read(const Use& use, double timeout, ZPKErrorPtr* error) {
-  return readFrom(use.descriptor(), &use, timeout, error);
+ZPKDataPtr zephal_communication_read(const Use& use, ZPKMutableData* held, double timeout,
+                                     ZPKErrorPtr* error) {
+  return readFrom(use.descriptor(), &use, held, timeout, error);
 }
 
 bool zephal_communication_write(int descriptor, const ZPKDataPtr& data, ZPKErrorPtr* error) {

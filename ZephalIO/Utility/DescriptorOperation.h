@@ -39,8 +39,11 @@ ZPKDataPtr zephal_communication_read(int descriptor, double timeout, ZPKErrorPtr
 
 /// The same on a descriptor that may be given up in the meantime. If it has been by the end of the
 /// wait, it is not read, and the call fails with EBADF.
-ZPKDataPtr zephal_communication_read(const ZPIHeldDescriptor::Use& use, double timeout,
-                                     ZPKErrorPtr* error);
+///
+/// If `held` is not null and not empty, the bytes may be added to its end instead, and the result
+/// is then empty data. `held` is not touched during the wait.
+ZPKDataPtr zephal_communication_read(const ZPIHeldDescriptor::Use& use, ZPKMutableData* held,
+                                     double timeout, ZPKErrorPtr* error);
 
 /// Writes all bytes (write(2), send(2)), in as many calls as the system needs. Empty and null data
 /// succeed without a system call. A call that writes nothing, EINTR and EAGAIN included, is a
@@ -118,6 +121,11 @@ class ZPIFileDescriptorCommunication {
   /// 2 if it is closed, and with code 3 for a timeout that is not a number or is negative and not
   /// FOREVER.
   ZPKDataPtr readWithTimeout(double timeout, ZPKErrorPtr* error) {
+    return readOnto(nullptr, timeout, error);
+  }
+
+  /// The same, but may add the bytes to the end of `held`: see zephal_communication_read.
+  ZPKDataPtr readOnto(ZPKMutableData* held, double timeout, ZPKErrorPtr* error) {
     ScopedUse scope(this);
     if (!scope.use) {
       ZPKReportFailure(error, kZPICommunicationDomain, 2, {"readWithTimeout"},
@@ -130,7 +138,7 @@ class ZPIFileDescriptorCommunication {
                        "time out has an invalid value");
       return nullptr;
     }
-    ZPKDataPtr data = zephal_communication_read(scope.use, timeout, error);
+    ZPKDataPtr data = zephal_communication_read(scope.use, held, timeout, error);
     if (data != nullptr) return data;
     scope.giveUp(error);
     if (timeout == time_forever) {

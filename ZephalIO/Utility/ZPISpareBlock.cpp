@@ -16,7 +16,7 @@ constexpr size_t kTooLargeFactor = 8;
 struct Spare {
   void* block = nullptr;
   size_t size = 0;
-  bool isWanted = false;  // whether the thread has taken a block for a read since the last drop
+  bool isWanted = false;  // whether there was a large read since the last drop
   bool isThreadEnding = false;
 };
 constinit thread_local Spare spare;
@@ -46,8 +46,9 @@ void allowAccess([[maybe_unused]] const Spare& kept) {
 
 }  // namespace
 
-ZPISpareBlock::Room ZPISpareBlock::takeLarge(size_t size, bool isForRead) {
-  if (isForRead) spare.isWanted = !spare.isThreadEnding;
+void ZPISpareBlock::startKeeping() { spare.isWanted = !spare.isThreadEnding; }
+
+ZPISpareBlock::Room ZPISpareBlock::takeLarge(size_t size) {
   if (spare.size < size || spare.size / kTooLargeFactor > size) return {std::malloc(size), size};
   allowAccess(spare);
   return {std::exchange(spare.block, nullptr), std::exchange(spare.size, 0)};

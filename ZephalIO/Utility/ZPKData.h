@@ -111,4 +111,5 @@ class ZPK_EXPORT ZPKData : public ZPKObject {
 
   friend class ZPKMutableData;
   friend class ZPIBlock;
+  friend class ZPIRoom;
 };

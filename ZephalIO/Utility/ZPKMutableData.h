@@ -105,5 +105,7 @@ class ZPK_EXPORT ZPKMutableData final : public ZPKData {
     size_t length = kNone;  // how many bytes from the start were searched
   };
 
+  friend class ZPIRoom;
+
   FailedSearch _failedSearch;
 };
