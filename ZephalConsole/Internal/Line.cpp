@@ -24,11 +24,11 @@ Line::~Line() {
 
 Line::ReadResult Line::read(char* buffer, size_t size, const Deadline& deadline,
                             const Wakeup& wakeup) const {
-  const ReadResult present = readNow(buffer, size);
-  if (present.count > 0 || present.hasEnded) return present;
+  const int milliseconds = deadline.milliseconds();
+  if (milliseconds == 0) return readNow(buffer, size);
   std::array<pollfd, 2> waiting{
       {{_descriptor.number(), POLLIN, 0}, {wakeup.descriptor(), POLLIN, 0}}};
-  if (::poll(waiting.data(), waiting.size(), deadline.milliseconds()) <= 0) return {};
+  if (::poll(waiting.data(), waiting.size(), milliseconds) <= 0) return {};
   ReadResult result = waiting[0].revents == 0 ? ReadResult() : readNow(buffer, size);
   result.isWoken = waiting[1].revents != 0;
   return result;

@@ -36,7 +36,7 @@ Receiver::~Receiver() {
     detach(held);
     closeLogs(held);
   }
-  _changed.notify_all();
+  _drainable.notify_all();
   _drainer.join();
 }
 
@@ -51,7 +51,7 @@ void Receiver::attach(Lock&, std::shared_ptr<Line> line) {
   _hasEnded = false;
   _endError = 0;
   _lastByte = Clock::now();
-  _changed.notify_all();
+  _drainable.notify_all();
 }
 
 void Receiver::detach(Lock& lock) {
@@ -118,9 +118,9 @@ void Receiver::drain() {
     if (mayDrain()) {
       read(held, never());
     } else if (hasEnded(held) && _operations == 0) {
-      _changed.wait(held);
+      _drainable.wait(held);
     } else {
-      _changed.wait_for(held, kPause);
+      _drainable.wait_for(held, kPause);
     }
   }
 }

@@ -90,7 +90,8 @@ class Receiver {
   std::vector<char> _buffer;  // of the one who reads
 
   mutable std::mutex _mutex;
-  mutable std::condition_variable _changed;
+  mutable std::condition_variable _changed;  // for operations
+  std::condition_variable _drainable;        // for the thread
   // Everything below is guarded by the mutex.
   std::shared_ptr<Line> _line;
   bool _isReading = false;
