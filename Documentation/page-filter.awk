@@ -23,6 +23,7 @@ function label(target,    name, place) {
   if (target !~ /\.md(#.*)?$/) return ""
   name = target
   sub(/#.*/, "", name)
+  if (name ~ /README\.md$/) return ""  # a folder's, which is no page
   place = substr(target, length(name) + 2)
   sub(/.*\//, "", name)
   sub(/\.md$/, "", name)
