@@ -1,4 +1,4 @@
-// How much memory of an open stack is resident.
+// How much resident memory an open stack adds.
 #include <unistd.h>
 
 #include <cstdio>
@@ -15,13 +15,18 @@ namespace {
 
 constexpr size_t kStacks = 500;
 
+// Without the pages of the libraries' files, which are read in as they are used for the first time.
 double residentBytes() {
-  long total = 0;
-  long resident = 0;
-  std::FILE* file = std::fopen("/proc/self/statm", "r");
-  if (file == nullptr || std::fscanf(file, "%ld %ld", &total, &resident) != 2) std::exit(1);
+  char line[256];
+  long kibibytes = -1;
+  std::FILE* file = std::fopen("/proc/self/smaps_rollup", "r");
+  if (file == nullptr) std::exit(1);
+  while (kibibytes < 0 && std::fgets(line, sizeof line, file) != nullptr) {
+    if (std::sscanf(line, "Anonymous: %ld", &kibibytes) != 1) kibibytes = -1;
+  }
   std::fclose(file);
-  return static_cast<double>(resident) * static_cast<double>(::sysconf(_SC_PAGESIZE));
+  if (kibibytes < 0) std::exit(1);
+  return static_cast<double>(kibibytes) * 1024;
 }
 
 void openStacks(const Device& device, bool isActive, size_t count,

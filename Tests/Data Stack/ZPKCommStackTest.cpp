@@ -45,6 +45,18 @@ TEST_F(ZPKCommStackTest, EachStackHasTransformersOfItsOwn) {
   EXPECT_NE(one->ecidChecker(), other->ecidChecker());
 }
 
+// They take memory for all stacks together, not for each of them.
+TEST_F(ZPKCommStackTest, StacksShareTheBytesThatTheyStartWith) {
+  const auto stack = ZPKCommStack::init();
+  const auto other = ZPKCommStack::init();
+  EXPECT_EQ(stack->aggregator()->data2Find(), other->aggregator()->data2Find());
+  EXPECT_EQ(stack->appender()->dataToAppend(), other->appender()->dataToAppend());
+  other->setDelimiter("=> ", nullptr);
+  other->setLineTerminator("\r", nullptr);
+  EXPECT_EQ(stack->aggregator()->data2Find()->view(), "> ");
+  EXPECT_EQ(stack->appender()->dataToAppend()->view(), "\n");
+}
+
 TEST_F(ZPKCommStackTest, EveryPlainAccessorReturnsWhatWasSet) {
   const auto stack = ZPKCommStack::init();
   const auto other = ZPKCommStack::init();

@@ -17,6 +17,17 @@ ZPIStackCall callOn(ZPKDataChannelPtr chain, ZPKErrorPtr* error, const ZPIFailur
   return ZPIStackCall(kZPICommChannelDomain, std::move(chain), error, site);
 }
 
+// Both are immutable and the same for every stack, so all stacks share them.
+const ZPKDataPtr& initialDelimiter() {
+  static const ZPKDataPtr delimiter = ZPKData::dataWithString("> ");
+  return delimiter;
+}
+
+const ZPKDataPtr& initialLineTerminator() {
+  static const ZPKDataPtr terminator = ZPKData::dataWithString("\n");
+  return terminator;
+}
+
 // The number that a timeout message shows, in the form in which the caller passed it.
 ZPKNumber timeoutToShow(const std::optional<ZPKNumber>& timeout) {
   return timeout.value_or(ZEPHAL_COMMUNICATION_TIME_FOREVER);
@@ -84,10 +95,9 @@ class DelimiterSwap {
 
 ZPKCommStackPtr ZPKCommStack::init() {
   auto stack = std::make_shared<ZPKCommStack>(Key());
-  stack->setAggregator(
-      ZPKMutableDataAggregatorTransformer::initWithTerminator(ZPKData::dataWithString("> ")));
+  stack->setAggregator(ZPKMutableDataAggregatorTransformer::initWithTerminator(initialDelimiter()));
   stack->setAppender(
-      ZPKMutableDataAppendingTransformer::initWithDataToAppend(ZPKData::dataWithString("\n")));
+      ZPKMutableDataAppendingTransformer::initWithDataToAppend(initialLineTerminator()));
   // Weak, so that the detector, which the stack owns, does not keep the stack alive.
   const std::weak_ptr<ZPKCommStack> weakStack = stack;
   stack->setEcidChecker(ZPKECIDSwapDetectTransformer::initWithSwapAction(
