@@ -12,8 +12,8 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-ZPIStackCall callOn(ZPKDataChannelPtr chain, ZPKErrorPtr* error) {
-  return ZPIStackCall(kZPICommChannelDomain, std::move(chain), error, {"theFunction"});
+ZPIStackCall callOn(const ZPKDataChannelPtr& chain, ZPKErrorPtr* error) {
+  return ZPIStackCall(kZPICommChannelDomain, chain.get(), error, {"theFunction"});
 }
 
 ExpectedFailure failure(int code, const char* description) {
@@ -28,7 +28,7 @@ std::shared_ptr<ScriptedChannel> closedChain() {
 
 TEST(ZPIStackCallTest, TheChainIsTheOneGiven) {
   const ZPKDataChannelPtr chain = ScriptedChannel::make();
-  EXPECT_EQ(callOn(chain, nullptr).chain(), chain);
+  EXPECT_EQ(callOn(chain, nullptr).chain(), chain.get());
   EXPECT_EQ(callOn(nullptr, nullptr).chain(), nullptr);
 }
 

@@ -85,6 +85,64 @@ TEST(ZPKSmallMutexTest, EveryWaiterGetsIt) {
   }
 }
 
+TEST(ZPKSmallMutexTest, OnlyAFreeMutexCanBeLockedByTrying) {
+  ZPKSmallMutex mutex;
+  EXPECT_TRUE(mutex.try_lock());
+  EXPECT_FALSE(mutex.try_lock());
+  std::thread([&] { EXPECT_FALSE(mutex.try_lock()); }).join();
+  mutex.unlock();
+  std::thread([&] {
+    EXPECT_TRUE(mutex.try_lock());
+    mutex.unlock();
+  }).join();
+  mutex.lock();
+  mutex.unlock();
+}
+
+TEST(ZPKAtomicTest, AnExchangeReturnsWhatWasReplaced) {
+  ZPKAtomic<std::string> property("first");
+  EXPECT_EQ(property.exchange("second"), "first");
+  EXPECT_EQ(property.load(), "second");
+}
+
+TEST(ZPKAtomicTest, EveryChangeGivesAnotherVersion) {
+  ZPKAtomic<int> property(1);
+  const uint32_t first = property.version();
+  EXPECT_EQ(property.load(), 1);
+  EXPECT_EQ(property.version(), first);
+  property.store(1);
+  const uint32_t second = property.version();
+  EXPECT_NE(second, first);
+  property.exchange(1);
+  EXPECT_NE(property.version(), second);
+  EXPECT_NE(property.version(), first);
+}
+
+// Each thread announces itself and then looks for the other: they cannot miss each other both.
+TEST(ZPKSmallMutexTest, AnUnlockAndAStoreNeverBothGoUnnoticed) {
+  for (int round = 0; round < 2000; ++round) {
+    ZPKSmallMutex mutex;
+    ZPKAtomic<int> property(0);
+    const uint32_t before = property.version();
+    std::atomic<int> ready{0};
+    bool holderNoticed = false;
+    bool setterNoticed = false;
+    mutex.lock();
+    onThreads(2, [&](int thread) {
+      ready.fetch_add(1);
+      while (ready.load() < 2) std::this_thread::yield();
+      if (thread == 0) {
+        mutex.unlock();
+        holderNoticed = property.version() != before;
+      } else {
+        property.store(1);
+        setterNoticed = mutex.try_lock();
+      }
+    });
+    ASSERT_TRUE(holderNoticed || setterNoticed);
+  }
+}
+
 TEST(ZPKAtomicTest, ItHoldsWhatWasStoredLast) {
   ZPKAtomic<std::string> property("first");
   EXPECT_EQ(property.load(), "first");
@@ -210,68 +268,6 @@ TEST(ZPKAtomicSnapshotTest, ReadersSeeStoresInOrderAndFinallyTheLast) {
     }
   });
   EXPECT_EQ(backwards, 0);
-}
-
-TEST(ZPKAtomicWeakSnapshotTest, ItReturnsTheCurrentObject) {
-  ZPKAtomic<std::shared_ptr<int>> property;
-  ZPKAtomic<std::shared_ptr<int>>::WeakSnapshot snapshot(property);
-  EXPECT_EQ(snapshot.current(), nullptr);
-  for (int i = 0; i < 3; ++i) {
-    const auto object = std::make_shared<int>(i);
-    property.store(object);
-    EXPECT_EQ(snapshot.current(), object);
-    EXPECT_EQ(snapshot.current(), object);
-  }
-  property.store(nullptr);
-  EXPECT_EQ(snapshot.current(), nullptr);
-}
-
-TEST(ZPKAtomicWeakSnapshotTest, AReplacedObjectIsDestroyedImmediately) {
-  auto first = std::make_shared<int>(1);
-  const std::weak_ptr<int> watch = first;
-  ZPKAtomic<std::shared_ptr<int>> property(std::move(first));
-  ZPKAtomic<std::shared_ptr<int>>::WeakSnapshot snapshot(property);
-  ASSERT_NE(snapshot.current(), nullptr);
-  property.store(nullptr);
-  EXPECT_TRUE(watch.expired());
-}
-
-TEST(ZPKAtomicWeakSnapshotTest, AReaderKeepsAReplacedObjectAlive) {
-  ZPKAtomic<std::shared_ptr<int>> property(std::make_shared<int>(1));
-  ZPKAtomic<std::shared_ptr<int>>::WeakSnapshot snapshot(property);
-  const std::shared_ptr<int> object = snapshot.current();
-  property.store(nullptr);
-  EXPECT_EQ(*object, 1);
-}
-
-TEST(ZPKAtomicWeakSnapshotTest, APointerThatOwnsNothingIsReturnedToo) {
-  int object = 1;
-  ZPKAtomic<std::shared_ptr<int>> property(std::shared_ptr<int>(std::shared_ptr<int>(), &object));
-  ZPKAtomic<std::shared_ptr<int>>::WeakSnapshot snapshot(property);
-  EXPECT_EQ(snapshot.current().get(), &object);
-}
-
-// The object may be destroyed between reading the property and taking a reference, but the reader
-// must never see null.
-TEST(ZPKAtomicWeakSnapshotTest, AReaderDuringWritesAlwaysHasAnObject) {
-  constexpr int kStores = 3000;
-  ZPKAtomic<std::shared_ptr<int>> property(std::make_shared<int>(0));
-  std::atomic<int> faults{0};
-  onThreads(kThreads, [&](int thread) {
-    if (thread == 0) {
-      for (int i = 1; i <= kStores; ++i) property.store(std::make_shared<int>(i));
-      return;
-    }
-    ZPKAtomic<std::shared_ptr<int>>::WeakSnapshot snapshot(property);
-    for (int last = 0; last < kStores;) {
-      const std::shared_ptr<int> object = snapshot.current();
-      const int seen = object == nullptr ? -1 : *object;
-      if (seen < last) faults.fetch_add(1, std::memory_order_relaxed);
-      if (seen == last) std::this_thread::yield();
-      if (seen > last) last = seen;
-    }
-  });
-  EXPECT_EQ(faults, 0);
 }
 
 }  // namespace

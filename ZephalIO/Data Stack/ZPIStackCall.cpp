@@ -1,6 +1,7 @@
 #include "Data Stack/ZPIStackCall.h"
 
-bool ZPIStackCall::refuse(int code, const char* message) const {
-  ZPKReportFailure(_error, _domain, code, _site, message);
+bool ZPIStackCall::report(const char* domain, int code, ZPIFailureSite site, const char* message,
+                          ZPKErrorPtr* error) {
+  ZPKReportFailure(error, domain, code, site, message);
   return true;
 }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <utility>
-
 #include "Data Channel/ZPKDataChannel.h"
 #include "Utility/ZPKReportFailure.h"
 
@@ -10,15 +8,15 @@
 /// held. Everything except the report is inline, since each command and each read goes through it.
 class ZPIStackCall final {
  public:
-  /// `chain` is the top of the chain; null if none was created. Failures are stored in `error`,
-  /// unless it is null, and logged, with `domain` and `site`.
-  ZPIStackCall(const char* domain, ZPKDataChannelPtr chain, ZPKErrorPtr* error,
+  /// `chain` is the top of the chain, and must live as long; null if none was created. Failures are
+  /// stored in `error`, unless it is null, and logged, with `domain` and `site`.
+  ZPIStackCall(const char* domain, ZPKDataChannel* chain, ZPKErrorPtr* error,
                const ZPIFailureSite& site)
-      : _domain(domain), _chain(std::move(chain)), _error(error), _site(site) {}
+      : _domain(domain), _chain(chain), _error(error), _site(site) {}
   ZPIStackCall(const ZPIStackCall&) = delete;
   ZPIStackCall& operator=(const ZPIStackCall&) = delete;
 
-  const ZPKDataChannelPtr& chain() const { return _chain; }
+  ZPKDataChannel* chain() const { return _chain; }
 
   /// If there is a chain, reports code 302 with `message` and returns true.
   bool refuseOnceCreated(const char* message) const {
@@ -48,10 +46,16 @@ class ZPIStackCall final {
 
   bool isOpened() const { return _chain != nullptr && _chain->isOpened(); }
 
-  bool refuse(int code, const char* message) const;  // reports, and returns true
+  // Reports, and returns true. The members go by value, so that a call that is not refused need not
+  // be in memory.
+  bool refuse(int code, const char* message) const {
+    return report(_domain, code, _site, message, _error);
+  }
+  static bool report(const char* domain, int code, ZPIFailureSite site, const char* message,
+                     ZPKErrorPtr* error);
 
   const char* const _domain;
-  const ZPKDataChannelPtr _chain;
+  ZPKDataChannel* const _chain;
   ZPKErrorPtr* const _error;
   const ZPIFailureSite _site;
 };

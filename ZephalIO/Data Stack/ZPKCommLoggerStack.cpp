@@ -6,15 +6,16 @@
 #include "Data Channel/ZPIBaseChannelForURL.h"
 #include "Data Channel/ZPKDataChannelDecorators.h"
 #include "Data Stack/ZPIStackCall.h"
+#include "Data Stack/ZPIStackChain.h"
 #include "Data Stack/ZPIStackSupport.h"
 #include "Utility/ZPKReportFailure.h"
 
 namespace {
 
-using Guard = std::lock_guard<std::recursive_mutex>;
+using Operation = ZPIStackChain::Operation;
 
-ZPIStackCall callOn(ZPKDataChannelPtr chain, ZPKErrorPtr* error, const ZPIFailureSite& site) {
-  return ZPIStackCall(kZPICommLoggerChannelDomain, std::move(chain), error, site);
+ZPIStackCall callOn(ZPKDataChannel* chain, ZPKErrorPtr* error, const ZPIFailureSite& site) {
+  return ZPIStackCall(kZPICommLoggerChannelDomain, chain, error, site);
 }
 
 }  // namespace
@@ -24,7 +25,8 @@ ZPKCommLoggerStackPtr ZPKCommLoggerStack::init() {
 }
 
 ZPKCommLoggerStack::ZPKCommLoggerStack(Key)
-    : _aggregator(
+    : _chain(std::make_unique<ZPIStackChain>()),
+      _aggregator(
           ZPKMutableDataAggregatorTransformer::initWithTerminator(ZPKData::dataWithString(""))) {}
 
 ZPKCommLoggerStack::~ZPKCommLoggerStack() { ZPICloseAbandonedChain(commChannel()); }
@@ -32,9 +34,9 @@ ZPKCommLoggerStack::~ZPKCommLoggerStack() { ZPICloseAbandonedChain(commChannel()
 bool ZPKCommLoggerStack::setLogFilePath(std::optional<std::string_view> path,
                                         std::optional<std::string_view> preAggregatorPath,
                                         ZPKErrorPtr* error) {
-  const Guard guard(_lock);
+  const Operation operation(*_chain);
   const auto call =
-      callOn(commChannel(), error,
+      callOn(operation.chain(), error,
              {"-[ZPKCommLoggerStack setLogFilePath:preAggregatorLogFilePath:error:]"});
   if (call.refuseOnceCreated("Cannot enable log file while comm stack is already created/opened")) {
     return false;
@@ -46,14 +48,14 @@ bool ZPKCommLoggerStack::setLogFilePath(std::optional<std::string_view> path,
 
 bool ZPKCommLoggerStack::setDelimiter(std::optional<std::string_view> delimiter,
                                       ZPKErrorPtr* /*error*/) {
-  const Guard guard(_lock);
+  const Operation operation(*_chain);
   if (const auto cutter = aggregator()) cutter->setData2Find(ZPKData::dataWithString(delimiter));
   return true;
 }
 
 bool ZPKCommLoggerStack::createStackWithURL(std::optional<std::string_view> url,
                                             ZPKErrorPtr* error) {
-  const Guard guard(_lock);
+  const Operation operation(*_chain);
   const auto channel = ZPIBaseChannelForURL(ZPKURL::initWithString(url), error);
   if (!channel.has_value()) {
     ZPKReportFailure(error, kZPICommLoggerChannelDomain, 300,
@@ -65,8 +67,8 @@ bool ZPKCommLoggerStack::createStackWithURL(std::optional<std::string_view> url,
 
 bool ZPKCommLoggerStack::createStackWithBaseChannel(const ZPKDataChannelPtr& channel,
                                                     ZPKErrorPtr* error) {
-  const Guard guard(_lock);
-  if (callOn(commChannel(), error, {"-[ZPKCommLoggerStack createStackWithBaseChannel:error:]"})
+  const Operation operation(*_chain);
+  if (callOn(operation.chain(), error, {"-[ZPKCommLoggerStack createStackWithBaseChannel:error:]"})
           .refuseWhileOpen()) {
     return false;
   }
@@ -81,25 +83,25 @@ bool ZPKCommLoggerStack::open(ZPKErrorPtr* error) { return openWithTimeout(std::
 
 bool ZPKCommLoggerStack::openWithTimeout(std::optional<ZPKNumber> timeout, ZPKErrorPtr* error) {
   const double seconds = ZPISecondsOf(timeout);
-  const Guard guard(_lock);
-  return callOn(commChannel(), error, {"-[ZPKCommLoggerStack openWithTimeout:error:]"})
+  const Operation operation(*_chain);
+  return callOn(operation.chain(), error, {"-[ZPKCommLoggerStack openWithTimeout:error:]"})
       .open(seconds);
 }
 
 ZPKNumber ZPKCommLoggerStack::isOpen(ZPKErrorPtr* /*error*/) const {
-  const Guard guard(_lock);
+  const Operation operation(*_chain);
   return ZPIIsOpened(commChannel()) ? 1 : 0;
 }
 
 bool ZPKCommLoggerStack::close(ZPKErrorPtr* error) {
-  const Guard guard(_lock);
+  const Operation operation(*_chain);
   return ZPICloseChain(commChannel(), error);
 }
 
-ZPKDataChannelPtr ZPKCommLoggerStack::commChannel() const { return _commChannel.load(); }
+ZPKDataChannelPtr ZPKCommLoggerStack::commChannel() const { return _chain->load(); }
 
 void ZPKCommLoggerStack::setCommChannel(ZPKDataChannelPtr channel) {
-  _commChannel.store(std::move(channel));
+  _chain->store(std::move(channel));
 }
 
 ZPKMutableDataAggregatorTransformerPtr ZPKCommLoggerStack::aggregator() const {

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,6 +12,8 @@
 #include "Utility/ZPKAtomic.h"
 #include "Utility/ZPKExport.h"
 #include "Utility/ZPKNumber.h"
+
+class ZPIStackChain;
 
 /// Records a device's console: a background thread reads everything that arrives, logs it and drops
 /// it. Nothing is ever sent, and nothing can be read through the stack.
@@ -125,8 +126,7 @@ class ZPK_EXPORT ZPKCommLoggerStack {
  private:
   ZPKDataChannelPtr chainOn(ZPKDataChannelPtr channel, ZPKErrorPtr* error) const;
 
-  mutable std::recursive_mutex _lock;
-  ZPKAtomic<ZPKDataChannelPtr> _commChannel;
+  const std::unique_ptr<ZPIStackChain> _chain;  // and the lock that each operation holds
   ZPKAtomic<ZPKMutableDataAggregatorTransformerPtr> _aggregator;
   ZPKAtomic<std::optional<std::string>> _logFilePath;
   ZPKAtomic<std::optional<std::string>> _preAggregatorLogFilePath;

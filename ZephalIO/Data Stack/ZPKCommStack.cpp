@@ -4,6 +4,7 @@
 
 #include "Data Channel/ZPKDataChannelDecorators.h"
 #include "Data Stack/ZPIStackCall.h"
+#include "Data Stack/ZPIStackChain.h"
 #include "Data Stack/ZPIStackSupport.h"
 #include "Utility/ZPIText.h"
 #include "Utility/ZPKDataConversionFunctions.h"
@@ -11,10 +12,10 @@
 
 namespace {
 
-using Guard = std::lock_guard<std::recursive_mutex>;
+using Operation = ZPIStackChain::Operation;
 
-ZPIStackCall callOn(ZPKDataChannelPtr chain, ZPKErrorPtr* error, const ZPIFailureSite& site) {
-  return ZPIStackCall(kZPICommChannelDomain, std::move(chain), error, site);
+ZPIStackCall callOn(ZPKDataChannel* chain, ZPKErrorPtr* error, const ZPIFailureSite& site) {
+  return ZPIStackCall(kZPICommChannelDomain, chain, error, site);
 }
 
 // Both are immutable and the same for every stack, so all stacks share them.
@@ -33,12 +34,9 @@ ZPKNumber timeoutToShow(const std::optional<ZPKNumber>& timeout) {
   return timeout.value_or(ZEPHAL_COMMUNICATION_TIME_FOREVER);
 }
 
-// If a different device was found, reports code 309 and returns true.
-bool reportSwap(const std::optional<std::string>& swap, ZPKErrorPtr* error,
-                const ZPIFailureSite& site) {
-  if (!swap.has_value()) return false;
-  ZPKReportFailure(error, kZPICommChannelDomain, 309, site, "%@", *swap);
-  return true;
+// A different device was found.
+void reportSwap(const std::string& swap, ZPKErrorPtr* error, const ZPIFailureSite& site) {
+  ZPKReportFailure(error, kZPICommChannelDomain, 309, site, "%@", swap);
 }
 
 // The response as text; null, with code 306 reported at `site`, if it is not UTF-8.
@@ -91,6 +89,14 @@ class DelimiterSwap {
   const ZPKDataPtr _kept;
 };
 
+// Not inlined, so that a read with the stack's own delimiter stays short.
+[[gnu::noinline]] ZPKDataPtr readWithDelimiter(ZPKDataChannel& chain, double timeout,
+                                               ZPKMutableDataAggregatorTransformerPtr aggregator,
+                                               const ZPKDataPtr& delimiter, ZPKErrorPtr* error) {
+  const DelimiterSwap swap(std::move(aggregator), delimiter);
+  return chain.readWithTimeout(timeout, error);
+}
+
 }  // namespace
 
 ZPKCommStackPtr ZPKCommStack::init() {
@@ -111,15 +117,15 @@ ZPKCommStackPtr ZPKCommStack::init() {
 }
 
 ZPKCommStack::ZPKCommStack(Key)
-    : _currentChannel(_commChannel), _currentSwap(_ecidSwapInformation) {}
+    : _chain(std::make_unique<ZPIStackChain>()), _currentSwap(_ecidSwapInformation) {}
 
 ZPKCommStack::~ZPKCommStack() { ZPICloseAbandonedChain(commChannel()); }
 
 bool ZPKCommStack::enableECIDSwapDetectionWithECID(std::optional<ZPKNumber> ecid,
                                                    ZPKErrorPtr* error) {
-  const Guard guard(_lock);
+  const Operation operation(*_chain);
   const auto call =
-      callOn(commChannel(), error, {"-[ZPKCommStack enableECIDSwapDetectionWithECID:error:]"});
+      callOn(operation.chain(), error, {"-[ZPKCommStack enableECIDSwapDetectionWithECID:error:]"});
   if (call.refuseOnceCreated(
           "Cannot enable ecid swap detection while uart stack is already created")) {
     return false;
@@ -130,27 +136,27 @@ bool ZPKCommStack::enableECIDSwapDetectionWithECID(std::optional<ZPKNumber> ecid
 }
 
 bool ZPKCommStack::setTimeoutIsException(std::optional<ZPKNumber> value, ZPKErrorPtr* /*error*/) {
-  const Guard guard(_lock);
+  const Operation operation(*_chain);
   setTimeoutIsException(ZPIBoolOf(value));
   return true;
 }
 
 bool ZPKCommStack::setDelimiter(std::optional<std::string_view> delimiter, ZPKErrorPtr* /*error*/) {
-  const Guard guard(_lock);
+  const Operation operation(*_chain);
   if (const auto cutter = aggregator()) cutter->setData2Find(ZPKData::dataWithString(delimiter));
   return true;
 }
 
 bool ZPKCommStack::setLineTerminator(std::optional<std::string_view> terminator,
                                      ZPKErrorPtr* /*error*/) {
-  const Guard guard(_lock);
+  const Operation operation(*_chain);
   if (const auto ender = appender()) ender->setDataToAppend(ZPKData::dataWithString(terminator));
   return true;
 }
 
 bool ZPKCommStack::setReadFiltersHex(const std::vector<std::string>& filters, ZPKErrorPtr* error) {
-  const Guard guard(_lock);
-  const auto call = callOn(commChannel(), error, {"-[ZPKCommStack setReadFiltersHex:error:]"});
+  const Operation operation(*_chain);
+  const auto call = callOn(operation.chain(), error, {"-[ZPKCommStack setReadFiltersHex:error:]"});
   if (call.refuseOnceCreated(kFiltersRefused)) return false;
   std::optional<ZPKDataTransformerArray> transformers = filtersOf(
       filters, [](const std::string& text) { return ZPKDataFromHexString(text); }, error);
@@ -160,8 +166,8 @@ bool ZPKCommStack::setReadFiltersHex(const std::vector<std::string>& filters, ZP
 }
 
 bool ZPKCommStack::setReadFilters(const std::vector<std::string>& filters, ZPKErrorPtr* error) {
-  const Guard guard(_lock);
-  const auto call = callOn(commChannel(), error, {"-[ZPKCommStack setReadFilters:error:]"});
+  const Operation operation(*_chain);
+  const auto call = callOn(operation.chain(), error, {"-[ZPKCommStack setReadFilters:error:]"});
   if (call.refuseOnceCreated(kFiltersRefused)) return false;
   std::optional<ZPKDataTransformerArray> transformers = filtersOf(
       filters, [](const std::string& text) { return ZPKData::dataWithString(text); }, error);
@@ -173,8 +179,8 @@ bool ZPKCommStack::setReadFilters(const std::vector<std::string>& filters, ZPKEr
 bool ZPKCommStack::setLogFilePath(std::optional<std::string_view> path,
                                   std::optional<std::string_view> preAggregatorPath,
                                   ZPKErrorPtr* error) {
-  const Guard guard(_lock);
-  const auto call = callOn(commChannel(), error,
+  const Operation operation(*_chain);
+  const auto call = callOn(operation.chain(), error,
                            {"-[ZPKCommStack setLogFilePath:preAggregatorLogFilePath:error:]"});
   if (call.refuseOnceCreated("Cannot enable log file while comm stack is already created/opened")) {
     return false;
@@ -185,8 +191,9 @@ bool ZPKCommStack::setLogFilePath(std::optional<std::string_view> path,
 }
 
 bool ZPKCommStack::setActiveChannelOnOff(std::optional<ZPKNumber> onOff, ZPKErrorPtr* error) {
-  const Guard guard(_lock);
-  const auto call = callOn(commChannel(), error, {"-[ZPKCommStack setActiveChannelOnOff:error:]"});
+  const Operation operation(*_chain);
+  const auto call =
+      callOn(operation.chain(), error, {"-[ZPKCommStack setActiveChannelOnOff:error:]"});
   if (call.refuseOnceCreated(
           "Cannot change active channel on/off when comm stack is already created/opened")) {
     return false;
@@ -196,15 +203,15 @@ bool ZPKCommStack::setActiveChannelOnOff(std::optional<ZPKNumber> onOff, ZPKErro
 }
 
 bool ZPKCommStack::createStackWithURL(std::optional<std::string_view> url, ZPKErrorPtr* error) {
-  const Guard guard(_lock);
+  const Operation operation(*_chain);
   const ZPKDataChannelPtr channel = createBaseChannelWithTransport(url, error);
   return channel != nullptr && createStackWithBaseChannel(channel, error);
 }
 
 bool ZPKCommStack::createStackWithBaseChannel(const ZPKDataChannelPtr& channel,
                                               ZPKErrorPtr* error) {
-  const Guard guard(_lock);
-  if (callOn(commChannel(), error, {"-[ZPKCommStack createStackWithBaseChannel:error:]"})
+  const Operation operation(*_chain);
+  if (callOn(operation.chain(), error, {"-[ZPKCommStack createStackWithBaseChannel:error:]"})
           .refuseWhileOpen()) {
     return false;
   }
@@ -217,39 +224,45 @@ bool ZPKCommStack::createStackWithBaseChannel(const ZPKDataChannelPtr& channel,
 
 bool ZPKCommStack::openWithTimeout(std::optional<ZPKNumber> timeout, ZPKErrorPtr* error) {
   const double seconds = ZPISecondsOf(timeout);
-  const Guard guard(_lock);
-  return callOn(commChannel(), error, {"-[ZPKCommStack openWithTimeout:error:]"}).open(seconds);
+  const Operation operation(*_chain);
+  return callOn(operation.chain(), error, {"-[ZPKCommStack openWithTimeout:error:]"}).open(seconds);
 }
 
 ZPKNumber ZPKCommStack::isOpen(ZPKErrorPtr* /*error*/) const {
-  const Guard guard(_lock);
+  const Operation operation(*_chain);
   return ZPIIsOpened(commChannel()) ? 1 : 0;
 }
 
 bool ZPKCommStack::close(ZPKErrorPtr* error) {
-  const Guard guard(_lock);
+  const Operation operation(*_chain);
   return ZPICloseChain(commChannel(), error);
 }
 
 bool ZPKCommStack::writeData(const ZPKDataPtr& data, ZPKErrorPtr* error) {
-  const Guard guard(_lock);
-  const auto call = callOn(_currentChannel.current(), error, {"-[ZPKCommStack writeData:error:]"});
+  const Operation operation(*_chain);
+  const auto call = callOn(operation.chain(), error, {"-[ZPKCommStack writeData:error:]"});
   return !call.refuseUnlessOpen() && call.chain()->write(data, error);
 }
 
 ZPKDataPtr ZPKCommStack::readDataWithTimeout(std::optional<ZPKNumber> timeout,
                                              const ZPKDataPtr& delimiter, ZPKErrorPtr* error) {
   constexpr const char* kSite = "-[ZPKCommStack readDataWithTimeout:delimiter:error:]";
-  const double seconds = ZPISecondsOf(timeout);
-  const Guard guard(_lock);
-  const auto call = callOn(_currentChannel.current(), error, {kSite});
-  if (call.refuseUnlessOpen()) return nullptr;
-  ZPKDataPtr data = readWithDelimiter(*call.chain(), seconds, delimiter, error);
-  if (reportSwap(_currentSwap.current(), error, {kSite})) return nullptr;
-  if (isTimeout(data)) {
+  const Operation operation(*_chain);
+  const auto call = callOn(operation.chain(), error, {kSite});
+  const bool isRefused = call.refuseUnlessOpen();
+  ZPKDataPtr data =
+      isRefused ? nullptr
+      : delimiter == nullptr
+          ? call.chain()->readWithTimeout(ZPISecondsOf(timeout), error)
+          : readWithDelimiter(*call.chain(), ZPISecondsOf(timeout), aggregator(), delimiter, error);
+  if (isRefused) return data;
+  if (const auto& swap = _currentSwap.current()) {
+    reportSwap(*swap, error, {kSite});
+    data = nullptr;
+  } else if (isTimeout(data)) {
     ZPKReportFailure(error, kZPICommChannelDomain, 305, {kSite},
                      "Timed out trying to read after %@ sec", timeoutToShow(timeout));
-    return nullptr;
+    data = nullptr;
   }
   return data;
 }
@@ -257,17 +270,20 @@ ZPKDataPtr ZPKCommStack::readDataWithTimeout(std::optional<ZPKNumber> timeout,
 ZPKDataPtr ZPKCommStack::sendCommandData(const ZPKDataPtr& command,
                                          std::optional<ZPKNumber> timeout, ZPKErrorPtr* error) {
   constexpr const char* kSite = "-[ZPKCommStack sendCommandData:timeout:error:]";
-  const double seconds = ZPISecondsOf(timeout);
-  const Guard guard(_lock);
-  const auto call = callOn(_currentChannel.current(), error, {kSite});
-  if (call.refuseUnlessOpen() || !call.chain()->write(command, error)) return nullptr;
-  ZPKDataPtr response = call.chain()->readWithTimeout(seconds, error);
-  if (reportSwap(_currentSwap.current(), error, {kSite})) return nullptr;
-  if (isTimeout(response)) {
+  const Operation operation(*_chain);
+  const auto call = callOn(operation.chain(), error, {kSite});
+  const bool isSent = !call.refuseUnlessOpen() && call.chain()->write(command, error);
+  ZPKDataPtr response =
+      isSent ? call.chain()->readWithTimeout(ZPISecondsOf(timeout), error) : nullptr;
+  if (!isSent) return response;
+  if (const auto& swap = _currentSwap.current()) {
+    reportSwap(*swap, error, {kSite});
+    response = nullptr;
+  } else if (isTimeout(response)) {
     ZPKReportFailure(error, kZPICommChannelDomain, 305, {kSite},
                      "Timed out waiting for response for command '%@' after %@ sec",
                      ZPKDataToString(command), timeoutToShow(timeout));
-    return nullptr;
+    response = nullptr;
   }
   return response;
 }
@@ -329,11 +345,9 @@ bool ZPKCommStack::timeoutIsException() const { return _timeoutIsException; }
 
 void ZPKCommStack::setTimeoutIsException(bool value) { _timeoutIsException = value; }
 
-ZPKDataChannelPtr ZPKCommStack::commChannel() const { return _commChannel.load(); }
+ZPKDataChannelPtr ZPKCommStack::commChannel() const { return _chain->load(); }
 
-void ZPKCommStack::setCommChannel(ZPKDataChannelPtr channel) {
-  _commChannel.store(std::move(channel));
-}
+void ZPKCommStack::setCommChannel(ZPKDataChannelPtr channel) { _chain->store(std::move(channel)); }
 
 ZPKMutableDataAggregatorTransformerPtr ZPKCommStack::aggregator() const {
   return _aggregator.load();
@@ -425,11 +439,4 @@ ZPKDataTransformerArray ZPKCommStack::readTransformers() const {
 
 bool ZPKCommStack::isTimeout(const ZPKDataPtr& data) const {
   return _timeoutIsException && data != nullptr && data->length() == 0;
-}
-
-ZPKDataPtr ZPKCommStack::readWithDelimiter(ZPKDataChannel& channel, double timeout,
-                                           const ZPKDataPtr& delimiter, ZPKErrorPtr* error) {
-  if (delimiter == nullptr) return channel.readWithTimeout(timeout, error);
-  const DelimiterSwap swap(aggregator(), delimiter);
-  return channel.readWithTimeout(timeout, error);
 }

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,6 +17,8 @@
 #include "Utility/ZPKExport.h"
 #include "Utility/ZPKNumber.h"
 #include "Utility/ZPKRegex.h"
+
+class ZPIStackChain;
 
 /// Talks to a device: sends a command and gets the response, which ends with the device's prompt.
 ///
@@ -251,13 +252,10 @@ class ZPK_EXPORT ZPKCommStack {
   ZPKDataChannelPtr chainOn(ZPKDataChannelPtr channel, ZPKErrorPtr* error) const;
   ZPKDataTransformerArray readTransformers() const;
   bool isTimeout(const ZPKDataPtr& data) const;
-  ZPKDataPtr readWithDelimiter(ZPKDataChannel& channel, double timeout, const ZPKDataPtr& delimiter,
-                               ZPKErrorPtr* error);
 
-  mutable std::recursive_mutex _lock;
+  const std::unique_ptr<ZPIStackChain> _chain;  // and the lock that each operation holds
   std::atomic<bool> _activeChannelOnOff{false};
   std::atomic<bool> _timeoutIsException{true};
-  ZPKAtomic<ZPKDataChannelPtr> _commChannel;
   ZPKAtomic<ZPKMutableDataAggregatorTransformerPtr> _aggregator;
   ZPKAtomic<ZPKMutableDataAppendingTransformerPtr> _appender;
   ZPKAtomic<std::optional<ZPKDataTransformerArray>> _readFilterTransformers;
@@ -267,9 +265,8 @@ class ZPK_EXPORT ZPKCommStack {
   ZPKAtomic<std::optional<std::string>> _logFilePath;
   ZPKAtomic<std::optional<std::string>> _preAggregatorLogFilePath;
 
-  // The stack's own copies of two properties that every command reads, so that a read takes no lock
-  // of the property. The one of the chain does not keep it alive. Guarded by _lock.
-  ZPKAtomic<ZPKDataChannelPtr>::WeakSnapshot _currentChannel;
+  // The stack's own copy of a property that every command reads, so that a read takes no lock of
+  // the property. Guarded by the lock of the operations.
   ZPKAtomic<std::optional<std::string>>::Snapshot _currentSwap;
 };
 

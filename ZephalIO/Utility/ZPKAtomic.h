@@ -27,8 +27,17 @@ class ZPKSmallMutex {
     lockContended();
   }
 
+  /// Locks it if nobody holds it; returns whether it did.
+  bool try_lock() {
+    uint32_t expected = kFree;
+    return _state.compare_exchange_strong(expected, kHeld);
+  }
+
+  /// An unlock, a try_lock and the changes of a ZPKAtomic have one order for all threads: of one
+  /// thread that unlocks and then looks at a property, and another that sets it and then tries the
+  /// lock, at least one sees what the other did.
   void unlock() {
-    if (_state.exchange(kFree, std::memory_order_release) == kContended) wakeOne();
+    if (_state.exchange(kFree) == kContended) wakeOne();
   }
 
  private:
@@ -53,69 +62,44 @@ class ZPKAtomic {
     return _value;
   }
 
-  void store(T value) {
-    {
-      const std::lock_guard guard(_mutex);
-      std::swap(_value, value);
-      _version.fetch_add(1, std::memory_order_release);
-    }
-    // The old value is destroyed here, outside the lock: its destructor may run a caller's code.
+  // The old value is destroyed outside the lock: its destructor may run a caller's code.
+  void store(T value) { exchange(std::move(value)); }
+
+  /// Replaces the value and returns the old one.
+  T exchange(T value) {
+    const std::lock_guard guard(_mutex);
+    std::swap(_value, value);
+    _version.fetch_add(1);
+    return value;
   }
+
+  /// Another number after each change.
+  uint32_t version() const { return _version.load(); }
 
   /// A reader's own copy of a property, renewed only when the property was replaced: reading an
   /// unchanged property costs one atomic load. For one thread at a time.
   class Snapshot {
    public:
     explicit Snapshot(const ZPKAtomic& property)
-        : _property(property),
-          _version(property._version.load(std::memory_order_relaxed)),
-          _value(property.load()) {}
+        : _property(property), _version(property.version()), _value(property.load()) {}
 
     /// The property's present value; the reference is valid until the next call.
     const T& current() {
-      if (_property._version.load(std::memory_order_acquire) != _version) renew();
+      if (_property.version() != _version) renew();
       return _value;
     }
 
    private:
-    // Reads the version first: after a store in between, the next read renews the copy again.
-    void renew() {
-      _version = _property._version.load(std::memory_order_acquire);
+    // Reads the version first: after a store in between, the next read renews the copy again. Not
+    // inlined, so that a read of an unchanged property stays short.
+    [[gnu::noinline]] void renew() {
+      _version = _property.version();
       _value = _property.load();
     }
 
     const ZPKAtomic& _property;
     uint32_t _version;
     T _value;
-  };
-
-  /// The same for a property that is a shared pointer, without keeping its object alive: each read
-  /// returns a reference of its own, and an object that the property has released is destroyed with
-  /// the last of them. For one thread at a time.
-  class WeakSnapshot {
-   public:
-    explicit WeakSnapshot(const ZPKAtomic& property) : _property(property) { renewed(); }
-
-    /// The object that the property holds now; may be null.
-    T current() {
-      if (_property._version.load(std::memory_order_acquire) == _version) {
-        if (T object = _object.lock()) return object;
-      }
-      return renewed();  // also for null, and for a pointer that owns nothing
-    }
-
-   private:
-    // Reads the version first, as above.
-    T renewed() {
-      _version = _property._version.load(std::memory_order_acquire);
-      T object = _property.load();
-      _object = object;
-      return object;
-    }
-
-    const ZPKAtomic& _property;
-    uint32_t _version = 0;
-    typename T::weak_type _object;
   };
 
  private:
