@@ -214,6 +214,12 @@ TEST(ZPKMutableDataSearchTest, EveryEditExceptAnAppendForgetsAFailedSearch) {
          buffer->dropFirst(9);
          append(buffer, {"\0\0.......", 9});
        }},
+      {"takeThrough",
+       [](const auto& buffer) {
+         buffer->append("#", 1);
+         buffer->takeThrough(*unitOf("#"));
+         append(buffer, {".\0\0.......", 10});
+       }},
       {"takeFirst",
        [](const auto& buffer) {
          buffer->takeFirst(9);

@@ -194,6 +194,20 @@ TEST(ZPKMutableDataTest, TakingTheFirstBytesLeavesTheRest) {
   }
 }
 
+TEST(ZPKMutableDataTest, TakingThroughAPatternLeavesTheRest) {
+  const auto buffer = ZPKMutableData::dataWithBytes("a;bb;ccccccccc", 14);
+  EXPECT_EQ(buffer->takeThrough(*dataOf(";"))->view(), "a;");
+  EXPECT_EQ(buffer->takeThrough(*dataOf("b;"))->view(), "bb;");
+  EXPECT_EQ(buffer->takeThrough(*dataOf(";")), nullptr);
+  EXPECT_EQ(buffer->takeThrough(*ZPKData::data()), nullptr);
+  EXPECT_EQ(buffer->view(), "ccccccccc");
+  EXPECT_EQ(buffer->takeThrough(*dataOf("cccccccc"))->view(), "cccccccc");
+  EXPECT_EQ(buffer->view(), "c");
+  EXPECT_EQ(buffer->takeThrough(*dataOf("c"))->view(), "c");
+  EXPECT_EQ(buffer->view(), "");
+  EXPECT_EQ(buffer->takeThrough(*dataOf("c")), nullptr);
+}
+
 TEST(ZPKMutableDataTest, TakingFromAnEmptyBufferGivesEmptyData) {
   ZPKMutableData buffer;
   const ZPKMutableDataPtr first = buffer.takeFirst(3);

@@ -42,14 +42,16 @@ ZPKDataPtr ZPIChannelTransformer::readWithTimeout(double timeout, ZPKErrorPtr* e
   return _preread ? readHeldFirst(timeout, error) : readBelow(timeout, error);
 }
 
-ZPKDataPtr ZPIChannelTransformer::readHeldFirst(double timeout, ZPKErrorPtr* error) {
+// Not inlined, so that the usual read stays short.
+[[gnu::noinline]] ZPKDataPtr ZPIChannelTransformer::readHeldFirst(double timeout,
+                                                                  ZPKErrorPtr* error) {
   auto held = ZPKMutableData::data();
   modifyData(held.get());
   if (held->length() != 0) return held;
   return readBelow(timeout, error);
 }
 
-ZPKDataPtr ZPIChannelTransformer::readBelow(double timeout, ZPKErrorPtr* error) {
+inline ZPKDataPtr ZPIChannelTransformer::readBelow(double timeout, ZPKErrorPtr* error) {
   ZPKDataPtr data = _channel->readWithTimeout(timeout, error);
   if (data != nullptr) modifyData(ZPIUnshare(&data));
   return data;

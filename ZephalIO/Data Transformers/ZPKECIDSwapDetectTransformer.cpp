@@ -42,10 +42,16 @@ ZPKECIDSwapDetectTransformer::~ZPKECIDSwapDetectTransformer() = default;
 void ZPKECIDSwapDetectTransformer::modifyData(ZPKMutableData* data) {
   const std::optional<std::string>& current = _expected.current();
   if (data == nullptr || !current.has_value() || current->empty()) return;
+  examine(*current, data);
+}
+
+// Not inlined, so that modifyData stays short while detection is off.
+[[gnu::noinline]] void ZPKECIDSwapDetectTransformer::examine(const std::string& current,
+                                                             ZPKMutableData* data) {
   const std::optional<std::string_view> bytes = bytesBeforeDelimiter(*data);
   // Usually the prompt is the expected one, and its form need not be checked.
-  if (!bytes.has_value() || *bytes == *current || !hasECIDForm(*bytes)) return;
-  const std::string expected = *current;
+  if (!bytes.has_value() || *bytes == current || !hasECIDForm(*bytes)) return;
+  const std::string expected = current;  // the action may set another one
   const std::string read(*bytes);
   if (dropResponseWhenECIDSwapDetected()) data->setLength(0);
   swapAction()(expected, read);

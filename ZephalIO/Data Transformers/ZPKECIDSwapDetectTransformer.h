@@ -80,6 +80,7 @@ class ZPK_EXPORT ZPKECIDSwapDetectTransformer final : public ZPKDataTransformer 
   void setExpectedECIDString(std::optional<std::string> text);
 
  private:
+  void examine(const std::string& current, ZPKMutableData* data);
   std::optional<std::string_view> bytesBeforeDelimiter(const ZPKMutableData& chunk) const;
   bool hasECIDForm(std::string_view bytes) const;
 

@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "Data Transformers Internal/ZPITakeHeldUnit.h"
 #include "Utility/ZPIRangeEnd.h"
 
 ZPKMutableDataAggregatorTransformerPtr ZPKMutableDataAggregatorTransformer::initWithTerminator(
@@ -35,10 +34,13 @@ void ZPKMutableDataAggregatorTransformer::modifyData(ZPKMutableData* data) {
 
 // The terminator to use during one call; null if there is none.
 const ZPKData* ZPKMutableDataAggregatorTransformer::currentTerminator() {
-  const ZPKDataPtr& current = _terminator.current();
+  const ZPKData* const current = _terminator.current().get();
   if (current == nullptr || current->length() == 0) return nullptr;
-  if (!current->isMutable()) return current.get();
-  _terminatorCopy = current->copy();
+  return current->isMutable() ? copyOfTerminator() : current;
+}
+
+const ZPKData* ZPKMutableDataAggregatorTransformer::copyOfTerminator() {
+  _terminatorCopy = _terminator.current()->copy();
   return _terminatorCopy.get();
 }
 
@@ -68,14 +70,4 @@ ZPKDataPtr ZPKMutableDataAggregatorTransformer::data2Find() const { return _data
 
 void ZPKMutableDataAggregatorTransformer::setData2Find(ZPKDataPtr data2Find) {
   _data2Find.store(std::move(data2Find));
-}
-
-ZPKDataPtr ZPITakeHeldUnit(ZPKMutableDataAggregatorTransformer& aggregator) {
-  ZPKMutableData& buffer = *aggregator._buffer;
-  if (buffer.length() == 0) return nullptr;
-  const ZPKData* const terminator = aggregator.currentTerminator();
-  if (terminator == nullptr) return nullptr;
-  const ZPKRange found = buffer.resumeFind(*terminator);
-  if (found.location == ZPKNotFound) return nullptr;
-  return buffer.takeFirst(ZPIRangeEnd(found));
 }

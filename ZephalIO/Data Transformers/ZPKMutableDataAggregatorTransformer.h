@@ -51,6 +51,7 @@ class ZPK_EXPORT ZPKMutableDataAggregatorTransformer final : public ZPKDataTrans
   friend ZPKDataPtr ZPITakeHeldUnit(ZPKMutableDataAggregatorTransformer& aggregator);
 
   const ZPKData* currentTerminator();
+  const ZPKData* copyOfTerminator();
   void cutChunk(const ZPKData& terminator, ZPKMutableData* chunk);
 
   const ZPKMutableDataPtr _buffer;

@@ -2,8 +2,6 @@
 
 #include <cstring>
 
-#include "Utility/ZPKTypes.h"
-
 namespace {
 
 // memchr needs a tenth of an instruction per byte, but each false start costs some 60 and the
@@ -15,14 +13,9 @@ constexpr uint64_t kSlackBytes = 256;
 
 }  // namespace
 
-uint64_t ZPIFindBytes(const uint8_t* bytes, size_t length, const uint8_t* needle,
-                      size_t needleLength) {
+uint64_t ZPIFindLongNeedle(const uint8_t* bytes, size_t length, const uint8_t* needle,
+                           size_t needleLength) {
   if (needleLength == 0 || needleLength > length) return ZPKNotFound;
-  if (needleLength == 1) {
-    const void* found = std::memchr(bytes, needle[0], length);
-    if (found == nullptr) return ZPKNotFound;
-    return static_cast<size_t>(static_cast<const uint8_t*>(found) - bytes);
-  }
   const uint8_t* const lastStart = bytes + (length - needleLength);
   const uint64_t bytesPerFalseStart = kNeedlesPerFalseStart * needleLength;
   const uint8_t* at = bytes;

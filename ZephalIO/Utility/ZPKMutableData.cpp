@@ -8,6 +8,7 @@
 #include "Utility/ZPIBlock.h"
 #include "Utility/ZPIByteSearch.h"
 #include "Utility/ZPIMakeSharedWithBytes.h"
+#include "Utility/ZPIRangeEnd.h"
 #include "Utility/ZPIUnshare.h"
 
 namespace {
@@ -122,14 +123,28 @@ void ZPKMutableData::dropFirst(size_t count) {
 
 ZPKMutableDataPtr ZPKMutableData::takeFirst(size_t count) {
   count = std::min(count, length());
-  if (count < length() - count) {
-    ZPKMutableDataPtr first = dataWithBytes(bytes(), count);
+  const bool isShort = count < length() - count;
+  ZPKMutableDataPtr first = isShort ? dataWithBytes(bytes(), count) : data();
+  if (isShort) {
     dropFirst(count);
-    return first;
+  } else {
+    moveFirst(count, first.get());
   }
-  ZPKMutableDataPtr first = data();
-  moveFirst(count, first.get());
   return first;
+}
+
+// The common case is here: there is a pattern, and what it ends is short.
+ZPKMutableDataPtr ZPKMutableData::takeThrough(const ZPKData& pattern) {
+  const ZPKRange found = resumeFind(pattern);
+  const size_t count = found.location == ZPKNotFound ? 0 : ZPIRangeEnd(found);
+  const bool isShort = count > 0 && count < length() - count;
+  ZPKMutableDataPtr first = isShort ? dataWithBytes(bytes(), count) : takeLong(count);
+  if (isShort) dropFirst(count);
+  return first;
+}
+
+[[gnu::noinline]] ZPKMutableDataPtr ZPKMutableData::takeLong(size_t count) {
+  return count == 0 ? nullptr : takeFirst(count);
 }
 
 void ZPKMutableData::moveFirst(size_t count, ZPKMutableData* target) {
@@ -155,10 +170,17 @@ void ZPKMutableData::swap(ZPKMutableData& other) {
 }
 
 ZPKRange ZPKMutableData::resumeFind(const ZPKData& pattern) {
-  const size_t start = _failedSearch.startFor(pattern);
+  // Usually nothing is remembered, and the pattern is there.
+  const size_t start =
+      _failedSearch.length != FailedSearch::kNone ? _failedSearch.startFor(pattern) : 0;
   const uint64_t offset =
       ZPIFindBytes(bytes() + start, length() - start, pattern.bytes(), pattern.length());
-  if (offset != ZPKNotFound) return {start + offset, pattern.length()};
+  if (offset == ZPKNotFound) return rememberFailure(pattern, start);
+  return {start + offset, pattern.length()};
+}
+
+// Not inlined, so that a search that finds something stays short.
+[[gnu::noinline]] ZPKRange ZPKMutableData::rememberFailure(const ZPKData& pattern, size_t start) {
   if (pattern.length() > 0) _failedSearch.remember(pattern, start, length());
   return {};
 }

@@ -56,6 +56,9 @@ class ZPK_EXPORT ZPKMutableData final : public ZPKData {
   void dropFirst(size_t count);
   /// Removes the first `count` bytes, or all if there are fewer, and returns them in a new buffer.
   ZPKMutableDataPtr takeFirst(size_t count);
+  /// Removes the bytes up to and including the first `pattern`, and returns them in a new buffer;
+  /// null if the pattern does not occur. Searches like resumeFind.
+  ZPKMutableDataPtr takeThrough(const ZPKData& pattern);
   /// Removes the first `count` bytes, or all if there are fewer, and makes them the contents of
   /// `target`, which must be a different buffer.
   void moveFirst(size_t count, ZPKMutableData* target);
@@ -106,6 +109,9 @@ class ZPK_EXPORT ZPKMutableData final : public ZPKData {
   };
 
   friend class ZPIRoom;
+
+  ZPKMutableDataPtr takeLong(size_t count);
+  ZPKRange rememberFailure(const ZPKData& pattern, size_t start);
 
   FailedSearch _failedSearch;
 };
