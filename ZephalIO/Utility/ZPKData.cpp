@@ -14,6 +14,9 @@ namespace {
 
 constexpr size_t kDescribedLength = 32;
 
+// A copy that can be edited is made to be edited: there is room for a line terminator.
+constexpr size_t kRoomOfACopy = 16;
+
 }  // namespace
 
 ZPKDataPtr ZPKData::data() {
@@ -54,7 +57,7 @@ ZPKData::~ZPKData() {
 ZPKDataPtr ZPKData::copy() const { return ZPKDataPtr(_self); }
 
 ZPKMutableDataPtr ZPKData::mutableCopy() const {
-  auto result = ZPKMutableData::data();
+  auto result = ZPKMutableData::dataWithCapacity(length() + kRoomOfACopy);
   result->append(*this);
   return result;
 }

@@ -25,8 +25,14 @@ ZPKMutableData::ZPKMutableData() : ZPKData(true) {}
 ZPKMutableDataPtr ZPKMutableData::data() { return std::make_shared<ZPKMutableData>(); }
 
 ZPKMutableDataPtr ZPKMutableData::dataWithCapacity(size_t capacity) {
-  auto result = data();
-  ZPIBlock::reserveAtEnd(result->_block, capacity);
+  if (capacity > kLongestWithinObject) {
+    auto result = data();
+    ZPIBlock::reserveAtEnd(result->_block, capacity);
+    return result;
+  }
+  uint8_t* storage = nullptr;
+  auto result = ZPIMakeSharedWithBytes<ZPKMutableData>(capacity, &storage);
+  ZPIBlock::place(result->_block, storage, 0, capacity, true);
   return result;
 }
 
