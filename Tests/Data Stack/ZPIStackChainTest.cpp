@@ -167,6 +167,20 @@ TEST(ZPIStackChainTest, AChainMayHoldTheLastReferenceToTheStack) {
   EXPECT_TRUE(isDestroyed);
 }
 
+// The operation releases its chain with the lock held, so the store in the chain's destructor
+// cannot renew the copy.
+TEST(ZPIStackChainTest, AStoreDuringTheEndOfAnOperationIsNoticed) {
+  ZPIStackChain stack;
+  WeakChannel last;
+  storeNewIn(stack, [&] { inAnotherThread([&] { last = storeNewIn(stack); }); });
+  std::optional<Operation> operation(std::in_place, stack);
+  const WeakChannel replaced = storeNewIn(stack);
+  operation.reset();
+  EXPECT_TRUE(replaced.expired());
+  EXPECT_EQ(stack.load(), last.lock());
+  EXPECT_NE(last.lock(), nullptr);
+}
+
 // An operation that ends and a store, at the same moment: the chain is released by one of them.
 TEST(ZPIStackChainTest, AStoreAtTheEndOfAnOperationReleasesTheChain) {
   for (int round = 0; round < 2000; ++round) {
