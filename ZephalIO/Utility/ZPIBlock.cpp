@@ -42,7 +42,8 @@ bool ZPIBlock::growAtEnd(Block& block, size_t count) {
   if (memory == nullptr) throw std::bad_alloc();
   auto* const fresh = static_cast<uint8_t*>(memory);
   if (block.length > 0) std::memcpy(fresh, block.storage + block.head, block.length);
-  if (!block.isWithinObject) ZPISpareBlock::release(block.storage, block.capacity);
+  if (!block.isWithinObject)
+    ZPISpareBlock::release(block.storage, static_cast<size_t>(block.capacity));
   place(block, fresh, block.length, size);
   return true;
 }
@@ -66,7 +67,7 @@ bool ZPIBlock::releaseRoom(Block& block) {
     if (fresh == nullptr) return false;  // to keep the large block is only wasteful, not wrong
     std::memcpy(fresh, block.storage + block.head, block.length);
   }
-  ZPISpareBlock::release(block.storage, block.capacity);
+  ZPISpareBlock::release(block.storage, static_cast<size_t>(block.capacity));
   place(block, fresh, block.length, block.length);
   return true;
 }

@@ -51,7 +51,8 @@ ZPKDataPtr ZPKData::dataWithString(std::optional<std::string_view> string) {
 }
 
 ZPKData::~ZPKData() {
-  if (!_block.isWithinObject) ZPISpareBlock::release(_block.storage, _block.capacity);
+  if (_block.isWithinObject) return;
+  ZPISpareBlock::release(_block.storage, static_cast<size_t>(_block.capacity));
 }
 
 ZPKDataPtr ZPKData::copy() const { return ZPKDataPtr(_self); }
