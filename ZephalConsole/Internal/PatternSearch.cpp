@@ -35,7 +35,7 @@ void PatternSearch::look(std::string_view text, uint64_t origin, bool isFinal) {
 }
 
 void PatternSearch::lookForText(std::string_view text, uint64_t origin) {
-  _scanned += _text->take(text.substr(_scanned - origin));
+  _scanned += _text->take(text.substr(static_cast<size_t>(_scanned - origin)));
   _begin = _scanned - _text->matched();
   _state =
       _text->isFound() ? State::kFound : (_text->matched() > 0 ? State::kPartial : State::kNone);
@@ -48,7 +48,8 @@ void PatternSearch::lookForExpression(std::string_view text, uint64_t origin, bo
   if (!isDue(end) && !isFinal) return;
   const uint64_t from = _state == State::kPartial ? _begin : _scanned;
   const Clock::time_point started = Clock::now();
-  const Pattern::Expression::Result result = search(text, from - origin, isFinal);
+  const Pattern::Expression::Result result =
+      search(text, static_cast<size_t>(from - origin), isFinal);
   _lookAgainAt = Clock::now() + 3 * (Clock::now() - started);
   using Outcome = Pattern::Expression::Outcome;
   if (result.outcome == Outcome::kTooHard) throw TooHard(_pattern.description());

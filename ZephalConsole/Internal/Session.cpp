@@ -251,7 +251,8 @@ Deadline Console::Session::nextLook(Lock& lock, const Matcher& matcher, const St
 
 Hit Console::Session::take(internal::Inbox& inbox, const Matcher::Found& found) {
   const auto textBetween = [&inbox](uint64_t begin, uint64_t end) {
-    return std::string(inbox.text().substr(begin - inbox.begin(), end - begin));
+    return std::string(inbox.text().substr(static_cast<size_t>(begin - inbox.begin()),
+                                           static_cast<size_t>(end - begin)));
   };
   const auto [begin, end] = found.groups.front();
   Hit hit;
