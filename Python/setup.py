@@ -1,11 +1,12 @@
 """Builds the package with CMake; `pip install .` needs no network.
 
-Needs a C++20 compiler, CMake, pybind11 and PCRE2 (Debian: g++ cmake pybind11-dev libpcre2-dev
-python3-dev). ZEPHAL_BUILD_FOLDER in the environment keeps what CMake builds.
+Needs a C++20 compiler, CMake with Ninja or make, pybind11 and PCRE2 (Debian: g++ cmake ninja-build
+pybind11-dev libpcre2-dev python3-dev). ZEPHAL_BUILD_FOLDER in the environment keeps what CMake builds.
 """
 
 import os
 import pathlib
+import shutil
 import subprocess
 import sys
 
@@ -41,7 +42,8 @@ class BuildWithCMake(build_ext):
             "Python_EXECUTABLE": sys.executable,
         }
         defines = [f"-D{name}={value}" for name, value in options.items()]
-        subprocess.run(["cmake", "-S", str(ROOT), "-B", str(build), *defines], check=True)
+        generator = ["-G", "Ninja"] if shutil.which("ninja") else []
+        subprocess.run(["cmake", *generator, "-S", str(ROOT), "-B", str(build), *defines], check=True)
         jobs = str(os.cpu_count() or 1)
         command = ["cmake", "--build", str(build), "--target", "zephal_python", "--parallel", jobs]
         subprocess.run(command, check=True)
