@@ -9,19 +9,15 @@ from types import TracebackType
 from typing import Any, Callable, NamedTuple, Optional, Sequence, TypeVar, Union, overload
 
 from zephal import _zephal
+from zephal._text import Text, to_bytes
 from zephal._zephal import Pattern
 
-Text = Union[str, bytes]
 AnyPattern = Union[str, bytes, Pattern]
 Result = TypeVar("Result")
 
 
-def _bytes(text: Text) -> bytes:
-    return text.encode() if isinstance(text, str) else text
-
-
 def _pattern(pattern: AnyPattern) -> Pattern:
-    return pattern if isinstance(pattern, Pattern) else Pattern(_bytes(pattern))
+    return pattern if isinstance(pattern, Pattern) else Pattern(to_bytes(pattern))
 
 
 def regex(expression: Text) -> Pattern:
@@ -29,7 +25,7 @@ def regex(expression: Text) -> Pattern:
 
     Raises ValueError for an expression that PCRE2 does not accept.
     """
-    return _zephal.regex(_bytes(expression))
+    return _zephal.regex(to_bytes(expression))
 
 
 @dataclass(frozen=True)
@@ -117,7 +113,7 @@ class Console:
             raw_log,
             timeout,
             quiet,
-            _bytes(line_end),
+            to_bytes(line_end),
             keep_escapes,
             limit,
             ecid,
@@ -177,29 +173,29 @@ class Console:
         nothing to pick.
         """
         if pick is None:
-            return self._text(self._console.ask(_bytes(command), timeout))
-        return self._hit(self._console.ask_and_pick(_bytes(command), _pattern(pick), timeout))
+            return self._text(self._console.ask(to_bytes(command), timeout))
+        return self._hit(self._console.ask_and_pick(to_bytes(command), _pattern(pick), timeout))
 
     def run(self, command: Text, *, timeout: Optional[float] = None) -> RunResult:
         """Runs a command in a POSIX shell and asks for its exit status."""
-        output, status = self._console.run(_bytes(command), timeout)
+        output, status = self._console.run(to_bytes(command), timeout)
         return RunResult(self._text(output), status)
 
     def login(self, user: Text, password: Text, *, timeout: Optional[float] = None) -> None:
         """Logs in, whatever the device is waiting for. Raises LoginRefused."""
-        self._console.login(_bytes(user), _bytes(password), timeout)
+        self._console.login(to_bytes(user), to_bytes(password), timeout)
 
     def send(self, line: Text, *, timeout: Optional[float] = None) -> None:
         """Sends a line."""
-        self._console.send(_bytes(line), timeout)
+        self._console.send(to_bytes(line), timeout)
 
     def send_secret(self, line: Text, *, timeout: Optional[float] = None) -> None:
         """Sends a line that appears in no log and no exception."""
-        self._console.send_secret(_bytes(line), timeout)
+        self._console.send_secret(to_bytes(line), timeout)
 
     def write(self, data: Text, *, timeout: Optional[float] = None) -> None:
         """Sends bytes as they are."""
-        self._console.write(_bytes(data), timeout)
+        self._console.write(to_bytes(data), timeout)
 
     def send_control(self, name: str, *, timeout: Optional[float] = None) -> None:
         """Sends a control character: "interrupt", "eof", "escape", ..., or a letter for its own."""
@@ -226,7 +222,7 @@ class Console:
 
     def reboot(self, command: Text, *, timeout: Optional[float] = None) -> Any:
         """Sends a command that restarts the device, and returns what it printed up to the prompt."""
-        return self._text(self._console.reboot(_bytes(command), timeout))
+        return self._text(self._console.reboot(to_bytes(command), timeout))
 
     def cancel(self) -> None:
         """Ends, from any thread, all operations that are running or waiting, with Cancelled."""

@@ -3,15 +3,10 @@
 from __future__ import annotations
 
 from types import TracebackType
-from typing import Mapping, Optional, Union
+from typing import Mapping, Optional
 
 from zephal import _zephal
-
-Text = Union[str, bytes]
-
-
-def _bytes(text: Text) -> bytes:
-    return text.encode() if isinstance(text, str) else text
+from zephal._text import Text, to_bytes
 
 
 class Simulator:
@@ -36,11 +31,11 @@ class Simulator:
         is_silent: bool = False,
         floods: bool = False,
     ) -> None:
-        answers = {_bytes(command): _bytes(answer) for command, answer in (responses or {}).items()}
+        answers = {to_bytes(command): to_bytes(answer) for command, answer in (responses or {}).items()}
         self._device = _zephal.Simulator(
             kind,
-            _bytes(boot_text),
-            _bytes(prompt),
+            to_bytes(boot_text),
+            to_bytes(prompt),
             answers,
             login,
             echoes,
@@ -74,7 +69,7 @@ class Simulator:
 
     def send(self, data: Text) -> None:
         """Sends bytes unasked."""
-        self._device.send(_bytes(data))
+        self._device.send(to_bytes(data))
 
     def hang_up(self) -> None:
         """Ends the connection once everything is sent."""
