@@ -12,4 +12,5 @@ void benchmarkTransformers(int rounds);
 void benchmarkSerializer(int rounds);
 void benchmarkMessages(int rounds);
 void benchmarkThreads(int rounds);
+void benchmarkConsole(int rounds);
 void benchmarkIdle(int seconds);

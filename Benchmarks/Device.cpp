@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <random>
 #include <string_view>
 #include <vector>
 
@@ -57,6 +58,27 @@ void flood(int fd, size_t width, size_t lines) {
   }
 }
 
+// Lines of lower-case words with some punctuation, the same in every run.
+std::string wordsOf(size_t length) {
+  constexpr size_t kBlock = 65536;
+  constexpr std::string_view kOthers = "\n  ,.:";
+  std::minstd_rand random(1);
+  std::string text(std::min(length, kBlock), ' ');
+  for (char& letter : text) {
+    const unsigned drawn = static_cast<unsigned>(random() >> 8) % 32;
+    letter = drawn < 26 ? static_cast<char>('a' + drawn) : kOthers[drawn - 26];
+  }
+  text.reserve(length);
+  while (text.size() < length) text.append(text, 0, length - text.size());
+  return text;
+}
+
+std::string responseOf(const char* kind, size_t length) {
+  if (std::strcmp(kind, "words") == 0) return wordsOf(length) + "> ";
+  const bool isStairs = std::strcmp(kind, "stairs") == 0;
+  return std::string(length, isStairs ? '>' : 'x') + (isStairs ? " " : "> ");
+}
+
 void answer(int fd, const std::string& command) {
   if (command == "ping") return writeAll(fd, "pong\n> ");
   if (command.starts_with("note ")) return;
@@ -65,10 +87,7 @@ void answer(int fd, const std::string& command) {
   size_t second = 0;
   std::sscanf(command.c_str(), "%15s %zu %zu", name, &first, &second);
   if (std::strcmp(name, "flood") == 0) return flood(fd, first, second);
-  const bool isStairs = std::strcmp(name, "stairs") == 0;
-  std::string response(first, isStairs ? '>' : 'x');
-  response += isStairs ? " " : "> ";
-  writeInPieces(fd, response, second);
+  writeInPieces(fd, responseOf(name, first), second);
 }
 
 // Answers every complete line that has arrived; false when the peer has gone.

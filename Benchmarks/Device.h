@@ -14,6 +14,7 @@
 ///   which end within a line
 /// - big N P: N bytes and "> ", in writes of at most P bytes
 /// - stairs N P: the same, with every byte a ">" and a final " "
+/// - words N P: the same, with lines of words
 ///
 /// It ends when the object is destroyed.
 class Device {

@@ -33,6 +33,7 @@ constexpr Benchmark kBenchmarks[] = {
     {"serializer", benchmarkSerializer},
     {"messages", benchmarkMessages},
     {"threads", benchmarkThreads},
+    {"console", benchmarkConsole},
 };
 
 int printUsage() {

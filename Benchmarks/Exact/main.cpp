@@ -4,6 +4,7 @@
 //
 // Instructions are counted from outside, as the difference of two runs of different length. The
 // works that count something themselves (faults, heap) print one number.
+#include <ZephalConsole/Console.h>
 #include <ZephalIO/ZephalIO.h>
 #include <malloc.h>
 #include <sys/resource.h>
@@ -122,6 +123,41 @@ void sendCommandStrings(size_t count) {
   }
 }
 
+// A console with such a device.
+struct ConsoleTalk {
+  ConsoleTalk() {
+    device.standBack();
+    pinTo(0);
+  }
+
+  const Device device{Transport::Unix, 0};
+  zephal::Console console{device.url(), {.prompt = "> "}};
+};
+
+void askQuestions(size_t count) {
+  ConsoleTalk talk;
+  for (size_t i = 0; i < count; ++i) expect(talk.console.ask("ping") == "pong\n");
+}
+
+void expectLines(size_t count) {
+  constexpr size_t kLength = 80;
+  ConsoleTalk talk;
+  talk.console.send("flood " + std::to_string(kLength) + " " + std::to_string(count));
+  const zephal::Pattern end("\n");
+  for (size_t i = 0; i < count; ++i) {
+    expect(talk.console.expect(end).before.size() == kLength - 1);
+  }
+}
+
+// One match after so many KiB.
+void expectAfter(size_t kibibytes) {
+  constexpr size_t kKibi = 1024;
+  ConsoleTalk talk;
+  const std::string length = std::to_string(kibibytes * kKibi);
+  talk.console.send("words " + length + " " + length);
+  expect(talk.console.expect({"login: ", "> "}).before.size() == kibibytes * kKibi);
+}
+
 // Refilled each time: searching bytes that were searched before would cost nothing.
 void filterLines(size_t count) {
   const auto filter = createFilteringTransformer(ZPKData::dataWithString("\033[0m"));
@@ -226,6 +262,9 @@ constexpr Work kWorks[] = {
     {"log-chunk", logLines},
     {"round-trip", sendCommands},
     {"round-trip-string", sendCommandStrings},
+    {"ask", askQuestions},
+    {"expect-line", expectLines},
+    {"expect-kib", expectAfter},
     {"filter", filterLines},
     {"archive-write", writeArchives},
     {"archive-read", readArchives},

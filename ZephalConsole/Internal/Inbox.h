@@ -21,11 +21,13 @@ class Inbox {
   uint64_t begin() const { return _origin + _read; }
   uint64_t end() const { return _origin + _text.size(); }
 
-  /// The place to append to; call `appended` afterwards.
-  std::string& room() { return _text; }
+  /// The place to append up to `count` bytes to; call `appended` afterwards.
+  std::string& room(size_t count);
   void appended(Time time);
   /// Reads up to a position.
   void readUpTo(uint64_t position);
+  /// Reads up to a position, and returns what is read.
+  std::string take(uint64_t position);
   /// When the byte in front of a position arrived, to within a few milliseconds. For unread bytes.
   Time timeOf(uint64_t position) const;
 
@@ -40,6 +42,7 @@ class Inbox {
     Time time;
   };
   void dropRead();
+  void grow(size_t needed);
 
   const size_t _limit;
   std::string _text;

@@ -20,6 +20,7 @@ void LineLog::close() {
 }
 
 void LineLog::read(std::string_view bytes) {
+  if (!_log.isWanted()) return;
   while (!bytes.empty()) {
     const size_t count = std::min(bytes.find('\n'), bytes.size() - 1) + 1;
     _line += bytes.substr(0, count);

@@ -11,6 +11,8 @@ namespace {
 constexpr uint64_t kAlwaysCheap = 4096;
 
 constexpr std::chrono::milliseconds kMostProcessorTime(500);
+// For this long a search does not ask for its processor time, which takes a system call.
+constexpr std::chrono::milliseconds kShortTime(1);
 constexpr size_t kFirstBlock = 64;
 
 }  // namespace
@@ -88,12 +90,18 @@ Pattern::Expression::Result PatternSearch::search(std::string_view text, size_t 
     ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
     return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
   };
-  const auto limit = processorTime() + kMostProcessorTime;
+  const Clock::time_point started = Clock::now();
+  std::optional<std::chrono::nanoseconds> limit;
   for (size_t block = kFirstBlock;; block *= 2) {
     const size_t last = std::min(start + block - 1, text.size());
     const Result result = _pattern.expression()->search(text, start, last, isFinal);
     if (result.outcome != Pattern::Expression::Outcome::kNone || last == text.size()) return result;
-    if (processorTime() > limit) return {Pattern::Expression::Outcome::kTooHard, start};
+    if (!limit.has_value() && Clock::now() - started > kShortTime) {
+      limit = processorTime() + kMostProcessorTime;
+    }
+    if (limit.has_value() && processorTime() > *limit) {
+      return {Pattern::Expression::Outcome::kTooHard, start};
+    }
     start = last + 1;
   }
 }

@@ -167,9 +167,9 @@ void Receiver::takeUnmasked(std::string_view bytes) {
   _log.read(bytes);
   _swapWatch.look(bytes);
   if (_options.keepEscapes) {
-    _inbox.room() += bytes;
+    _inbox.room(bytes.size()) += bytes;
   } else {
-    _escapes.filter(bytes, _inbox.room());
+    _escapes.filter(bytes, _inbox.room(bytes.size()));
   }
   _inbox.appended(std::chrono::system_clock::now());
 }

@@ -85,7 +85,7 @@ Hit Console::Session::ask(std::string_view command, const Pattern& pick,
                           std::optional<Seconds> timeout) {
   const std::string answer = ask(command, timeout);
   internal::Inbox inbox(answer.size());
-  inbox.room() = answer;
+  inbox.room(answer.size()) = answer;
   inbox.appended(std::chrono::system_clock::now());
   Matcher matcher({pick});
   const auto found = look(inbox, matcher, true);
@@ -257,7 +257,6 @@ Hit Console::Session::take(internal::Inbox& inbox, const Matcher::Found& found) 
   const auto [begin, end] = found.groups.front();
   Hit hit;
   hit.index = found.index;
-  hit.before = textBetween(inbox.begin(), begin);
   for (const auto& [groupBegin, groupEnd] : found.groups) {
     const bool tookPart = groupBegin != PatternSearch::kNone;
     hit.groups.push_back(tookPart ? std::optional(textBetween(groupBegin, groupEnd))
@@ -265,6 +264,7 @@ Hit Console::Session::take(internal::Inbox& inbox, const Matcher::Found& found) 
   }
   hit.time = inbox.timeOf(end);
   hit.lost = inbox.takeLoss();
+  hit.before = inbox.take(begin);
   inbox.readUpTo(end);
   return hit;
 }

@@ -8,7 +8,8 @@
 namespace zephal::internal {
 
 /// Finds a text in a stream that grows: each byte is looked at one time (Knuth, Morris and Pratt),
-/// and while nothing of the text has begun, only for its first byte.
+/// and while nothing of the text has begun, only for the one of its bytes that consoles print
+/// least.
 class TextSearch {
  public:
   explicit TextSearch(std::string_view text);
@@ -23,7 +24,10 @@ class TextSearch {
   void reset() { _matched = 0; }
 
  private:
+  size_t nextBegin(std::string_view bytes, size_t from) const;
+
   const std::string _text;
+  size_t _rare = 0;               // where in the text its rarest byte is
   std::vector<size_t> _fallback;  // by how much matched: how much of it begins the text again
   size_t _matched = 0;
 };

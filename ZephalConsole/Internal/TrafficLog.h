@@ -15,6 +15,8 @@ class TrafficLog {
   /// `identifier` is in front of the direction in each line.
   TrafficLog(const std::string& path, std::string_view identifier);
 
+  /// Whether there is a path.
+  bool isWanted() const { return _channel != nullptr; }
   /// Throws OpenError in the name of `url`.
   void open(const std::string& url);
   void close();

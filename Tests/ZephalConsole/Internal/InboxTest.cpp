@@ -8,7 +8,7 @@ using zephal::internal::Inbox;
 using namespace std::chrono_literals;
 
 void append(Inbox& inbox, std::string_view bytes, Inbox::Time time = Inbox::Time()) {
-  inbox.room() += bytes;
+  inbox.room(bytes.size()) += bytes;
   inbox.appended(time);
 }
 
@@ -49,14 +49,40 @@ TEST(Inbox, KeepsOnlyAFewTimesItsLimitInMemory) {
   Inbox inbox(1 << 20);
   for (int i = 0; i < 100000; ++i) append(inbox, std::string(100, 'x'), Inbox::Time(i * 1s));
   EXPECT_EQ(inbox.text().size(), size_t{1} << 20);
-  EXPECT_LE(inbox.room().capacity(), size_t{5} << 20);
+  EXPECT_LE(inbox.room(0).capacity(), size_t{5} << 20);
 }
 
 TEST(Inbox, GivesALargeBufferBackOnceItIsRead) {
   Inbox inbox(1 << 20);
   append(inbox, std::string(1 << 20, 'x'));
   inbox.readUpTo(inbox.end());
-  EXPECT_LT(inbox.room().capacity(), size_t{1} << 10);
+  EXPECT_LT(inbox.room(0).capacity(), size_t{1} << 10);
+}
+
+TEST(Inbox, HandsOverALongTextAndKeepsTheRest) {
+  Inbox inbox(8 << 20);
+  const std::string text = std::string(3 << 20, 'x') + "rest";
+  append(inbox, "read", Inbox::Time(1s));
+  inbox.readUpTo(4);
+  append(inbox, text, Inbox::Time(2s));
+  EXPECT_EQ(inbox.take(inbox.end() - 4), text.substr(0, text.size() - 4));
+  EXPECT_EQ(inbox.text(), "rest");
+  EXPECT_EQ(inbox.end() - inbox.begin(), 4U);
+  EXPECT_EQ(inbox.timeOf(inbox.end()), Inbox::Time(2s));
+  append(inbox, " and more");
+  EXPECT_EQ(inbox.text(), "rest and more");
+  EXPECT_EQ(inbox.take(inbox.begin() + 5), "rest ");
+  EXPECT_EQ(inbox.text(), "and more");
+}
+
+// Whoever keeps many answers would otherwise keep much memory that nobody needs.
+TEST(Inbox, HandsOverNoBufferThatIsMuchLargerThanItsText) {
+  Inbox inbox(64 << 20);
+  for (size_t length = size_t{1} << 10; length < (size_t{8} << 20); length += length / 3) {
+    for (size_t done = 0; done < length; done += 1024) append(inbox, std::string(1024, 'x'));
+    const std::string taken = inbox.take(inbox.begin() + length);
+    EXPECT_LE(taken.capacity(), 2 * taken.size());
+  }
 }
 
 }  // namespace

@@ -33,6 +33,46 @@ TEST(TextSearch, FindsWhatFindDoesHoweverTheTextIsCut) {
   }
 }
 
+// Bytes of every rarity, so that the rarest one is anywhere in the text that is looked for.
+TEST(TextSearch, FindsATextByItsRarestByte) {
+  constexpr std::string_view kBytes = "aaaa b7X:";
+  std::mt19937 random(8);
+  for (int round = 0; round < 20000; ++round) {
+    std::string text(random() % 60, ' ');
+    for (char& byte : text) byte = kBytes[random() % kBytes.size()];
+    std::string wanted(1 + random() % 4, ' ');
+    for (char& byte : wanted) byte = kBytes[random() % kBytes.size()];
+    TextSearch search(wanted);
+    const size_t cut = random() % (text.size() + 1);
+    size_t end = search.take(std::string_view(text).substr(0, cut));
+    if (!search.isFound()) end += search.take(std::string_view(text).substr(cut));
+    const size_t found = text.find(wanted);
+    ASSERT_EQ(search.isFound(), found != std::string::npos) << text << "|" << wanted;
+    ASSERT_EQ(end, search.isFound() ? found + wanted.size() : text.size()) << text << "|" << wanted;
+  }
+}
+
+// As many of the last bytes as begin the text, counted the plain way.
+size_t begunAtTheEnd(const std::string& text, const std::string& wanted) {
+  size_t length = std::min(text.size(), wanted.size() - 1);
+  while (!text.ends_with(wanted.substr(0, length))) --length;
+  return length;
+}
+
+TEST(TextSearch, TellsWhatHasBegunBeforeTheRarestByteArrives) {
+  constexpr std::string_view kBytes = "logi:";
+  std::mt19937 random(9);
+  for (int round = 0; round < 20000; ++round) {
+    std::string text(random() % 12, ' ');
+    for (char& byte : text) byte = kBytes[random() % kBytes.size()];
+    const std::string wanted = "log" + std::string(random() % 2, 'l') + "log:l";
+    if (text.find(wanted) != std::string::npos) continue;
+    TextSearch search(wanted);
+    ASSERT_EQ(search.take(text), text.size());
+    ASSERT_EQ(search.matched(), begunAtTheEnd(text, wanted)) << text;
+  }
+}
+
 TEST(TextSearch, TellsHowMuchOfTheTextHasBegun) {
   TextSearch search("aab");
   EXPECT_EQ(search.take("xaa"), 3U);
