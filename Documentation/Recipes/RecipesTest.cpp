@@ -2,95 +2,24 @@
 #include <ZephalSimulator/SimulatedDevice.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <future>
-#include <iterator>
-#include <memory>
 #include <regex>
 #include <string>
-#include <thread>
 #include <vector>
+
+#include "Support/Program.h"
 
 namespace {
 
 using zephal::DeviceKind;
-using zephal::DeviceLogin;
 using zephal::SimulatedDevice;
 
-// The end of a program: its exit status, and everything that it printed.
-struct Outcome {
-  int status = -1;
-  std::string output;
-};
-
-std::string quoted(const std::string& word) { return "'" + word + "'"; }
-
-std::string commandFor(const std::string& recipe, const std::vector<std::string>& words) {
-  std::string command = quoted(std::string(RECIPES_FOLDER) + "/" + recipe);
-  for (const std::string& word : words) command += " " + quoted(word);
-  return command + " 2>&1";
-}
-
-std::string readAll(std::FILE* stream) {
-  std::string text;
-  std::array<char, 4096> chunk{};
-  while (const size_t count = std::fread(chunk.data(), 1, chunk.size(), stream)) {
-    text.append(chunk.data(), count);
-  }
-  return text;
-}
-
-// Runs a recipe to its end.
-Outcome run(const std::string& recipe, const std::vector<std::string>& words) {
-  std::FILE* const stream = ::popen(commandFor(recipe, words).c_str(), "r");
-  if (stream == nullptr) return {};
-  Outcome outcome;
-  outcome.output = readAll(stream);
-  const int status = ::pclose(stream);
-  if (WIFEXITED(status)) outcome.status = WEXITSTATUS(status);
-  return outcome;
-}
-
-std::future<Outcome> start(const std::string& recipe, const std::vector<std::string>& words) {
-  return std::async(std::launch::async, run, recipe, words);
-}
-
-std::string contentsOf(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(file), {});
-}
-
-// Asks again and again, for as long as a loaded machine may need.
-bool waitFor(const std::function<bool()>& condition) {
-  const auto end = std::chrono::steady_clock::now() + SimulatedDevice::kPatience;
-  while (std::chrono::steady_clock::now() < end) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return false;
-}
-
-class RecipesTest : public testing::Test {
- protected:
-  RecipesTest() : _folder(std::filesystem::temp_directory_path() / "recipes-XXXXXX") {
-    std::string name = _folder.string();
-    _folder = ::mkdtemp(name.data());
-  }
-  ~RecipesTest() override { std::filesystem::remove_all(_folder); }
-
-  std::string pathOf(const std::string& name) const { return (_folder / name).string(); }
-
- private:
-  std::filesystem::path _folder;
-};
+using RecipesTest = ProgramTest;
 
 TEST_F(RecipesTest, TheTourPrintsTheAnswerAndThePrompt) {
   for (const DeviceKind kind : {DeviceKind::kTerminal, DeviceKind::kTCP, DeviceKind::kUnix}) {
@@ -99,30 +28,6 @@ TEST_F(RecipesTest, TheTourPrintsTheAnswerAndThePrompt) {
     EXPECT_EQ(outcome.output, "simulated device 1.0\n=> \n");
     EXPECT_EQ(outcome.status, 0);
   }
-}
-
-TEST_F(RecipesTest, TheBootLogEndsAtTheLogin) {
-  const SimulatedDevice device(DeviceKind::kTerminal,
-                               {.bootText = "U-Boot 2024.01\nLinux version 6.6\n",
-                                .login = DeviceLogin{.password = "secret"},
-                                .prompt = "# ",
-                                .responses = {{"uname", "Linux\n"}}});
-  const Outcome outcome = run("login", {device.url(), "root", "secret"});
-  EXPECT_EQ(outcome.output, "U-Boot 2024.01\nLinux version 6.6\nlogin: \nLinux\n# \n");
-  EXPECT_EQ(outcome.status, 0);
-}
-
-TEST_F(RecipesTest, AValueIsTakenOutOfTheAnswer) {
-  const SimulatedDevice device(DeviceKind::kTCP,
-                               {.echoes = true, .responses = {{"temperature", "T1: 21.5 C\n"}}});
-  EXPECT_EQ(run("value", {device.url()}).output, "21.5 C is fine\n");
-}
-
-TEST_F(RecipesTest, SeveralDevicesAnswerAtOnce) {
-  const SimulatedDevice first(DeviceKind::kTCP, {.responses = {{"version", "1"}}});
-  const SimulatedDevice second(DeviceKind::kUnix, {.responses = {{"version", "2"}}});
-  const Outcome outcome = run("several", {first.url(), second.url()});
-  EXPECT_EQ(outcome.output, "device 1: 1=> \ndevice 2: 2=> \n");
 }
 
 TEST_F(RecipesTest, ARecordingHasALineForEachLine) {
@@ -247,12 +152,6 @@ TEST_F(RecipesTest, ATransformerOfOnesOwnMayHoldBytesBack) {
       DeviceKind::kTCP,
       {.prompt = "# ", .responses = {{"progress", "1%\r2%\r\ndone\r\n"}}, .trickles = true});
   EXPECT_EQ(run("own-transformer", {device.url()}).output, "1%\r2%\ndone\n# \n");
-}
-
-TEST_F(RecipesTest, AStationIsTestedWithoutHardware) {
-  const Outcome outcome = run("without-hardware", {});
-  EXPECT_NE(outcome.output.find("[  PASSED  ] 2 tests."), std::string::npos) << outcome.output;
-  EXPECT_EQ(outcome.status, 0);
 }
 
 TEST_F(RecipesTest, AServerAnswersAClientWithAnObject) {

@@ -2,7 +2,7 @@
 #include <ZephalSimulator/SimulatedDevice.h>
 #include <gtest/gtest.h>
 
-#include <thread>
+#include <future>
 
 #include "ZephalConsole/Console.h"
 
@@ -21,7 +21,7 @@ DeviceBehaviour board() {
           .responses = {{"adc 3", "adc 3: 3.25 V\n"}, {"uname", "Linux\n"}}};
 }
 
-void logIn(const std::string& url, const Strings& passwords) {
+std::string logIn(const std::string& url, const Strings& passwords) {
   Console dut(url, {.prompt = "# ", .timeout = 20s});
   for (const std::string& password : passwords) {
     try {
@@ -30,12 +30,12 @@ void logIn(const std::string& url, const Strings& passwords) {
     } catch (const LoginRefused&) {
     }
   }
-  EXPECT_EQ(dut.ask("uname"), "Linux\n");
+  return dut.ask("uname");
 }
 
 TEST(ATask, LoginThatSurvivesAWrongPassword) {
   SimulatedDevice device(DeviceKind::kUnix, board());
-  logIn(device.url(), {"wrong", "secret"});
+  EXPECT_EQ(logIn(device.url(), {"wrong", "secret"}), "Linux\n");
 }
 
 double volts(const std::string& url) {
@@ -50,7 +50,7 @@ TEST(ATask, ValueOutOfAnAnswer) {
 }
 
 std::vector<TimedLine> recordFor(const std::string& url, Seconds duration) {
-  Console dut(url, {.log = "/dev/null"});
+  Console dut(url);
   return dut.record(duration);
 }
 
@@ -64,9 +64,9 @@ TEST(ATask, RecordForAWhileWithTimes) {
 
 std::string reconnect(Console& dut) {
   try {
-    dut.expect("never", 20s);
+    dut.expect("never");
   } catch (const Disconnected&) {
-    dut.reopen(20s);
+    dut.reopen();
   }
   dut.login("root", "secret");
   return dut.ask("uname");
@@ -80,17 +80,19 @@ TEST(ATask, ReconnectAfterAReboot) {
   EXPECT_EQ(reconnect(dut), "Linux\n");
 }
 
+std::string answerOf(const std::string& url, const std::string& command) {
+  Console dut(url, {.prompt = "# ", .timeout = 20s});
+  dut.login("root", "secret");
+  return dut.ask(command);
+}
+
 Strings askAll(const Strings& urls, const std::string& command) {
-  Strings answers(urls.size());
-  std::vector<std::thread> threads;
-  for (size_t i = 0; i < urls.size(); ++i) {
-    threads.emplace_back([&, i] {
-      Console dut(urls[i], {.prompt = "# ", .timeout = 20s});
-      dut.login("root", "secret");
-      answers[i] = dut.ask(command);
-    });
+  std::vector<std::future<std::string>> waiting;
+  for (const std::string& url : urls) {
+    waiting.push_back(std::async(std::launch::async, answerOf, url, command));
   }
-  for (std::thread& thread : threads) thread.join();
+  Strings answers;
+  for (auto& answer : waiting) answers.push_back(answer.get());
   return answers;
 }
 
