@@ -1,7 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -11,6 +14,9 @@
 #include <utility>
 
 #include "Data Channel Internal/ZPILogTime.h"
+#include "Support/EventWait.h"
+#include "Support/Files.h"
+#include "Support/SystemCalls.h"
 #include "Support/TestClock.h"
 
 using namespace support;
@@ -92,6 +98,33 @@ TEST(ZPILogTimeTest, AChangedTimeZoneAppliesFromTheNextSecond) {
   EXPECT_EQ(timeNow(), "2024-05-01 12:00:10.999");
   clock.advance(std::chrono::milliseconds(1));
   EXPECT_EQ(timeNow(), "2024-05-01 21:00:11.000");
+}
+
+bool isThreadAsleep(pid_t thread) {
+  const std::string path = "/proc/self/task/" + std::to_string(thread) + "/stat";
+  return contentsOfFile(path).find(") S ") != std::string::npos;
+}
+
+// Otherwise the child inherits the locks of the time zone without the thread that releases them.
+TEST(ZPILogTimeTest, AForkWaitsUntilNoThreadUsesTheTimeZone) {
+  const pid_t forkingThread = ::gettid();
+  std::atomic<bool> isUsed{false};
+  std::atomic<bool> isForking{false};
+  std::atomic<bool> hasForked{false};
+  SystemCalls calls(SystemCalls::Threads::kAll);
+  calls.before("tzset", [&] {
+    isUsed = true;
+    waitFor([&] { return hasForked || (isForking && isThreadAsleep(forkingThread)); });
+    EXPECT_FALSE(hasForked);
+  });
+  auto other = std::async(std::launch::async, timeNow);
+  ASSERT_TRUE(waitFor([&] { return isUsed.load(); }));
+  isForking = true;
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(0);
+  hasForked = true;
+  EXPECT_EQ(other.get().size(), 23U);
+  EXPECT_EQ(::waitpid(child, nullptr, 0), child);
 }
 
 TEST(ZPILogTimeTest, NeverGoesBackWithinOneThread) {

@@ -61,6 +61,7 @@ int __real_accept4(int, sockaddr*, socklen_t*, int);
 int __real_shutdown(int, int);
 int __real_lstat(const char*, struct stat*);
 int __real_unlink(const char*);
+void __real_tzset();
 void* __real_malloc(size_t);
 void* __real_calloc(size_t, size_t);
 void* __real_realloc(void*, size_t);
@@ -603,6 +604,14 @@ int __wrap_unlink(const char* path) {
 int __wrap_usleep(useconds_t time) {
   return intercept([&] { return detailed("usleep", std::to_string(time), -1); }, 0,
                    [&](int64_t) { return usleepByClock(time); });
+}
+
+void __wrap_tzset() {
+  intercept([] { return plain("tzset", -1); }, 0,
+            [](int64_t) {
+              __real_tzset();
+              return 0;
+            });
 }
 
 void* __wrap_malloc(size_t size) {

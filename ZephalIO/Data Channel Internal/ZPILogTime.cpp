@@ -1,11 +1,21 @@
 #include "Data Channel Internal/ZPILogTime.h"
 
+#include <pthread.h>
 #include <time.h>
 
 #include <cstring>
 #include <mutex>
 
 namespace {
+
+// tzset(3) sets the time zone of the whole process, so only one thread at a time may call it.
+constinit std::mutex zoneMutex;
+
+// Whatever holds this mutex, or the C library's own lock of the time zone within it, is missing in
+// a forked child, which would wait for ever. So a fork waits until no thread holds them. Registered
+// when the library is loaded: a fork in the middle of a first use must find it too.
+[[maybe_unused]] const int zoneForkHandlers = ::pthread_atfork(
+    [] { zoneMutex.lock(); }, [] { zoneMutex.unlock(); }, [] { zoneMutex.unlock(); });
 
 // Keeps the text of the last second that a thread asked for: converting a time to local time costs
 // more than everything else in a short chunk. Each new second is formatted again, so that a change
@@ -19,9 +29,7 @@ class LastSecond {
 
  private:
   void format(time_t second) {
-    // tzset(3) sets the time zone of the whole process, so only one thread at a time may call it.
-    static std::mutex mutex;
-    const std::lock_guard guard(mutex);
+    const std::lock_guard guard(zoneMutex);
     tm local{};
     ::tzset();
     ::localtime_r(&second, &local);
