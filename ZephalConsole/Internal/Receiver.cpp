@@ -19,7 +19,7 @@ Receiver::Receiver(const std::string& url, const ConsoleOptions& options, const 
     : _url(url),
       _options(options),
       _wakeup(wakeup),
-      _buffer(kReadSize),
+      _buffer(std::make_unique_for_overwrite<char[]>(kReadSize)),
       _inbox(options.limit),
       _swapWatch(options.ecid),
       _rawLog(options.rawLog, "pre-"),
@@ -134,7 +134,7 @@ void Receiver::read(Lock& lock, const Deadline& until) {
   const std::shared_ptr<Line> line = _line;
   _isReading = true;
   lock.unlock();
-  const Line::ReadResult result = line->read(_buffer.data(), _buffer.size(), until, _wakeup);
+  const Line::ReadResult result = line->read(_buffer.get(), kReadSize, until, _wakeup);
   if (result.isWoken) _wakeup.clear();
   lock.lock();
   _isReading = false;
@@ -144,7 +144,7 @@ void Receiver::read(Lock& lock, const Deadline& until) {
       _hasEnded = true;
       _endError = result.error;
     }
-    take({_buffer.data(), result.count});
+    take({_buffer.get(), result.count});
   }
   _changed.notify_all();
 }

@@ -7,7 +7,6 @@
 #include <string>
 #include <string_view>
 #include <thread>
-#include <vector>
 
 #include "ZephalConsole/Console.h"
 #include "ZephalConsole/Internal/EscapeFilter.h"
@@ -87,7 +86,8 @@ class Receiver {
   const std::string _url;
   const ConsoleOptions& _options;
   const Wakeup& _wakeup;
-  std::vector<char> _buffer;  // of the one who reads
+  // Of the one who reads. Not cleared: what is never used takes no memory.
+  const std::unique_ptr<char[]> _buffer;
 
   mutable std::mutex _mutex;
   mutable std::condition_variable _changed;  // for operations
