@@ -13,7 +13,7 @@ const uint8_t* codeUnits(std::string_view text) {
 
 }  // namespace
 
-RawRegex::RawRegex(std::string_view pattern) {
+RawRegex::RawRegex(std::string_view pattern, bool checksText) : _checksText(checksText) {
   pcre2_compile_context* context = pcre2_compile_context_create(nullptr);
   pcre2_set_newline(context, PCRE2_NEWLINE_ANYCRLF);
   int number = 0;
@@ -36,7 +36,8 @@ size_t RawRegex::countMatches(std::string_view text) const {
   auto* matchData = static_cast<pcre2_match_data*>(_matchData);
   size_t count = 0;
   size_t start = 0;
-  uint32_t options = 0;  // the first search checks that the whole text is UTF-8
+  // The first search checks the whole text.
+  uint32_t options = _checksText ? 0 : PCRE2_NO_UTF_CHECK;
   while (pcre2_match(static_cast<pcre2_code*>(_code), codeUnits(text), text.size(), start, options,
                      matchData, nullptr) > 0) {
     ++count;

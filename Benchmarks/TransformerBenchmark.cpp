@@ -171,16 +171,16 @@ void runPrepender(size_t payload, int rounds) {
       });
 }
 
-void runRegex(size_t length, int rounds) {
+void runRegex(size_t length, bool checksText, int rounds) {
   constexpr std::string_view kPattern = "value=[0-9]+ V";
   std::string text = consoleText(kBytes);
   mark(text, length, "value=1234 V");
   const auto transformer = createRegExpTransformer(kPattern);
-  const RawRegex regex(kPattern);
+  const RawRegex regex(kPattern, checksText);
   size_t matches = 0;
   run(
       {"expression, one match in each chunk of " + std::to_string(length / 1024) + " KiB",
-       "PCRE2 alone", cut(text, length)},
+       checksText ? "PCRE2 alone" : "PCRE2 that does not check for UTF-8", cut(text, length)},
       rounds, [&](ZPKMutableData& chunk) { matches += regex.countMatches(chunk.view()); },
       [&](ZPKMutableData& chunk) {
         transformer->modifyData(&chunk);
@@ -222,5 +222,7 @@ void benchmarkTransformers(int rounds) {
   for (const size_t length : kChunks) runEvents(length, rounds);
   for (const size_t payload : kPayloads) runAggregator(payload, rounds);
   for (const size_t payload : kPayloads) runPrepender(payload, rounds);
-  for (const size_t length : kChunks) runRegex(length, rounds);
+  for (const bool checksText : {true, false}) {
+    for (const size_t length : kChunks) runRegex(length, checksText, rounds);
+  }
 }
