@@ -1,6 +1,7 @@
 #include "Peers/Contender.h"
 
 #include "Peers/AsioPeer.h"
+#include "Peers/ConsolePeer.h"
 #include "Peers/GensioPeer.h"
 #include "Peers/LibeventPeer.h"
 #include "Peers/RawPeer.h"
@@ -12,6 +13,10 @@ PeerFactory stacks(ZephalIOPeer::Kind kind) {
   return [kind](const Conversation& conversation) {
     return std::make_unique<ZephalIOPeer>(conversation, kind);
   };
+}
+
+PeerPtr openConsolePeer(const Conversation& conversation) {
+  return std::make_unique<ConsolePeer>(conversation);
 }
 
 PeerPtr openRawPeer(const Conversation& conversation) {
@@ -26,10 +31,13 @@ const std::vector<Contender>& allContenders() {
       {"ZephalIO", stacks(ZephalIOPeer::Kind::Plain)},
       {"ZephalIO with reader", stacks(ZephalIOPeer::Kind::Reader)},
       {"ZephalIO with both logs", stacks(ZephalIOPeer::Kind::Logs)},
+      {"ZephalConsole", openConsolePeer},
       {"Asio", openAsioPeer},
       {"gensio", openGensioPeer},
       {"libevent", openLibeventPeer},
+      {"zephal, Python", nullptr},
       {"pexpect", nullptr},
+      {"pexpect as it comes", nullptr},
       {"pyserial", nullptr, true},
   };
   return contenders;

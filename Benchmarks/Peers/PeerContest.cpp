@@ -22,8 +22,11 @@ void printTimes(const std::vector<double>& times) {
 
 }  // namespace
 
-PeerContest::PeerContest(PeerTask task, Effort effort, Programs programs)
-    : _task(std::move(task)), _effort(effort), _programs(std::move(programs)) {
+PeerContest::PeerContest(PeerTask task, Effort effort, Programs programs, bool onlyPython)
+    : _task(std::move(task)),
+      _effort(effort),
+      _programs(std::move(programs)),
+      _onlyPython(onlyPython) {
   // It varies little, and hundreds of background readers take seconds to close.
   if (_task.kind == PeerTask::Kind::Memory) _effort.rounds = std::min(_effort.rounds, 3);
 }
@@ -31,6 +34,7 @@ PeerContest::PeerContest(PeerTask task, Effort effort, Programs programs)
 void PeerContest::run() {
   std::vector<Entry> entries;
   for (const Contender& contender : allContenders()) {
+    if (_onlyPython && contender.open) continue;
     entries.push_back({&contender, nullptr, nullptr, "", 1, {}, {}});
     start(entries.back());
     warmUp(entries.back());
@@ -106,7 +110,9 @@ std::string PeerContest::requestFor(const Entry& entry) const {
   const std::string size = std::to_string(_task.size);
   const std::string bytes = std::to_string(responseBytes(*entry.contender));
   switch (_task.kind) {
-    case PeerTask::Kind::RoundTrips: return "ask " + units + " 7 ping";
+    case PeerTask::Kind::RoundTrips:
+      if (_task.size == 0) return "ask " + units + " 7 ping";
+      return "ask " + units + " " + std::to_string(_task.size + 2) + " big " + size + " 4096";
     case PeerTask::Kind::Lines:
       return "read " + units + " " + size + " flood " + size + " " + units;
     case PeerTask::Kind::Memory: return "hold " + std::to_string(_effort.connections);

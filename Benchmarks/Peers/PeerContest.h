@@ -24,7 +24,8 @@ class PeerContest {
     std::string python;
   };
 
-  PeerContest(PeerTask task, Effort effort, Programs programs);
+  /// `onlyPython` leaves out the contenders that are not in Python.
+  PeerContest(PeerTask task, Effort effort, Programs programs, bool onlyPython);
 
   /// Runs all rounds and prints a line for each contender, with tabs between its columns: task,
   /// contender, "measured", the bytes of a response that was measured instead of a long one (or 0),
@@ -59,4 +60,5 @@ class PeerContest {
   PeerTask _task;
   Effort _effort;
   Programs _programs;
+  bool _onlyPython;
 };

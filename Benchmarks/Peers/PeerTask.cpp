@@ -4,10 +4,11 @@ namespace {
 
 constexpr size_t kMebi = 1024 * 1024;
 
-void addRoundTrips(bool isPinned, const std::string& suffix, std::vector<PeerTask>& tasks) {
+// Commands are answered by "pong", or by `size` bytes.
+void addRoundTrips(const char* name, bool isPinned, size_t size, std::vector<PeerTask>& tasks) {
   for (const Transport transport : {Transport::Unix, Transport::Tcp, Transport::Pty}) {
-    tasks.push_back({std::string("command-") + nameOf(transport) + "-" + suffix,
-                     PeerTask::Kind::RoundTrips, transport, isPinned});
+    tasks.push_back({std::string(name) + "-" + nameOf(transport) + (isPinned ? "-pinned" : "-free"),
+                     PeerTask::Kind::RoundTrips, transport, isPinned, size});
   }
 }
 
@@ -22,8 +23,9 @@ std::string PeerTask::traffic() const {
 std::vector<PeerTask> allPeerTasks() {
   using Kind = PeerTask::Kind;
   std::vector<PeerTask> tasks;
-  addRoundTrips(true, "pinned", tasks);
-  addRoundTrips(false, "free", tasks);
+  addRoundTrips("command", true, 0, tasks);
+  addRoundTrips("answer", true, 80, tasks);
+  addRoundTrips("command", false, 0, tasks);
   for (const size_t size : {16, 80, 1000}) {
     tasks.push_back({"lines-" + std::to_string(size), Kind::Lines, Transport::Tcp, true, size});
   }

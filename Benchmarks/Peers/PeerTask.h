@@ -13,7 +13,7 @@ struct PeerTask {
   Kind kind;
   Transport transport;
   bool isPinned;     // client and device on one CPU
-  size_t size = 0;   // bytes of a line
+  size_t size = 0;   // bytes of a line, or of a short answer
   size_t piece = 0;  // bytes of a device's write, for a response
 
   std::string delimiter() const { return kind == Kind::Lines ? "\n" : "> "; }

@@ -48,7 +48,7 @@ STYLE = """
 def _class_of(peer):
     if peer == "raw loop":
         return "raw"
-    return "ours" if peer.startswith("ZephalIO") else "theirs"
+    return "ours" if peer.lower().startswith("zephal") else "theirs"
 
 
 def _text(x, y, text, kind="", anchor="start"):

@@ -1,11 +1,13 @@
 // Measures the library beside its peers: the same tasks on the same simulated device, in one run.
 //
-//     zephalio-peers measure PYTHON_PEERS [--quick] [TASK]
+//     zephalio-peers measure PYTHON_PEERS [--quick] [--python] [TASK...]
 //     zephalio-peers work PEER URL DELIMITER TRAFFIC CPU
 //
-// PeerContest.h says what the first prints. The second is the process of one peer (PeerWorker.h).
+// PeerContest.h says what the first prints, for all tasks or those named, and with --python for the
+// contenders in Python only. The second is the process of one peer (PeerWorker.h).
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -20,12 +22,15 @@ constexpr PeerContest::Effort kFull = {21, 0.03, 100};
 // Enough to see that everything works.
 constexpr PeerContest::Effort kQuick = {1, 0.002, 5};
 
-int measure(const std::string& pythonPeers, bool isQuick, const std::string& task) {
+int measure(const std::string& pythonPeers, std::vector<std::string> names) {
+  const bool isQuick = std::erase(names, "--quick") > 0;
+  const bool onlyPython = std::erase(names, "--python") > 0;
   char own[4096] = "";
   if (::readlink("/proc/self/exe", own, sizeof own - 1) < 0) return 1;
-  for (const PeerTask& candidate : allPeerTasks()) {
-    if (!task.empty() && candidate.name != task) continue;
-    PeerContest(candidate, isQuick ? kQuick : kFull, {own, pythonPeers}).run();
+  for (const PeerTask& task : allPeerTasks()) {
+    const bool isNamed = std::find(names.begin(), names.end(), task.name) != names.end();
+    if (!names.empty() && !isNamed) continue;
+    PeerContest(task, isQuick ? kQuick : kFull, {own, pythonPeers}, onlyPython).run();
   }
   return 0;
 }
@@ -52,9 +57,9 @@ int work(const std::vector<std::string>& arguments) {
 int main(int count, char** values) {
   std::vector<std::string> arguments(values, values + count);
   if (count == 7 && arguments[1] == "work") return work(arguments);
-  const bool isQuick = std::erase(arguments, "--quick") > 0;
-  arguments.resize(4);
-  if (count > 2 && arguments[1] == "measure") return measure(arguments[2], isQuick, arguments[3]);
-  std::fputs("usage: zephalio-peers measure PYTHON_PEERS [--quick] [TASK]\n", stderr);
+  if (count > 2 && arguments[1] == "measure") {
+    return measure(arguments[2], {arguments.begin() + 3, arguments.end()});
+  }
+  std::fputs("usage: zephalio-peers measure PYTHON_PEERS [--quick] [--python] [TASK...]\n", stderr);
   return 2;
 }

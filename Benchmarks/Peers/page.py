@@ -15,12 +15,18 @@ class Table:
     is_wall: bool = False
 
 
-def _commands(kind):
-    return [(f"command-{transport}-{kind}", transport) for transport in ("unix", "TCP", "pty")]
+def _commands(kind, name="command"):
+    return [(f"{name}-{transport}-{kind}", transport) for transport in ("unix", "TCP", "pty")]
 
 
 TABLES = [
     Table("Processor time of a command, on one CPU", "µs", 1e6, _commands("pinned")),
+    Table(
+        "Processor time of a command with an answer of 80 bytes, on one CPU",
+        "µs",
+        1e6,
+        _commands("pinned", "answer"),
+    ),
     Table("Time on the clock for a command, all CPUs free", "µs", 1e6, _commands("free"), True),
     Table("Processor time of a command, all CPUs free", "µs", 1e6, _commands("free")),
     Table(

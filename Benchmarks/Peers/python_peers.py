@@ -2,8 +2,8 @@
 
     python_peers.py PEER URL DELIMITER TRAFFIC CPU
 
-PEER is pexpect or pyserial, TRAFFIC is commands, lines or response. Each is used as its documentation says, with a timeout, and returns
-each response as an object of bytes.
+PEER is a name in PEERS, TRAFFIC is commands, lines or response. Each is used as its documentation
+says, with a timeout, and returns each response as an object of bytes.
 """
 
 import os
@@ -19,15 +19,48 @@ def leave_contest(how, why):
     os._exit(1)
 
 
+class Zephal:
+    """The package of this repository; commands are asked, anything longer is sent and expected."""
+
+    def __init__(self, url, delimiter, traffic):
+        import zephal
+
+        self.delimiter = delimiter
+        self.asks = traffic == "commands"
+        self.command = b""
+        # By default, the oldest bytes of 16 MiB and a prompt would be dropped.
+        limit = 32 << 20 if traffic == "response" else 16 << 20
+        self.console = zephal.Console(
+            url, prompt=delimiter, timeout=TIMEOUT, limit=limit, encoding=None
+        )
+
+    def write(self, command):
+        if self.asks:
+            self.command = command
+        else:
+            self.console.send(command)
+
+    def read_response(self):
+        if self.asks:
+            return len(self.console.ask(self.command)) + len(self.delimiter)
+        hit = self.console.expect(self.delimiter)
+        return len(hit.before) + len(hit.text)
+
+
 class Pexpect:
     """expect_exact on a descriptor (fdspawn)."""
+
+    MAXREAD = 65536  # of long responses
 
     def __init__(self, url, delimiter, traffic):
         import pexpect.fdpexpect
 
         self.delimiter = delimiter
-        maxread = 65536 if traffic == "response" else 2000  # the default
+        maxread = self.MAXREAD if traffic == "response" else 2000  # the default
         self.spawn = pexpect.fdpexpect.fdspawn(self.connect(url), timeout=TIMEOUT, maxread=maxread)
+        self.tune()
+
+    def tune(self):
         self.spawn.delayafterread = None  # "for performance reasons", in pexpect's words
 
     @staticmethod
@@ -54,7 +87,16 @@ class Pexpect:
 
     def read_response(self):
         self.spawn.expect_exact(self.delimiter)
-        return self.spawn.before + self.spawn.after
+        return len(self.spawn.before) + len(self.spawn.after)
+
+
+class UntunedPexpect(Pexpect):
+    """The same with the settings that it comes with."""
+
+    MAXREAD = 2000
+
+    def tune(self):
+        pass
 
 
 class Pyserial:
@@ -74,12 +116,14 @@ class Pyserial:
         self.port.write(command + b"\n")
 
     def read_response(self):
-        return self.port.read_until(self.delimiter)
+        return len(self.port.read_until(self.delimiter))
 
 
-# Package of Debian and class.
+# Package and class. `read_response` waits for a response and returns its length.
 PEERS = {
+    "zephal, Python": ("zephal", Zephal),
     "pexpect": ("python3-pexpect", Pexpect),
+    "pexpect as it comes": ("python3-pexpect", UntunedPexpect),
     "pyserial": ("python3-serial", Pyserial),
 }
 
@@ -90,9 +134,9 @@ def measure(peer, commands, responses, length, command):
     for _ in range(commands):
         peer.write(command)
         for _ in range(responses):
-            response = peer.read_response()
-            if len(response) != length:
-                leave_contest("failed", f"{len(response)} bytes instead of {length}")
+            received = peer.read_response()
+            if received != length:
+                leave_contest("failed", f"{received} bytes instead of {length}")
     print(time.process_time() - start, time.perf_counter() - wall_start, flush=True)
 
 

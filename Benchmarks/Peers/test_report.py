@@ -1,4 +1,4 @@
-"""Tests of the page and the chart that report.py writes."""
+"""Tests of the page and the chart that report.py writes, and of the rows that goals.py prints."""
 
 import contextlib
 import io
@@ -8,6 +8,7 @@ import unittest
 import xml.etree.ElementTree as ElementTree
 
 import chart
+import goals
 import page
 import report
 import results
@@ -121,6 +122,42 @@ class ReportTest(unittest.TestCase):
 
     def test_no_results_fail(self):
         self.assertEqual(self.run_report([])[0], 1)
+
+
+class GoalsTest(unittest.TestCase):
+    TASKS = [task for _, tasks, _, _ in goals.ROWS for task in tasks]
+
+    def run_goals(self, lines, *options):
+        with tempfile.TemporaryDirectory() as folder:
+            path = pathlib.Path(folder, "results")
+            path.write_text("".join(lines), "utf-8")
+            with contextlib.redirect_stdout(io.StringIO()) as output:
+                status = goals.main([str(path), *options])
+            return status, output.getvalue()
+
+    def everything(self):
+        times = "measured\t0\t9e-6\t9e-6\t9e-6\t4e-4\t4e-4\t4e-4"
+        ours = "measured\t0\t3e-6\t3e-6\t3e-6\t2e-6\t2e-6\t2e-6"
+        peers = {row[0]: times for row in goals.ROWS} | {goals.OURS: ours}
+        return [line(task, peer, end) for task in self.TASKS for peer, end in peers.items()]
+
+    def test_a_row_says_how_many_times_as_fast(self):
+        status, output = self.run_goals(self.everything(), "--complete")
+        self.assertEqual(status, 0)
+        row = "| a command, TCP, {}, against pyserial | 3 | {} |"
+        self.assertIn(row.format("time on the clock", "200.0 (400.0 us / 2.0 us)"), output)
+        self.assertIn(row.format("processor time", "3.0 (9.0 us / 3.0 us)"), output)
+
+    def test_a_missing_peer_is_named_and_fails_only_where_nothing_may_miss(self):
+        lines = [*self.everything(), line("response-once", "pexpect", "missing python3-pexpect")]
+        status, output = self.run_goals(lines)
+        self.assertEqual(status, 0)
+        self.assertIn("| missing python3-pexpect |", output)
+        self.assertEqual(self.run_goals(lines, "--complete")[0], 1)
+
+    def test_a_peer_that_is_unsuited_has_no_row(self):
+        lines = [*self.everything(), line("command-TCP-pinned", "pyserial", "unsuited has none")]
+        self.assertNotIn("a command, TCP, processor time, against pyserial", self.run_goals(lines)[1])
 
 
 if __name__ == "__main__":
