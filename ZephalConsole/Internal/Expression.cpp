@@ -36,6 +36,20 @@ PCRE2_SPTR bytesOf(std::string_view text) { return reinterpret_cast<PCRE2_SPTR>(
                               std::to_string(offset));
 }
 
+// The bytes with which a match can begin; none if there are many, or if PCRE2 looks for them
+// quickly itself.
+std::string firstBytesOf(const pcre2_code* code) {
+  constexpr size_t kFew = 4;
+  const uint8_t* bitmap = nullptr;
+  pcre2_pattern_info(code, PCRE2_INFO_FIRSTBITMAP, &bitmap);
+  if (bitmap == nullptr) return {};
+  std::string bytes;
+  for (unsigned byte = 0; byte < 256; ++byte) {
+    if ((bitmap[byte / 8] >> (byte % 8) & 1) != 0) bytes += static_cast<char>(byte);
+  }
+  return bytes.size() <= kFew ? bytes : std::string();
+}
+
 std::vector<std::pair<size_t, size_t>> groupsOf(pcre2_match_data* data) {
   const PCRE2_SIZE* offsets = pcre2_get_ovector_pointer(data);
   std::vector<std::pair<size_t, size_t>> groups(pcre2_get_ovector_count(data));
@@ -54,9 +68,20 @@ Pattern::Expression::Expression(std::string_view source) : _source(source) {
   if (_code == nullptr) refuse(source, code, offset);
   // Without the just-in-time compiler the same results come more slowly.
   pcre2_jit_compile(_code, PCRE2_JIT_COMPLETE | PCRE2_JIT_PARTIAL_HARD);
+  _firstBytes = firstBytesOf(_code);
 }
 
 Pattern::Expression::~Expression() { pcre2_code_free(_code); }
+
+// Several passes, each of them many times as fast as a search for a set of bytes.
+size_t Pattern::Expression::firstBegin(std::string_view text, size_t start) const {
+  if (_firstBytes.empty()) return start;
+  size_t first = text.size();
+  for (const char byte : _firstBytes) {
+    first = std::min(text.substr(0, first).find(byte, start), first);
+  }
+  return first;
+}
 
 Pattern::Expression::Result Pattern::Expression::search(std::string_view text, size_t start,
                                                         size_t lastStart, bool isWhole) const {

@@ -38,6 +38,8 @@ class Pattern::Expression final {
     /// Begin and end of the match and its groups; kNone for a group that took no part.
     std::vector<std::pair<size_t, size_t>> groups = {};
   };
+  /// From `start` on, the first place where a match, or a beginning of one, may be.
+  size_t firstBegin(std::string_view text, size_t start) const;
   /// Looks for the first match that begins between `start` and `lastStart`. Unless `isWhole`, more
   /// bytes may follow the text.
   Result search(std::string_view text, size_t start, size_t lastStart, bool isWhole) const;
@@ -45,6 +47,7 @@ class Pattern::Expression final {
  private:
   const std::string _source;
   pcre2_real_code_8* _code = nullptr;
+  std::string _firstBytes;  // with one of which each match begins; empty if there are many
 };
 
 }  // namespace zephal

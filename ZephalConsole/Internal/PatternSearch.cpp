@@ -92,6 +92,7 @@ Pattern::Expression::Result PatternSearch::search(std::string_view text, size_t 
   };
   const Clock::time_point started = Clock::now();
   std::optional<std::chrono::nanoseconds> limit;
+  start = _pattern.expression()->firstBegin(text, start);
   for (size_t block = kFirstBlock;; block *= 2) {
     const size_t last = std::min(start + block - 1, text.size());
     const Result result = _pattern.expression()->search(text, start, last, isFinal);

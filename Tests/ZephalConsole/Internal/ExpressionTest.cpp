@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <random>
 #include <stdexcept>
+#include <string>
 
 #include "ZephalConsole/Internal/Expression.h"
 
@@ -42,6 +45,32 @@ TEST(Expression, LooksAtBytesThatAreNotUTF8) {
 TEST(Expression, BeginsNoMatchAfterTheLastStart) {
   const Pattern::Expression expression("b");
   EXPECT_EQ(expression.search("aaab", 0, 2, true).outcome, Outcome::kNone);
+}
+
+// What begins before is nothing, whatever the expression looks at around its beginning.
+TEST(Expression, FindsTheSameFromItsFirstBegin) {
+  std::mt19937 random(3);
+  size_t skipped = 0;
+  for (const char* source : {"[bc]a",   "[bc]",           "(?<=a)[bc]", "(?<!a)[bc]c", "\\b[bc]",
+                             "\\B[bc]", "(?m)^[bc]",      "[bc]$",      "[bc]+",       "b|c",
+                             "b|ca|da", "(?!ba)[bc]a",    "(?=ca)[bc]", "(?i)[bc]d",   "(?:b|c)*",
+                             "[bc]?d",  "(*COMMIT)[bc]d", "a\\K[bc]",   "(?s).[bc]",   "[^a]b"}) {
+    const Pattern::Expression expression(source);
+    for (int round = 0; round < 1000; ++round) {
+      std::string text(random() % 8, ' ');
+      for (char& byte : text) byte = "abcd B\n"[random() % 7];
+      const size_t start = random() % (text.size() + 1);
+      const bool isWhole = random() % 2 == 0;
+      const size_t begin = expression.firstBegin(text, start);
+      skipped += begin - start;
+      const auto expected = expression.search(text, start, text.size(), isWhole);
+      const auto result = expression.search(text, begin, text.size(), isWhole);
+      ASSERT_EQ(result.outcome, expected.outcome) << source << " in " << text;
+      ASSERT_EQ(result.begin, expected.begin) << source << " in " << text;
+      ASSERT_EQ(result.groups, expected.groups) << source << " in " << text;
+    }
+  }
+  EXPECT_GT(skipped, 1000U);
 }
 
 TEST(Expression, GivesUpAfterTooManySteps) {
