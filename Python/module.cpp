@@ -291,11 +291,15 @@ ConsoleOptions optionsOf(std::optional<Pattern> prompt, std::string log, std::st
 }
 
 void addConsole(py::module_& module) {
-  py::class_<Pattern>(module, "Pattern")
+  // The docstrings are those of _zephal.pyi.
+  py::class_<Pattern>(module, "Pattern",
+                      "What to look for: a text, or an expression made with ``regex``. Immutable.")
       .def(py::init([](const std::string& text) { return Pattern(text); }))
-      .def_property_readonly("source",
-                             [](const Pattern& pattern) { return bytesOf(pattern.source()); })
-      .def_property_readonly("is_expression", &Pattern::isExpression)
+      .def_property_readonly(
+          "source", [](const Pattern& pattern) { return bytesOf(pattern.source()); },
+          "The text or the expression, as it was given.")
+      .def_property_readonly("is_expression", &Pattern::isExpression,
+                             "Whether it was made with ``regex``.")
       .def("__repr__",
            [](const Pattern& pattern) { return "<zephal pattern " + pattern.description() + ">"; });
   module.def("regex", [](const std::string& expression) { return regex(expression); });

@@ -1,4 +1,5 @@
-// Talking to a device's console: ask, expect, log in, run.
+/// @file
+/// Talking to a device's console: ask, expect, log in, run.
 #pragma once
 
 #include <chrono>

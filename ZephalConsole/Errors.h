@@ -1,3 +1,5 @@
+/// @file
+/// What a console throws because of the device or the line.
 #pragma once
 
 #include <stdexcept>

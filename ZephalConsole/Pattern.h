@@ -1,3 +1,5 @@
+/// @file
+/// What to look for in a device's output.
 #pragma once
 
 #include <memory>

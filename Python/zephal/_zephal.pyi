@@ -1,11 +1,16 @@
 from typing import Optional, Sequence
 
 class Pattern:
-    def __init__(self, text: bytes) -> None: ...
+    """What to look for: a text, or an expression made with ``regex``. Immutable."""
+
+    def __init__(self, text: bytes) -> None:
+        """Exactly these bytes; at least one (ValueError)."""
     @property
-    def source(self) -> bytes: ...
+    def source(self) -> bytes:
+        """The text or the expression, as it was given."""
     @property
-    def is_expression(self) -> bool: ...
+    def is_expression(self) -> bool:
+        """Whether it was made with ``regex``."""
 
 def regex(expression: bytes) -> Pattern: ...
 

@@ -27,16 +27,20 @@ def _pattern(pattern: AnyPattern) -> Pattern:
 
 
 def regex(expression: Text) -> Pattern:
-    """A regular expression (PCRE2) over the bytes that a device sends.
+    """A regular expression over the bytes that a device sends: pcre2pattern(3), not Python's own.
 
-    Raises ValueError for an expression that PCRE2 does not accept.
+    "." matches any byte except a line feed, "^" the beginning of what is unread, and "$" the end of
+    what has arrived, also in front of a final line feed. Options begin the expression: (?i) ignores
+    case, (?m) lets "^" and "$" match at every line, (?s) lets "." match line feeds.
+
+    Raises ValueError, with the position, for an expression that PCRE2 does not accept.
     """
     return _zephal.regex(to_bytes(expression))
 
 
 @dataclass(frozen=True)
 class Hit:
-    """Where a pattern was found."""
+    """Where a pattern was found. Texts are bytes if the console has no encoding."""
 
     index: int
     """Which of the patterns, counted from 0."""
@@ -71,26 +75,36 @@ class Hit:
 
 
 class RunResult(NamedTuple):
-    """What a shell command printed, and its exit status."""
+    """The result of ``Console.run``."""
 
     output: Any
+    """What the command printed; lines end in a line feed."""
     status: int
+    """Its exit status."""
 
 
 class Line(NamedTuple):
-    """A line of a recording, and when its last byte was read."""
+    """A line of a recording."""
 
     time: datetime
+    """When its last byte was read, in local time."""
     text: Any
+    """The line, without its line break."""
 
 
 class Console:
     """A device's console, over a serial line, a TCP connection or a unix socket.
 
-    Texts are decoded with ``encoding``; with ``encoding=None`` results are bytes. Every operation has
-    a time limit in seconds and raises one of ``zephal.errors``. Ctrl-C ends a wait at once. Any
-    thread may call anything; operations run one at a time.
+    A context manager, which closes it at the end. Every operation has a time limit in seconds, its
+    own or that of the console, and raises Timeout after it; Disconnected if the line ends;
+    DeviceSwapped; Cancelled. Ctrl-C ends a wait at once. Any thread may call anything; operations
+    run one at a time.
+
+    What the device sends is read all the time, and kept up to a limit.
     """
+
+    url: str
+    """The URL, as it was given."""
 
     def __init__(
         self,
@@ -108,7 +122,23 @@ class Console:
         encoding: Optional[str] = "utf-8",
         errors: str = "replace",
     ) -> None:
-        """Opens the line. Raises OpenError."""
+        """Opens the line. Raises OpenError, also if a log cannot be opened, and Timeout.
+
+        - ``url``: ``uart:///dev/ttyUSB0?baud=921600``, ``tcp://HOST:PORT`` or ``unix:///PATH``.
+        - ``prompt``: what the device prints when it is ready for the next command; ``ask``, ``run``,
+          ``login`` and ``reboot`` need it.
+        - ``log``, ``raw_log``: files for every line that is read and written, and for the bytes as
+          they arrive and leave, with their times; empty for none. They are appended to.
+        - ``timeout``: the time limit, in seconds, of operations that are not given one.
+        - ``quiet``: how long, in seconds, the device must be silent for a match at the end of what
+          has arrived to count, if more bytes could still change it.
+        - ``line_end``: what ends a line that is sent.
+        - ``keep_escapes``: leaves ANSI escape sequences in what is matched and returned.
+        - ``limit``: how many unread bytes are kept. If more arrive, the oldest are dropped.
+        - ``ecid``: the chip identifier of the one device that may answer.
+        - ``encoding``, ``errors``: how results are decoded (see ``bytes.decode``). With
+          ``encoding=None`` they are bytes.
+        """
         self.url = url
         self._encoding = encoding
         self._errors = errors
@@ -159,7 +189,9 @@ class Console:
     ) -> Hit:
         """Waits for one of the patterns: the one whose match begins first, then the one listed first.
 
-        A str or bytes is looked for as it is. What follows the match stays unread.
+        A str or bytes is looked for as it is. What follows the match stays unread. How the bytes were
+        cut on their way makes no difference: while more bytes could still make a match begin earlier
+        or end later, it waits for them, or for the device to be quiet.
         """
         several = [patterns] if isinstance(patterns, (str, bytes, Pattern)) else patterns
         return self._hit(self._console.expect([_pattern(one) for one in several], timeout))
@@ -178,8 +210,9 @@ class Console:
     ) -> Any:
         """Sends a command and returns the answer, or what ``pick`` finds in it.
 
-        The echo and the prompt are removed, and lines end in a line feed. Raises NoMatch if there is
-        nothing to pick.
+        The echo and the prompt are removed, and lines end in a line feed. What was unread before is
+        dropped. If an earlier command ran out of time, its prompt is waited for first, so that a late
+        answer never passes for this one's. Raises NoMatch if there is nothing to pick.
         """
         if pick is None:
             return self._text(self._console.ask(to_bytes(command), timeout))
@@ -191,15 +224,22 @@ class Console:
         return RunResult(self._text(output), status)
 
     def login(self, user: Text, password: Text, *, timeout: Optional[float] = None) -> None:
-        """Logs in, whatever the device is waiting for. Raises LoginRefused."""
+        """Logs in, whatever the device is waiting for.
+
+        Nothing is sent if it shows the prompt, only the password if it asks for that. The password is
+        in no log and no exception. Raises LoginRefused.
+        """
         self._console.login(to_bytes(user), to_bytes(password), timeout)
 
     def send(self, line: Text, *, timeout: Optional[float] = None) -> None:
-        """Sends a line."""
+        """Sends a line, with the line end after it."""
         self._console.send(to_bytes(line), timeout)
 
     def send_secret(self, line: Text, *, timeout: Optional[float] = None) -> None:
-        """Sends a line that appears in no log and no exception."""
+        """Sends a line that appears in no log and no exception.
+
+        If the device echoes it, the echo shows as ``***`` everywhere.
+        """
         self._console.send_secret(to_bytes(line), timeout)
 
     def write(self, data: Text, *, timeout: Optional[float] = None) -> None:
@@ -207,15 +247,20 @@ class Console:
         self._console.write(to_bytes(data), timeout)
 
     def send_control(self, name: str, *, timeout: Optional[float] = None) -> None:
-        """Sends a control character: "interrupt", "eof", "escape", ..., or a letter for its own."""
+        """Sends a control character, by name.
+
+        "interrupt" (Ctrl-C), "eof" (Ctrl-D), "suspend" (Ctrl-Z), "quit" (Ctrl and backslash), "escape", "tab",
+        "backspace", "delete", "enter", "xon", "xoff", or a letter for that letter's ("c"). Raises
+        ValueError for another name.
+        """
         self._console.send_control(name, timeout)
 
     def interrupt(self, *, timeout: Optional[float] = None) -> None:
-        """Ctrl-C, to the device."""
+        """Sends Ctrl-C to the device."""
         self.send_control("interrupt", timeout=timeout)
 
     def record(self, duration: float) -> list[Line]:
-        """Everything that arrives within ``duration`` seconds, by lines."""
+        """Everything that arrives within ``duration`` seconds, by lines. Never raises Timeout."""
         return [
             Line(datetime.fromtimestamp(time), self._text(text))
             for time, text in self._console.record(duration)
@@ -226,19 +271,32 @@ class Console:
         self._console.discard()
 
     def reopen(self, *, timeout: Optional[float] = None) -> None:
-        """Closes and opens again, trying until the time limit."""
+        """Closes, if it is open, and opens again, trying until the time limit.
+
+        What was unread is dropped. The logs go on in the same files. Raises the last OpenError if it
+        never succeeded.
+        """
         self._console.reopen(timeout)
 
     def reboot(self, command: Text, *, timeout: Optional[float] = None) -> Any:
-        """Sends a command that restarts the device, and returns what it printed up to the prompt."""
+        """Sends a command that restarts the device, and returns what it printed up to the prompt.
+
+        If the line goes away meanwhile, opens it again.
+        """
         return self._text(self._console.reboot(to_bytes(command), timeout))
 
     def cancel(self) -> None:
-        """Ends, from any thread, all operations that are running or waiting, with Cancelled."""
+        """Ends, from any thread, all operations that are running or waiting, with Cancelled.
+
+        Does nothing to later ones.
+        """
         self._console.cancel()
 
     def close(self) -> None:
-        """Closes the line and the logs; ``reopen`` opens them again."""
+        """Closes the line and the logs; a running operation raises Disconnected.
+
+        Does nothing if it is closed. ``reopen`` opens it again.
+        """
         self._console.close()
 
     @property

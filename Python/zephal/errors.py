@@ -2,11 +2,17 @@
 
 
 class Error(RuntimeError):
-    """The base of all of them.
+    """The base of all that a console raises because of the device or the line.
 
-    ``domain`` and ``code`` are "zephal-console" and a number for the console's own errors, or those
-    of the part that reported the failure, such as "POSIX" and an errno. ``url`` is the console's.
+    Its text names the URL, and never contains a secret that was sent as such.
     """
+
+    domain: str
+    """The console's own is "zephal-console"; else that of the part that failed, such as "POSIX"."""
+    code: int
+    """The code within the domain; for "POSIX" the errno."""
+    url: str
+    """The console's URL."""
 
     def __init__(
         self,
@@ -29,11 +35,18 @@ class Error(RuntimeError):
 
 
 class OpenError(Error):
-    """The line or a log cannot be opened; the message says why, in the system's words."""
+    """The line or a log cannot be opened; the text says why, in the system's words.
+
+    For a failed system call the domain is "POSIX" and the code the errno; for a host name that does
+    not resolve the domain is "getaddrinfo".
+    """
 
 
 class WaitError(Error):
-    """An operation that waited for the device and ended without a result."""
+    """An operation that waited for the device and ended without a result.
+
+    The base of Timeout and Disconnected. The text shows the end of what was received.
+    """
 
     @property
     def waited_for(self) -> str:
@@ -42,7 +55,7 @@ class WaitError(Error):
 
     @property
     def received(self) -> str:
-        """What had arrived and is unread."""
+        """What had arrived and is unread, without escape sequences."""
         return self._received.decode("utf-8", "replace")
 
     @property
@@ -52,27 +65,30 @@ class WaitError(Error):
 
 
 class Timeout(WaitError):
-    """The time limit has passed. What arrived stays unread."""
+    """The time limit has passed. Code 2. What arrived stays unread."""
 
 
 class Disconnected(WaitError):
-    """The line has ended, or was closed. ``reopen`` opens it again."""
+    """The line has ended, or was closed. Code 3. ``reopen`` opens it again."""
 
 
 class DeviceSwapped(Error):
-    """A device with a different chip identifier has answered."""
+    """A device with a different chip identifier has answered. Code 4.
+
+    Until ``reopen``, every operation fails so.
+    """
 
 
 class Cancelled(Error):
-    """``cancel`` ended the operation."""
+    """``cancel`` ended the operation. Code 5."""
 
 
 class LoginRefused(Error):
-    """The device did not accept the user or the password."""
+    """The device did not accept the user or the password. Code 6."""
 
 
 class NoMatch(Error):
-    """The answer does not contain what was to be picked out of it."""
+    """The answer does not contain what was to be picked out of it. Code 7."""
 
     @property
     def answer(self) -> str:

@@ -36,7 +36,7 @@ def _log_of(request: pytest.FixtureRequest) -> pathlib.Path:
 
 @pytest.fixture
 def console(request: pytest.FixtureRequest) -> Iterator[Console]:
-    """The device's console, open during the test."""
+    """The device's console, open during the test. Without ``--console-url`` the test is skipped."""
     option = request.config.getoption
     url = option("--console-url")
     if url is None:

@@ -12,8 +12,8 @@ from zephal._text import Text, to_bytes
 class Simulator:
     """A device with a text console, on a pseudo-terminal, a TCP port or a unix socket.
 
-    ``kind`` is "pty", "tcp" or "unix". It answers each of the commands in ``responses``, and any
-    other one with the prompt.
+    It runs on a thread of its own, and only this machine can reach it. A context manager, which ends
+    it.
     """
 
     def __init__(
@@ -31,6 +31,20 @@ class Simulator:
         is_silent: bool = False,
         floods: bool = False,
     ) -> None:
+        """Starts the device.
+
+        - ``kind``: "pty", "tcp" or "unix".
+        - ``boot_text``: sent at the start and after each reboot, before the prompt or the login.
+        - ``prompt``: sent after each answer.
+        - ``responses``: the answers by command. Any other command is answered with the prompt.
+        - ``login``: the user and the password that it asks for.
+        - ``echoes``: sends each command back, except a password.
+        - ``translates_line_ends``: sends CR LF for each line feed, as a Linux console does.
+        - ``delay``: how long an answer is delayed, in seconds.
+        - ``trickles``: sends everything byte by byte.
+        - ``is_silent``: reads commands and never answers.
+        - ``floods``: sends without end.
+        """
         answers = {to_bytes(command): to_bytes(answer) for command, answer in (responses or {}).items()}
         self._device = _zephal.Simulator(
             kind,
@@ -59,12 +73,12 @@ class Simulator:
 
     @property
     def url(self) -> str:
-        """What to open."""
+        """The URL for a ``Console``."""
         return self._device.url()
 
     @property
     def commands(self) -> list[bytes]:
-        """The commands that it has received."""
+        """The commands that it has received, passwords too."""
         return self._device.commands()
 
     def send(self, data: Text) -> None:
@@ -80,7 +94,7 @@ class Simulator:
         self._device.reboot(away)
 
     def wait_for_commands(self, count: int, timeout: float = 30.0) -> bool:
-        """Waits until that many commands have been received."""
+        """Waits until that many commands have been received; False if the time is up."""
         return self._device.wait_for_commands(count, timeout)
 
     def close(self) -> None:
