@@ -78,14 +78,15 @@ struct LoginDialogue {
   Pattern refused = regex("(?i)(?:login incorrect|access denied|authentication fail)");
 };
 
-/// A device's console, over a serial line, a TCP connection or a unix socket.
+/// A device's console, over a serial line, a TCP connection, telnet or a unix socket.
 ///
 ///     zephal::Console dut("uart:///dev/ttyUSB0?baud=921600", {.prompt = "=> ", .log = "dut.log"});
 ///     std::string version = dut.ask("version");
 ///     double volts = dut.ask("adc 3", zephal::regex(R"(([\d.]+) V)")).number(1);
 ///
 /// The URL is that of ZPKCommStack::createStackWithURL, except that a host may also be an IPv6
-/// address or a name with one.
+/// address or a name with one, and that "telnet://host:port?baud=115200" is a telnet server, whose
+/// serial port is set to the baud rate, if one is given, by RFC 2217.
 ///
 /// Every operation has a time limit, the given one or that of the options, and throws Timeout after
 /// it; Disconnected if the line ends; DeviceSwapped; Cancelled. What is thrown for other reasons is

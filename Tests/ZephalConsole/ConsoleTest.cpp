@@ -94,12 +94,17 @@ std::string reasonOf(const std::string& url) {
 }
 
 TEST(Console, SaysWhyItCannotBeOpened) {
-  EXPECT_EQ(reasonOf("nonsense"), "nonsense: the URL's scheme is not uart, tcp or unix");
+  EXPECT_EQ(reasonOf("nonsense"), "nonsense: the URL's scheme is not uart, tcp, telnet or unix");
   EXPECT_EQ(reasonOf("tcp://[::1"), "tcp://[::1: not a URL");
   EXPECT_EQ(reasonOf("tcp://localhost"), "tcp://localhost: the URL names no TCP port");
   EXPECT_EQ(reasonOf("tcp://:1"), "tcp://:1: the URL names no host");
   EXPECT_EQ(reasonOf("tcp://127.0.0.1:1"),
             "tcp://127.0.0.1:1: cannot connect to 127.0.0.1 port 1: Connection refused");
+  EXPECT_EQ(reasonOf("telnet://127.0.0.1:1?baud=fast"),
+            "telnet://127.0.0.1:1?baud=fast: the query of a telnet URL may only be baud=RATE");
+  EXPECT_EQ(reasonOf("telnet://127.0.0.1:1?baud=9600"),
+            "telnet://127.0.0.1:1?baud=9600: cannot connect to 127.0.0.1 port 1: "
+            "Connection refused");
   EXPECT_EQ(reasonOf("unix:///none/s"),
             "unix:///none/s: cannot connect to /none/s: No such file or directory");
   EXPECT_EQ(reasonOf("uart:///dev/none"),

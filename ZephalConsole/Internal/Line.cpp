@@ -12,8 +12,11 @@
 
 namespace zephal::internal {
 
-Line::Line(Descriptor descriptor, ZPKDataChannelPtr port)
-    : _descriptor(std::move(descriptor)), _port(std::move(port)) {}
+Line::Line(Descriptor descriptor, ZPKDataChannelPtr port, std::unique_ptr<Telnet> telnet)
+    : _descriptor(std::move(descriptor)), _port(std::move(port)), _telnet(std::move(telnet)) {
+  if (_telnet == nullptr) return;
+  _telnet->begin([this](std::string_view bytes) { return send(bytes); });
+}
 
 Line::~Line() {
   if (_port == nullptr) return;
@@ -36,6 +39,10 @@ Line::ReadResult Line::read(char* buffer, size_t size, const Deadline& deadline,
 
 Line::ReadResult Line::readNow(char* buffer, size_t size) const {
   const ssize_t count = ::read(_descriptor.number(), buffer, size);
+  if (count > 0 && _telnet != nullptr) {
+    const auto reply = [this](std::string_view bytes) { return send(bytes); };
+    return {.count = _telnet->receive(buffer, static_cast<size_t>(count), reply)};
+  }
   if (count > 0) return {.count = static_cast<size_t>(count)};
   if (count < 0 && (errno == EAGAIN || errno == EINTR)) return {};
   // A terminal whose other end has gone reads EIO, which says less than that it has ended.
@@ -44,6 +51,11 @@ Line::ReadResult Line::readNow(char* buffer, size_t size) const {
 }
 
 ssize_t Line::writeSome(std::string_view bytes) const {
+  if (_telnet == nullptr) return send(bytes);
+  return _telnet->write(bytes, [this](std::string_view piece) { return send(piece); });
+}
+
+ssize_t Line::send(std::string_view bytes) const {
   const int number = _descriptor.number();
   const ssize_t count = _port != nullptr ? ::write(number, bytes.data(), bytes.size())
                                          : ::send(number, bytes.data(), bytes.size(), MSG_NOSIGNAL);

@@ -3,12 +3,14 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include "ZPKDataChannel.h"
 #include "ZephalConsole/Internal/Descriptor.h"
 #include "ZephalConsole/Internal/Stop.h"
+#include "ZephalConsole/Internal/Telnet.h"
 #include "ZephalConsole/Internal/Wakeup.h"
 
 namespace zephal::internal {
@@ -17,7 +19,8 @@ namespace zephal::internal {
 class Line {
  public:
   /// `port` is, for a serial line, the channel that has configured it and closes it; else null.
-  Line(Descriptor descriptor, ZPKDataChannelPtr port);
+  /// `telnet` is, for a telnet server, what speaks with it; else null.
+  Line(Descriptor descriptor, ZPKDataChannelPtr port, std::unique_ptr<Telnet> telnet = nullptr);
   Line(const Line&) = delete;
   Line& operator=(const Line&) = delete;
   ~Line();
@@ -39,9 +42,11 @@ class Line {
 
  private:
   ReadResult readNow(char* buffer, size_t size) const;
+  ssize_t send(std::string_view bytes) const;
 
   const Descriptor _descriptor;
   const ZPKDataChannelPtr _port;
+  const std::unique_ptr<Telnet> _telnet;
 };
 
 }  // namespace zephal::internal

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <system_error>
 
@@ -43,7 +44,7 @@ std::unique_ptr<Line> openUnixSocket(const ZPKURL& url, const Stop& stop, const 
   return std::make_unique<Line>(connection.take(), nullptr);
 }
 
-std::unique_ptr<Line> openTCP(const ZPKURL& url, const Stop& stop, const Wakeup& wakeup) {
+Descriptor connectTCP(const ZPKURL& url, const Stop& stop, const Wakeup& wakeup) {
   constexpr int64_t kHighestPort = 65535;
   const std::string host = url.host().value_or("");
   const int64_t port = url.port().value_or(0);
@@ -52,11 +53,29 @@ std::unique_ptr<Line> openTCP(const ZPKURL& url, const Stop& stop, const Wakeup&
   const Addresses addresses = resolve(host, static_cast<int>(port), stop, url.absoluteString());
   SocketConnection connection(stop, wakeup);
   for (const addrinfo* one = addresses.get(); one != nullptr; one = one->ai_next) {
-    if (connection.connect(one->ai_addr, one->ai_addrlen)) {
-      return std::make_unique<Line>(connection.take(), nullptr);
-    }
+    if (connection.connect(one->ai_addr, one->ai_addrlen)) return connection.take();
   }
   refuse(url.absoluteString(), host + " port " + std::to_string(port), connection.error());
+}
+
+// The query's baud rate; 0 if there is none.
+uint32_t baudRateOf(const ZPKURL& url) {
+  uint32_t rate = 0;
+  for (const ZPKURLQueryItem& item : url.queryItems()) {
+    const std::string value = item.value.value_or("");
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), rate);
+    const bool isNumber = error == std::errc() && end == value.data() + value.size() && rate > 0;
+    if (item.name != "baud" || !isNumber) {
+      refuse(url.absoluteString(), "the query of a telnet URL may only be baud=RATE");
+    }
+  }
+  return rate;
+}
+
+std::unique_ptr<Line> openTelnet(const ZPKURL& url, const Stop& stop, const Wakeup& wakeup) {
+  const uint32_t baud = baudRateOf(url);
+  return std::make_unique<Line>(connectTCP(url, stop, wakeup), nullptr,
+                                std::make_unique<Telnet>(baud));
 }
 
 }  // namespace
@@ -66,9 +85,10 @@ std::unique_ptr<Line> openLine(const std::string& text, const Stop& stop, const 
   if (url == nullptr) refuse(text, "not a URL");
   const std::string scheme = url->scheme().value_or("");
   if (scheme == "uart") return openSerialPort(*url);
-  if (scheme == "tcp") return openTCP(*url, stop, wakeup);
+  if (scheme == "tcp") return std::make_unique<Line>(connectTCP(*url, stop, wakeup), nullptr);
+  if (scheme == "telnet") return openTelnet(*url, stop, wakeup);
   if (scheme == "unix") return openUnixSocket(*url, stop, wakeup);
-  refuse(text, "the URL's scheme is not uart, tcp or unix");
+  refuse(text, "the URL's scheme is not uart, tcp, telnet or unix");
 }
 
 }  // namespace zephal::internal
