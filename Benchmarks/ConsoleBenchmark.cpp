@@ -30,7 +30,7 @@ void expect(bool condition) {
 std::shared_ptr<zephal::Console> openConsole(const Device& device) {
   // The limit leaves room for the prompt after the longest response.
   return std::make_shared<zephal::Console>(
-      device.url(), zephal::ConsoleOptions{.prompt = "> ", .limit = 2 * kLong});
+      device.url(), zephal::ConsoleOptions{.prompt = "> ", .limit = kLong + kMebi});
 }
 
 std::function<void()> stackAsker(const Device& device) {

@@ -7,7 +7,7 @@ zephal::ConsoleOptions optionsFor(const Conversation& conversation) {
   options.prompt = conversation.delimiter;
   options.timeout = std::chrono::seconds(kPeerTimeout);
   // By default, the oldest bytes of 16 MiB and a prompt would be dropped.
-  if (conversation.traffic == Conversation::Traffic::LongResponses) options.limit *= 2;
+  if (conversation.traffic == Conversation::Traffic::LongResponses) options.limit += 1 << 20;
   return options;
 }
 

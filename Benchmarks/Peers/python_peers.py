@@ -29,7 +29,7 @@ class Zephal:
         self.asks = traffic == "commands"
         self.command = b""
         # By default, the oldest bytes of 16 MiB and a prompt would be dropped.
-        limit = 32 << 20 if traffic == "response" else 16 << 20
+        limit = 17 << 20 if traffic == "response" else 16 << 20
         self.console = zephal.Console(
             url, prompt=delimiter, timeout=TIMEOUT, limit=limit, encoding=None
         )

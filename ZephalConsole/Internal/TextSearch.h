@@ -25,6 +25,8 @@ class TextSearch {
 
  private:
   size_t nextBegin(std::string_view bytes, size_t from) const;
+  size_t nextKnownBegin(std::string_view bytes, size_t at, size_t end) const;
+  size_t nextPair(std::string_view bytes, size_t at, size_t end) const;
 
   const std::string _text;
   size_t _rare = 0;               // where in the text its rarest byte is

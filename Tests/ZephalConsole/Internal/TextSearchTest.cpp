@@ -52,6 +52,25 @@ TEST(TextSearch, FindsATextByItsRarestByte) {
   }
 }
 
+// Long texts in which the rarest byte is frequent, which are searched in blocks.
+TEST(TextSearch, FindsATextWhoseRarestByteIsFrequent) {
+  std::mt19937 random(10);
+  for (int round = 0; round < 3000; ++round) {
+    std::string text(300 + random() % 100, ' ');
+    for (char& byte : text) byte = "logi:"[random() % 5];
+    const std::string wanted = round % 2 == 0 ? "n:" : "ni:o";
+    const size_t place = random() % text.size();
+    if (round % 8 != 0) text.replace(place, wanted.size(), wanted);
+    const size_t cut = random() % (text.size() + 1);
+    TextSearch search(wanted);
+    size_t end = search.take(std::string_view(text).substr(0, cut));
+    if (!search.isFound()) end += search.take(std::string_view(text).substr(cut));
+    const size_t found = text.find(wanted);
+    ASSERT_EQ(search.isFound(), found != std::string::npos) << text;
+    ASSERT_EQ(end, search.isFound() ? found + wanted.size() : text.size()) << text;
+  }
+}
+
 // As many of the last bytes as begin the text, counted the plain way.
 size_t begunAtTheEnd(const std::string& text, const std::string& wanted) {
   size_t length = std::min(text.size(), wanted.size() - 1);
