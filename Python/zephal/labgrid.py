@@ -89,14 +89,19 @@ class ZephalDriver(
     username: str = attr.ib(default="", validator=_IS_TEXT)
     """If there is one, activating logs in."""
     password: str = attr.ib(default="", validator=_IS_TEXT, repr=False)
+    """The user's password."""
     login_timeout: float = attr.ib(default=60.0, converter=float)
+    """The limit in seconds of a login, for a device that boots."""
     log: str = attr.ib(default="", validator=_IS_TEXT)
-    """A file for every line with its time, relative to the environment's; likewise ``raw_log``."""
+    """A file for every line with its time, relative to the environment's."""
     raw_log: str = attr.ib(default="", validator=_IS_TEXT)
+    """A file for the bytes as they arrive and leave, likewise."""
     timeout: float = attr.ib(default=10.0, converter=float)
     """The limit in seconds of what is given none: opening, writing, the console's operations."""
     quiet: float = attr.ib(default=0.05, converter=float)
+    """How long in seconds the device must be silent for a match that more bytes could change."""
     line_end: str = attr.ib(default="\n", validator=_IS_TEXT)
+    """What ends a line that is sent."""
     keep_escapes: bool = attr.ib(default=False, validator=attr.validators.instance_of(bool))
     """Whether ``read`` and ``expect`` see escape sequences, as binary transfers need."""
     txdelay: float = attr.ib(default=0.0, converter=float)
