@@ -194,6 +194,8 @@ void Device::listenOnPath() {
   static int counter = 0;
   _endpoint.path =
       "/tmp/zephalio-bench-" + std::to_string(::getpid()) + "-" + std::to_string(++counter);
+  // One that was killed may have left its own, and numbers of processes come again.
+  ::unlink(_endpoint.path.c_str());
   _listener = checked(::socket(AF_UNIX, SOCK_STREAM, 0), "socket");
   sockaddr_un address{};
   address.sun_family = AF_UNIX;

@@ -131,7 +131,8 @@ struct ConsoleTalk {
   }
 
   const Device device{Transport::Unix, 0};
-  zephal::Console console{device.url(), {.prompt = "> "}};
+  // A device that stands back gets the processor late on a busy machine.
+  zephal::Console console{device.url(), {.prompt = "> ", .timeout = std::chrono::minutes(1)}};
 };
 
 void askQuestions(size_t count) {
