@@ -12,15 +12,17 @@ function(zephalio_library_targets variable name)
   set(${variable} ${targets} PARENT_SCOPE)
 endfunction()
 
-# Adds the targets and names what they produce.
-function(zephalio_add_library name)
+# Adds the targets and names what they produce. Programs link the library as <alias>, which is
+# <namespace>::<exported name>.
+function(zephalio_add_library name alias)
   add_library(${name} ${zephalio_library_type} ${ARGN})
-  add_library(${name}::${name} ALIAS ${name})
+  add_library(${alias} ALIAS ${name})
   zephalio_library_targets(targets ${name})
   if(${name}Static IN_LIST targets)
     add_library(${name}Static STATIC ${ARGN})
   endif()
-  set_target_properties(${targets} PROPERTIES EXPORT_NAME ${name} OUTPUT_NAME ${name})
+  string(REGEX REPLACE ".*::" "" exported ${alias})
+  set_target_properties(${targets} PROPERTIES EXPORT_NAME ${exported} OUTPUT_NAME ${name})
 endfunction()
 
 # Each kind has an export set of its own, named after the kind.

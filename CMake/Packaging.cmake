@@ -30,14 +30,20 @@ function(zephalio_install_pkgconfig name description)
   install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endfunction()
 
-function(zephalio_install_package)
-  foreach(library ZephalLogging ZephalIO)
-    foreach(type IN LISTS zephalio_installed_types)
-      string(TOLOWER ${type} component)
-      install(EXPORT ${library}${type} NAMESPACE ${library}::
-              FILE ${library}-${component}.cmake DESTINATION ${zephalio_package_folder})
-    endforeach()
+function(zephalio_install_exports library namespace)
+  foreach(type IN LISTS zephalio_installed_types)
+    string(TOLOWER ${type} component)
+    install(EXPORT ${library}${type} NAMESPACE ${namespace}::
+            FILE ${library}-${component}.cmake DESTINATION ${zephalio_package_folder})
   endforeach()
+endfunction()
+
+function(zephalio_install_package)
+  zephalio_install_exports(ZephalLogging ZephalLogging)
+  zephalio_install_exports(ZephalIO ZephalIO)
+  if(TARGET ZephalConsole)
+    zephalio_install_exports(ZephalConsole ZephalIO)
+  endif()
   if(TARGET ZephalSimulator)
     install(EXPORT ZephalSimulator NAMESPACE ZephalIO::
             FILE ZephalSimulator.cmake DESTINATION ${zephalio_package_folder})
