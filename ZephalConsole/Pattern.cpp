@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "ZephalConsole/Internal/Expression.h"
+#include "ZephalConsole/Internal/Readable.h"
 
 namespace zephal {
 
@@ -26,7 +27,8 @@ const std::string& Pattern::source() const {
 bool Pattern::isExpression() const { return _expression != nullptr; }
 
 std::string Pattern::description() const {
-  return isExpression() ? "/" + source() + "/" : "\"" + source() + "\"";
+  const std::string shown = internal::readablePattern(source());
+  return isExpression() ? "/" + shown + "/" : "\"" + shown + "\"";
 }
 
 Pattern regex(std::string_view expression) {

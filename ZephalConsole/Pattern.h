@@ -34,7 +34,8 @@ class ZEPHAL_CONSOLE_EXPORT Pattern {
   const std::string& source() const;
   /// Whether it was made with `regex`.
   bool isExpression() const;
-  /// For messages: "login: " for a text, /login: ?/ for an expression.
+  /// For messages: "login: " for a text, /login: ?/ for an expression. Control characters and bytes
+  /// outside ASCII are escaped.
   std::string description() const;
 
   /// @cond
@@ -52,11 +53,13 @@ class ZEPHAL_CONSOLE_EXPORT Pattern {
 };
 
 /// A regular expression (pcre2pattern(3)) over bytes. "." matches any byte except a line feed, "^"
-/// the beginning of what is unread, and "$" the end of what has arrived, also in front of a final
-/// line feed. Options begin the expression: (?i) ignores case, (?m) lets "^" and "$" match at every
-/// line, (?s) lets "." match line feeds.
+/// the beginning of what is unread, and "$" and "\Z" the end of what has arrived: not in front of a
+/// final line feed, which may turn out not to be final. Options begin the expression: (?i) ignores
+/// case, (?m) lets "^" and "$" match at every line, (?s) lets "." match line feeds.
 ///
-/// Throws std::invalid_argument, with the position, for an expression that PCRE2 does not accept.
+/// Throws std::invalid_argument, with the position, for an expression that PCRE2 does not accept;
+/// and for "\G", "\C", "(*COMMIT)", "(*UTF)" and other settings that begin an expression, since
+/// with these a match would depend on how the bytes were cut on their way.
 ZEPHAL_CONSOLE_EXPORT Pattern regex(std::string_view expression);
 
 }  // namespace zephal

@@ -8,6 +8,8 @@
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include <pcre2.h>
 
+#include "ZephalConsole/Internal/Readable.h"
+
 namespace zephal {
 namespace {
 
@@ -28,12 +30,41 @@ struct Free {
 
 PCRE2_SPTR bytesOf(std::string_view text) { return reinterpret_cast<PCRE2_SPTR>(text.data()); }
 
+[[noreturn]] void refuse(std::string_view source, const std::string& why, size_t offset) {
+  throw std::invalid_argument("not a regular expression: " + internal::readablePattern(source) +
+                              ": " + why + " at offset " + std::to_string(offset));
+}
+
 [[noreturn]] void refuse(std::string_view source, int code, size_t offset) {
   PCRE2_UCHAR text[256] = {};
   pcre2_get_error_message(code, text, sizeof text);
-  throw std::invalid_argument("not a regular expression: " + std::string(source) + ": " +
-                              reinterpret_cast<const char*>(text) + " at offset " +
-                              std::to_string(offset));
+  refuse(source, reinterpret_cast<const char*>(text), offset);
+}
+
+// A match must not depend on where the search began, nor on where the text ended at that time.
+void checkVerbs(std::string_view source) {
+  // Settings such as (*UTF) or (*CRLF) begin an expression.
+  const bool hasSetting =
+      source.starts_with("(*") && source.size() > 2 && source[2] >= 'A' && source[2] <= 'Z';
+  if (hasSetting) refuse(source, "settings and verbs are not supported", 0);
+  const size_t commit = source.find("(*COMMIT");
+  if (commit != std::string_view::npos) refuse(source, "(*COMMIT) is not supported", commit);
+}
+
+// With \z for \Z, which would match in front of a final line feed.
+std::string withPlainEnds(std::string_view source) {
+  checkVerbs(source);
+  std::string result(source);
+  if (source.empty()) return result;
+  size_t at = 0;
+  while ((at = source.find('\\', at)) < source.size() - 1) {
+    const char escaped = source[at + 1];
+    if (escaped == 'G') refuse(source, "\\G is not supported", at);
+    if (escaped == 'Z') result[at + 1] = 'z';
+    at += escaped == 'c' ? 3 : 2;
+    if (escaped == 'Q') at = std::min(source.find("\\E", at), source.size());
+  }
+  return result;
 }
 
 // The bytes with which a match can begin; none if there are many, or if PCRE2 looks for them
@@ -62,9 +93,10 @@ std::vector<std::pair<size_t, size_t>> groupsOf(pcre2_match_data* data) {
 Pattern::Expression::Expression(std::string_view source) : _source(source) {
   int code = 0;
   PCRE2_SIZE offset = 0;
-  // \C could end a match within a character, \K could move its beginning behind its end.
-  constexpr uint32_t kOptions = PCRE2_USE_OFFSET_LIMIT | PCRE2_NEVER_BACKSLASH_C;
-  _code = pcre2_compile(bytesOf(source), source.size(), kOptions, &code, &offset, nullptr);
+  const std::string expression = withPlainEnds(source);
+  constexpr uint32_t kOptions =
+      PCRE2_USE_OFFSET_LIMIT | PCRE2_NEVER_BACKSLASH_C | PCRE2_NEVER_UTF | PCRE2_DOLLAR_ENDONLY;
+  _code = pcre2_compile(bytesOf(expression), expression.size(), kOptions, &code, &offset, nullptr);
   if (_code == nullptr) refuse(source, code, offset);
   // Without the just-in-time compiler the same results come more slowly.
   pcre2_jit_compile(_code, PCRE2_JIT_COMPLETE | PCRE2_JIT_PARTIAL_HARD);
@@ -72,6 +104,12 @@ Pattern::Expression::Expression(std::string_view source) : _source(source) {
 }
 
 Pattern::Expression::~Expression() { pcre2_code_free(_code); }
+
+bool Pattern::Expression::matchesNothing() const {
+  uint32_t result = 0;
+  pcre2_pattern_info(_code, PCRE2_INFO_MATCHEMPTY, &result);
+  return result != 0;
+}
 
 // Several passes, each of them many times as fast as a search for a set of bytes.
 size_t Pattern::Expression::firstBegin(std::string_view text, size_t start) const {

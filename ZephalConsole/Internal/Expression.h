@@ -25,6 +25,8 @@ class Pattern::Expression final {
   ~Expression();
 
   const std::string& source() const { return _source; }
+  /// Whether it may match an empty text.
+  bool matchesNothing() const;
 
   enum class Outcome {
     kMatch,

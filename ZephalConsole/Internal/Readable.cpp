@@ -8,13 +8,11 @@ namespace {
 
 constexpr size_t kShown = 200;
 
-void appendEscaped(std::string& line, char byte) {
+void appendVisible(std::string& line, char byte) {
   switch (byte) {
     case '\n': line += "\\n"; return;
     case '\r': line += "\\r"; return;
     case '\t': line += "\\t"; return;
-    case '\\': line += "\\\\"; return;
-    case '"': line += "\\\""; return;
     default: break;
   }
   if (byte >= ' ' && byte <= '~') {
@@ -26,7 +24,18 @@ void appendEscaped(std::string& line, char byte) {
   line += escaped.data();
 }
 
+void appendEscaped(std::string& line, char byte) {
+  if (byte == '\\' || byte == '"') line += '\\';
+  appendVisible(line, byte);
+}
+
 }  // namespace
+
+std::string readablePattern(std::string_view source) {
+  std::string line;
+  for (const char byte : source) appendVisible(line, byte);
+  return line;
+}
 
 std::string readableEnd(std::string_view text) {
   if (text.empty()) return "nothing";

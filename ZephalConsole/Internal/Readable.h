@@ -9,4 +9,7 @@ namespace zephal::internal {
 /// as in a C string; "nothing" for an empty text.
 std::string readableEnd(std::string_view text);
 
+/// A pattern, on one line: the same without quotation marks, and backslashes stay single.
+std::string readablePattern(std::string_view source);
+
 }  // namespace zephal::internal

@@ -54,7 +54,7 @@ TEST(Expression, FindsTheSameFromItsFirstBegin) {
   for (const char* source : {"[bc]a",   "[bc]",           "(?<=a)[bc]", "(?<!a)[bc]c", "\\b[bc]",
                              "\\B[bc]", "(?m)^[bc]",      "[bc]$",      "[bc]+",       "b|c",
                              "b|ca|da", "(?!ba)[bc]a",    "(?=ca)[bc]", "(?i)[bc]d",   "(?:b|c)*",
-                             "[bc]?d",  "(*COMMIT)[bc]d", "a\\K[bc]",   "(?s).[bc]",   "[^a]b"}) {
+                             "[bc]?d",  "c(*PRUNE)[bc]d", "a\\K[bc]",   "(?s).[bc]",   "[^a]b"}) {
     const Pattern::Expression expression(source);
     for (int round = 0; round < 1000; ++round) {
       std::string text(random() % 8, ' ');
@@ -77,6 +77,34 @@ TEST(Expression, GivesUpAfterTooManySteps) {
   const Pattern::Expression expression("^(?:a|aa)+$");
   const std::string text = std::string(60, 'a') + "b";
   EXPECT_EQ(expression.search(text, 0, text.size(), true).outcome, Outcome::kTooHard);
+}
+
+TEST(Expression, EndsOnlyWhereNothingFollows) {
+  for (const char* source : {"b$", "b\\Z", "b\\z", "b(?=\\Z)"}) {
+    const Pattern::Expression expression(source);
+    EXPECT_EQ(expression.search("ab\n", 0, 3, true).outcome, Outcome::kNone) << source;
+    EXPECT_EQ(expression.search("ab\n", 0, 3, false).outcome, Outcome::kNone) << source;
+    EXPECT_EQ(expression.search("ab", 0, 2, false).outcome, Outcome::kPartial) << source;
+    EXPECT_EQ(expression.search("ab", 0, 2, true).outcome, Outcome::kMatch) << source;
+  }
+}
+
+TEST(Expression, LeavesBackslashesThatAreNoEndsAlone) {
+  EXPECT_EQ(Pattern::Expression("\\\\Z").search("\\Z", 0, 2, true).outcome, Outcome::kMatch);
+  EXPECT_EQ(Pattern::Expression("\\QZ\\Z\\E").search("Z\\Z", 0, 3, true).outcome, Outcome::kMatch);
+  EXPECT_EQ(Pattern::Expression("\\cZ").search("\x1a", 0, 1, true).outcome, Outcome::kMatch);
+  EXPECT_EQ(Pattern::Expression("").search("", 0, 0, true).outcome, Outcome::kMatch);
+}
+
+TEST(Expression, RefusesWhatDependsOnHowTheBytesAreCut) {
+  for (const char* source : {"\\Ga", "(*UTF)a", "(*CRLF)a", "a(*COMMIT)b", "a\\C", "\\"}) {
+    EXPECT_THROW(Pattern::Expression{source}, std::invalid_argument) << source;
+  }
+}
+
+TEST(Expression, TellsWhetherItMatchesNothing) {
+  EXPECT_TRUE(Pattern::Expression("a*$").matchesNothing());
+  EXPECT_FALSE(Pattern::Expression("a+$").matchesNothing());
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 namespace {
 
 using zephal::internal::readableEnd;
+using zephal::internal::readablePattern;
 
 TEST(Readable, EscapesWhatATerminalWouldNotShow) {
   EXPECT_EQ(readableEnd("a\r\n\t\"\\\x1b\xff"), R"("a\r\n\t\"\\\x1b\xff")");
@@ -18,5 +19,9 @@ TEST(Readable, ShowsTheEndOfALongText) {
 }
 
 TEST(Readable, SaysThatThereIsNothing) { EXPECT_EQ(readableEnd(""), "nothing"); }
+
+TEST(Readable, ShowsAPatternAlmostAsItIs) {
+  EXPECT_EQ(readablePattern("[\\d\"]+\n\xff"), R"([\d"]+\n\xff)");
+}
 
 }  // namespace
