@@ -12,8 +12,19 @@ Console::Console(const std::string& url, ConsoleOptions options)
     : _session(std::make_unique<Session>(url, std::move(options))) {}
 
 Console::Console(Console&&) noexcept = default;
-Console& Console::operator=(Console&&) noexcept = default;
-Console::~Console() = default;
+
+Console& Console::operator=(Console&& other) noexcept {
+  if (this == &other) return *this;
+  const Console closed(std::move(*this));
+  _session = std::move(other._session);
+  return *this;
+}
+
+// A console that a forked process has copied is left as it is: its thread is not there to be
+// joined, and to close a serial port would reset it for the process that uses it.
+Console::~Console() {
+  if (_session != nullptr && !_session->isOfThisProcess()) _session.release();
+}
 
 const std::string& Console::url() const { return _session->url(); }
 

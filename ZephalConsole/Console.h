@@ -26,7 +26,7 @@ using Seconds = std::chrono::duration<double>;
 /// How a console behaves. Everything has a default, so name only what differs.
 struct ConsoleOptions {
   /// What the device prints when it is ready for the next command. `ask`, `run`, `login` and
-  /// `reboot` need it.
+  /// `reboot` need it. It must not match an empty text (std::invalid_argument).
   std::optional<Pattern> prompt = std::nullopt;
   /// A file that gets every line that is read and written, with its time; empty for none. It is
   /// appended to.
@@ -96,6 +96,8 @@ struct LoginDialogue {
 /// What the device sends is read all the time, by the calling thread during an operation and by a
 /// thread of the console otherwise, and kept up to the limit. A device that floods, or that does
 /// not read, can delay an operation only until its time limit.
+///
+/// A process that is forked cannot use the console of its parent: there it is closed.
 class ZEPHAL_CONSOLE_EXPORT Console {
  public:
   /// Opens the line, within the time limit of the options. Throws OpenError, also if a log cannot
@@ -105,7 +107,7 @@ class ZEPHAL_CONSOLE_EXPORT Console {
   Console(Console&&) noexcept;
   /// Closes, and takes over the other one.
   Console& operator=(Console&&) noexcept;
-  /// Closes. No other thread may be in an operation.
+  /// Closes. No other thread may be in an operation. In a process that was forked it does nothing.
   ~Console();
 
   /// The URL, as it was given.
@@ -128,7 +130,8 @@ class ZEPHAL_CONSOLE_EXPORT Console {
 
   /// Sends a command and returns the answer, without its echo and without the prompt. Lines end in
   /// \n. What was unread before is dropped. If an earlier command ran out of time, its prompt is
-  /// waited for first, so that a late answer never passes for this one's.
+  /// waited for first, so that a late answer never passes for this one's. The same holds if it was
+  /// cancelled, and for a login or a reboot.
   std::string ask(std::string_view command, std::optional<Seconds> timeout = {});
   /// Picks a part of the answer; Hit::before is what is in front of it. Throws NoMatch if the
   /// answer does not contain it.
@@ -144,8 +147,8 @@ class ZEPHAL_CONSOLE_EXPORT Console {
 
   /// Sends a line, ended with the line end of the options.
   void send(std::string_view line, std::optional<Seconds> timeout = {});
-  /// Sends a line that appears in no log and no exception. If the device echoes it, the echo shows
-  /// as "***" everywhere, from now on.
+  /// Sends a line that appears in no log and no exception. If the device echoes it in the line that
+  /// it sends next, the echo shows as "***" everywhere.
   void sendSecret(std::string_view line, std::optional<Seconds> timeout = {});
   /// Sends bytes as they are.
   void write(std::string_view bytes, std::optional<Seconds> timeout = {});
@@ -171,8 +174,8 @@ class ZEPHAL_CONSOLE_EXPORT Console {
   /// Ends, on any thread, all operations that are running or waiting for their turn, with
   /// Cancelled. Does nothing to later ones.
   void cancel() noexcept;
-  /// Closes the line and the logs; a running operation throws Disconnected. Does nothing if it is
-  /// closed. `reopen` opens it again.
+  /// Closes the line and the logs; operations that are running or waiting for their turn throw
+  /// Disconnected. Does nothing if it is closed. `reopen` opens it again.
   void close();
   /// Whether there is a line that, as far as is known, has not ended.
   bool isOpen() const;

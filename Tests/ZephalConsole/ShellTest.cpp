@@ -59,6 +59,17 @@ TEST_P(AShell, RunsCommandsAndTellsTheirStatus) {
   EXPECT_EQ(bad.status, 3);
 }
 
+// What goes to the logs is masked at the same place.
+TEST_P(AShell, ShowsNothingOfASecretHoweverItWrapsTheEcho) {
+  for (size_t length = 20; length < 130; length += 7) {
+    dut.sendSecret("true " + std::string(length, 'S'));
+    const std::string shown = dut.expect("board$ ").before;
+    ASSERT_EQ(shown.find('S'), std::string::npos) << length << ": " << shown;
+    ASSERT_NE(shown.find("***"), std::string::npos) << length << ": " << shown;
+  }
+  EXPECT_EQ(dut.ask("echo alive"), "alive\n");
+}
+
 TEST_P(AShell, IsInterrupted) {
   dut.send("sh -c 'echo go; exec sleep 1000'");
   dut.expect("go\r\n");

@@ -9,7 +9,7 @@
 namespace zephal::internal {
 
 /// Opens the line that a URL names. Throws OpenError with the reason; a time limit that passes and
-/// a cancel are reasons too (ETIMEDOUT, ECANCELED).
+/// whatever else ends the operation are reasons too (ETIMEDOUT, ECANCELED).
 std::unique_ptr<Line> openLine(const std::string& url, const Stop& stop, const Wakeup& wakeup);
 
 }  // namespace zephal::internal

@@ -1,5 +1,6 @@
 #include "ZephalConsole/Internal/Receiver.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace zephal::internal {
@@ -55,8 +56,10 @@ void Receiver::attach(Lock&, std::shared_ptr<Line> line) {
 }
 
 void Receiver::detach(Lock& lock) {
+  releaseHeld();
   _line.reset();
   if (_isReading) _wakeup.wake();
+  _writersWakeup.wake();
   _changed.notify_all();
   _changed.wait(lock, [this] { return !_isReading; });
 }
@@ -74,16 +77,26 @@ void Receiver::endOperation(Lock&) {
   _lastOperation = Clock::now();
 }
 
-bool Receiver::receive(Lock& lock, const Deadline& until) {
+bool Receiver::receive(Lock& lock, const Deadline& limit) {
   const uint64_t before = _inbox.end();
+  const Deadline until(std::min(limit.time(), heldUntil().value_or(limit.time())));
   if (_isReading) {
     _changed.wait_until(lock, until.time());
   } else if (!hasEnded(lock)) {
     read(lock, until);
   }
-  const bool hasArrived = _inbox.end() != before;
-  if (!hasArrived && Clock::now() - _lastByte >= _options.quiet) releaseHeldEcho();
-  return hasArrived || _inbox.end() != before;
+  const std::optional<Clock::time_point> release = heldUntil();
+  if (release.has_value() && Clock::now() >= *release) releaseHeld();
+  return _inbox.end() != before;
+}
+
+// When to show what may be the echo of a secret, or the beginning of one, if nothing follows. A
+// beginning is held longer, because what is shown of a slow echo cannot be taken back.
+std::optional<Receiver::Clock::time_point> Receiver::heldUntil() const {
+  constexpr std::chrono::seconds kSlowest(1);
+  if (!_secrets.holdsSomething()) return std::nullopt;
+  const auto quiet = std::chrono::duration_cast<Clock::duration>(_options.quiet);
+  return _lastByte + (_secrets.holdsEcho() ? quiet : std::max<Clock::duration>(quiet, kSlowest));
 }
 
 void Receiver::waitToWrite(Lock& lock, const Deadline& until) {
@@ -91,13 +104,15 @@ void Receiver::waitToWrite(Lock& lock, const Deadline& until) {
   if (line == nullptr) return;
   const bool mayRead = !_isReading;
   lock.unlock();
-  line->waitToWrite(mayRead, until, _wakeup);
-  _wakeup.clear();
+  line->waitToWrite(mayRead, until, _writersWakeup);
+  _writersWakeup.clear();
   lock.lock();
   if (!_isReading && !hasEnded(lock)) read(lock, Deadline(Clock::now()));
 }
 
 void Receiver::wakeAll() const noexcept {
+  _wakeup.wake();
+  _writersWakeup.wake();
   const std::lock_guard held(_mutex);
   _changed.notify_all();
 }
@@ -140,7 +155,7 @@ void Receiver::read(Lock& lock, const Deadline& until) {
   _isReading = false;
   if (line == _line) {
     if (result.hasEnded) {
-      releaseHeldEcho();
+      releaseHeld();
       _hasEnded = true;
       _endError = result.error;
     }
@@ -175,8 +190,7 @@ void Receiver::takeUnmasked(std::string_view bytes) {
 }
 
 // What looked like the beginning of an echo was none, or stays one.
-void Receiver::releaseHeldEcho() {
-  if (_secrets.isIdle()) return;
+void Receiver::releaseHeld() {
   std::string shown;
   _secrets.flush(shown);
   takeUnmasked(shown);

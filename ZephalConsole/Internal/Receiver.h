@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -31,7 +32,7 @@ class Receiver {
   using Lock = std::unique_lock<std::mutex>;
   using Clock = std::chrono::steady_clock;
 
-  /// Opens the logs; throws OpenError. `wakeup` ends every wait.
+  /// Opens the logs; throws OpenError. `wakeup` ends the wait of the thread that reads.
   Receiver(const std::string& url, const ConsoleOptions& options, const Wakeup& wakeup);
   Receiver(const Receiver&) = delete;
   Receiver& operator=(const Receiver&) = delete;
@@ -81,11 +82,14 @@ class Receiver {
   void read(Lock& lock, const Deadline& until);
   void take(std::string_view bytes);
   void takeUnmasked(std::string_view bytes);
-  void releaseHeldEcho();
+  std::optional<Clock::time_point> heldUntil() const;
+  void releaseHeld();
 
   const std::string _url;
   const ConsoleOptions& _options;
+  // Each has one thread that waits and clears it: it would take the other one's wake-up too.
   const Wakeup& _wakeup;
+  const Wakeup _writersWakeup;
   // Of the one who reads. Not cleared: what is never used takes no memory.
   const std::unique_ptr<char[]> _buffer;
 

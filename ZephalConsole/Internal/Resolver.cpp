@@ -42,7 +42,7 @@ Lookup lookUpName(const std::string& host, int port, const Stop& stop, const std
   std::thread(std::move(task)).detach();
   constexpr std::chrono::milliseconds kSlice(20);
   while (result.wait_for(kSlice) != std::future_status::ready) {
-    if (stop.isCancelled()) refuse(host, ECANCELED, url);
+    if (stop.isOver()) refuse(host, ECANCELED, url);
     if (stop.deadline().hasPassed()) refuse(host, ETIMEDOUT, url);
   }
   return result.get();

@@ -3,72 +3,103 @@
 #include <algorithm>
 #include <utility>
 
+#include "ZephalConsole/Internal/EchoSearch.h"
+#include "ZephalConsole/Internal/EscapeFilter.h"
+
 namespace zephal::internal {
 namespace {
 
 constexpr std::string_view kMask = "***";
 
-// How many bytes at the end of the text begin the secret, or are the whole of it.
-size_t beginningAtEnd(std::string_view secret, std::string_view text) {
-  for (size_t count = std::min(secret.size(), text.size()); count > 0; --count) {
-    if (text.ends_with(secret.substr(0, count))) return count;
-  }
-  return 0;
+// After this much of a line there is no echo in it any more, and an echo has no more escape
+// sequences than this, so that an unfriendly device cannot keep us looking for one.
+constexpr size_t kMost = 4096;
+
+size_t lengthOfLines(std::string_view bytes, size_t lines) {
+  size_t length = 0;
+  for (; lines > 0 && length < bytes.size(); --lines) length = bytes.find('\n', length) + 1;
+  return length;
 }
 
-bool isLineBreak(char byte) { return byte == '\r' || byte == '\n'; }
-
-// The line, with its line break, without the secrets that are followed by a line break.
-std::string masked(std::string_view line, std::string_view secret) {
-  std::string result;
-  for (size_t at = line.find(secret); at != std::string_view::npos; at = line.find(secret)) {
-    const size_t end = at + secret.size();
-    const bool isEcho = end < line.size() && isLineBreak(line[end]);
-    result += line.substr(0, at);
-    result += isEcho ? kMask : secret.substr(0, 1);
-    line.remove_prefix(isEcho ? end : at + 1);
-  }
-  return result += line;
+// The echo that the bytes begin with, without its line break.
+Echo echoIn(std::string_view bytes, std::string_view secret) {
+  EscapeFilter escapes;
+  std::string text;
+  escapes.filter(bytes, text);
+  const Echo echo = echoAt(text, secret);
+  // A device may also end a line with a carriage return only.
+  const bool endsLine = bytes.starts_with(secret) && bytes.substr(secret.size()).starts_with('\r');
+  if (echo.state == Echo::State::kNone && endsLine) return {Echo::State::kFound, secret.size()};
+  if (echo.state != Echo::State::kFound) return echo;
+  const auto lines = std::count(text.begin(), text.begin() + static_cast<long>(echo.length), '\n');
+  size_t length = lengthOfLines(bytes, static_cast<size_t>(lines)) - 1;
+  while (length > 0 && bytes[length - 1] == '\r') --length;
+  return {Echo::State::kFound, length};
 }
 
 }  // namespace
 
 void SecretMask::add(std::string_view secret) {
-  if (!secret.empty()) _secrets.emplace_back(secret);
+  while (!secret.empty()) {
+    const size_t length = std::min(secret.find_first_of("\r\n"), secret.size());
+    if (length > 0) _secrets.emplace_back(secret.substr(0, length));
+    secret.remove_prefix(std::min(length + 1, secret.size()));
+  }
 }
 
 void SecretMask::filter(std::string_view bytes, std::string& shown) {
-  const std::string all = std::exchange(_held, {}).append(bytes);
-  std::string_view rest = all;
-  while (!_secrets.empty() && !rest.empty()) {
-    const size_t lineFeed = rest.find('\n');
-    if (lineFeed == std::string_view::npos) {
-      holdBackEnd(rest, shown);
-      return;
-    }
-    shown += masked(rest.substr(0, lineFeed + 1), _secrets.front());
-    rest.remove_prefix(lineFeed + 1);
-    _secrets.pop_front();
+  _held += bytes;
+  size_t done = 0;
+  while (!_secrets.empty() && done < _held.size()) {
+    const size_t count = showSome(std::string_view(_held).substr(done), shown);
+    if (count == 0) break;
+    done += count;
+    _lineLength += count;
+    if (_lineLength > kMost && !_secrets.empty()) takeSecret();
   }
-  shown += rest;
+  if (_secrets.empty()) {
+    shown += std::string_view(_held).substr(done);
+    done = _held.size();
+  }
+  _held.erase(0, done);
 }
 
-// Shows a line that has not ended.
-void SecretMask::holdBackEnd(std::string_view line, std::string& shown) {
-  const size_t kept = beginningAtEnd(_secrets.front(), line);
-  shown += masked(line.substr(0, line.size() - kept), _secrets.front());
-  _held = line.substr(line.size() - kept);
+// Shows the bytes up to an echo, or one echo, or the rest of the line, which takes the secret.
+// Shows none if they may begin an echo.
+size_t SecretMask::showSome(std::string_view bytes, std::string& shown) {
+  const std::string& secret = _secrets.front();
+  const size_t end = std::min(bytes.find('\n'), bytes.size() - 1) + 1;
+  // A line editor that scrolls begins with a carriage return.
+  const size_t begin = std::min({bytes.find(secret.front()), bytes.find('\r'), end});
+  if (begin == end) {
+    shown += bytes.substr(0, end);
+    if (bytes[end - 1] == '\n') takeSecret();
+    return end;
+  }
+  shown += bytes.substr(0, begin);
+  const Echo echo = echoIn(bytes.substr(begin), secret);
+  const size_t longest = 4 * secret.size() + kMost;
+  if (echo.state == Echo::State::kUndecided && bytes.size() < longest) return begin;
+  const bool isEcho = echo.state == Echo::State::kFound;
+  shown += isEcho ? kMask : bytes.substr(begin, 1);
+  return begin + (isEcho ? echo.length : 1);
+}
+
+// The line has had its chance to be the echo of the first secret.
+void SecretMask::takeSecret() {
+  _secrets.pop_front();
+  _lineLength = 0;
 }
 
 void SecretMask::flush(std::string& shown) {
-  const bool isEcho = !_secrets.empty() && _held == _secrets.front();
-  shown += isEcho ? kMask : _held;
+  shown += holdsEcho() ? kMask : _held;
   _held.clear();
 }
 
 void SecretMask::reset() {
   _secrets.clear();
   _held.clear();
+  _lineLength = 0;
 }
 
 }  // namespace zephal::internal

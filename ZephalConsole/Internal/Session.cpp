@@ -1,11 +1,14 @@
 #include "ZephalConsole/Internal/Session.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <system_error>
 
 #include "ZephalConsole/Internal/AnswerText.h"
 #include "ZephalConsole/Internal/EchoSearch.h"
+#include "ZephalConsole/Internal/Expression.h"
 #include "ZephalConsole/Internal/OpenLine.h"
 
 namespace zephal {
@@ -60,12 +63,23 @@ class Console::Session::Turn {
 };
 
 Console::Session::Session(std::string url, ConsoleOptions options)
-    : _url(std::move(url)), _options(std::move(options)), _receiver(_url, _options, _wakeup) {
+    : _url(std::move(url)),
+      _options(std::move(options)),
+      _process(::getpid()),
+      _receiver(_url, _options, _wakeup) {
+  _interventions.isInterrupted = _options.isInterrupted;
+  if (_options.prompt.has_value() && _options.prompt->isExpression() &&
+      _options.prompt->expression()->matchesNothing()) {
+    throw std::invalid_argument("a prompt that matches an empty text is always there: " +
+                                _options.prompt->description());
+  }
   Lock lock = _receiver.lock();
   openLine(lock, stopAfter(std::nullopt));
 }
 
 Console::Session::~Session() = default;
+
+bool Console::Session::isOfThisProcess() const { return ::getpid() == _process; }
 
 Hit Console::Session::expect(const std::vector<Pattern>& patterns, std::optional<Seconds> timeout) {
   if (patterns.empty()) throw std::invalid_argument("expect needs a pattern");
@@ -129,7 +143,7 @@ std::vector<TimedLine> Console::Session::record(Seconds duration) {
     checkDevice(turn.lock);
     checkCancelled(stop);
     if (_receiver.hasEnded(turn.lock)) throwDisconnected(turn.lock, "the end of a recording", 0);
-    receive(turn.lock, stop.deadline());
+    receive(turn.lock, stop, stop.deadline());
   }
   internal::Inbox& inbox = _receiver.inbox(turn.lock);
   std::vector<TimedLine> lines;
@@ -155,31 +169,34 @@ void Console::Session::discard() {
 // ---- turns ----
 
 Console::Session::Stop Console::Session::stopAfter(std::optional<Seconds> timeout) const {
-  return Stop(Deadline::after(timeout.value_or(_options.timeout)), _cancels);
+  return Stop(Deadline::after(timeout.value_or(_options.timeout)), _interventions);
 }
 
-// Whoever can be interrupted does not wait for long without asking.
-Deadline Console::Session::slice(Deadline until) const {
-  constexpr std::chrono::milliseconds kSlice(100);
-  if (!_options.isInterrupted) return until;
-  return Deadline(std::min(until.time(), Deadline::after(kSlice).time()));
-}
-
-bool Console::Session::receive(Lock& lock, const Deadline& until) {
-  if (_receiver.receive(lock, slice(until))) return true;
-  checkInterrupted(lock);
-  return false;
+// A device that sends all the time does not keep the caller's function from being asked.
+bool Console::Session::receive(Lock& lock, const Stop& stop, const Deadline& until) {
+  constexpr std::chrono::milliseconds kAskedAtLeast(100);
+  const bool hasArrived = _receiver.receive(lock, stop.slice(until));
+  if (!_options.isInterrupted) return hasArrived;
+  if (!hasArrived || Deadline::Clock::now() - _lastAsked >= kAskedAtLeast) checkInterrupted(lock);
+  return hasArrived;
 }
 
 void Console::Session::takeTurn(const Stop& stop) {
+  if (!isOfThisProcess()) {
+    throw Disconnected("the console belongs to the process that opened it",
+                       ErrorCode::kDisconnected, _url, "its turn", "");
+  }
   std::unique_lock lock(_turnMutex);
   while (_isTaken) {
     checkCancelled(stop);
     if (stop.deadline().hasPassed()) {
       throw Timeout("timed out", ErrorCode::kTimeout, _url, "another operation to end", "");
     }
-    _turnChanged.wait_until(lock, slice(stop.deadline()).time());
-    if (_options.isInterrupted && _options.isInterrupted()) throwCancelled();
+    _turnChanged.wait_until(lock, stop.slice().time());
+    if (!_options.isInterrupted) continue;
+    lock.unlock();  // see checkInterrupted
+    if (_options.isInterrupted()) throwCancelled();
+    lock.lock();
   }
   checkCancelled(stop);
   _isTaken = true;
@@ -190,12 +207,13 @@ void Console::Session::leaveTurn() {
     const std::lock_guard lock(_turnMutex);
     _isTaken = false;
   }
-  _turnChanged.notify_one();
+  // All of them, because the one that is woken may have been cancelled.
+  _turnChanged.notify_all();
 }
 
 void Console::Session::cancel() noexcept {
-  ++_cancels;
-  _wakeup.wake();
+  if (!isOfThisProcess()) return;
+  ++_interventions.cancels;
   { const std::lock_guard lock(_turnMutex); }
   _turnChanged.notify_all();
   _receiver.wakeAll();
@@ -211,20 +229,27 @@ const Pattern& Console::Session::prompt() const {
 Hit Console::Session::find(Lock& lock, const std::vector<Pattern>& patterns, const Stop& stop) {
   Matcher matcher(patterns);
   bool isFinal = false;
+  bool isLookedAt = false;  // and nothing has arrived since that final look
   for (bool isLast = false;;) {
     checkDevice(lock);
     const bool hasEnded = _receiver.hasEnded(lock);
-    if (const auto found = look(_receiver.inbox(lock), matcher, isFinal || hasEnded))
-      return take(_receiver.inbox(lock), *found);
+    if (!isLookedAt) {
+      const auto found = look(_receiver.inbox(lock), matcher, isFinal || hasEnded);
+      if (found.has_value()) return take(_receiver.inbox(lock), *found);
+    }
     if (hasEnded) throwDisconnected(lock, describe(patterns), _receiver.endError(lock));
     checkCancelled(stop);
     if (isLast) throwTimeout(lock, describe(patterns));
-    const bool hasArrived = receive(lock, nextLook(lock, matcher, stop));
+    const bool wasFinal = isFinal;
+    const bool hasArrived = receive(lock, stop, nextLook(lock, matcher, stop, wasFinal));
     isLast = stop.deadline().hasPassed();
-    const bool isQuiet =
-        !hasArrived && Deadline::Clock::now() >= _receiver.lastByte(lock) + quietTime();
-    isFinal = isLast || isQuiet;
+    isLookedAt = wasFinal && !hasArrived;
+    isFinal = isLast || (!hasArrived && isQuiet(lock));
   }
+}
+
+bool Console::Session::isQuiet(Lock& lock) const {
+  return Deadline::Clock::now() >= _receiver.lastByte(lock) + quietTime();
 }
 
 Deadline::Clock::duration Console::Session::quietTime() const {
@@ -242,9 +267,11 @@ std::optional<Matcher::Found> Console::Session::look(const internal::Inbox& inbo
 }
 
 // Until when there is nothing to decide unless bytes arrive.
-Deadline Console::Session::nextLook(Lock& lock, const Matcher& matcher, const Stop& stop) const {
+Deadline Console::Session::nextLook(Lock& lock, const Matcher& matcher, const Stop& stop,
+                                    bool wasFinal) const {
   Deadline::Clock::time_point time = stop.deadline().time();
-  if (matcher.isUndecided()) time = std::min(time, _receiver.lastByte(lock) + quietTime());
+  if (matcher.isUndecided() && !wasFinal)
+    time = std::min(time, _receiver.lastByte(lock) + quietTime());
   if (matcher.nextLook().has_value()) time = std::min(time, *matcher.nextLook());
   return Deadline(time);
 }
@@ -306,7 +333,7 @@ void Console::Session::skipEcho(Lock& lock, std::string_view command, const Stop
     const bool mayBecomeQuiet = !isQuiet && !inbox.text().empty();
     const auto until =
         mayBecomeQuiet ? std::min(quietAt, stop.deadline().time()) : stop.deadline().time();
-    const bool hasArrived = receive(lock, Deadline(until));
+    const bool hasArrived = receive(lock, stop, Deadline(until));
     isQuiet = !hasArrived && Deadline::Clock::now() >= quietAt;
   }
 }
@@ -334,8 +361,10 @@ void Console::Session::login(std::string_view user, std::string_view password,
   bool hasSentPassword = false;
   for (Hit hit = findState(turn.lock, states, stop); hit.index != kPrompt;
        hit = find(turn.lock, states, stop)) {
+    if (stop.deadline().hasPassed()) throwTimeout(turn.lock, describe(states));
     const bool isRefused = hit.index == kRefused || (hit.index == kUser && hasSentPassword);
     if (isRefused && hasSentUser) {
+      _owedPrompts = 0;
       throw LoginRefused("the device refuses to log in " + std::string(user),
                          std::string(kConsoleDomain), static_cast<int>(ErrorCode::kLoginRefused),
                          _url);
@@ -347,6 +376,7 @@ void Console::Session::login(std::string_view user, std::string_view password,
     if (hit.index == kPassword) {
       sendSecretLine(turn.lock, password, stop);
       hasSentPassword = true;
+      _owedPrompts = 1;
     }
   }
   _owedPrompts = 0;
@@ -400,7 +430,7 @@ size_t Console::Session::transmitSome(Lock& lock, std::string_view bytes) {
 void Console::Session::waitToTransmit(Lock& lock, const Stop& stop) {
   checkCancelled(stop);
   if (stop.deadline().hasPassed()) throwTimeout(lock, "the device to accept bytes");
-  _receiver.waitToWrite(lock, slice(stop.deadline()));
+  _receiver.waitToWrite(lock, stop.slice());
   checkInterrupted(lock);
 }
 
@@ -411,12 +441,18 @@ void Console::Session::openLine(Lock& lock, const Stop& stop) {
   std::shared_ptr<internal::Line> line;
   try {
     line = internal::openLine(_url, stop, _wakeup);
-  } catch (...) {
+  } catch (const OpenError& error) {
     lock.lock();
     checkCancelled(stop);
+    checkClosed(lock, stop);
+    if (error.code() == ECANCELED) throwCancelled();
+    throw;
+  } catch (...) {
+    lock.lock();
     throw;
   }
   lock.lock();
+  checkClosed(lock, stop);
   _receiver.attach(lock, std::move(line));
 }
 
@@ -443,6 +479,7 @@ void Console::Session::openUntil(Lock& lock, const Stop& stop) {
     _receiver.pause(lock, next);
     checkInterrupted(lock);
     checkCancelled(stop);
+    checkClosed(lock, stop);
   }
 }
 
@@ -452,14 +489,18 @@ std::string Console::Session::reboot(std::string_view command, std::optional<Sec
   Turn turn(*this, stop);
   discardUnread(turn.lock);
   sendLine(turn.lock, command, stop);
-  _owedPrompts = 0;
+  _owedPrompts = 1;
   skipEcho(turn.lock, command, stop);
   for (;;) {
     try {
-      return awaitReboot(turn.lock, stop);
+      std::string text = awaitReboot(turn.lock, stop);
+      _owedPrompts = 0;
+      return text;
     } catch (const Disconnected&) {
+      if (stop.isClosed()) throw;
       _receiver.detach(turn.lock);
       openUntil(turn.lock, stop);
+      _owedPrompts = 1;
     }
   }
 }
@@ -473,26 +514,33 @@ std::string Console::Session::awaitReboot(Lock& lock, const Stop& stop) {
     const Deadline settled(std::min(Deadline::after(kSettled).time(), stop.deadline().time()));
     while (!settled.hasPassed() && !_receiver.hasEnded(lock)) {
       checkCancelled(stop);
-      if (receive(lock, settled)) break;
+      if (receive(lock, stop, settled)) break;
     }
     if (_receiver.hasEnded(lock)) continue;  // find throws
     if (_receiver.inbox(lock).text().empty()) return internal::answerText(text);
+    if (stop.deadline().hasPassed()) throwTimeout(lock, prompt().description());
     text += hit.text();
+    if (text.size() > _options.limit) text.erase(0, text.size() - _options.limit);
   }
 }
 
 void Console::Session::close() {
+  if (!isOfThisProcess()) return;
+  ++_interventions.closes;
+  _receiver.wakeAll();
   Lock lock = _receiver.lock();
   _receiver.detach(lock);
   _receiver.closeLogs(lock);
 }
 
 bool Console::Session::isOpen() const {
+  if (!isOfThisProcess()) return false;
   Lock lock = _receiver.lock();
   return !_receiver.hasEnded(lock);
 }
 
 uint64_t Console::Session::lost() const {
+  if (!isOfThisProcess()) return 0;
   Lock lock = _receiver.lock();
   return _receiver.inbox(lock).lost();
 }
@@ -511,12 +559,17 @@ void Console::Session::checkCancelled(const Stop& stop) const {
 }
 
 // Without the lock: the caller's function may wait for a thread that is in a call of this console.
-void Console::Session::checkInterrupted(Lock& lock) const {
+void Console::Session::checkInterrupted(Lock& lock) {
   if (!_options.isInterrupted) return;
+  _lastAsked = Deadline::Clock::now();
   lock.unlock();
   const bool isInterrupted = _options.isInterrupted();
   lock.lock();
   if (isInterrupted) throwCancelled();
+}
+
+void Console::Session::checkClosed(Lock& lock, const Stop& stop) {
+  if (stop.isClosed()) throwDisconnected(lock, "the line to open", 0);
 }
 
 void Console::Session::throwCancelled() const {

@@ -1,6 +1,7 @@
 #pragma once
 
-#include <atomic>
+#include <sys/types.h>
+
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -22,6 +23,10 @@ class Console::Session {
  public:
   Session(std::string url, ConsoleOptions options);
   ~Session();
+
+  /// A process that was forked has this object too, but none of its threads: there no operation
+  /// works, and the object must be left as it is.
+  bool isOfThisProcess() const;
 
   const std::string& url() const { return _url; }
   const ConsoleOptions& options() const { return _options; }
@@ -49,8 +54,7 @@ class Console::Session {
   class Turn;
 
   Stop stopAfter(std::optional<Seconds> timeout) const;
-  internal::Deadline slice(internal::Deadline until) const;
-  bool receive(Lock& lock, const internal::Deadline& until);
+  bool receive(Lock& lock, const Stop& stop, const internal::Deadline& until);
   void takeTurn(const Stop& stop);
   void leaveTurn();
 
@@ -58,8 +62,10 @@ class Console::Session {
   Hit find(Lock& lock, const std::vector<Pattern>& patterns, const Stop& stop);
   std::optional<internal::Matcher::Found> look(const internal::Inbox& inbox,
                                                internal::Matcher& matcher, bool isFinal) const;
-  internal::Deadline nextLook(Lock& lock, const internal::Matcher& matcher, const Stop& stop) const;
+  internal::Deadline nextLook(Lock& lock, const internal::Matcher& matcher, const Stop& stop,
+                              bool wasFinal) const;
   internal::Deadline::Clock::duration quietTime() const;
+  bool isQuiet(Lock& lock) const;
   static Hit take(internal::Inbox& inbox, const internal::Matcher::Found& found);
 
   std::string askLocked(Lock& lock, std::string_view command, const Stop& stop);
@@ -80,14 +86,16 @@ class Console::Session {
 
   void checkDevice(Lock& lock) const;
   void checkCancelled(const Stop& stop) const;
+  void checkClosed(Lock& lock, const Stop& stop);
   [[noreturn]] void throwCancelled() const;
-  void checkInterrupted(Lock& lock) const;
+  void checkInterrupted(Lock& lock);
   [[noreturn]] void throwTimeout(Lock& lock, const std::string& waitedFor);
   [[noreturn]] void throwDisconnected(Lock& lock, const std::string& waitedFor, int number);
 
   const std::string _url;
   const ConsoleOptions _options;
-  std::atomic<uint64_t> _cancels{0};
+  const pid_t _process;
+  internal::Interventions _interventions;
   const internal::Wakeup _wakeup;
   mutable internal::Receiver _receiver;
 
@@ -97,6 +105,7 @@ class Console::Session {
 
   // Of the operation that has its turn.
   size_t _owedPrompts = 0;
+  internal::Deadline::Clock::time_point _lastAsked;  // when the caller's function was asked
 };
 
 }  // namespace zephal

@@ -39,7 +39,7 @@ bool SocketConnection::start(const sockaddr* address, socklen_t length) {
     if (errno == EINPROGRESS || errno == EINTR) return finish();
     if (errno != EAGAIN) return fail(errno);
     // The listener of a unix socket has no room; there is nothing to poll for.
-    if (_stop.isCancelled()) return fail(ECANCELED);
+    if (_stop.isOver()) return fail(ECANCELED);
     if (_stop.deadline().hasPassed()) return fail(ETIMEDOUT);
     waitForRoom();
   }
@@ -49,10 +49,10 @@ bool SocketConnection::finish() {
   std::array<pollfd, 2> waiting{
       {{_socket.number(), POLLOUT, 0}, {_wakeup.descriptor(), POLLIN, 0}}};
   for (;;) {
-    if (_stop.isCancelled()) return fail(ECANCELED);
-    const int count = ::poll(waiting.data(), waiting.size(), _stop.deadline().milliseconds());
+    if (_stop.isOver()) return fail(ECANCELED);
+    ::poll(waiting.data(), waiting.size(), _stop.slice().milliseconds());
     if (waiting[0].revents != 0) break;
-    if (count == 0 || _stop.deadline().hasPassed()) return fail(ETIMEDOUT);
+    if (_stop.deadline().hasPassed()) return fail(ETIMEDOUT);
     if (waiting[1].revents != 0) _wakeup.clear();
   }
   const int number = pendingError(_socket.number());

@@ -11,10 +11,10 @@ namespace {
 using namespace zephal::internal;
 using namespace std::chrono_literals;
 
-std::atomic<uint64_t> cancels{0};
+Interventions interventions;
 
 TEST(Resolver, TakesNumericAddressesOfBothKinds) {
-  const Stop stop(Deadline::after(0s), cancels);
+  const Stop stop(Deadline::after(0s), interventions);
   EXPECT_EQ(resolve("127.0.0.1", 80, stop, "tcp://x")->ai_family, AF_INET);
   EXPECT_EQ(resolve("::1", 80, stop, "tcp://x")->ai_family, AF_INET6);
 }
@@ -22,12 +22,12 @@ TEST(Resolver, TakesNumericAddressesOfBothKinds) {
 TEST(Resolver, LooksUpAName) {
   if (!support::resolvesLocalhost())
     GTEST_SKIP() << "no localhost: neither /etc/hosts nor DNS names it";
-  const Stop stop(Deadline::after(20s), cancels);
+  const Stop stop(Deadline::after(20s), interventions);
   EXPECT_NE(resolve("localhost", 80, stop, "tcp://x"), nullptr);
 }
 
 TEST(Resolver, SaysThatANameIsUnknown) {
-  const Stop stop(Deadline::after(20s), cancels);
+  const Stop stop(Deadline::after(20s), interventions);
   try {
     resolve("no-such-host.invalid", 80, stop, "tcp://x");
     FAIL();
@@ -37,8 +37,8 @@ TEST(Resolver, SaysThatANameIsUnknown) {
 }
 
 TEST(Resolver, GivesUpOnANameWhenItIsCancelled) {
-  const Stop stop(Deadline::after(1h), cancels);
-  ++cancels;
+  const Stop stop(Deadline::after(1h), interventions);
+  ++interventions.cancels;
   try {
     resolve("no-such-host.invalid", 80, stop, "tcp://x");
     FAIL();

@@ -59,6 +59,46 @@ TEST(SecretMask, HoldsBackOnlyWhatCouldBeginTheSecret) {
   EXPECT_FALSE(mask.isIdle());
 }
 
+TEST(SecretMask, HidesAnEchoThatEndsWithACarriageReturn) {
+  expectMasked({"abc"}, "abc\rwelcome", "***\rwelcome");
+}
+
+TEST(SecretMask, HidesAnEchoThatIsWrappedAtTheMargin) {
+  expectMasked({"abcdef"}, "Key: abc \rdef\r\n# ", "Key: ***\r\n# ");
+  expectMasked({"abcdef"}, "abc\r\ndef\r\n# ", "***\r\n# ");
+}
+
+TEST(SecretMask, HidesAnEchoThatIsScrolled) {
+  expectMasked({"abcdefgh"}, "abcd\r<cdef\r<efgh\r\n# ", "***\r\n# ");
+  expectMasked({"abcdefgh"}, "abcdefgh\r<cdefgh\r\n# ", "***\r\n# ");
+  expectMasked({"abcdefgh"}, "# \r<efgh\r\n# ", "# ***\r\n# ");
+}
+
+TEST(SecretMask, HidesAnEchoWithEscapeSequences) {
+  expectMasked({"abcd"}, "\x1b[1mab\x1b[Kcd\x1b[0m\r\n\x1b[?2004l", "\x1b[1m***\r\n\x1b[?2004l");
+}
+
+TEST(SecretMask, HidesEachLineOfASecret) {
+  expectMasked({"one\r\ntwo\n"}, "one\ntwo\none\n", "***\n***\none\n");
+}
+
+TEST(SecretMask, LooksForNoEchoFarInALongLine) {
+  SecretMask mask;
+  mask.add("abc");
+  std::string shown;
+  mask.filter(std::string(10000, 'x'), shown);
+  EXPECT_TRUE(mask.isIdle());
+  EXPECT_EQ(shown.size(), 10000U);
+}
+
+TEST(SecretMask, HoldsNoMoreThanALittleBack) {
+  SecretMask mask;
+  mask.add("abc");
+  std::string shown;
+  for (int i = 0; i < 100000; ++i) mask.filter("a\x1b[K", shown);
+  EXPECT_GT(shown.size(), 390000U);
+}
+
 TEST(SecretMask, IsIdleWithoutSecretsAndIgnoresAnEmptyOne) {
   SecretMask mask;
   mask.add("");

@@ -23,8 +23,8 @@ class ASocketConnection : public testing::Test {
     return connection.connect(reinterpret_cast<const sockaddr*>(&address), sizeof address);
   }
 
-  std::atomic<uint64_t> cancels{0};
-  Stop stop{Deadline::after(20s), cancels};
+  Interventions interventions;
+  Stop stop{Deadline::after(20s), interventions};
   const Wakeup wakeup;
   SocketConnection connection{stop, wakeup};
   sockaddr_in address{};
