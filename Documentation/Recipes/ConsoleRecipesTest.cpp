@@ -81,12 +81,12 @@ TEST_F(ConsoleRecipesTest, AValueIsTakenOutOfTheAnswer) {
 }
 
 TEST_F(ConsoleRecipesTest, ALoginSurvivesAWrongPassword) {
-  const SimulatedDevice device(DeviceKind::kTerminal, {.bootText = "U-Boot 2024.01\n",
-                                                       .login = DeviceLogin{.password = "secret"},
-                                                       .prompt = "# ",
-                                                       .echoes = true,
-                                                       .translatesLineEnds = true,
-                                                       .responses = {{"uname", "Linux\n"}}});
+  const SimulatedDevice device(DeviceKind::kTCP, {.bootText = "U-Boot 2024.01\n",
+                                                  .login = DeviceLogin{.password = "secret"},
+                                                  .prompt = "# ",
+                                                  .echoes = true,
+                                                  .translatesLineEnds = true,
+                                                  .responses = {{"uname", "Linux\n"}}});
   expectShown("login", device, {"root", "guess", "secret"});
   EXPECT_NE(contentsOf(pathOf("boot.log")).find("U-Boot 2024.01\n"), std::string::npos);
   const Outcome again = runCommand(commandOf("login", {device.url(), "root", "guess"}));

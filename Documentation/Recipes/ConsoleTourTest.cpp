@@ -69,7 +69,7 @@ TEST_F(ConsoleTourTest, AHealthyBoardIsRecognized) {
                                       {"adc 3", "rail 3: 3.25 V\n"},
                                       {"systemctl is-active app", "active\n"},
                                       {"echo $?", "0\n"}}};
-  SimulatedDevice device(DeviceKind::kTerminal, board);
+  SimulatedDevice device(DeviceKind::kUnix, board);
   EXPECT_TRUE(isHealthy(device.url()));
   EXPECT_NE(contentsOf("dut.log").find("rail 3: 3.25 V"), std::string::npos);
   board.responses["echo $?"] = "3\n";

@@ -124,7 +124,8 @@ class Console:
     ) -> None:
         """Opens the line. Raises OpenError, also if a log cannot be opened, and Timeout.
 
-        - ``url``: ``uart:///dev/ttyUSB0?baud=921600``, ``tcp://HOST:PORT`` or ``unix:///PATH``.
+        - ``url``: ``uart:///dev/ttyUSB0?baud=921600``, ``tcp://HOST:PORT``, ``telnet://HOST:PORT`` or
+          ``unix:///PATH``.
         - ``prompt``: what the device prints when it is ready for the next command; ``ask``, ``run``,
           ``login`` and ``reboot`` need it.
         - ``log``, ``raw_log``: files for every line that is read and written, and for the bytes as
