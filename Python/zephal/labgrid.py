@@ -239,8 +239,9 @@ class ZephalDriver(
         codec: str = "utf-8",
         decodeerrors: str = "strict",
     ) -> tuple[list[str], list[str], int]:
-        """Runs a command: the lines that it printed, no others, and its exit status.
+        """Runs a command: the lines that it printed, an empty list, and its exit status.
 
+        A serial line carries no error output of its own; it is among the lines that were printed.
         Raises pexpect's TIMEOUT, with a zephal.Timeout as its cause. The next command then waits
         for this one's prompt first.
         """
