@@ -121,8 +121,8 @@ def test_is_a_console_for_other_drivers(target):
     index, before, match, after = console.expect(["never", r"(\d+)\.\r\n", pexpect.TIMEOUT])
     assert (index, match.group(1), after) == (1, b"42", b"42.\r\n")
     assert b"echo" in before
-    console.sendline("cat")
-    console.expect("cat\r\n")
+    console.sendline("sh -c 'echo go; exec cat'")
+    console.expect("go\r\n")
     console.sendcontrol("c")
     assert console.expect(PROMPT)[0] == 0
     assert console.expect([pexpect.TIMEOUT], timeout=0.05)[2] is pexpect.TIMEOUT
