@@ -30,10 +30,12 @@ def regex(expression: Text) -> Pattern:
     """A regular expression over the bytes that a device sends: pcre2pattern(3), not Python's own.
 
     "." matches any byte except a line feed, "^" the beginning of what is unread, and "$" the end of
-    what has arrived, also in front of a final line feed. Options begin the expression: (?i) ignores
-    case, (?m) lets "^" and "$" match at every line, (?s) lets "." match line feeds.
+    what has arrived: not in front of a final line feed, which may turn out not to be final. Options
+    begin the expression: (?i) ignores case, (?m) lets "^" and "$" match at every line, (?s) lets "."
+    match line feeds.
 
-    Raises ValueError, with the position, for an expression that PCRE2 does not accept.
+    Raises ValueError, with the position, for an expression that PCRE2 does not accept; and for one
+    with which a match would depend on how the bytes were cut on their way, such as ``\\G``.
     """
     return _zephal.regex(to_bytes(expression))
 
