@@ -39,6 +39,11 @@ void EscapeFilter::step(char byte, std::string& text) {
     _state = State::kText;
     return;
   }
+  if (byte == kEscape) {  // begins a sequence, also within one
+    _state = _state == State::kString ? State::kStringEscape : State::kEscape;
+    _length = 0;
+    return;
+  }
   _state = next(byte, text);
 }
 
@@ -49,13 +54,11 @@ EscapeFilter::State EscapeFilter::next(char byte, std::string& text) {
       return isWithin(byte, ' ', '/') && _length < kLongestControl ? State::kIntermediate
                                                                    : State::kText;
     case State::kControl:
-      if (byte == kEscape) return State::kEscape;
       // A line break within a control sequence acts as if it stood in front of it.
       if (byte == '\n' || byte == '\r') text += byte;
       return isWithin(byte, '@', '~') || _length >= kLongestControl ? State::kText
                                                                     : State::kControl;
     case State::kString:
-      if (byte == kEscape) return State::kStringEscape;
       return byte == kBell || _length >= kLongestString ? State::kText : State::kString;
     case State::kStringEscape: return byte == '\\' ? State::kText : afterEscape(byte);
     case State::kText: break;
@@ -71,7 +74,6 @@ EscapeFilter::State EscapeFilter::afterEscape(char byte) const {
     case 'X':
     case '^':
     case '_': return State::kString;
-    case kEscape: return State::kEscape;
     default: return isWithin(byte, ' ', '/') ? State::kIntermediate : State::kText;
   }
 }

@@ -16,6 +16,9 @@ std::optional<Matcher::Found> Matcher::look(std::string_view text, uint64_t orig
     if (first == nullptr || search.begin() < first->begin()) first = &search;
   }
   if (first == nullptr || first->state() != PatternSearch::State::kFound) return std::nullopt;
+  // An empty match at the end: the next byte may begin a match of a pattern that is listed before.
+  const bool isAtEnd = first->begin() == origin + text.size();
+  if (isAtEnd && first != _searches.data() && !isFinal) return std::nullopt;
   return Found{static_cast<size_t>(first - _searches.data()), first->groups()};
 }
 

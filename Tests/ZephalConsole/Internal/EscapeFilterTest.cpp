@@ -42,6 +42,14 @@ TEST(EscapeFilter, RemovesEscapesOfTwoAndThreeCharacters) {
 
 TEST(EscapeFilter, BeginsAnewAtAnEscapeWithinASequence) { expectFiltered("a\x1b[3\x1b[1mb", "ab"); }
 
+TEST(EscapeFilter, BeginsAnewAtAnEscapeWithinACharacterSetSequence) {
+  expectFiltered("a\x1b(\x1b[1mb", "ab");
+}
+
+TEST(EscapeFilter, RemovesASequenceThatEndsALongString) {
+  expectFiltered("a\x1b]0;" + std::string(100, 'x') + "\x1b[31mb", "ab");
+}
+
 TEST(EscapeFilter, EndsASequenceAtCancel) {
   expectFiltered(
       "a\x1b[3\x18"

@@ -57,6 +57,13 @@ std::optional<Place> model(const std::string& text, const std::vector<std::strin
   return first;
 }
 
+TEST(Matcher, LetsAnEmptyMatchAtTheEndWaitForAnEarlierPattern) {
+  Matcher matcher({Pattern("ab"), regex("x*")});
+  EXPECT_FALSE(matcher.look("", 0, false).has_value());
+  EXPECT_TRUE(matcher.isUndecided());
+  EXPECT_EQ(placeOf(matcher.look("ab", 0, false)), (Place{0, 0, 2}));
+}
+
 TEST(Matcher, FindsTheSameHoweverTheTextIsCut) {
   const std::vector<std::string> pool = {"ab", "b+",  "a.c",     "(a|ab)c", "[bc]a$", "b*c",
                                          "ca", "aba", "a{2,3}b", "c(?=a)",  "a(?!b)"};
