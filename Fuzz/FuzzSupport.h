@@ -2,9 +2,17 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <string_view>
 
+#include "Data Transformers/ZPKDataTransformer.h"
+#include "FuzzInput.h"
+#include "Support/Bytes.h"
 #include "ZephalLogging.h"
+
+using support::chunkOf;
+using support::dataOf;
+using support::unitOf;
 
 /// Ends the process if `holds` is false, which a fuzzer reports as a finding.
 inline void require(bool holds, const char* what) {
@@ -20,4 +28,12 @@ inline void silenceLog() {
     return true;
   }();
   static_cast<void>(isSilent);
+}
+
+/// What a transformer leaves of a chunk. The input says how the chunk's memory is allocated.
+inline std::string passed(ZPKDataTransformer& transformer, FuzzInput& input,
+                          std::string_view bytes) {
+  const ZPKMutableDataPtr chunk = input.flag() ? chunkOf(bytes) : unitOf(bytes);
+  transformer.modifyData(chunk.get());
+  return std::string(chunk->view());
 }

@@ -5,10 +5,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "Data Channel/ZPKDataDefaultSerializer.h"
+#include "FuzzInput.h"
 #include "FuzzSupport.h"
 #include "Utility/ZPIObjectTree.h"
 #include "Utility/ZPIText.h"
@@ -16,36 +16,10 @@
 
 namespace {
 
-// Takes values from the input; beyond its end everything is 0 or empty.
-class Source {
- public:
-  explicit Source(std::string_view input) : _input(input) {}
-
-  bool isUsedUp() const { return _input.empty(); }
-  uint8_t byte() { return static_cast<uint8_t>(number(1)); }
-
-  uint64_t number(size_t width) {
-    uint64_t result = 0;
-    for (const char byte : take(width)) result = result << 8 | static_cast<uint8_t>(byte);
-    return result;
-  }
-
-  std::string text() { return std::string(take(byte() % 32)); }
-
- private:
-  std::string_view take(size_t count) {
-    const std::string_view taken = _input.substr(0, count);
-    _input.remove_prefix(taken.size());
-    return taken;
-  }
-
-  std::string_view _input;
-};
-
 // A stack machine: leaves are pushed, containers take what is on top.
 class Builder {
  public:
-  explicit Builder(Source source) : _source(source) {}
+  explicit Builder(FuzzInput source) : _source(source) {}
 
   ZPKObjectPtr build() {
     while (!_source.isUsedUp()) step();
@@ -83,7 +57,7 @@ class Builder {
     return ZPKDictionary::init(std::move(entries));
   }
 
-  Source _source;
+  FuzzInput _source;
   std::vector<ZPKObjectPtr> _stack;
 };
 
@@ -120,8 +94,7 @@ class Expectation final : public ZPIObjectVisitor {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   silenceLog();
-  const std::string_view input(reinterpret_cast<const char*>(bytes), size);
-  const ZPKObjectPtr object = Builder(Source(input)).build();
+  const ZPKObjectPtr object = Builder(FuzzInput(bytes, size)).build();
   const Expectation expected(object);
   ZPKDataDefaultSerializer serializer;
   const ZPKDataPtr archive = serializer.serialize(object);
