@@ -6,10 +6,15 @@
 #include <pybind11/functional.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
+#include <stdexcept>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 namespace py = pybind11;
@@ -21,6 +26,31 @@ using Timeout_ = std::optional<double>;
 
 // Set while a thread is in an operation that somebody else may have to end.
 thread_local const std::atomic<bool>* operationsCancel = nullptr;
+
+// The interpreter ends daemon threads where they ask for its lock, which a thread that comes out of
+// an operation does not survive. So before it ends, operations end.
+std::atomic<bool> isEnding{false};
+std::atomic<int> operations{0};
+
+class Operation {
+ public:
+  Operation() {
+    if (isEnding) throw std::runtime_error("the interpreter is ending");
+    ++operations;
+  }
+  Operation(const Operation&) = delete;
+  ~Operation() { --operations; }
+};
+
+// `process` has begun them; a forked one has none of their threads.
+void endOperations(pid_t process) {
+  constexpr std::chrono::milliseconds kStep(5);
+  constexpr int kMostSteps = 400;
+  isEnding = true;
+  if (process != ::getpid()) return;
+  const py::gil_scoped_release release;
+  for (int i = 0; i < kMostSteps && operations > 0; ++i) std::this_thread::sleep_for(kStep);
+}
 
 std::optional<Seconds> secondsOf(Timeout_ timeout) {
   if (!timeout.has_value()) return std::nullopt;
@@ -53,12 +83,18 @@ class CancelScope {
 // Signals are handled on the main thread only; anywhere else this does nothing. An exception of a
 // handler, such as KeyboardInterrupt, waits for the end of the operation.
 bool isInterrupted() {
+  if (isEnding) return true;
   if (operationsCancel != nullptr && operationsCancel->load()) return true;
   const py::gil_scoped_acquire lock;
   return PyErr_CheckSignals() != 0;
 }
 
 py::bytes bytesOf(const std::string& text) { return py::bytes(text); }
+
+// A message, which may contain anything that the system or a user has put into it.
+py::str shownOf(const std::string& text) {
+  return bytesOf(text).attr("decode")("utf-8", "replace");
+}
 
 py::object timeOf(std::chrono::system_clock::time_point time) {
   const double seconds = std::chrono::duration<double>(time.time_since_epoch()).count();
@@ -92,10 +128,17 @@ auto withoutLock(Operation operation) {
   }
 }
 
+// Runs an operation that waits for the device.
+template <class Function>
+auto waiting(Function function) {
+  const Operation operation;
+  return withoutLock(std::move(function));
+}
+
 class BytesConsole {
  public:
   BytesConsole(const std::string& url, ConsoleOptions options)
-      : _console(withoutLock([&] {
+      : _console(waiting([&] {
           options.isInterrupted = isInterrupted;
           return std::make_unique<Console>(url, std::move(options));
         })) {}
@@ -106,36 +149,35 @@ class BytesConsole {
   }
 
   py::tuple expect(const std::vector<Pattern>& patterns, Timeout_ timeout) {
-    return tupleOf(withoutLock([&] { return _console->expect(patterns, secondsOf(timeout)); }));
+    return tupleOf(waiting([&] { return _console->expect(patterns, secondsOf(timeout)); }));
   }
   py::bytes ask(const std::string& command, Timeout_ timeout) {
-    return bytesOf(withoutLock([&] { return _console->ask(command, secondsOf(timeout)); }));
+    return bytesOf(waiting([&] { return _console->ask(command, secondsOf(timeout)); }));
   }
   py::tuple askAndPick(const std::string& command, const Pattern& pick, Timeout_ timeout) {
-    return tupleOf(withoutLock([&] { return _console->ask(command, pick, secondsOf(timeout)); }));
+    return tupleOf(waiting([&] { return _console->ask(command, pick, secondsOf(timeout)); }));
   }
   py::tuple run(const std::string& command, Timeout_ timeout) {
-    const RunResult result =
-        withoutLock([&] { return _console->run(command, secondsOf(timeout)); });
+    const RunResult result = waiting([&] { return _console->run(command, secondsOf(timeout)); });
     return py::make_tuple(bytesOf(result.output), result.status);
   }
   void login(const std::string& user, const std::string& password, Timeout_ timeout) {
-    withoutLock([&] { _console->login(user, password, secondsOf(timeout)); });
+    waiting([&] { _console->login(user, password, secondsOf(timeout)); });
   }
   void send(const std::string& line, Timeout_ timeout) {
-    withoutLock([&] { _console->send(line, secondsOf(timeout)); });
+    waiting([&] { _console->send(line, secondsOf(timeout)); });
   }
   void sendSecret(const std::string& line, Timeout_ timeout) {
-    withoutLock([&] { _console->sendSecret(line, secondsOf(timeout)); });
+    waiting([&] { _console->sendSecret(line, secondsOf(timeout)); });
   }
   void write(const std::string& bytes, Timeout_ timeout) {
-    withoutLock([&] { _console->write(bytes, secondsOf(timeout)); });
+    waiting([&] { _console->write(bytes, secondsOf(timeout)); });
   }
   void sendControl(const std::string& name, Timeout_ timeout) {
-    withoutLock([&] { _console->sendControl(name, secondsOf(timeout)); });
+    waiting([&] { _console->sendControl(name, secondsOf(timeout)); });
   }
   py::list record(double duration) {
-    const auto lines = withoutLock([&] { return _console->record(Seconds(duration)); });
+    const auto lines = waiting([&] { return _console->record(Seconds(duration)); });
     py::list result;
     for (const TimedLine& line : lines) {
       result.append(py::make_tuple(timeOf(line.time), bytesOf(line.text)));
@@ -143,15 +185,18 @@ class BytesConsole {
     return result;
   }
   void discard() {
-    withoutLock([&] { _console->discard(); });
+    waiting([&] { _console->discard(); });
   }
   void reopen(Timeout_ timeout) {
-    withoutLock([&] { _console->reopen(secondsOf(timeout)); });
+    waiting([&] { _console->reopen(secondsOf(timeout)); });
   }
   py::bytes reboot(const std::string& command, Timeout_ timeout) {
-    return bytesOf(withoutLock([&] { return _console->reboot(command, secondsOf(timeout)); }));
+    return bytesOf(waiting([&] { return _console->reboot(command, secondsOf(timeout)); }));
   }
-  void cancel() { _console->cancel(); }
+  // Without the interpreter's lock, which an operation may need before it releases its own.
+  void cancel() {
+    withoutLock([&] { _console->cancel(); });
+  }
   void close() {
     withoutLock([&] { _console->close(); });
   }
@@ -172,13 +217,13 @@ class BytesConsole {
 [[maybe_unused]] void raise(const char* name, const Error& error, const py::object& received,
                             const py::object& waitedFor) {
   const py::object type = py::module_::import("zephal.errors").attr(name);
-  const py::object exception =
-      type(error.what(), error.domain(), error.code(), error.url(), received, waitedFor);
+  const py::object exception = type(shownOf(error.what()), error.domain(), error.code(),
+                                    shownOf(error.url()), received, waitedFor);
   PyErr_SetObject(type.ptr(), exception.ptr());
 }
 
 void raise(const char* name, const WaitError& error) {
-  raise(name, error, bytesOf(error.received()), py::str(error.waitedFor()));
+  raise(name, error, bytesOf(error.received()), shownOf(error.waitedFor()));
 }
 
 void raise(const char* name, const Error& error) { raise(name, error, bytesOf(""), py::str("")); }
@@ -357,4 +402,6 @@ PYBIND11_MODULE(_zephal, module) {
   py::register_exception_translator(translate);
   addConsole(module);
   addSimulator(module);
+  py::module_::import("atexit").attr("register")(
+      py::cpp_function([process = ::getpid()] { endOperations(process); }));
 }

@@ -1,7 +1,12 @@
 import ast
 import asyncio
+import contextlib
+import os
 import pathlib
 import signal
+import socket
+import subprocess
+import sys
 import threading
 import time
 
@@ -114,17 +119,23 @@ def test_other_threads_run_while_one_waits(dut):
     thread.join()
 
 
-def test_control_c_ends_a_wait(dut):
+@contextlib.contextmanager
+def interrupted_after(seconds):
     def interrupt(number, frame):
         raise KeyboardInterrupt
 
     before = signal.signal(signal.SIGALRM, interrupt)
+    signal.setitimer(signal.ITIMER_REAL, seconds)
     try:
-        signal.setitimer(signal.ITIMER_REAL, 0.1)
-        with pytest.raises(KeyboardInterrupt):
-            dut.expect("never", timeout=3600)
+        yield
     finally:
+        signal.setitimer(signal.ITIMER_REAL, 0)
         signal.signal(signal.SIGALRM, before)
+
+
+def test_control_c_ends_a_wait(dut):
+    with interrupted_after(0.1), pytest.raises(KeyboardInterrupt):
+        dut.expect("never", timeout=3600)
     assert dut.ask("version") == "board 1.0\n"
 
 
@@ -149,6 +160,9 @@ def test_hit_numbers():
     assert hit(" 0x1F").number() == 31
     assert hit("-0x10").number() == -16
     assert hit("1e3\r").number() == 1000
+    assert hit("0x1.8").number() == 1.5
+    with pytest.raises(ValueError):
+        hit("1_000").number()
     with pytest.raises(ValueError):
         hit("volts").number()
     with pytest.raises(IndexError):
@@ -177,3 +191,125 @@ def test_eight_devices_at_once():
     assert asyncio.run(all_of_them()) == ["board 1.0\n"] * 8
     for device in devices:
         device.close()
+
+
+def test_a_pattern_that_is_no_text_is_shown(dut):
+    with pytest.raises(zephal.Timeout) as caught:
+        dut.expect(b"\xff\x00", timeout=0.01)
+    assert caught.value.waited_for == r'"\xff\x00"'
+
+
+def test_sixteen_consoles_in_sixteen_threads():
+    answers = [None] * 16
+
+    def ask(number):
+        with board() as device, zephal.Console(device.url, prompt="=> ", timeout=PATIENCE) as console:
+            answers[number] = {console.ask("version") for _ in range(20)}
+
+    threads = [threading.Thread(target=ask, args=(number,)) for number in range(16)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert answers == [{"board 1.0\n"}] * 16
+
+
+def test_reopening_leaks_no_descriptor_and_no_thread():
+    def counts():
+        return len(os.listdir("/proc/self/fd")), len(os.listdir("/proc/self/task"))
+
+    with board() as device, zephal.Console(device.url, prompt="=> ", timeout=PATIENCE) as console:
+        assert console.ask("version") == "board 1.0\n"
+        before = counts()
+        for _ in range(1000):
+            console.reopen()
+        assert console.ask("version") == "board 1.0\n"
+        assert counts() == before
+
+
+def test_threads_that_wait_for_their_turn_can_be_cancelled(dut):
+    ended = []
+
+    def wait():
+        try:
+            dut.expect("never", timeout=3600)
+        except zephal.Cancelled as error:
+            ended.append(error.code)
+
+    threads = [threading.Thread(target=wait) for _ in range(4)]
+    for thread in threads:
+        thread.start()
+    while len(ended) < 4:
+        dut.cancel()
+        time.sleep(0.001)
+    for thread in threads:
+        thread.join()
+    assert ended == [5] * 4
+
+
+def test_close_in_one_thread_ends_the_wait_of_another(dut):
+    def close():
+        time.sleep(0.05)
+        dut.close()
+
+    thread = threading.Thread(target=close)
+    thread.start()
+    with pytest.raises(zephal.Disconnected, match="the console is closed"):
+        dut.expect("never", timeout=3600)
+    thread.join()
+
+
+def test_control_c_ends_the_opening(tmp_path):
+    with socket.socket(socket.AF_UNIX) as listener, socket.socket(socket.AF_UNIX) as peer:
+        listener.bind(str(tmp_path / "full"))
+        listener.listen(0)
+        peer.connect(str(tmp_path / "full"))
+        with interrupted_after(0.1), pytest.raises(KeyboardInterrupt):
+            zephal.Console(f"unix://{tmp_path}/full", timeout=3600)
+
+
+def test_control_c_ends_a_wait_during_a_flood():
+    with zephal.Simulator(floods=True) as device, zephal.Console(device.url) as console:
+        with interrupted_after(0.1), pytest.raises(KeyboardInterrupt):
+            console.expect("never", timeout=3600)
+
+
+def test_a_process_ends_although_a_daemon_thread_waits(tmp_path):
+    script = (
+        "import threading, zephal\n"
+        "device = zephal.Simulator(is_silent=True)\n"
+        "dut = zephal.Console(device.url, timeout=3600)\n"
+        "threading.Thread(target=dut.expect, args=('never',), daemon=True).start()\n"
+        "try:\n"
+        "    while not dut.expect('x', timeout=0): pass\n"
+        "except zephal.Timeout: pass\n"
+    )
+    ended = subprocess.run(
+        [sys.executable, "-c", script], capture_output=True, timeout=60, cwd=tmp_path, text=True
+    )
+    assert ended.returncode == 0, ended.stderr
+    assert "zephal.errors.Cancelled" in ended.stderr
+
+
+def test_a_forked_child_leaves_the_console_alone(dut):
+    assert dut.ask("version") == "board 1.0\n"
+    child = os.fork()
+    if child == 0:
+        signal.alarm(30)
+        try:
+            dut.ask("version")
+        except zephal.Disconnected:
+            dut.close()
+            del dut
+            os._exit(0)
+        os._exit(1)
+    assert os.waitpid(child, 0)[1] == 0
+    assert dut.ask("version") == "board 1.0\n"
+
+
+def test_logs_may_be_paths(device, tmp_path):
+    log = tmp_path / "dut.log"
+    with zephal.Console(device.url, prompt="=> ", log=log, raw_log=tmp_path / "raw.log") as console:
+        console.ask("version")
+    assert "board 1.0" in log.read_text()
+    assert "board 1.0" in (tmp_path / "raw.log").read_text()

@@ -2,19 +2,20 @@
 
 from __future__ import annotations
 
-import asyncio
+import os
 from dataclasses import dataclass
 from datetime import datetime
 from functools import lru_cache
 from types import TracebackType
-from typing import Any, Callable, NamedTuple, Optional, Sequence, TypeVar, Union, overload
+from typing import Any, Callable, NamedTuple, Optional, Sequence, Union, overload
 
 from zephal import _zephal
 from zephal._text import Text, to_bytes
+from zephal._threads import asynchronously
 from zephal._zephal import Pattern
 
 AnyPattern = Union[str, bytes, Pattern]
-Result = TypeVar("Result")
+Path = Union[str, "os.PathLike[str]"]
 
 
 @lru_cache(maxsize=64)
@@ -32,7 +33,7 @@ def regex(expression: Text) -> Pattern:
     "." matches any byte except a line feed, "^" the beginning of what is unread, and "$" the end of
     what has arrived: not in front of a final line feed, which may turn out not to be final. Options
     begin the expression: (?i) ignores case, (?m) lets "^" and "$" match at every line, (?s) lets "."
-    match line feeds.
+    match line feeds. A character outside ASCII is several bytes, so write ``(?:ä)?``.
 
     Raises ValueError, with the position, for an expression that PCRE2 does not accept; and for one
     with which a match would depend on how the bytes were cut on their way, such as ``\\G``.
@@ -69,10 +70,11 @@ class Hit:
         text = self.groups[group]
         if text is None:
             raise ValueError("the group took no part in the match")
-        text = text.decode() if isinstance(text, bytes) else text
-        digits = text.strip().lower().lstrip("+-")
-        if digits.startswith("0x"):
-            return float(int(text.strip(), 16))
+        text = (text.decode() if isinstance(text, bytes) else text).strip()
+        if "_" in text:
+            raise ValueError(f"not a number: {text!r}")
+        if text.lstrip("+-")[:2] in ("0x", "0X"):
+            return float.fromhex(text)
         return float(text)
 
 
@@ -113,8 +115,8 @@ class Console:
         url: str,
         *,
         prompt: Optional[AnyPattern] = None,
-        log: str = "",
-        raw_log: str = "",
+        log: Path = "",
+        raw_log: Path = "",
         timeout: float = 10.0,
         quiet: float = 0.05,
         line_end: Text = "\n",
@@ -148,8 +150,8 @@ class Console:
         self._console = _zephal.BytesConsole(
             url,
             None if prompt is None else _pattern(prompt),
-            log,
-            raw_log,
+            os.fspath(log),
+            os.fspath(raw_log),
             timeout,
             quiet,
             to_bytes(line_end),
@@ -158,10 +160,26 @@ class Console:
             ecid,
         )
 
+    @classmethod
+    async def open_async(cls, url: str, **options: Any) -> "Console":
+        """Opens a console without holding up the loop; the options are those of ``Console``."""
+        return await asynchronously(cls, url, **options)
+
     def __enter__(self) -> "Console":
         return self
 
     def __exit__(
+        self,
+        kind: Optional[type[BaseException]],
+        error: Optional[BaseException],
+        trace: Optional[TracebackType],
+    ) -> None:
+        self.close()
+
+    async def __aenter__(self) -> "Console":
+        return self
+
+    async def __aexit__(
         self,
         kind: Optional[type[BaseException]],
         error: Optional[BaseException],
@@ -312,29 +330,14 @@ class Console:
         """How many bytes were dropped so far because nobody read them."""
         return self._console.lost()
 
-    async def _asynchronously(self, operation: Callable[..., Result], *args: Any, **kwargs: Any) -> Result:
-        # The operation runs on a thread of the loop's executor, and ends before this does: cancelling
-        # the task ends it within a tenth of a second.
-        cancel = _zephal.Cancel()
-
-        def call() -> Result:
-            with _zephal.CancelScope(cancel):
-                return operation(*args, **kwargs)
-
-        running = asyncio.get_running_loop().run_in_executor(None, call)
-        try:
-            return await asyncio.shield(running)
-        except asyncio.CancelledError:
-            cancel.set()
-            await asyncio.wait([running])
-            running.exception()
-            raise
-
     async def expect_async(
         self, patterns: Union[AnyPattern, Sequence[AnyPattern]], timeout: Optional[float] = None
     ) -> Hit:
-        """``expect`` for asyncio; cancelling the task ends it."""
-        return await self._asynchronously(self.expect, patterns, timeout)
+        """``expect`` for asyncio.
+
+        Cancelling the task ends it, and what arrived stays unread.
+        """
+        return await asynchronously(self.expect, patterns, timeout)
 
     async def ask_async(
         self,
@@ -343,32 +346,56 @@ class Console:
         *,
         timeout: Optional[float] = None,
     ) -> Any:
-        """``ask`` for asyncio."""
+        """``ask`` for asyncio.
+
+        If the task is cancelled after the command was sent, the next ``ask`` waits for its prompt first,
+        as after a Timeout.
+        """
         ask: Callable[..., Any] = self.ask
-        return await self._asynchronously(ask, command, pick, timeout=timeout)
+        return await asynchronously(ask, command, pick, timeout=timeout)
 
     async def run_async(self, command: Text, *, timeout: Optional[float] = None) -> RunResult:
         """``run`` for asyncio."""
-        return await self._asynchronously(self.run, command, timeout=timeout)
+        return await asynchronously(self.run, command, timeout=timeout)
 
     async def login_async(
         self, user: Text, password: Text, *, timeout: Optional[float] = None
     ) -> None:
         """``login`` for asyncio."""
-        await self._asynchronously(self.login, user, password, timeout=timeout)
+        await asynchronously(self.login, user, password, timeout=timeout)
 
     async def send_async(self, line: Text, *, timeout: Optional[float] = None) -> None:
         """``send`` for asyncio."""
-        await self._asynchronously(self.send, line, timeout=timeout)
+        await asynchronously(self.send, line, timeout=timeout)
+
+    async def send_secret_async(self, line: Text, *, timeout: Optional[float] = None) -> None:
+        """``send_secret`` for asyncio."""
+        await asynchronously(self.send_secret, line, timeout=timeout)
+
+    async def write_async(self, data: Text, *, timeout: Optional[float] = None) -> None:
+        """``write`` for asyncio."""
+        await asynchronously(self.write, data, timeout=timeout)
+
+    async def send_control_async(self, name: str, *, timeout: Optional[float] = None) -> None:
+        """``send_control`` for asyncio."""
+        await asynchronously(self.send_control, name, timeout=timeout)
+
+    async def interrupt_async(self, *, timeout: Optional[float] = None) -> None:
+        """``interrupt`` for asyncio."""
+        await asynchronously(self.interrupt, timeout=timeout)
+
+    async def discard_async(self) -> None:
+        """``discard`` for asyncio."""
+        await asynchronously(self.discard)
 
     async def record_async(self, duration: float) -> list[Line]:
         """``record`` for asyncio."""
-        return await self._asynchronously(self.record, duration)
+        return await asynchronously(self.record, duration)
 
     async def reopen_async(self, *, timeout: Optional[float] = None) -> None:
         """``reopen`` for asyncio."""
-        await self._asynchronously(self.reopen, timeout=timeout)
+        await asynchronously(self.reopen, timeout=timeout)
 
     async def reboot_async(self, command: Text, *, timeout: Optional[float] = None) -> Any:
         """``reboot`` for asyncio."""
-        return await self._asynchronously(self.reboot, command, timeout=timeout)
+        return await asynchronously(self.reboot, command, timeout=timeout)

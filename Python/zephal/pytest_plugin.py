@@ -8,13 +8,16 @@ test's name, and its end is shown if the test fails.
 
 from __future__ import annotations
 
+import contextlib
 import pathlib
 import re
+import time
 from typing import Any, Iterator
 
 import pytest
 
 from zephal.console import Console, regex
+from zephal.errors import Error
 
 _SHOWN = 4000
 
@@ -31,7 +34,20 @@ def pytest_addoption(parser: pytest.Parser) -> None:
 def _log_of(request: pytest.FixtureRequest) -> pathlib.Path:
     folder = pathlib.Path(request.config.getoption("--console-logs"))
     folder.mkdir(parents=True, exist_ok=True)
-    return folder / (re.sub(r"[^\w.-]+", "_", request.node.nodeid) + ".log")
+    # Its end tells tests apart, and a file's name has at most 255 bytes.
+    return folder / (re.sub(r"[^\w.-]+", "_", request.node.nodeid, flags=re.ASCII)[-200:] + ".log")
+
+
+# Logs are written on a thread of their own, soon after. The console stays open, because fixtures may
+# need it after the test.
+def _settled(log: pathlib.Path) -> str:
+    said = ""
+    for _ in range(10):
+        before, said = said, log.read_text(errors="replace") if log.exists() else ""
+        if before == said != "":
+            break
+        time.sleep(0.05)
+    return said
 
 
 @pytest.fixture
@@ -59,8 +75,10 @@ _CONSOLE: pytest.StashKey[Console] = pytest.StashKey()
 def pytest_runtest_makereport(item: pytest.Item, call: pytest.CallInfo[None]) -> Iterator[None]:
     outcome: Any = yield
     report = outcome.get_result()
-    if report.when != "call" or not report.failed or _LOG not in item.stash:
+    if not report.failed or _LOG not in item.stash:
         return
-    item.stash[_CONSOLE].close()  # whatever was said is in the log then
-    said = item.stash[_LOG].read_text(errors="replace").strip()
+    if _CONSOLE in item.stash:
+        with contextlib.suppress(Error):
+            item.stash[_CONSOLE].write(b"", timeout=0)  # now the log has the line that has begun too
+    said = _settled(item.stash[_LOG]).strip()
     report.sections.append((f"Console ({item.stash[_LOG]})", said[-_SHOWN:]))
