@@ -223,8 +223,7 @@ def test_a_refused_login_leaves_it_inactive(tmp_path):
 
 @pytest.mark.parametrize("protocol", ["raw", "rfc2217"])
 def test_survives_a_device_that_goes_away(tmp_path, protocol):
-    with SerialShell(tmp_path) as device:
-        server = Ser2net(tmp_path, device.path, protocol)
+    with SerialShell(tmp_path) as device, Ser2net(tmp_path, device.path, protocol) as server:
         resource = network_port(server.port, protocol)
         driver = zephal_driver(prompt=f"'{PROMPT}'")
         with environment(tmp_path, resource, driver) as target:
