@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "FuzzInput.h"
-#include "FuzzSupport.h"
 #include "Models/EscapeModel.h"
 #include "Models/RegexModel.h"
+#include "Require.h"
 #include "ZephalConsole/Internal/EscapeFilter.h"
 #include "ZephalConsole/Internal/Matcher.h"
 #include "ZephalConsole/Pattern.h"

@@ -6,8 +6,6 @@
 #include <string>
 #include <string_view>
 
-#include "Utility/ZPKMutableData.h"
-
 /// Takes values from a fuzzer's input; beyond its end everything is 0 or empty.
 class FuzzInput {
  public:

@@ -1,25 +1,17 @@
 #pragma once
 
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
 #include "Data Transformers/ZPKDataTransformer.h"
 #include "FuzzInput.h"
+#include "Require.h"
 #include "Support/Bytes.h"
 #include "ZephalLogging.h"
 
 using support::chunkOf;
 using support::dataOf;
 using support::unitOf;
-
-/// Ends the process if `holds` is false, which a fuzzer reports as a finding.
-inline void require(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "Not so: %s\n", what);
-  std::abort();
-}
 
 /// Drops the library's log lines, since nearly every input causes one.
 inline void silenceLog() {
