@@ -10,7 +10,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
+#include <map>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -161,8 +164,15 @@ class BytesConsole {
     const RunResult result = waiting([&] { return _console->run(command, secondsOf(timeout)); });
     return py::make_tuple(bytesOf(result.output), result.status);
   }
-  void login(const std::string& user, const std::string& password, Timeout_ timeout) {
-    waiting([&] { _console->login(user, password, secondsOf(timeout)); });
+  // What is null stays as in a LoginDialogue.
+  void login(const std::string& user, const std::string& password,
+             const std::optional<Pattern>& userPrompt, const std::optional<Pattern>& passwordPrompt,
+             const std::optional<Pattern>& refused, Timeout_ timeout) {
+    LoginDialogue dialogue;
+    dialogue.user = userPrompt.value_or(dialogue.user);
+    dialogue.password = passwordPrompt.value_or(dialogue.password);
+    dialogue.refused = refused.value_or(dialogue.refused);
+    waiting([&] { _console->login(user, password, secondsOf(timeout), dialogue); });
   }
   void send(const std::string& line, Timeout_ timeout) {
     waiting([&] { _console->send(line, secondsOf(timeout)); });
@@ -252,52 +262,81 @@ void translate(std::exception_ptr thrown) {
 
 // ---- the simulator ----
 
+using Milliseconds = std::chrono::milliseconds;  // a float of seconds in Python
+
+DevicePlace placeOf(const std::string& kind, const std::string& path, int port) {
+  if (kind == "pty") return path.empty() ? DeviceKind::kTerminal : DevicePlace::terminalAt(path);
+  if (kind == "tcp") return DevicePlace::tcpAt(port);
+  if (kind == "unix") return path.empty() ? DeviceKind::kUnix : DevicePlace::unixAt(path);
+  throw py::value_error("the kind of a simulator is \"pty\", \"tcp\" or \"unix\"");
+}
+
+// Runs on the device's thread. An answer that cannot be had is reported as Python reports what
+// nobody can catch, and is a prompt.
+DeviceAnswer respondWith(const py::function& respond, const std::string& command) {
+  if (isEnding) return {};
+  const py::gil_scoped_acquire lock;
+  try {
+    return respond(bytesOf(command)).cast<DeviceAnswer>();
+  } catch (py::error_already_set& error) {
+    error.discard_as_unraisable("a simulator's respond");
+  } catch (const py::cast_error& error) {
+    PyErr_SetString(PyExc_TypeError, error.what());
+    PyErr_WriteUnraisable(respond.ptr());
+  }
+  return {};
+}
+
+// The function is released with the interpreter's lock held, whichever thread releases it.
+std::function<DeviceAnswer(const std::string&)> respondOf(
+    const std::optional<py::function>& given) {
+  if (!given.has_value()) return {};
+  const std::shared_ptr<py::function> respond(new py::function(*given), [](py::function* function) {
+    const py::gil_scoped_acquire lock;
+    delete function;
+  });
+  return [respond](const std::string& command) { return respondWith(*respond, command); };
+}
+
+DeviceAnswer makeAnswer(std::string text, const std::string& then, bool isSilent,
+                        std::optional<Milliseconds> delay, std::optional<std::string> prompt,
+                        Milliseconds away) {
+  using Then = DeviceAnswer::Then;
+  static const std::map<std::string, Then> kinds = {{"prompt", Then::kPrompt},
+                                                    {"nothing", Then::kNothing},
+                                                    {"hang_up", Then::kHangUp},
+                                                    {"reboot", Then::kReboot}};
+  const auto found = kinds.find(then);
+  if (found == kinds.end()) {
+    throw py::value_error(
+        "after an answer comes \"prompt\", \"nothing\", \"hang_up\" or \"reboot\"");
+  }
+  DeviceAnswer answer(std::move(text));
+  answer.then = found->second;
+  answer.isSilent = isSilent;
+  answer.delay = delay;
+  answer.prompt = std::move(prompt);
+  answer.away = away;
+  return answer;
+}
+
 class Simulator {
  public:
-  using Responses = std::map<std::string, std::string>;
+  Simulator(const std::string& kind, const std::string& path, int port, DeviceBehaviour behaviour)
+      : _device(
+            std::make_unique<SimulatedDevice>(placeOf(kind, path, port), std::move(behaviour))) {}
+  Simulator(const std::string& kind, const std::string& path, int port,
+            const DeviceRecording& recording)
+      : _device(std::make_unique<SimulatedDevice>(placeOf(kind, path, port), recording)) {}
+  Simulator(const Simulator&) = delete;
+  ~Simulator() { close(); }
 
-  Simulator(const std::string& kind, std::string bootText, std::string prompt,
-            const Responses& responses,
-            const std::optional<std::pair<std::string, std::string>>& login, bool echoes,
-            bool translatesLineEnds, double delay, bool trickles, bool isSilent, bool floods) {
-    DeviceBehaviour behaviour;
-    behaviour.bootText = std::move(bootText);
-    behaviour.prompt = std::move(prompt);
-    for (const auto& [command, answer] : responses) behaviour.responses.emplace(command, answer);
-    if (login.has_value()) {
-      behaviour.login = DeviceLogin{.user = login->first, .password = login->second};
-    }
-    behaviour.echoes = echoes;
-    behaviour.translatesLineEnds = translatesLineEnds;
-    behaviour.delay = std::chrono::milliseconds(static_cast<long>(delay * 1000));
-    behaviour.trickles = trickles;
-    behaviour.isSilent = isSilent;
-    behaviour.floods = floods;
-    _device = std::make_unique<SimulatedDevice>(placeOf(kind), std::move(behaviour));
-  }
-
-  std::string url() const { return device().url(); }
-  void send(const std::string& bytes) const {
+  /// Calls the device without the interpreter's lock, which its thread may need.
+  template <class Function>
+  auto call(Function function) const {
+    if (_device == nullptr) throw py::value_error("the simulator is closed");
     const py::gil_scoped_release release;
-    device().send(bytes);
-  }
-  void hangUp() const {
-    const py::gil_scoped_release release;
-    device().hangUp();
-  }
-  void reboot(double away) const {
-    const py::gil_scoped_release release;
-    device().reboot(std::chrono::milliseconds(static_cast<long>(away * 1000)));
-  }
-  std::vector<py::bytes> commands() const {
-    std::vector<py::bytes> result;
-    for (const std::string& command : device().commands()) result.push_back(bytesOf(command));
-    return result;
-  }
-  bool waitForCommands(size_t count, double timeout) const {
-    const py::gil_scoped_release release;
-    return device().waitForCommands(count,
-                                    std::chrono::milliseconds(static_cast<long>(timeout * 1000)));
+    return function(*_device);
   }
   void close() {
     const py::gil_scoped_release release;
@@ -305,19 +344,22 @@ class Simulator {
   }
 
  private:
-  static DevicePlace placeOf(const std::string& kind) {
-    if (kind == "pty") return DeviceKind::kTerminal;
-    if (kind == "tcp") return DeviceKind::kTCP;
-    if (kind == "unix") return DeviceKind::kUnix;
-    throw py::value_error("the kind of a simulator is \"pty\", \"tcp\" or \"unix\"");
-  }
-  SimulatedDevice& device() const {
-    if (_device == nullptr) throw py::value_error("the simulator is closed");
-    return *_device;
-  }
-
   std::unique_ptr<SimulatedDevice> _device;
 };
+
+// An operation of the device as a function of the simulator.
+template <class... Arguments, class Operation>
+auto onDevice(Operation operation) {
+  return [operation](const Simulator& one, Arguments... arguments) {
+    return one.call([&](SimulatedDevice& device) { return (device.*operation)(arguments...); });
+  };
+}
+
+std::vector<py::bytes> listOf(const std::vector<std::string>& texts) {
+  std::vector<py::bytes> result;
+  for (const std::string& text : texts) result.push_back(bytesOf(text));
+  return result;
+}
 
 ConsoleOptions optionsOf(std::optional<Pattern> prompt, std::string log, std::string rawLog,
                          double timeout, double quiet, std::string lineEnd, bool keepEscapes,
@@ -382,17 +424,79 @@ void addConsole(py::module_& module) {
       .def("lost", &BytesConsole::lost);
 }
 
+void addBehaviour(py::module_& module) {
+  py::class_<DeviceAnswer>(module, "DeviceAnswer").def(py::init(&makeAnswer));
+  py::class_<DeviceLogin>(module, "DeviceLogin")
+      .def(py::init([](std::string user, std::string password, std::string userPrompt,
+                       std::string passwordPrompt, std::string refusal, std::string welcome,
+                       std::string logout) {
+        return DeviceLogin{std::move(user),           std::move(password), std::move(userPrompt),
+                           std::move(passwordPrompt), std::move(refusal),  std::move(welcome),
+                           std::move(logout)};
+      }));
+  py::class_<DeviceBehaviour>(module, "DeviceBehaviour")
+      .def(py::init())
+      .def_readwrite("boot_text", &DeviceBehaviour::bootText)
+      .def_readwrite("login", &DeviceBehaviour::login)
+      .def_readwrite("prompt", &DeviceBehaviour::prompt)
+      .def_readwrite("terminator", &DeviceBehaviour::terminator)
+      .def_readwrite("echoes", &DeviceBehaviour::echoes)
+      .def_readwrite("translates_line_ends", &DeviceBehaviour::translatesLineEnds)
+      .def_readwrite("responses", &DeviceBehaviour::responses)
+      .def("set_respond",
+           [](DeviceBehaviour& behaviour, const py::function& respond) {
+             behaviour.respond = respondOf(respond);
+           })
+      .def_readwrite("delay", &DeviceBehaviour::delay)
+      .def_readwrite("pause", &DeviceBehaviour::pause)
+      .def_readwrite("trickles", &DeviceBehaviour::trickles)
+      .def_readwrite("splits_after", &DeviceBehaviour::splitsAfter)
+      .def_readwrite("splits_prompt_after", &DeviceBehaviour::splitsPromptAfter)
+      .def_readwrite("hangs_up_after", &DeviceBehaviour::hangsUpAfter)
+      .def_readwrite("is_silent", &DeviceBehaviour::isSilent)
+      .def_readwrite("floods", &DeviceBehaviour::floods);
+  py::class_<DeviceRecording>(module, "DeviceRecording")
+      .def(py::init([](const std::string& path, std::string lineEnd, std::string prompt,
+                       bool keepsPauses, std::string identifier) {
+        return DeviceRecording::fromRawLog(
+            path, {std::move(lineEnd), std::move(prompt), keepsPauses, std::move(identifier)});
+      }));
+}
+
 void addSimulator(py::module_& module) {
+  using Device = SimulatedDevice;
+  using Bytes = const std::string&;
+  const auto bytesOfCommands = [](auto operation) {
+    return [operation](const Simulator& one) {
+      return listOf(one.call([&](Device& device) { return (device.*operation)(); }));
+    };
+  };
   py::class_<Simulator>(module, "Simulator")
-      .def(py::init<const std::string&, std::string, std::string, const Simulator::Responses&,
-                    const std::optional<std::pair<std::string, std::string>>&, bool, bool, double,
-                    bool, bool, bool>())
-      .def("url", &Simulator::url)
-      .def("send", &Simulator::send)
-      .def("hang_up", &Simulator::hangUp)
-      .def("reboot", &Simulator::reboot)
-      .def("commands", &Simulator::commands)
-      .def("wait_for_commands", &Simulator::waitForCommands)
+      .def(py::init<Bytes, Bytes, int, DeviceBehaviour>())
+      .def(py::init<Bytes, Bytes, int, const DeviceRecording&>())
+      .def("url", onDevice<>(&Device::url))
+      .def("set_behaviour", onDevice<const DeviceBehaviour&>(&Device::setBehaviour))
+      .def("received",
+           [](const Simulator& one) {
+             return bytesOf(one.call([](Device& device) { return device.received(); }));
+           })
+      .def("commands", bytesOfCommands(&Device::commands))
+      .def("unknown_commands", bytesOfCommands(&Device::unknownCommands))
+      .def("connections", onDevice<>(&Device::connections))
+      .def("forget_received", onDevice<>(&Device::forgetReceived))
+      .def("wait_for_received", onDevice<Bytes, Milliseconds>(&Device::waitForReceived))
+      .def("wait_for_commands", onDevice<size_t, Milliseconds>(&Device::waitForCommands))
+      .def("wait_for_connections", onDevice<size_t, Milliseconds>(&Device::waitForConnections))
+      .def("wait_until_all_is_sent", onDevice<Milliseconds>(&Device::waitUntilAllIsSent))
+      .def("wait_until_on", onDevice<Milliseconds>(&Device::waitUntilOn))
+      .def("send", onDevice<Bytes>(&Device::send))
+      .def("hang_up", onDevice<>(&Device::hangUp))
+      .def("reset_connection", onDevice<>(&Device::resetConnection))
+      .def("stop_listening", onDevice<>(&Device::stopListening))
+      .def("power_off", onDevice<>(&Device::powerOff))
+      .def("power_on", onDevice<>(&Device::powerOn))
+      .def("reboot", onDevice<Milliseconds>(&Device::reboot))
+      .def("is_on", onDevice<>(&Device::isOn))
       .def("close", &Simulator::close);
 }
 
@@ -401,6 +505,7 @@ void addSimulator(py::module_& module) {
 PYBIND11_MODULE(_zephal, module) {
   py::register_exception_translator(translate);
   addConsole(module);
+  addBehaviour(module);
   addSimulator(module);
   py::module_::import("atexit").attr("register")(
       py::cpp_function([process = ::getpid()] { endOperations(process); }));

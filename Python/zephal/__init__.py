@@ -21,11 +21,13 @@ from zephal.errors import (
     Timeout,
     WaitError,
 )
-from zephal.simulator import Simulator
+from zephal.simulator import DeviceAnswer, DeviceLogin, Simulator
 
 __all__ = [
     "Cancelled",
     "Console",
+    "DeviceAnswer",
+    "DeviceLogin",
     "DeviceSwapped",
     "Disconnected",
     "Error",

@@ -27,6 +27,10 @@ def _pattern(pattern: AnyPattern) -> Pattern:
     return pattern if isinstance(pattern, Pattern) else _text_pattern(to_bytes(pattern))
 
 
+def _optional_pattern(pattern: Optional[AnyPattern]) -> Optional[Pattern]:
+    return None if pattern is None else _pattern(pattern)
+
+
 def regex(expression: Text) -> Pattern:
     """A regular expression over the bytes that a device sends: pcre2pattern(3), not Python's own.
 
@@ -149,7 +153,7 @@ class Console:
         self._errors = errors
         self._console = _zephal.BytesConsole(
             url,
-            None if prompt is None else _pattern(prompt),
+            _optional_pattern(prompt),
             os.fspath(log),
             os.fspath(raw_log),
             timeout,
@@ -244,13 +248,33 @@ class Console:
         output, status = self._console.run(to_bytes(command), timeout)
         return RunResult(self._text(output), status)
 
-    def login(self, user: Text, password: Text, *, timeout: Optional[float] = None) -> None:
+    def login(
+        self,
+        user: Text,
+        password: Text,
+        *,
+        user_prompt: Optional[AnyPattern] = None,
+        password_prompt: Optional[AnyPattern] = None,
+        refused: Optional[AnyPattern] = None,
+        timeout: Optional[float] = None,
+    ) -> None:
         """Logs in, whatever the device is waiting for.
 
         Nothing is sent if it shows the prompt, only the password if it asks for that. The password is
         in no log and no exception. Raises LoginRefused.
+
+        - ``user_prompt``: asks for the user; by default "login:" or "username:", in either case.
+        - ``password_prompt``: asks for the password; by default "password:".
+        - ``refused``: says that one of them is wrong; by default what Linux and most others say.
         """
-        self._console.login(to_bytes(user), to_bytes(password), timeout)
+        self._console.login(
+            to_bytes(user),
+            to_bytes(password),
+            _optional_pattern(user_prompt),
+            _optional_pattern(password_prompt),
+            _optional_pattern(refused),
+            timeout,
+        )
 
     def send(self, line: Text, *, timeout: Optional[float] = None) -> None:
         """Sends a line, with the line end after it."""
@@ -359,10 +383,25 @@ class Console:
         return await asynchronously(self.run, command, timeout=timeout)
 
     async def login_async(
-        self, user: Text, password: Text, *, timeout: Optional[float] = None
+        self,
+        user: Text,
+        password: Text,
+        *,
+        user_prompt: Optional[AnyPattern] = None,
+        password_prompt: Optional[AnyPattern] = None,
+        refused: Optional[AnyPattern] = None,
+        timeout: Optional[float] = None,
     ) -> None:
         """``login`` for asyncio."""
-        await asynchronously(self.login, user, password, timeout=timeout)
+        await asynchronously(
+            self.login,
+            user,
+            password,
+            user_prompt=user_prompt,
+            password_prompt=password_prompt,
+            refused=refused,
+            timeout=timeout,
+        )
 
     async def send_async(self, line: Text, *, timeout: Optional[float] = None) -> None:
         """``send`` for asyncio."""
