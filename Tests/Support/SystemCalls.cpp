@@ -66,11 +66,12 @@ void* __real_malloc(size_t);
 void* __real_calloc(size_t, size_t);
 void* __real_realloc(void*, size_t);
 void* __real__Znwm(size_t);
+void __real_free(void*);
 }
 
 namespace {
 
-enum class Deed { kAnswer, kShorten, kAct };
+enum class Deed { kAnswer, kAnswerAfter, kShorten, kAct };
 
 struct Plan {
   std::string call;
@@ -102,22 +103,14 @@ std::atomic<bool> isWatching{false};
 std::atomic<size_t> allocationCount{0};
 constexpr int64_t kNoFailure = -1;
 std::atomic<int64_t> allocationsUntilFailure{kNoFailure};
+std::atomic<int64_t> liveBlockCount{0};
+std::atomic<size_t> threadCount{0};
+std::atomic<int64_t> threadsUntilFailure{kNoFailure};
+std::atomic<int> threadFailure{0};
 
 thread_local bool isExempt = false;
 thread_local bool isOwner = false;
 std::atomic<bool> coversAllThreads{false};
-
-/// Calls made during its lifetime are not watched.
-class Unwatched {
- public:
-  Unwatched() : _before(isExempt) { isExempt = true; }
-  Unwatched(const Unwatched&) = delete;
-  Unwatched& operator=(const Unwatched&) = delete;
-  ~Unwatched() { isExempt = _before; }
-
- private:
-  const bool _before;
-};
 
 bool isWatched() {
   return isWatching.load(std::memory_order_acquire) && !isExempt &&
@@ -151,6 +144,8 @@ struct Entry {
 Entry enter(const SystemCall& call) {
   Watch& state = watch();
   const std::lock_guard guard(state.mutex);
+  // The watch may have ended in the meantime.
+  if (!isWatching.load(std::memory_order_relaxed)) return {state.generation - 1, 0, std::nullopt};
   state.calls.push_back(call);
   return {state.generation, state.calls.size() - 1, nextPlan(state.plans, call)};
 }
@@ -172,7 +167,7 @@ auto intercept(Describe describe, int64_t size, Real real) -> decltype(real(size
   const int errnoBefore = errno;
   Entry entry;
   {
-    const Unwatched unwatched;
+    const CallsWatched unwatched(false);
     entry = enter(describe());
     if (entry.plan.has_value() && entry.plan->deed == Deed::kAct) entry.plan->action();
   }
@@ -186,9 +181,13 @@ auto intercept(Describe describe, int64_t size, Real real) -> decltype(real(size
   } else {
     result = real(size);
   }
+  if (entry.plan.has_value() && entry.plan->deed == Deed::kAnswerAfter) {
+    result = static_cast<Result>(entry.plan->value);
+    errno = entry.plan->error;
+  }
   const int errnoAfter = errno;
   {
-    const Unwatched unwatched;
+    const CallsWatched unwatched(false);
     leave(entry, static_cast<int64_t>(result), result == -1 ? errnoAfter : 0);
     entry.plan.reset();
   }
@@ -291,12 +290,19 @@ std::string addressText(const sockaddr* address, socklen_t length) {
   return family + " " + host + ":" + std::to_string(ntohs(internet->sin_port));
 }
 
-// Counts an allocation; true if it must fail.
-bool countAllocation() {
+// Counts a call; true if it must fail.
+bool countCall(std::atomic<size_t>& count, std::atomic<int64_t>& untilFailure) {
   if (!isWatched()) return false;
-  allocationCount.fetch_add(1, std::memory_order_relaxed);
-  if (allocationsUntilFailure.load(std::memory_order_relaxed) == kNoFailure) return false;
-  return allocationsUntilFailure.fetch_sub(1, std::memory_order_relaxed) == 0;
+  count.fetch_add(1, std::memory_order_relaxed);
+  if (untilFailure.load(std::memory_order_relaxed) == kNoFailure) return false;
+  return untilFailure.fetch_sub(1, std::memory_order_relaxed) == 0;
+}
+
+bool countAllocation() { return countCall(allocationCount, allocationsUntilFailure); }
+
+void* countBlock(void* block) {
+  if (block != nullptr) liveBlockCount.fetch_add(1, std::memory_order_relaxed);
+  return block;
 }
 
 std::atomic<bool> holdsCloses{false};
@@ -308,7 +314,7 @@ void waitWhileClosesAreHeld() {
 }
 
 void addPlan(Plan plan) {
-  const Unwatched unwatched;
+  const CallsWatched unwatched(false);
   Watch& state = watch();
   const std::lock_guard guard(state.mutex);
   state.plans.push_back(std::move(plan));
@@ -330,6 +336,8 @@ SystemCalls::SystemCalls(Threads threads) {
   ++state.generation;
   allocationCount = 0;
   allocationsUntilFailure = kNoFailure;
+  threadCount = 0;
+  threadsUntilFailure = kNoFailure;
   isOwner = true;
   coversAllThreads = threads == Threads::kAll;
   isWatching.store(true, std::memory_order_release);
@@ -346,21 +354,21 @@ SystemCalls::~SystemCalls() {
 }
 
 std::vector<SystemCall> SystemCalls::all() const {
-  const Unwatched unwatched;
+  const CallsWatched unwatched(false);
   Watch& state = watch();
   const std::lock_guard guard(state.mutex);
   return state.calls;
 }
 
 std::vector<std::string> SystemCalls::texts() const {
-  const Unwatched unwatched;
+  const CallsWatched unwatched(false);
   std::vector<std::string> texts;
   for (const SystemCall& call : all()) texts.push_back(call.text);
   return texts;
 }
 
 std::vector<std::string> SystemCalls::texts(std::initializer_list<std::string_view> names) const {
-  const Unwatched unwatched;
+  const CallsWatched unwatched(false);
   std::vector<std::string> texts;
   for (const SystemCall& call : all()) {
     if (std::find(names.begin(), names.end(), call.name) != names.end()) texts.push_back(call.text);
@@ -369,7 +377,7 @@ std::vector<std::string> SystemCalls::texts(std::initializer_list<std::string_vi
 }
 
 size_t SystemCalls::count(std::string_view wanted) const {
-  const Unwatched unwatched;
+  const CallsWatched unwatched(false);
   const std::vector<SystemCall> calls = all();
   return static_cast<size_t>(std::count_if(
       calls.begin(), calls.end(), [&](const SystemCall& call) { return fits(call, wanted); }));
@@ -378,7 +386,7 @@ size_t SystemCalls::count(std::string_view wanted) const {
 size_t SystemCalls::allocations() const { return allocationCount; }
 
 void SystemCalls::clear() {
-  const Unwatched unwatched;
+  const CallsWatched unwatched(false);
   Watch& state = watch();
   const std::lock_guard guard(state.mutex);
   state.calls.clear();
@@ -390,9 +398,20 @@ void SystemCalls::fail(std::string_view call, int error, size_t skip, size_t tim
   answer(call, -1, error, skip, times);
 }
 
+void SystemCalls::failAfter(std::string_view call, int error, size_t skip, size_t times) {
+  const CallsWatched unwatched(false);
+  addPlan({.call = std::string(call),
+           .skip = skip,
+           .times = times,
+           .deed = Deed::kAnswerAfter,
+           .value = -1,
+           .error = error,
+           .action = {}});
+}
+
 void SystemCalls::answer(std::string_view call, int64_t result, int error, size_t skip,
                          size_t times) {
-  const Unwatched unwatched;
+  const CallsWatched unwatched(false);
   addPlan({.call = std::string(call),
            .skip = skip,
            .times = times,
@@ -403,7 +422,7 @@ void SystemCalls::answer(std::string_view call, int64_t result, int error, size_
 }
 
 void SystemCalls::shorten(std::string_view call, int64_t size, size_t skip, size_t times) {
-  const Unwatched unwatched;
+  const CallsWatched unwatched(false);
   addPlan({.call = std::string(call),
            .skip = skip,
            .times = times,
@@ -415,7 +434,7 @@ void SystemCalls::shorten(std::string_view call, int64_t size, size_t skip, size
 
 void SystemCalls::before(std::string_view call, std::function<void()> action, size_t skip,
                          size_t times) {
-  const Unwatched unwatched;
+  const CallsWatched unwatched(false);
   addPlan({.call = std::string(call),
            .skip = skip,
            .times = times,
@@ -429,7 +448,22 @@ void SystemCalls::failAllocation(size_t skip) {
   allocationsUntilFailure = static_cast<int64_t>(skip);
 }
 
+void SystemCalls::failThread(int error, size_t skip) {
+  threadFailure = error;
+  threadsUntilFailure = static_cast<int64_t>(skip);
+}
+
+size_t SystemCalls::threads() const { return threadCount; }
+
 void SystemCalls::exemptThisThread() { isExempt = true; }
+
+CallsWatched::CallsWatched(bool areWatched) : _wereExempt(isExempt) { isExempt = !areWatched; }
+
+CallsWatched::~CallsWatched() { isExempt = _wereExempt; }
+
+int64_t liveBlocks() { return hasOwnNew ? liveBlockCount.load() : 0; }
+
+int countThread() { return countCall(threadCount, threadsUntilFailure) ? threadFailure.load() : 0; }
 
 HeldCloses::HeldCloses() {
   holdsOwnCloses = false;
@@ -615,21 +649,29 @@ void __wrap_tzset() {
 }
 
 void* __wrap_malloc(size_t size) {
-  if (!countAllocation()) return __real_malloc(size);
+  if (!countAllocation()) return countBlock(__real_malloc(size));
   errno = ENOMEM;
   return nullptr;
 }
 
 void* __wrap_calloc(size_t count, size_t size) {
-  if (!countAllocation()) return __real_calloc(count, size);
+  if (!countAllocation()) return countBlock(__real_calloc(count, size));
   errno = ENOMEM;
   return nullptr;
 }
 
 void* __wrap_realloc(void* block, size_t size) {
-  if (!countAllocation()) return __real_realloc(block, size);
+  if (!countAllocation()) {
+    void* const moved = __real_realloc(block, size);
+    return block == nullptr ? countBlock(moved) : moved;
+  }
   errno = ENOMEM;
   return nullptr;
+}
+
+void __wrap_free(void* block) {
+  if (block != nullptr) liveBlockCount.fetch_sub(1, std::memory_order_relaxed);
+  __real_free(block);
 }
 
 // operator new. Where the operator below replaces it, allocations are counted there.

@@ -62,6 +62,8 @@ class SystemCalls {
 
   /// Makes calls fail with an errno, without asking the system.
   void fail(std::string_view call, int error, size_t skip = 0, size_t times = 1);
+  /// The same, after the call was made: as close(2) frees the descriptor even if it fails.
+  void failAfter(std::string_view call, int error, size_t skip = 0, size_t times = 1);
   /// Makes calls return `result` with errno `error`, without asking the system.
   void answer(std::string_view call, int64_t result, int error = 0, size_t skip = 0,
               size_t times = 1);
@@ -72,10 +74,34 @@ class SystemCalls {
               size_t times = 1);
   /// Makes the next malloc, after `skip` others, return null.
   void failAllocation(size_t skip = 0);
+  /// Makes the next pthread_create, after `skip` others, return `error`. These are counted, but are
+  /// not among the calls.
+  void failThread(int error, size_t skip = 0);
+  /// How many threads were asked for.
+  size_t threads() const;
 
   /// Exempts the calling thread for good: for simulated devices.
   static void exemptThisThread();
 };
+
+/// While it lives, the calling thread's calls are watched, or are not.
+class CallsWatched {
+ public:
+  explicit CallsWatched(bool areWatched);
+  CallsWatched(const CallsWatched&) = delete;
+  CallsWatched& operator=(const CallsWatched&) = delete;
+  ~CallsWatched();
+
+ private:
+  const bool _wereExempt;
+};
+
+/// The blocks of memory that the tests and the code under test have allocated and not freed, with
+/// or without a watch. In a sanitizer build it is always 0; there LeakSanitizer looks at the end.
+int64_t liveBlocks();
+
+/// Counts a pthread_create: the number of the error with which it must fail, or 0.
+int countThread();
 
 /// While it lives, every close(2) of other threads of the code under test waits. Unlike a watch it
 /// does not order what these threads did before, so that a race detector still sees their races.

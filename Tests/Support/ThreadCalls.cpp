@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "Support/SystemCalls.h"
 #include "Support/TestClock.h"
 
 namespace support {
@@ -49,6 +50,7 @@ extern "C" {
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                           void* (*start)(void*), void* argument) {
   if (refusesThreads) return EAGAIN;
+  if (const int error = countThread(); error != 0) return error;
   return __real_pthread_create(thread, attributes, start, argument);
 }
 

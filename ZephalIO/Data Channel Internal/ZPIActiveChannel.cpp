@@ -54,10 +54,7 @@ bool ZPIActiveChannel::openWithTimeout(double timeout, ZPKErrorPtr* error) {
       report(error, 1, {"-[ZPIActiveChannel openWithTimeout:error:]"}, "Device Already Opened");
       return false;
     }
-    if (_commChannel->openWithTimeout(timeout, error)) {
-      detach_read_loop__unsafe(&_thread);
-      if (!isThread(_thread)) closeUnread_unsafe(error);
-    }
+    if (_commChannel->openWithTimeout(timeout, error)) startReading_unsafe(error);
   }
   return _commChannel->isOpened();
 }
@@ -134,23 +131,33 @@ void ZPIActiveChannel::detach_read_loop__unsafe(pthread_t* thread) {
   // The thread of the last opening has failed or is about to. It must not be joined, and must not
   // continue to read what is now open again.
   if (const HandoverPtr last = _chan.load()) last->_queue.Close();
-  if (isThread(*thread)) pthread_detach(*thread);
+  if (isThread(*thread)) pthread_detach(std::exchange(*thread, pthread_t()));
   const auto handover = std::make_shared<Handover>();
-  _chan.store(handover);
   newThreadWithBlock(thread, [self = shared_from_this(), handover] { self->readBelow(*handover); });
+  _chan.store(handover);  // not before: without memory there is no thread, and this is not open
   if (!isThread(*thread)) failWithoutThread(*handover);
 }
 
 // Marks this opening as failed, since no thread will read below.
 void ZPIActiveChannel::failWithoutThread(Handover& handover) {
+  handover._queue.Close();
   ZPKErrorPtr error;
   report(&error, 5, {"detach_read_loop__unsafe"}, "Failed to start thread");
-  handover._queue.Close();
   handover._readError.store(std::move(error));
 }
 
-// Closes the channel below again after the thread could not be started. Otherwise a later open,
-// when there are threads again, would fail.
+// Starts to read what was just opened. Without a thread, or without memory for one, it is closed
+// again: otherwise it could neither be used nor closed from here, and a later open would fail.
+void ZPIActiveChannel::startReading_unsafe(ZPKErrorPtr* error) {
+  try {
+    detach_read_loop__unsafe(&_thread);
+  } catch (const std::bad_alloc&) {
+    _commChannel->close(nullptr);
+    throw;
+  }
+  if (!isThread(_thread)) closeUnread_unsafe(error);
+}
+
 void ZPIActiveChannel::closeUnread_unsafe(ZPKErrorPtr* error) {
   _commChannel->close(nullptr);
   if (error != nullptr) *error = _chan.load()->_readError.load();

@@ -40,7 +40,8 @@
 ///
 /// The state also becomes Failed if memory runs out on the thread, which then closes below and
 /// keeps ENOMEM as its error, and if the system cannot start the thread: an open then closes below
-/// again, whereas a channel that was open before stays open.
+/// again, whereas a channel that was open before stays open. If memory runs out during an open, it
+/// closes below too, and throws std::bad_alloc.
 ///
 /// Locks: `_stateLock`, then the queue's mutex, never the other way round. The thread only takes
 /// the second; that is why close may join it while it holds the first, and why the join takes at
@@ -94,6 +95,7 @@ class ZPIActiveChannel final : public ZPKDataChannel,
   using HandoverPtr = std::shared_ptr<Handover>;
 
   bool isOpen_unsafe() const;
+  void startReading_unsafe(ZPKErrorPtr* error);
   void detach_read_loop__unsafe(pthread_t* thread);
   void endThread_unsafe();
   static void failWithoutThread(Handover& handover);

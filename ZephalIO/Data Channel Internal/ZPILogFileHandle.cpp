@@ -77,9 +77,14 @@ void writeAll(int descriptor, std::string_view text, size_t start, std::span<con
 }  // namespace
 
 ZPILogFileHandlePtr ZPILogFileHandle::fileHandleForWritingAtPath(const std::string& path) {
-  const int descriptor = openFile(path, 0);
-  if (descriptor == -1) return nullptr;
-  return std::make_shared<ZPILogFileHandle>(Key(), path, descriptor);
+  // The object first, so that no descriptor is left if there is no memory for it.
+  auto handle = std::make_shared<ZPILogFileHandle>(Key(), path, -1);
+  handle->_descriptor = openFile(path, 0);
+  if (handle->_descriptor != -1) return handle;
+  const int number = errno;
+  handle.reset();
+  errno = number;
+  return nullptr;
 }
 
 bool ZPILogFileHandle::createFileAtPath(const std::string& path) {

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <new>
 
 #include "Utility/ZPIProcessID.h"
 
@@ -126,9 +127,14 @@ bool ZPILogWriter::addPendingChunk(const ZPILogPrefix& prefix, std::string_view 
 }
 
 void ZPILogWriter::queueWriting() {
-  _queue.queue([this, owner = _owner] {
-    if (const auto strong = owner.lock()) writeQueuedChunks();
-  });
+  try {
+    _queue.queue([this, owner = _owner] {
+      if (const auto strong = owner.lock()) writeQueuedChunks();
+    });
+  } catch (const std::bad_alloc&) {
+    const std::lock_guard guard(_mutex);
+    _isTaskQueued = false;  // the next chunk tries again, and this one waits for it
+  }
 }
 
 // Runs on the queue.

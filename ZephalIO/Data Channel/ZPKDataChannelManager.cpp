@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdio>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -171,7 +172,8 @@ void ZPKDataChannelManager::receive_loop() {
   }
 }
 
-// Reads one time and passes the object on; false if this ends the loop.
+// Reads one time and passes the object on; false if this ends the loop. If memory runs out, the
+// loop ends as if nothing had arrived: on a thread of its own, an exception would end the process.
 bool ZPKDataChannelManager::receiveOne() {
   const ZPKDataPtr data = read();
   if (!shouldDeserialize(data)) return true;
@@ -186,8 +188,12 @@ bool ZPKDataChannelManager::receiveOne() {
 ZPKDataPtr ZPKDataChannelManager::read() const {
   const ZPKDataChannelPtr channel = dataChannel();
   if (channel == nullptr) return nullptr;
-  ZPKErrorPtr error;
-  return channel->readWithTimeout(kReadTimeout, &error);
+  try {
+    ZPKErrorPtr error;
+    return channel->readWithTimeout(kReadTimeout, &error);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
 }
 
 bool ZPKDataChannelManager::shouldDeserialize(const ZPKDataPtr& data) {
@@ -198,7 +204,11 @@ bool ZPKDataChannelManager::shouldDeserialize(const ZPKDataPtr& data) {
 
 ZPKObjectPtr ZPKDataChannelManager::deserialize(const ZPKDataPtr& data) const {
   const ZPKDataSerializerPtr serializer = deserializer();
-  return serializer == nullptr ? nullptr : serializer->deserialize(data);
+  try {
+    return serializer == nullptr ? nullptr : serializer->deserialize(data);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
 }
 
 ZPKDataChannelManagerDelegatePtr ZPKDataChannelManager::delegateFor(Operation operation) const {

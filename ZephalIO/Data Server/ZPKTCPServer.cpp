@@ -5,6 +5,8 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <new>
+#include <string>
 #include <utility>
 
 #include "Utility/ZPITCPSocketFunctions.h"
@@ -18,11 +20,33 @@ bool reportFailedStart(ZPKErrorPtr* error, const ZPIFailureSite& site) {
   return false;
 }
 
+// Also without memory: an exception would end the process on this thread.
+void printFailedAccept(int number) {
+  std::string text;
+  try {
+    text = ZPIErrorText(number);
+  } catch (const std::bad_alloc&) {
+    text = "?";
+  }
+  std::printf("Error : Failed to accept socket - '%s' (%d)\n", text.c_str(), number);
+}
+
+// Null if there is no memory for the channel; the connection is then closed.
+ZPKDataChannelPtr channelFor(int32_t connection) {
+  try {
+    return createActiveTCPChannelWithSocket(connection);
+  } catch (const std::bad_alloc&) {
+    ::close(connection);
+    printFailedAccept(ENOMEM);
+    return nullptr;
+  }
+}
+
 // Null stays null, so that the loop knows that there is nobody to hand its connections to.
 ZPKTCPServer::ResponseBlock makeChannelsFor(ZPKTCPServer::ConnectionBlock onConnection) {
   if (!onConnection) return nullptr;
   return [onConnection = std::move(onConnection)](int32_t connection) {
-    onConnection(createActiveTCPChannelWithSocket(connection));
+    if (const ZPKDataChannelPtr channel = channelFor(connection)) onConnection(channel);
   };
 }
 
@@ -40,8 +64,14 @@ bool ZPKTCPServer::startOnPort(const std::optional<ZPKNumber>& port, ConnectionB
   const uint64_t number = port.has_value() ? port->unsignedIntegerValue() : 0;
   setHandle(ZPIPassiveTCP(static_cast<int>(number), true, ZPISocketOwner::kLibrary));
   if (!checkHandleValidWithError(error)) return false;
-  setResponseBlock(makeChannelsFor(std::move(onConnection)));
-  waitForConnection();
+  try {
+    setResponseBlock(makeChannelsFor(std::move(onConnection)));
+    waitForConnection();
+  } catch (const std::bad_alloc&) {
+    ::close(handle());  // the caller gets no server that could close it
+    setHandle(-1);
+    throw;
+  }
   return true;
 }
 
@@ -128,9 +158,7 @@ void ZPKTCPServer::acceptOn(int32_t listener) {
   while (!shouldCancel()) {
     const int connection = ZPIAccept(listener);
     if (connection == -1) {
-      const int number = errno;
-      std::printf("Error : Failed to accept socket - '%s' (%d)\n", ZPIErrorText(number).c_str(),
-                  number);
+      printFailedAccept(errno);
       continue;
     }
     handOver(connection);

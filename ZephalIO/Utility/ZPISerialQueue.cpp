@@ -4,7 +4,7 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <list>
+#include <memory>
 #include <mutex>
 #include <utility>
 
@@ -52,7 +52,7 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
       runAndWait(task);
       return;
     }
-    _waiting.push_back(std::move(task));
+    append(std::make_unique<Waiting>(std::move(task)).release());
     if (!_isBusy) wakeNext(lock);
   }
 
@@ -62,16 +62,25 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
   }
 
  private:
-  // The turn of a caller that runs its own task. While the caller waits, an empty task keeps its
-  // place in the queue.
+  // What waits for its turn: a task for the thread, or a caller, whose task is empty.
+  struct Waiting {
+    Waiting() = default;
+    explicit Waiting(Task itsTask) : task(std::move(itsTask)) {}
+
+    Task task;
+    Waiting* next = nullptr;
+  };
+
+  // The turn of a caller that runs its own task. It allocates nothing, so that a file can be closed
+  // without memory.
   class CallersTurn {
    public:
     explicit CallersTurn(State& state) : _state(state) {
       std::unique_lock lock(_state._mutex);
-      const auto place = _state._waiting.emplace(_state._waiting.end());
-      _state._callersTurn.wait(lock,
-                               [&] { return !_state._isBusy && _state._waiting.begin() == place; });
-      _state._waiting.erase(place);
+      Waiting place;
+      _state.append(&place);
+      _state._callersTurn.wait(lock, [&] { return !_state._isBusy && _state._first == &place; });
+      _state.takeFirst();
       _state._isBusy = true;
     }
     CallersTurn(const CallersTurn&) = delete;
@@ -86,9 +95,21 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
     State& _state;
   };
 
+  void append(Waiting* waiting) {
+    *_end = waiting;
+    _end = &waiting->next;
+  }
+
+  Waiting* takeFirst() {
+    Waiting* const first = _first;
+    _first = first->next;
+    if (_first == nullptr) _end = &_first;
+    return first;
+  }
+
   // Wakes the thread whose turn is next, after releasing the lock, which that thread needs.
   void wakeNext(std::unique_lock<std::mutex>& lock) {
-    const bool isForThread = _waiting.empty() ? _isEnding : _waiting.front() != nullptr;
+    const bool isForThread = _first == nullptr ? _isEnding : _first->task != nullptr;
     lock.unlock();
     if (isForThread) {
       _threadsTurn.notify_one();
@@ -110,27 +131,26 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
     ZPINameThisThread(_label);
     std::unique_lock lock(_mutex);
     while (waitForTask(lock)) {
-      Task task = std::move(_waiting.front());
-      _waiting.pop_front();
+      std::unique_ptr<Waiting> waiting(takeFirst());
       _isBusy = true;
       lock.unlock();
-      task();
-      task = nullptr;  // destroying the task's captures may destroy the queue here
+      waiting->task();
+      waiting.reset();  // destroying the task's captures may destroy the queue here
       lock.lock();
       _isBusy = false;
-      if (!_waiting.empty() && _waiting.front() == nullptr) _callersTurn.notify_all();
+      if (_first != nullptr && _first->task == nullptr) _callersTurn.notify_all();
     }
     _hasThread = false;
   }
 
-  bool hasTask() const { return !_isBusy && !_waiting.empty() && _waiting.front() != nullptr; }
+  bool hasTask() const { return !_isBusy && _first != nullptr && _first->task != nullptr; }
 
   // Waits for a task to run. Returns false if the thread must end instead.
   bool waitForTask(std::unique_lock<std::mutex>& lock) {
     if (!hasTask() && _lastPause < kShortPause) letOthersRun(lock);
     if (hasTask()) return true;
     const auto start = std::chrono::steady_clock::now();
-    _threadsTurn.wait(lock, [this] { return hasTask() || (_isEnding && _waiting.empty()); });
+    _threadsTurn.wait(lock, [this] { return hasTask() || (_isEnding && _first == nullptr); });
     _lastPause = std::chrono::steady_clock::now() - start;
     return hasTask();
   }
@@ -147,7 +167,8 @@ class ZPISerialQueue::State : public std::enable_shared_from_this<State> {
   std::mutex _mutex;  // guards the fields below; never held while a task runs
   std::condition_variable _threadsTurn;
   std::condition_variable _callersTurn;
-  std::list<Task> _waiting;
+  Waiting* _first = nullptr;  // in the order of their turns
+  Waiting** _end = &_first;
   bool _isBusy = false;  // a task is running, on any thread
   bool _hasThread = false;
   bool _isEnding = false;  // the thread must end once nothing is queued, or there is none

@@ -1,0 +1,115 @@
+// Every system call, allocation and thread start of the scenarios fails once, in every way.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <thread>
+
+#include "Faults/FaultTable.h"
+#include "Faults/Scenarios.h"
+#include "Support/EventWait.h"
+#include "Support/TestClock.h"
+#include "ZephalLogging.h"
+
+using namespace support;
+
+namespace {
+
+// The time of the code under test runs thirty times as fast as the real time.
+class FastTime {
+ public:
+  FastTime() : _thread([this] { run(); }) {}
+  FastTime(const FastTime&) = delete;
+  FastTime& operator=(const FastTime&) = delete;
+  ~FastTime() {
+    _isOver = true;
+    _thread.join();
+  }
+
+ private:
+  void run() {
+    const CallsWatched unwatched(false);
+    const RealTime realTime;
+    while (!_isOver) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      _clock.advance(std::chrono::milliseconds(30));
+    }
+  }
+
+  TestClock _clock;
+  std::atomic<bool> _isOver{false};
+  std::thread _thread;
+};
+
+class FaultsTest : public testing::TestWithParam<Scenario> {
+ protected:
+  FaultsTest() {
+    ZPKLoggingSetSink([](int, std::string_view) {});
+  }
+  ~FaultsTest() override { ZPKLoggingSetSink(nullptr); }
+
+  static void TearDownTestSuite() { std::printf("Faults: %zu cases\n", caseCount); }
+
+  /// One trial. Returns whether the fault happened.
+  bool tryFault(const Fault& fault) {
+    std::vector<std::string> problems;
+    const bool happened = runTrial(fault, GetParam().run, &problems);
+    // Once more, since a scenario may also fill something that stays for the whole program.
+    if (!problems.empty()) runTrial(fault, GetParam().run, &problems);
+    for (const std::string& problem : problems) ADD_FAILURE() << fault.text() << ": " << problem;
+    if (happened) ++caseCount;
+    return happened;
+  }
+
+  /// Trials with the first call failing, then with the second, until there are no more.
+  void tryEach(Fault fault, const std::vector<int>& errors) {
+    for (bool happens = true; happens && !HasFailure(); ++fault.skip) {
+      for (size_t i = 0; i < errors.size() && happens; ++i) {
+        fault.error = errors[i];
+        fault.isMade = isMade(fault);
+        happens = tryFault(fault);
+      }
+    }
+  }
+
+  FastTime time;
+
+ private:
+  // Close frees the descriptor even if it fails, and a server must not be left in accept. A TCP
+  // connect that a signal interrupts goes on; that of a unix socket has not begun.
+  static bool isMade(const Fault& fault) {
+    if (fault.call == "close" || fault.call == "shutdown") return true;
+    const bool isTCP = GetParam().name.find("TCP") != std::string::npos;
+    return fault.call == "connect" && fault.error == EINTR && isTCP;
+  }
+
+  static inline size_t caseCount = 0;
+};
+
+INSTANTIATE_TEST_SUITE_P(Scenarios, FaultsTest, testing::ValuesIn(faultScenarios()),
+                         [](const auto& tested) { return tested.param.name; });
+
+TEST_P(FaultsTest, FailedCallsAreReportedAndLeaveNothingBehind) {
+  for (const FaultRow& row : faultTable()) {
+    tryEach({Fault::Kind::kCall, row.call, 0, 0}, row.errors);
+  }
+}
+
+TEST_P(FaultsTest, ShortTransfersAreNotNoticed) {
+  for (const char* call : {"read", "write", "send"}) {
+    tryEach({Fault::Kind::kShort, call, 0, 0}, {0});
+    tryFault({Fault::Kind::kAllShort, call, 0, 0});
+  }
+}
+
+TEST_P(FaultsTest, LackOfMemoryLeavesNothingBehind) {
+  tryEach({Fault::Kind::kAllocation, "", ENOMEM, 0}, {ENOMEM});
+}
+
+TEST_P(FaultsTest, ThreadsThatCannotStartAreReported) {
+  tryEach({Fault::Kind::kThread, "", EAGAIN, 0}, {EAGAIN, EINVAL, EPERM});
+}
+
+}  // namespace

@@ -1,0 +1,135 @@
+#include "Faults/Station.h"
+
+#include "Support/EventWait.h"
+#include "Support/Files.h"
+
+namespace support {
+
+namespace {
+
+// By a clock that runs thirty times as fast; only a failing trial waits so long.
+constexpr int kLimit = 900;
+
+}  // namespace
+
+Station::Station(Trial& itsTrial, Line line)
+    : trial(itsTrial),
+      device(line.kind, {.responses = {{"version", "1.0\n"},
+                                       {"probe", "here\n"},
+                                       {"silence", zephal::DeviceAnswer::silence()},
+                                       {"bye", zephal::DeviceAnswer::hangUp()}}}),
+      _line(line) {
+  trial.hasReader = line.hasReader;
+}
+
+bool Station::create() {
+  return trial.step("create", [&](ZPKErrorPtr* error) { return make(error); });
+}
+
+bool Station::make(ZPKErrorPtr* error) {
+  if (stack == nullptr) {
+    auto made = ZPKCommStack::init();
+    made->setDelimiter("=> ");
+    if (_line.hasReader && !made->setActiveChannelOnOff(true, error)) return false;
+    if (_line.hasLogs &&
+        !made->setLogFilePath(_folder.pathOf("post"), _folder.pathOf("pre"), error)) {
+      return false;
+    }
+    stack = made;
+  }
+  return stack->createStackWithURL(device.url(), error);
+}
+
+// A terminal goes away when it hangs up, and stays exclusive while the device holds it open.
+void Station::prepareLine() {
+  if (!device.isOn()) device.powerOn();
+  device.liftExclusiveHold();
+}
+
+bool Station::open() {
+  prepareLine();
+  return trial.step(
+      "open", [&](ZPKErrorPtr* error) { return stack->openWithTimeout(std::nullopt, error); });
+}
+
+bool Station::ask() {
+  return trial.step("ask", [&](ZPKErrorPtr* error) {
+    return stack->sendCommandString("version", kLimit, error) == "1.0\n=> ";
+  });
+}
+
+bool Station::askInVain() {
+  return trial.failingStep("wait", 305, "Timed out waiting for response", [&](ZPKErrorPtr* error) {
+    return stack->sendCommandString("silence", 0.1, error).has_value();
+  });
+}
+
+bool Station::loseDevice() {
+  trial.hidesFailures = true;
+  return trial.failingStep("meet the end", 5, "Read failed with error ", [&](ZPKErrorPtr* error) {
+    return stack->sendCommandString("bye", kLimit, error).has_value();
+  });
+}
+
+bool Station::reset() {
+  return trial.step("reset",
+                    [&](ZPKErrorPtr* error) { return stack->commChannel()->reset(error); });
+}
+
+bool Station::close() {
+  return trial.step("close", [&](ZPKErrorPtr* error) { return stack->close(error); });
+}
+
+void Station::mustStillWork() {
+  if (stack != nullptr && stack->commChannel() != nullptr) {
+    if (stack->isOpen() != 0 && !trial.hidesFailures) mustTalk();
+    mustClose();
+    mustOpen();
+    mustClose();
+  }
+  ZPKErrorPtr error;
+  trial.expect(make(&error), "cannot be created again", error);
+  mustOpen();
+  mustTalk();
+  mustClose();
+  trial.expect(stack->isOpen() == 0, "still open");
+}
+
+void Station::mustClose() {
+  ZPKErrorPtr error;
+  const bool wasOpen = stack->isOpen() != 0;
+  const bool isClosed = stack->close(&error);
+  // A background reader can fail between the two.
+  const bool hasFailed = error != nullptr && error->code() == 2;
+  trial.expect(isClosed || (hasFailed && (!wasOpen || _line.hasReader)), "cannot be closed", error);
+  trial.expect(stack->isOpen() == 0, "open after a close");
+}
+
+void Station::mustOpen() {
+  prepareLine();
+  ZPKErrorPtr error;
+  trial.expect(stack->openWithTimeout(std::nullopt, &error), "cannot be opened again", error);
+}
+
+// A terminal may still hold an answer, and the beginning of a command that a failed write has cut
+// off. A background reader may have failed just now.
+void Station::mustTalk() {
+  ZPKErrorPtr error;
+  stack->writeString("", &error);
+  stack->writeString("probe", &error);
+  const auto text = stack->readStringWithTimeout(kLimit, "here\n=> ", &error);
+  const bool hasTalked = text.has_value() && text->ends_with("here\n=> ");
+  if (!hasTalked && _line.hasReader && stack->isOpen() == 0) return;
+  trial.expect(hasTalked, "cannot talk", error);
+  if (hasTalked && _line.hasLogs) mustLog();
+}
+
+void Station::mustLog() {
+  for (const char* name : {"pre", "post"}) {
+    const std::string path = _folder.pathOf(name);
+    const auto isLogged = [&] { return contentsOfFile(path).find("here") != std::string::npos; };
+    trial.expect(waitFor(isLogged, std::chrono::seconds(5)), path + " is not written");
+  }
+}
+
+}  // namespace support

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "Data Stack/ZPKCommStack.h"
+#include "Faults/Trial.h"
+#include "Support/SimulatedDevice.h"
+#include "Support/TemporaryFolder.h"
+
+namespace support {
+
+/// A stack and its simulated device, whose operations are the steps of scenarios.
+class Station {
+ public:
+  struct Line {
+    SimulatedDevice::Kind kind;
+    bool hasReader = false;
+    bool hasLogs = false;
+  };
+
+  Station(Trial& trial, Line line);
+
+  // Steps of a trial: false if the step failed.
+  bool create();
+  bool open();
+  bool ask();
+  /// Asks a device that does not answer.
+  bool askInVain();
+  /// The device ends the connection, which a read meets.
+  bool loseDevice();
+  bool close();
+  bool reset();
+
+  /// The checks after a trial: whatever failed, the stack can be closed, opened, and talked to.
+  void mustStillWork();
+
+  Trial& trial;
+  SimulatedDevice device;
+  ZPKCommStackPtr stack;
+
+ private:
+  bool make(ZPKErrorPtr* error);
+  void prepareLine();
+  void mustClose();
+  void mustOpen();
+  void mustTalk();
+  void mustLog();
+
+  const Line _line;
+  const TemporaryFolder _folder;
+};
+
+}  // namespace support
