@@ -209,22 +209,18 @@ class CountingDelegate final : public ZPKDataChannelManagerDelegate {
   std::atomic<int> disconnects{0};
 };
 
-bool deliver(TransportPeer& peer, const std::shared_ptr<CountingDelegate>& delegate) {
-  const ZPKDataPtr bytes = archive(ZPKValue(std::string("a value that needs memory of its own")));
-  peer.send(bytes->view());
-  return waitFor([&] { return delegate->messages == 1 || delegate->disconnects == 1; });
-}
-
 void deliverObjects(Trial& trial) {
   trial.hidesFailures = true;
   TransportPeer peer(TransportPeer::Kind::kAdopted);
   const ZPKDataChannelPtr channel = peer.makeChannel();
   const auto delegate = std::make_shared<CountingDelegate>();
   ZPKDataChannelManagerPtr manager = makeManager(channel, delegate, kDetached);
+  peer.send(archive(ZPKValue(std::string("a value that needs memory of its own")))->view());
   const bool isListening =
       trial.step("listen", [&](ZPKErrorPtr* error) { return manager->listen(error); });
   if (isListening) {
-    trial.expect(deliver(peer, delegate), "no object and no end");
+    trial.expect(waitFor([&] { return delegate->messages == 1 || delegate->disconnects == 1; }),
+                 "no object and no end");
     peer.hangUp();
     trial.expect(waitFor([&] { return delegate->disconnects == 1; }), "no end");
   }

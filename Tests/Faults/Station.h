@@ -45,6 +45,7 @@ class Station {
   void mustClose();
   void mustOpen();
   void mustTalk();
+  bool talk(ZPKErrorPtr* error);
   void mustLog();
 
   const Line _line;

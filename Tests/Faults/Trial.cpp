@@ -36,6 +36,7 @@ bool isOf(const ZPKErrorPtr& error, int code, const std::string& text) {
 
 // What the owner of a background reader may see of a failure on its thread.
 bool isSeenAfterReader(const FailedStep& step) {
+  if (step.hasThrown) return false;
   if (step.error == nullptr) return true;
   return step.error->code() == 2 || step.error->code() == 304;
 }
@@ -83,10 +84,11 @@ bool hasHappened(const Trial& trial, const Fault& fault) {
 
 bool isAllowed(const FailedStep& step, const Trial& trial, const Fault& fault) {
   if (fault.kind == Fault::Kind::kShort || fault.kind == Fault::Kind::kAllShort) return false;
-  if (trial.hasReader && !step.hasThrown && isSeenAfterReader(step)) return true;
+  if (trial.hasReader && isSeenAfterReader(step)) return true;
   if (fault.kind == Fault::Kind::kAllocation) return isOutOfMemory(step);
   if (fault.kind == Fault::Kind::kThread) {
-    return step.error != nullptr && isOf(step.error, 5, "Failed to start thread");
+    if (step.error == nullptr) return trial.hidesFailures;
+    return isOf(step.error, 5, "Failed to start thread");
   }
   const std::vector<Effect> effects = effectsOf(trial.calls, indexOf(trial, fault));
   return std::any_of(effects.begin(), effects.end(),
