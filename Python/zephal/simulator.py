@@ -16,21 +16,20 @@ class DeviceAnswer:
     """What a simulated device does when it has received a command.
 
     Mostly just a text, which the device's prompt follows; then the text can be used instead of this.
-
-    - ``text``: what is sent after the echo.
-    - ``then``: what happens after it: "prompt", "nothing", "hang_up" or "reboot".
-    - ``is_silent``: sends nothing at all.
-    - ``delay``: how long the answer is delayed, in seconds; None: as the device's other answers.
-    - ``prompt``: the prompt after this answer; None: the device's.
-    - ``away``: how long the device is gone when it reboots, in seconds.
     """
 
     text: Text = ""
+    """What is sent after the echo."""
     then: str = "prompt"
+    """What happens after the text: "prompt", "nothing", "hang_up" or "reboot"."""
     is_silent: bool = False
+    """Sends nothing at all."""
     delay: Optional[float] = None
+    """How long the answer is delayed, in seconds; None: as the device's other answers."""
     prompt: Optional[Text] = None
+    """The prompt after this answer; None: the device's."""
     away: float = 0.0
+    """How long the device is gone when it reboots, in seconds."""
 
     @classmethod
     def silence(cls) -> DeviceAnswer:
@@ -63,21 +62,22 @@ class DeviceLogin:
     """A login, as a Linux console asks for it.
 
     The device asks after it has booted; then it is a console, until ``logout`` is sent or it reboots.
-
-    - ``user``, ``password``: who may log in; without a password none is asked for.
-    - ``user_prompt``, ``password_prompt``: ask for them.
-    - ``refusal``: the answer to a wrong user or password, after which it asks for the user again.
-    - ``welcome``: sent after a login, before the prompt.
-    - ``logout``: the command that ends the session.
     """
 
     user: Text = "root"
+    """Who may log in."""
     password: Text = ""
+    """Empty: the device asks for none."""
     user_prompt: Text = "login: "
+    """Asks for the user."""
     password_prompt: Text = "Password: "
+    """Asks for the password."""
     refusal: Text = "\nLogin incorrect\n"
+    """The answer to a wrong user or password, after which it asks for the user again."""
     welcome: Text = ""
+    """Sent after a login, before the prompt."""
     logout: Text = "exit"
+    """The command that ends the session."""
 
 
 Answer = Union[Text, DeviceAnswer]
