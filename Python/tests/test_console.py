@@ -314,3 +314,13 @@ def test_logs_may_be_paths(device, tmp_path):
         console.ask("version")
     assert "board 1.0" in log.read_text()
     assert "board 1.0" in (tmp_path / "raw.log").read_text()
+
+
+def test_codes_are_those_of_the_console(dut):
+    with pytest.raises(zephal.Timeout) as raised:
+        dut.expect("never", timeout=0)
+    assert raised.value.code == zephal.ErrorCode.TIMEOUT
+    assert raised.value.domain == "zephal-console"
+    with pytest.raises(zephal.NoMatch) as missed:
+        dut.ask("version", "never")
+    assert missed.value.code == zephal.ErrorCode.NO_MATCH

@@ -85,11 +85,11 @@ def test_is_collected_while_its_function_may_run():
 
 def test_asks_for_a_login_of_its_own_kind():
     login = DeviceLogin("admin", "secret", "Who? ", "Really? ", "\nNo.\n", "Welcome\n", "leave")
-    dialogue = {"user_prompt": "Who? ", "password_prompt": "Really? ", "refused": "No."}
+    dialogue = zephal.LoginDialogue("Who? ", "Really? ", "No.")
     with zephal.Simulator(login=login) as device, console(device) as dut:
         with pytest.raises(zephal.LoginRefused):
-            dut.login("admin", "wrong", **dialogue)
-        dut.login("admin", "secret", **dialogue)
+            dut.login("admin", "wrong", dialogue=dialogue)
+        dut.login("admin", "secret", dialogue=dialogue)
         dut.send("leave")
         assert dut.expect("Who? ").index == 0
 

@@ -9,12 +9,13 @@
 """
 
 from zephal._zephal import Pattern
-from zephal.console import Console, Hit, Line, RunResult, regex
+from zephal.console import Console, Hit, LoginDialogue, RunResult, TimedLine, regex
 from zephal.errors import (
     Cancelled,
     DeviceSwapped,
     Disconnected,
     Error,
+    ErrorCode,
     LoginRefused,
     NoMatch,
     OpenError,
@@ -31,14 +32,16 @@ __all__ = [
     "DeviceSwapped",
     "Disconnected",
     "Error",
+    "ErrorCode",
     "Hit",
-    "Line",
+    "LoginDialogue",
     "LoginRefused",
     "NoMatch",
     "OpenError",
     "Pattern",
     "RunResult",
     "Simulator",
+    "TimedLine",
     "Timeout",
     "WaitError",
     "regex",

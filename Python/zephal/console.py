@@ -91,7 +91,19 @@ class RunResult(NamedTuple):
     """Its exit status."""
 
 
-class Line(NamedTuple):
+@dataclass(frozen=True)
+class LoginDialogue:
+    """What a device says when somebody logs in. None is what most devices say."""
+
+    user: Optional[AnyPattern] = None
+    """Asks for the user: by default "login:" or "username:", in either case."""
+    password: Optional[AnyPattern] = None
+    """Asks for the password: by default "password:"."""
+    refused: Optional[AnyPattern] = None
+    """Says that user or password are wrong."""
+
+
+class TimedLine(NamedTuple):
     """A line of a recording."""
 
     time: datetime
@@ -253,26 +265,20 @@ class Console:
         user: Text,
         password: Text,
         *,
-        user_prompt: Optional[AnyPattern] = None,
-        password_prompt: Optional[AnyPattern] = None,
-        refused: Optional[AnyPattern] = None,
         timeout: Optional[float] = None,
+        dialogue: LoginDialogue = LoginDialogue(),
     ) -> None:
         """Logs in, whatever the device is waiting for.
 
         Nothing is sent if it shows the prompt, only the password if it asks for that. The password is
-        in no log and no exception. Raises LoginRefused.
-
-        - ``user_prompt``: asks for the user; by default "login:" or "username:", in either case.
-        - ``password_prompt``: asks for the password; by default "password:".
-        - ``refused``: says that one of them is wrong; by default what Linux and most others say.
+        in no log and no exception. Raises LoginRefused. ``dialogue`` says how the device asks.
         """
         self._console.login(
             to_bytes(user),
             to_bytes(password),
-            _optional_pattern(user_prompt),
-            _optional_pattern(password_prompt),
-            _optional_pattern(refused),
+            _optional_pattern(dialogue.user),
+            _optional_pattern(dialogue.password),
+            _optional_pattern(dialogue.refused),
             timeout,
         )
 
@@ -304,10 +310,10 @@ class Console:
         """Sends Ctrl-C to the device."""
         self.send_control("interrupt", timeout=timeout)
 
-    def record(self, duration: float) -> list[Line]:
+    def record(self, duration: float) -> list[TimedLine]:
         """Everything that arrives within ``duration`` seconds, by lines. Never raises Timeout."""
         return [
-            Line(datetime.fromtimestamp(time), self._text(text))
+            TimedLine(datetime.fromtimestamp(time), self._text(text))
             for time, text in self._console.record(duration)
         ]
 
@@ -387,21 +393,11 @@ class Console:
         user: Text,
         password: Text,
         *,
-        user_prompt: Optional[AnyPattern] = None,
-        password_prompt: Optional[AnyPattern] = None,
-        refused: Optional[AnyPattern] = None,
         timeout: Optional[float] = None,
+        dialogue: LoginDialogue = LoginDialogue(),
     ) -> None:
         """``login`` for asyncio."""
-        await asynchronously(
-            self.login,
-            user,
-            password,
-            user_prompt=user_prompt,
-            password_prompt=password_prompt,
-            refused=refused,
-            timeout=timeout,
-        )
+        await asynchronously(self.login, user, password, timeout=timeout, dialogue=dialogue)
 
     async def send_async(self, line: Text, *, timeout: Optional[float] = None) -> None:
         """``send`` for asyncio."""
@@ -427,7 +423,7 @@ class Console:
         """``discard`` for asyncio."""
         await asynchronously(self.discard)
 
-    async def record_async(self, duration: float) -> list[Line]:
+    async def record_async(self, duration: float) -> list[TimedLine]:
         """``record`` for asyncio."""
         return await asynchronously(self.record, duration)
 

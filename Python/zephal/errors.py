@@ -1,5 +1,28 @@
 """What a console raises because of the device or the line."""
 
+from enum import IntEnum
+
+
+class ErrorCode(IntEnum):
+    """The codes of the domain "zephal-console"."""
+
+    OPEN = 1
+    """An OpenError that is not the system's."""
+    TIMEOUT = 2
+    """A Timeout."""
+    DISCONNECTED = 3
+    """A Disconnected."""
+    DEVICE_SWAPPED = 4
+    """A DeviceSwapped."""
+    CANCELLED = 5
+    """A Cancelled."""
+    LOGIN_REFUSED = 6
+    """A LoginRefused."""
+    NO_MATCH = 7
+    """A NoMatch."""
+    TOO_HARD = 8
+    """An Error: an expression takes too many steps."""
+
 
 class Error(RuntimeError):
     """The base of all that a console raises because of the device or the line.
@@ -10,7 +33,7 @@ class Error(RuntimeError):
     domain: str
     """The console's own is "zephal-console"; else that of the part that failed, such as "POSIX"."""
     code: int
-    """The code within the domain; for "POSIX" the errno."""
+    """The code within the domain: an ``ErrorCode`` of the console's; for "POSIX" the errno."""
     url: str
     """The console's URL."""
 
