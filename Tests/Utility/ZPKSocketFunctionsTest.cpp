@@ -192,6 +192,14 @@ TEST(PassiveTCPTest, TheResultOfListenIsIgnored) {
 
 // --- active_tcp and active_tcp_ex
 
+TEST(ActiveTCPTest, WithoutASocketErrnoSaysWhyThereIsNone) {
+  SystemCalls calls;
+  calls.fail("socket", EMFILE);
+  errno = 0;
+  EXPECT_EQ(active_tcp("127.0.0.1", 1), -1);
+  EXPECT_EQ(errno, EMFILE);
+}
+
 TEST(ActiveTCPTest, ConnectsToADottedAddressWithOptionsInOrder) {
   const PlainListener peer;
   SystemCalls calls;

@@ -38,6 +38,7 @@ int ZPIMakeSocket(int family, ZPISocketOwner owner) {
 }
 
 int ZPIConnect(int fd, const sockaddr* address, socklen_t length) {
+  if (fd == -1) return -1;  // errno says why there is no socket
   int result = ::connect(fd, address, length);
   // A unix socket that waits for room in the backlog has not begun to connect: poll would report it
   // as writable, with no error.

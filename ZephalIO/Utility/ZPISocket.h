@@ -25,7 +25,7 @@ inline constexpr int kZPIBacklog = 5;
 int ZPIMakeSocket(int family, ZPISocketOwner owner);
 
 /// Calls connect(2) on a blocking socket and completes it even if signals interrupt it: 0, or -1
-/// with the errno of the connection.
+/// with the errno of the connection. Without a socket (-1) it fails and leaves errno alone.
 int ZPIConnect(int fd, const sockaddr* address, socklen_t length);
 
 /// Makes writes to a peer that has gone away raise no SIGPIPE, in the way that the owner needs.
