@@ -37,22 +37,22 @@ Sample sampleOf(Value value) {
 class Samples {
  public:
   Sample next(int depth = 0) {
-    switch (_random() % (depth < 3 ? 8 : 5)) {
+    switch (below(depth < 3 ? 8 : 5)) {
       case 0: return sampleOf(number());
       case 1: return sampleOf(static_cast<int64_t>(number()));
       case 2: return sampleOf(real());
-      case 3: return sampleOf(_random() % 2 == 0);
+      case 3: return sampleOf(below(2) == 0);
       case 4: return sampleOf(text());
       case 5: return bytes();
       default: return dictionary(depth);
     }
   }
 
-  std::mt19937_64& random() { return _random; }
+  size_t below(size_t limit) { return static_cast<size_t>(_random() % limit); }
 
  private:
   // Of every width.
-  uint64_t number() { return _random() >> _random() % 64; }
+  uint64_t number() { return _random() >> below(64); }
 
   // Any bits, but no NaN, which equals nothing.
   double real() {
@@ -62,20 +62,20 @@ class Samples {
 
   std::string text() {
     std::string text;
-    const size_t length = _random() % 40;
-    for (size_t i = 0; i < length; ++i) text += _random() % 4 == 0 ? "é" : "a";
+    const size_t length = below(40);
+    for (size_t i = 0; i < length; ++i) text += below(4) == 0 ? "é" : "a";
     return text;
   }
 
   Sample bytes() {
-    std::string content(_random() % 300, '\xff');
+    std::string content(below(300), '\xff');
     return {ZPKData::dataWithString(content), json::binary({content.begin(), content.end()})};
   }
 
   Sample dictionary(int depth) {
     ZPKDictionary::Entries entries;
     json expected = json::object();
-    const size_t count = _random() % 30;
+    const size_t count = below(30);
     for (size_t i = 0; i < count; ++i) {
       const std::string key = text();
       const Sample sample = next(depth + 1);
@@ -125,9 +125,9 @@ TEST_F(ArchiveOracle, DamagedArchivesAreRefusedWhereTheOtherReaderRefuses) {
   size_t refused = 0;
   for (int i = 0; i < 5'000; ++i) {
     const ZPKMutableDataPtr archive = _serializer.serialize(_samples.next(2).object)->mutableCopy();
-    std::mt19937_64& random = _samples.random();
-    archive->mutableBytes()[random() % archive->length()] = static_cast<uint8_t>(random());
-    if (random() % 8 == 0) archive->setLength(random() % archive->length());
+    archive->mutableBytes()[_samples.below(archive->length())] =
+        static_cast<uint8_t>(_samples.below(256));
+    if (_samples.below(8) == 0) archive->setLength(_samples.below(archive->length()));
     const ZPKObjectPtr object = _serializer.deserialize(archive);
     const std::optional<json> read = readByOther(archive);
     if (!read.has_value()) {
