@@ -248,8 +248,15 @@ def test_threads_that_wait_for_their_turn_can_be_cancelled(dut):
 
 
 def test_close_in_one_thread_ends_the_wait_of_another(dut):
+    def is_busy():
+        try:
+            dut.expect("never", timeout=0)
+        except zephal.Timeout as error:
+            return error.waited_for == "another operation to end"
+
     def close():
-        time.sleep(0.05)
+        while not is_busy():
+            time.sleep(0.001)
         dut.close()
 
     thread = threading.Thread(target=close)

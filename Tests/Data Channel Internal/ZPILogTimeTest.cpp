@@ -15,7 +15,7 @@
 
 #include "Data Channel Internal/ZPILogTime.h"
 #include "Support/EventWait.h"
-#include "Support/Files.h"
+#include "Support/ProcessThreads.h"
 #include "Support/SystemCalls.h"
 #include "Support/TestClock.h"
 
@@ -98,11 +98,6 @@ TEST(ZPILogTimeTest, AChangedTimeZoneAppliesFromTheNextSecond) {
   EXPECT_EQ(timeNow(), "2024-05-01 12:00:10.999");
   clock.advance(std::chrono::milliseconds(1));
   EXPECT_EQ(timeNow(), "2024-05-01 21:00:11.000");
-}
-
-bool isThreadAsleep(pid_t thread) {
-  const std::string path = "/proc/self/task/" + std::to_string(thread) + "/stat";
-  return contentsOfFile(path).find(") S ") != std::string::npos;
 }
 
 // Otherwise the child inherits the locks of the time zone without the thread that releases them.

@@ -4,6 +4,8 @@
 #include <fstream>
 #include <system_error>
 
+#include "Support/Files.h"
+
 namespace support {
 
 size_t threadsNamed(const std::string& name) {
@@ -15,6 +17,11 @@ size_t threadsNamed(const std::string& name) {
     if (std::getline(file, line) && line == name.substr(0, 15)) ++count;
   }
   return count;
+}
+
+bool isThreadAsleep(pid_t thread) {
+  const std::string path = "/proc/self/task/" + std::to_string(thread) + "/stat";
+  return contentsOfFile(path).find(") S ") != std::string::npos;
 }
 
 }  // namespace support
