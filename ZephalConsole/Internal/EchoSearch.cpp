@@ -1,81 +1,112 @@
 #include "ZephalConsole/Internal/EchoSearch.h"
 
 #include <algorithm>
-#include <vector>
+#include <bit>
 
 namespace zephal::internal {
 namespace {
 
-// How many characters of the command may have been echoed so far: the numbers that are possible.
-using Positions = std::vector<size_t>;
+constexpr size_t kBits = 64;
 
-class Reader {
- public:
-  Reader(std::string_view text, std::string_view command) : _text(text), _command(command) {}
+// The bits of the word with this index that stand for numbers below `limit`.
+uint64_t bitsBelow(size_t limit, size_t word) {
+  if (limit <= word * kBits) return 0;
+  const size_t count = limit - word * kBits;
+  return count >= kBits ? ~uint64_t{0} : (uint64_t{1} << count) - 1;
+}
 
-  Echo read() {
-    // What is longer is no echo, whatever an unfriendly device makes it look like.
-    const size_t longest = std::min(_text.size(), 4 * _command.size() + 1024);
-    for (size_t at = 0; at < longest; ++at) {
-      if (_text[at] == '\n' && isComplete()) return {Echo::State::kFound, at + 1};
-      step(at);
-      if (_positions.empty()) return {};
-    }
-    return {longest < _text.size() ? Echo::State::kNone : Echo::State::kUndecided, 0};
-  }
-
- private:
-  bool isComplete() const {
-    return std::find(_positions.begin(), _positions.end(), _command.size()) != _positions.end();
-  }
-
-  void step(size_t at) {
-    const char byte = _text[at];
-    const bool isRedrawn = at > 0 && (_text[at - 1] == '\r' || _text[at - 1] == '\b');
-    Positions next;
-    for (const size_t position : _positions) {
-      if (position < _command.size() && byte == _command[position]) next.push_back(position + 1);
-      if (isMargin(at, position)) next.push_back(position);
-    }
-    if (isRedrawn) addRedrawn(byte, next);
-    std::sort(next.begin(), next.end());
-    next.erase(std::unique(next.begin(), next.end()), next.end());
-    _positions = std::move(next);
-  }
-
-  // Whether the byte belongs to the margin and not to the command.
-  bool isMargin(size_t at, size_t position) const {
-    const bool isLast = at + 1 == _text.size();
-    switch (_text[at]) {
-      case '\r': return position > 0 || isLast || _text[at + 1] == '<' || _text[at + 1] == '\n';
-      case '\n':
-      case '\b': return position > 0;
-      case ' ': return position > 0 && (isLast || _text[at + 1] == '\r');
-      default: return false;
-    }
-  }
-
-  // After a carriage return, the line or a part of it is shown once more.
-  void addRedrawn(char byte, Positions& next) const {
-    if (byte == '<') {
-      for (size_t position = 0; position <= _command.size(); ++position) next.push_back(position);
-      return;
-    }
-    const size_t shown = _positions.back();
-    for (size_t position = 0; position < shown; ++position) {
-      if (_command[position] == byte) next.push_back(position + 1);
-    }
-  }
-
-  const std::string_view _text;
-  const std::string_view _command;
-  Positions _positions{0};
+// Whether a byte may belong to the margin and not to the command: at the beginning of the command,
+// and later.
+struct Margin {
+  bool atBegin = false;
+  bool later = false;
 };
+
+Margin marginAt(std::string_view text, size_t at) {
+  const bool isLast = at + 1 == text.size();
+  switch (text[at]) {
+    case '\r': return {isLast || text[at + 1] == '<' || text[at + 1] == '\n', true};
+    case '\n':
+    case '\b': return {false, true};
+    case ' ': return {false, isLast || text[at + 1] == '\r'};
+    default: return {};
+  }
+}
+
+// After a carriage return, the line or a part of it may be shown once more.
+bool mayBeRedrawn(std::string_view text, size_t at) {
+  return at > 0 && (text[at - 1] == '\r' || text[at - 1] == '\b');
+}
 
 }  // namespace
 
+EchoSearch::EchoSearch(std::string_view command) : _length(command.size()) {
+  const size_t words = _length / kBits + 1;
+  _positions.resize(words);
+  _positions.front() = 1;
+  _masks.resize(words);
+  for (size_t i = 0; i < _length; ++i) {
+    uint32_t& mask = _maskOf[static_cast<unsigned char>(command[i])];
+    if (mask == 0) {
+      mask = static_cast<uint32_t>(_masks.size());
+      _masks.resize(_masks.size() + words);
+    }
+    _masks[mask + i / kBits] |= Word{1} << (i % kBits);
+  }
+}
+
+Echo EchoSearch::look(std::string_view text) {
+  // What is longer is no echo, whatever an unfriendly device makes it look like.
+  const size_t longest = std::min(text.size(), 4 * _length + 1024);
+  for (; _at < longest; ++_at) {
+    if (text[_at] == '\n' && isComplete()) return {Echo::State::kFound, _at + 1};
+    if (_at + 1 == text.size()) break;  // what it is depends on the next byte
+    if (!step(text, _at, &_positions)) return {};
+  }
+  if (longest < text.size()) return {};
+  Positions last = _positions;
+  const bool isPossible = _at == text.size() || step(text, _at, &last);
+  return {isPossible ? Echo::State::kUndecided : Echo::State::kNone, 0};
+}
+
+bool EchoSearch::isComplete() const {
+  return (_positions[_length / kBits] >> (_length % kBits) & 1) != 0;
+}
+
+size_t EchoSearch::mostShown() const {
+  size_t word = _positions.size() - 1;
+  while (_positions[word] == 0) --word;
+  return word * kBits + std::bit_width(_positions[word]) - 1;
+}
+
+// The positions after one more byte; false if there are none.
+bool EchoSearch::step(std::string_view text, size_t at, Positions* positions) const {
+  const Word* const mask = &_masks[_maskOf[static_cast<unsigned char>(text[at])]];
+  const Margin margin = marginAt(text, at);
+  const bool isRedrawn = mayBeRedrawn(text, at);
+  const size_t shown = isRedrawn ? mostShown() : 0;
+  Word carry = 0;
+  Word any = 0;
+  for (size_t i = 0; i < positions->size(); ++i) {
+    Word& word = (*positions)[i];
+    Word kept = margin.later ? word : 0;
+    if (i == 0 && !margin.atBegin) kept &= ~Word{1};
+    const Word matched = mask[i] & (word | bitsBelow(shown, i));
+    word = matched << 1 | carry | kept;
+    carry = matched >> (kBits - 1);
+    any |= word;
+  }
+  if (!isRedrawn || text[at] != '<') return any != 0;
+  addAll(positions);
+  return true;
+}
+
+void EchoSearch::addAll(Positions* positions) const {
+  for (size_t i = 0; i < positions->size(); ++i) (*positions)[i] |= bitsBelow(_length + 1, i);
+}
+
 Echo echoAt(std::string_view text, std::string_view command) {
-  return Reader(text, command).read();
+  return EchoSearch(command).look(text);
 }
 
 }  // namespace zephal::internal

@@ -68,6 +68,8 @@ void SecretMask::filter(std::string_view bytes, std::string& shown) {
 // Shows none if they may begin an echo.
 size_t SecretMask::showSome(std::string_view bytes, std::string& shown) {
   const std::string& secret = _secrets.front();
+  const size_t longest = 4 * secret.size() + kMost;
+  bytes = bytes.substr(0, longest);
   const size_t end = std::min(bytes.find('\n'), bytes.size() - 1) + 1;
   // A line editor that scrolls begins with a carriage return.
   const size_t begin = std::min({bytes.find(secret.front()), bytes.find('\r'), end});
@@ -78,8 +80,8 @@ size_t SecretMask::showSome(std::string_view bytes, std::string& shown) {
   }
   shown += bytes.substr(0, begin);
   const Echo echo = echoIn(bytes.substr(begin), secret);
-  const size_t longest = 4 * secret.size() + kMost;
-  if (echo.state == Echo::State::kUndecided && bytes.size() < longest) return begin;
+  const bool mayGetLonger = begin > 0 || bytes.size() < longest;
+  if (echo.state == Echo::State::kUndecided && mayGetLonger) return begin;
   const bool isEcho = echo.state == Echo::State::kFound;
   shown += isEcho ? kMask : bytes.substr(begin, 1);
   return begin + (isEcho ? echo.length : 1);

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "Support/ProcessorTime.h"
 #include "ZephalConsole/Internal/SecretMask.h"
 
 namespace {
@@ -89,6 +90,33 @@ TEST(SecretMask, LooksForNoEchoFarInALongLine) {
   mask.filter(std::string(10000, 'x'), shown);
   EXPECT_TRUE(mask.isIdle());
   EXPECT_EQ(shown.size(), 10000U);
+}
+
+TEST(SecretMask, HidesAnEchoAtTheEndOfMuchThatArrivesTogether) {
+  const std::string secret(40, 's');
+  std::string echo = secret;  // redrawn until it makes the line too long to be looked at as a whole
+  while (echo.size() < 1000) echo += "\r" + secret;
+  const std::string text(4000, 'x');
+  SecretMask mask;
+  mask.add(secret);
+  std::string shown;
+  mask.filter(text + echo, shown);
+  EXPECT_EQ(shown, text);
+  mask.filter("\r\n# ", shown);
+  EXPECT_EQ(shown, text + "***\r\n# ");
+}
+
+TEST(SecretMask, TakesNoLongForADeviceThatSendsCarriageReturns) {
+  constexpr double kSecondsOfLinearWork = 15;
+  SecretMask mask;
+  std::string shown;
+  const std::string flood(size_t{8} << 20, '\r');
+  for (int i = 0; i < 20; ++i) mask.add("hunter2");
+  const double start = support::processorTime();
+  mask.filter(flood, shown);
+  mask.flush(shown);
+  EXPECT_LT(support::processorTime() - start, kSecondsOfLinearWork);
+  EXPECT_EQ(shown, flood);
 }
 
 TEST(SecretMask, HoldsNoMoreThanALittleBack) {
