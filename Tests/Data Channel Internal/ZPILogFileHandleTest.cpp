@@ -367,6 +367,18 @@ TEST_F(ZPILogFileHandleTest, ATruncatedFileGrowsFromItsNewEnd) {
   EXPECT_EQ(contents(), "two");
 }
 
+// A hole takes no room on the disk.
+TEST_F(ZPILogFileHandleTest, ALogOfFourGibibytesGrowsOn) {
+  create();
+  ASSERT_EQ(::truncate64(_path.c_str(), (int64_t{4} << 30) - 2), 0);
+  const auto handle = ZPILogFileHandle::fileHandleForWritingAtPath(_path);
+  ASSERT_NE(handle, nullptr);
+  append(handle, {"three", "four"});
+  struct stat64 file {};
+  ASSERT_EQ(::stat64(_path.c_str(), &file), 0);
+  EXPECT_EQ(file.st_size, (int64_t{4} << 30) + 7);
+}
+
 TEST_F(ZPILogFileHandleTest, AWriteWaitsForTheHolderOfTheLock) {
   const auto handle = create();
   const int other = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);

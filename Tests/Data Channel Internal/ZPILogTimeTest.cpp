@@ -54,6 +54,10 @@ std::chrono::system_clock::time_point noonAnd(int64_t microseconds) {
   return std::chrono::system_clock::time_point(kNoon + std::chrono::microseconds(microseconds));
 }
 
+std::chrono::system_clock::time_point wallTime(int64_t milliseconds) {
+  return std::chrono::system_clock::time_point(std::chrono::milliseconds(milliseconds));
+}
+
 // The present time as it stands in a log.
 std::string timeNow() { return std::string(ZPILogTime().text().substr(1, 23)); }
 
@@ -98,6 +102,30 @@ TEST(ZPILogTimeTest, AChangedTimeZoneAppliesFromTheNextSecond) {
   EXPECT_EQ(timeNow(), "2024-05-01 12:00:10.999");
   clock.advance(std::chrono::milliseconds(1));
   EXPECT_EQ(timeNow(), "2024-05-01 21:00:11.000");
+}
+
+// A log that runs for months.
+TEST(ZPILogTimeTest, SummerTimeBeginsAndEndsWithTheSecond) {
+  const TimeZone zone("CET-1CEST,M3.5.0,M10.5.0/3");
+  TestClock clock;
+  clock.setWallTime(wallTime(1711846799999));
+  EXPECT_EQ(timeNow(), "2024-03-31 01:59:59.999");
+  clock.advance(std::chrono::milliseconds(1));
+  EXPECT_EQ(timeNow(), "2024-03-31 03:00:00.000");
+  clock.setWallTime(wallTime(1729990799999));
+  EXPECT_EQ(timeNow(), "2024-10-27 02:59:59.999");
+  clock.advance(std::chrono::milliseconds(1));
+  EXPECT_EQ(timeNow(), "2024-10-27 02:00:00.000");
+}
+
+TEST(ZPILogTimeTest, ShowsTheSecondsBeforeAndAfterTheEndOf32Bits) {
+  const TimeZone zone("UTC0");
+  TestClock clock;
+  clock.setWallTime(wallTime(2147483647999));
+  EXPECT_EQ(timeNow(), "2038-01-19 03:14:07.999");
+  if (sizeof(time_t) == sizeof(int32_t)) return;  // this system's own clock ends here
+  clock.advance(std::chrono::milliseconds(1));
+  EXPECT_EQ(timeNow(), "2038-01-19 03:14:08.000");
 }
 
 // Otherwise the child inherits the locks of the time zone without the thread that releases them.

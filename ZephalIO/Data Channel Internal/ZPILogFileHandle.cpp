@@ -35,8 +35,15 @@ auto retryOnInterrupt(Call call) {
   return result;
 }
 
+// A log that is written for months outgrows the 2 GiB at which a 32-bit system otherwise stops.
+#ifdef O_LARGEFILE
+constexpr int kOfAnySize = O_LARGEFILE;
+#else
+constexpr int kOfAnySize = 0;
+#endif
+
 int openWithFlags(const std::string& path, int flags) {
-  constexpr int kFlags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY;
+  constexpr int kFlags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY | kOfAnySize;
   constexpr mode_t kPermissions = 0666;
   return retryOnInterrupt([&] { return ::open(path.c_str(), kFlags | flags, kPermissions); });
 }
