@@ -1,10 +1,12 @@
 #include "ZephalLogging.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <mutex>
+#include <new>
 
 using Sink = std::function<void(int, std::string_view)>;
 
@@ -28,7 +30,6 @@ class WithoutSigpipe {
     if (!_wasPending && isPending()) ::sigwait(&sigpipe(), &taken);
   }
 
- private:
   static const sigset_t& sigpipe() {
     static const sigset_t set = [] {
       sigset_t signals;
@@ -39,6 +40,7 @@ class WithoutSigpipe {
     return set;
   }
 
+ private:
   static bool isPending() {
     sigset_t signals;
     ::sigemptyset(&signals);
@@ -57,11 +59,23 @@ class ZPKLogAnchor {
   void setSink(Sink sink) {
     auto replaced = sink ? std::make_shared<const Sink>(std::move(sink)) : nullptr;
     const std::lock_guard guard(_sinkMutex);
+    const std::lock_guard change(_changeMutex);
     _sink.swap(replaced);
   }
 
   void write(int level, std::string line) {
     if (!writeToSink(level, line)) writeToStandardError(std::move(line));
+  }
+
+  // A fork finds other threads anywhere: in a sink, or in a write to a standard error that nobody
+  // drains. It must not wait for them, and they are missing in the child, so the child gets mutexes
+  // that nobody holds. Only a change of the sink must not be cut in half.
+  void prepareFork() { _changeMutex.lock(); }
+  void continueAfterFork() { _changeMutex.unlock(); }
+  void beginInChild() {
+    _changeMutex.unlock();
+    ::new (&_sinkMutex) std::recursive_mutex;
+    ::new (&_standardErrorMutex) std::mutex;
   }
 
  private:
@@ -92,10 +106,25 @@ class ZPKLogAnchor {
   // Held while a sink runs. Recursive: a sink may itself log or change the sink.
   std::recursive_mutex _sinkMutex;
   std::shared_ptr<const Sink> _sink;  // null for standard error
+  std::mutex _changeMutex;            // held while `_sink` is replaced, and during a fork
   // A mutex of its own: a standard error that nobody drains blocks the threads that write to it,
   // and must not block the threads that log to a sink or set one.
   std::mutex _standardErrorMutex;
 };
+
+namespace {
+
+// When the library is loaded: a fork in the middle of a first use would leave the child waiting for
+// the end of it.
+[[maybe_unused]] const int forkHandlers = [] {
+  ZPKLogGetAnchor();
+  WithoutSigpipe::sigpipe();
+  return ::pthread_atfork([] { ZPKLogGetAnchor()->prepareFork(); },
+                          [] { ZPKLogGetAnchor()->continueAfterFork(); },
+                          [] { ZPKLogGetAnchor()->beginInChild(); });
+}();
+
+}  // namespace
 
 void ZPKLogArgument::appendTo(std::string& line) const {
   struct Appender {

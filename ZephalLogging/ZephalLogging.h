@@ -7,7 +7,9 @@
 ///
 /// By default a line goes to standard error. If standard error no longer accepts it, the line is
 /// lost, with no message and no SIGPIPE. A host program that has a logger of its own captures the
-/// lines with ZPKLoggingSetSink. Everything here may be called from any thread.
+/// lines with ZPKLoggingSetSink. Everything here may be called from any thread, and in a child of
+/// fork(2), wherever the other threads of the parent were at the fork. The child has the sink of
+/// its parent; whether that works there is up to the sink.
 #pragma once
 
 #include <array>

@@ -385,6 +385,45 @@ TEST(ZephalLoggingTest, SinksMayBeReplacedWhileOtherThreadsLog) {
   EXPECT_EQ(calls, 2 * kLines);
 }
 
+// The other thread is missing in the child, so nobody there would release what it holds.
+TEST(ZephalLoggingTest, AChildForkedDuringACallOfASinkCanLog) {
+  std::promise<void> called;
+  std::promise<void> released;
+  std::atomic<int> calls{0};
+  ZPKLoggingSetSink([&](int, std::string_view) {
+    if (calls++ > 0) return;
+    called.set_value();
+    released.get_future().wait();
+  });
+  std::thread logging([] { logLine("line"); });
+  called.get_future().wait();
+  const ChildResult result = runInChild([&](std::string*) {
+    logLine("line of the child");
+    ZPKLoggingSetSink(nullptr);
+    return calls == 2 ? 0 : 1;
+  });
+  released.set_value();
+  logging.join();
+  ZPKLoggingSetSink(nullptr);
+  EXPECT_EQ(result.status, 0) << "signal " << result.signal;
+}
+
+TEST(ZephalLoggingTest, AChildForkedByASinkCanLog) {
+  ChildResult result;
+  ZPKLoggingSetSink([&](int, std::string_view line) {
+    if (line != "fork") return;
+    result = runInChild([](std::string*) {
+      logLine("within the sink");
+      ZPKLoggingSetSink(nullptr);
+      return 0;
+    });
+  });
+  logLine("fork");
+  logLine("after the fork");
+  ZPKLoggingSetSink(nullptr);
+  EXPECT_EQ(result.status, 0) << "signal " << result.signal;
+}
+
 // A standard error that nobody drains, with a thread stuck in writing a line that does not fit. The
 // line passes once letGo() is called.
 class StuckStandardError {
@@ -457,6 +496,16 @@ TEST(ZephalLoggingTest, ANewSinkWaitsForTheCallUnderWay) {
   released.set_value();
   EXPECT_TRUE(replacing.get());
   logger.join();
+}
+
+TEST(ZephalLoggingTest, AChildForkedDuringAStuckLineCanLog) {
+  StuckStandardError standardError;
+  const ChildResult result = runInChild([](std::string*) {
+    const StandardErrorTo capture(memoryFile());
+    logLine("line of the child");
+    return capture.text() == "line of the child\n" ? 0 : 1;
+  });
+  EXPECT_EQ(result.status, 0) << "signal " << result.signal;
 }
 
 TEST(ZephalLoggingTest, ErrnoIsKept) {
