@@ -8,13 +8,13 @@
 #include <condition_variable>
 #include <deque>
 #include <fstream>
-#include <latch>
 #include <mutex>
 #include <thread>
 #include <tuple>
 
 #include "Data Stack/ZPKCommStack.h"
 #include "Support/EventWait.h"
+#include "Support/RunTogether.h"
 #include "Support/ScriptedStack.h"
 #include "Support/TransportPeer.h"
 #include "ZephalLogging.h"
@@ -382,18 +382,6 @@ class EchoingChannel final : public ZPKDataChannel {
 
 constexpr int kTalkers = 4;
 constexpr int kRounds = 200;
-
-void runTogether(const std::vector<std::function<void()>>& bodies) {
-  std::latch start(static_cast<ptrdiff_t>(bodies.size()));
-  std::vector<std::thread> threads;
-  for (const auto& body : bodies) {
-    threads.emplace_back([&] {
-      start.arrive_and_wait();
-      body();
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-}
 
 TEST_F(ZPKCommStackThreadsTest, CommandsOfSeveralThreadsNeverMix) {
   const auto stack = ZPKCommStack::init();

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <future>
 #include <new>
 #include <set>
@@ -13,8 +12,7 @@
 
 #include "Faults/FaultTable.h"
 #include "Support/EventWait.h"
-#include "Support/OpenDescriptors.h"
-#include "Support/ProcessStatus.h"
+#include "Support/Possessions.h"
 
 namespace support {
 
@@ -126,36 +124,6 @@ void waitForEnd(const std::future<void>& end, const Fault& fault) {
   std::abort();
 }
 
-// What the process has; a thread that nobody joins takes a moment to end.
-struct Possessions {
-  size_t threads = processStatus("Threads");
-  size_t descriptors = openDescriptors().size();
-  int64_t blocks = liveBlocks();
-};
-
-std::string links() {
-  std::string text = " (";
-  for (const int descriptor : openDescriptors()) {
-    const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
-    text += std::filesystem::read_symlink(link).string() + " ";
-  }
-  return text + ")";
-}
-
-void expectNoMoreThan(const Possessions& before, std::vector<std::string>* problems) {
-  Possessions now;
-  const auto isMore = [&] {
-    now = Possessions();
-    return now.threads > before.threads || now.descriptors > before.descriptors ||
-           now.blocks > before.blocks;
-  };
-  if (waitFor([&] { return !isMore(); }, std::chrono::seconds(2))) return;
-  problems->push_back("left behind: " + std::to_string(now.threads - before.threads) +
-                      " threads, " + std::to_string(now.descriptors - before.descriptors) +
-                      " descriptors" + links() + ", " + std::to_string(now.blocks - before.blocks) +
-                      " blocks");
-}
-
 }  // namespace
 
 std::string Fault::text() const {
@@ -261,7 +229,9 @@ bool runTrial(const Fault& fault, const std::function<void(Trial&)>& scenario,
     thread.join();
     problems->swap(found);
   }
-  if (problems->empty()) expectNoMoreThan(before, problems);
+  if (!problems->empty()) return happened;
+  const std::string left = leftBehindSince(before);
+  if (!left.empty()) problems->push_back(left);
   return happened;
 }
 

@@ -25,6 +25,7 @@
 #include <optional>
 #include <thread>
 
+#include "Support/CallJitter.h"
 #include "Support/TerminalState.h"
 #include "Support/TestClock.h"
 
@@ -161,9 +162,8 @@ void leave(const Entry& entry, int64_t result, int error) {
 // `describe` returns the call as it is recorded; `real` makes it, with the size that it may use.
 // The errno of the caller is passed on to the call, and the errno of the call to the caller.
 template <class Describe, class Real>
-auto intercept(Describe describe, int64_t size, Real real) -> decltype(real(size)) {
+auto interceptWatched(Describe describe, int64_t size, Real real) -> decltype(real(size)) {
   using Result = decltype(real(size));
-  if (!isWatched()) return real(size);
   const int errnoBefore = errno;
   Entry entry;
   {
@@ -192,6 +192,14 @@ auto intercept(Describe describe, int64_t size, Real real) -> decltype(real(size
     entry.plan.reset();
   }
   errno = errnoAfter;
+  return result;
+}
+
+template <class Describe, class Real>
+auto intercept(Describe describe, int64_t size, Real real) -> decltype(real(size)) {
+  giveWayAtRandom();
+  const auto result = isWatched() ? interceptWatched(describe, size, real) : real(size);
+  giveWayAtRandom();
   return result;
 }
 
