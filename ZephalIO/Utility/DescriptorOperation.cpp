@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <ctime>
+#include <limits>
 #include <memory>
 #include <optional>
 
@@ -23,7 +25,9 @@ namespace {
 constexpr size_t kReadSize = 65536;
 
 // The longest finite wait: a longer one could overflow a timeval, and no process lives that long.
-constexpr double kLongestWait = 1.0e12;
+// With a time_t of 32 bits that is 68 years.
+constexpr double kLongestWait =
+    std::min(1.0e12, static_cast<double>(std::numeric_limits<time_t>::max()));
 
 constexpr timeval kUnselectablePause{0, 100000};
 
