@@ -8,6 +8,8 @@ namespace {
 
 constexpr size_t kBits = 64;
 
+bool isControl(char byte) { return byte == '\r' || byte == '\n' || byte == '\b'; }
+
 // The bits of the word with this index that stand for numbers below `limit`.
 uint64_t bitsBelow(size_t limit, size_t word) {
   if (limit <= word * kBits) return 0;
@@ -40,24 +42,15 @@ bool mayBeRedrawn(std::string_view text, size_t at) {
 
 }  // namespace
 
-EchoSearch::EchoSearch(std::string_view command) : _length(command.size()) {
-  const size_t words = _length / kBits + 1;
-  _positions.resize(words);
-  _positions.front() = 1;
-  _masks.resize(words);
-  for (size_t i = 0; i < _length; ++i) {
-    uint32_t& mask = _maskOf[static_cast<unsigned char>(command[i])];
-    if (mask == 0) {
-      mask = static_cast<uint32_t>(_masks.size());
-      _masks.resize(_masks.size() + words);
-    }
-    _masks[mask + i / kBits] |= Word{1} << (i % kBits);
-  }
-}
+EchoSearch::EchoSearch(std::string_view command) : _command(command) {}
 
 Echo EchoSearch::look(std::string_view text) {
+  if (_positions.empty()) {
+    if (const std::optional<Echo> echo = lookPlainly(text)) return *echo;
+    prepare();
+  }
   // What is longer is no echo, whatever an unfriendly device makes it look like.
-  const size_t longest = std::min(text.size(), 4 * _length + 1024);
+  const size_t longest = std::min(text.size(), 4 * _command.size() + 1024);
   for (; _at < longest; ++_at) {
     if (text[_at] == '\n' && isComplete()) return {Echo::State::kFound, _at + 1};
     if (_at + 1 == text.size()) break;  // what it is depends on the next byte
@@ -69,8 +62,41 @@ Echo EchoSearch::look(std::string_view text) {
   return {isPossible ? Echo::State::kUndecided : Echo::State::kNone, 0};
 }
 
+// Nearly all echoes are the command itself, and what is no echo differs soon. Null if it takes more
+// to decide.
+std::optional<Echo> EchoSearch::lookPlainly(std::string_view text) {
+  while (_at < text.size() && _at < _command.size() && text[_at] == _command[_at] &&
+         !isControl(text[_at])) {
+    ++_at;
+  }
+  if (_at == text.size()) return Echo{Echo::State::kUndecided, 0};
+  const std::string_view rest = text.substr(_at);
+  const bool isWhole = _at == _command.size();
+  if (isWhole && rest.starts_with('\n')) return Echo{Echo::State::kFound, _at + 1};
+  if (isWhole && rest.starts_with("\r\n")) return Echo{Echo::State::kFound, _at + 2};
+  if (rest.front() == ' ' || isControl(rest.front())) return std::nullopt;
+  return Echo();
+}
+
+// A blank that was taken for the command's may belong to the margin, so it is looked at once more.
+void EchoSearch::prepare() {
+  const size_t words = _command.size() / kBits + 1;
+  _at -= std::min<size_t>(_at, 1);
+  _positions.resize(words);
+  _positions[_at / kBits] = Word{1} << (_at % kBits);
+  _masks.resize(words);
+  for (size_t i = 0; i < _command.size(); ++i) {
+    uint32_t& mask = _maskOf[static_cast<unsigned char>(_command[i])];
+    if (mask == 0) {
+      mask = static_cast<uint32_t>(_masks.size());
+      _masks.resize(_masks.size() + words);
+    }
+    _masks[mask + i / kBits] |= Word{1} << (i % kBits);
+  }
+}
+
 bool EchoSearch::isComplete() const {
-  return (_positions[_length / kBits] >> (_length % kBits) & 1) != 0;
+  return (_positions[_command.size() / kBits] >> (_command.size() % kBits) & 1) != 0;
 }
 
 size_t EchoSearch::mostShown() const {
@@ -102,7 +128,8 @@ bool EchoSearch::step(std::string_view text, size_t at, Positions* positions) co
 }
 
 void EchoSearch::addAll(Positions* positions) const {
-  for (size_t i = 0; i < positions->size(); ++i) (*positions)[i] |= bitsBelow(_length + 1, i);
+  for (size_t i = 0; i < positions->size(); ++i)
+    (*positions)[i] |= bitsBelow(_command.size() + 1, i);
 }
 
 Echo echoAt(std::string_view text, std::string_view command) {

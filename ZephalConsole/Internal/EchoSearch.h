@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -32,6 +33,7 @@ struct Echo {
 /// is no echo.
 class EchoSearch {
  public:
+  /// The command must outlive it.
   explicit EchoSearch(std::string_view command);
 
   /// `text` begins with the text of the last call.
@@ -42,18 +44,20 @@ class EchoSearch {
   // How many characters of the command may have been echoed so far: a bit for each number.
   using Positions = std::vector<Word>;
 
+  std::optional<Echo> lookPlainly(std::string_view text);
+  void prepare();
   bool isComplete() const;
   size_t mostShown() const;
   bool step(std::string_view text, size_t at, Positions* positions) const;
   void addAll(Positions* positions) const;
 
-  const size_t _length;  // of the command
+  const std::string_view _command;
   // For each byte where in `_masks` its mask begins: the places where the command has it. The mask
   // of the bytes that it does not have is the first.
   std::array<uint32_t, 256> _maskOf{};
   std::vector<Word> _masks;
-  Positions _positions;
-  size_t _at = 0;  // the first byte that is not yet in `_positions`
+  Positions _positions;  // empty while the text is the command's own beginning
+  size_t _at = 0;        // the first byte that was not looked at
 };
 
 /// The same for a text that is complete, or is looked at from its beginning each time.
