@@ -48,12 +48,14 @@ class OpeningAndClosing {
     }
   }
 
-  // False if it was open, and if another thread has closed it since.
+  // False if it was open, if another thread has closed it since, and for an ordinary user if that
+  // thread has left the hold of a terminal behind.
   void open() {
     _device.device.liftExclusiveHold();
     ZPKErrorPtr error;
     const bool isOpen = _channel->openWithTimeout(1, &error);
-    requireCode(isOpen || error == nullptr, error, 1);
+    const bool isHeld = error != nullptr && error->code() == 4;
+    requireCode(isOpen || error == nullptr || isHeld, error, 1);
   }
 
   static void requireCode(bool hasSucceeded, const ZPKErrorPtr& error, int code) {

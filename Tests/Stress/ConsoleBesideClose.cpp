@@ -31,11 +31,16 @@ class ConsoleStorm {
   void run() {
     _talking = 2;
     _rounds = 3 + _dice.below(20);
+    const size_t disturbers = 1 + _dice.below(2);
+    _busy = 2 + disturbers;
     std::vector<std::function<void()>> bodies = {[this, own = _dice.child()] { talk(own, 0); },
                                                  [this, own = _dice.child()] { talk(own, 1); },
-                                                 [this, own = _dice.child()] { disturb(own); }};
-    if (_dice.oneIn(2)) bodies.emplace_back([this, own = _dice.child()] { disturb(own); });
+                                                 [this, own = _dice.child()] { liftHold(own); }};
+    for (size_t left = disturbers; left > 0; --left) {
+      bodies.emplace_back([this, own = _dice.child()] { disturb(own); });
+    }
     runTogether(bodies);
+    _device.device.liftExclusiveHold();
     reopen();
     requireAnswer(_console->ask("last"), "last");
     _console->close();
@@ -64,10 +69,18 @@ class ConsoleStorm {
       dice.pause(std::chrono::microseconds(500));
     }
     --_talking;
+    --_busy;
+  }
+
+  // An ordinary user cannot open a terminal again whose hold has outlived a close.
+  void liftHold(Dice dice) {
+    while (_busy > 0) {
+      _device.device.liftExclusiveHold();
+      dice.pause(std::chrono::microseconds(2000));
+    }
   }
 
   void reopen() {
-    _device.device.liftExclusiveHold();
     try {
       _console->reopen();
     } catch (const zephal::Cancelled&) {
@@ -86,6 +99,7 @@ class ConsoleStorm {
       if (choice > 3) require(_console->lost() == 0, "bytes were lost");
       _console->isOpen();
     }
+    --_busy;
   }
 
   Dice& _dice;
@@ -93,7 +107,8 @@ class ConsoleStorm {
   AnsweringDevice _device;
   std::optional<Console> _console;
   size_t _rounds = 0;
-  std::atomic<int> _talking{0};
+  std::atomic<size_t> _talking{0};
+  std::atomic<size_t> _busy{0};  // talkers and disturbers
 };
 
 }  // namespace
