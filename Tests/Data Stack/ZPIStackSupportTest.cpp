@@ -4,6 +4,7 @@
 #include "Data Stack/ZPIStackSupport.h"
 #include "Support/ErrorExpectations.h"
 #include "Support/ScriptedChannel.h"
+#include "Support/SystemCalls.h"
 
 using namespace support;
 
@@ -111,6 +112,20 @@ TEST(ZPIStackSupportTest, AFailedCloseOfAnAbandonedChainIsLogged) {
   const std::string line =
       "Error closing commChannel during dealloc : " + olderError()->debugDescription();
   EXPECT_THAT(log.lines(), ElementsAre(LogLine{0, line}));
+}
+
+TEST(ZPIStackSupportTest, WithoutMemoryAFailedCloseOfAnAbandonedChainGoesUnreported) {
+  constexpr size_t kAllocations = 3;  // at least as many as the line needs
+  for (size_t failing = 0; failing < kAllocations; ++failing) {
+    LogCapture log;
+    auto chain = ScriptedChannel::make();
+    chain->setCloseResult(false, olderError());
+    SystemCalls calls;
+    calls.failAllocation(failing);
+    ZPICloseAbandonedChain(chain);
+    EXPECT_GT(calls.allocations(), failing);
+    EXPECT_THAT(log.lines(), IsEmpty());
+  }
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <future>
 #include <limits>
+#include <new>
 #include <string>
 
 #include "Support/Bytes.h"
@@ -260,6 +261,25 @@ TEST_F(FileDescriptorCommunicationTest, ARealSignalDuringTheReadItselfClosesIt) 
   _pair.send("x");  // releases a reader that no signal reached
   EXPECT_EQ(result.get(), nullptr);
   expectFailure(_error, _log, readFailure(EINTR));
+  EXPECT_FALSE(communication.isOpen());
+}
+
+// Fails for lack of memory after the descriptor was closed.
+struct ForgetfulPolicy : RecordingPolicy {
+  using RecordingPolicy::RecordingPolicy;
+  bool close(int32_t descriptor, ZPKErrorPtr* error) const {
+    RecordingPolicy::close(descriptor, error);
+    throw std::bad_alloc();
+  }
+};
+
+TEST_F(FileDescriptorCommunicationTest, AWriterThatClosesWithoutMemoryReturns) {
+  ZPIFileDescriptorCommunication<ForgetfulPolicy> communication(_pair.ours,
+                                                                ForgetfulPolicy(&_record));
+  SystemCalls calls;
+  calls.before("send", [&] { EXPECT_TRUE(communication.close(&_error)); });
+  EXPECT_FALSE(communication.write(dataOf("x"), nullptr));
+  EXPECT_THAT(_record.closed, ElementsAre(_pair.ours));
   EXPECT_FALSE(communication.isOpen());
 }
 

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "Support/SystemCalls.h"
 #include "Utility/ZPIObjectTree.h"
 
 namespace {
@@ -123,6 +124,20 @@ TEST(ZPIObjectTreeTest, AllPartsAreDestroyedBeforeTheReleaseReturns) {
       10, ZPKArray::init({counted(), ZPKDictionary::init({{"a", counted()}, {"b", counted()}})}));
   tree.reset();
   EXPECT_EQ(destroyed, 3);
+}
+
+TEST(ZPIObjectTreeTest, AReleaseWithoutMemoryDestroysAllParts) {
+  constexpr size_t kAllocations = 6;  // of a release of 30 levels, each with two elements
+  for (size_t failing = 0; failing < kAllocations; ++failing) {
+    int destroyed = 0;
+    ZPKObjectPtr tree = std::make_shared<const Counted>([&destroyed] { ++destroyed; });
+    for (int i = 0; i < 30; ++i) tree = ZPKArray::init({ZPKValue(i), tree});
+    support::SystemCalls calls;
+    calls.failAllocation(failing);
+    tree.reset();
+    EXPECT_GT(calls.allocations(), failing);
+    EXPECT_EQ(destroyed, 1);
+  }
 }
 
 TEST(ZPIObjectTreeTest, PartsThatAreHeldElsewhereLiveOn) {

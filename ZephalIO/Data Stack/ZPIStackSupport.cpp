@@ -1,5 +1,7 @@
 #include "Data Stack/ZPIStackSupport.h"
 
+#include <exception>
+
 #include "Data Channel/ZPKDataChannelDecorators.h"
 #include "ZephalLogging.h"
 
@@ -29,9 +31,14 @@ bool ZPICloseChain(const ZPKDataChannelPtr& chain, ZPKErrorPtr* error) {
   return chain != nullptr && chain->close(error) && chain->reset(error);
 }
 
+// For destructors, which must not throw: without memory, a failure goes unreported.
 void ZPICloseAbandonedChain(const ZPKDataChannelPtr& chain) {
-  if (!ZPIIsOpened(chain)) return;
-  ZPKErrorPtr error;
-  if (chain->close(&error)) return;
-  ZPKLoggingLog(ZPKLogGetAnchor(), 0, "Error closing commChannel during dealloc : %@", error);
+  try {
+    if (!ZPIIsOpened(chain)) return;
+    ZPKErrorPtr error;
+    if (chain->close(&error)) return;
+    ZPKLoggingLog(ZPKLogGetAnchor(), 0, "Error closing commChannel during dealloc : %@", error);
+  } catch (const std::exception&) {
+    return;
+  }
 }

@@ -6,6 +6,7 @@
 #include <sys/time.h>
 
 #include <cstdint>
+#include <exception>
 #include <utility>
 
 #include "Utility/ZPIHeldDescriptor.h"
@@ -171,7 +172,16 @@ class ZPIFileDescriptorCommunication {
     ScopedUse(const ScopedUse&) = delete;
     ScopedUse& operator=(const ScopedUse&) = delete;
     ~ScopedUse() {
-      if (use && use.leave()) owner->policy.close(use.descriptor(), nullptr);
+      if (use && use.leave()) closeAsLast();
+    }
+
+    // The descriptor is closed even if there is no memory to report that this failed.
+    void closeAsLast() {
+      try {
+        owner->policy.close(use.descriptor(), nullptr);
+      } catch (const std::exception&) {
+        return;
+      }
     }
 
     // Ends the use and closes; the result is that of close().

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <new>
 #include <stack>
 #include <utility>
 #include <variant>
@@ -203,30 +204,38 @@ ZPKObjectPtr take(ZPKObjectPtr* element) { return std::move(*element); }
 // Removes the last of the waiting parts and returns it.
 ZPKObjectPtr takeLast(std::vector<Parts>* waiting) {
   ZPKObjectPtr last;
-  const bool isUsedUp = std::visit(
-      [&last](auto& parts) {
-        last = take(&parts.back());
-        parts.pop_back();
-        return parts.empty();
-      },
-      waiting->back());
+  const auto takeFrom = [&last](auto* parts) {
+    last = take(&parts->back());
+    parts->pop_back();
+    return parts->empty();
+  };
+  // Unlike std::visit, this cannot throw.
+  Parts* const parts = &waiting->back();
+  auto* const entries = std::get_if<ZPKDictionary::Entries>(parts);
+  const bool isUsedUp =
+      entries != nullptr ? takeFrom(entries) : takeFrom(std::get_if<ZPKArray::Elements>(parts));
   if (isUsedUp) waiting->pop_back();
   return last;
 }
 
 void release(Parts parts) {
-  if (waitingParts != nullptr) {
-    waitingParts->push_back(std::move(parts));
+  try {
+    if (waitingParts != nullptr) {
+      waitingParts->push_back(std::move(parts));
+      return;
+    }
+    std::vector<Parts> waiting;
+    waiting.push_back(std::move(parts));
+    waitingParts = &waiting;
+    while (!waiting.empty()) {
+      // Destroyed at the end of this pass, which may add to `waiting`.
+      const ZPKObjectPtr last = takeLast(&waiting);
+    }
+    waitingParts = nullptr;
+  } catch (const std::bad_alloc&) {
+    // No memory to let them wait: they are released by recursion. A destructor must not throw.
     return;
   }
-  std::vector<Parts> waiting;
-  waiting.push_back(std::move(parts));
-  waitingParts = &waiting;
-  while (!waiting.empty()) {
-    // Destroyed at the end of this pass, which may add to `waiting`.
-    const ZPKObjectPtr last = takeLast(&waiting);
-  }
-  waitingParts = nullptr;
 }
 
 }  // namespace
