@@ -73,8 +73,8 @@ class Cancel {
 /// Lets the operations of this thread be ended by one cancel.
 class CancelScope {
  public:
-  explicit CancelScope(const std::shared_ptr<Cancel>& cancel)
-      : _cancel(cancel), _outer(operationsCancel) {}
+  explicit CancelScope(std::shared_ptr<Cancel> cancel)
+      : _cancel(std::move(cancel)), _outer(operationsCancel) {}
   void enter() { operationsCancel = _cancel->flag(); }
   void leave() { operationsCancel = _outer; }
 
@@ -146,6 +146,7 @@ class BytesConsole {
           return std::make_unique<Console>(url, std::move(options));
         })) {}
   BytesConsole(const BytesConsole&) = delete;
+  // NOLINTNEXTLINE(bugprone-exception-escape): pybind11's release does not throw here.
   ~BytesConsole() {
     const py::gil_scoped_release release;
     _console.reset();
@@ -238,6 +239,7 @@ void raise(const char* name, const WaitError& error) {
 
 void raise(const char* name, const Error& error) { raise(name, error, bytesOf(""), py::str("")); }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): pybind11 wants this signature.
 void translate(std::exception_ptr thrown) {
   try {
     if (thrown) std::rethrow_exception(thrown);
@@ -268,7 +270,7 @@ DevicePlace placeOf(const std::string& kind, const std::string& path, int port) 
   if (kind == "pty") return path.empty() ? DeviceKind::kTerminal : DevicePlace::terminalAt(path);
   if (kind == "tcp") return DevicePlace::tcpAt(port);
   if (kind == "unix") return path.empty() ? DeviceKind::kUnix : DevicePlace::unixAt(path);
-  throw py::value_error("the kind of a simulator is \"pty\", \"tcp\" or \"unix\"");
+  throw py::value_error(R"(the kind of a simulator is "pty", "tcp" or "unix")");
 }
 
 // Runs on the device's thread. An answer that cannot be had is reported as Python reports what
@@ -308,8 +310,7 @@ DeviceAnswer makeAnswer(std::string text, const std::string& then, bool isSilent
                                                     {"reboot", Then::kReboot}};
   const auto found = kinds.find(then);
   if (found == kinds.end()) {
-    throw py::value_error(
-        "after an answer comes \"prompt\", \"nothing\", \"hang_up\" or \"reboot\"");
+    throw py::value_error(R"(after an answer comes "prompt", "nothing", "hang_up" or "reboot")");
   }
   DeviceAnswer answer(std::move(text));
   answer.then = found->second;
@@ -329,6 +330,7 @@ class Simulator {
             const DeviceRecording& recording)
       : _device(std::make_unique<SimulatedDevice>(placeOf(kind, path, port), recording)) {}
   Simulator(const Simulator&) = delete;
+  // NOLINTNEXTLINE(bugprone-exception-escape): pybind11's release does not throw here.
   ~Simulator() { close(); }
 
   /// Calls the device without the interpreter's lock, which its thread may need.
@@ -357,6 +359,7 @@ auto onDevice(Operation operation) {
 
 std::vector<py::bytes> listOf(const std::vector<std::string>& texts) {
   std::vector<py::bytes> result;
+  result.reserve(texts.size());
   for (const std::string& text : texts) result.push_back(bytesOf(text));
   return result;
 }

@@ -23,7 +23,9 @@ Console& Console::operator=(Console&& other) noexcept {
 // A console that a forked process has copied is left as it is: its thread is not there to be
 // joined, and to close a serial port would reset it for the process that uses it.
 Console::~Console() {
-  if (_session != nullptr && !_session->isOfThisProcess()) _session.release();
+  if (_session != nullptr && !_session->isOfThisProcess()) {
+    static_cast<void>(_session.release());
+  }
 }
 
 const std::string& Console::url() const { return _session->url(); }

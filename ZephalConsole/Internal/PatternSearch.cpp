@@ -95,7 +95,7 @@ Pattern::Expression::Result PatternSearch::search(std::string_view text, size_t 
   start = _pattern.expression()->firstBegin(text, start);
   for (size_t block = kFirstBlock;; block *= 2) {
     const size_t last = std::min(start + block - 1, text.size());
-    const Result result = _pattern.expression()->search(text, start, last, isFinal);
+    Result result = _pattern.expression()->search(text, start, last, isFinal);
     if (result.outcome != Pattern::Expression::Outcome::kNone || last == text.size()) return result;
     if (!limit.has_value() && Clock::now() - started > kShortTime) {
       limit = processorTime() + kMostProcessorTime;

@@ -5,15 +5,15 @@
 namespace zephal::internal {
 namespace {
 
-bool isWithin(char byte, char first, char last) { return byte >= first && byte <= last; }
+bool isBetween(char byte, char first, char last) { return byte >= first && byte <= last; }
 
 // How often consoles print a byte, roughly.
 int frequencyOf(char byte) {
   if (byte == ' ' || byte == '\r' || byte == '\n') return 5;
-  if (isWithin(byte, 'a', 'z')) return 4;
-  if (isWithin(byte, '0', '9')) return 3;
-  if (isWithin(byte, 'A', 'Z')) return 1;
-  return isWithin(byte, '!', '~') ? 2 : 0;
+  if (isBetween(byte, 'a', 'z')) return 4;
+  if (isBetween(byte, '0', '9')) return 3;
+  if (isBetween(byte, 'A', 'Z')) return 1;
+  return isBetween(byte, '!', '~') ? 2 : 0;
 }
 
 constexpr size_t kBlock = 64;

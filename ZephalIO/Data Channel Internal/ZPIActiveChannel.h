@@ -8,6 +8,7 @@
 
 #include "Data Channel Internal/databufferchannel_t.h"
 #include "Data Channel/ZPKDataChannel.h"
+#include "Utility/ZPIThreadSafety.h"
 #include "Utility/ZPKAtomic.h"
 
 /// Wraps a channel and reads ahead: while it is open, a thread of its own reads the channel below
@@ -94,12 +95,12 @@ class ZPIActiveChannel final : public ZPKDataChannel,
   };
   using HandoverPtr = std::shared_ptr<Handover>;
 
-  bool isOpen_unsafe() const;
-  void startReading_unsafe(ZPKErrorPtr* error);
-  void detach_read_loop__unsafe(pthread_t* thread);
-  void endThread_unsafe();
+  bool isOpen_unsafe() const ZPI_REQUIRES(_stateLock);
+  void startReading_unsafe(ZPKErrorPtr* error) ZPI_REQUIRES(_stateLock);
+  void detach_read_loop__unsafe(pthread_t* thread) ZPI_REQUIRES(_stateLock);
+  void endThread_unsafe() ZPI_REQUIRES(_stateLock);
   static void failWithoutThread(Handover& handover);
-  void closeUnread_unsafe(ZPKErrorPtr* error);
+  void closeUnread_unsafe(ZPKErrorPtr* error) ZPI_REQUIRES(_stateLock);
   void readBelow(Handover& handover) const;
   bool readSlice(databufferchannel_t<uint8_t>* queue, ZPKErrorPtr* error) const;
   void closeOutOfMemory(ZPKErrorPtr* error) const;
@@ -107,9 +108,9 @@ class ZPIActiveChannel final : public ZPKDataChannel,
 
   const bool _buffer;  // the buffering form
   const ZPKDataChannelPtr _commChannel;
-  // Zero if no thread was started or the last one was joined. Guarded by `_stateLock`.
-  pthread_t _thread{};
   mutable std::mutex _stateLock;
+  // Zero if no thread was started or the last one was joined.
+  pthread_t _thread ZPI_GUARDED_BY(_stateLock){};
   // Null before the first opening; a closed queue stays here until the next opening. Replaced with
   // `_stateLock` held, copied without it.
   ZPKAtomic<HandoverPtr> _chan;

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Data Channel/ZPKDataChannel.h"
+#include "Utility/ZPIThreadSafety.h"
 #include "Utility/ZPKMutableData.h"
 
 /// Wraps a channel and removes the echoes of written lines from the bytes that are read. A line is
@@ -35,13 +36,16 @@ class ZPIEchoRemovalChannel final : public ZPKDataChannel {
  private:
   using LineQueue = std::queue<std::string>;
 
-  void moveLinesWithoutEcho(ZPKMutableData* output);
+  void moveLinesWithoutEcho(ZPKMutableData* output) ZPI_REQUIRES(_readWriteMutex);
 
   const ZPKDataChannelPtr _channel;
-  ZPKMutableData _readBuffer;   // bytes that were read, without a delimiter yet
-  ZPKMutableData _writeBuffer;  // bytes that were written, without a delimiter yet
   const ZPKDataPtr _delimiter;  // an immutable copy, never empty
-  LineQueue _readQueue;         // lines that were read; empty between two reads
-  LineQueue _writeQueue;        // lines that were written and whose echo has not arrived
   std::mutex _readWriteMutex;
+  // Bytes that were read, and that were written, without a delimiter yet.
+  ZPKMutableData _readBuffer ZPI_GUARDED_BY(_readWriteMutex);
+  ZPKMutableData _writeBuffer ZPI_GUARDED_BY(_readWriteMutex);
+  // Lines that were read; empty between two reads.
+  LineQueue _readQueue ZPI_GUARDED_BY(_readWriteMutex);
+  // Lines that were written and whose echo has not arrived.
+  LineQueue _writeQueue ZPI_GUARDED_BY(_readWriteMutex);
 };

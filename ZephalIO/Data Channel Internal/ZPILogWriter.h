@@ -12,6 +12,7 @@
 #include "Data Channel Internal/ZPILogBatch.h"
 #include "Data Channel Internal/ZPILogFileHandle.h"
 #include "Utility/ZPISerialQueue.h"
+#include "Utility/ZPIThreadSafety.h"
 #include "Utility/ZPKReportFailure.h"
 
 /// Writes the chunks of one logging channel to its file, in the order in which they were added. If
@@ -45,7 +46,7 @@ class ZPILogWriter final {
   explicit ZPILogWriter(std::string filePath);
   /// The writer of a forked child: it has the file, mode and owner of its parent's writer, but no
   /// thread and no chunks.
-  explicit ZPILogWriter(ZPILogWriter* parents);
+  explicit ZPILogWriter(ZPILogWriter* parents) ZPI_UNCHECKED;
   ZPILogWriter(const ZPILogWriter&) = delete;
   ZPILogWriter& operator=(const ZPILogWriter&) = delete;
   /// Writes the pending chunks. The file is closed with the last reference to its handle.
@@ -77,7 +78,7 @@ class ZPILogWriter final {
   std::string_view processText() const { return _processText; }
   ZPILogWriter* parents() const { return _parents; }
   /// Releases file and owner, and touches nothing else. For a parent's writer in a child.
-  void abandon();
+  void abandon() ZPI_UNCHECKED;
 
  private:
   void startThreadIfNeeded();
@@ -95,9 +96,10 @@ class ZPILogWriter final {
   std::atomic<bool> _isSynchronous{false};
   ZPISerialQueue _queue;
 
-  mutable std::mutex _mutex;  // guards the three fields below
-  ZPILogFileHandlePtr _fileHandle;
-  ZPILogBatch _pending;
-  bool _isTaskQueued = false;  // a task is queued that will write the pending chunks
-  ZPILogBatch _beingWritten;   // used only by tasks of the queue, and by the destructor
+  mutable std::mutex _mutex;
+  ZPILogFileHandlePtr _fileHandle ZPI_GUARDED_BY(_mutex);
+  ZPILogBatch _pending ZPI_GUARDED_BY(_mutex);
+  // A task is queued that will write the pending chunks.
+  bool _isTaskQueued ZPI_GUARDED_BY(_mutex) = false;
+  ZPILogBatch _beingWritten;  // used only by tasks of the queue, and by the destructor
 };

@@ -1,7 +1,7 @@
 #include "Data Stack/ZPIStackCall.h"
 
-bool ZPIStackCall::report(const char* domain, int code, ZPIFailureSite site, const char* message,
-                          ZPKErrorPtr* error) {
+bool ZPIStackCall::report(const char* domain, int code, const ZPIFailureSite& site,
+                          const char* message, ZPKErrorPtr* error) {
   ZPKReportFailure(error, domain, code, site, message);
   return true;
 }

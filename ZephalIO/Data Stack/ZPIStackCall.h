@@ -51,7 +51,7 @@ class ZPIStackCall final {
   bool refuse(int code, const char* message) const {
     return report(_domain, code, _site, message, _error);
   }
-  static bool report(const char* domain, int code, ZPIFailureSite site, const char* message,
+  static bool report(const char* domain, int code, const ZPIFailureSite& site, const char* message,
                      ZPKErrorPtr* error);
 
   const char* const _domain;

@@ -13,7 +13,7 @@ constexpr size_t kECIDTextLength = 19;
 constexpr size_t kDelimiterOffset = kECIDTextLength - 1;
 
 // Both are immutable and the same for every detector, so all detectors share them.
-const ZPKDataPtr& initialDelimiter() {
+const ZPKDataPtr& firstDelimiter() {
   static const ZPKDataPtr delimiter = ZPKData::dataWithString("] :-) ");
   return delimiter;
 }
@@ -32,7 +32,7 @@ ZPKECIDSwapDetectTransformerPtr ZPKECIDSwapDetectTransformer::initWithSwapAction
 
 ZPKECIDSwapDetectTransformer::ZPKECIDSwapDetectTransformer(Key, SwapAction swapAction)
     : _swapAction(std::move(swapAction)),
-      _smileyDelimiter(initialDelimiter()),
+      _smileyDelimiter(firstDelimiter()),
       _regex(initialRegex()),
       _expectedECIDString(std::string()),
       _expected(_expectedECIDString) {}

@@ -8,15 +8,15 @@
 
 namespace {
 
-// The longest finite wait, some 30,000 years: with a longer one the arithmetic could overflow.
-constexpr double kLongestWait = 1.0e12;
+// The longest finite timeout, some 30,000 years: with a longer one the arithmetic could overflow.
+constexpr double kLongestTimeout = 1.0e12;
 constexpr int64_t kNanosPerSecond = 1000000000;
 constexpr auto kLastSecond = std::numeric_limits<time_t>::max();
 
 }  // namespace
 
 timespec ZPIWallClockDeadline(double timeout) {
-  const double wait = timeout > 0.0 ? std::min(timeout, kLongestWait) : 0.0;
+  const double wait = timeout > 0.0 ? std::min(timeout, kLongestTimeout) : 0.0;
   const auto seconds = static_cast<int64_t>(wait);
   const auto fraction = static_cast<int64_t>((wait - static_cast<double>(seconds)) * 1.0e9);
   timeval now{};
