@@ -17,6 +17,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -38,6 +39,13 @@ namespace support {
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
 #define HAS_SANITIZER
 #endif
+#endif
+
+// The mangled name of operator new tells which type size_t is.
+#if SIZE_MAX > UINT32_MAX
+#define OPERATOR_NEW "_Znwm"
+#else
+#define OPERATOR_NEW "_Znwj"
 #endif
 
 // The linker's names for the calls themselves.
@@ -66,7 +74,7 @@ void __real_tzset();
 void* __real_malloc(size_t);
 void* __real_calloc(size_t, size_t);
 void* __real_realloc(void*, size_t);
-void* __real__Znwm(size_t);
+void* realNew(size_t) asm("__real_" OPERATOR_NEW);
 void __real_free(void*);
 }
 
@@ -683,9 +691,10 @@ void __wrap_free(void* block) {
 }
 
 // operator new. Where the operator below replaces it, allocations are counted there.
-void* __wrap__Znwm(size_t size) {
+void* wrappedNew(size_t size) asm("__wrap_" OPERATOR_NEW);
+void* wrappedNew(size_t size) {
   if (!hasOwnNew && countAllocation()) throw std::bad_alloc();
-  return __real__Znwm(size);
+  return realNew(size);
 }
 
 }  // extern "C"
