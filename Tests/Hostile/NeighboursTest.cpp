@@ -109,7 +109,7 @@ std::set<std::string> filesOfStartedProgram() {
 // Opens and closes everything that has a descriptor, until it is told to stop.
 void openAndClose(const std::atomic<bool>& isDone, std::atomic<size_t>* rounds) {
   const TemporaryFolder folder;
-  const SimulatedDevice terminal(DeviceKind::kTerminal);
+  SimulatedDevice terminal(DeviceKind::kTerminal);
   const SimulatedDevice tcp(DeviceKind::kTCP);
   const SimulatedDevice local(DeviceKind::kUnix);
   for (; !isDone; ++*rounds) {
@@ -123,6 +123,7 @@ void openAndClose(const std::atomic<bool>& isDone, std::atomic<size_t>* rounds) 
       EXPECT_TRUE(stack->createStackWithURL(url) && stack->openWithTimeout(30)) << url;
       stack->close();
     }
+    terminal.liftExclusiveHold();
     EXPECT_TRUE(arrivals.waitForCount(1));
     server->stop();
   }
