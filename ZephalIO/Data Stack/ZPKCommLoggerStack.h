@@ -65,7 +65,8 @@ class ZPK_EXPORT ZPKCommLoggerStack {
                       ZPKErrorPtr* error = nullptr);
   /// Sets the delimiter that ends a unit. It also applies to an open stack and to bytes that are
   /// already buffered. Null and "", the default, do not split the stream. Bytes that still have no
-  /// delimiter at close appear only in the raw log. Always true.
+  /// delimiter at close appear only in the raw log, and so can units that arrive during close.
+  /// Always true.
   bool setDelimiter(std::optional<std::string_view> delimiter, ZPKErrorPtr* error = nullptr);
 
   /// @}
