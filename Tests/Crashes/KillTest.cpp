@@ -194,8 +194,8 @@ TEST(KillTest, APauseLeavesNothingToLose) {
   for (assignment.count = 3; assignment.count < 300; assignment.count *= 3) {
     Victim victim([&](Progress& progress) { recorderTraffic().run(assignment, progress); });
     ASSERT_TRUE(victim.waitUntilLogged(static_cast<uint32_t>(assignment.count)));
-    EXPECT_TRUE(waitFor([&] { return wholeChunksIn(assignment.rawLog) == assignment.count; }));
-    EXPECT_TRUE(waitFor([&] { return 3 * wholeChunksIn(assignment.log) == assignment.count; }));
+    ASSERT_TRUE(waitFor([&] { return wholeChunksIn(assignment.rawLog) == assignment.count; }));
+    ASSERT_TRUE(waitFor([&] { return 3 * wholeChunksIn(assignment.log) == assignment.count; }));
     std::filesystem::remove(assignment.rawLog);
     std::filesystem::remove(assignment.log);
   }

@@ -36,10 +36,14 @@ Recording::Recording(const std::string& folder)
   _recorder->createStackWithBaseChannel(_source);
 }
 
+void Recording::start(uint32_t count) {
+  _end += count;
+  _source->setCount(_end);
+}
+
 bool Recording::pass(uint32_t count) {
-  const uint32_t end = passed() + count;
-  _source->setCount(end);
-  return waitFor([&] { return passed() == end; }) && waitUntilOthersSleep();
+  start(count);
+  return waitFor([this] { return passed() == _end; }) && waitUntilOthersSleep();
 }
 
 std::vector<LoggedChunk> Recording::chunksOf(const std::string& path) const {

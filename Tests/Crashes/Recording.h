@@ -19,8 +19,10 @@ class Recording {
   explicit Recording(const std::string& folder);
 
   ZPKCommLoggerStack& recorder() { return *_recorder; }
-  /// Lets the device say so many more pieces, and waits until all have passed through the recorder
-  /// and its logs have nothing left to do. False if the traffic stops.
+  /// Lets the device say so many more pieces.
+  void start(uint32_t count);
+  /// The same, and waits until all have passed through the recorder and its logs have nothing left
+  /// to do. False if the traffic stops.
   bool pass(uint32_t count);
   /// How many pieces have passed.
   uint32_t passed() const { return _progress->logged; }
@@ -33,6 +35,7 @@ class Recording {
  private:
   const std::string _log;
   const std::string _rawLog;
+  uint32_t _end = 0;
   const std::unique_ptr<Progress> _progress;
   const std::shared_ptr<PieceSource> _source;
   const ZPKCommLoggerStackPtr _recorder;

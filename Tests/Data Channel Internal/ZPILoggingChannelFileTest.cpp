@@ -206,6 +206,22 @@ TEST_F(ZPILoggingChannelFileTest, AFullDiskStopsTheLogButNotTheTraffic) {
   EXPECT_THAT(_log.lines(), IsEmpty());
 }
 
+TEST_F(ZPILoggingChannelFileTest, NoErrorOfAWriteStopsTrafficOrLog) {
+  _channel->setSynchronousLogging(true);
+  open();
+  std::vector<std::string> expected;
+  for (const int number : {EIO, EROFS, ENOSPC, EDQUOT, EFBIG, EPIPE, ENXIO, ENOMEM, EINVAL}) {
+    SystemCalls calls;
+    calls.fail("write", number);
+    EXPECT_TRUE(write("lost")) << number;
+    EXPECT_EQ(readOf("2.33")->view(), "2.33") << number;
+    expected.emplace_back("pre---read: 2.33");
+  }
+  EXPECT_TRUE(_channel->close(nullptr));
+  EXPECT_EQ(texts(), expected);
+  EXPECT_THAT(_log.lines(), IsEmpty());
+}
+
 // Room for the first prefix and three bytes after it.
 TEST_F(ZPILoggingChannelFileTest, ASizeLimitTruncatesTheLogButNotTheTraffic) {
   const ChildResult result = runInChild([this](std::string*) {

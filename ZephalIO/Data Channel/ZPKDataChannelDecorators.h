@@ -119,16 +119,20 @@ ZPK_EXPORT ZPKDataChannelPtr createEchoRemovalChannel(const ZPKDataChannelPtr& c
 ///
 /// With `synchronousLogging` a read or write returns when its lines are in the file. Otherwise they
 /// are written in the background: immediately after a pause, together with others during busy
-/// traffic. So a program that ends without close can lose the last of its traffic. The channel has
-/// a thread for this, which open starts and close ends, and which sleeps while idle (8.5 KiB of
-/// resident memory). If the system cannot start it, open continues, and a read or write returns
-/// when its lines are in the file.
+/// traffic. So a program that ends without close, or is killed, can lose the last of its traffic:
+/// what was logged since the write before the last one began, which takes milliseconds on a local
+/// disk. Its last chunk can be cut. fsync(2) is never called. The channel has a thread for this,
+/// which open starts and close ends, and which sleeps while idle (8.5 KiB of resident memory). If
+/// the system cannot start it, open continues, and a read or write returns when its lines are in
+/// the file. A slow disk delays neither reads nor writes: the lines wait in memory, without limit,
+/// and close waits until they are written.
 ///
 /// Several channels and processes can share one file; each locks it (flock(2)) while it writes its
 /// lines. Anyone who may read the file can lock it too: a write waits for the lock for at most a
 /// second, then continues without it, and the first time says so in the log. Lines that do not fit,
-/// on a full disk for instance, are lost silently, and the traffic continues. The file stays the
-/// one that was opened, even if it is moved or removed.
+/// on a full disk for instance, are lost silently, and the traffic continues. The beginning of a
+/// chunk that fits stays. When there is room again, the log goes on. The file stays the one that
+/// was opened, even if it is moved or removed; a close and an open use the one of that name again.
 ///
 /// Fails for a null channel, then for a null path, then for a null identifier.
 ZPK_EXPORT ZPKDataChannelPtr createLoggingChannel(const ZPKDataChannelPtr& channel,
