@@ -449,6 +449,27 @@ TEST(ZPKRegexTest, TheInterpreterGivesUpOnACatastrophicPattern) {
   EXPECT_TRUE(regex->firstMatch("baaa").has_value());
 }
 
+// --- What PCRE2's search for a place to begin gets wrong.
+
+TEST(ZPKRegexTest, AlternativesBeforeARepetitionHideNoMatch) {
+  EXPECT_EQ(firstRange("(c|).*?.", "c"), (ZPKRange{0, 1}));
+  EXPECT_EQ(firstRange("(?:.|)a*?b", "bc"), (ZPKRange{0, 1}));
+  EXPECT_EQ(firstRange(".(a|)[ab]*?a", "ca"), (ZPKRange{0, 2}));
+  EXPECT_EQ(firstRange("([ab].|.)a*?(){2,}.", "ba"), (ZPKRange{0, 2}));
+  EXPECT_THAT(allRanges("((.|.)|([bc]..|)).*((b|.)|(b|.))", "cc\n\nc"),
+              ElementsAre(ZPKRange{0, 2}, ZPKRange{4, 1}));
+}
+
+TEST(ZPKRegexTest, AnAtomicGroupBeforeARepetitionKeepsWhatItTook) {
+  EXPECT_FALSE(first("(?>\\w*|)a", "a\nba").has_value());
+  EXPECT_EQ(firstRange("(?>.{2,}|)[ab]", "bbca"), (ZPKRange{3, 1}));
+}
+
+TEST(ZPKRegexTest, ALookaheadBeforeARepetitionHidesNoMatch) {
+  EXPECT_EQ(firstRange("(?=a)\\w*a", "a"), (ZPKRange{0, 1}));
+  EXPECT_EQ(firstRange("(?=b).?b+c*?", "c\nbac"), (ZPKRange{2, 1}));
+}
+
 // --- Threads.
 
 TEST(ZPKRegexTest, SeveralThreadsMayUseOneExpression) {

@@ -51,6 +51,18 @@ void checkVerbs(std::string_view source) {
   if (commit != std::string_view::npos) refuse(source, "(*COMMIT) is not supported", commit);
 }
 
+// Whether PCRE2's short cuts to where a match can begin may miss a match or find a wrong one (seen
+// in 10.42): where alternatives come before the first repetition, as in `(a|).*b`, and beside
+// lookarounds and atomic groups.
+bool mayBeMisled(std::string_view source) {
+  const size_t repetition = source.find_first_of("*+{");
+  if (repetition == std::string_view::npos) return false;
+  for (size_t at = source.find("(?"); at < source.size(); at = source.find("(?", at + 2)) {
+    if (source.find_first_of(":imsxnJ^", at + 2) != at + 2) return true;
+  }
+  return source.find('(') < repetition && source.find('|') != std::string_view::npos;
+}
+
 // With \z for \Z, which would match in front of a final line feed.
 std::string withPlainEnds(std::string_view source) {
   checkVerbs(source);
@@ -94,9 +106,10 @@ Pattern::Expression::Expression(std::string_view source) : _source(source) {
   int code = 0;
   PCRE2_SIZE offset = 0;
   const std::string expression = withPlainEnds(source);
-  constexpr uint32_t kOptions =
+  uint32_t options =
       PCRE2_USE_OFFSET_LIMIT | PCRE2_NEVER_BACKSLASH_C | PCRE2_NEVER_UTF | PCRE2_DOLLAR_ENDONLY;
-  _code = pcre2_compile(bytesOf(expression), expression.size(), kOptions, &code, &offset, nullptr);
+  if (mayBeMisled(expression)) options |= PCRE2_NO_START_OPTIMIZE;
+  _code = pcre2_compile(bytesOf(expression), expression.size(), options, &code, &offset, nullptr);
   if (_code == nullptr) refuse(source, code, offset);
   // Without the just-in-time compiler the same results come more slowly.
   pcre2_jit_compile(_code, PCRE2_JIT_COMPLETE | PCRE2_JIT_PARTIAL_HARD);

@@ -49,6 +49,31 @@ const uint8_t* codeUnits(std::string_view text) {
   return reinterpret_cast<const uint8_t*>(text.data() != nullptr ? text.data() : "");
 }
 
+// Whether a pattern has a group beyond plain ones and options, such as a lookaround.
+bool hasSpecialGroup(std::string_view pattern) {
+  for (size_t at = pattern.find("(?"); at < pattern.size(); at = pattern.find("(?", at + 2)) {
+    if (pattern.find_first_of(":imsxnJ^", at + 2) != at + 2) return true;
+  }
+  return false;
+}
+
+// Whether PCRE2's short cuts to where a match can begin may go wrong (seen in 10.42). Its
+// just-in-time compiler misses matches of `(a|).*b`, where alternatives come before the first
+// repetition, and finds wrong ones of atomic groups; both forms miss `(?=a)\w*a` in "a".
+// Alternatives that are repeated themselves, as in `(.|\n)*b`, are safe, and too slow without the
+// short cuts.
+bool mayBeMisled(std::string_view pattern) {
+  const size_t repetition = pattern.find_first_of("*+{");
+  if (repetition == std::string_view::npos) return false;
+  if (hasSpecialGroup(pattern)) return true;
+  const std::string_view before = pattern.substr(0, repetition);
+  const size_t group = before.find('(');
+  if (group == std::string_view::npos || pattern.find('|') == std::string_view::npos) return false;
+  const bool isRepeatedGroup = before.ends_with(')') && !before.ends_with("\\)") &&
+                               before.find_first_of("([", group + 1) == std::string_view::npos;
+  return !isRepeatedGroup;
+}
+
 // The compiled form, or null with the number and the offset of the mistake.
 Owned<pcre2_code> compile(std::string_view pattern, uint32_t options, int* number, size_t* offset) {
   const Owned<pcre2_compile_context> context(pcre2_compile_context_create(nullptr));
@@ -59,6 +84,7 @@ Owned<pcre2_code> compile(std::string_view pattern, uint32_t options, int* numbe
   pcre2_set_newline(context.get(), PCRE2_NEWLINE_ANYCRLF);
   // Positions count code points, so no match may end within one.
   options |= PCRE2_UTF | PCRE2_NEVER_BACKSLASH_C;
+  if (mayBeMisled(pattern)) options |= PCRE2_NO_START_OPTIMIZE;
   Owned<pcre2_code> code(
       pcre2_compile(codeUnits(pattern), pattern.size(), options, number, offset, context.get()));
   // If the machine has no JIT, this fails, and the interpreter does the matching.

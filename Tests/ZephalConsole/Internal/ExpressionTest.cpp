@@ -22,6 +22,17 @@ TEST(Expression, SaysWhereAnExpressionIsWrong) {
   }
 }
 
+// PCRE2's search for a place to begin misses the first three, and finds the last.
+TEST(Expression, FindsWhatShortCutsMiss) {
+  const auto outcomeOf = [](const char* source, std::string_view text) {
+    return Pattern::Expression(source).search(text, 0, text.size(), true).outcome;
+  };
+  EXPECT_EQ(outcomeOf("(c|).*?.", "c"), Outcome::kMatch);
+  EXPECT_EQ(outcomeOf("(?:.|)a*?b", "bc"), Outcome::kMatch);
+  EXPECT_EQ(outcomeOf("(?=a)\\w*a", "a"), Outcome::kMatch);
+  EXPECT_EQ(outcomeOf("(?>\\w*|)a", "a\nba"), Outcome::kNone);
+}
+
 TEST(Expression, IsPartialIfMoreBytesCouldMakeTheMatchLonger) {
   const Pattern::Expression expression("b+");
   const auto result = expression.search("abb", 0, 3, false);
