@@ -121,7 +121,7 @@ void run(FuzzInput input) {
   const Patterns patterns(input);
   std::vector<std::string> chunks;
   std::string sent;
-  while (!input.isUsedUp() && sent.size() < 400) {
+  while (!input.isUsedUp() && sent.size() < 160) {
     chunks.push_back(input.flag() ? input.textOf("aabbc\n", 9) : input.textOf(kEscapes, 20));
     if (input.below(32) == 0) chunks.back().append(input.below(80), ';');
     sent += chunks.back();
