@@ -18,13 +18,13 @@ namespace {
 std::atomic<long> bytesInUse{0};
 std::atomic<long> peak{0};
 
-void add(const void* block) {
+[[maybe_unused]] void add(const void* block) {
   const long now = bytesInUse += static_cast<long>(::malloc_usable_size(const_cast<void*>(block)));
   for (long before = peak; before < now && !peak.compare_exchange_weak(before, now);) {
   }
 }
 
-void remove(const void* block) {
+[[maybe_unused]] void remove(const void* block) {
   bytesInUse -= static_cast<long>(::malloc_usable_size(const_cast<void*>(block)));
 }
 
