@@ -17,6 +17,13 @@ target_compile_options(zephalio_warnings INTERFACE
 add_library(zephalio_shipped INTERFACE)
 set_property(TARGET zephalio_shipped PROPERTY INTERFACE_POSITION_INDEPENDENT_CODE ON)
 
+# The tests are compiled as in any build, so that ccache knows their objects.
+if(ZEPHALIO_COUNT_COVERAGE)
+  target_compile_options(zephalio_shipped INTERFACE --coverage -fprofile-update=atomic -O0)
+  # A test's child process, which does not return from main, writes its counts itself.
+  add_link_options(--coverage LINKER:--undefined=__gcov_dump)
+endif()
+
 # A build without a type is optimised, unless its flags set a level.
 if(NOT CMAKE_CXX_FLAGS MATCHES "-O")
   target_compile_options(zephalio_shipped INTERFACE $<$<CONFIG:>:-O2>)
@@ -32,7 +39,7 @@ target_compile_options(zephalio_shipped INTERFACE
 if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
   target_compile_options(zephalio_shipped INTERFACE
     $<$<NOT:$<CONFIG:Debug>>:-fstack-protector-strong>)
-  if(NOT CMAKE_CXX_FLAGS MATCHES "_FORTIFY_SOURCE|-O0")
+  if(NOT CMAKE_CXX_FLAGS MATCHES "_FORTIFY_SOURCE|-O0" AND NOT ZEPHALIO_COUNT_COVERAGE)
     target_compile_options(zephalio_shipped INTERFACE
       "$<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
   endif()

@@ -200,6 +200,14 @@ TEST_F(ZPIActiveChannelTest, OverAnOpenLineItRunsAtOnce) {
   expectOpens();
 }
 
+TEST_F(ZPIActiveChannelTest, OpenedOnlyBelowItIsClosed) {
+  makeNeverOpened();
+  ASSERT_TRUE(_line->openWithTimeout(1.0, nullptr));
+  EXPECT_FALSE(_channel->isOpened());
+  EXPECT_EQ(_channel->readWithTimeout(0.0, nullptr), nullptr);
+  EXPECT_TRUE(_line->isOpened());
+}
+
 // --- The null form
 
 TEST_F(ZPIActiveChannelTest, TheNullFormRejectsReadsAndWritesInEveryState) {

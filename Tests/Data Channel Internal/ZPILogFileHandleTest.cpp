@@ -422,6 +422,21 @@ TEST_F(ZPILogFileHandleTest, AWriteWaitsAtMostASecondAndSaysSo) {
   EXPECT_EQ(log.lines(), once);
 }
 
+TEST_F(ZPILogFileHandleTest, ALockThatIsFreeAgainStillWasTaken) {
+  const LogCapture log;
+  const auto handle = create();
+  const int other = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(::flock(other, LOCK_SH), 0);
+  TestClock clock;
+  const SkippedWaits skipped(clock);
+  SystemCalls calls;
+  calls.before("write", [&] { ::close(other); });
+  append(handle, {std::string(65536, 'a'), "b"});
+  EXPECT_EQ(calls.count("flock LOCK_UN"), 1U);
+  EXPECT_EQ(contents(), std::string(65536, 'a') + "b");
+  EXPECT_EQ(log.lines().size(), 1U);
+}
+
 TEST_F(ZPILogFileHandleTest, AfterTheLockWasFreeWritesWaitForItAgain) {
   const LogCapture log;
   const auto handle = create();

@@ -106,6 +106,13 @@ TEST_F(ZPKCommStackReadTest, BytesAfterTheDelimiterBeginTheNextResponse) {
   EXPECT_EQ(made->sendCommandString("2", 1), "two> ");
 }
 
+TEST_F(ZPKCommStackReadTest, WithoutItsAggregatorAReadIgnoresItsOwnDelimiter) {
+  const ScriptedStack made;
+  made->setAggregator(nullptr);
+  made.base->addRead("one#two> three");
+  EXPECT_EQ(bytesOf(made->readDataWithTimeout(1, ZPKData::dataWithString("#"))), "one#two> ");
+}
+
 TEST_F(ZPKCommStackReadTest, ALateResponseAnswersTheNextCommand) {
   const ScriptedStack made;
   ZPKErrorPtr error;

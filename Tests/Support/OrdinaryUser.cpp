@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +13,9 @@
 #include <system_error>
 
 #include "Support/EventWait.h"
+
+// Writes the counts of this process; only a build that counts coverage has it.
+extern "C" [[gnu::weak]] void __gcov_dump();
 
 namespace support {
 
@@ -53,6 +57,12 @@ std::string readUntilClosed(int descriptor) {
   return text;
 }
 
+// The counts do not fit under the limit of a test about file sizes.
+void writeCounts() {
+  constexpr rlimit kNone{RLIM_INFINITY, RLIM_INFINITY};
+  if (__gcov_dump != nullptr && ::setrlimit(RLIMIT_FSIZE, &kNone) == 0) __gcov_dump();
+}
+
 ChildResult waitForEnd(pid_t child) {
   int status = 0;
   const bool hasEnded = waitFor([&] { return ::waitpid(child, &status, WNOHANG) == child; });
@@ -80,6 +90,7 @@ ChildResult run(const ChildFunction& function, bool asNobody) {
     if (!isReady) message = "cannot become an ordinary user";
     const int status = isReady ? runGuarded(function, &message) : kExceptionStatus;
     writeAll(ends[1], message);
+    writeCounts();
     // Not exit: only the parent may run the exit handlers of the test program.
     ::_exit(status);
   }

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "Support/SystemCalls.h"
 #include "Utility/ZPIBlock.h"
 
 namespace {
@@ -129,6 +130,30 @@ TEST_F(ZPIBlockTest, ASmallBlockIsKeptWhateverItHolds) {
   EXPECT_FALSE(ZPIBlock::dropFirst(block, 3));
   EXPECT_FALSE(ZPIBlock::empty(block, 0));
   EXPECT_EQ(block.capacity, 1024U);
+}
+
+TEST_F(ZPIBlockTest, GrowingWithoutMemoryChangesNothing) {
+  for (const bool isInObject : {false, true}) {
+    isInObject ? placeInObject("abc") : placeInMemory("abc", 3);
+    {
+      support::SystemCalls calls;
+      calls.failAllocation();
+      EXPECT_THROW(ZPIBlock::reserveAtEnd(block, 1000), std::bad_alloc);
+    }
+    EXPECT_EQ(bytes(), "abc");
+    if (!isInObject) std::free(block.storage);
+  }
+}
+
+TEST_F(ZPIBlockTest, WithoutMemoryForASmallerBlockTheLargeOneStays) {
+  placeInMemory(std::string(100'000, 'x') + "abc", 200'000);
+  support::SystemCalls calls;
+  calls.failAllocation();
+  EXPECT_FALSE(ZPIBlock::dropFirst(block, 100'000));
+  EXPECT_EQ(bytes(), "abc");
+  EXPECT_EQ(block.capacity, 200'000U);
+  EXPECT_TRUE(ZPIBlock::dropFirst(block, 1));
+  EXPECT_EQ(bytes(), "bc");
 }
 
 TEST_F(ZPIBlockTest, ARequestForImpossibleRoomChangesNothing) {

@@ -107,6 +107,16 @@ TEST(ZPIObjectTreeTest, DeeplyNestedDictionariesAreDescribed) {
   EXPECT_EQ(description.size(), size_t{kDeep} * 8 + 1);
 }
 
+TEST(ZPIObjectTreeTest, OnlyNullEqualsNull) {
+  const auto null = ZPKArray::init({nullptr});
+  for (const ZPKValue& value : {ZPKValue(0), ZPKValue(""), ZPKValue(ZPKArray::init())}) {
+    const auto other = ZPKArray::init({value});
+    EXPECT_FALSE(other->isEqual(*null)) << other->debugDescription();
+    EXPECT_FALSE(null->isEqual(*other)) << other->debugDescription();
+  }
+  EXPECT_TRUE(null->isEqual(*ZPKArray::init({nullptr})));
+}
+
 TEST(ZPIObjectTreeTest, PartsThatAreTheSameObjectAreNotCompared) {
   // Each level holds the one below twice, so comparing all of it would take 2^200 steps.
   ZPKObjectPtr shared = ZPKValue(1);

@@ -80,7 +80,8 @@ TEST(ZPKOptionsTest, ABoolIsANumberOrAWord) {
     options->set("key", text);
     EXPECT_EQ(options->boolean("key"), true) << text;
   }
-  for (const char* const text : {"false", "no", "0", "", "on", "y", "tru", "truee", "true "}) {
+  for (const char* const text :
+       {"false", "no", "0", "", "on", "y", "tru", "truee", "true ", "t ue", "t~ue"}) {
     options->set("key", text);
     EXPECT_EQ(options->boolean("key"), false) << text;
   }

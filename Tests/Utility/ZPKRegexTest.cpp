@@ -453,6 +453,8 @@ TEST(ZPKRegexTest, TheInterpreterGivesUpOnACatastrophicPattern) {
 
 TEST(ZPKRegexTest, AlternativesBeforeARepetitionHideNoMatch) {
   EXPECT_EQ(firstRange("(c|).*?.", "c"), (ZPKRange{0, 1}));
+  EXPECT_EQ(firstRange("(c|)\\)*?.", "c"), (ZPKRange{0, 1}));
+  EXPECT_EQ(firstRange("(c|)(.)*?.", "c"), (ZPKRange{0, 1}));
   EXPECT_EQ(firstRange("(?:.|)a*?b", "bc"), (ZPKRange{0, 1}));
   EXPECT_EQ(firstRange(".(a|)[ab]*?a", "ca"), (ZPKRange{0, 2}));
   EXPECT_EQ(firstRange("([ab].|.)a*?(){2,}.", "ba"), (ZPKRange{0, 2}));

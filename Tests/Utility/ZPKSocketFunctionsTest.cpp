@@ -15,6 +15,7 @@
 #include "Support/HostNames.h"
 #include "Support/LogCapture.h"
 #include "Support/OpenDescriptors.h"
+#include "Support/OrdinaryUser.h"
 #include "Support/SignalHandler.h"
 #include "Support/StandardOutputCapture.h"
 #include "Support/SystemCalls.h"
@@ -411,6 +412,19 @@ TEST_F(NoSigpipeDeathTest, AFailedCallChangesNothing) {
     ::_exit(writeToNobody([](int) { return no_sigpipe(-1); }));
   };
   EXPECT_EXIT(run(), testing::KilledBySignal(SIGPIPE), "");
+}
+
+TEST_F(NoSigpipeDeathTest, AHostsHandlerOfDetailsStays) {
+  const ChildResult result = runInChild([](std::string*) {
+    static volatile pid_t sender = 0;
+    struct sigaction action {};
+    action.sa_flags = SA_SIGINFO;
+    action.sa_sigaction = [](int, siginfo_t* details, void*) { sender = details->si_pid; };
+    ::sigaction(SIGPIPE, &action, nullptr);
+    const int status = writeToNobody(no_sigpipe);
+    return sender == ::getpid() ? status : 3;
+  });
+  EXPECT_EQ(result.status, 0) << "signal " << result.signal;
 }
 
 TEST_F(NoSigpipeDeathTest, AHostsOwnHandlerStays) {

@@ -94,14 +94,17 @@ TEST(ZPKURLTest, AnAddressLiteralLosesItsBrackets) {
   EXPECT_EQ(parse("tcp://[::1]")->host(), "::1");
   EXPECT_EQ(parse("tcp://[::ffff:192.0.2.1]")->host(), "::ffff:192.0.2.1");
   EXPECT_EQ(parse("tcp://[v1.fe:80]:5")->host(), "v1.fe:80");
+  EXPECT_EQ(parse("tcp://[V1.fe]")->host(), "V1.fe");
 }
 
 TEST(ZPKURLTest, BracketsAroundAnythingButAnAddressAreRejected) {
-  for (const char* text :
-       {"tcp://[]", "tcp://[::1", "tcp://::1]", "tcp://[host]", "tcp://[1.2.3.4]", "tcp://[:::]",
-        "tcp://[::1]x", "tcp://[::1]:x", "tcp://[1:2:3:4:5:6:7:8:9]", "tcp://[::%31]",
-        "tcp://[12345::]", "tcp://[v.a]", "tcp://[v1.]", "tcp://[v1]", "tcp://[vg.a]",
-        "tcp://[[::1]]", "tcp://h[1]", "tcp://[::1]@h"}) {
+  for (const char* text : {"tcp://[]",       "tcp://[::1",      "tcp://::1]",
+                           "tcp://[host]",   "tcp://[1.2.3.4]", "tcp://[:::]",
+                           "tcp://[::1]x",   "tcp://[::1]:x",   "tcp://[1:2:3:4:5:6:7:8:9]",
+                           "tcp://[::%31]",  "tcp://[12345::]", "tcp://[v.a]",
+                           "tcp://[v1.]",    "tcp://[v1]",      "tcp://[vg.a]",
+                           "tcp://[v1.%31]", "tcp://[v1.a[]",   "tcp://[[::1]]",
+                           "tcp://h[1]",     "tcp://[::1]@h"}) {
     EXPECT_EQ(parse(text), nullptr) << text;
   }
 }
