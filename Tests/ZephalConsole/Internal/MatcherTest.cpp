@@ -134,16 +134,18 @@ TEST(Matcher, IsNotUndecidedOverATextThatBeginsNothing) {
   EXPECT_FALSE(matcher.isUndecided());
 }
 
+// A busy machine may take so long between two looks that the second is due, but not each time.
 TEST(Matcher, PutsOffALongSearchUntilTheTextHasGrown) {
   Matcher matcher({regex("(?s)b.*c")});
   const std::string text = "b" + std::string(size_t{8} << 20, 'x') + "c";
-  const auto lookAt = [&](size_t length) {
-    return matcher.look(std::string_view(text).substr(0, length), 0, false).has_value();
-  };
-  EXPECT_FALSE(lookAt(text.size() - 100));
-  EXPECT_FALSE(matcher.nextLook().has_value());
-  EXPECT_FALSE(lookAt(text.size() - 99));
-  EXPECT_TRUE(matcher.nextLook().has_value());
+  bool isPutOff = false;
+  for (size_t missing = 1000; missing > 0 && !isPutOff; --missing) {
+    const std::string_view part = std::string_view(text).substr(0, text.size() - missing);
+    EXPECT_FALSE(matcher.look(part, 0, false).has_value());
+    isPutOff = matcher.nextLook().has_value();
+    if (missing == 1000) EXPECT_FALSE(isPutOff);
+  }
+  EXPECT_TRUE(isPutOff);
   EXPECT_TRUE(matcher.look(text, 0, true).has_value());
 }
 
