@@ -126,7 +126,7 @@ class Kill : public testing::TestWithParam<Traffic> {
       return traffic.bytesOf(_assignment.pieces, identifier, number);
     };
     const auto chunks = chunksOfLog(contentsOfFile(path).substr(_sizes[path]), bytesOf);
-    _sizes[path] = std::filesystem::file_size(path);
+    _sizes[path] = static_cast<size_t>(std::filesystem::file_size(path));
     size_t end = 0;
     for (const auto& [writer, legacy] : legaciesIn(chunks, step)) {
       if (legacy.isCut()) ++_toll.cutChunks;

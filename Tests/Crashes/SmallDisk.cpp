@@ -44,7 +44,7 @@ bool mountDisk(const std::string& folder, const std::string& options) {
 size_t largestFileIn(const std::string& folder) {
   size_t largest = 0;
   for (const auto& file : std::filesystem::directory_iterator(folder)) {
-    if (file.is_regular_file()) largest = std::max(largest, size_t{file.file_size()});
+    if (file.is_regular_file()) largest = std::max(largest, static_cast<size_t>(file.file_size()));
   }
   return largest;
 }

@@ -55,7 +55,7 @@ __attribute__((format(printf, 2, 3))) void print(std::string* text, const char* 
   *text += buffer;
 }
 
-std::string quoted(std::string_view text) {
+std::string inQuotes(std::string_view text) {
   std::string result = "\"";
   for (const char byte : text) {
     if (byte == '"' || byte == '\\') result += '\\';
@@ -213,14 +213,14 @@ std::string Report::json() const {
   for (const Row& row : rows()) print(&text, "\"%s\": %llu, ", row.key, number(row.value));
   const auto errors = _tally.errors();
   text += "\"errors\": " + joined("{", errors, "}", [](const auto& error) {
-            return quoted(error.first) + ": " + std::to_string(error.second);
+            return inQuotes(error.first) + ": " + std::to_string(error.second);
           });
   text += ", \"latencyMilliseconds\": {";
   for (const double share : kShares) {
     print(&text, "\"%g\": %.3f, ", share, _tally.latencies.milliseconds(share));
   }
   print(&text, "\"1\": %.3f}, \"counts\": ", _tally.latencies.longestMilliseconds());
-  text += jsonOfCounts() + ", \"faults\": " + joined("[", faults(), "]", quoted);
+  text += jsonOfCounts() + ", \"faults\": " + joined("[", faults(), "]", inQuotes);
   return text + ", \"python\": " + (_python.empty() ? "null" : _python) + "}\n";
 }
 

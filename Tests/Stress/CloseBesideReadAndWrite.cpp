@@ -1,6 +1,7 @@
 #include <termios.h>
 
 #include <atomic>
+#include <limits>
 #include <thread>
 
 #include "Data Channel/ZPKDataChannelDecorators.h"
@@ -17,7 +18,7 @@ namespace support {
 namespace {
 
 // More than there is time for.
-constexpr size_t kEndless = size_t{1} << 40;
+constexpr size_t kEndless = std::numeric_limits<size_t>::max();
 
 // A read or write that a close meets fails in one of these ways.
 void requireEnding(const ZPKErrorPtr& error) {

@@ -102,7 +102,7 @@ bool EchoSearch::isComplete() const {
 size_t EchoSearch::mostShown() const {
   size_t word = _positions.size() - 1;
   while (_positions[word] == 0) --word;
-  return word * kBits + std::bit_width(_positions[word]) - 1;
+  return word * kBits + static_cast<size_t>(std::bit_width(_positions[word])) - 1;
 }
 
 // The positions after one more byte; false if there are none.
