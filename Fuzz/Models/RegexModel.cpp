@@ -4,6 +4,13 @@
 
 #include "Models/TextModel.h"
 
+namespace {
+
+// More than nearly all searches take, and over soon with the sanitizers too.
+constexpr size_t kMostSteps = 20000;
+
+}  // namespace
+
 RegexModel::RegexModel(FuzzInput& input, Text letters, Text lineBreaks)
     : _letters(std::move(letters)), _lineBreaks(std::move(lineBreaks)) {
   _root = makeSequence(input, 0);
@@ -96,6 +103,7 @@ std::vector<RegexModel::Match> RegexModel::allMatches(const Text& text) const {
 
 std::optional<size_t> RegexModel::matchAt(const Text& text, size_t start, bool mayBeEmpty) const {
   std::optional<size_t> end;
+  _steps = 0;
   matchSequence(text, _root, 0, start, [&](size_t at) {
     if (at == start && !mayBeEmpty) return false;
     end = at;
@@ -123,6 +131,7 @@ bool RegexModel::matchNode(const Text& text, const Node& node, size_t times, siz
 }
 
 bool RegexModel::matchOnce(const Text& text, const Node& node, size_t at, const Then& then) const {
+  if (++_steps > kMostSteps) throw TooManySteps();
   if (node.kind == Node::Kind::kGroup) {
     return std::any_of(node.choices.begin(), node.choices.end(), [&](const Sequence& choice) {
       return matchSequence(text, choice, 0, at, then);

@@ -25,10 +25,14 @@ class RegexModel {
   /// The expression in UTF-8, as PCRE2 reads it.
   const std::string& pattern() const { return _pattern; }
 
-  /// The first match that begins at `start` or later.
+  /// A search took so many steps that nothing can be said about its result.
+  struct TooManySteps {};
+
+  /// The first match that begins at `start` or later. May throw TooManySteps.
   std::optional<Match> firstMatch(const Text& text, size_t start) const;
   /// All matches from left to right, without overlap. After an empty match, one that is not empty
-  /// may begin at the same place. CR LF is one character for a step from place to place.
+  /// may begin at the same place. CR LF is one character for a step from place to place. May throw
+  /// TooManySteps.
   std::vector<Match> allMatches(const Text& text) const;
 
  private:
@@ -61,4 +65,5 @@ class RegexModel {
   const Text _lineBreaks;
   std::string _pattern;
   Sequence _root;
+  mutable size_t _steps = 0;  // of the search at one place
 };
