@@ -5,12 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cstdio>
 #include <filesystem>
-#include <set>
 #include <string>
-#include <thread>
 
 #include "Data Server/ZPKTCPServer.h"
 #include "Data Stack/ZPKCommLoggerStack.h"
@@ -18,6 +14,7 @@
 #include "Support/Files.h"
 #include "Support/SimulatedDevice.h"
 #include "Support/StandardOutputCapture.h"
+#include "Support/StartedPrograms.h"
 #include "Support/TCPServerFixture.h"
 #include "Support/TemporaryFolder.h"
 
@@ -84,64 +81,29 @@ TEST(HostileNeighboursTest, ALogAtASymbolicLinkOnlyAppendsToItsTarget) {
   EXPECT_TRUE(std::filesystem::is_symlink(folder.pathOf("post.log")));
 }
 
-// The files behind the descriptors that a program has which is started now. Its own pipe and its
-// own folder have numbers and paths that nothing else has.
-std::set<std::string> filesOfStartedProgram() {
-  std::set<std::string> files;
-  FILE* const pipe = ::popen("exec ls -l /proc/self/fd", "r");
-  std::string line;
-  for (int byte = std::fgetc(pipe); byte != EOF; byte = std::fgetc(pipe)) {
-    if (byte != '\n') {
-      line += static_cast<char>(byte);
-      continue;
-    }
-    const size_t arrow = line.find(" -> ");
-    if (arrow != std::string::npos) files.insert(line.substr(arrow + 4));
-    line.clear();
-  }
-  ::pclose(pipe);
-  std::erase_if(files, [](const std::string& file) {
-    return file.starts_with("pipe:") || file.starts_with("/proc/");
-  });
-  return files;
-}
-
-// Opens and closes everything that has a descriptor, until it is told to stop.
-void openAndClose(const std::atomic<bool>& isDone, std::atomic<size_t>* rounds) {
+// A flag that is set after a descriptor was made would leave a moment in which it is inherited.
+TEST(HostileNeighboursTest, ProgramsStartedMeanwhileInheritNothing) {
+  const StandardOutputCapture output;  // of the servers
   const TemporaryFolder folder;
   SimulatedDevice terminal(DeviceKind::kTerminal);
   const SimulatedDevice tcp(DeviceKind::kTCP);
   const SimulatedDevice local(DeviceKind::kUnix);
-  for (; !isDone; ++*rounds) {
+  const auto openAndClose = [&](const std::string& url) {
+    const auto stack = ZPKCommStack::init();
+    stack->setActiveChannelOnOff(true);
+    stack->setLogFilePath(folder.pathOf("post.log"), folder.pathOf("pre.log"));
+    EXPECT_TRUE(stack->createStackWithURL(url) && stack->openWithTimeout(30)) << url;
+    stack->close();
+  };
+  const auto inherited = descriptorsInheritedDuring([&] {
     Arrivals arrivals;
     const auto server = startTCPServerOnPort(0, arrivals.takeChannels());
-    const std::string served = "tcp://127.0.0.1:" + std::to_string(portOf(server->handle()));
-    for (const std::string& url : {terminal.url(), tcp.url(), local.url(), served}) {
-      const auto stack = ZPKCommStack::init();
-      stack->setActiveChannelOnOff(true);
-      stack->setLogFilePath(folder.pathOf("post.log"), folder.pathOf("pre.log"));
-      EXPECT_TRUE(stack->createStackWithURL(url) && stack->openWithTimeout(30)) << url;
-      stack->close();
-    }
+    for (const auto& url : {terminal.url(), tcp.url(), local.url()}) openAndClose(url);
+    openAndClose("tcp://127.0.0.1:" + std::to_string(portOf(server->handle())));
     terminal.liftExclusiveHold();
     EXPECT_TRUE(arrivals.waitForCount(1));
     server->stop();
-  }
-}
-
-// A flag that is set after a descriptor was made would leave a moment in which it is inherited.
-TEST(HostileNeighboursTest, ProgramsStartedMeanwhileInheritNothing) {
-  const StandardOutputCapture output;  // of the servers
-  const std::set<std::string> before = filesOfStartedProgram();
-  std::atomic<bool> isDone{false};
-  std::atomic<size_t> rounds{0};
-  std::thread opener([&] { openAndClose(isDone, &rounds); });
-  std::set<std::string> inherited;
-  for (int i = 0; i < 100; ++i) inherited.merge(filesOfStartedProgram());
-  while (rounds < 3) inherited.merge(filesOfStartedProgram());
-  isDone = true;
-  opener.join();
-  std::erase_if(inherited, [&](const std::string& file) { return before.contains(file); });
+  });
   EXPECT_THAT(inherited, IsEmpty());
 }
 
