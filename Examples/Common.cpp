@@ -2,7 +2,9 @@
 
 #include <ZephalLogging/ZephalLogging.h>
 #include <arpa/inet.h>
+#include <locale.h>
 #include <netinet/in.h>
+#include <stdlib.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,7 +14,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <optional>
@@ -34,9 +35,8 @@ std::vector<option> withCommonOptions(std::vector<option> options) {
   return options;
 }
 
-template <class Number>
-std::optional<Number> numberFrom(std::string_view text) {
-  Number number{};
+std::optional<int> integerIn(std::string_view text) {
+  int number = 0;
   const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), number);
   if (failure != std::errc() || end != text.data() + text.size()) return std::nullopt;
   return number;
@@ -89,7 +89,7 @@ int CommandLine::integer(int lowest, int highest) const {
 }
 
 double CommandLine::seconds() const {
-  const std::optional<double> number = numberFrom<double>(optarg);
+  const std::optional<double> number = decimalFrom(optarg);
   if (!number.has_value() || !std::isfinite(*number) || *number < 0) {
     refuse(optionName() + " " + optarg + ": not a number of seconds");
   }
@@ -131,7 +131,7 @@ void CommandLine::endWithUsage() const {
 
 int CommandLine::integerFrom(const std::string& name, const char* text, int lowest,
                              int highest) const {
-  const std::optional<int> number = numberFrom<int>(text);
+  const std::optional<int> number = integerIn(text);
   if (number.has_value() && *number >= lowest && *number <= highest) return *number;
   refuse(name + " " + text + ": not a number from " + std::to_string(lowest) + " to " +
          std::to_string(highest));
@@ -154,6 +154,21 @@ std::string QuietLog::reasonOf(const ZPKErrorPtr& error, int number) const {
   if (error != nullptr) return error->description();
   const std::lock_guard guard(_mutex);
   return _lastLine.empty() ? std::strerror(number) : _lastLine;
+}
+
+// std::from_chars would do the same, but not every standard library has it for a double.
+std::optional<double> decimalFrom(const std::string& text) {
+  static const locale_t plainLocale = ::newlocale(LC_ALL_MASK, "C", nullptr);
+  // strtod(3) takes more than a decimal number.
+  const bool isDecimal =
+      text.find_first_of(" \t\n\v\f\r+") != 0 && text.find_first_of("xX") == std::string::npos;
+  char* end = nullptr;
+  errno = 0;
+  const double number = ::strtod_l(text.c_str(), &end, plainLocale);
+  const bool isOutOfRange = errno == ERANGE && (number == 0 || std::isinf(number));
+  const bool isWhole = !text.empty() && end == text.c_str() + text.size();
+  if (!isDecimal || isOutOfRange || !isWhole) return std::nullopt;
+  return number;
 }
 
 std::string hintAt(const std::string& url) {

@@ -6,6 +6,7 @@
 #include <getopt.h>
 
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -74,6 +75,10 @@ class QuietLog {
 /// The one exception that the library throws, from an open, is a std::out_of_range about this.
 inline constexpr const char* kModeIsTooShort =
     "the serial mode is too short, it takes three characters such as 8N1";
+
+/// The number that the whole text is: decimal, without blanks or a plus, whatever the locale. Also
+/// "inf" and "nan". Nothing if a double cannot represent it.
+std::optional<double> decimalFrom(const std::string& text);
 
 /// What to add to a complaint about a URL that is only a path or only HOST:PORT; otherwise empty.
 std::string hintAt(const std::string& url);

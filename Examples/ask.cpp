@@ -3,9 +3,9 @@
 #include <ZephalIO/ZephalIO.h>
 
 #include <cerrno>
-#include <charconv>
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -47,10 +47,8 @@ ZPKDataChannelPtr framed(const ZPKDataChannelPtr& connection) {
 
 // A number if the text is one.
 ZPKValue valueFrom(const std::string& text) {
-  double number = 0;
-  const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (failure == std::errc() && end == text.data() + text.size()) return number;
-  return text;
+  const std::optional<double> number = decimalFrom(text);
+  return number.has_value() ? ZPKValue(*number) : ZPKValue(text);
 }
 
 // Null if the text is not a request.

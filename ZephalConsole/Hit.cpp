@@ -1,6 +1,10 @@
 #include "ZephalConsole/Hit.h"
 
-#include <charconv>
+#include <locale.h>
+#include <stdlib.h>
+
+#include <cerrno>
+#include <cmath>
 #include <stdexcept>
 #include <string_view>
 
@@ -14,24 +18,20 @@ std::string_view withoutBlanks(std::string_view text) {
   return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
-bool takePrefix(std::string_view& text, std::string_view prefix) {
-  if (!text.starts_with(prefix)) return false;
-  text.remove_prefix(prefix.size());
-  return true;
-}
-
-// Independent of the locale, unlike strtod(3).
+// Independent of the locale. Not every standard library has std::from_chars for a double: the one
+// of clang 14 does not.
 std::optional<double> numberIn(std::string_view text) {
-  const bool isNegative = takePrefix(text, "-");
-  if (!isNegative) takePrefix(text, "+");
-  const bool isHexadecimal = takePrefix(text, "0x") || takePrefix(text, "0X");
-  if (text.empty() || text.front() == '-') return std::nullopt;
-  double number = 0;
-  const auto [end, failure] =
-      std::from_chars(text.data(), text.data() + text.size(), number,
-                      isHexadecimal ? std::chars_format::hex : std::chars_format::general);
-  if (failure != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return isNegative ? -number : number;
+  static const locale_t plainLocale = ::newlocale(LC_ALL_MASK, "C", nullptr);
+  const std::string digits(withoutBlanks(text));
+  // More kinds of blanks in front, which strtod(3) would skip.
+  if (digits.starts_with('\v') || digits.starts_with('\f')) return std::nullopt;
+  char* end = nullptr;
+  errno = 0;
+  const double number = ::strtod_l(digits.c_str(), &end, plainLocale);
+  // A number with fewer bits than usual, next to zero, is reported as out of range too.
+  const bool isOutOfRange = errno == ERANGE && (number == 0 || std::isinf(number));
+  if (digits.empty() || isOutOfRange || end != digits.c_str() + digits.size()) return std::nullopt;
+  return number;
 }
 
 }  // namespace

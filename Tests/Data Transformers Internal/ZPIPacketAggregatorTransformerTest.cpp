@@ -246,7 +246,7 @@ TEST(ZPIPacketAggregatorTransformerTest, ANullChunkChangesNothing) {
 
 TEST(ZPIPacketAggregatorTransformerTest, EveryCallMatchesTheReferenceImplementation) {
   std::mt19937 random(32);
-  for (int round = 0; round < 300; ++round) {
+  for (size_t round = 0; round < 300; ++round) {
     const size_t width = 1 + round % 8;
     const auto aggregator = withWidth(static_cast<int32_t>(width));
     PlainAggregator plain(width);

@@ -52,7 +52,7 @@ class FileMask {
 };
 
 TEST(HostileNeighboursTest, TheUmaskDecidesWhoReadsTheLogs) {
-  for (const mode_t mask : {0000, 0022, 0027, 0077}) {
+  for (const mode_t mask : {0000U, 0022U, 0027U, 0077U}) {
     const TemporaryFolder folder;
     const FileMask file(mask);
     logEverything(folder);

@@ -58,7 +58,7 @@ TEST_P(HostilePeersTest, AHangUpAfterAnyByteOfAWriteLeavesNothingBehind) {
 TEST_P(HostilePeersTest, AHangUpEndsAWriteThatWaits) {
   const ZPKDataPtr much = dataOf(std::string(size_t{16} << 20, 'x'));
   const std::set<int> before = openDescriptors();
-  for (const size_t taken : {0, 1, 4095, 4096, 4097, 65536, 200000}) {
+  for (const size_t taken : {0U, 1U, 4095U, 4096U, 4097U, 65536U, 200000U}) {
     TransportPeer peer(GetParam());
     const ZPKDataChannelPtr channel = peer.makeChannel();
     ASSERT_TRUE(peer.open(channel));

@@ -3,6 +3,7 @@
 #include <ZephalLogging/ZephalLogging.h>
 
 #include <algorithm>
+#include <thread>
 #include <utility>
 
 #include "Soak/ConsoleWorker.h"

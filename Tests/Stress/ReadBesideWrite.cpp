@@ -80,7 +80,7 @@ class ReadAndWrite {
   const TransportPeer::Kind _kind;
   TransportPeer _peer;
   RandomLayers _layers;
-  std::atomic<int> _ended{0};
+  std::atomic<unsigned> _ended{0};
 };
 
 }  // namespace

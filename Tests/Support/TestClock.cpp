@@ -5,7 +5,10 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 
 namespace support {
 
@@ -193,20 +196,62 @@ int timedWaitByClock(pthread_cond_t* condition, pthread_mutex_t* mutex, const ti
   return waitOnConditionByClock(wait, CLOCK_REALTIME, *deadline);
 }
 
-// The functions to which the linker directs the calls. The clocks of the standard library have
-// their mangled names.
+// The clocks of the two standard libraries have their mangled names.
+#ifdef _LIBCPP_VERSION
+#define STANDARD_CLOCKS "_ZNSt3__16chrono"
+#else
+#define STANDARD_CLOCKS "_ZNSt6chrono3_V2"
+#endif
+
+template <class Clock>
+typename Clock::time_point timePointOf(clockid_t clock) {
+  const std::chrono::nanoseconds time(timeOf(clock));
+  return typename Clock::time_point(std::chrono::duration_cast<typename Clock::duration>(time));
+}
+
+// The functions to which the linker directs the calls.
 std::chrono::system_clock::time_point wallTime() noexcept
-    asm("__wrap__ZNSt6chrono3_V212system_clock3nowEv");
+    asm("__wrap_" STANDARD_CLOCKS "12system_clock3nowEv");
 std::chrono::steady_clock::time_point steadyTime() noexcept
-    asm("__wrap__ZNSt6chrono3_V212steady_clock3nowEv");
+    asm("__wrap_" STANDARD_CLOCKS "12steady_clock3nowEv");
 
 std::chrono::system_clock::time_point wallTime() noexcept {
-  return std::chrono::system_clock::time_point(std::chrono::nanoseconds(timeOf(CLOCK_REALTIME)));
+  return timePointOf<std::chrono::system_clock>(CLOCK_REALTIME);
 }
 
 std::chrono::steady_clock::time_point steadyTime() noexcept {
-  return std::chrono::steady_clock::time_point(std::chrono::nanoseconds(timeOf(CLOCK_MONOTONIC)));
+  return timePointOf<std::chrono::steady_clock>(CLOCK_MONOTONIC);
 }
+
+extern "C" {
+int __wrap_pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec*);
+int __wrap_nanosleep(const timespec* time, timespec* rest);
+}
+
+#ifdef _LIBCPP_VERSION
+// libc++ waits and sleeps in its shared library, which the linker does not reach. The first is a
+// member of std::condition_variable, the second is std::this_thread::sleep_for.
+using WallTime = std::chrono::time_point<std::chrono::system_clock, std::chrono::nanoseconds>;
+void waitUntil(std::condition_variable* condition, std::unique_lock<std::mutex>& lock,
+               WallTime deadline) noexcept
+    asm("__wrap__ZNSt3__118condition_variable15__do_timed_waitERNS_11unique_lockINS_5mutexEEENS_6"
+        "chrono10time_pointINS5_12system_clockENS5_8durationIxNS_5ratioILl1ELl1000000000EEEEEEE");
+void sleepFor(const std::chrono::nanoseconds& time) asm(
+    "__wrap__ZNSt3__111this_thread9sleep_forERKNS_6chrono8durationIxNS_"
+    "5ratioILl1ELl1000000000EEEEE");
+
+void waitUntil(std::condition_variable* condition, std::unique_lock<std::mutex>& lock,
+               WallTime deadline) noexcept {
+  const timespec end = toTimespec(deadline.time_since_epoch().count());
+  __wrap_pthread_cond_timedwait(condition->native_handle(), lock.mutex()->native_handle(), &end);
+}
+
+void sleepFor(const std::chrono::nanoseconds& time) {
+  timespec rest = toTimespec(time.count());
+  while (__wrap_nanosleep(&rest, &rest) == -1) {
+  }
+}
+#endif
 
 extern "C" {
 

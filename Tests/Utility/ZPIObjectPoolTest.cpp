@@ -53,7 +53,7 @@ TEST(ZPIObjectPoolTest, SeveralObjectsShareAnAllocation) {
   ZPIObjectPool pool;
   const SystemCalls calls;
   for (NumberPtr& number : numbers) number = pool.make<ZPKNumber>(1);
-  EXPECT_LE(calls.allocations(), kCount / 8U);
+  EXPECT_LE(calls.allocations(), kCount / 5U);
 }
 
 TEST(ZPIObjectPoolTest, EachObjectHasItsOwnReferences) {

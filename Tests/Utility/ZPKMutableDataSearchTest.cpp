@@ -46,7 +46,7 @@ TEST(ZPKMutableDataSearchTest, AFoundPatternIsFoundAgain) {
 //     ....ne|edle       ....n|eed|le
 TEST(ZPKMutableDataSearchTest, APatternSplitAnywhereAcrossAppendsIsFound) {
   const std::string needle = "needle";
-  for (size_t before : {0, 1, 5, 100}) {
+  for (size_t before : {0U, 1U, 5U, 100U}) {
     for (size_t first = 0; first <= needle.size(); ++first) {
       for (size_t second = first; second <= needle.size(); ++second) {
         const ZPKMutableDataPtr buffer = unitOf(std::string(before, '.'));

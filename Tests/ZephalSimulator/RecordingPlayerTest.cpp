@@ -24,7 +24,7 @@ class RecordingPlayerTest : public testing::Test {
   std::string start() { return textOf(player.start(behaviour)); }
   std::string send(std::string_view bytes) { return textOf(player.take(bytes, behaviour)); }
 
-  const DeviceBehaviour behaviour;
+  const DeviceBehaviour behaviour{};
   std::vector<std::string> unknown;
   RecordingPlayer player{DeviceRecording({{"", {{"Welcome\n", 0ms}}},
                                           {"count\n", {{"1\n", 3ms}, {"=> ", 5ms}}},

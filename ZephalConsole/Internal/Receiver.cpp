@@ -20,7 +20,7 @@ Receiver::Receiver(const std::string& url, const ConsoleOptions& options, const 
     : _url(url),
       _options(options),
       _wakeup(wakeup),
-      _buffer(std::make_unique_for_overwrite<char[]>(kReadSize)),
+      _buffer(new char[kReadSize]),  // std::make_unique would set it to zero
       _inbox(options.limit),
       _swapWatch(options.ecid),
       _rawLog(options.rawLog, "pre-"),

@@ -62,6 +62,7 @@ ZPKMutableDataPtr ZPKMutableData::mutableCopyGivingUp(ZPKDataPtr&& data) {
   if (data == nullptr) return nullptr;
   ZPIUnshare(&data);
   auto mutableData = std::const_pointer_cast<ZPKData>(std::move(data));
+  data.reset();  // libc++ 14 has copied it, and the caller would see what is appended
   return std::static_pointer_cast<ZPKMutableData>(std::move(mutableData));
 }
 
