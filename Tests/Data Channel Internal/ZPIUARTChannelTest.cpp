@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -246,6 +247,25 @@ TEST_F(ZPIUARTChannelTest, ATooShortModeThrowsAndLosesTheDescriptor) {
   EXPECT_EQ(_error, olderError());
   EXPECT_THAT(_log.lines(), IsEmpty());
   ::close(lost);
+}
+
+TEST_F(ZPIUARTChannelTest, AFailedOpenWithoutMemoryForItsErrorLeavesNothingOpen) {
+  const auto channel = channelWith(nullptr);
+  const std::set<int> before = openDescriptors();
+  bool hasThrown = true;
+  for (size_t failing = 0; hasThrown; ++failing) {
+    SystemCalls calls;
+    calls.fail("tcgetattr", EIO);
+    calls.failAllocation(failing);
+    try {
+      EXPECT_FALSE(channel->openWithTimeout(1.0, &_error));
+      hasThrown = false;
+    } catch (const std::bad_alloc&) {
+    }
+    const CallsWatched unwatched(false);
+    EXPECT_EQ(openDescriptors(), before) << "allocation " << failing;
+    EXPECT_FALSE(channel->isOpened());
+  }
 }
 
 TEST_F(ZPIUARTChannelTest, IsDestroyedWithoutAClose) {

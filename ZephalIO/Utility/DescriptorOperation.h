@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <exception>
+#include <new>
 #include <utility>
 
 #include "Utility/ZPIHeldDescriptor.h"
@@ -101,13 +102,16 @@ class ZPIFileDescriptorCommunication {
       return false;
     }
     int32_t descriptor = -1;
-    const bool isAcquired = policy.acquire(&descriptor, error);
-    if (!isAcquired && descriptor >= 0) {
-      policy.close(descriptor, nullptr);  // no slot: keep the error of the step that failed
-      descriptor = -1;
+    try {
+      const bool isAcquired = policy.acquire(&descriptor, error);
+      // No slot: keep the error of the step that failed.
+      if (!isAcquired && descriptor >= 0) policy.close(std::exchange(descriptor, -1), nullptr);
+      fd.hold(descriptor);
+      return isAcquired;
+    } catch (const std::bad_alloc&) {
+      if (descriptor >= 0) policy.close(descriptor, nullptr);
+      throw;
     }
-    fd.hold(descriptor);
-    return isAcquired;
   }
 
   /// Closes. The state is closed afterwards even if the system's close fails. If a thread that is
