@@ -1,5 +1,6 @@
 #include "ZephalConsole/Console.h"
 
+#include <system_error>
 #include <utility>
 
 #include "ZephalConsole/Internal/ControlCharacter.h"
@@ -8,8 +9,13 @@
 
 namespace zephal {
 
-Console::Console(const std::string& url, ConsoleOptions options)
-    : _session(std::make_unique<Session>(url, std::move(options))) {}
+// What a console needs besides its line can be refused too: a thread, and descriptors.
+Console::Console(const std::string& url, ConsoleOptions options) try
+    : _session(std::make_unique<Session>(url, std::move(options))) {
+} catch (const std::system_error& error) {
+  throw OpenError(std::string("cannot make a console: ") + error.what(), "POSIX",
+                  error.code().value(), url);
+}
 
 Console::Console(Console&&) noexcept = default;
 

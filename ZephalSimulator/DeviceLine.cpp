@@ -34,7 +34,11 @@ constexpr mode_t kEveryone = 0666;
 std::string makeTemporaryFolder() {
   std::string name = std::filesystem::temp_directory_path().string() + "/zephal-XXXXXX";
   if (::mkdtemp(name.data()) == nullptr) throwFailure(errno, "mkdtemp", name);
-  ::chmod(name.c_str(), 0755);
+  if (::chmod(name.c_str(), 0755) == -1) {
+    const int number = errno;
+    ::rmdir(name.c_str());
+    throwFailure(number, "chmod", name);
+  }
   return name;
 }
 
@@ -57,8 +61,8 @@ int socketAtPort(int port) {
   int descriptor =
       checkedCall(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "socket");
   const int on = 1;
-  ::setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   try {
+    checkedCall(::setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on), "setsockopt");
     bindTo(descriptor, loopback(port), "127.0.0.1:" + std::to_string(port));
   } catch (...) {
     closeDescriptor(&descriptor);
@@ -94,6 +98,25 @@ bool mustTryAgain() { return errno == EAGAIN || errno == EINTR; }
 }  // namespace
 
 DeviceLine::DeviceLine(DevicePlace place) : _place(std::move(place)) {
+  try {
+    chooseAddress();
+  } catch (...) {
+    releaseAddress();
+    throw;
+  }
+}
+
+DeviceLine::~DeviceLine() {
+  disappear();
+  releaseAddress();
+}
+
+void DeviceLine::releaseAddress() {
+  closeDescriptor(&_holder);
+  if (!_folder.empty()) ::rmdir(_folder.c_str());
+}
+
+void DeviceLine::chooseAddress() {
   if (_place.kind == DeviceKind::kTCP) {
     holdPort();
     _url = "tcp://127.0.0.1:" + std::to_string(_place.port);
@@ -108,17 +131,12 @@ DeviceLine::DeviceLine(DevicePlace place) : _place(std::move(place)) {
   _url = (isTerminal ? "uart://" : "unix://") + escaped(_place.path);
 }
 
-DeviceLine::~DeviceLine() {
-  disappear();
-  closeDescriptor(&_holder);
-  if (!_folder.empty()) ::rmdir(_folder.c_str());
-}
-
 void DeviceLine::holdPort() {
   _holder = socketAtPort(_place.port);
   sockaddr_in address{};
   socklen_t length = sizeof address;
-  ::getsockname(_holder, reinterpret_cast<sockaddr*>(&address), &length);
+  checkedCall(::getsockname(_holder, reinterpret_cast<sockaddr*>(&address), &length),
+              "getsockname");
   _place.port = ntohs(address.sin_port);
 }
 
@@ -169,7 +187,7 @@ void DeviceLine::listenOnUnix() {
       checkedCall(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "socket");
   bindTo(_listener, address, _place.path);
   _isThere = true;
-  ::chmod(_place.path.c_str(), kEveryone);
+  checkedCall(::chmod(_place.path.c_str(), kEveryone), "chmod", _place.path);
   checkedCall(::listen(_listener, kBacklog), "listen", _place.path);
 }
 
@@ -178,7 +196,7 @@ void DeviceLine::disappear() {
   if (_isThere && !_place.path.empty()) ::unlink(_place.path.c_str());
   _isThere = false;
   stopListening();
-  if (_line >= 0 && _place.kind != DeviceKind::kTerminal) hangUp();
+  if (_line >= 0 && _place.kind == DeviceKind::kTCP) finish(nullptr);
   for (int* descriptor : {&_line, &_slave, &_listener}) closeDescriptor(descriptor);
 }
 
@@ -222,15 +240,19 @@ std::string DeviceLine::hangUp() {
     return "";
   }
   std::string last;
-  // Unread bytes would turn the close into a reset.
-  if (_place.kind == DeviceKind::kTCP) {
-    ::shutdown(_line, SHUT_WR);
-    for (auto bytes = receive(); bytes.has_value() && !bytes->empty(); bytes = receive()) {
-      last += *bytes;
-    }
-  }
+  if (_place.kind == DeviceKind::kTCP) finish(&last);
   closeDescriptor(&_line);
   return last;
+}
+
+// Unread bytes would turn the close of a TCP connection into a reset.
+void DeviceLine::finish(std::string* last) const {
+  ::shutdown(_line, SHUT_WR);
+  char buffer[4096];
+  for (ssize_t count = ::read(_line, buffer, sizeof buffer); count > 0;
+       count = ::read(_line, buffer, sizeof buffer)) {
+    if (last != nullptr) last->append(buffer, static_cast<size_t>(count));
+  }
 }
 
 void DeviceLine::reset() {

@@ -53,10 +53,13 @@ class DeviceLine {
   void liftExclusiveHold();
 
  private:
+  void chooseAddress();
+  void releaseAddress();
   void holdPort();
   void makeTerminal();
   void listenOnTCP();
   void listenOnUnix();
+  void finish(std::string* last) const;
 
   DevicePlace _place;
   std::string _url;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <new>
 #include <stdexcept>
 #include <utility>
 
@@ -57,7 +58,12 @@ DeviceRunner::DeviceRunner(DevicePlace place, DeviceBehaviour behaviour,
   _isOn = true;
   react(_player->start(*_behaviour), "");
   makePipe();
-  _thread = std::thread([this] { run(); });
+  try {
+    _thread = std::thread([this] { run(); });
+  } catch (...) {
+    closePipe();
+    throw;
+  }
 }
 
 DeviceRunner::~DeviceRunner() {
@@ -67,6 +73,10 @@ DeviceRunner::~DeviceRunner() {
   }
   wake();
   _thread.join();
+  closePipe();
+}
+
+void DeviceRunner::closePipe() {
   closeDescriptor(&_wakeRead);
   closeDescriptor(&_wakeWrite);
 }
@@ -215,8 +225,22 @@ void DeviceRunner::run() {
   sigset_t all;
   sigfillset(&all);
   pthread_sigmask(SIG_BLOCK, &all, nullptr);
-  while (runOnce()) {
+  bool goesOn = true;
+  while (goesOn) {
+    try {
+      goesOn = runOnce();
+    } catch (const std::bad_alloc&) {
+      fail();
+    }
   }
+}
+
+// What the device was about to do is lost, so it goes off, as one that breaks.
+void DeviceRunner::fail() {
+  const std::lock_guard guard(_mutex);
+  goOff(std::nullopt);
+  _failure = std::current_exception();
+  _changed.notify_all();
 }
 
 // One round of waiting and serving; false when the device must end.

@@ -66,7 +66,9 @@ class DeviceRunner {
   using Clock = std::chrono::steady_clock;
 
   void makePipe();
+  void closePipe();
   void run();
+  void fail();
   bool runOnce();
   bool wait();
   std::string serveLine();
@@ -106,7 +108,7 @@ class DeviceRunner {
   bool _mustGoOff = false;
   std::optional<Milliseconds> _away;          // with _mustGoOff
   std::optional<Clock::time_point> _returns;  // while off: when the device comes back
-  std::exception_ptr _failure;                // why it could not come back
+  std::exception_ptr _failure;                // why it is off
   bool _stops = false;
 
   std::thread _thread;

@@ -30,7 +30,8 @@ class DeviceRunner;
 ///
 /// All operations may be called on any thread. A system call that fails throws a std::system_error,
 /// which names the call, the address and the reason; a wrong argument throws a
-/// std::invalid_argument. The destructor never waits for the peer.
+/// std::invalid_argument. The destructor never waits for the peer. A device whose thread has no
+/// memory left goes off.
 class SimulatedDevice {
  public:
   /// What the device does about a command.
@@ -94,7 +95,8 @@ class SimulatedDevice {
   bool waitForConnections(size_t count, std::chrono::milliseconds limit = kPatience) const;
   /// Waits until nothing is left to send.
   bool waitUntilAllIsSent(std::chrono::milliseconds limit = kPatience) const;
-  /// Waits until the device can be reached. Throws if the device tried to come back and could not.
+  /// Waits until the device can be reached. Throws if the device tried to come back and could not,
+  /// or went off for lack of memory.
   bool waitUntilOn(std::chrono::milliseconds limit = kPatience) const;
 
   /// Sends bytes unasked, unchanged. Without a connection they wait for one.

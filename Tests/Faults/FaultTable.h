@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "Faults/Trial.h"
 #include "Support/SystemCalls.h"
 
 namespace support {
@@ -16,10 +17,19 @@ struct FaultRow {
 
 const std::vector<FaultRow>& faultTable();
 
+/// Whether the call is made all the same, and then said to have failed.
+bool isMadeAnyway(const Fault& fault, const std::string& scenario);
+
 /// What a failed call can lead to: an error, or a failure without one.
 struct Effect {
+  /// The errno, in the domain of files.
+  static constexpr int kErrno = -1;
+  /// The end of a console's line, with the errno's text.
+  static constexpr int kEnd = -2;
+  /// A failure of the resolver, by its own numbers.
+  static constexpr int kResolver = -3;
+
   const char* site;
-  /// -1: the errno, in the domain of files.
   int code;
   const char* text = "";
   /// The failure may have no error; errno tells the reason, except where a server prints it.
@@ -29,6 +39,6 @@ struct Effect {
 };
 
 /// The effects of a failure of `calls[index]`; none if nobody may notice it.
-std::vector<Effect> effectsOf(const std::vector<SystemCall>& calls, size_t index);
+std::vector<Effect> effectsOf(const std::vector<SystemCall>& calls, size_t index, Trial::Kind kind);
 
 }  // namespace support

@@ -156,6 +156,7 @@ std::string greetingOf(const ZPKTCPServer& server) {
 }
 
 void serve(Trial& trial) {
+  trial.kind = Trial::Kind::kServer;
   trial.hidesFailures = true;
   const StandardOutputCapture output;
   const ZPKTCPServerPtr server = serveOnce(trial);
@@ -176,6 +177,7 @@ void serve(Trial& trial) {
 
 // Listens where a socket file was left behind.
 void listenOnUnix(Trial& trial) {
+  trial.kind = Trial::Kind::kServer;
   trial.hidesFailures = true;
   const StandardOutputCapture output;
   const TemporaryFolder folder;
@@ -255,6 +257,8 @@ std::vector<Scenario> faultScenarios() {
     if (line.hasReader || line.hasLogs) continue;
     scenarios.push_back({"RecordOver" + name, [used](Trial& trial) { record(trial, used.kind); }});
   }
+  const Line named{.kind = Kind::kTCP, .hasName = true};
+  scenarios.push_back({"TimeOutOverTCPByName", [named](Trial& trial) { timeOut(trial, named); }});
   scenarios.push_back({"Serve", serve});
   scenarios.push_back({"ListenOnUnix", listenOnUnix});
   scenarios.push_back({"DeliverObjects", deliverObjects});

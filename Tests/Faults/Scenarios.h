@@ -15,6 +15,10 @@ struct Scenario {
   std::function<void(Trial&)> run;
 };
 
+/// Those of stacks, servers and managers.
 std::vector<Scenario> faultScenarios();
+
+/// Those of the whole program.
+std::vector<Scenario> allFaultScenarios();
 
 }  // namespace support

@@ -1,5 +1,8 @@
 #include "Faults/Station.h"
 
+#include <cstring>
+
+#include "Faults/FurtherCalls.h"
 #include "Support/EventWait.h"
 #include "Support/Files.h"
 
@@ -9,6 +12,7 @@ namespace {
 
 // By a clock that runs thirty times as fast; only a failing trial waits so long.
 constexpr int kLimit = 900;
+constexpr int kShortLimit = 60;
 
 }  // namespace
 
@@ -20,7 +24,19 @@ Station::Station(Trial& itsTrial, Line line)
                                        {"bye", zephal::DeviceAnswer::hangUp()}}}),
       _line(line) {
   trial.hasReader = line.hasReader;
+  trial.recover = [this] { openAgain(); };
 }
+
+Station::~Station() { trial.recover = nullptr; }
+
+void Station::openAgain() {
+  if (stack == nullptr || stack->commChannel() == nullptr) return;
+  stack->close();
+  prepareLine();
+  stack->openWithTimeout(std::nullopt);
+}
+
+int Station::limit() const { return trial.recovers() ? kShortLimit : kLimit; }
 
 bool Station::create() {
   return trial.step("create", [&](ZPKErrorPtr* error) { return make(error); });
@@ -37,11 +53,14 @@ bool Station::make(ZPKErrorPtr* error) {
     }
     stack = made;
   }
-  return stack->createStackWithURL(device.url(), error);
+  std::string url = device.url();
+  if (_line.hasName) url.replace(url.find("127.0.0.1"), std::strlen("127.0.0.1"), kHostName);
+  return stack->createStackWithURL(url, error);
 }
 
 // A terminal goes away when it hangs up, and stays exclusive while the device holds it open.
 void Station::prepareLine() {
+  const CallsWatched unwatched(false);
   if (!device.isOn()) device.powerOn();
   device.liftExclusiveHold();
 }
@@ -54,7 +73,7 @@ bool Station::open() {
 
 bool Station::ask() {
   return trial.step("ask", [&](ZPKErrorPtr* error) {
-    return stack->sendCommandString("version", kLimit, error) == "1.0\n=> ";
+    return stack->sendCommandString("version", limit(), error) == "1.0\n=> ";
   });
 }
 
@@ -67,7 +86,7 @@ bool Station::askInVain() {
 bool Station::loseDevice() {
   trial.hidesFailures = true;
   return trial.failingStep("meet the end", 5, "Read failed with error ", [&](ZPKErrorPtr* error) {
-    return stack->sendCommandString("bye", kLimit, error).has_value();
+    return stack->sendCommandString("bye", limit(), error).has_value();
   });
 }
 

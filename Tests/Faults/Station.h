@@ -17,9 +17,13 @@ class Station {
     SimulatedDevice::Kind kind;
     bool hasReader = false;
     bool hasLogs = false;
+    bool hasName = false;  // of a host, which must be looked up
   };
 
   Station(Trial& trial, Line line);
+  Station(const Station&) = delete;
+  Station& operator=(const Station&) = delete;
+  ~Station();
 
   // Steps of a trial: false if the step failed.
   bool create();
@@ -42,6 +46,8 @@ class Station {
  private:
   bool make(ZPKErrorPtr* error);
   void prepareLine();
+  void openAgain();
+  int limit() const;
   void mustClose();
   void mustOpen();
   void mustTalk();

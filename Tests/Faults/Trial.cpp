@@ -1,5 +1,7 @@
 #include "Faults/Trial.h"
 
+#include <netdb.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -9,6 +11,7 @@
 #include <new>
 #include <set>
 #include <thread>
+#include <utility>
 
 #include "Faults/FaultTable.h"
 #include "Support/EventWait.h"
@@ -29,7 +32,7 @@ std::string textOf(const FailedStep& step) {
 
 bool isOf(const ZPKErrorPtr& error, int code, const std::string& text) {
   return error->domain() == "zephalbench.zephal-communication" && error->code() == code &&
-         error->description().starts_with(text);
+         error->description().find(text) != std::string::npos;
 }
 
 // What the owner of a background reader may see of a failure on its thread.
@@ -44,10 +47,27 @@ bool hasNumber(const std::string& text, int number) {
          text.find("Error " + std::to_string(number) + " ") != std::string::npos;
 }
 
+bool isPOSIX(const ZPKErrorPtr& error, int number) {
+  return error->domain() == "POSIX" && error->code() == number;
+}
+
+// A terminal's EIO says less than that the line has ended.
+bool isEnd(const ZPKErrorPtr& error, int number) {
+  if (error->domain() != "zephal-console" || error->code() != 3) return false;
+  return number == EIO || error->description().find(std::strerror(number)) != std::string::npos;
+}
+
+bool isUnresolved(const ZPKErrorPtr& error, int number) {
+  if (number == EAI_SYSTEM) return isPOSIX(error, EMFILE);
+  return error->domain() == "getaddrinfo" && error->code() == number;
+}
+
 // Without memory a read has nowhere to put its bytes, which the system calls a bad address.
 bool isOutOfMemory(const FailedStep& step) {
   if (step.hasThrown) return true;
-  if (step.error == nullptr || !isOf(step.error, 5, "Read failed with error ")) return false;
+  if (step.error == nullptr) return false;
+  if (isEnd(step.error, ENOMEM)) return true;
+  if (!isOf(step.error, 5, "Read failed with error ")) return false;
   const std::string text = step.error->description();
   return hasNumber(text, ENOMEM) || hasNumber(text, EFAULT);
 }
@@ -59,25 +79,21 @@ bool isRetried(const Effect& effect, int error) {
 bool isEffect(const FailedStep& step, const Effect& effect, int number) {
   if (step.hasThrown || isRetried(effect, number)) return false;
   if (step.error == nullptr) {
-    return effect.isSilent && (effect.code == 7 || step.number == number);
+    const bool hasNoErrno = effect.code == 7 || effect.code == Effect::kResolver;
+    return effect.isSilent && (hasNoErrno || step.number == number);
   }
-  if (effect.code == -1) return step.error->domain() == "POSIX" && step.error->code() == number;
+  if (effect.code == Effect::kErrno) return isPOSIX(step.error, number);
+  if (effect.code == Effect::kEnd) return isEnd(step.error, number);
+  if (effect.code == Effect::kResolver) return isUnresolved(step.error, number);
   if (!isOf(step.error, effect.code, effect.text)) return false;
   return effect.code == 7 || hasNumber(step.error->description(), number);
 }
 
-size_t indexOf(const Trial& trial, const Fault& fault) {
-  size_t left = fault.skip;
-  for (size_t i = 0; i < trial.calls.size(); ++i) {
-    if (trial.calls[i].name == fault.call && left-- == 0) return i;
-  }
-  return trial.calls.size();
-}
-
 bool hasHappened(const Trial& trial, const Fault& fault) {
+  if (fault.second != nullptr && !hasHappened(trial, *fault.second)) return false;
   if (fault.kind == Fault::Kind::kAllocation) return trial.allocations > fault.skip;
   if (fault.kind == Fault::Kind::kThread) return trial.threads > fault.skip;
-  return indexOf(trial, fault) < trial.calls.size();
+  return indexOf(trial.calls, fault) < trial.calls.size();
 }
 
 bool isAllowed(const FailedStep& step, const Trial& trial, const Fault& fault) {
@@ -86,9 +102,11 @@ bool isAllowed(const FailedStep& step, const Trial& trial, const Fault& fault) {
   if (fault.kind == Fault::Kind::kAllocation) return isOutOfMemory(step);
   if (fault.kind == Fault::Kind::kThread) {
     if (step.error == nullptr) return trial.hidesFailures;
+    if (trial.kind >= Trial::Kind::kConsole) return isPOSIX(step.error, fault.error);
     return isOf(step.error, 5, "Failed to start thread");
   }
-  const std::vector<Effect> effects = effectsOf(trial.calls, indexOf(trial, fault));
+  const std::vector<Effect> effects =
+      effectsOf(trial.calls, indexOf(trial.calls, fault), trial.kind);
   return std::any_of(effects.begin(), effects.end(),
                      [&](const Effect& effect) { return isEffect(step, effect, fault.error); });
 }
@@ -96,7 +114,8 @@ bool isAllowed(const FailedStep& step, const Trial& trial, const Fault& fault) {
 // Whether the caller has to notice.
 bool isSeen(const Trial& trial, const Fault& fault) {
   if (fault.kind != Fault::Kind::kCall || trial.hasReader || trial.hidesFailures) return false;
-  const std::vector<Effect> effects = effectsOf(trial.calls, indexOf(trial, fault));
+  const std::vector<Effect> effects =
+      effectsOf(trial.calls, indexOf(trial.calls, fault), trial.kind);
   return !effects.empty() &&
          std::none_of(effects.begin(), effects.end(), [&](const Effect& effect) {
            return effect.isSilent || isRetried(effect, fault.error);
@@ -105,6 +124,7 @@ bool isSeen(const Trial& trial, const Fault& fault) {
 
 void judge(const Trial& trial, const Fault& fault, std::vector<std::string>* problems) {
   *problems = trial.problems;
+  if (fault.isOfPair) return;
   const bool happened = hasHappened(trial, fault);
   for (const FailedStep& step : trial.failures) {
     if (!happened || !isAllowed(step, trial, fault)) problems->push_back(textOf(step));
@@ -124,9 +144,29 @@ void waitForEnd(const std::future<void>& end, const Fault& fault) {
   std::abort();
 }
 
+// On a thread of its own, to be left behind if it does not end.
+void runOnThread(const Fault& fault, const std::function<void(Trial&)>& scenario,
+                 const std::function<void(Trial&)>& use) {
+  std::promise<void> end;
+  std::thread thread([&] {
+    const CallsWatched unwatched(false);
+    Trial trial(fault);
+    scenario(trial);
+    use(trial);
+    end.set_value();
+  });
+  waitForEnd(end.get_future(), fault);
+  thread.join();
+}
+
 }  // namespace
 
 std::string Fault::text() const {
+  if (second != nullptr) {
+    Fault first = *this;
+    first.second = nullptr;
+    return first.text() + ", " + second->text();
+  }
   const std::string number = " number " + std::to_string(skip + 1);
   switch (kind) {
     case Kind::kCall: return call + number + " fails with " + std::strerror(error);
@@ -138,8 +178,14 @@ std::string Fault::text() const {
   return "";
 }
 
-Trial::Trial(const Fault& fault) {
+Trial::Trial(const Fault& fault) : _recovers(fault.isOfPair) {
+  hidesFailures = fault.isOfPair;
   _watch.emplace(SystemCalls::Threads::kAll);
+  plan(fault);
+  if (fault.second != nullptr) plan(*fault.second);
+}
+
+void Trial::plan(const Fault& fault) {
   switch (fault.kind) {
     case Fault::Kind::kCall:
       if (fault.isMade) {
@@ -172,6 +218,13 @@ void Trial::run(const char* name, const Call& call, bool* result, FailedStep* fa
 }
 
 bool Trial::step(const char* name, const Call& call) {
+  if (attempt(name, call)) return true;
+  if (!_recovers || recover == nullptr) return false;
+  attempt("recover", [&](ZPKErrorPtr*) { return recover(), true; });
+  return attempt(name, call);
+}
+
+bool Trial::attempt(const char* name, const Call& call) {
   bool result = false;
   FailedStep failed;
   run(name, call, &result, &failed);
@@ -183,6 +236,7 @@ bool Trial::failingStep(const char* name, int code, const std::string& text, con
   bool result = false;
   FailedStep failed;
   run(name, call, &result, &failed);
+  if (result && _recovers) return true;  // after a fault, with what an earlier step has left
   if (result) {
     problems.push_back(failed.name + " did not fail");
   } else if (!(hasReader && isSeenAfterReader(failed)) &&
@@ -216,23 +270,32 @@ bool runTrial(const Fault& fault, const std::function<void(Trial&)>& scenario,
   bool happened = false;
   {
     std::vector<std::string> found;
-    std::promise<void> end;
-    std::thread thread([&] {
-      const CallsWatched unwatched(false);
-      Trial trial(fault);
-      scenario(trial);
+    runOnThread(fault, scenario, [&](const Trial& trial) {
       judge(trial, fault, &found);
       happened = hasHappened(trial, fault);
-      end.set_value();
     });
-    waitForEnd(end.get_future(), fault);
-    thread.join();
     problems->swap(found);
   }
   if (!problems->empty()) return happened;
   const std::string left = leftBehindSince(before);
   if (!left.empty()) problems->push_back(left);
   return happened;
+}
+
+Trace traceOf(const Fault& fault, const std::function<void(Trial&)>& scenario) {
+  Trace trace;
+  runOnThread(fault, scenario, [&](Trial& trial) {
+    trace = {std::move(trial.calls), trial.allocations, trial.threads};
+  });
+  return trace;
+}
+
+size_t indexOf(const std::vector<SystemCall>& calls, const Fault& fault) {
+  size_t left = fault.skip;
+  for (size_t i = 0; i < calls.size(); ++i) {
+    if (calls[i].name == fault.call && left-- == 0) return i;
+  }
+  return calls.size();
 }
 
 }  // namespace support

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,6 +21,10 @@ struct Fault {
   int error;
   size_t skip;
   bool isMade = false;  // the call is made, and then said to have failed
+  /// Another one comes with it, or may. The caller then recovers from a failed step and goes on,
+  /// and nothing is said about what it learns.
+  bool isOfPair = false;
+  std::shared_ptr<const Fault> second = nullptr;
 
   std::string text() const;
 };
@@ -56,6 +61,15 @@ class Trial {
   /// The caller need not learn of every failure: the scenario fails in any case, or what fails
   /// does so on a thread of the library.
   bool hidesFailures = false;
+  /// Whose errors they are.
+  enum class Kind { kStack, kServer, kConsole, kSimulator };
+  Kind kind = Kind::kStack;
+  /// Whether the fault can still happen.
+  bool isWatching() const { return _watch.has_value(); }
+  /// Whether a caller goes on after a failed step, which may then wait in vain.
+  bool recovers() const { return _recovers; }
+  /// What a caller does after a failed step, before it tries once more, if there are two faults.
+  std::function<void()> recover;
   std::vector<SystemCall> calls;
   size_t allocations = 0;
   size_t threads = 0;
@@ -63,8 +77,11 @@ class Trial {
   std::vector<std::string> problems;
 
  private:
+  void plan(const Fault& fault);
+  bool attempt(const char* name, const Call& call);
   void run(const char* name, const Call& call, bool* result, FailedStep* failed);
 
+  const bool _recovers;
   std::optional<SystemCalls> _watch;
 };
 
@@ -72,5 +89,17 @@ class Trial {
 /// the fault happened, and adds what is wrong to `problems`.
 bool runTrial(const Fault& fault, const std::function<void(Trial&)>& scenario,
               std::vector<std::string>* problems);
+
+/// What the code under test did in a scenario with the fault. Nothing is judged.
+struct Trace {
+  std::vector<SystemCall> calls;
+  size_t allocations = 0;
+  size_t threads = 0;
+};
+
+Trace traceOf(const Fault& fault, const std::function<void(Trial&)>& scenario);
+
+/// The index in `calls` of the call that the fault is about; their number if it was not made.
+size_t indexOf(const std::vector<SystemCall>& calls, const Fault& fault);
 
 }  // namespace support

@@ -26,7 +26,7 @@
 #include <optional>
 #include <thread>
 
-#include "Support/CallJitter.h"
+#include "Support/Interception.h"
 #include "Support/TerminalState.h"
 #include "Support/TestClock.h"
 
@@ -80,17 +80,12 @@ void __real_free(void*);
 
 namespace {
 
-enum class Deed { kAnswer, kAnswerAfter, kShorten, kAct };
-
-struct Plan {
-  std::string call;
-  size_t skip;
-  size_t times;
-  Deed deed;
-  int64_t value = 0;
-  int error = 0;
-  std::function<void()> action;
-};
+using interception::Deed;
+using interception::detailed;
+using interception::intercept;
+using interception::isWatched;
+using interception::plain;
+using interception::Plan;
 
 struct Watch {
   std::mutex mutex;
@@ -121,11 +116,6 @@ thread_local bool isExempt = false;
 thread_local bool isOwner = false;
 std::atomic<bool> coversAllThreads{false};
 
-bool isWatched() {
-  return isWatching.load(std::memory_order_acquire) && !isExempt &&
-         (isOwner || coversAllThreads.load(std::memory_order_relaxed));
-}
-
 bool fits(const SystemCall& call, std::string_view wanted) {
   return call.name == wanted || call.text == wanted;
 }
@@ -144,11 +134,14 @@ std::optional<Plan> nextPlan(std::vector<Plan>& plans, const SystemCall& call) {
   return chosen;
 }
 
-struct Entry {
-  size_t generation;
-  size_t index;
-  std::optional<Plan> plan;
-};
+}  // namespace
+
+namespace interception {
+
+bool isWatched() {
+  return isWatching.load(std::memory_order_acquire) && !isExempt &&
+         (isOwner || coversAllThreads.load(std::memory_order_relaxed));
+}
 
 Entry enter(const SystemCall& call) {
   Watch& state = watch();
@@ -156,6 +149,7 @@ Entry enter(const SystemCall& call) {
   // The watch may have ended in the meantime.
   if (!isWatching.load(std::memory_order_relaxed)) return {state.generation - 1, 0, std::nullopt};
   state.calls.push_back(call);
+  state.calls.back().allocations = allocationCount;
   return {state.generation, state.calls.size() - 1, nextPlan(state.plans, call)};
 }
 
@@ -167,51 +161,7 @@ void leave(const Entry& entry, int64_t result, int error) {
   state.calls[entry.index].error = error;
 }
 
-// `describe` returns the call as it is recorded; `real` makes it, with the size that it may use.
-// The errno of the caller is passed on to the call, and the errno of the call to the caller.
-template <class Describe, class Real>
-auto interceptWatched(Describe describe, int64_t size, Real real) -> decltype(real(size)) {
-  using Result = decltype(real(size));
-  const int errnoBefore = errno;
-  Entry entry;
-  {
-    const CallsWatched unwatched(false);
-    entry = enter(describe());
-    if (entry.plan.has_value() && entry.plan->deed == Deed::kAct) entry.plan->action();
-  }
-  errno = errnoBefore;
-  Result result;
-  if (entry.plan.has_value() && entry.plan->deed == Deed::kAnswer) {
-    result = static_cast<Result>(entry.plan->value);
-    if (entry.plan->error != 0) errno = entry.plan->error;
-  } else if (entry.plan.has_value() && entry.plan->deed == Deed::kShorten) {
-    result = real(std::min(size, entry.plan->value));
-  } else {
-    result = real(size);
-  }
-  if (entry.plan.has_value() && entry.plan->deed == Deed::kAnswerAfter) {
-    result = static_cast<Result>(entry.plan->value);
-    errno = entry.plan->error;
-  }
-  const int errnoAfter = errno;
-  {
-    const CallsWatched unwatched(false);
-    leave(entry, static_cast<int64_t>(result), result == -1 ? errnoAfter : 0);
-    entry.plan.reset();
-  }
-  errno = errnoAfter;
-  return result;
-}
-
-template <class Describe, class Real>
-auto intercept(Describe describe, int64_t size, Real real) -> decltype(real(size)) {
-  giveWayAtRandom();
-  const auto result = isWatched() ? interceptWatched(describe, size, real) : real(size);
-  giveWayAtRandom();
-  return result;
-}
-
-SystemCall plain(const char* name, int descriptor, int64_t size = 0) {
+SystemCall plain(const char* name, int descriptor, int64_t size) {
   SystemCall call;
   call.name = name;
   call.text = name;
@@ -220,11 +170,15 @@ SystemCall plain(const char* name, int descriptor, int64_t size = 0) {
   return call;
 }
 
-SystemCall detailed(const char* name, const std::string& detail, int descriptor, int64_t size = 0) {
+SystemCall detailed(const char* name, const std::string& detail, int descriptor, int64_t size) {
   SystemCall call = plain(name, descriptor, size);
   call.text += " " + detail;
   return call;
 }
+
+}  // namespace interception
+
+namespace {
 
 std::string nameOr(const std::map<unsigned long, const char*>& names, unsigned long number) {
   const auto found = names.find(number);

@@ -26,6 +26,8 @@ struct SystemCall {
   /// What the call returned, and the errno of a failure.
   int64_t result = 0;
   int error = 0;
+  /// How often memory had been asked for before.
+  size_t allocations = 0;
 };
 
 /// Watches the system calls of the code under test during its lifetime, and makes chosen ones fail.

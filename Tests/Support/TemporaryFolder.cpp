@@ -10,12 +10,11 @@
 namespace support {
 
 TemporaryFolder::TemporaryFolder() {
-  char name[] = "/tmp/zephalio-XXXXXX";
-  if (::mkdtemp(name) == nullptr) {
+  _path = std::filesystem::temp_directory_path().string() + "/zephalio-XXXXXX";
+  if (::mkdtemp(_path.data()) == nullptr) {
     throw std::system_error(errno, std::generic_category(), "mkdtemp");
   }
-  _path = name;
-  ::chmod(name, 0777);
+  ::chmod(_path.c_str(), 0777);
 }
 
 TemporaryFolder::~TemporaryFolder() {

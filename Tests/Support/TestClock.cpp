@@ -182,6 +182,17 @@ int selectByClock(int count, fd_set* readable, fd_set* writable, fd_set* odd, ti
   return result;
 }
 
+// ppoll is not intercepted, as poll may be.
+int pollByClock(pollfd* entries, nfds_t count, int milliseconds) {
+  const auto wait = [&](int64_t part) {
+    const timespec rest = toTimespec(part);
+    return ::ppoll(entries, count, &rest, nullptr);
+  };
+  if (milliseconds < 0) return ::ppoll(entries, count, nullptr, nullptr);
+  const int64_t time = int64_t{milliseconds} * 1000000;
+  return isClockSet() ? waitByClock(wait, 0, time) : wait(time);
+}
+
 int usleepByClock(useconds_t time) {
   if (!isClockSet()) return __real_usleep(time);
   return sleepByClock(int64_t{time} * 1000);

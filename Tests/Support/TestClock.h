@@ -1,5 +1,6 @@
 #pragma once
 
+#include <poll.h>
 #include <pthread.h>
 #include <sys/select.h>
 #include <sys/time.h>
@@ -67,6 +68,7 @@ class RealTime {
 // The calls that wait, by the test's clock if there is one: for code that intercepts them for
 // another purpose and then passes them on.
 int selectByClock(int count, fd_set* readable, fd_set* writable, fd_set* odd, timeval* time);
+int pollByClock(pollfd* entries, nfds_t count, int milliseconds);
 int usleepByClock(useconds_t time);
 int timedWaitByClock(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* deadline);
 

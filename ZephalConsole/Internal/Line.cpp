@@ -8,9 +8,21 @@
 
 #include <array>
 #include <cerrno>
+#include <new>
 #include <utility>
 
 namespace zephal::internal {
+namespace {
+
+// Whoever drops what has arrived must get all of it, so an interruption is not taken for silence.
+ssize_t readUninterrupted(int descriptor, char* buffer, size_t size) {
+  for (;;) {
+    const ssize_t count = ::read(descriptor, buffer, size);
+    if (count >= 0 || errno != EINTR) return count;
+  }
+}
+
+}  // namespace
 
 Line::Line(Descriptor descriptor, ZPKDataChannelPtr port, std::unique_ptr<Telnet> telnet)
     : _descriptor(std::move(descriptor)), _port(std::move(port)), _telnet(std::move(telnet)) {
@@ -19,10 +31,17 @@ Line::Line(Descriptor descriptor, ZPKDataChannelPtr port, std::unique_ptr<Telnet
 }
 
 Line::~Line() {
-  if (_port == nullptr) return;
+  if (_port != nullptr) closePort(_descriptor.number(), *_port);
+}
+
+void Line::closePort(int descriptor, ZPKDataChannel& port) noexcept {
   // The exclusive hold would outlast the port on a line that somebody else keeps open.
-  ::ioctl(_descriptor.number(), TIOCNXCL);
-  _port->close();
+  ::ioctl(descriptor, TIOCNXCL);
+  try {
+    port.close();
+  } catch (const std::bad_alloc&) {
+    // The port is closed; only the report of a failure needs memory.
+  }
 }
 
 Line::ReadResult Line::read(char* buffer, size_t size, const Deadline& deadline,
@@ -38,16 +57,23 @@ Line::ReadResult Line::read(char* buffer, size_t size, const Deadline& deadline,
 }
 
 Line::ReadResult Line::readNow(char* buffer, size_t size) const {
-  const ssize_t count = ::read(_descriptor.number(), buffer, size);
-  if (count > 0 && _telnet != nullptr) {
-    const auto reply = [this](std::string_view bytes) { return send(bytes); };
-    return {.count = _telnet->receive(buffer, static_cast<size_t>(count), reply)};
-  }
+  const ssize_t count = readUninterrupted(_descriptor.number(), buffer, size);
+  if (count > 0 && _telnet != nullptr) return receiveTelnet(buffer, static_cast<size_t>(count));
   if (count > 0) return {.count = static_cast<size_t>(count)};
-  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return {};
+  if (count < 0 && errno == EAGAIN) return {};
   // A terminal whose other end has gone reads EIO, which says less than that it has ended.
   const bool saysWhy = count < 0 && !(_port != nullptr && errno == EIO);
   return {.hasEnded = true, .error = saysWhy ? errno : 0};
+}
+
+// Without memory for an answer to the server, the rest of what it sent has no meaning.
+Line::ReadResult Line::receiveTelnet(char* buffer, size_t size) const {
+  try {
+    const auto reply = [this](std::string_view bytes) { return send(bytes); };
+    return {.count = _telnet->receive(buffer, size, reply)};
+  } catch (const std::bad_alloc&) {
+    return {.hasEnded = true, .error = ENOMEM};
+  }
 }
 
 ssize_t Line::writeSome(std::string_view bytes) const {

@@ -25,6 +25,9 @@ class Line {
   Line& operator=(const Line&) = delete;
   ~Line();
 
+  /// Closes the channel of a serial port, which `descriptor` leads to as well.
+  static void closePort(int descriptor, ZPKDataChannel& port) noexcept;
+
   struct ReadResult {
     size_t count = 0;
     bool hasEnded = false;
@@ -32,7 +35,7 @@ class Line {
     bool isWoken = false;
   };
   /// Reads what is there. If there is nothing, waits until there is, the deadline passes, or
-  /// `wakeup` is set, which it leaves set.
+  /// `wakeup` is set, which it leaves set. A lack of memory ends the line.
   ReadResult read(char* buffer, size_t size, const Deadline& deadline, const Wakeup& wakeup) const;
   /// Writes what the system accepts now, perhaps nothing; -1 with errno.
   ssize_t writeSome(std::string_view bytes) const;
@@ -42,6 +45,7 @@ class Line {
 
  private:
   ReadResult readNow(char* buffer, size_t size) const;
+  ReadResult receiveTelnet(char* buffer, size_t size) const;
   ssize_t send(std::string_view bytes) const;
 
   const Descriptor _descriptor;

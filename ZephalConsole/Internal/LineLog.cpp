@@ -1,6 +1,7 @@
 #include "ZephalConsole/Internal/LineLog.h"
 
 #include <algorithm>
+#include <new>
 
 namespace zephal::internal {
 namespace {
@@ -15,7 +16,11 @@ std::string_view withoutLineBreak(std::string_view line) {
 }  // namespace
 
 void LineLog::close() {
-  flush();
+  try {
+    flush();
+  } catch (const std::bad_alloc&) {
+    _line.clear();  // without memory for its last line, the log is closed all the same
+  }
   _log.close();
 }
 

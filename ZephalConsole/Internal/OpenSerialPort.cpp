@@ -3,7 +3,9 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <new>
 #include <system_error>
+#include <utility>
 
 #include "ZephalConsole/Errors.h"
 
@@ -28,6 +30,17 @@ Descriptor openWithoutBlocking(const ZPKURL& url) {
                   "POSIX", number, url.absoluteString());
 }
 
+// The line, which closes the port; without memory for it the port is closed here.
+std::unique_ptr<Line> lineOf(Descriptor descriptor, const ZPKDataChannelPtr& port) {
+  const int number = descriptor.number();
+  try {
+    return std::make_unique<Line>(std::move(descriptor), port);
+  } catch (const std::bad_alloc&) {
+    Line::closePort(number, *port);
+    throw;
+  }
+}
+
 }  // namespace
 
 std::unique_ptr<Line> openSerialPort(const ZPKURL& url) {
@@ -36,7 +49,7 @@ std::unique_ptr<Line> openSerialPort(const ZPKURL& url) {
   // The channel knows how to set up a port; it stays open only for its hold on it.
   const ZPKDataChannelPtr port = createBaseChannelWithTransport(url.absoluteString(), &error);
   if (port == nullptr || !port->openWithTimeout(0.0, &error)) refuse(url, error);
-  return std::make_unique<Line>(std::move(descriptor), port);
+  return lineOf(std::move(descriptor), port);
 }
 
 }  // namespace zephal::internal

@@ -1,6 +1,8 @@
 #include "ZephalConsole/Internal/Receiver.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <new>
 #include <utility>
 
 namespace zephal::internal {
@@ -164,9 +166,25 @@ void Receiver::read(Lock& lock, const Deadline& until) {
   _changed.notify_all();
 }
 
-void Receiver::take(std::string_view bytes) {
+void Receiver::take(std::string_view bytes) noexcept {
   if (bytes.empty()) return;
   _lastByte = Clock::now();
+  try {
+    takeMasked(bytes);
+  } catch (const std::bad_alloc&) {
+    endWithoutMemory();
+  }
+}
+
+// Bytes would be missing, and nobody could tell where, so the line ends. What is held goes too: it
+// may be a secret of which a part has been looked at.
+void Receiver::endWithoutMemory() noexcept {
+  _secrets.reset();
+  _hasEnded = true;
+  _endError = ENOMEM;
+}
+
+void Receiver::takeMasked(std::string_view bytes) {
   if (_secrets.isIdle()) {
     takeUnmasked(bytes);
     return;
@@ -190,10 +208,14 @@ void Receiver::takeUnmasked(std::string_view bytes) {
 }
 
 // What looked like the beginning of an echo was none, or stays one.
-void Receiver::releaseHeld() {
-  std::string shown;
-  _secrets.flush(shown);
-  takeUnmasked(shown);
+void Receiver::releaseHeld() noexcept {
+  try {
+    std::string shown;
+    _secrets.flush(shown);
+    takeUnmasked(shown);
+  } catch (const std::bad_alloc&) {
+    endWithoutMemory();
+  }
 }
 
 }  // namespace zephal::internal

@@ -26,6 +26,8 @@ namespace zephal::internal {
 /// class, which sleeps until bytes arrive. An operation that finds that thread reading leaves the
 /// next bytes to it.
 ///
+/// If there is no memory for what a line has brought, the line ends, with ENOMEM.
+///
 /// Functions that take a lock need it held; it is released while they wait.
 class Receiver {
  public:
@@ -80,10 +82,12 @@ class Receiver {
   void drain();
   bool mayDrain() const;
   void read(Lock& lock, const Deadline& until);
-  void take(std::string_view bytes);
+  void take(std::string_view bytes) noexcept;
+  void takeMasked(std::string_view bytes);
   void takeUnmasked(std::string_view bytes);
   std::optional<Clock::time_point> heldUntil() const;
-  void releaseHeld();
+  void releaseHeld() noexcept;
+  void endWithoutMemory() noexcept;
 
   const std::string _url;
   const ConsoleOptions& _options;

@@ -39,7 +39,11 @@ Lookup lookUp(const std::string& host, int port, int flags) {
 Lookup lookUpName(const std::string& host, int port, const Stop& stop, const std::string& url) {
   std::packaged_task<Lookup()> task([host, port] { return lookUp(host, port, AI_ADDRCONFIG); });
   std::future<Lookup> result = task.get_future();
-  std::thread(std::move(task)).detach();
+  try {
+    std::thread(std::move(task)).detach();
+  } catch (const std::system_error& error) {
+    refuse(host, error.code().value(), url);
+  }
   constexpr std::chrono::milliseconds kSlice(20);
   while (result.wait_for(kSlice) != std::future_status::ready) {
     if (stop.isOver()) refuse(host, ECANCELED, url);

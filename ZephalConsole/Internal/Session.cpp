@@ -146,7 +146,9 @@ std::vector<TimedLine> Console::Session::record(Seconds duration) {
   while (!stop.deadline().hasPassed()) {
     checkDevice(turn.lock);
     checkCancelled(stop);
-    if (_receiver.hasEnded(turn.lock)) throwDisconnected(turn.lock, "the end of a recording", 0);
+    if (_receiver.hasEnded(turn.lock)) {
+      throwDisconnected(turn.lock, "the end of a recording", _receiver.endError(turn.lock));
+    }
     receive(turn.lock, stop, stop.deadline());
   }
   internal::Inbox& inbox = _receiver.inbox(turn.lock);

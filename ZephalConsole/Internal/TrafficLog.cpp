@@ -1,5 +1,8 @@
 #include "ZephalConsole/Internal/TrafficLog.h"
 
+#include <cerrno>
+#include <new>
+#include <system_error>
 #include <utility>
 
 #include "ZPKDataChannelDecorators.h"
@@ -33,17 +36,29 @@ TrafficLog::TrafficLog(const std::string& path, std::string_view identifier) {
 void TrafficLog::open(const std::string& url) {
   if (_channel == nullptr || _channel->isOpened()) return;
   ZPKErrorPtr error;
+  errno = 0;
   if (_channel->openWithTimeout(0.0, &error)) return;
+  const int number = errno;
   if (error != nullptr) {
     throw OpenError("cannot open the log: " + error->description(), error->domain(), error->code(),
                     url);
+  }
+  // A file that cannot be made has no error, but an errno.
+  if (number != 0) {
+    throw OpenError("cannot create the log: " + std::generic_category().message(number), "POSIX",
+                    number, url);
   }
   throw OpenError("cannot create the log", std::string(kConsoleDomain),
                   static_cast<int>(ErrorCode::kOpen), url);
 }
 
 void TrafficLog::close() {
-  if (_channel != nullptr && _channel->isOpened()) _channel->close();
+  if (_channel == nullptr || !_channel->isOpened()) return;
+  try {
+    _channel->close();
+  } catch (const std::bad_alloc&) {
+    // The file is closed; only the report of a failure needs memory.
+  }
 }
 
 void TrafficLog::read(std::string_view bytes) {
