@@ -140,16 +140,23 @@ auto waiting(Function function) {
 
 class BytesConsole {
  public:
-  BytesConsole(const std::string& url, ConsoleOptions options)
-      : _console(waiting([&] {
-          options.isInterrupted = isInterrupted;
-          return std::make_unique<Console>(url, std::move(options));
-        })) {}
-  BytesConsole(const BytesConsole&) = delete;
+  BytesConsole() = default;
+  BytesConsole(BytesConsole&&) = default;
   // NOLINTNEXTLINE(bugprone-exception-escape): pybind11's release does not throw here.
   ~BytesConsole() {
+    if (_console == nullptr) return;
     const py::gil_scoped_release release;
     _console.reset();
+  }
+
+  // Not the constructor's work: without memory to register a new object, pybind11 ends the process
+  // after a constructor, frees twice what a factory returns as a pointer, and forgets the
+  // destructor of what is returned by value, which is therefore a console that has not been opened.
+  void open(const std::string& url, ConsoleOptions options) {
+    _console = waiting([&] {
+      options.isInterrupted = isInterrupted;
+      return std::make_unique<Console>(url, std::move(options));
+    });
   }
 
   py::tuple expect(const std::vector<Pattern>& patterns, Timeout_ timeout) {
@@ -392,6 +399,8 @@ void addConsole(py::module_& module) {
                              "Whether it was made with ``regex``.")
       .def("__repr__",
            [](const Pattern& pattern) { return "<zephal pattern " + pattern.description() + ">"; });
+  // Unlike the constructor, this survives a lack of memory; see BytesConsole.
+  module.def("text", [](const std::string& text) { return Pattern(text); });
   module.def("regex", [](const std::string& expression) { return regex(expression); });
   py::class_<Cancel, std::shared_ptr<Cancel>>(module, "Cancel")
       .def(py::init())
@@ -401,13 +410,15 @@ void addConsole(py::module_& module) {
       .def("__enter__", &CancelScope::enter)
       .def("__exit__", [](CancelScope& scope, const py::args&) { scope.leave(); });
   py::class_<BytesConsole>(module, "BytesConsole")
-      .def(py::init([](const std::string& url, std::optional<Pattern> prompt, std::string log,
-                       std::string rawLog, double timeout, double quiet, std::string lineEnd,
-                       bool keepEscapes, size_t limit, std::optional<uint64_t> ecid) {
-        return std::make_unique<BytesConsole>(
-            url, optionsOf(std::move(prompt), std::move(log), std::move(rawLog), timeout, quiet,
-                           std::move(lineEnd), keepEscapes, limit, ecid));
-      }))
+      .def_static("unopened", [] { return BytesConsole(); })
+      .def("open",
+           [](BytesConsole& console, const std::string& url, std::optional<Pattern> prompt,
+              std::string log, std::string rawLog, double timeout, double quiet,
+              std::string lineEnd, bool keepEscapes, size_t limit, std::optional<uint64_t> ecid) {
+             console.open(url,
+                          optionsOf(std::move(prompt), std::move(log), std::move(rawLog), timeout,
+                                    quiet, std::move(lineEnd), keepEscapes, limit, ecid));
+           })
       .def("expect", &BytesConsole::expect)
       .def("ask", &BytesConsole::ask)
       .def("ask_and_pick", &BytesConsole::askAndPick)

@@ -12,6 +12,7 @@ class Pattern:
     def is_expression(self) -> bool:
         """Whether it was made with ``regex``."""
 
+def text(text: bytes) -> Pattern: ...
 def regex(expression: bytes) -> Pattern: ...
 
 class Cancel:
@@ -26,7 +27,9 @@ class CancelScope:
 _Hit = tuple[int, bytes, tuple[Optional[bytes], ...], float, int]
 
 class BytesConsole:
-    def __init__(
+    @staticmethod
+    def unopened() -> BytesConsole: ...
+    def open(
         self,
         url: str,
         prompt: Optional[Pattern],

@@ -20,7 +20,7 @@ Path = Union[str, "os.PathLike[str]"]
 
 @lru_cache(maxsize=64)
 def _text_pattern(text: bytes) -> Pattern:
-    return Pattern(text)
+    return _zephal.text(text)
 
 
 def _pattern(pattern: AnyPattern) -> Pattern:
@@ -163,7 +163,8 @@ class Console:
         self.url = url
         self._encoding = encoding
         self._errors = errors
-        self._console = _zephal.BytesConsole(
+        console = _zephal.BytesConsole.unopened()
+        console.open(
             url,
             _optional_pattern(prompt),
             os.fspath(log),
@@ -175,6 +176,7 @@ class Console:
             limit,
             ecid,
         )
+        self._console = console
 
     @classmethod
     async def open_async(cls, url: str, **options: Any) -> "Console":
