@@ -1,6 +1,7 @@
 #include "Soak/Device.h"
 
 #include <algorithm>
+#include <cstring>
 #include <optional>
 #include <utility>
 
@@ -101,11 +102,19 @@ void Device::receive() {
     const uint32_t before = _commands.next();
     const Damage damage = _commands.damage();
     _commands.feed(std::string_view(*bytes).substr(at, 1));
+    if (_commands.damage() != damage) showEvidence();
     _state->lost += _commands.damage().lost - damage.lost;
     _state->doubled += _commands.damage().doubled - damage.doubled;
     _state->foreign += _commands.damage().foreign - damage.foreign;
     if (_commands.next() != before) obey(_commands.last());
   }
+}
+
+// Before the damage is counted.
+void Device::showEvidence() {
+  if (_state->evidence.front() != 0) return;
+  const size_t most = _state->evidence.size() - 1;
+  std::strncpy(_state->evidence.data(), _commands.evidence().c_str(), most);
 }
 
 void Device::obey(const Token& command) {

@@ -64,6 +64,7 @@ class Device {
   void beginConnection();
   void endConnection();
   void receive();
+  void showEvidence();
   void obey(const Token& command);
   void addAnswer(const Token& command);
   void addInTwo(const std::string& text, size_t middle, std::chrono::milliseconds pause);

@@ -47,6 +47,8 @@ bool RecorderWorker::open() {
     if (_stack->open(&error)) return true;
     _place.tally->countError(openErrorName("open recorder", error, errno));
     release();
+    // It may have been cut as soon as it was connected, and have recorded something before.
+    for (const std::string_view log : {"log", "wire.log"}) ::unlink(pathOf(log).c_str());
     pause(milliseconds(random(5, 60)));
     return false;
   });

@@ -108,6 +108,15 @@ const Census& Report::warm() const {
   return found != _censuses.end() ? *found : _censuses.back();
 }
 
+void Report::addDamagedCommands(std::vector<std::string>* faults) const {
+  for (size_t device = 0; device < kMostDevices; ++device) {
+    const std::string evidence = _state.devices[device].evidence.data();
+    if (evidence.empty()) continue;
+    faults->push_back("commands arrived damaged at device " + std::to_string(device) + ": " +
+                      evidence);
+  }
+}
+
 void Report::addGrowth(std::vector<std::string>* faults) const {
   const Census& start = _censuses.front();
   addFirstAbove(start.descriptors, "descriptors", &Census::descriptors, faults);
@@ -134,7 +143,7 @@ std::vector<std::string> Report::faults() const {
   if (_tally.failureCount() > faults.size()) {
     faults.push_back("and " + std::to_string(_tally.failureCount() - faults.size()) + " more");
   }
-  if (!damageToCommands().isNone()) faults.push_back("commands arrived damaged");
+  addDamagedCommands(&faults);
   for (const auto& [name, count] : _tally.errors()) {
     if (!isAllowed(name))
       faults.push_back("not allowed, " + std::to_string(count) + " times: " + name);

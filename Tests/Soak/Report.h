@@ -33,6 +33,7 @@ class Report {
   std::string latencyTable() const;
   std::string restTable() const;
   std::string jsonOfCounts() const;
+  void addDamagedCommands(std::vector<std::string>* faults) const;
   void addGrowth(std::vector<std::string>* faults) const;
   void addFirstAbove(size_t bound, const char* what, size_t Census::*field,
                      std::vector<std::string>* faults) const;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 
@@ -25,6 +26,7 @@ struct DeviceState {
   std::atomic<uint64_t> lost;  // of the commands, in bytes; so are the next two
   std::atomic<uint64_t> doubled;
   std::atomic<uint64_t> foreign;
+  std::array<char, 256> evidence;  // of the first such command; ends with a NUL
 };
 
 /// Memory that both processes have.

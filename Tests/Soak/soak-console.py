@@ -68,7 +68,7 @@ class Worker:
         self.random = random.Random(seed * 1000 + device)
         self.checker = Checker(device)
         self.errors = Counter()
-        self.commands = self.sessions = self.log_lines = self.log_lines_lost = 0
+        self.commands = self.sessions = self.log_lines = self.log_lines_lost = self.late = 0
 
     def open(self):
         end = time.monotonic() + PATIENCE
@@ -94,20 +94,26 @@ class Worker:
         sent = []
         with self.open() as console:
             try:
-                for number in range(self.random.randint(3, 30)):
-                    sent.append(self.command(self.sessions, number))
-                    answer = console.ask(sent[-1], timeout=PATIENCE)
-                    self.checker.feed(answer + b"=> ")
-                    time.sleep(self.random.uniform(0, 0.3))
-                # The device of a terminal does not notice that it is closed.
-                sent.append("%03d.%05d.%07dC0000000" % (self.device, self.sessions, len(sent)))
-                sent[-1] = sent[-1].replace("C", "?C")
-                console.ask(sent[-1], timeout=PATIENCE)
+                self.talk(console, sent)
             except zephal.Disconnected as error:
                 self.errors[f"cut: {error.domain} {error.code}"] += 1
-            except zephal.Error as error:
-                self.errors[f"ask: {error.domain} {error.code}"] += 1
+            except zephal.Timeout:
+                self.late += 1
         self.check_log(sent)
+
+    def talk(self, console, sent):
+        try:
+            for number in range(self.random.randint(3, 30)):
+                sent.append(self.command(self.sessions, number))
+                answer = console.ask(sent[-1], timeout=PATIENCE)
+                self.checker.feed(answer + b"=> ")
+                time.sleep(self.random.uniform(0, 0.3))
+        except zephal.Timeout:
+            self.late += 1
+        # The device of a terminal does not notice that it is closed.
+        sent.append("%03d.%05d.%07d?C0000000" % (self.device, self.sessions, len(sent)))
+        console.send(sent[-1])
+        console.expect("nothing more", timeout=PATIENCE)
 
     def check_log(self, sent):
         with open(self.log, "rb") as file:
@@ -163,12 +169,13 @@ def main(arguments):
         **{name: damage[name] for name in ("lost", "doubled", "foreign")},
         "logLines": sum(worker.log_lines for worker in workers),
         "logLinesLost": sum(worker.log_lines_lost for worker in workers),
+        "late": sum(worker.late for worker in workers),
         "errors": dict(sorted(sum((worker.errors for worker in workers), Counter()).items())),
         "start": counts[0], "warm": counts[1], "end": counts[-1],
     }
     with open(report, "w", encoding="ascii") as file:
         json.dump(result, file)
-    is_whole = not damage.total() and result["logLinesLost"] == 0
+    is_whole = not damage.total() and result["logLinesLost"] == 0 and result["late"] == 0
     grew = any(counts[-1][name] > counts[1][name] for name in ("threads", "descriptors"))
     grew |= counts[-1]["residentKiB"] > counts[1]["residentKiB"] + 16 * 1024
     sys.exit(0 if is_whole and not grew else 1)
