@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <new>
 #include <string_view>
+#include <vector>
 
 #include "Support/SystemCalls.h"
 #include "Utility/ZPIDataGivingUp.h"
@@ -40,6 +42,29 @@ TEST(ZPIDataGivingUpTest, AnEditUsesTheRoomAfterTheBytes) {
 TEST(ZPIDataGivingUpTest, AnEmptyVectorBecomesTheEmptyInstance) {
   ZPIHeapVector<uint8_t> vector;
   EXPECT_EQ(ZPIDataGivingUp(&vector), ZPKData::data());
+}
+
+TEST(ZPIDataGivingUpTest, WithoutMemoryForTheDataTheBytesAreFreed) {
+  // Objects that were freed earlier are used first.
+  constexpr size_t kMost = 10000;
+  std::vector<ZPKDataPtr> taken;
+  taken.reserve(kMost);
+  bool hasThrown = false;
+  int64_t before = 0;
+  while (!hasThrown && taken.size() < kMost) {
+    before = liveBlocks();
+    ZPIHeapVector<uint8_t> vector;
+    append(&vector, "given up");
+    SystemCalls calls;
+    calls.failAllocation();
+    try {
+      taken.push_back(ZPIDataGivingUp(&vector));
+    } catch (const std::bad_alloc&) {
+      hasThrown = true;
+    }
+  }
+  EXPECT_TRUE(hasThrown);
+  EXPECT_EQ(liveBlocks(), before);
 }
 
 }  // namespace
