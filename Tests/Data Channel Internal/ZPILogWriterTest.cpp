@@ -205,7 +205,7 @@ TEST_F(ZPILogWriterTest, NoChunkWaitsForAnotherWhileTheModeChanges) {
 // --- The thread.
 
 TEST_F(ZPILogWriterTest, AnOpenFileHasOneThreadNamedAfterIt) {
-  EXPECT_EQ(threadsNamed(_path), 0U);
+  EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 0; }));
   for (int i = 0; i < 2; ++i) {
     open();
     EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 1; }));
@@ -213,7 +213,7 @@ TEST_F(ZPILogWriterTest, AnOpenFileHasOneThreadNamedAfterIt) {
   for (size_t i = 1; i <= 2; ++i) {
     add("x");
     EXPECT_TRUE(waitFor([&] { return writtenLetters() == i; }));
-    EXPECT_EQ(threadsNamed(_path), 1U);
+    EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 1; }));
   }
   _writer->closeFile();
   EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 0; }));
@@ -221,14 +221,14 @@ TEST_F(ZPILogWriterTest, AnOpenFileHasOneThreadNamedAfterIt) {
 
 TEST_F(ZPILogWriterTest, AFileThatCannotBeOpenedHasNoThread) {
   EXPECT_FALSE(ZPILogWriter(_folder.path()).openFile({"open"}, nullptr));
-  EXPECT_EQ(threadsNamed(_folder.path()), 0U);
+  EXPECT_TRUE(waitFor([this] { return threadsNamed(_folder.path()) == 0; }));
 }
 
 TEST_F(ZPILogWriterTest, ASynchronousWriterHasNoThreadUntilItIsAsynchronous) {
   _writer->setSynchronous(true);
   open();
   add("x");
-  EXPECT_EQ(threadsNamed(_path), 0U);
+  EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 0; }));
   _writer->setSynchronous(false);
   EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 1; }));
   _writer->closeFile();

@@ -246,7 +246,7 @@ TEST_F(ZPILoggingChannelTest, WithoutAThreadTheCallsWriteTheLog) {
   write("ver");
   EXPECT_EQ(readOf("2.33")->view(), "2.33");
   EXPECT_THAT(texts(), ElementsAre("pre--write: ver", "pre---read: 2.33"));
-  EXPECT_EQ(threadsNamed(_path), 0U);
+  EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 0; }));
   open();
   EXPECT_TRUE(waitFor([this] { return threadsNamed(_path) == 1; }));
   EXPECT_TRUE(_channel->close(nullptr));

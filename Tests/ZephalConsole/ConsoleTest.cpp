@@ -196,6 +196,7 @@ TEST(Console, WaitsNoLongerForOwedPromptsAfterDiscard) {
   Device device(DeviceKind::kUnix, {.isSilent = true});
   Console dut(device.url(), patient());
   EXPECT_THROW(dut.ask("one", 10ms), Timeout);
+  ASSERT_TRUE(device.waitForCommands(1));  // it would answer, if it came later
   device.setBehaviour({.responses = {{"two", "2\n"}}});
   dut.discard();
   EXPECT_EQ(dut.ask("two"), "2\n");

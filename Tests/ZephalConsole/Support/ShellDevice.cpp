@@ -52,6 +52,9 @@ bool copyOnce(int from, int to) {
 
 // In the child, between fork and exec.
 [[noreturn]] void runProgram(const ShellDevice::Setup& setup) {
+  // A shell keeps ignoring what was ignored when it started, as in a job in the background.
+  ::signal(SIGINT, SIG_DFL);
+  ::signal(SIGQUIT, SIG_DFL);
   ::setenv("TERM", setup.terminal.c_str(), 1);
   for (const std::string& variable : setup.environment) {
     ::putenv(const_cast<char*>(variable.c_str()));
