@@ -1,4 +1,4 @@
-option(ZEPHALIO_PRECOMPILE "Precompile what most sources of the libraries include" OFF)
+option(ZEPHALIO_PRECOMPILE "Precompile what most sources of the libraries include, and join those of the tests" OFF)
 
 # Precompiles headers of the system for a target, which saves a third to a half of its time. Without
 # ccache only, which does not work with precompiled headers.

@@ -23,6 +23,7 @@
 #include "Support/SocketPair.h"
 #include "Support/SystemCalls.h"
 #include "Support/TestClock.h"
+#include "Support/Timeouts.h"
 #include "Support/TransportPeer.h"
 #include "Utility/ZPKReportFailure.h"
 
@@ -33,9 +34,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Kind = SimulatedDevice::Kind;
 
-constexpr double kNow = 0.0;
-constexpr double kForever = -1.0;
-constexpr double kLong = 30.0;
 constexpr const char* kPrompt = "=> ";
 
 std::string nameOf(const testing::TestParamInfo<Kind>& info) {

@@ -7,6 +7,7 @@
 
 #include "Support/ActiveChannelFixture.h"
 #include "Support/ThreadCalls.h"
+#include "Support/Timeouts.h"
 
 using namespace support;
 
@@ -14,9 +15,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-constexpr double kNow = 0.0;
-constexpr double kForever = -1.0;
 
 class ZPIActiveChannelFailureTest : public ActiveChannelFixture {};
 
@@ -80,7 +78,7 @@ TEST_F(ZPIActiveChannelFailureTest, ALineThatFailsButStaysOpenStartsNoThread) {
 }
 
 TEST_F(ZPIActiveChannelFailureTest, AFailureReachesTheWaitingReadUnchanged) {
-  for (const double timeout : {kForever, kLongTimeout}) {
+  for (const double timeout : {kForever, kLong}) {
     makeRunning();
     const ReplacedWaits wait([&] {
       _line->fail(deviceError());
@@ -127,7 +125,7 @@ TEST_F(ZPIActiveChannelFailureTest, BytesOfAWaitingReadAreDroppedAtAFailure) {
     return 0;
   });
   ZPKErrorPtr error = olderError();
-  EXPECT_EQ(_channel->readWithTimeout(kLongTimeout, &error), nullptr);
+  EXPECT_EQ(_channel->readWithTimeout(kLong, &error), nullptr);
   EXPECT_EQ(error, deviceError());
 }
 

@@ -19,6 +19,7 @@
 #include "Support/LogCapture.h"
 #include "Support/ProcessStatus.h"
 #include "Support/TestClock.h"
+#include "Support/Timeouts.h"
 #include "Support/WaitingChannel.h"
 
 using namespace support;
@@ -26,8 +27,6 @@ using namespace support;
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-constexpr double kForever = -1.0;
 
 // How long a whole run of rounds may take; only a run that hangs takes that long.
 constexpr std::chrono::seconds kLimit{100};

@@ -13,6 +13,7 @@
 
 #include "Support/ActiveChannelFixture.h"
 #include "Support/ThreadCalls.h"
+#include "Support/Timeouts.h"
 #include "Utility/ZPKMutableData.h"
 #include "Utility/ZPKReportFailure.h"
 
@@ -21,9 +22,6 @@ using namespace support;
 namespace {
 
 using testing::IsEmpty;
-
-constexpr double kNow = 0.0;
-constexpr double kForever = -1.0;
 
 class ZPIActiveChannelReadTest : public ActiveChannelFixture {};
 
@@ -64,8 +62,7 @@ TEST_F(ZPIActiveChannelReadTest, ATimeoutReturnsEmptyDataWithoutFailure) {
 }
 
 TEST_F(ZPIActiveChannelReadTest, AReadReturnsAsSoonAsThereIsAnyByte) {
-  for (const double timeout :
-       {kForever, kLongTimeout, 1e300, std::numeric_limits<double>::infinity()}) {
+  for (const double timeout : {kForever, kLong, 1e300, std::numeric_limits<double>::infinity()}) {
     makeRunning();
     ZPKErrorPtr error = olderError();
     std::future<ZPKDataPtr> read = readElsewhere(timeout, &error);
@@ -84,8 +81,7 @@ TEST_F(ZPIActiveChannelReadTest, BytesOfSeveralReadsBelowAreReturnedInOnePiece) 
   _line->deliver("");
   _line->deliver(std::string_view("th\0ree", 6));
   ASSERT_TRUE(_line->waitUntilAllIsPassedOn());
-  EXPECT_EQ(bytesOf(_channel->readWithTimeout(kLongTimeout, nullptr)),
-            std::string("one two th\0ree", 14));
+  EXPECT_EQ(bytesOf(_channel->readWithTimeout(kLong, nullptr)), std::string("one two th\0ree", 14));
 }
 
 TEST_F(ZPIActiveChannelReadTest, UnreadBytesAreKeptInFull) {
@@ -105,7 +101,7 @@ TEST_F(ZPIActiveChannelReadTest, TheBytesCanBeEditedAboveWithoutACopy) {
   makeRunning();
   _line->deliver("bytes");
   ASSERT_TRUE(_line->waitUntilAllIsPassedOn());
-  ZPKDataPtr data = _channel->readWithTimeout(kLongTimeout, nullptr);
+  ZPKDataPtr data = _channel->readWithTimeout(kLong, nullptr);
   const uint8_t* const bytes = data->bytes();
   const ZPKMutableDataPtr edited = ZPKMutableData::mutableCopyGivingUp(std::move(data));
   EXPECT_EQ(edited->bytes(), bytes);
@@ -143,7 +139,7 @@ TEST_F(ZPIActiveChannelReadTest, ACleanCloseEndsATimedReadWithoutAnError) {
     });
     const LogCapture log;
     ZPKErrorPtr error = olderError();
-    EXPECT_EQ(_channel->readWithTimeout(kLongTimeout, &error), nullptr);
+    EXPECT_EQ(_channel->readWithTimeout(kLong, &error), nullptr);
     EXPECT_EQ(error, nullptr);
     EXPECT_THAT(log.lines(), IsEmpty());
   }
@@ -155,7 +151,7 @@ TEST_F(ZPIActiveChannelReadTest, AFailedWaitIsCode5) {
       "read failed with error " + ZPIErrorText(EPERM) + " (" + std::to_string(EPERM) + ")";
   {
     const ReplacedWaits wait([] { return EPERM; });
-    expectReadRefused(kLongTimeout, 5, text.c_str());
+    expectReadRefused(kLong, 5, text.c_str());
   }
   EXPECT_TRUE(_channel->isOpened());
   expectDelivers("still here");
@@ -169,7 +165,7 @@ TEST_F(ZPIActiveChannelReadTest, BytesAtTheInstantOfATimeoutStayQueued) {
       EXPECT_TRUE(_line->waitUntilAllIsPassedOn());
       return ETIMEDOUT;
     });
-    EXPECT_EQ(bytesOf(_channel->readWithTimeout(kLongTimeout, nullptr)), "");
+    EXPECT_EQ(bytesOf(_channel->readWithTimeout(kLong, nullptr)), "");
   }
   EXPECT_EQ(bytesOf(_channel->readWithTimeout(kNow, nullptr)), "late");
 }

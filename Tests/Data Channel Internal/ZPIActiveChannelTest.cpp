@@ -5,6 +5,7 @@
 
 #include "Data Channel/ZPKDataChannelDecorators.h"
 #include "Support/ActiveChannelFixture.h"
+#include "Support/Timeouts.h"
 
 using namespace support;
 
@@ -12,8 +13,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-constexpr double kNow = 0.0;
 
 class ZPIActiveChannelTest : public ActiveChannelFixture {};
 

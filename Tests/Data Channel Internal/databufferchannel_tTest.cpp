@@ -14,6 +14,7 @@
 #include "Support/EventWait.h"
 #include "Support/TestClock.h"
 #include "Support/ThreadCalls.h"
+#include "Support/Timeouts.h"
 
 using namespace support;
 
@@ -22,9 +23,6 @@ namespace {
 using Queue = databufferchannel_t<uint8_t>;
 using Clock = std::chrono::steady_clock;
 
-constexpr double kNow = 0.0;
-constexpr double kForever = -1.0;
-constexpr double kLong = 30.0;
 constexpr int kUntouched = 4711;
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 

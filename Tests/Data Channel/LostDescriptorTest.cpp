@@ -20,6 +20,7 @@
 #include "Support/OpenDescriptors.h"
 #include "Support/SystemCalls.h"
 #include "Support/TemporaryFolder.h"
+#include "Support/Timeouts.h"
 #include "Support/TransportPeer.h"
 
 using namespace support;
@@ -29,7 +30,6 @@ namespace {
 using Kind = TransportPeer::Kind;
 using testing::ElementsAre;
 
-constexpr double kLong = 30.0;
 constexpr std::string_view kContents = "somebody else's";
 
 std::string textOf(int number) {

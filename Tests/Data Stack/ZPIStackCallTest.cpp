@@ -20,12 +20,6 @@ ExpectedFailure failure(int code, const char* description) {
   return {"zephal-commchannel", code, description, "theFunction", "ZPIStackCallTest.cpp"};
 }
 
-std::shared_ptr<ScriptedChannel> closedChain() {
-  auto chain = ScriptedChannel::make();
-  chain->setOpened(false);
-  return chain;
-}
-
 TEST(ZPIStackCallTest, TheChainIsTheOneGiven) {
   const ZPKDataChannelPtr chain = ScriptedChannel::make();
   EXPECT_EQ(callOn(chain, nullptr).chain(), chain.get());
@@ -38,7 +32,7 @@ TEST(ZPIStackCallTest, ASettingIsRefusedOnceThereIsAChain) {
   EXPECT_FALSE(callOn(nullptr, &error).refuseOnceCreated("refused"));
   EXPECT_EQ(error, olderError());
   EXPECT_THAT(log.lines(), IsEmpty());
-  EXPECT_TRUE(callOn(closedChain(), &error).refuseOnceCreated("refused"));
+  EXPECT_TRUE(callOn(ScriptedChannel::makeClosed(), &error).refuseOnceCreated("refused"));
   expectFailure(error, log, failure(302, "refused"));
 }
 
@@ -46,7 +40,7 @@ TEST(ZPIStackCallTest, OnlyAnOpenChainIsRefusedWhileOpen) {
   LogCapture log;
   ZPKErrorPtr error = olderError();
   EXPECT_FALSE(callOn(nullptr, &error).refuseWhileOpen());
-  EXPECT_FALSE(callOn(closedChain(), &error).refuseWhileOpen());
+  EXPECT_FALSE(callOn(ScriptedChannel::makeClosed(), &error).refuseWhileOpen());
   EXPECT_EQ(error, olderError());
   EXPECT_THAT(log.lines(), IsEmpty());
   EXPECT_TRUE(callOn(ScriptedChannel::make(), &error).refuseWhileOpen());
@@ -65,7 +59,8 @@ TEST(ZPIStackCallTest, AnOpenChainMayTalk) {
 }
 
 TEST(ZPIStackCallTest, TalkingWithoutAnOpenChainFailsWithCode304) {
-  for (const ZPKDataChannelPtr& chain : {ZPKDataChannelPtr(), ZPKDataChannelPtr(closedChain())}) {
+  for (const ZPKDataChannelPtr& chain :
+       {ZPKDataChannelPtr(), ZPKDataChannelPtr(ScriptedChannel::makeClosed())}) {
     LogCapture log;
     ZPKErrorPtr error;
     EXPECT_TRUE(callOn(chain, &error).refuseUnlessOpen());
@@ -78,7 +73,7 @@ TEST(ZPIStackCallTest, TalkingWithoutAnOpenChainFailsWithCode304) {
 
 TEST(ZPIStackCallTest, WithoutASlotARefusalIsLogged) {
   LogCapture log;
-  EXPECT_TRUE(callOn(closedChain(), nullptr).refuseOnceCreated("refused"));
+  EXPECT_TRUE(callOn(ScriptedChannel::makeClosed(), nullptr).refuseOnceCreated("refused"));
   EXPECT_THAT(log.lines(), ElementsAre(LogLine{0, "refused"}));
 }
 
@@ -105,7 +100,7 @@ TEST(ZPIStackCallTest, OpeningAnOpenChainFailsWithCode303) {
 }
 
 TEST(ZPIStackCallTest, OpeningPassesTheTimeoutDown) {
-  auto chain = closedChain();
+  auto chain = ScriptedChannel::makeClosed();
   EXPECT_TRUE(callOn(chain, nullptr).open(2.5));
   EXPECT_THAT(chain->openTimeouts(), ElementsAre(2.5));
 }

@@ -13,12 +13,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-std::shared_ptr<ScriptedChannel> closedChain() {
-  auto chain = ScriptedChannel::make();
-  chain->setOpened(false);
-  return chain;
-}
-
 TEST(ZPIStackSupportTest, ANullTimeoutIsForever) {
   EXPECT_EQ(ZPISecondsOf(std::nullopt), ZEPHAL_COMMUNICATION_TIME_FOREVER);
   EXPECT_EQ(ZPISecondsOf(0), 0.0);
@@ -55,7 +49,7 @@ TEST(ZPIStackSupportTest, APathPutsAClosedLogAboveTheChannel) {
 TEST(ZPIStackSupportTest, ANullChainIsNotOpen) {
   EXPECT_FALSE(ZPIIsOpened(nullptr));
   EXPECT_TRUE(ZPIIsOpened(ScriptedChannel::make()));
-  EXPECT_FALSE(ZPIIsOpened(closedChain()));
+  EXPECT_FALSE(ZPIIsOpened(ScriptedChannel::makeClosed()));
 }
 
 TEST(ZPIStackSupportTest, AGoodCloseResetsTheChain) {
@@ -98,7 +92,7 @@ TEST(ZPIStackSupportTest, AnAbandonedOpenChainIsClosedWithoutAReset) {
 }
 
 TEST(ZPIStackSupportTest, AnAbandonedClosedOrNullChainIsLeftAlone) {
-  auto chain = closedChain();
+  auto chain = ScriptedChannel::makeClosed();
   ZPICloseAbandonedChain(chain);
   ZPICloseAbandonedChain(nullptr);
   EXPECT_THAT(chain->calls(), IsEmpty());

@@ -15,12 +15,10 @@
 #include "Support/LogCapture.h"
 #include "Support/TestClock.h"
 #include "Support/ThreadCalls.h"
+#include "Support/Timeouts.h"
 #include "Support/WaitingChannel.h"
 
 namespace support {
-
-/// A timeout longer than any test runs.
-inline constexpr double kLongTimeout = 30.0;
 
 /// The failure that ends the line.
 inline ZPKErrorPtr deviceError() {
@@ -190,7 +188,7 @@ class ActiveChannelFixture : public testing::Test {
     _line->deliver(text);
     ASSERT_TRUE(_line->waitUntilAllIsPassedOn());
     if (bufferData) {
-      EXPECT_EQ(bytesOf(_channel->readWithTimeout(kLongTimeout, nullptr)), text);
+      EXPECT_EQ(bytesOf(_channel->readWithTimeout(kLong, nullptr)), text);
     }
   }
 

@@ -15,6 +15,11 @@ namespace support {
 class ScriptedChannel final : public RecordingChannel {
  public:
   static std::shared_ptr<ScriptedChannel> make() { return std::make_shared<ScriptedChannel>(); }
+  static std::shared_ptr<ScriptedChannel> makeClosed() {
+    auto channel = make();
+    channel->setOpened(false);
+    return channel;
+  }
 
   ScriptedChannel() : RecordingChannel(true) {}
 

@@ -17,11 +17,11 @@ namespace {
 constexpr int kDeep = 100'000;
 
 // Reports its destruction.
-class Counted final : public ZPKObject {
+class Reporting final : public ZPKObject {
  public:
-  explicit Counted(std::function<void()> onDestruction)
+  explicit Reporting(std::function<void()> onDestruction)
       : _onDestruction(std::move(onDestruction)) {}
-  ~Counted() override { _onDestruction(); }
+  ~Reporting() override { _onDestruction(); }
 
  private:
   const std::function<void()> _onDestruction;
@@ -129,7 +129,7 @@ TEST(ZPIObjectTreeTest, PartsThatAreTheSameObjectAreNotCompared) {
 TEST(ZPIObjectTreeTest, AllPartsAreDestroyedBeforeTheReleaseReturns) {
   int destroyed = 0;
   const auto count = [&destroyed] { ++destroyed; };
-  const auto counted = [&count] { return std::make_shared<const Counted>(count); };
+  const auto counted = [&count] { return std::make_shared<const Reporting>(count); };
   ZPKObjectPtr tree = nestedDictionaries(
       10, ZPKArray::init({counted(), ZPKDictionary::init({{"a", counted()}, {"b", counted()}})}));
   tree.reset();
@@ -140,7 +140,7 @@ TEST(ZPIObjectTreeTest, AReleaseWithoutMemoryDestroysAllParts) {
   constexpr size_t kAllocations = 6;  // of a release of 30 levels, each with two elements
   for (size_t failing = 0; failing < kAllocations; ++failing) {
     int destroyed = 0;
-    ZPKObjectPtr tree = std::make_shared<const Counted>([&destroyed] { ++destroyed; });
+    ZPKObjectPtr tree = std::make_shared<const Reporting>([&destroyed] { ++destroyed; });
     for (int i = 0; i < 30; ++i) tree = ZPKArray::init({ZPKValue(i), tree});
     support::SystemCalls calls;
     calls.failAllocation(failing);
@@ -161,9 +161,9 @@ TEST(ZPIObjectTreeTest, ADestructorMayReleaseOtherTrees) {
   int destroyed = 0;
   const auto releaseAnother = [&destroyed] {
     ZPKObjectPtr another =
-        nestedDictionaries(100, std::make_shared<const Counted>([&destroyed] { ++destroyed; }));
+        nestedDictionaries(100, std::make_shared<const Reporting>([&destroyed] { ++destroyed; }));
   };
-  ZPKObjectPtr tree = nestedArrays(100, std::make_shared<const Counted>(releaseAnother));
+  ZPKObjectPtr tree = nestedArrays(100, std::make_shared<const Reporting>(releaseAnother));
   tree.reset();
   EXPECT_EQ(destroyed, 1);
 }
@@ -172,7 +172,7 @@ TEST(ZPIObjectTreeTest, ThreadsShareAndReleaseTheSameParts) {
   std::atomic<int> destroyed = 0;
   const auto count = [&destroyed] { destroyed.fetch_add(1, std::memory_order_relaxed); };
   for (int round = 0; round < 50; ++round) {
-    const ZPKObjectPtr shared = nestedDictionaries(100, std::make_shared<const Counted>(count));
+    const ZPKObjectPtr shared = nestedDictionaries(100, std::make_shared<const Reporting>(count));
     std::vector<std::thread> threads;
     for (int i = 0; i < 3; ++i) {
       threads.emplace_back([mine = nestedArrays(10, shared)]() mutable { mine.reset(); });

@@ -11,9 +11,8 @@ namespace {
 using namespace zephal::internal;
 using namespace std::chrono_literals;
 
-Interventions interventions;
-
 TEST(Resolver, TakesNumericAddressesOfBothKinds) {
+  Interventions interventions;
   const Stop stop(Deadline::after(0s), interventions);
   EXPECT_EQ(resolve("127.0.0.1", 80, stop, "tcp://x")->ai_family, AF_INET);
   EXPECT_EQ(resolve("::1", 80, stop, "tcp://x")->ai_family, AF_INET6);
@@ -22,11 +21,13 @@ TEST(Resolver, TakesNumericAddressesOfBothKinds) {
 TEST(Resolver, LooksUpAName) {
   if (!support::resolvesLocalhost())
     GTEST_SKIP() << "no localhost: neither /etc/hosts nor DNS names it";
+  Interventions interventions;
   const Stop stop(Deadline::after(20s), interventions);
   EXPECT_NE(resolve("localhost", 80, stop, "tcp://x"), nullptr);
 }
 
 TEST(Resolver, SaysThatANameIsUnknown) {
+  Interventions interventions;
   const Stop stop(Deadline::after(20s), interventions);
   try {
     resolve("no-such-host.invalid", 80, stop, "tcp://x");
@@ -37,6 +38,7 @@ TEST(Resolver, SaysThatANameIsUnknown) {
 }
 
 TEST(Resolver, GivesUpOnANameWhenItIsCancelled) {
+  Interventions interventions;
   const Stop stop(Deadline::after(1h), interventions);
   ++interventions.cancels;
   try {
