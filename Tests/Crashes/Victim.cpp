@@ -8,9 +8,11 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <new>
+#include <string>
 #include <thread>
 #include <utility>
 
@@ -37,8 +39,10 @@ Progress* sharedProgress() {
   return new (memory) Progress;
 }
 
-[[noreturn]] void runVictim(const std::function<void(Progress&)>& run, Progress& progress) {
+[[noreturn]] void runVictim(const std::function<void(Progress&)>& run, Progress& progress,
+                            const std::string& folder) {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  ::setenv("TMPDIR", folder.c_str(), 1);
   std::thread([&progress] {
     for (;; ++progress.ticks) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }).detach();
@@ -55,7 +59,7 @@ Progress* sharedProgress() {
 
 Victim::Victim(const std::function<void(Progress&)>& run) : _progress(sharedProgress()) {
   _process = checked(::fork(), "fork");
-  if (_process == 0) runVictim(run, *_progress);
+  if (_process == 0) runVictim(run, *_progress, _folder.path());
 }
 
 Victim::~Victim() {

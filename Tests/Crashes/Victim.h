@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "Crashes/Progress.h"
+#include "Support/TemporaryFolder.h"
 
 namespace support {
 
@@ -30,6 +31,7 @@ class Victim {
  private:
   int waitForEnd();
 
+  const TemporaryFolder _folder;  // for what the process cannot remove
   Progress* const _progress;
   pid_t _process = -1;
 };
