@@ -232,6 +232,7 @@ TEST_P(ZPIActiveChannelDeviceTest, AnIdleChannelDoesNothingBetweenItsSlices) {
     EXPECT_EQ(calls.texts().size(), 2 * slice);
     clock.advance(std::chrono::microseconds(33333));
     ASSERT_TRUE(waitFor([&] { return calls.texts().size() >= 2 * slice + 2; }));
+    ASSERT_TRUE(waitFor([&] { return clock.waits() == 1; }));
   }
   EXPECT_EQ(calls.allocations(), 0U);
   std::vector<std::string> expected;

@@ -105,9 +105,9 @@ Look look(Wait wait, int timedOut, TimeLeft timeLeft) {
 // A wait for something that, once it is there, stays there.
 template <class Wait>
 int waitByClock(Wait wait, int timedOut, int64_t time) {
-  const CountedWait counted;
   const size_t clock = currentClock;
   const int64_t end = passedTime + time;
+  const CountedWait counted;  // from here on a test may move the clock
   for (;;) {
     const auto [result, isLast] = look(wait, timedOut, [end] { return end - passedTime; });
     if (result != timedOut || isLast || clock != currentClock) return result;
