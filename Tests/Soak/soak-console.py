@@ -7,6 +7,7 @@ rest, and what the process has is counted. REPORT gets what came of it, as JSON.
 only if nothing happened that must not.
 """
 
+import ctypes
 import gc
 import json
 import os
@@ -22,6 +23,18 @@ import zephal
 TOKEN = re.compile(rb"(\d{3})\.(\d{5})\.(\d{7})(?:\.;\n|=> |\?.\d{7}\n)")
 PATIENCE = 20.0
 COUNTED_EVERY = 60.0
+
+
+class Mallinfo2(ctypes.Structure):
+    """What mallinfo2(3) returns."""
+
+    _fields_ = [(name, ctypes.c_size_t) for name in (
+        "arena", "ordblks", "smblks", "hblks", "hblkhd", "usmblks", "fsmblks", "uordblks",
+        "fordblks", "keepcost")]
+
+
+LIBC = ctypes.CDLL(None)
+LIBC.mallinfo2.restype = Mallinfo2
 
 
 class Checker:
@@ -134,9 +147,11 @@ def census(begin):
     gc.collect()
     with open("/proc/self/status", encoding="ascii") as status:
         values = dict(line.split(":", 1) for line in status)
+    heap = LIBC.mallinfo2()
     return {
         "seconds": round(time.monotonic() - begin, 1),
         "residentKiB": int(values["VmRSS"].split()[0]),
+        "heapBytes": heap.uordblks + heap.hblkhd,
         "threads": int(values["Threads"]),
         "descriptors": len(os.listdir("/proc/self/fd")) - 1,
     }
@@ -177,6 +192,7 @@ def main(arguments):
         json.dump(result, file)
     is_whole = not damage.total() and result["logLinesLost"] == 0 and result["late"] == 0
     grew = any(counts[-1][name] > counts[1][name] for name in ("threads", "descriptors"))
+    grew |= counts[-1]["heapBytes"] > counts[1]["heapBytes"] + 64 * 1024
     grew |= counts[-1]["residentKiB"] > counts[1]["residentKiB"] + 16 * 1024
     sys.exit(0 if is_whole and not grew else 1)
 

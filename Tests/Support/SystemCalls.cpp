@@ -210,7 +210,7 @@ std::string flagsText(int flags) {
       {O_NOCTTY, "|O_NOCTTY"}, {O_NONBLOCK, "|O_NONBLOCK"}, {O_CLOEXEC, "|O_CLOEXEC"},
       {O_CREAT, "|O_CREAT"},   {O_EXCL, "|O_EXCL"},         {O_TRUNC, "|O_TRUNC"},
       {O_APPEND, "|O_APPEND"}};
-  int rest = flags & ~O_ACCMODE;
+  int rest = flags & ~O_ACCMODE & ~O_LARGEFILE;  // 0 on 64-bit systems
   for (const auto& [flag, name] : names) {
     if ((rest & flag) == flag) text += name;
     rest &= ~flag;
