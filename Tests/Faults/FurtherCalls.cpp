@@ -113,8 +113,10 @@ hostent* __wrap_gethostbyname(const char* host) {
 
 }  // extern "C"
 
+#ifdef __GLIBCXX__
+
 // How a std::thread starts, with the linker's names; its call of pthread_create is in the C++
-// library.
+// library. That of libc++ is in a header, where pthread_create itself is intercepted.
 using ThreadState = std::unique_ptr<std::thread::_State>;
 void realStart(std::thread*, ThreadState, void (*)()) asm(
     "__real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE");
@@ -126,5 +128,7 @@ void startOrFail(std::thread* thread, ThreadState state, void (*depend)()) {
   if (number != 0) throw std::system_error(number, std::generic_category());
   realStart(thread, std::move(state), depend);
 }
+
+#endif
 
 }  // namespace support
