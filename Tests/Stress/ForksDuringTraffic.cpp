@@ -136,6 +136,8 @@ class Forks {
 
 }  // namespace
 
-void forksDuringTraffic(Dice& dice) { Forks(dice).run(); }
+void forksDuringTraffic(Dice& dice) {
+  if (canChildAlwaysAllocate()) Forks(dice).run();
+}
 
 }  // namespace support

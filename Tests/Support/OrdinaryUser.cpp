@@ -106,6 +106,14 @@ ChildResult run(const ChildFunction& function, bool asNobody) {
 
 ChildResult runInChild(const ChildFunction& function) { return run(function, false); }
 
+bool canChildAlwaysAllocate() {
+#ifdef __SANITIZE_ADDRESS__
+  return false;
+#else
+  return true;
+#endif
+}
+
 ChildResult runAsOrdinaryUser(const ChildFunction& function) {
   return run(function, ::geteuid() == 0);
 }
