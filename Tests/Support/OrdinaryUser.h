@@ -25,9 +25,9 @@ using ChildFunction = std::function<int(std::string* message)>;
 /// Runs `function` in a forked child and waits for the child to end.
 ChildResult runInChild(const ChildFunction& function);
 
-/// Whether a child can allocate memory even if other threads of its parent allocate at the moment of
-/// the fork. Not with AddressSanitizer: a lock of its allocator that is held at that moment stays
-/// held in the child, at least with g++ 12.
+/// Whether a child can allocate memory even if other threads of its parent allocate at the moment
+/// of the fork. Not with AddressSanitizer: a lock of its allocator that is held at that moment
+/// stays held in the child, at least with g++ 12.
 bool canChildAlwaysAllocate();
 
 /// Like runInChild, but as a user without privileges: "nobody" if we are root, otherwise the
