@@ -2,11 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 
 #include "Data Transformers Internal/ZPIEventGenerationTransformer.h"
 #include "Support/Chunks.h"
 #include "Support/ErrorExpectations.h"
+#include "Support/ProcessorTime.h"
 
 using namespace support;
 
@@ -316,22 +316,22 @@ TEST_F(ZPIEventGenerationTransformerTest, EveryCallMatchesTheReferenceImplementa
 TEST_F(ZPIEventGenerationTransformerTest, AMegabyteFullOfPatternsTakesLinearTime) {
   std::string chunk;
   for (int i = 0; i < 400'000; ++i) chunk += "--x";
-  const auto start = std::chrono::steady_clock::now();
+  const double start = processorTime();
   EXPECT_EQ(passed(*removing("--"), chunk), std::string(400'000, 'x'));
   EXPECT_EQ(passed(*marking("--"), chunk), chunk);
   EXPECT_EQ(actions, 800'000);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+  EXPECT_LT(processorTime() - start, 20.0);
 }
 
 TEST_F(ZPIEventGenerationTransformerTest, AMegabyteOfFalseStartsTakesLinearTime) {
   std::string chunk;
   for (int i = 0; i < 400'000; ++i) chunk += "-x";
-  const auto start = std::chrono::steady_clock::now();
+  const double start = processorTime();
   EXPECT_EQ(passed(*removing("--"), chunk), chunk);
   EXPECT_EQ(passed(*removing(std::string(1000, '-') + "x"), std::string(800'000, '-')),
             std::string(799'999, '-'));
   EXPECT_EQ(actions, 0);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+  EXPECT_LT(processorTime() - start, 20.0);
 }
 
 }  // namespace
