@@ -13,7 +13,8 @@ namespace {
 size_t threads() { return processStatus("Threads"); }
 
 // A test may end before threads that its objects leave behind: they end by themselves, and close
-// and free what they hold. The next test would count it.
+// and free what they hold. The next test would count it. Threads that have not ended after the
+// limit are taken for ones that stay, and no later test waits for them.
 class LateThreads : public testing::EmptyTestEventListener {
   void OnTestProgramStart(const testing::UnitTest&) override { _staying = threads(); }
 
